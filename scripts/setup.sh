@@ -1,0 +1,23 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages Plim builds and tests with, then builds it.
+# Usage: sudo scripts/setup.sh   (or as root)   BUILD_TYPE=Release|Sanitize|Debug
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+packages=(
+  build-essential cmake ninja-build pkg-config git
+  libgtest-dev libgmock-dev
+  nlohmann-json3-dev
+  libsdbus-c++-dev libsystemd-dev dbus-daemon dbus-bin
+  libxkbcommon-dev
+)
+
+SUDO=""
+[ "$(id -u)" -eq 0 ] || SUDO="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -q
+$SUDO apt-get install -y -q --no-install-recommends "${packages[@]}"
+
+build_type=${BUILD_TYPE:-Sanitize}
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE="$build_type"
+cmake --build build -j"$(nproc)"

@@ -1,0 +1,95 @@
+#include "base/json.h"
+
+#include <cmath>
+
+namespace plim {
+
+std::expected<Json, JsonReadError> parseJson(std::string_view text)
+{
+    Json value = Json::parse(text, nullptr, false);
+    if (value.is_discarded())
+        return std::unexpected(JsonReadError{JsonReadFailure::corrupt, "it is not valid JSON"});
+    return value;
+}
+
+std::expected<Json, JsonReadError> readJsonFile(const fs::path& path)
+{
+    auto bytes = readFileBytes(path);
+    if (!bytes) {
+        auto kind = bytes.error().kind == ReadFailure::absent ? JsonReadFailure::absent : JsonReadFailure::unreadable;
+        return std::unexpected(JsonReadError{kind, bytes.error().reason});
+    }
+    if (bytes->empty())
+        return std::unexpected(JsonReadError{JsonReadFailure::corrupt, "the file is empty"});
+    return parseJson(*bytes);
+}
+
+std::string encodeJson(const Json& value)
+{
+    return value.dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+}
+
+Status writeJsonAtomic(const fs::path& path, const Json& value)
+{
+    return writeFileAtomic(path, encodeJson(value));
+}
+
+const Json* jsonField(const Json& object, std::string_view key)
+{
+    if (!object.is_object())
+        return nullptr;
+    auto it = object.find(key);
+    if (it == object.end() || it->is_null())
+        return nullptr;
+    return &*it;
+}
+
+std::optional<double> jsonNumber(const Json& object, std::string_view key)
+{
+    const Json* v = jsonField(object, key);
+    if (!v || !v->is_number())
+        return std::nullopt;
+    double d = v->get<double>();
+    if (!std::isfinite(d))
+        return std::nullopt;
+    return d;
+}
+
+std::optional<int64_t> jsonAsInteger(const Json& value)
+{
+    if (value.is_number_integer()) {
+        if (value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(INT64_MAX))
+            return std::nullopt;
+        return value.get<int64_t>();
+    }
+    if (value.is_number_float()) {
+        double d = value.get<double>();
+        if (std::isfinite(d) && std::floor(d) == d && std::fabs(d) < 9.2e18)
+            return static_cast<int64_t>(d);
+    }
+    return std::nullopt;
+}
+
+std::optional<int64_t> jsonInteger(const Json& object, std::string_view key)
+{
+    const Json* v = jsonField(object, key);
+    return v ? jsonAsInteger(*v) : std::nullopt;
+}
+
+std::optional<std::string> jsonString(const Json& object, std::string_view key)
+{
+    const Json* v = jsonField(object, key);
+    if (!v || !v->is_string())
+        return std::nullopt;
+    return v->get<std::string>();
+}
+
+std::optional<bool> jsonBool(const Json& object, std::string_view key)
+{
+    const Json* v = jsonField(object, key);
+    if (!v || !v->is_boolean())
+        return std::nullopt;
+    return v->get<bool>();
+}
+
+} // namespace plim

@@ -1,0 +1,48 @@
+#pragma once
+// JSON as every Plim file writes it: keys sorted (nlohmann::json keeps objects in a
+// std::map), pretty-printed, written atomically. Readers are lenient, so the field
+// helpers return nothing for a missing or mistyped key instead of throwing.
+
+#include "base/error.h"
+#include "base/files.h"
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace plim {
+
+using Json = nlohmann::json;
+
+enum class JsonReadFailure { absent, unreadable, corrupt };
+
+struct JsonReadError {
+    JsonReadFailure kind;
+    std::string reason;
+};
+
+// Reads and parses a whole file. Never modifies it.
+std::expected<Json, JsonReadError> readJsonFile(const fs::path& path);
+
+// Parses text; a syntax error is `corrupt` with the parser's reason.
+std::expected<Json, JsonReadError> parseJson(std::string_view text);
+
+// Pretty-printed with two-space indents and sorted keys, ending in a newline.
+std::string encodeJson(const Json& value);
+
+Status writeJsonAtomic(const fs::path& path, const Json& value);
+
+// Lenient field access: nothing when the key is absent or holds another type.
+std::optional<double> jsonNumber(const Json& object, std::string_view key);
+// An integer, or a number with no fractional part that fits 64 bits.
+std::optional<int64_t> jsonInteger(const Json& object, std::string_view key);
+std::optional<std::string> jsonString(const Json& object, std::string_view key);
+std::optional<bool> jsonBool(const Json& object, std::string_view key);
+// The value at key when it is present and not null.
+const Json* jsonField(const Json& object, std::string_view key);
+
+std::optional<int64_t> jsonAsInteger(const Json& value);
+
+} // namespace plim

@@ -1,0 +1,194 @@
+#include "base/clock.h"
+#include "base/dates.h"
+#include "base/error.h"
+#include "base/files.h"
+#include "base/json.h"
+#include "base/log.h"
+#include "base/places.h"
+#include "base/settings.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+using namespace plim;
+using namespace plim::testkit;
+
+TEST(Files, SidecarReplacesTheExtension)
+{
+    EXPECT_EQ(sidecarPath("/x/screen.mov", "cursor.json"), fs::path("/x/screen.cursor.json"));
+    EXPECT_EQ(sidecarPath("/x/B copy.mov", "id.json"), fs::path("/x/B copy.id.json"));
+    EXPECT_EQ(sidecarPath("/x/noext", "keys.json"), fs::path("/x/noext.keys.json"));
+    EXPECT_EQ(baseName("/x/B.2.mov"), "B.2");
+    EXPECT_EQ(pathWithoutExtension("/x/B.mov"), "/x/B");
+}
+
+TEST(Files, ReadTellsAbsentFromUnreadable)
+{
+    TempDir dir;
+    auto absent = readFileBytes(dir / "nothing");
+    ASSERT_FALSE(absent);
+    EXPECT_EQ(absent.error().kind, ReadFailure::absent);
+
+    writeText(dir / "locked", "secret");
+    chmod((dir / "locked").c_str(), 0);
+    if (geteuid() != 0) {
+        auto locked = readFileBytes(dir / "locked");
+        ASSERT_FALSE(locked);
+        EXPECT_EQ(locked.error().kind, ReadFailure::unreadable);
+    }
+}
+
+TEST(Files, AtomicWriteReplacesWholeAndLeavesNoTemporary)
+{
+    TempDir dir;
+    writeText(dir / "a.json", "old");
+    ASSERT_TRUE(writeFileAtomic(dir / "a.json", "new contents"));
+    EXPECT_EQ(readText(dir / "a.json"), "new contents");
+    int entries = 0;
+    for (auto& e : fs::directory_iterator(dir.path())) {
+        (void)e;
+        ++entries;
+    }
+    EXPECT_EQ(entries, 1);
+
+    // A folder that does not exist: an error sentence, nothing created.
+    auto failed = writeFileAtomic(dir / "missing" / "b.json", "x");
+    ASSERT_FALSE(failed);
+    EXPECT_NE(failed.error().sentence.find("Could not write"), std::string::npos);
+    EXPECT_FALSE(fs::exists(dir / "missing"));
+}
+
+TEST(Json, WrittenSortedPrettyAndReadLeniently)
+{
+    TempDir dir;
+    Json j = {{"zeta", 1}, {"alpha", 2.5}, {"mid", "x"}};
+    ASSERT_TRUE(writeJsonAtomic(dir / "v.json", j));
+    std::string text = readText(dir / "v.json");
+    EXPECT_LT(text.find("alpha"), text.find("mid"));
+    EXPECT_LT(text.find("mid"), text.find("zeta"));
+    EXPECT_NE(text.find("\n  \""), std::string::npos);
+
+    auto back = readJsonFile(dir / "v.json");
+    ASSERT_TRUE(back);
+    EXPECT_EQ(jsonInteger(*back, "zeta"), 1);
+    EXPECT_EQ(jsonNumber(*back, "alpha"), 2.5);
+    EXPECT_EQ(jsonInteger(*back, "alpha"), std::nullopt);
+    EXPECT_EQ(jsonString(*back, "zeta"), std::nullopt);
+    EXPECT_EQ(jsonBool(*back, "nothing"), std::nullopt);
+
+    writeText(dir / "bad.json", "{ \"a\": ");
+    auto bad = readJsonFile(dir / "bad.json");
+    ASSERT_FALSE(bad);
+    EXPECT_EQ(bad.error().kind, JsonReadFailure::corrupt);
+    EXPECT_EQ(readText(dir / "bad.json"), "{ \"a\": ");
+    writeText(dir / "empty.json", "");
+    EXPECT_EQ(readJsonFile(dir / "empty.json").error().kind, JsonReadFailure::corrupt);
+    EXPECT_EQ(readJsonFile(dir / "none.json").error().kind, JsonReadFailure::absent);
+}
+
+TEST(Places, FollowTheXdgVariables)
+{
+    XdgSandbox sandbox;
+    EXPECT_EQ(Places::home(), sandbox.home());
+    EXPECT_EQ(Places::dataHome(), sandbox.home() / ".local/share");
+    EXPECT_EQ(Places::settingsFile(), sandbox.home() / ".config/plim/settings.json");
+    EXPECT_EQ(Places::videosDir(), sandbox.videos());
+
+    ScopedEnv noVideos("XDG_VIDEOS_DIR", std::nullopt);
+    EXPECT_EQ(Places::videosDir(), std::nullopt);
+    fs::create_directories(sandbox.home() / ".config");
+    writeText(sandbox.home() / ".config/user-dirs.dirs", "# comment\nXDG_VIDEOS_DIR=\"$HOME/Filme\"\n");
+    EXPECT_EQ(Places::videosDir(), sandbox.home() / "Filme");
+    writeText(sandbox.home() / ".config/user-dirs.dirs", "XDG_VIDEOS_DIR=\"$HOME/\"\n");
+    EXPECT_EQ(Places::videosDir(), std::nullopt);
+
+    ScopedEnv relative("XDG_DATA_HOME", "relative/path");
+    EXPECT_EQ(Places::dataHome(), sandbox.home() / ".local/share");
+}
+
+TEST(Settings, RoundTripAndRefuseToReplaceADamagedFile)
+{
+    TempDir dir;
+    FileSettingsStore store(dir / "conf" / "settings.json");
+    EXPECT_TRUE(store.boolean("captions.enabled", true));
+    ASSERT_TRUE(store.setValue("captions.enabled", false));
+    ASSERT_TRUE(store.setValue("shareScale", 0.5));
+    EXPECT_FALSE(store.boolean("captions.enabled", true));
+    EXPECT_EQ(store.number("shareScale", 1), 0.5);
+    EXPECT_EQ(store.string("shareScale", "fallback"), "fallback");
+    ASSERT_TRUE(store.remove("shareScale"));
+    EXPECT_EQ(store.value("shareScale"), std::nullopt);
+
+    writeText(store.path(), "not json");
+    EXPECT_TRUE(store.boolean("captions.enabled", true));
+    auto refused = store.setValue("captions.enabled", true);
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().sentence.find("was left as it is"), std::string::npos);
+    EXPECT_EQ(readText(store.path()), "not json");
+}
+
+TEST(Dates, Iso8601RoundTripAndRejects)
+{
+    auto t = parseIso8601("2026-11-22T21:04:05Z");
+    ASSERT_TRUE(t);
+    EXPECT_EQ(iso8601(*t), "2026-11-22T21:04:05Z");
+    EXPECT_EQ(parseIso8601("2026-11-22T23:04:05+02:00"), t);
+    EXPECT_EQ(readableDate(*t), "Nov 22, 2026 at 9:04:05 PM");
+    auto frac = parseIso8601("2026-11-22T21:04:05.250Z");
+    ASSERT_TRUE(frac);
+    EXPECT_EQ(std::chrono::duration_cast<std::chrono::milliseconds>(*frac - *t).count(), 250);
+    EXPECT_FALSE(parseIso8601("2026-11-22 21:04:05"));
+    EXPECT_FALSE(parseIso8601("2026-13-22T21:04:05Z"));
+    EXPECT_FALSE(parseIso8601("2026-11-22T21:04:05Zjunk"));
+}
+
+TEST(Dates, UuidsAreWellFormedAndDistinct)
+{
+    std::string a = makeUuid(), b = makeUuid();
+    EXPECT_TRUE(isUuid(a));
+    EXPECT_NE(a, b);
+    EXPECT_EQ(a[14], '4');
+    EXPECT_FALSE(isUuid("not-a-uuid"));
+    EXPECT_FALSE(isUuid("E621E1F8-C36C-495A-93FC-0C247A3E6E5G"));
+}
+
+TEST(Log, CaptureSeesPrefixedLines)
+{
+    LogCapture capture;
+    logLine(LogArea::share, "wrote a movie");
+    logLine("Plim: plain line");
+    auto lines = capture.lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0], "Plim share: wrote a movie");
+    EXPECT_TRUE(capture.contains("plain line"));
+}
+
+static Result<int> half(int v)
+{
+    if (v % 2)
+        return fail("odd");
+    return v / 2;
+}
+
+static Result<int> quarter(int v)
+{
+    int h = PLIM_TRY(half(v));
+    return PLIM_TRY(half(h));
+}
+
+TEST(Error, TryPassesErrorsUp)
+{
+    EXPECT_EQ(quarter(8), 2);
+    EXPECT_EQ(quarter(6).error().sentence, "odd");
+}
+
+TEST(Clock, ManualClockMovesOnlyWhenTold)
+{
+    ManualClock clock(5);
+    EXPECT_EQ(clock.uptime(), 5);
+    clock.advance(0.5);
+    EXPECT_EQ(clock.uptime(), 5.5);
+    double a = UptimeClock::shared().uptime();
+    EXPECT_GE(UptimeClock::shared().uptime(), a);
+}

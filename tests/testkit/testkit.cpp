@@ -1,0 +1,159 @@
+#include "testkit/testkit.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern char** environ;
+
+namespace plim::testkit {
+
+TempDir::TempDir()
+{
+    std::string pattern = (fs::temp_directory_path() / "plim-test-XXXXXX").string();
+    if (!mkdtemp(pattern.data()))
+        throw std::runtime_error("mkdtemp failed");
+    m_path = pattern;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    // Restore permissions that tests took away so the folder can be removed.
+    for (auto it = fs::recursive_directory_iterator(m_path, fs::directory_options::skip_permission_denied, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec))
+        fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+    fs::remove_all(m_path, ec);
+}
+
+ScopedEnv::ScopedEnv(std::string name, std::optional<std::string> value) : m_name(std::move(name))
+{
+    if (const char* old = std::getenv(m_name.c_str()))
+        m_old = old;
+    if (value)
+        setenv(m_name.c_str(), value->c_str(), 1);
+    else
+        unsetenv(m_name.c_str());
+}
+
+ScopedEnv::~ScopedEnv()
+{
+    if (m_old)
+        setenv(m_name.c_str(), m_old->c_str(), 1);
+    else
+        unsetenv(m_name.c_str());
+}
+
+XdgSandbox::XdgSandbox()
+    : m_home("HOME", m_dir.path().string())
+    , m_data("XDG_DATA_HOME", (m_dir.path() / ".local/share").string())
+    , m_config("XDG_CONFIG_HOME", (m_dir.path() / ".config").string())
+    , m_cache("XDG_CACHE_HOME", (m_dir.path() / ".cache").string())
+    , m_videos("XDG_VIDEOS_DIR", (m_dir.path() / "Videos").string())
+{
+}
+
+std::string readText(const fs::path& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void writeText(const fs::path& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+static int spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, int outFd, int errFd)
+{
+    pid_t pid = fork();
+    if (pid == 0) {
+        if (outFd >= 0)
+            dup2(outFd, 1);
+        if (errFd >= 0)
+            dup2(errFd, 2);
+        for (auto& kv : extraEnv)
+            putenv(strdup(kv.c_str()));
+        std::vector<char*> args;
+        for (auto& a : argv)
+            args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv,
+    std::optional<fs::path> stdoutFile, std::optional<fs::path> stderrFile)
+{
+    int outFd = stdoutFile ? open(stdoutFile->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
+    int errFd = stderrFile ? open(stderrFile->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
+    m_pid = spawn(argv, extraEnv, outFd, errFd);
+    if (outFd >= 0)
+        close(outFd);
+    if (errFd >= 0)
+        close(errFd);
+}
+
+ChildProcess::~ChildProcess() { terminate(); }
+
+int ChildProcess::wait()
+{
+    if (m_reaped || m_pid <= 0)
+        return -1;
+    int status = 0;
+    while (waitpid(m_pid, &status, 0) < 0 && errno == EINTR) {
+    }
+    m_reaped = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+void ChildProcess::terminate()
+{
+    if (m_reaped || m_pid <= 0)
+        return;
+    kill(m_pid, SIGTERM);
+    for (int i = 0; i < 100; ++i) {
+        int status;
+        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
+            m_reaped = true;
+            return;
+        }
+        usleep(20000);
+    }
+    kill(m_pid, SIGKILL);
+    wait();
+}
+
+CommandResult runCommand(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv)
+{
+    TempDir dir;
+    CommandResult result;
+    {
+        ChildProcess child(argv, extraEnv, dir / "out", dir / "err");
+        result.status = child.wait();
+    }
+    result.out = readText(dir / "out");
+    result.err = readText(dir / "err");
+    return result;
+}
+
+fs::path builtExecutable(const std::string& name)
+{
+    // Test executables live in build/tests; the programs in build/src.
+    fs::path self = fs::read_symlink("/proc/self/exe");
+    return self.parent_path().parent_path() / "src" / name;
+}
+
+} // namespace plim::testkit

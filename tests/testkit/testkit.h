@@ -1,0 +1,87 @@
+#pragma once
+// Helpers every test suite shares: temporary folders, scoped environment variables,
+// and child processes that are stopped by their process id.
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace plim::testkit {
+
+namespace fs = std::filesystem;
+
+// A fresh folder under the system's temporary folder, removed with everything in it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const fs::path& path() const { return m_path; }
+    fs::path operator/(const std::string& name) const { return m_path / name; }
+
+private:
+    fs::path m_path;
+};
+
+// Sets (or with nullopt unsets) an environment variable and restores it afterwards.
+class ScopedEnv {
+public:
+    ScopedEnv(std::string name, std::optional<std::string> value);
+    ~ScopedEnv();
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    std::string m_name;
+    std::optional<std::string> m_old;
+};
+
+// Points HOME and the XDG folders at a temporary folder for the life of the object.
+class XdgSandbox {
+public:
+    XdgSandbox();
+    const fs::path& home() const { return m_dir.path(); }
+    fs::path videos() const { return m_dir.path() / "Videos"; }
+
+private:
+    TempDir m_dir;
+    ScopedEnv m_home, m_data, m_config, m_cache, m_videos;
+};
+
+std::string readText(const fs::path& path);
+void writeText(const fs::path& path, const std::string& text);
+
+// A child process started with an argument vector; killed (SIGTERM, then SIGKILL) by pid
+// when the object goes away unless it has already been waited for.
+class ChildProcess {
+public:
+    // Standard output and error go to the given files when set.
+    explicit ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv = {},
+        std::optional<fs::path> stdoutFile = std::nullopt, std::optional<fs::path> stderrFile = std::nullopt);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+    int pid() const { return m_pid; }
+    // Waits for exit; returns the exit status, or 128 + signal.
+    int wait();
+    void terminate();
+
+private:
+    int m_pid = -1;
+    bool m_reaped = false;
+};
+
+// Runs a command to completion and returns its exit status, standard output and error.
+struct CommandResult {
+    int status = -1;
+    std::string out;
+    std::string err;
+};
+CommandResult runCommand(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
+
+// Path of a built executable (plim, plimctl) in the build tree.
+fs::path builtExecutable(const std::string& name);
+
+} // namespace plim::testkit
