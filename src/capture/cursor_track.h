@@ -1,0 +1,115 @@
+#pragma once
+// The pointer track of one plim: samples at 60 Hz, clicks, marks and the recorded
+// window's frame changes, written beside the screen movie as B.cursor.json.
+//
+// Times are whole milliseconds on the recorder's own clock (0 = recorder start, paused
+// time left out). Positions are global display points, origin at the top-left corner of
+// the main display, y growing downward (so a display above the main one has negative y).
+
+#include "base/error.h"
+#include "base/files.h"
+#include "base/json.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace plim {
+
+struct CursorSample {
+    int64_t t = 0;
+    double x = 0; // rounded to one decimal
+    double y = 0; // rounded to one decimal
+    int k = 0;    // 1 when a key went down less than 1/30 s before the sample
+    bool operator==(const CursorSample&) const = default;
+};
+
+// A left or right button press; not rounded.
+struct ClickEvent {
+    int64_t t = 0;
+    double x = 0;
+    double y = 0;
+    bool operator==(const ClickEvent&) const = default;
+};
+
+// An instant the user marked while recording.
+struct Mark {
+    int64_t t = 0;
+    bool operator==(const Mark&) const = default;
+};
+
+struct CursorTrack {
+    // From `t` on, the recorded window occupies this rectangle.
+    struct FrameKey {
+        int64_t t = 0;
+        double x = 0;
+        double y = 0;
+        double w = 0;
+        double h = 0;
+        bool operator==(const FrameKey&) const = default;
+    };
+
+    // A position inside the unit square of the region the movie shows.
+    struct UnitPoint {
+        double x = 0.5;
+        double y = 0.5;
+        bool operator==(const UnitPoint&) const = default;
+    };
+
+    // Why a track could not be read. The file is never modified by reading.
+    struct ReadError {
+        enum class Kind { absent, unreadable, corrupt, incomplete };
+        Kind kind = Kind::corrupt;
+        std::string sentence;
+        bool operator==(const ReadError&) const = default;
+    };
+
+    double displayX = 0;
+    double displayY = 0;
+    double displayWidth = 0;
+    double displayHeight = 0;
+    double scale = 1.0;
+    int64_t videoStartOffsetMS = 0;
+    std::optional<std::string> subjectKind;
+    std::optional<int64_t> cameraOffsetMS;
+    std::vector<CursorSample> samples;
+    std::vector<ClickEvent> clicks;
+    std::vector<Mark> marks;
+    std::vector<FrameKey> frames;
+
+    bool operator==(const CursorTrack&) const = default;
+
+    // The track of a connected-device recording, which has no pointer.
+    static CursorTrack deviceTrack(double pixelWidth, double pixelHeight);
+
+    // B.mov -> B.cursor.json
+    static fs::path fileBeside(const fs::path& movie);
+
+    // Sorted keys, pretty-printed; the optional keys are left out when absent and all
+    // four arrays are always present.
+    Json toJson() const;
+
+    // Lenient: missing optional keys take their defaults, unusable entries are dropped
+    // and sorted into time order with a logged notice naming `fileName`. Fails with a
+    // whole sentence when a geometry key (displayX, displayY, displayWidth,
+    // displayHeight, scale) is missing or not a number.
+    static std::expected<CursorTrack, ReadError> fromJson(const Json& json, std::string_view fileName);
+
+    // Writes atomically to fileBeside(movie).
+    Status write(const fs::path& movie) const;
+
+    // Reads fileBeside(movie); the file is left exactly as it is whatever happens.
+    static std::expected<CursorTrack, ReadError> read(const fs::path& movie);
+
+    // Maps a position at a track time into the unit square of the region the movie shows
+    // then: the display rectangle before the first frame key, else the last frame key at
+    // or before atMS. Degenerate rectangles give (0.5, 0.5); results are clamped to [0, 1].
+    UnitPoint normalized(double x, double y, int64_t atMS) const;
+};
+
+// Rounds to one decimal: the value times 10 rounded half away from zero, divided by 10.
+double roundToTenth(double value);
+
+} // namespace plim
