@@ -19,11 +19,13 @@ struct PlimClip {
 
     bool operator==(const PlimClip&) const = default;
 
-    // "7A4E0C11-0000-4000-8000-" followed by the number as twelve decimal digits.
+    // "7A4E0C11-0000-4000-8000-" followed by the number as twelve decimal digits
+    // (clamped to 0 ... 999999999999).
     static std::string idForNumber(long long number);
 
-    // The clip clamped to [0, rawDuration], ends put in order; nothing when a bound or the
-    // duration is not finite or the result is no longer than 1e-6 s. The id is kept.
+    // The clip with both ends clamped to [0, rawDuration]; nothing when a bound or the
+    // duration is not finite or the result is no longer than 1e-6 s (a clip whose end lies
+    // before its start is empty). The id is kept.
     std::optional<PlimClip> sanitized(double rawDuration) const;
 
     // {"id", "start", "end"}.
@@ -71,6 +73,8 @@ struct ClipTimeline {
 
     // Output time of a raw time in the first piece that holds it; nothing when no piece does.
     std::optional<double> outputTime(double raw) const;
+    // Output time of a raw time clamped into one piece; nothing for an index out of range.
+    std::optional<double> outputTimeIn(std::size_t piece, double raw) const;
     // Raw time shown at an output time; a time at or past the end maps to the last piece's end.
     std::optional<double> rawTime(double output) const;
     // The piece playing at an output time.
