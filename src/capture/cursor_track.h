@@ -106,7 +106,7 @@ struct CursorTrack {
     // Maps a position at a track time into the unit square of the region the movie shows
     // then: the display rectangle before the first frame key, else the last frame key at
     // or before atMS. Degenerate rectangles give (0.5, 0.5); results are clamped to [0, 1].
-    UnitPoint normalized(double x, double y, int64_t atMS) const;
+    UnitPoint normalized(double x, double y, double atMS) const;
 };
 
 // Rounds to one decimal: the value times 10 rounded half away from zero, divided by 10.

@@ -1,0 +1,222 @@
+#include "capture/keystroke_track.h"
+
+#include "base/log.h"
+
+#include <algorithm>
+
+namespace plim {
+
+namespace {
+
+// One decoded code point and where its bytes lie. Bytes that are not UTF-8 decode one by
+// one as U+FFFD, so any string can be walked.
+struct CodePoint {
+    char32_t value;
+    size_t begin;
+    size_t end;
+};
+
+std::vector<CodePoint> decodeUtf8(std::string_view text)
+{
+    std::vector<CodePoint> out;
+    size_t i = 0;
+    while (i < text.size()) {
+        unsigned char lead = static_cast<unsigned char>(text[i]);
+        size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
+        char32_t value = 0xFFFD;
+        if (length == 1) {
+            value = lead;
+        } else if (length > 1 && i + length <= text.size()) {
+            value = lead & (0xFF >> (length + 1));
+            for (size_t k = 1; k < length; ++k) {
+                unsigned char next = static_cast<unsigned char>(text[i + k]);
+                if ((next & 0xC0) != 0x80) {
+                    length = 0;
+                    break;
+                }
+                value = (value << 6) | (next & 0x3F);
+            }
+        } else {
+            length = 0;
+        }
+        if (length == 0) {
+            value = 0xFFFD;
+            length = 1;
+        }
+        out.push_back({value, i, i + length});
+        i += length;
+    }
+    return out;
+}
+
+// White space and line breaks: the Unicode separators, the ASCII controls tab to
+// carriage return, and NEL.
+bool isWhiteSpaceOrNewline(char32_t c)
+{
+    return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680
+        || (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
+}
+
+// Code points that belong to the character before them: combining marks, joiners,
+// variation selectors and emoji skin tones.
+bool extendsPrevious(char32_t c)
+{
+    return (c >= 0x0300 && c <= 0x036F) || (c >= 0x1AB0 && c <= 0x1AFF) || (c >= 0x1DC0 && c <= 0x1DFF)
+        || (c >= 0x20D0 && c <= 0x20FF) || (c >= 0xFE00 && c <= 0xFE0F) || (c >= 0xFE20 && c <= 0xFE2F)
+        || c == 0x200C || c == 0x200D || (c >= 0x1F3FB && c <= 0x1F3FF) || (c >= 0xE0020 && c <= 0xE007F)
+        || (c >= 0xE0100 && c <= 0xE01EF);
+}
+
+bool isRegionalIndicator(char32_t c) { return c >= 0x1F1E6 && c <= 0x1F1FF; }
+
+// Byte offsets at which each user-perceived character starts.
+std::vector<size_t> characterStarts(const std::vector<CodePoint>& points)
+{
+    std::vector<size_t> starts;
+    bool afterJoiner = false;
+    bool openFlag = false; // a first regional indicator waiting for its pair
+    for (size_t i = 0; i < points.size(); ++i) {
+        char32_t c = points[i].value;
+        bool joins = i > 0 && (extendsPrevious(c) || afterJoiner || (openFlag && isRegionalIndicator(c)));
+        if (!joins)
+            starts.push_back(points[i].begin);
+        openFlag = isRegionalIndicator(c) && !(joins && openFlag);
+        afterJoiner = c == 0x200D;
+    }
+    return starts;
+}
+
+struct CleanCaption {
+    std::string text;
+    bool changed = false;
+};
+
+CleanCaption cleanCaption(const std::string& caption)
+{
+    auto points = decodeUtf8(caption);
+    size_t first = 0, last = points.size();
+    while (first < last && isWhiteSpaceOrNewline(points[first].value))
+        ++first;
+    while (last > first && isWhiteSpaceOrNewline(points[last - 1].value))
+        --last;
+    if (first == last)
+        return {"", true};
+    std::string trimmed = caption.substr(points[first].begin, points[last - 1].end - points[first].begin);
+    auto trimmedPoints = decodeUtf8(trimmed);
+    auto starts = characterStarts(trimmedPoints);
+    if (starts.size() > KeystrokeTrack::maxCaptionCharacters)
+        trimmed.resize(starts[KeystrokeTrack::maxCaptionCharacters]);
+    bool changed = trimmed != caption;
+    return {std::move(trimmed), changed};
+}
+
+std::string plural(int n, std::string_view noun)
+{
+    std::string out = std::to_string(n) + std::string(noun);
+    if (n != 1)
+        out += "s";
+    return out;
+}
+
+} // namespace
+
+fs::path KeystrokeTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, "keys.json"); }
+
+Json KeystrokeTrack::toJson() const
+{
+    Json list = Json::array();
+    for (const auto& event : events)
+        list.push_back({{"t", event.t}, {"caption", event.caption}});
+    return Json{{"events", std::move(list)}};
+}
+
+std::optional<KeystrokeTrack> KeystrokeTrack::fromJson(const Json& json)
+{
+    const Json* list = jsonField(json, "events");
+    if (!list || !list->is_array())
+        return std::nullopt;
+    KeystrokeTrack track;
+    track.events.reserve(list->size());
+    for (const Json& entry : *list) {
+        auto t = jsonInteger(entry, "t");
+        auto caption = jsonString(entry, "caption");
+        if (!t || !caption)
+            return std::nullopt;
+        track.events.push_back({*t, std::move(*caption)});
+    }
+    return track;
+}
+
+Status KeystrokeTrack::write(const fs::path& movie) const
+{
+    return writeFileAtomic(fileBeside(movie), toJson().dump(-1, ' ', false, Json::error_handler_t::replace));
+}
+
+KeystrokeTrack::Sanitized KeystrokeTrack::sanitized(const std::vector<KeyEvent>& events)
+{
+    Sanitized out;
+    out.events.reserve(events.size());
+    for (const auto& event : events) {
+        if (event.t < 0) {
+            ++out.dropped;
+            continue;
+        }
+        CleanCaption clean = cleanCaption(event.caption);
+        if (clean.text.empty()) {
+            ++out.dropped;
+            continue;
+        }
+        if (clean.changed)
+            ++out.shortened;
+        out.events.push_back({event.t, std::move(clean.text)});
+    }
+    std::stable_sort(out.events.begin(), out.events.end(), [](const KeyEvent& a, const KeyEvent& b) { return a.t < b.t; });
+    return out;
+}
+
+std::string KeystrokeTrack::repairNotice(std::string_view fileName, int dropped, int shortened)
+{
+    std::vector<std::string> parts;
+    if (dropped > 0)
+        parts.push_back(plural(dropped, " unusable event") + " dropped");
+    if (shortened > 0)
+        parts.push_back(plural(shortened, " caption") + " longer than any real shortcut shortened to "
+            + std::to_string(maxCaptionCharacters) + " characters");
+    if (parts.empty())
+        parts.push_back("its events put back in time order");
+    std::string notice(fileName);
+    notice += " is not shaped the way Plim writes it: ";
+    for (size_t i = 0; i < parts.size(); ++i)
+        notice += (i ? ", " : "") + parts[i];
+    notice += ". The keycap row draws what was left; the file itself was not changed.";
+    return notice;
+}
+
+std::optional<KeystrokeTrack> KeystrokeTrack::read(const fs::path& movie)
+{
+    const fs::path path = fileBeside(movie);
+    auto json = readJsonFile(path);
+    if (!json)
+        return std::nullopt;
+    auto decoded = fromJson(*json);
+    if (!decoded)
+        return std::nullopt;
+    Sanitized clean = sanitized(decoded->events);
+    if (clean.events == decoded->events)
+        return decoded;
+    logLine(LogArea::main, repairNotice(path.filename().string(), clean.dropped, clean.shortened));
+    return KeystrokeTrack{std::move(clean.events)};
+}
+
+std::vector<KeyEvent> KeystrokeTrack::captions(double at, double linger) const
+{
+    std::vector<KeyEvent> out;
+    for (const auto& event : events) {
+        double shown = static_cast<double>(event.t) / 1000.0;
+        if (shown <= at && at <= shown + linger)
+            out.push_back(event);
+    }
+    return out;
+}
+
+} // namespace plim
