@@ -204,6 +204,11 @@ TEST(PlimIdentityIndexReconcile, FootageNewerThanItsIdIsReportedAndLeftAlone)
           "the footage moves. Nothing was changed, so anything referencing that id still resolves to \"B\" and may be "
           "playing the wrong plim. Put the files back under the names they had, or delete \"B.id.json\" so \"B\" is "
           "given an id of its own."});
+
+    // Without its movie there is no creation date to compare.
+    EXPECT_EQ(fileCreationDate(lib.folder / "Gone.mov"), std::nullopt);
+    lib.identity("Gone", "CCCCCCCC-2222-4333-8444-555555555555", "2020-02-03T04:05:06Z");
+    EXPECT_TRUE(PlimIdentityIndex::reconcile({"Gone"}, lib.folder).report.empty());
 }
 
 TEST(PlimIdentityIndexReconcile, SentencesComeInTheirOrder)

@@ -1,0 +1,10 @@
+#pragma once
+// The plims on disk: where the library folder is, the files of one plim, their
+// permanent identities, the records the library lists, and remembered locations.
+
+#include "library/plim_identity.h"
+#include "library/plim_identity_index.h"
+#include "library/plim_record.h"
+#include "library/plims_folder_move.h"
+#include "library/scoped_path_memory.h"
+#include "library/storage_root.h"
