@@ -1,0 +1,9 @@
+#pragma once
+// Staging: how a plim is dressed (StageSpec), where everything sits on the output canvas
+// (StageGeometry, DeviceFrameGeometry, ReframeMath) and what one output instant shows.
+
+#include "stage/device_frame.h"
+#include "stage/geometry_types.h"
+#include "stage/reframe_math.h"
+#include "stage/stage_geometry.h"
+#include "stage/stage_spec.h"
