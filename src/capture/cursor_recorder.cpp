@@ -1,0 +1,282 @@
+#include "capture/cursor_recorder.h"
+
+#include "base/log.h"
+
+#include <chrono>
+#include <cmath>
+#include <pthread.h>
+
+namespace plim {
+
+namespace {
+
+bool finite(double v) { return std::isfinite(v); }
+
+int64_t millisecondsFrom(double seconds)
+{
+    double ms = std::max(seconds, 0.0) * 1000.0;
+    if (!(ms < 9.2e18))
+        return INT64_MAX;
+    return static_cast<int64_t>(ms); // truncation toward zero
+}
+
+} // namespace
+
+CursorRecorder::CursorRecorder(const Display& display, std::optional<uint32_t> windowID, PointerSource& pointer,
+    ClickSource* clicks, const Clock& clock)
+    : m_pointer(pointer)
+    , m_clicks(clicks)
+    , m_clock(clock)
+    , m_windowID(windowID)
+{
+    m_track.displayX = display.x;
+    m_track.displayY = display.y;
+    m_track.displayWidth = display.width;
+    m_track.displayHeight = display.height;
+    m_track.scale = display.scale;
+}
+
+CursorRecorder::~CursorRecorder() { stop(); }
+
+void CursorRecorder::start(Polling polling)
+{
+    {
+        std::lock_guard lock(m_lock);
+        if (m_started || m_stopped)
+            return;
+        m_started = true;
+        m_startUptime = m_clock.uptime();
+    }
+    if (polling == Polling::timer) {
+        std::lock_guard lock(m_threadLock);
+        m_quit = false;
+        m_thread = std::thread([this] { pollLoop(); });
+    }
+
+    if (!m_clicks)
+        return;
+    {
+        std::lock_guard lock(m_lock);
+        if (m_stopped || m_clickToken)
+            return;
+    }
+    auto token = m_clicks->install([this](const ClickSource::Press& press) { handlePress(press); });
+    if (!token) {
+        logLine(LogArea::main, token.error().sentence);
+        return;
+    }
+    bool lateStop = false;
+    {
+        std::lock_guard lock(m_lock);
+        if (m_stopped || m_clickToken)
+            lateStop = true;
+        else
+            m_clickToken = *token;
+    }
+    if (lateStop)
+        m_clicks->remove(*token);
+}
+
+void CursorRecorder::pollLoop()
+{
+    pthread_setname_np(pthread_self(), "plim.cursor");
+    using namespace std::chrono;
+    const auto interval = duration_cast<steady_clock::duration>(duration<double>(pollInterval));
+    auto next = steady_clock::now();
+    std::unique_lock lock(m_threadLock);
+    while (!m_quit) {
+        lock.unlock();
+        pollOnce();
+        lock.lock();
+        next += interval;
+        auto now = steady_clock::now();
+        if (next + milliseconds(100) < now)
+            next = now; // fell far behind (suspend, stall): resume the cadence, don't burst
+        m_wake.wait_until(lock, next, [this] { return m_quit; });
+    }
+}
+
+void CursorRecorder::stopPollThread()
+{
+    std::thread thread;
+    {
+        std::lock_guard lock(m_threadLock);
+        m_quit = true;
+        thread = std::move(m_thread);
+    }
+    m_wake.notify_all();
+    if (thread.joinable()) {
+        if (thread.get_id() == std::this_thread::get_id())
+            thread.detach();
+        else
+            thread.join();
+    }
+}
+
+int64_t CursorRecorder::elapsedMS() const
+{
+    std::lock_guard lock(m_lock);
+    if (!m_started)
+        return 0;
+    double now = m_clock.uptime();
+    double e = now - m_startUptime - m_pausedAccum;
+    if (m_pausedSince)
+        e -= now - *m_pausedSince;
+    return millisecondsFrom(e);
+}
+
+void CursorRecorder::pollOnce()
+{
+    auto position = m_pointer.position();
+    if (!position || !finite(position->x) || !finite(position->y))
+        return;
+
+    bool frameDue = false;
+    {
+        std::lock_guard lock(m_lock);
+        if (!m_started)
+            return;
+        ++m_pollCount;
+        frameDue = m_windowID && m_pollCount % framePollEvery == 1;
+    }
+    if (frameDue)
+        recordWindowFrame();
+
+    double sinceKey = m_pointer.secondsSinceLastKeyDown();
+    int64_t ms = elapsedMS();
+
+    std::optional<CursorTrack> flushCopy;
+    std::optional<fs::path> flushMovie;
+    {
+        std::lock_guard lock(m_lock);
+        if (m_stopped || m_pausedFlag)
+            return;
+        m_track.samples.push_back(CursorSample{ms, roundToTenth(position->x), roundToTenth(position->y),
+            sinceKey < typingWindow ? 1 : 0});
+        if (m_flushMovie && m_track.samples.size() % flushEvery == 0) {
+            flushCopy = m_track;
+            flushMovie = m_flushMovie;
+        }
+    }
+    // An interim write that fails is replaced by the next one or by the final write.
+    if (flushCopy)
+        (void)flushCopy->write(*flushMovie);
+}
+
+void CursorRecorder::recordWindowFrame()
+{
+    std::optional<uint32_t> windowID;
+    {
+        std::lock_guard lock(m_lock);
+        windowID = m_windowID;
+    }
+    if (!windowID)
+        return;
+    auto frame = m_pointer.windowFrame(*windowID);
+    if (!frame || !finite(frame->x) || !finite(frame->y) || !finite(frame->width) || !finite(frame->height)
+        || !(frame->width > 0) || !(frame->height > 0))
+        return;
+    int64_t ms = elapsedMS();
+
+    std::lock_guard lock(m_lock);
+    CursorTrack::FrameKey previous{0, m_track.displayX, m_track.displayY, m_track.displayWidth, m_track.displayHeight};
+    if (!m_track.frames.empty())
+        previous = m_track.frames.back();
+    if (frame->x == previous.x && frame->y == previous.y && frame->width == previous.w && frame->height == previous.h)
+        return;
+    // Frames are kept while paused too, stamped with the paused clock.
+    if (!m_stopped)
+        m_track.frames.push_back(CursorTrack::FrameKey{ms, frame->x, frame->y, frame->width, frame->height});
+}
+
+void CursorRecorder::handlePress(const ClickSource::Press& press)
+{
+    if (press.button != ClickSource::Button::left && press.button != ClickSource::Button::right)
+        return;
+    if (!finite(press.x) || !finite(press.y))
+        return;
+    int64_t ms = elapsedMS();
+    std::lock_guard lock(m_lock);
+    if (m_stopped || m_pausedFlag)
+        return;
+    m_track.clicks.push_back(ClickEvent{ms, press.x, press.y});
+}
+
+void CursorRecorder::setPaused(bool paused)
+{
+    std::lock_guard lock(m_lock);
+    double now = m_clock.uptime();
+    if (paused) {
+        if (!m_pausedSince) {
+            m_pausedSince = now;
+            m_pausedFlag = true;
+        }
+    } else if (m_pausedSince) {
+        m_pausedAccum += now - *m_pausedSince;
+        m_pausedSince.reset();
+        m_pausedFlag = false;
+    }
+}
+
+void CursorRecorder::mark()
+{
+    int64_t ms = elapsedMS();
+    std::lock_guard lock(m_lock);
+    if (m_stopped || m_pausedFlag)
+        return;
+    m_track.marks.push_back(Mark{ms});
+}
+
+CursorTrack CursorRecorder::stop()
+{
+    stopPollThread();
+    std::optional<ClickSource::Token> token;
+    CursorTrack copy;
+    {
+        std::lock_guard lock(m_lock);
+        m_stopped = true;
+        token = std::exchange(m_clickToken, std::nullopt);
+        copy = m_track;
+    }
+    if (token && m_clicks)
+        m_clicks->remove(*token);
+    return copy;
+}
+
+void CursorRecorder::setFlushMovie(std::optional<fs::path> movie)
+{
+    std::lock_guard lock(m_lock);
+    m_flushMovie = std::move(movie);
+}
+
+double CursorRecorder::startUptime() const
+{
+    std::lock_guard lock(m_lock);
+    return m_startUptime;
+}
+
+CursorTrack CursorRecorder::snapshot() const
+{
+    std::lock_guard lock(m_lock);
+    return m_track;
+}
+
+bool CursorRecorder::isPaused() const
+{
+    std::lock_guard lock(m_lock);
+    return m_pausedFlag;
+}
+
+bool CursorRecorder::isStopped() const
+{
+    std::lock_guard lock(m_lock);
+    return m_stopped;
+}
+
+bool CursorRecorder::isClickMonitorInstalled() const
+{
+    std::lock_guard lock(m_lock);
+    return m_clickToken.has_value();
+}
+
+} // namespace plim
