@@ -1,0 +1,327 @@
+#include "library/plim_edits.h"
+
+#include "base/dates.h"
+#include "base/files.h"
+#include "base/log.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+
+namespace plim {
+
+namespace {
+
+constexpr std::array<std::string_view, 18> planKeys{"zooms", "skips", "cameraCorner", "cameraX", "cameraY",
+    "masks", "cameraScale", "cameraShape", "trimIn", "trimOut", "cuts", "cameraMirror", "cameraBorder", "splits",
+    "fadeIn", "fadeOut", "taps", "clips"};
+constexpr std::array<std::string_view, 6> editsKeys{
+    "version", "writtenBy", "voiceovers", "captionsFile", "look", "aimedZooms"};
+
+bool isKnownKey(std::string_view key)
+{
+    return std::find(planKeys.begin(), planKeys.end(), key) != planKeys.end() ||
+        std::find(editsKeys.begin(), editsKeys.end(), key) != editsKeys.end();
+}
+
+std::string trimmed(std::string_view text)
+{
+    const char* space = " \t\r\n\f\v";
+    auto first = text.find_first_not_of(space);
+    if (first == std::string_view::npos)
+        return {};
+    auto last = text.find_last_not_of(space);
+    return std::string(text.substr(first, last - first + 1));
+}
+
+std::optional<std::string> uuidText(const Json& value)
+{
+    if (!value.is_string())
+        return std::nullopt;
+    std::string text = value.get<std::string>();
+    if (!isUuid(text))
+        return std::nullopt;
+    for (char& c : text)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+}
+
+bool allFinite(const Json& value)
+{
+    if (value.is_number_float())
+        return std::isfinite(value.get<double>());
+    if (value.is_array() || value.is_object())
+        for (const auto& item : value)
+            if (!allFinite(item))
+                return false;
+    return true;
+}
+
+std::string kindOfJson(const Json& value)
+{
+    if (value.is_array())
+        return "a list";
+    if (value.is_string())
+        return "a piece of text";
+    if (value.is_number())
+        return "a number";
+    if (value.is_boolean())
+        return "a true-or-false value";
+    return "nothing";
+}
+
+// The parser's own description, without the library's bracketed tag, as one sentence.
+std::string parseFailureDescription(std::string_view text)
+{
+    try {
+        Json parsed = Json::parse(text);
+        (void)parsed;
+    } catch (const Json::parse_error& e) {
+        std::string what = e.what();
+        if (auto close = what.find("] "); what.rfind("[json.exception", 0) == 0 && close != std::string::npos)
+            what = what.substr(close + 2);
+        if (!what.empty())
+            what[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(what[0])));
+        if (!what.empty() && what.back() != '.')
+            what += '.';
+        return what;
+    } catch (const std::exception& e) {
+        return std::string("It is not valid JSON (") + e.what() + ").";
+    }
+    return "It is not valid JSON.";
+}
+
+std::optional<Json> readPlim3Stage(const fs::path& movie)
+{
+    fs::path path = sidecarPath(movie, "stage.json");
+    auto json = readJsonFile(path);
+    if (!json) {
+        if (json.error().kind != JsonReadFailure::absent)
+            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().reason +
+                    "), so this plim wears the usual look. The file was left as it is.");
+        return std::nullopt;
+    }
+    if (!json->is_object()) {
+        logLine(LogArea::main, path.filename().string() +
+                " does not hold a stage look, so this plim wears the usual look. The file was left as it is.");
+        return std::nullopt;
+    }
+    return *json;
+}
+
+} // namespace
+
+std::string plimNameAndVersion() { return "Plim " + std::string(plimVersion); }
+
+std::string refusedEditsSentence(std::string_view sourceName, std::optional<std::string> writtenBy, int64_t version)
+{
+    std::string writer = writtenBy ? trimmed(*writtenBy) : std::string();
+    if (writer.empty())
+        writer = "a newer Plim (edit format " + std::to_string(version) + ")";
+    return std::string(sourceName) + " was saved by " + writer + ", which is newer than this " +
+        plimNameAndVersion() + ". " + "To open its edits here, update Plim with Check for Updates. " +
+        "Nothing in the file was changed.";
+}
+
+std::string unreadableEditsSentence(std::string_view sourceName, std::string_view description)
+{
+    return std::string(sourceName) + " could not be read at all, so this plim falls back to " +
+        "its automatic edit. The file was left as it is. The file says: " + std::string(description);
+}
+
+Json PlimEdits::Voiceover::toJson() const
+{
+    return Json{{"id", id}, {"start", start}, {"duration", duration}, {"file", file}, {"micUnder", micUnder}};
+}
+
+std::optional<PlimEdits::Voiceover> PlimEdits::Voiceover::fromJson(const Json& value)
+{
+    if (!value.is_object())
+        return std::nullopt;
+    const Json* idJson = jsonField(value, "id");
+    auto id = idJson ? uuidText(*idJson) : std::nullopt;
+    auto start = jsonNumber(value, "start");
+    auto duration = jsonNumber(value, "duration");
+    auto file = jsonString(value, "file");
+    if (!id || !start || !duration || !file || *start < 0 || *duration < 0 || file->empty())
+        return std::nullopt;
+    Voiceover out{*id, *start, *duration, *file};
+    if (jsonField(value, "micUnder")) {
+        auto gain = jsonNumber(value, "micUnder");
+        if (!gain)
+            return std::nullopt;
+        out.micUnder = std::clamp(*gain, 0.0, 1.0);
+    }
+    return out;
+}
+
+bool PlimEdits::isAimed(std::string_view zoomID) const
+{
+    if (std::find(aimedZooms.begin(), aimedZooms.end(), zoomID) == aimedZooms.end())
+        return false;
+    return std::any_of(plan.zooms.begin(), plan.zooms.end(), [&](const ZoomBlock& z) { return z.id == zoomID; });
+}
+
+PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sourceName, std::optional<Json> plim3Stage,
+    std::vector<std::string>* droppedKeys)
+{
+    auto withStage = [&](ReadResult result) {
+        result.plim3Stage = plim3Stage;
+        return result;
+    };
+    if (!value.is_object())
+        return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
+            sourceName, "It holds " + kindOfJson(value) + " where the edits belong.")));
+
+    std::optional<std::string> writtenBy = jsonString(value, "writtenBy");
+    int64_t version = 1;
+    if (const Json* v = jsonField(value, "version")) {
+        auto whole = jsonAsInteger(*v);
+        if (!whole)
+            return withStage(
+                ReadResult::ofUnreadable(unreadableEditsSentence(sourceName, "The version field is not a whole number.")));
+        version = *whole;
+    }
+    if (version >= 3)
+        return withStage(ReadResult::ofRefused(refusedEditsSentence(sourceName, writtenBy, version)));
+    if (version < 1)
+        return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
+            sourceName, "The version field says " + std::to_string(version) + ", and edit formats start at 1.")));
+
+    PlanNoticeBatch batch;
+    auto plan = EditPlan::fromJson(value, std::string(sourceName));
+    if (!plan)
+        return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(sourceName, plan.error().sentence)));
+
+    PlimEdits edits;
+    edits.plan = std::move(*plan);
+    edits.version = version;
+    edits.writtenBy = writtenBy;
+    edits.plim3Stage = plim3Stage;
+
+    std::vector<std::string> dropped;
+    auto drop = [&](std::string key) {
+        if (std::find(dropped.begin(), dropped.end(), key) == dropped.end())
+            dropped.push_back(std::move(key));
+    };
+
+    if (const Json* list = jsonField(value, "aimedZooms")) {
+        if (!list->is_array()) {
+            drop("aimedZooms");
+        } else {
+            for (const Json& item : *list) {
+                auto id = uuidText(item);
+                if (!id)
+                    drop("aimedZooms");
+                else if (std::find(edits.aimedZooms.begin(), edits.aimedZooms.end(), *id) == edits.aimedZooms.end())
+                    edits.aimedZooms.push_back(*id);
+            }
+        }
+    }
+    if (jsonField(value, "captionsFile")) {
+        auto name = jsonString(value, "captionsFile");
+        if (name && !trimmed(*name).empty())
+            edits.captionsFile = *name;
+        else
+            drop("captionsFile");
+    }
+    if (const Json* lookJson = jsonField(value, "look")) {
+        auto look = PlimLook::fromJson(*lookJson);
+        if (look.notAnObject) {
+            drop("look");
+        } else {
+            edits.look = look.look;
+            for (auto& key : look.droppedKeys)
+                drop("look." + key);
+        }
+    }
+    if (const Json* list = jsonField(value, "voiceovers")) {
+        if (!list->is_array()) {
+            drop("voiceovers");
+        } else {
+            for (const Json& item : *list) {
+                if (auto voice = Voiceover::fromJson(item))
+                    edits.voiceovers.push_back(*voice);
+                else
+                    drop("voiceovers");
+            }
+        }
+    }
+    if (value.contains("writtenBy") && !value["writtenBy"].is_null() && !writtenBy)
+        drop("writtenBy");
+
+    for (auto it = value.begin(); it != value.end(); ++it)
+        if (!isKnownKey(it.key()))
+            edits.unknownKeys[it.key()] = it.value();
+
+    if (!dropped.empty())
+        PlanNoticeBatch::add(plan_notices::droppedFields(sourceName, dropped));
+    if (droppedKeys)
+        *droppedKeys = dropped;
+    return withStage(ReadResult::ofEdits(std::move(edits)));
+}
+
+PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
+{
+    std::optional<Json> stage = readPlim3Stage(besideMovie);
+    fs::path path = sidecarPath(besideMovie, "edits.json");
+    std::string name = path.filename().string();
+    auto finish = [&](ReadResult result) {
+        result.plim3Stage = stage;
+        if (result.kind == ReadResult::Kind::refused || result.kind == ReadResult::Kind::unreadable)
+            logLine(LogArea::main, result.sentence);
+        return result;
+    };
+
+    auto bytes = readFileBytes(path);
+    if (!bytes) {
+        if (bytes.error().kind == ReadFailure::absent)
+            return finish(ReadResult::ofNone());
+        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().reason)));
+    }
+    if (bytes->empty())
+        return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, "The file is empty.")));
+    Json value = Json::parse(*bytes, nullptr, false);
+    if (value.is_discarded())
+        return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, parseFailureDescription(*bytes))));
+    return finish(decode(value, name, stage));
+}
+
+Json PlimEdits::toJson(std::string_view writer) const
+{
+    Json out = unknownKeys.is_object() ? unknownKeys : Json::object();
+    Json planJson = plan.toJson();
+    if (planJson.is_object())
+        for (auto it = planJson.begin(); it != planJson.end(); ++it)
+            out[it.key()] = it.value();
+    out["version"] = currentVersion;
+    out["writtenBy"] = std::string(writer);
+    Json voices = Json::array();
+    for (auto& v : voiceovers)
+        voices.push_back(v.toJson());
+    out["voiceovers"] = voices;
+    if (captionsFile)
+        out["captionsFile"] = *captionsFile;
+    else
+        out.erase("captionsFile");
+    if (look)
+        out["look"] = look->toJson();
+    else
+        out.erase("look");
+    out["aimedZooms"] = aimedZooms;
+    return out;
+}
+
+Status PlimEdits::write(const fs::path& besideMovie, std::string_view writer) const
+{
+    fs::path path = sidecarPath(besideMovie, "edits.json");
+    Json json = toJson(writer);
+    if (!allFinite(json))
+        return fail("The edits for " + baseName(besideMovie) +
+                    " hold a number that is not finite, so they were not written. " + path.filename().string() +
+                    " was left as it was.");
+    return writeJsonAtomic(path, json);
+}
+
+} // namespace plim

@@ -1,0 +1,96 @@
+#pragma once
+// Every user edit of one plim, as stored in its edits sidecar (B.edits.json): the edit
+// plan's keys plus the keys of the second format version (voiceovers, captions file,
+// look, hand-aimed zooms). Versions 1 and 2 are read; a newer file is refused and never
+// rewritten by reading; a damaged field costs that field only.
+
+#include "base/error.h"
+#include "base/json.h"
+#include "library/plim_look.h"
+#include "plan/edit_plan.h"
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace plim {
+
+// This application's version, as written into "writtenBy" and named in refusals.
+inline constexpr std::string_view plimVersion = "0.1.0";
+// "Plim 0.1.0".
+std::string plimNameAndVersion();
+
+struct PlimEdits {
+    static constexpr int64_t currentVersion = 2;
+
+    // Narration recorded against the plim; times in source seconds.
+    struct Voiceover {
+        std::string id;       // UUID text
+        double start = 0;
+        double duration = 0;
+        std::string file;     // sound file name in the plim's folder
+        double micUnder = 0.25; // gain of the recorded sound while the voice plays
+
+        bool operator==(const Voiceover&) const = default;
+        Json toJson() const;
+        // Nothing when a key is missing or mistyped, or a time is negative.
+        static std::optional<Voiceover> fromJson(const Json& value);
+    };
+
+    EditPlan plan;
+    int64_t version = currentVersion;       // as read; always written as currentVersion
+    std::optional<std::string> writtenBy;   // as read
+    std::vector<Voiceover> voiceovers;
+    std::optional<std::string> captionsFile;
+    std::optional<PlimLook> look;
+    std::vector<std::string> aimedZooms;    // ids of zoom blocks aimed by hand
+    // Top-level keys this version does not know, written back unchanged.
+    Json unknownKeys = Json::object();
+    // The stage specification of an older B.stage.json beside the movie, as raw JSON for
+    // the stage to decode; it applies while the plim has no look. Never written here.
+    std::optional<Json> plim3Stage;
+
+    bool operator==(const PlimEdits&) const = default;
+
+    struct ReadResult;
+
+    // Reads B.edits.json (and an older B.stage.json) beside the movie. Never writes.
+    // Dropped fields are logged as notices naming the file.
+    static ReadResult read(const fs::path& besideMovie);
+
+    // Decodes an edits object: refused for a newer version, unreadable for any other
+    // failure (the sentences name `sourceName`). `droppedKeys` collects the version-2
+    // keys that could not be kept (the plan's own keys are in the plan's report).
+    static ReadResult decode(const Json& value, std::string_view sourceName,
+        std::optional<Json> plim3Stage = std::nullopt, std::vector<std::string>* droppedKeys = nullptr);
+
+    // The whole object with "version" = currentVersion and "writtenBy".
+    Json toJson(std::string_view writtenBy) const;
+    // Writes B.edits.json atomically; fails without touching the file when a number is
+    // not finite or the write fails.
+    Status write(const fs::path& besideMovie, std::string_view writtenBy) const;
+
+    // Zoom ids aimed by hand that still name a zoom block.
+    bool isAimed(std::string_view zoomID) const;
+};
+
+struct PlimEdits::ReadResult {
+    enum class Kind { edits, refused, unreadable, none };
+    Kind kind = Kind::none;
+    PlimEdits edits;        // meaningful for `edits`
+    std::string sentence;   // meaningful for `refused` and `unreadable`
+    std::optional<Json> plim3Stage; // read from B.stage.json whatever the kind
+
+    static ReadResult ofEdits(PlimEdits e) { return {Kind::edits, std::move(e), {}, {}}; }
+    static ReadResult ofRefused(std::string s) { return {Kind::refused, {}, std::move(s), {}}; }
+    static ReadResult ofUnreadable(std::string s) { return {Kind::unreadable, {}, std::move(s), {}}; }
+    static ReadResult ofNone() { return {}; }
+};
+
+// The refusal sentence for an edits file of a newer format.
+std::string refusedEditsSentence(std::string_view sourceName, std::optional<std::string> writtenBy, int64_t version);
+// The sentence for an edits file that could not be decoded.
+std::string unreadableEditsSentence(std::string_view sourceName, std::string_view description);
+
+} // namespace plim
