@@ -6,4 +6,5 @@
 #include "stage/geometry_types.h"
 #include "stage/reframe_math.h"
 #include "stage/stage_geometry.h"
+#include "stage/stage_moment.h"
 #include "stage/stage_spec.h"

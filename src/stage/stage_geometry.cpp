@@ -54,6 +54,18 @@ Point StageGeometry::focusOn(const Rect& card, const ZoomState& zoom)
     return {card.x + cx * card.width, card.y + (1 - cy) * card.height};
 }
 
+Point StageGeometry::screenPoint(double fractionX, double fractionY) const
+{
+    return {screenRect.x + fractionX * screenRect.width, screenRect.maxY() - fractionY * screenRect.height};
+}
+
+Rect StageGeometry::screenRectOf(const Rect& fractions) const
+{
+    return {screenRect.x + fractions.x * screenRect.width,
+        screenRect.maxY() - (fractions.y + fractions.height) * screenRect.height, fractions.width * screenRect.width,
+        fractions.height * screenRect.height};
+}
+
 Affine StageGeometry::zoomTransform(const ZoomState& zoom) const
 {
     const double s = zoom.scale;

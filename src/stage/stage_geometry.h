@@ -27,6 +27,12 @@ struct StageGeometry {
     // The whole-stage transform for a zoom; the identity at scale 1.
     Affine zoomTransform(const ZoomState& zoom) const;
 
+    // Canvas point (before any zoom) of a position given in fractions of the recorded
+    // picture from its top-left: pointer, clicks, touches.
+    Point screenPoint(double fractionX, double fractionY) const;
+    // Canvas rectangle of a box given in fractions of the picture from its top-left.
+    Rect screenRectOf(const Rect& fractions) const;
+
     // Canvas point of a zoom centre (fractions of the picture from its top-left) on `card`.
     static Point focusOn(const Rect& card, const ZoomState& zoom);
 

@@ -143,6 +143,21 @@ TEST(StageGeometryCard, DeviceFramedCardLookUsesThePhoneScreenAsCameraCard)
     EXPECT_FALSE(plain.cardCamera);
 }
 
+TEST(StageGeometryCard, PicturePositionsFlipOntoTheCanvas)
+{
+    StageGeometry g({1280, 720}, {1920, 1080}, StageSpec{}, false);
+    const Rect& s = g.screenRect;
+    expectPointNear(g.screenPoint(0, 0), {s.minX(), s.maxY()});
+    expectPointNear(g.screenPoint(1, 1), {s.maxX(), s.minY()});
+    expectPointNear(g.screenPoint(0.25, 0.75), {s.x + 0.25 * s.width, s.y + 0.25 * s.height});
+    // A box at the picture's top-left sits at the card's top-left on the y-up canvas.
+    expectRectNear(g.screenRectOf({0, 0, 0.5, 0.25}), {s.x, s.maxY() - 0.25 * s.height, 0.5 * s.width,
+                                                           0.25 * s.height});
+    expectRectNear(g.screenRectOf({0, 0, 1, 1}), s);
+    // A zoom centre lands where the same picture point does.
+    expectPointNear(StageGeometry::focusOn(s, {2, 0.3, 0.6}), g.screenPoint(0.3, 0.6));
+}
+
 TEST(StageGeometryZoom, NoMagnificationIsTheIdentity)
 {
     StageGeometry g({1280, 720}, {1920, 1080}, StageSpec{}, false);
