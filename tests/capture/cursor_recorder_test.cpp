@@ -279,3 +279,36 @@ TEST(CursorRecorder, DroppedRecorderStopsItsThreadAndHandlers)
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     EXPECT_EQ(pointer.windowFrameQueries(), queries);
 }
+
+TEST(CursorRecorder, MarksPausesAndClicksFromOtherThreadsWhileThePollRuns)
+{
+    ScriptedPointerSource pointer;
+    pointer.setPosition(PointerSource::Point{3, 4});
+    ScriptedClickSource clicks;
+    CursorRecorder recorder(display, 1u, pointer, &clicks);
+    pointer.setWindowFrame(1, PointerSource::Rect{0, 0, 10, 10});
+    recorder.start();
+    std::thread presser([&] {
+        for (int i = 0; i < 300; ++i)
+            clicks.press({ClickSource::Button::left, double(i), 0});
+    });
+    for (int i = 0; i < 300; ++i) {
+        recorder.mark();
+        recorder.setPaused(true);
+        recorder.mark(); // dropped
+        recorder.setPaused(false);
+    }
+    presser.join();
+    CursorTrack track = recorder.stop();
+    EXPECT_EQ(track.marks.size(), 300u);
+    EXPECT_LE(track.clicks.size(), 300u);
+    auto inOrder = [](const auto& items) {
+        for (size_t i = 1; i < items.size(); ++i)
+            if (items[i - 1].t > items[i].t)
+                return false;
+        return true;
+    };
+    EXPECT_TRUE(inOrder(track.marks));
+    EXPECT_TRUE(inOrder(track.clicks));
+    EXPECT_TRUE(inOrder(track.samples));
+}
