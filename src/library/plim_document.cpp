@@ -2,6 +2,9 @@
 
 #include "base/dates.h"
 #include "base/files.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "plan/auto_edit.h"
 
 #include <algorithm>
 #include <cmath>
@@ -67,6 +70,22 @@ PlimDocument::PlimDocument(fs::path movieURL, double duration, bool isPhonePlim,
     , m_isPhonePlim(isPhonePlim)
     , m_edits(std::move(edits))
 {
+}
+
+PlimDocument::FirstEdit PlimDocument::automaticEdit(const fs::path& movieURL, double duration,
+    std::optional<PlimLook> look, std::vector<IdleSpan> speech)
+{
+    return [movieURL, duration, look = std::move(look), speech = std::move(speech)] {
+        PlimEdits edits;
+        edits.look = look;
+        auto cursor = CursorTrack::read(movieURL);
+        if (!cursor)
+            return edits;
+        auto keys = KeystrokeTrack::read(movieURL);
+        auto performance = AutoEdit::performance(*cursor, keys ? &*keys : nullptr, speech, duration);
+        edits.plan = AutoEdit::plan(AutoEdit::make(performance));
+        return edits;
+    };
 }
 
 PlimDocument::OpenResult PlimDocument::open(const fs::path& movieURL, double duration, bool isPhonePlim,

@@ -61,6 +61,12 @@ public:
     // The edits a plim starts from when it has none it can use (its automatic edit).
     using FirstEdit = std::function<PlimEdits()>;
 
+    // The plim's automatic edit from its cursor and keystroke tracks (and speech spans),
+    // wearing `look` when given: what a plim without usable edits starts from. A plim
+    // without a readable cursor track starts from empty edits.
+    static FirstEdit automaticEdit(const fs::path& movieURL, double duration, std::optional<PlimLook> look = std::nullopt,
+        std::vector<IdleSpan> speech = {});
+
     // Reads the edits beside the movie. Without an edits file, or when it is refused or
     // unreadable, the document starts from firstEdit() (empty edits when not given).
     static OpenResult open(const fs::path& movieURL, double duration, bool isPhonePlim, FirstEdit firstEdit = {});

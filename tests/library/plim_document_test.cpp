@@ -1,5 +1,6 @@
 #include "library/plim_document.h"
 #include "base/dates.h"
+#include "capture/cursor_track.h"
 #include "testkit/testkit.h"
 
 #include <cmath>
@@ -419,4 +420,42 @@ TEST(PlimDocument, OpeningNeverOverwritesARefusedOrUnreadableFile)
         chmod((dir / "B.edits.json").c_str(), 0644);
         EXPECT_EQ(readText(dir / "B.edits.json"), locked);
     }
+}
+
+TEST(PlimDocument, APlimWithoutUsableEditsStartsFromItsAutomaticEdit)
+{
+    TempDir dir;
+    fs::path movie = dir / "B.mov";
+    CursorTrack track;
+    track.displayWidth = 1000;
+    track.displayHeight = 800;
+    // Still until 2 s, then moving; two clicks close together at 4 s.
+    for (int64_t t = 0; t <= 8000; t += 16) {
+        double x = t < 2000 ? 100 : 100 + (t - 2000) * 0.05;
+        track.samples.push_back(CursorSample{t, x, 300, 0});
+    }
+    track.clicks = {ClickEvent{4000, 400, 300}, ClickEvent{4500, 420, 310}};
+    ASSERT_TRUE(track.write(movie));
+    writeText(dir / "B.edits.json", "{ damaged");
+
+    PlimLook look;
+    look.backdrop = PlimLook::Backdrop::graphite;
+    auto opened = PlimDocument::open(movie, 8, false, PlimDocument::automaticEdit(movie, 8, look));
+    ASSERT_TRUE(opened.document);
+    EXPECT_EQ(opened.source, PlimEdits::ReadResult::Kind::unreadable);
+    const PlimEdits& edits = opened.document->edits();
+    EXPECT_EQ(edits.look, look);
+    ASSERT_TRUE(edits.plan.trimIn);
+    EXPECT_GT(*edits.plan.trimIn, 1.5); // the still start is trimmed
+    EXPECT_LT(*edits.plan.trimIn, 2.0);
+    ASSERT_FALSE(edits.plan.zooms.empty());
+    const ZoomBlock& zoom = edits.plan.zooms[0];
+    EXPECT_EQ(zoom.origin, ZoomBlock::Origin::clickCluster(2));
+    EXPECT_LT(zoom.start, 4.0);
+    EXPECT_GT(zoom.end, 4.5);
+    EXPECT_EQ(readText(dir / "B.edits.json"), "{ damaged");
+
+    // No cursor track: empty edits.
+    auto bare = PlimDocument::automaticEdit(dir / "Other.mov", 8)();
+    EXPECT_EQ(bare, PlimEdits{});
 }
