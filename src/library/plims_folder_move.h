@@ -23,7 +23,7 @@ struct PlimsFolderMove {
             moved,
         };
         Kind kind = Kind::nothingToDo;
-        std::string sentence; // the logged line; empty when there was nothing to say
+        std::string sentence; // logged (with "Plim: " in front when it lacks it); empty when nothing to say
 
         bool libraryMoved() const { return kind == Kind::moved || kind == Kind::linkFailed; }
         bool operator==(const Outcome&) const = default;

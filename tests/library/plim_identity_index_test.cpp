@@ -162,12 +162,6 @@ TEST(PlimIdentityIndexReconcile, NamesUpToThreeMintedPlimsAndCountsMore)
     std::vector<std::string> bases = {"A", "B", "C", "D"};
     for (const auto& base : bases)
         lib.movie(base);
-    auto two = PlimIdentityIndex::reconcile({"A", "B"}, lib.folder);
-    EXPECT_EQ(two.report.sentences(), std::vector<std::string>{
-        "Plim gave \"A\" and \"B\" each a permanent id so projects can keep pointing at them after a rename."});
-
-    fs::remove(lib.idFile("A"));
-    fs::remove(lib.idFile("B"));
     auto three = PlimIdentityIndex::reconcile({"A", "B", "C"}, lib.folder);
     EXPECT_EQ(three.report.sentences(), std::vector<std::string>{
         "Plim gave \"A\", \"B\" and \"C\" each a permanent id so projects can keep pointing at them after a rename."});
@@ -177,7 +171,6 @@ TEST(PlimIdentityIndexReconcile, NamesUpToThreeMintedPlimsAndCountsMore)
     auto four = PlimIdentityIndex::reconcile(bases, lib.folder);
     EXPECT_EQ(four.report.sentences(), std::vector<std::string>{
         "Plim gave 4 plims each a permanent id so projects can keep pointing at them after a rename."});
-    EXPECT_EQ(four.uuidsByBase.size(), 4u);
 }
 
 TEST(PlimIdentityIndexReconcile, FootageNewerThanItsIdIsReportedAndLeftAlone)
