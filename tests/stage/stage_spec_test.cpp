@@ -217,27 +217,6 @@ TEST(StageSpecEncoding, WritesEveryKeySortedAndReadsBack)
     EXPECT_FALSE(StageSpec{}.toJson().contains("card"));
 }
 
-TEST(StageSpecEnums, TextFormsRoundTripInOrder)
-{
-    const char* styles[] = {"none", "ring", "pulse", "spotlight", "highlight"};
-    for (size_t i = 0; i < allClickStyles.size(); ++i) {
-        EXPECT_EQ(clickStyleText(allClickStyles[i]), styles[i]);
-        EXPECT_EQ(clickStyleFromText(styles[i]), allClickStyles[i]);
-    }
-    const char* tints[] = {"white", "cobalt", "amber", "green", "magenta"};
-    for (size_t i = 0; i < allClickTints.size(); ++i) {
-        EXPECT_EQ(clickTintText(allClickTints[i]), tints[i]);
-        EXPECT_EQ(clickTintFromText(tints[i]), allClickTints[i]);
-    }
-    EXPECT_EQ(cameraShapeFromText("circle"), CameraShape::circle);
-    EXPECT_EQ(cameraShapeFromText("card"), CameraShape::card);
-    EXPECT_EQ(cameraShapeFromText("square"), std::nullopt);
-    EXPECT_EQ(captionLookFromText("bold"), StageSpec::CaptionLook::bold);
-    EXPECT_EQ(captionSizeFromText("small"), StageSpec::CaptionSize::small);
-    EXPECT_EQ(captionPlaceFromText("top"), StageSpec::CaptionPlace::top);
-    EXPECT_EQ(clickTintFromText("White"), std::nullopt);
-}
-
 TEST(StageSpecShadow, LayersFollowStrength)
 {
     using Layer = StageSpec::CardLook::ShadowLayer;
