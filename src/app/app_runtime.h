@@ -1,0 +1,30 @@
+#pragma once
+// Facts about the running process.
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace plim {
+
+inline constexpr const char* applicationId = "app.plim.Plim";
+inline constexpr const char* applicationName = "Plim";
+
+namespace AppRuntime {
+
+// The running executable's path (resolved through /proc/self/exe).
+std::string executablePath();
+
+// True when the running executable is the installed one: it lives in the install
+// prefix's bin folder. A build-tree binary is not.
+bool isBundledApp();
+bool isBundledExecutable(const std::string& executable, const std::string& installPrefix);
+
+// Why automatic updates must not run in this process, or nothing. Linux has no
+// self-updater, but the reason is still computed and logged at start-up.
+std::optional<std::string> updaterHold(const std::vector<std::string>& arguments);
+std::optional<std::string> updaterHold(bool renderRequested, bool bundled, const std::string& executable);
+
+} // namespace AppRuntime
+
+} // namespace plim

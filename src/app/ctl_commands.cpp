@@ -1,0 +1,14 @@
+#include "app/ctl_plan.h"
+#include "app/plimctl.h"
+
+namespace plim {
+
+const std::vector<CtlCommand>& ctlCommands()
+{
+    static const std::vector<CtlCommand> commands = {
+        {"plan", "print the edit plan a render of a plim would use", runPlanCommand},
+    };
+    return commands;
+}
+
+} // namespace plim

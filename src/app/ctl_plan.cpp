@@ -1,0 +1,61 @@
+#include "app/ctl_plan.h"
+
+#include "app/plan_report.h"
+
+#include <cmath>
+#include <ostream>
+
+namespace plim {
+
+static const char* planUsage =
+    "usage: plimctl plan <movie> [--duration SECONDS] [--json]\n\n"
+    "Prints the edit plan a render of the plim would use: trims, cuts, active skips with\n"
+    "their rates, zoom blocks, masks, the output duration and any notices about the edits\n"
+    "file. Nothing is written.\n\n"
+    "  --duration SECONDS  the recording's length (default: from the cursor track)\n"
+    "  --json              print the plan as JSON\n";
+
+int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
+{
+    if (wantsHelp(args)) {
+        out << planUsage;
+        return 0;
+    }
+    std::optional<std::string> movie;
+    std::optional<double> duration;
+    bool json = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--json") {
+            json = true;
+        } else if (args[i] == "--duration" && i + 1 < args.size()) {
+            char* end = nullptr;
+            double value = std::strtod(args[++i].c_str(), &end);
+            if (!end || *end || !std::isfinite(value) || value < 0) {
+                err << "plimctl plan: \"" << args[i] << "\" is not a length in seconds. Give --duration a number such as 62.5.\n";
+                return 1;
+            }
+            duration = value;
+        } else if (!args[i].starts_with("--") && !movie) {
+            movie = args[i];
+        } else {
+            err << "plimctl plan: \"" << args[i] << "\" is not an option of this command. Run plimctl plan --help.\n";
+            return 1;
+        }
+    }
+    if (!movie) {
+        err << "plimctl plan: name the plim's movie, for example plimctl plan ~/Videos/Plim/B.mov.\n";
+        return 1;
+    }
+    auto report = gatherPlan(*movie, duration);
+    if (!report) {
+        err << "plimctl plan: " << report.error().sentence << "\n";
+        return 1;
+    }
+    if (json)
+        out << encodeJson(planReportJson(*report));
+    else
+        printPlan(*report, out);
+    return 0;
+}
+
+} // namespace plim

@@ -1,0 +1,9 @@
+#include "app/plimctl.h"
+
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    std::vector<std::string> args(argv, argv + argc);
+    return plim::plimctlMain(args, std::cout, std::cerr);
+}
