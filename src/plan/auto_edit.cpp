@@ -208,7 +208,8 @@ std::vector<Skip> makeSkips(const Performance& p, const std::vector<IdleSpan>& b
 
     PointerWalk now(p.pointer), earlier(p.pointer);
     size_t busyIndex = 0;
-    std::optional<int64_t> runStart;
+    bool inRun = false;
+    int64_t runStart = 0;
     for (int64_t k = firstTick; k <= lastTick; ++k) {
         double t = static_cast<double>(k) / ticksPerSecond;
         int64_t back = std::max(k - speedWindowTicks, firstTick);
@@ -222,15 +223,17 @@ std::vector<Skip> makeSkips(const Performance& p, const std::vector<IdleSpan>& b
         bool busyNow = busyIndex < busy.size() && busy[busyIndex].start <= t;
         bool idle = speed < idleSpeed && !busyNow;
 
-        if (idle && !runStart)
+        if (idle && !inRun) {
+            inRun = true;
             runStart = k;
-        if (runStart && (!idle || k == lastTick)) {
-            double length = static_cast<double>(k - *runStart) / ticksPerSecond;
+        }
+        if (inRun && (!idle || k == lastTick)) {
+            double length = static_cast<double>(k - runStart) / ticksPerSecond;
             if (length >= shortestIdleRun - epsilon) {
-                double s = static_cast<double>(*runStart) / ticksPerSecond;
+                double s = static_cast<double>(runStart) / ticksPerSecond;
                 skips.push_back({s + calmMargin, t - calmMargin, skipSpeed});
             }
-            runStart.reset();
+            inRun = false;
         }
     }
     return skips;
