@@ -1,0 +1,116 @@
+#include "stage/cursor_smoother.h"
+
+#include "capture/cursor_track.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace plim {
+
+namespace {
+
+double unitOf(double value, double origin, double length)
+{
+    if (!(length > 0) || !std::isfinite(length))
+        return 0.5;
+    double u = (value - origin) / length;
+    if (!(u > 0))
+        return 0;
+    return u > 1 ? 1 : u;
+}
+
+bool byTime(const CursorSmoother::Sample& a, const CursorSmoother::Sample& b) { return a.t < b.t; }
+
+} // namespace
+
+TrackRegions::TrackRegions(const CursorTrack& track)
+    : m_display{0, track.displayX, track.displayY, track.displayWidth, track.displayHeight}
+{
+    m_keys.reserve(track.frames.size());
+    for (const CursorTrack::FrameKey& f : track.frames)
+        m_keys.push_back(Region{f.t, f.x, f.y, f.w, f.h});
+    std::ranges::stable_sort(m_keys, {}, &Region::t);
+}
+
+CursorSpring::Point TrackRegions::place(double x, double y, int64_t ms) const
+{
+    auto after = std::ranges::upper_bound(m_keys, ms, {}, &Region::t);
+    const Region& r = after == m_keys.begin() ? m_display : *(after - 1);
+    if (!(r.w > 0) || !(r.h > 0))
+        return {};
+    return {unitOf(x, r.x, r.w), unitOf(y, r.y, r.h)};
+}
+
+std::vector<CursorSmoother::Sample> CursorSmoother::samplesOf(const CursorTrack& track)
+{
+    TrackRegions regions(track);
+    std::vector<Sample> out;
+    out.reserve(track.samples.size());
+    for (const CursorSample& s : track.samples) {
+        if (!std::isfinite(s.x) || !std::isfinite(s.y))
+            continue;
+        CursorSpring::Point p = regions.place(s.x, s.y, s.t);
+        out.push_back(Sample{static_cast<double>(s.t) / 1000.0, p.x, p.y});
+    }
+    if (!std::ranges::is_sorted(out, byTime))
+        std::ranges::stable_sort(out, byTime);
+    return out;
+}
+
+CursorSmoother::CursorSmoother(const CursorTrack& track, double until)
+    : CursorSmoother(smoothing(samplesOf(track), until))
+{
+}
+
+CursorSmoother CursorSmoother::smoothing(std::vector<Sample> samples, double until)
+{
+    std::erase_if(samples, [](const Sample& s) {
+        return !std::isfinite(s.t) || !std::isfinite(s.x) || !std::isfinite(s.y);
+    });
+    if (!std::ranges::is_sorted(samples, byTime))
+        std::ranges::stable_sort(samples, byTime);
+
+    CursorSmoother smoother;
+    if (samples.empty())
+        return smoother;
+    const double h = smoother.step;
+    smoother.start = std::max(samples.front().t, 0.0);
+
+    double last = samples.back().t;
+    if (std::isfinite(until))
+        last = std::min(last, until);
+    double span = std::clamp(last + h - smoother.start, 0.0, longestSpan);
+    // Whole ticks from the start to the end of the span, the start itself included.
+    auto count = static_cast<size_t>(std::floor(span / h + 1e-9)) + 1;
+    smoother.xs.resize(count);
+    smoother.ys.resize(count);
+
+    double px = samples.front().x, py = samples.front().y, vx = 0, vy = 0;
+    size_t held = 0;
+    for (size_t k = 0; k < count; ++k) {
+        double tick = smoother.start + static_cast<double>(k) * h;
+        while (held + 1 < samples.size() && samples[held + 1].t <= tick)
+            ++held;
+        CursorSpring::tick(px, vx, samples[held].x);
+        CursorSpring::tick(py, vy, samples[held].y);
+        smoother.xs[k] = px;
+        smoother.ys[k] = py;
+    }
+    return smoother;
+}
+
+CursorSmoother::Point CursorSmoother::position(double t) const
+{
+    const size_t n = size();
+    if (n == 0)
+        return {};
+    if (n < 2 || !std::isfinite(t) || !(step > 0) || !std::isfinite(start))
+        return {xs[0], ys[0]};
+    double i = std::clamp((t - start) / step, 0.0, static_cast<double>(n - 1));
+    auto lo = static_cast<size_t>(i);
+    size_t hi = std::min(lo + 1, n - 1);
+    double f = i - static_cast<double>(lo);
+    return {xs[lo] + (xs[hi] - xs[lo]) * f, ys[lo] + (ys[hi] - ys[lo]) * f};
+}
+
+} // namespace plim
