@@ -248,8 +248,7 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
             }
         }
     }
-    if (value.contains("writtenBy") && !value["writtenBy"].is_null() && !writtenBy)
-        drop("writtenBy");
+    // A writer that is not text is only a label: it is rewritten on save without a notice.
 
     for (auto it = value.begin(); it != value.end(); ++it)
         if (!isKnownKey(it.key()))
