@@ -9,7 +9,9 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
+#include <cstddef>
 #include <climits>
 #include <cstring>
 #include <ctime>
@@ -19,6 +21,8 @@
 #include <mutex>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
@@ -37,6 +41,55 @@ std::string describe(const sdbus::Error& error)
 {
     std::string message = error.getMessage();
     return message.empty() ? error.getName() : message;
+}
+
+std::string connectFailure(const std::string& reason)
+{
+    return "Could not connect to the session bus (" + reason
+        + "). The other suite apps will not see Plim's recording state, and nothing else is affected; check that a "
+          "D-Bus session is running.";
+}
+
+// Tries a "unix:path=" or "unix:abstract=" address with a plain socket first: when
+// sdbus-c++ fails to open an explicit address it leaks the half-made connection.
+// Nothing when the address is of another kind or the socket answers.
+std::optional<std::string> unixSocketProblem(const std::string& address)
+{
+    if (address.find(';') != std::string::npos)
+        return std::nullopt;
+    bool abstract = address.starts_with("unix:abstract=");
+    if (!abstract && !address.starts_with("unix:path="))
+        return std::nullopt;
+    std::string value = address.substr(address.find('=') + 1);
+    value = value.substr(0, value.find(','));
+    std::string path;
+    for (size_t i = 0; i < value.size(); ++i) {
+        if (value[i] == '%' && i + 2 < value.size() && std::isxdigit(static_cast<unsigned char>(value[i + 1]))
+            && std::isxdigit(static_cast<unsigned char>(value[i + 2]))) {
+            path += static_cast<char>(std::stoi(value.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            path += value[i];
+        }
+    }
+    sockaddr_un where{};
+    where.sun_family = AF_UNIX;
+    size_t offset = abstract ? 1 : 0;
+    if (path.empty() || path.size() + offset >= sizeof where.sun_path)
+        return std::nullopt;
+    std::memcpy(where.sun_path + offset, path.data(), path.size());
+    socklen_t length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + offset + path.size() + (abstract ? 0 : 1));
+    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        return std::nullopt;
+    int result;
+    while ((result = ::connect(fd, reinterpret_cast<sockaddr*>(&where), length)) < 0 && errno == EINTR) {
+    }
+    int err = errno;
+    ::close(fd);
+    if (result == 0)
+        return std::nullopt;
+    return std::string(std::strerror(err));
 }
 
 uint64_t monotonicMicros()
@@ -385,13 +438,15 @@ private:
 
 Result<std::shared_ptr<BusTransport>> connectSessionBus(std::optional<std::string> address)
 {
+    if (address) {
+        if (auto problem = unixSocketProblem(*address))
+            return fail(connectFailure(*problem));
+    }
     std::unique_ptr<sdbus::IConnection> connection;
     try {
         connection = address ? sdbus::createSessionBusConnectionWithAddress(*address) : sdbus::createSessionBusConnection();
     } catch (const sdbus::Error& error) {
-        return fail("Could not connect to the session bus (" + describe(error)
-            + "). The other suite apps will not see Plim's recording state, and nothing else is affected; check "
-              "that a D-Bus session is running.");
+        return fail(connectFailure(describe(error)));
     }
     int wakeFd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wakeFd < 0)
