@@ -8,11 +8,13 @@
 namespace plim {
 
 static const char* planUsage =
-    "usage: plimctl plan <movie> [--duration SECONDS] [--json]\n\n"
+    "usage: plimctl plan <movie> [--duration SECONDS] [--auto] [--write] [--json]\n\n"
     "Prints the edit plan a render of the plim would use: trims, cuts, active skips with\n"
     "their rates, zoom blocks, masks, the output duration and any notices about the edits\n"
-    "file. Nothing is written.\n\n"
+    "file. A plim without usable edits is shown with its automatic edit instead.\n\n"
     "  --duration SECONDS  the recording's length (default: from the cursor track)\n"
+    "  --auto              propose the automatic edit even when the plim has edits\n"
+    "  --write             save the plan shown as the plim's edits (B.edits.json)\n"
     "  --json              print the plan as JSON\n";
 
 int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
@@ -23,10 +25,14 @@ int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     }
     std::optional<std::string> movie;
     std::optional<double> duration;
-    bool json = false;
+    bool json = false, automatic = false, write = false;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--json") {
             json = true;
+        } else if (args[i] == "--auto") {
+            automatic = true;
+        } else if (args[i] == "--write") {
+            write = true;
         } else if (args[i] == "--duration" && i + 1 < args.size()) {
             char* end = nullptr;
             double value = std::strtod(args[++i].c_str(), &end);
@@ -51,10 +57,29 @@ int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         err << "plimctl plan: " << report.error().sentence << "\n";
         return 1;
     }
-    if (json)
-        out << encodeJson(planReportJson(*report));
-    else
+    std::optional<std::string> summary;
+    if (automatic || !report->planFromFile) {
+        auto proposal = proposeAutoEdit(*report);
+        report->plan = proposal.plan;
+        summary = proposal.summary;
+    }
+    if (json) {
+        Json j = planReportJson(*report);
+        if (summary)
+            j["automaticEdit"] = *summary;
+        out << encodeJson(j);
+    } else {
+        if (summary)
+            out << "automatic edit: " << (summary->empty() ? std::string("nothing to change") : *summary) << "\n";
         printPlan(*report, out);
+    }
+    if (write) {
+        if (auto written = writePlanAsEdits(*report, report->plan); !written) {
+            err << "plimctl plan: " << written.error().sentence << "\n";
+            return 1;
+        }
+        err << "wrote " << sidecarPath(report->movie, "edits.json").string() << "\n";
+    }
     return 0;
 }
 

@@ -35,17 +35,25 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
         return fail(track.error().sentence);
     report.track = std::move(*track);
 
+    report.keys = KeystrokeTrack::read(movie);
+
     size_t noticesBefore = PlanNoticeBatch::recent().size();
+    PlimEdits::ReadResult read;
     {
         PlanNoticeBatch batch;
-        if (auto plan = EditPlan::decodeBesideMovie(movie)) {
-            report.plan = std::move(*plan);
-            report.planFromFile = true;
-        }
+        read = PlimEdits::read(movie);
     }
     auto recent = PlanNoticeBatch::recent();
     if (recent.size() > noticesBefore)
         report.notices.assign(recent.begin() + static_cast<long>(noticesBefore), recent.end());
+    report.editsKind = read.kind;
+    if (read.kind == PlimEdits::ReadResult::Kind::edits) {
+        report.plan = read.edits.plan;
+        report.edits = std::move(read.edits);
+        report.planFromFile = true;
+    } else if (!read.sentence.empty()) {
+        report.notices.push_back(read.sentence);
+    }
 
     if (duration) {
         report.rawDuration = *duration;
@@ -61,7 +69,7 @@ void printPlan(const PlanReport& r, std::ostream& out)
 {
     const EditPlan& plan = r.plan;
     out << "plim: " << r.movie.string() << "\n";
-    out << "plan: " << (r.planFromFile ? sidecarPath(r.movie, "edits.json").string() : std::string("none (empty plan)"))
+    out << "edits: " << (r.planFromFile ? sidecarPath(r.movie, "edits.json").string() : std::string("none usable"))
         << "\n";
     out << "recording: " << seconds(r.rawDuration) << " (" << r.durationSource << ")\n";
     if (plan.trimIn || plan.trimOut)
@@ -104,6 +112,29 @@ Json planReportJson(const PlanReport& r)
     j["plan"] = r.plan.toJson();
     j["notices"] = r.notices;
     return j;
+}
+
+AutoEditProposal proposeAutoEdit(const PlanReport& report)
+{
+    auto performance = AutoEdit::performance(report.track, report.keys ? &*report.keys : nullptr, {}, report.rawDuration);
+    AutoEditProposal out;
+    out.proposal = AutoEdit::make(performance);
+    out.plan = AutoEdit::plan(out.proposal);
+    out.summary = AutoEdit::summary(out.proposal, report.rawDuration, !out.proposal.skips.empty(), true);
+    return out;
+}
+
+Status writePlanAsEdits(const PlanReport& report, const EditPlan& plan)
+{
+    using Kind = PlimEdits::ReadResult::Kind;
+    auto path = sidecarPath(report.movie, "edits.json");
+    if (report.editsKind == Kind::refused || report.editsKind == Kind::unreadable)
+        return fail("The edits in " + path.string() + " could not be used, so the new plan was not written and "
+            "that file was left exactly as it is. Move it aside (or open the plim in a Plim that reads it) and run "
+            "the command again.");
+    PlimEdits edits = report.edits.value_or(PlimEdits{});
+    edits.plan = plan;
+    return edits.write(report.movie, plimNameAndVersion());
 }
 
 } // namespace plim

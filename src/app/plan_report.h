@@ -3,6 +3,9 @@
 // `plim --stage` (until the renderer exists) and `plimctl plan`.
 
 #include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "library/plim_edits.h"
+#include "plan/auto_edit.h"
 #include "plan/edit_plan.h"
 
 #include <filesystem>
@@ -16,15 +19,19 @@ namespace plim {
 struct PlanReport {
     std::filesystem::path movie;
     CursorTrack track;
+    std::optional<KeystrokeTrack> keys;
+    PlimEdits::ReadResult::Kind editsKind = PlimEdits::ReadResult::Kind::none;
+    std::optional<PlimEdits> edits; // B.edits.json when it was readable
     EditPlan plan;
-    bool planFromFile = false;    // B.edits.json held a readable plan
+    bool planFromFile = false;    // the plan came from B.edits.json
     double rawDuration = 0;       // seconds of recording
     std::string durationSource;   // where rawDuration came from, for the printout
     std::vector<std::string> notices;
 };
 
-// Reads the cursor track (required) and the edit plan (absent or unreadable reads as an
-// empty plan with its notice) beside `movie`. The recording's length comes from
+// Reads the cursor track (required), the keystroke track and the edits beside `movie`.
+// Absent edits read as an empty plan; refused or unreadable ones as an empty plan with
+// their sentence among the notices (the file is never touched). The recording's length comes from
 // `duration` when given, else from the cursor track's last sample. Fails with the
 // track's sentence.
 Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<double> duration = std::nullopt);
@@ -33,5 +40,17 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
 // output duration through the time remap, and the notices.
 void printPlan(const PlanReport& report, std::ostream& out);
 Json planReportJson(const PlanReport& report);
+
+// The automatic edit of the plim: its proposal and the plan made from it.
+struct AutoEditProposal {
+    AutoEdit::Proposal proposal;
+    EditPlan plan;
+    std::string summary; // "2 zooms where you clicked · dead air 4× faster · ends trimmed"
+};
+AutoEditProposal proposeAutoEdit(const PlanReport& report);
+
+// Writes `plan` as the plim's edits, keeping the edits file's other keys. Refuses, leaving
+// the file as it is, when the edits on disk could not be read or are of a newer format.
+Status writePlanAsEdits(const PlanReport& report, const EditPlan& plan);
 
 } // namespace plim

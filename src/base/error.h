@@ -34,6 +34,13 @@ struct Outcome {
     bool isFinished() const { return kind == Kind::finished; }
 };
 
+namespace detail {
+template<typename T, typename E>
+T releaseValue(std::expected<T, E>& result) { return std::move(*result); }
+template<typename E>
+void releaseValue(std::expected<void, E>&) {}
+}
+
 } // namespace plim
 
 // Evaluates a Result/Status expression; on error returns it from the enclosing function,
@@ -43,5 +50,5 @@ struct Outcome {
         auto _plim_try_result = (expr);                           \
         if (!_plim_try_result)                                    \
             return std::unexpected(std::move(_plim_try_result.error())); \
-        std::move(*_plim_try_result);                             \
+        ::plim::detail::releaseValue(_plim_try_result);           \
     })

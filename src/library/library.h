@@ -1,9 +1,15 @@
 #pragma once
 // The plims on disk: where the library folder is, the files of one plim, their
-// permanent identities, the records the library lists, and remembered locations.
+// permanent identities, the records the library lists, remembered locations, and the
+// edits document with its looks.
 
+#include "library/look_store.h"
+#include "library/plim4_migration.h"
+#include "library/plim_document.h"
+#include "library/plim_edits.h"
 #include "library/plim_identity.h"
 #include "library/plim_identity_index.h"
+#include "library/plim_look.h"
 #include "library/plim_record.h"
 #include "library/plims_folder_move.h"
 #include "library/scoped_path_memory.h"

@@ -192,3 +192,23 @@ TEST(Clock, ManualClockMovesOnlyWhenTold)
     double a = UptimeClock::shared().uptime();
     EXPECT_GE(UptimeClock::shared().uptime(), a);
 }
+
+static Status checkPositive(int v)
+{
+    if (v <= 0)
+        return fail("not positive");
+    return {};
+}
+
+static Status checkAll(std::initializer_list<int> values)
+{
+    for (int v : values)
+        PLIM_TRY(checkPositive(v));
+    return {};
+}
+
+TEST(Error, TryWorksOnStatusToo)
+{
+    EXPECT_TRUE(checkAll({1, 2}));
+    EXPECT_EQ(checkAll({1, -2, 3}).error().sentence, "not positive");
+}

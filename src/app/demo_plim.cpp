@@ -1,0 +1,80 @@
+#include "app/demo_plim.h"
+
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+
+#include <cmath>
+
+namespace plim {
+
+namespace {
+
+struct Leg {
+    double start, end;       // seconds
+    double fromX, fromY, toX, toY;
+};
+
+// Where the pointer is at t: eased along the leg that holds t, resting between legs.
+CursorSample sampleAt(const std::vector<Leg>& legs, double t)
+{
+    double x = legs.front().fromX, y = legs.front().fromY;
+    for (auto& leg : legs) {
+        if (t < leg.start)
+            break;
+        double u = std::min(1.0, (t - leg.start) / (leg.end - leg.start));
+        double e = u * u * (3 - 2 * u);
+        x = leg.fromX + (leg.toX - leg.fromX) * e;
+        y = leg.fromY + (leg.toY - leg.fromY) * e;
+    }
+    return CursorSample{static_cast<int64_t>(std::llround(t * 1000)), roundToTenth(x), roundToTenth(y), 0};
+}
+
+} // namespace
+
+Result<std::filesystem::path> writeDemoPlim(const std::filesystem::path& folder)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(folder, ec);
+    if (ec)
+        return fail("Plim could not make the folder " + folder.string() + " (" + ec.message()
+            + "). Nothing was written; choose a folder you can write to.");
+    auto movie = folder / "Demo.mov";
+
+    // Two minutes on a 1920x1080 display: a slow start, work in two places, a long idle
+    // stretch, typing, and a tail with nothing happening.
+    const double duration = 120;
+    std::vector<Leg> legs = {
+        {6, 8, 960, 540, 300, 200},    {8, 14, 300, 200, 340, 230},   {14, 16, 340, 230, 1500, 800},
+        {16, 24, 1500, 800, 1560, 830}, {58, 60, 1560, 830, 900, 600}, {60, 75, 900, 600, 930, 620},
+        {75, 78, 930, 620, 1200, 300}, {78, 96, 1200, 300, 1240, 320},
+    };
+    CursorTrack track;
+    track.displayWidth = 1920;
+    track.displayHeight = 1080;
+    track.scale = 2;
+    for (int i = 0; i <= static_cast<int>(duration * 60); ++i)
+        track.samples.push_back(sampleAt(legs, i / 60.0));
+    for (double t : {9.0, 10.5, 12.0, 13.2, 17.0, 18.4, 20.0, 21.5, 23.0, 79.0, 80.5, 82.0, 90.0, 91.0}) {
+        auto s = sampleAt(legs, t);
+        track.clicks.push_back(ClickEvent{static_cast<int64_t>(t * 1000), s.x + 0.5, s.y - 0.5});
+    }
+    track.marks.push_back(Mark{60000});
+
+    KeystrokeTrack keys;
+    const char* typed = "Hello from Plim";
+    double t = 62;
+    for (const char* c = typed; *c; ++c, t += 0.18)
+        if (*c != ' ')
+            keys.events.push_back(KeyEvent{static_cast<int64_t>(t * 1000), std::string(1, static_cast<char>(std::toupper(*c)))});
+    keys.events.push_back(KeyEvent{static_cast<int64_t>((t + 0.6) * 1000), "⌘S"});
+    // Samples taken while typing carry the typing flag.
+    for (auto& s : track.samples)
+        if (s.t >= 62000 && s.t <= static_cast<int64_t>((t + 0.7) * 1000))
+            s.k = 1;
+
+    PLIM_TRY(track.write(movie));
+    PLIM_TRY(keys.write(movie));
+    return movie;
+}
+
+} // namespace plim
