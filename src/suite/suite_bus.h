@@ -60,7 +60,9 @@ public:
         SuiteApp of, DeliveryQueue queue, std::function<void(const std::string&)> handler);
 
     // Whether the process that sent a message is still on the bus: what a
-    // BeaconLivenessWatchdog asks. A failed question counts as still running.
+    // BeaconLivenessWatchdog asks. A failed question counts as still running. It waits
+    // for the transport's thread, so a handler running there (one observed without a
+    // DeliveryQueue) must not stop a watchdog that asks it.
     bool isSenderConnected(const std::string& sender);
 
     // Posts through this bus, for BeaconBroadcaster.
