@@ -1,5 +1,6 @@
 #include "app/ctl_demo.h"
 #include "app/ctl_plan.h"
+#include "app/ctl_suite.h"
 #include "app/plimctl.h"
 
 namespace plim {
@@ -7,7 +8,9 @@ namespace plim {
 const std::vector<CtlCommand>& ctlCommands()
 {
     static const std::vector<CtlCommand> commands = {
+        {"beacon", "post a recording state, or watch an app's beacon", runBeaconCommand},
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
+        {"moments", "print the suite's shared history, newest last", runMomentsCommand},
         {"plan", "print the edit plan a render of a plim would use", runPlanCommand},
     };
     return commands;

@@ -106,6 +106,39 @@ TEST_F(CliTest, PlanCommandReportsNoticesAndLeavesADamagedFileAlone)
     EXPECT_EQ(readText(dir / "B.edits.json"), "{ not json");
 }
 
+TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
+{
+    auto demo = ctl({"demo", (dir / "demo").string()});
+    ASSERT_EQ(demo.status, 0) << demo.err;
+    fs::path movie = dir / "demo" / "Demo.mov";
+    EXPECT_EQ(demo.out, movie.string() + "\n");
+
+    // No edits yet: the automatic edit is shown, trimming the idle ends of the demo.
+    auto proposed = ctl({"plan", movie.string()});
+    EXPECT_EQ(proposed.status, 0) << proposed.err;
+    EXPECT_NE(proposed.out.find("automatic edit: "), std::string::npos) << proposed.out;
+    EXPECT_NE(proposed.out.find("trim: "), std::string::npos) << proposed.out;
+    EXPECT_FALSE(fs::exists(dir / "demo" / "Demo.edits.json"));
+
+    // An edits file that cannot be read is never replaced, even when asked to write.
+    writeText(dir / "demo" / "Demo.edits.json", "{\"version\": 2.5}");
+    auto refused = ctl({"plan", movie.string(), "--write"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.err.find("was left exactly as it is"), std::string::npos) << refused.err;
+    EXPECT_EQ(readText(dir / "demo" / "Demo.edits.json"), "{\"version\": 2.5}");
+
+    // Over usable edits, --auto --write replaces the plan and keeps the other keys.
+    writeText(dir / "demo" / "Demo.edits.json", R"({"version": 2, "captionsFile": "Demo.captions.json", "trimIn": 1})");
+    auto written = ctl({"plan", movie.string(), "--auto", "--write"});
+    EXPECT_EQ(written.status, 0) << written.err;
+    auto again = ctl({"plan", movie.string(), "--json"});
+    EXPECT_NE(again.out.find("\"planFromFile\": true"), std::string::npos);
+    std::string edits = readText(dir / "demo" / "Demo.edits.json");
+    EXPECT_NE(edits.find("\"captionsFile\": \"Demo.captions.json\""), std::string::npos) << edits;
+    EXPECT_NE(edits.find("\"writtenBy\": \"Plim "), std::string::npos) << edits;
+    EXPECT_EQ(edits.find("\"trimIn\": 1\n"), std::string::npos) << edits;
+}
+
 TEST_F(CliTest, PlimctlRefusesUnknownCommandsAndBadOptionsWithASentence)
 {
     auto unknown = ctl({"frobnicate"});
