@@ -58,38 +58,24 @@ bool insideCut(const std::vector<Step>& steps, double t)
 
 } // namespace
 
-TEST(TimeRemap, WithoutStepsBothDirectionsAreIdentity)
+TEST(TimeRemap, RateStepsPlayFasterAndCutsCollapseToOneInstant)
 {
-    TimeRemap remap;
-    for (double t : {-3.0, 0.0, 0.25, 17.5, 3600.0}) {
-        EXPECT_EQ(remap.output(t), t);
-        EXPECT_EQ(remap.input(t), t);
-    }
-}
+    TimeRemap none;
+    for (double t : {-3.0, 0.0, 17.5, 3600.0})
+        EXPECT_TRUE(none.output(t) == t && none.input(t) == t) << t;
 
-TEST(TimeRemap, RateStepPlaysFasterBothWays)
-{
-    TimeRemap remap({rate(10, 14, 4)});
-    EXPECT_DOUBLE_EQ(remap.output(12), 10.5);
-    EXPECT_DOUBLE_EQ(remap.input(10.5), 12);
-    EXPECT_DOUBLE_EQ(remap.output(10), 10);
-    EXPECT_DOUBLE_EQ(remap.output(14), 11);
-    EXPECT_DOUBLE_EQ(remap.output(20), 17);
-    EXPECT_DOUBLE_EQ(remap.input(11), 14);
-    EXPECT_DOUBLE_EQ(remap.input(17), 20);
-    EXPECT_DOUBLE_EQ(remap.outputDuration(30), 27);
-}
+    TimeRemap fast({rate(10, 14, 4)});
+    EXPECT_DOUBLE_EQ(fast.output(12), 10.5);
+    EXPECT_DOUBLE_EQ(fast.input(10.5), 12);
+    EXPECT_DOUBLE_EQ(fast.output(20), 17);
+    EXPECT_DOUBLE_EQ(fast.input(17), 20);
 
-TEST(TimeRemap, CutCollapsesToOneInstantAndMapsBackToItsEnd)
-{
-    TimeRemap remap({cut(5, 8)});
-    EXPECT_DOUBLE_EQ(remap.output(6), 5);
-    EXPECT_DOUBLE_EQ(remap.output(5), 5);
-    EXPECT_DOUBLE_EQ(remap.output(8), 5);
-    EXPECT_DOUBLE_EQ(remap.output(9), 6);
-    EXPECT_DOUBLE_EQ(remap.input(5), 8);
-    EXPECT_DOUBLE_EQ(remap.input(4.999), 4.999);
-    EXPECT_DOUBLE_EQ(remap.input(6), 9);
+    TimeRemap cutOut({cut(5, 8)});
+    EXPECT_DOUBLE_EQ(cutOut.output(6), 5);
+    EXPECT_DOUBLE_EQ(cutOut.output(8), 5);
+    EXPECT_DOUBLE_EQ(cutOut.output(9), 6);
+    EXPECT_DOUBLE_EQ(cutOut.input(5), 8);
+    EXPECT_DOUBLE_EQ(cutOut.input(4.999), 4.999);
 }
 
 TEST(TimeRemap, StepsAtTheEdgesOfTheRecording)

@@ -48,16 +48,6 @@ double gapAcross(const ZoomCurve& curve, double t)
 
 } // namespace
 
-TEST(ZoomCurve, EveryStyleEndsAtItsNamedEnds)
-{
-    for (ZoomStyle style : allZoomStyles) {
-        for (bool entering : {true, false}) {
-            EXPECT_NEAR(ZoomCurve::ease(style, entering, 0), 0, 1e-12) << zoomStyleText(style);
-            EXPECT_NEAR(ZoomCurve::ease(style, entering, 1), 1, 1e-12) << zoomStyleText(style);
-        }
-    }
-}
-
 TEST(ZoomCurve, FullPictureOutsideBlocksAndTheBlockHeldInside)
 {
     ZoomCurve curve({block(2, 6, 2.4, 0.25, 0.75)}, ZoomStyle::smooth);
