@@ -1,5 +1,8 @@
 #include "base/json.h"
 
+#include "base/dates.h"
+
+#include <cctype>
 #include <cmath>
 
 namespace plim {
@@ -90,6 +93,29 @@ std::optional<bool> jsonBool(const Json& object, std::string_view key)
     if (!v || !v->is_boolean())
         return std::nullopt;
     return v->get<bool>();
+}
+
+std::optional<std::string> jsonUuid(const Json& value)
+{
+    if (!value.is_string())
+        return std::nullopt;
+    std::string text = value.get<std::string>();
+    if (!isUuid(text))
+        return std::nullopt;
+    for (char& c : text)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+}
+
+bool jsonAllFinite(const Json& value)
+{
+    if (value.is_number_float())
+        return std::isfinite(value.get<double>());
+    if (value.is_array() || value.is_object())
+        for (const auto& item : value)
+            if (!jsonAllFinite(item))
+                return false;
+    return true;
 }
 
 } // namespace plim

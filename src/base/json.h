@@ -45,4 +45,10 @@ const Json* jsonField(const Json& object, std::string_view key);
 
 std::optional<int64_t> jsonAsInteger(const Json& value);
 
+// A UUID in its text form, returned upper case; nothing for anything else.
+std::optional<std::string> jsonUuid(const Json& value);
+
+// True when every number in the value is finite (JSON text cannot hold the others).
+bool jsonAllFinite(const Json& value);
+
 } // namespace plim

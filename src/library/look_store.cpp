@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "library/look_store.h"
 
 #include "base/log.h"
@@ -9,16 +10,6 @@
 namespace plim {
 
 namespace {
-
-std::string trimmed(const std::string& text)
-{
-    const char* space = " \t\r\n\f\v";
-    auto first = text.find_first_not_of(space);
-    if (first == std::string::npos)
-        return {};
-    auto last = text.find_last_not_of(space);
-    return text.substr(first, last - first + 1);
-}
 
 std::string joined(const std::vector<std::string>& items)
 {

@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "library/plim_document.h"
 
 #include "base/dates.h"
@@ -42,16 +43,6 @@ std::pair<double, double> clampedSpan(double start, double end, double duration,
 }
 
 double wholeMilliseconds(double seconds) { return static_cast<double>(static_cast<int64_t>(seconds * 1000.0)) / 1000.0; }
-
-std::string trimmed(std::string_view text)
-{
-    const char* space = " \t\r\n\f\v";
-    auto first = text.find_first_not_of(space);
-    if (first == std::string_view::npos)
-        return {};
-    auto last = text.find_last_not_of(space);
-    return std::string(text.substr(first, last - first + 1));
-}
 
 } // namespace
 
@@ -137,29 +128,21 @@ bool PlimDocument::change(const std::function<void(PlimEdits&)>& operation)
     return true;
 }
 
-void PlimDocument::undo()
+// Moves the current edits onto `to` and takes the last entry of `from` as current.
+void PlimDocument::stepHistory(std::deque<PlimEdits>& from, std::deque<PlimEdits>& to)
 {
-    if (m_undoStack.empty())
+    if (from.empty())
         return;
-    m_redoStack.push_back(std::move(m_edits));
-    m_edits = std::move(m_undoStack.back());
-    m_undoStack.pop_back();
+    to.push_back(std::move(m_edits));
+    m_edits = std::move(from.back());
+    from.pop_back();
     m_isDirty = true;
     m_protectsFile = false;
     notify();
 }
 
-void PlimDocument::redo()
-{
-    if (m_redoStack.empty())
-        return;
-    m_undoStack.push_back(std::move(m_edits));
-    m_edits = std::move(m_redoStack.back());
-    m_redoStack.pop_back();
-    m_isDirty = true;
-    m_protectsFile = false;
-    notify();
-}
+void PlimDocument::undo() { stepHistory(m_undoStack, m_redoStack); }
+void PlimDocument::redo() { stepHistory(m_redoStack, m_undoStack); }
 
 void PlimDocument::beginGesture()
 {

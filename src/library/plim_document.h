@@ -152,6 +152,7 @@ private:
     // Applies `operation` to a copy and keeps it as one change; false when nothing changed.
     bool change(const std::function<void(PlimEdits&)>& operation);
     void notify();
+    void stepHistory(std::deque<PlimEdits>& from, std::deque<PlimEdits>& to);
     // The clips to edit: the stored ones, or the kept stretches turned into clips.
     std::vector<PlimClip> clipsFor(const PlimEdits& edits) const;
     static void storeClips(PlimEdits& edits, std::vector<PlimClip> clips);

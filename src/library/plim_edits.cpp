@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "library/plim_edits.h"
 
 #include "base/dates.h"
@@ -23,39 +24,6 @@ bool isKnownKey(std::string_view key)
 {
     return std::find(planKeys.begin(), planKeys.end(), key) != planKeys.end() ||
         std::find(editsKeys.begin(), editsKeys.end(), key) != editsKeys.end();
-}
-
-std::string trimmed(std::string_view text)
-{
-    const char* space = " \t\r\n\f\v";
-    auto first = text.find_first_not_of(space);
-    if (first == std::string_view::npos)
-        return {};
-    auto last = text.find_last_not_of(space);
-    return std::string(text.substr(first, last - first + 1));
-}
-
-std::optional<std::string> uuidText(const Json& value)
-{
-    if (!value.is_string())
-        return std::nullopt;
-    std::string text = value.get<std::string>();
-    if (!isUuid(text))
-        return std::nullopt;
-    for (char& c : text)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return text;
-}
-
-bool allFinite(const Json& value)
-{
-    if (value.is_number_float())
-        return std::isfinite(value.get<double>());
-    if (value.is_array() || value.is_object())
-        for (const auto& item : value)
-            if (!allFinite(item))
-                return false;
-    return true;
 }
 
 std::string kindOfJson(const Json& value)
@@ -140,7 +108,7 @@ std::optional<PlimEdits::Voiceover> PlimEdits::Voiceover::fromJson(const Json& v
     if (!value.is_object())
         return std::nullopt;
     const Json* idJson = jsonField(value, "id");
-    auto id = idJson ? uuidText(*idJson) : std::nullopt;
+    auto id = idJson ? jsonUuid(*idJson) : std::nullopt;
     auto start = jsonNumber(value, "start");
     auto duration = jsonNumber(value, "duration");
     auto file = jsonString(value, "file");
@@ -211,7 +179,7 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
             drop("aimedZooms");
         } else {
             for (const Json& item : *list) {
-                auto id = uuidText(item);
+                auto id = jsonUuid(item);
                 if (!id)
                     drop("aimedZooms");
                 else if (std::find(edits.aimedZooms.begin(), edits.aimedZooms.end(), *id) == edits.aimedZooms.end())
@@ -316,7 +284,7 @@ Status PlimEdits::write(const fs::path& besideMovie, std::string_view writer) co
 {
     fs::path path = sidecarPath(besideMovie, "edits.json");
     Json json = toJson(writer);
-    if (!allFinite(json))
+    if (!jsonAllFinite(json))
         return fail("The edits for " + baseName(besideMovie) +
                     " hold a number that is not finite, so they were not written. " + path.filename().string() +
                     " was left as it was.");

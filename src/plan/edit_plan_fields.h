@@ -16,12 +16,8 @@ namespace plim::plan_fields {
 // A UUID text, returned upper case.
 inline std::optional<std::string> uuid(const Json& object, std::string_view key)
 {
-    auto text = jsonString(object, key);
-    if (!text || !isUuid(*text))
-        return std::nullopt;
-    for (char& c : *text)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    return text;
+    const Json* value = jsonField(object, key);
+    return value ? jsonUuid(*value) : std::nullopt;
 }
 
 // Whether an optional member is usable: absent (or null) is fine, present must parse.
@@ -53,19 +49,6 @@ inline Optional<std::string> optionalString(const Json& object, std::string_view
         return {};
     auto v = jsonString(object, key);
     return {v.has_value(), v};
-}
-
-// True when every number in the value is finite (JSON cannot hold the others).
-inline bool allFinite(const Json& value)
-{
-    if (value.is_number_float())
-        return std::isfinite(value.get<double>());
-    if (value.is_array() || value.is_object()) {
-        for (const auto& item : value)
-            if (!allFinite(item))
-                return false;
-    }
-    return true;
 }
 
 } // namespace plim::plan_fields

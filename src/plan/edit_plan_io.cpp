@@ -1,5 +1,6 @@
 // The plan's JSON form, its sidecar files, the tolerant decoder and its notices.
 
+#include "base/text.h"
 #include "plan/edit_plan.h"
 
 #include "base/log.h"
@@ -15,16 +16,6 @@ namespace plim {
 namespace {
 
 constexpr std::string_view defaultSource = "a plan sidecar";
-
-std::string trimmed(std::string_view text)
-{
-    const char* space = " \t\r\n\f\v";
-    auto first = text.find_first_not_of(space);
-    if (first == std::string_view::npos)
-        return {};
-    auto last = text.find_last_not_of(space);
-    return std::string(text.substr(first, last - first + 1));
-}
 
 std::string withFullStop(std::string_view text)
 {
@@ -383,7 +374,7 @@ std::optional<EditPlan> EditPlan::decodeBesideMovie(const fs::path& movie)
 Status EditPlan::writeTo(const fs::path& path) const
 {
     Json value = toJson();
-    if (!plan_fields::allFinite(value))
+    if (!jsonAllFinite(value))
         return fail("Plim could not write " + path.filename().string()
             + " because one of the edit's numbers is not a finite value. Nothing on disk changed; "
               "undo the last change and save again.");
