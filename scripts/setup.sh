@@ -21,3 +21,6 @@ $SUDO apt-get install -y -q --no-install-recommends "${packages[@]}"
 build_type=${BUILD_TYPE:-Sanitize}
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE="$build_type"
 cmake --build build -j"$(nproc)"
+
+# A made-up plim to try the commands on (README's main job).
+build/src/plimctl demo demo >/dev/null
