@@ -165,7 +165,7 @@ std::optional<StageMoment::Cursor> RecordedMomentSource::cursorAt(double t, doub
 
 double RecordedMomentSource::idleTime(double t) const
 {
-    if (!isFinite(t) || m_parts.smoother.empty())
+    if (!isFinite(t) || t <= 0 || m_parts.smoother.empty())
         return 0;
     const CursorSmoother& smoother = m_parts.smoother;
     CursorSmoother::Point here = smoother.position(t);
