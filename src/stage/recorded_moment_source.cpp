@@ -67,12 +67,12 @@ double RecordedMomentSource::clickLifeFor(ClickStyle style)
 }
 
 RecordedMomentSource RecordedMomentSource::forPlim(const CursorTrack& cursor, const KeystrokeTrack& keystrokes,
-    const EditPlan& plan, const StageSpec& spec, double rawDuration, std::vector<CaptionCue> captions,
+    const EditPlan& plan, const StageSpec& look, double rawDuration, std::vector<CaptionCue> captions,
     Options options)
 {
     const bool device = cursor.subjectKind == "device";
     Parts parts;
-    parts.curve = ZoomCurve(plan.zooms, spec.zoomStyle);
+    parts.curve = ZoomCurve(plan.zooms, look.zoomStyle);
     if (!device)
         parts.smoother = CursorSmoother(cursor, isFinite(rawDuration) && rawDuration > 0 ? rawDuration
                                                                                        : CursorSmoother::longestSpan);
@@ -94,12 +94,12 @@ RecordedMomentSource RecordedMomentSource::forPlim(const CursorTrack& cursor, co
         for (const TapMark& tap : plan.taps)
             beats.push_back(ClickBeat{tap.t, tap.x, tap.y});
 
-    parts.clickLife = clickLifeFor(spec.clickStyle);
-    parts.switches.emitsClicks = spec.clickStyle != ClickStyle::none;
+    parts.clickLife = clickLifeFor(look.clickStyle);
+    parts.switches.emitsClicks = look.clickStyle != ClickStyle::none;
     parts.switches.reportsMotion = options.motionBlur;
     parts.switches.hasCursor = !device && !cursor.samples.empty();
-    parts.switches.reportsPointer = spec.cursorSize > 0;
-    parts.switches.hidesIdleCursor = spec.cursorHideWhenIdle;
+    parts.switches.reportsPointer = look.cursorSize > 0;
+    parts.switches.hidesIdleCursor = look.cursorHideWhenIdle;
     parts.switches.showsTouches = device;
     parts.rawDuration = rawDuration;
     parts.keyLinger = defaultKeyLinger;

@@ -84,11 +84,11 @@ public:
     // time order; a non-finite or negative click life or linger reads as 0.
     explicit RecordedMomentSource(Parts parts);
 
-    // The source for a recorded plim dressed in `spec`: zoom blocks in the spec's zoom
+    // The source for a recorded plim dressed in `look`: zoom blocks in the look's zoom
     // style, the pointer smoothed over the recording, clicks from the cursor track (and, for
     // a phone recording, the plan's taps), click life from the click style.
     static RecordedMomentSource forPlim(const CursorTrack& cursor, const KeystrokeTrack& keystrokes,
-        const EditPlan& plan, const StageSpec& spec, double rawDuration, std::vector<CaptionCue> captions = {},
+        const EditPlan& plan, const StageSpec& look, double rawDuration, std::vector<CaptionCue> captions = {},
         Options options = {});
 
     // How long each click style keeps a click on screen (0 for none).

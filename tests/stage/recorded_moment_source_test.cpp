@@ -131,16 +131,16 @@ TEST(RecordedMomentSourceTest, PlimSourcesTakeTheirSwitchesFromTrackAndLook)
     track.clicks = {{1000, 250, 125}, {2000, NAN, 0}};
     EditPlan plan;
     plan.taps = {TapMark{"T", 1.5, 0.4, 0.6}};
-    StageSpec spec;
-    RecordedMomentSource screen = RecordedMomentSource::forPlim(track, {}, plan, spec, 4.0);
+    StageSpec look;
+    RecordedMomentSource screen = RecordedMomentSource::forPlim(track, {}, plan, look, 4.0);
     EXPECT_EQ(screen.clickBeats(), (std::vector<RecordedMomentSource::ClickBeat>{{1.0, 0.25, 0.25}}));
     EXPECT_EQ(screen.clickLife(), RecordedMomentSource::clickLifeFor(ClickStyle::ring));
     EXPECT_EQ(screen.moment(3.9, 0.01).cursor->alpha, 0); // resting since the start
     EXPECT_FALSE(screen.moment(1.6, 0.01).touch);         // taps are a phone's
 
-    spec.clickStyle = ClickStyle::none;
-    spec.cursorHideWhenIdle = false;
-    RecordedMomentSource plain = RecordedMomentSource::forPlim(track, {}, plan, spec, 4.0);
+    look.clickStyle = ClickStyle::none;
+    look.cursorHideWhenIdle = false;
+    RecordedMomentSource plain = RecordedMomentSource::forPlim(track, {}, plan, look, 4.0);
     EXPECT_TRUE(plain.moment(1.0, 0.01).clicks.empty());
     EXPECT_EQ(plain.moment(3.9, 0.01).cursor->alpha, 1);
 
