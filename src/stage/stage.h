@@ -1,9 +1,13 @@
 #pragma once
 // Staging: how a plim is dressed (StageSpec), where everything sits on the output canvas
-// (StageGeometry, DeviceFrameGeometry, ReframeMath) and what one output instant shows.
+// (StageGeometry, DeviceFrameGeometry, ReframeMath) and what one output instant shows
+// (StageMoment, from RecordedMomentSource over the smoothed pointer).
 
+#include "stage/cursor_smoother.h"
+#include "stage/cursor_spring.h"
 #include "stage/device_frame.h"
 #include "stage/geometry_types.h"
+#include "stage/recorded_moment_source.h"
 #include "stage/reframe_math.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"
