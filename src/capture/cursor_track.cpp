@@ -1,15 +1,15 @@
 #include "capture/cursor_track.h"
 
 #include "base/log.h"
+#include "capture/cursor_track_reader.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cmath>
 
 namespace plim {
 
 namespace {
-
-const char* const geometryKeys[] = {"displayX", "displayY", "displayWidth", "displayHeight", "scale"};
 
 std::string joinedWithAnd(const std::vector<std::string>& words)
 {
@@ -28,94 +28,6 @@ std::string counted(size_t n, std::string_view noun)
     if (n != 1)
         out += "s";
     return out;
-}
-
-// A value that must be 0 or 1; anything else that is a number counts as 1, and what is
-// not a number as 0.
-int typingFlag(const Json& entry)
-{
-    const Json* k = jsonField(entry, "k");
-    if (!k)
-        return 0;
-    if (k->is_boolean())
-        return k->get<bool>() ? 1 : 0;
-    auto value = jsonNumber(entry, "k");
-    return value && *value != 0 ? 1 : 0;
-}
-
-template<typename T>
-bool sortByTime(std::vector<T>& items)
-{
-    auto earlier = [](const T& a, const T& b) { return a.t < b.t; };
-    if (std::is_sorted(items.begin(), items.end(), earlier))
-        return false;
-    std::stable_sort(items.begin(), items.end(), earlier);
-    return true;
-}
-
-// Reads one array key, keeping the entries `parse` accepts; counts the rest.
-template<typename T, typename Parse>
-std::vector<T> readArray(const Json& json, std::string_view key, Parse parse, size_t& dropped, bool& notAList)
-{
-    std::vector<T> out;
-    const Json* array = jsonField(json, key);
-    if (!array)
-        return out;
-    if (!array->is_array()) {
-        notAList = true;
-        return out;
-    }
-    out.reserve(array->size());
-    for (const Json& entry : *array) {
-        if (auto item = parse(entry))
-            out.push_back(*item);
-        else
-            ++dropped;
-    }
-    return out;
-}
-
-std::optional<CursorSample> parseSample(const Json& entry)
-{
-    auto t = jsonInteger(entry, "t");
-    auto x = jsonNumber(entry, "x");
-    auto y = jsonNumber(entry, "y");
-    if (!t || !x || !y)
-        return std::nullopt;
-    return CursorSample{*t, *x, *y, typingFlag(entry)};
-}
-
-std::optional<ClickEvent> parseClick(const Json& entry)
-{
-    auto t = jsonInteger(entry, "t");
-    auto x = jsonNumber(entry, "x");
-    auto y = jsonNumber(entry, "y");
-    if (!t || !x || !y)
-        return std::nullopt;
-    return ClickEvent{*t, *x, *y};
-}
-
-std::optional<Mark> parseMark(const Json& entry)
-{
-    // A bare number is accepted as the mark's time too.
-    if (auto t = jsonAsInteger(entry))
-        return Mark{*t};
-    auto t = jsonInteger(entry, "t");
-    if (!t)
-        return std::nullopt;
-    return Mark{*t};
-}
-
-std::optional<CursorTrack::FrameKey> parseFrame(const Json& entry)
-{
-    auto t = jsonInteger(entry, "t");
-    auto x = jsonNumber(entry, "x");
-    auto y = jsonNumber(entry, "y");
-    auto w = jsonNumber(entry, "w");
-    auto h = jsonNumber(entry, "h");
-    if (!t || !x || !y || !w || !h)
-        return std::nullopt;
-    return CursorTrack::FrameKey{*t, *x, *y, *w, *h};
 }
 
 double clampUnit(double v)
@@ -177,27 +89,54 @@ Json CursorTrack::toJson() const
     return json;
 }
 
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const Json& json, std::string_view fileName)
-{
-    const std::string name(fileName);
-    if (!json.is_object())
-        return std::unexpected(ReadError{ReadError::Kind::corrupt,
-            name + " is not a pointer track Plim can read (it does not hold a JSON object). "
-                   "The file was left as it is and nothing in it was lost. "
-                   "Restore the file from a backup, or record the plim again to get a new pointer track."});
+namespace {
 
+template<typename T>
+bool sortByTime(std::vector<T>& items)
+{
+    auto earlier = [](const T& a, const T& b) { return a.t < b.t; };
+    if (std::is_sorted(items.begin(), items.end(), earlier))
+        return false;
+    std::stable_sort(items.begin(), items.end(), earlier);
+    return true;
+}
+
+std::unexpected<CursorTrack::ReadError> corrupt(const std::string& name, std::string_view reason)
+{
+    return std::unexpected(CursorTrack::ReadError{CursorTrack::ReadError::Kind::corrupt,
+        name + " is not a pointer track Plim can read (" + std::string(reason)
+            + "). The file was left as it is and nothing in it was lost. "
+              "Restore the file from a backup, or record the plim again to get a new pointer track."});
+}
+
+// Moves one array's usable entries into the track and notes what was wrong with it.
+template<typename T>
+void takeList(TrackList<T>& list, std::vector<T>& into, size_t& dropped, std::vector<std::string>& notLists,
+    const char* key)
+{
+    if (list.state == TrackList<T>::State::notAList)
+        notLists.push_back(key);
+    into = std::move(list.items);
+    dropped = list.dropped;
+}
+
+// The lenient rules, whichever reader found the fields.
+std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields& fields, const std::string& name)
+{
+    using ReadError = CursorTrack::ReadError;
     std::vector<std::string> missing;
     double geometry[5] = {};
-    for (int i = 0; i < 5; ++i) {
-        if (auto v = jsonNumber(json, geometryKeys[i]))
+    for (size_t i = 0; i < trackGeometryKeys.size(); ++i) {
+        if (auto v = trackNumber(fields.geometry[i]))
             geometry[i] = *v;
         else
-            missing.push_back(geometryKeys[i]);
+            missing.emplace_back(trackGeometryKeys[i]);
     }
     if (!missing.empty())
         return std::unexpected(ReadError{ReadError::Kind::incomplete,
-            name + " is missing " + joinedWithAnd(missing) + ", which Plim needs to place the pointer in the picture, so the pointer track cannot be used. "
-              "The file was left as it is and nothing in it was lost. "
+            name + " is missing " + joinedWithAnd(missing)
+                + ", which Plim needs to place the pointer in the picture, so the pointer track cannot be used. "
+                  "The file was left as it is and nothing in it was lost. "
                   "Restore the file from a backup, or record the plim again to get a new pointer track."});
 
     CursorTrack track;
@@ -208,20 +147,20 @@ std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const J
     track.scale = geometry[4];
 
     std::vector<std::string> repairs;
-    if (jsonField(json, "videoStartOffsetMS")) {
-        if (auto v = jsonInteger(json, "videoStartOffsetMS"))
+    if (fields.videoStartOffsetMS.kind != TrackValue::Kind::absent) {
+        if (auto v = trackInteger(fields.videoStartOffsetMS))
             track.videoStartOffsetMS = *v;
         else
             repairs.push_back("an unusable videoStartOffsetMS read as 0");
     }
-    if (jsonField(json, "subjectKind")) {
-        if (auto v = jsonString(json, "subjectKind"))
-            track.subjectKind = *v;
+    if (fields.subjectKind.kind != TrackValue::Kind::absent) {
+        if (fields.subjectKind.kind == TrackValue::Kind::string)
+            track.subjectKind = std::move(fields.subjectKindText);
         else
             repairs.push_back("an unusable subjectKind left out");
     }
-    if (jsonField(json, "cameraOffsetMS")) {
-        if (auto v = jsonInteger(json, "cameraOffsetMS"))
+    if (fields.cameraOffsetMS.kind != TrackValue::Kind::absent) {
+        if (auto v = trackInteger(fields.cameraOffsetMS))
             track.cameraOffsetMS = *v;
         else
             repairs.push_back("an unusable cameraOffsetMS left out");
@@ -229,19 +168,10 @@ std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const J
 
     size_t droppedSamples = 0, droppedClicks = 0, droppedMarks = 0, droppedFrames = 0;
     std::vector<std::string> notLists;
-    bool notAList = false;
-    track.samples = readArray<CursorSample>(json, "samples", parseSample, droppedSamples, notAList);
-    if (std::exchange(notAList, false))
-        notLists.push_back("samples");
-    track.clicks = readArray<ClickEvent>(json, "clicks", parseClick, droppedClicks, notAList);
-    if (std::exchange(notAList, false))
-        notLists.push_back("clicks");
-    track.marks = readArray<Mark>(json, "marks", parseMark, droppedMarks, notAList);
-    if (std::exchange(notAList, false))
-        notLists.push_back("marks");
-    track.frames = readArray<FrameKey>(json, "frames", parseFrame, droppedFrames, notAList);
-    if (std::exchange(notAList, false))
-        notLists.push_back("frames");
+    takeList(fields.samples, track.samples, droppedSamples, notLists, "samples");
+    takeList(fields.clicks, track.clicks, droppedClicks, notLists, "clicks");
+    takeList(fields.marks, track.marks, droppedMarks, notLists, "marks");
+    takeList(fields.frames, track.frames, droppedFrames, notLists, "frames");
 
     std::vector<std::string> dropped;
     if (droppedSamples)
@@ -280,42 +210,194 @@ std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const J
     return track;
 }
 
-Status CursorTrack::write(const fs::path& movie) const { return writeJsonAtomic(fileBeside(movie), toJson()); }
+// Builds the text encodeJson(track.toJson()) gives: keys sorted, two-space indents, numbers
+// as nlohmann prints them.
+class TrackText {
+public:
+    std::string out;
+
+    void key(int indent, std::string_view name)
+    {
+        out.append(static_cast<size_t>(indent), ' ');
+        out += '"';
+        out += name;
+        out += "\": ";
+    }
+
+    void number(int64_t value)
+    {
+        char buffer[24];
+        auto r = std::to_chars(buffer, buffer + sizeof buffer, value);
+        out.append(buffer, r.ptr);
+    }
+
+    void number(double value)
+    {
+        if (!std::isfinite(value)) {
+            out += "null";
+            return;
+        }
+        char buffer[64];
+        char* last = tenths(value, buffer);
+        if (!last)
+            last = nlohmann::detail::to_chars(buffer, buffer + sizeof buffer, value);
+        out.append(buffer, last);
+    }
+
+    // Positions are mostly rounded to tenths. A value below 1e14 in size that is the double
+    // nearest some n/10 prints as n's digits with a point before the last: n/10 lies at most
+    // 0.4 ulp from the value (1/5 repeats with period 4 in binary), well inside the
+    // interval the shortest-digits search works in, and every other decimal with as few
+    // digits is at least 0.1 away. Returns the end of the text, or nullptr for other values.
+    static char* tenths(double value, char* buffer)
+    {
+        if (!(std::fabs(value) < 1e14) || value == 0)
+            return nullptr;
+        long long n = std::llround(value * 10);
+        if (static_cast<double>(n) / 10.0 != value)
+            return nullptr;
+        char* o = buffer;
+        if (n < 0)
+            *o++ = '-';
+        unsigned long long magnitude = n < 0 ? 0ULL - static_cast<unsigned long long>(n) : static_cast<unsigned long long>(n);
+        o = std::to_chars(o, buffer + 24, magnitude / 10).ptr;
+        *o++ = '.';
+        *o++ = static_cast<char>('0' + magnitude % 10);
+        return o;
+    }
+
+    // "key": value, at the top level.
+    template<typename V>
+    void member(std::string_view name, V value)
+    {
+        key(2, name);
+        number(value);
+        out += ",\n";
+    }
+
+    // "key": [ {...}, ... ], at the top level; `fields` writes one entry's members.
+    template<typename T, typename Fields>
+    void list(std::string_view name, const std::vector<T>& items, Fields fields, bool last = false)
+    {
+        key(2, name);
+        if (items.empty()) {
+            out += "[]";
+        } else {
+            out += "[\n";
+            for (size_t i = 0; i < items.size(); ++i) {
+                out += "    {\n";
+                fields(items[i]);
+                out += i + 1 < items.size() ? "    },\n" : "    }\n";
+            }
+            out += "  ]";
+        }
+        out += last ? "\n" : ",\n";
+    }
+
+    // One member of an entry, followed by a comma unless it is the entry's last.
+    template<typename V>
+    void field(std::string_view name, V value, bool last = false)
+    {
+        key(6, name);
+        number(value);
+        out += last ? "\n" : ",\n";
+    }
+};
+
+} // namespace
+
+std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const Json& json, std::string_view fileName)
+{
+    const std::string name(fileName);
+    if (!json.is_object())
+        return corrupt(name, "it does not hold a JSON object");
+    CursorTrackFields fields = trackFieldsOf(json);
+    return finishTrack(fields, name);
+}
+
+std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromText(std::string_view text, std::string_view fileName)
+{
+    const std::string name(fileName);
+    if (text.empty())
+        return corrupt(name, "the file is empty");
+    auto fields = scanTrackText(text);
+    if (!fields)
+        return corrupt(name, fields.error() == TrackTextFailure::notAnObject ? "it does not hold a JSON object"
+                                                                              : "it is not valid JSON");
+    return finishTrack(*fields, name);
+}
+
+std::string CursorTrack::encoded() const
+{
+    TrackText text;
+    text.out.reserve(96 * samples.size() + 80 * (clicks.size() + frames.size()) + 32 * marks.size() + 512);
+    text.out += "{\n";
+    if (cameraOffsetMS)
+        text.member("cameraOffsetMS", *cameraOffsetMS);
+    text.list("clicks", clicks, [&](const ClickEvent& c) {
+        text.field("t", c.t);
+        text.field("x", c.x);
+        text.field("y", c.y, true);
+    });
+    text.member("displayHeight", displayHeight);
+    text.member("displayWidth", displayWidth);
+    text.member("displayX", displayX);
+    text.member("displayY", displayY);
+    text.list("frames", frames, [&](const FrameKey& f) {
+        text.field("h", f.h);
+        text.field("t", f.t);
+        text.field("w", f.w);
+        text.field("x", f.x);
+        text.field("y", f.y, true);
+    });
+    text.list("marks", marks, [&](const Mark& m) { text.field("t", m.t, true); });
+    text.list("samples", samples, [&](const CursorSample& s) {
+        text.field("k", static_cast<int64_t>(s.k));
+        text.field("t", s.t);
+        text.field("x", s.x);
+        text.field("y", s.y, true);
+    });
+    text.member("scale", scale);
+    if (subjectKind) {
+        text.key(2, "subjectKind");
+        text.out += Json(*subjectKind).dump(-1, ' ', false, Json::error_handler_t::replace);
+        text.out += ",\n";
+    }
+    text.key(2, "videoStartOffsetMS");
+    text.number(videoStartOffsetMS);
+    text.out += "\n}\n";
+    return std::move(text.out);
+}
+
+Status CursorTrack::write(const fs::path& movie) const { return writeFileAtomic(fileBeside(movie), encoded()); }
 
 std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::read(const fs::path& movie)
 {
     const fs::path path = fileBeside(movie);
     const std::string name = path.filename().string();
-    auto json = readJsonFile(path);
-    if (!json) {
-        const auto& failure = json.error();
-        switch (failure.kind) {
-        case JsonReadFailure::absent:
+    auto bytes = readFileBytes(path);
+    if (!bytes) {
+        if (bytes.error().kind == ReadFailure::absent)
             return std::unexpected(ReadError{ReadError::Kind::absent,
                 "There is no pointer track beside " + movie.filename().string() + " (" + name
                     + " is missing), so the pointer cannot be drawn. Nothing was changed. "
                       "Put the file back beside the movie, or record the plim again."});
-        case JsonReadFailure::unreadable:
-            return std::unexpected(ReadError{ReadError::Kind::unreadable,
-                "Plim could not read " + name + " (" + failure.reason
-                    + "). The file was left as it is and nothing in it was lost. "
-                      "Check that you may read the file, then try again."});
-        case JsonReadFailure::corrupt:
-            return std::unexpected(ReadError{ReadError::Kind::corrupt,
-                name + " is not a pointer track Plim can read (" + failure.reason
-                    + "). The file was left as it is and nothing in it was lost. "
-                      "Restore the file from a backup, or record the plim again to get a new pointer track."});
-        }
+        return std::unexpected(ReadError{ReadError::Kind::unreadable,
+            "Plim could not read " + name + " (" + bytes.error().reason
+                + "). The file was left as it is and nothing in it was lost. "
+                  "Check that you may read the file, then try again."});
     }
-    return fromJson(*json, name);
+    return fromText(*bytes, name);
 }
 
 CursorTrack::UnitPoint CursorTrack::normalized(double x, double y, double atMS) const
 {
     double rx = displayX, ry = displayY, rw = displayWidth, rh = displayHeight;
-    for (const auto& frame : frames) {
-        if (static_cast<double>(frame.t) > atMS)
-            break;
+    // The first key later than atMS; the one before it holds at atMS.
+    auto later = std::upper_bound(frames.begin(), frames.end(), atMS,
+        [](double at, const FrameKey& frame) { return at < static_cast<double>(frame.t); });
+    if (later != frames.begin()) {
+        const FrameKey& frame = *std::prev(later);
         rx = frame.x;
         ry = frame.y;
         rw = frame.w;

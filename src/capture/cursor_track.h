@@ -97,15 +97,25 @@ struct CursorTrack {
     // displayHeight, scale) is missing or not a number.
     static std::expected<CursorTrack, ReadError> fromJson(const Json& json, std::string_view fileName);
 
-    // Writes atomically to fileBeside(movie).
+    // The track's JSON text read in one pass without building a tree: the same results,
+    // notices and sentences as parsing the text and calling fromJson.
+    static std::expected<CursorTrack, ReadError> fromText(std::string_view text, std::string_view fileName);
+
+    // The file's bytes: exactly encodeJson(toJson()), written without building the tree.
+    std::string encoded() const;
+
+    // Writes encoded() atomically to fileBeside(movie).
     Status write(const fs::path& movie) const;
 
-    // Reads fileBeside(movie); the file is left exactly as it is whatever happens.
+    // Reads fileBeside(movie) through fromText; the file is left exactly as it is
+    // whatever happens.
     static std::expected<CursorTrack, ReadError> read(const fs::path& movie);
 
     // Maps a position at a track time into the unit square of the region the movie shows
     // then: the display rectangle before the first frame key, else the last frame key at
-    // or before atMS. Degenerate rectangles give (0.5, 0.5); results are clamped to [0, 1].
+    // or before atMS (found by binary search, so `frames` must be in time order, as every
+    // reader leaves them). Degenerate rectangles give (0.5, 0.5); results are clamped to
+    // [0, 1].
     UnitPoint normalized(double x, double y, double atMS) const;
 };
 

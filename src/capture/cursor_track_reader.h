@@ -1,0 +1,106 @@
+#pragma once
+// The two ways a pointer track is read, and the rules both share. A reader only reports
+// what it found at the keys Plim knows (TrackValue); the rules below and the track's own
+// finishing step decide what that is worth. One reader walks a parsed JSON tree; the other
+// scans the file's text in a single pass without building a tree, since an hour of
+// recording holds some 216,000 samples.
+
+#include "capture/cursor_track.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace plim {
+
+// What a reader saw at one key. JSON null counts as absent.
+struct TrackValue {
+    enum class Kind { absent, boolean, signedInteger, unsignedInteger, real, string, array, object, other };
+    Kind kind = Kind::absent;
+    bool boolean = false;
+    int64_t signedInteger = 0;
+    uint64_t unsignedInteger = 0;
+    double real = 0;
+
+    // nullptr is absent.
+    static TrackValue of(const Json* value);
+    bool operator==(const TrackValue&) const = default;
+};
+
+// Any finite number.
+std::optional<double> trackNumber(const TrackValue& value);
+// An integer, or a number with no fractional part that fits 64 bits.
+std::optional<int64_t> trackInteger(const TrackValue& value);
+// 1 for true or any non-zero number, else 0.
+int trackTypingFlag(const TrackValue& value);
+
+// How the entries of one array are read: the keys looked at, and what an entry with those
+// values makes. `whole` is the entry itself; `at` holds the keys' values, all absent when
+// the entry is not an object.
+template<typename T>
+struct TrackEntry;
+
+template<>
+struct TrackEntry<CursorSample> {
+    static constexpr std::array<std::string_view, 4> keys{"t", "x", "y", "k"};
+    static std::optional<CursorSample> make(const TrackValue& whole, const std::array<TrackValue, 4>& at);
+};
+
+template<>
+struct TrackEntry<ClickEvent> {
+    static constexpr std::array<std::string_view, 3> keys{"t", "x", "y"};
+    static std::optional<ClickEvent> make(const TrackValue& whole, const std::array<TrackValue, 3>& at);
+};
+
+template<>
+struct TrackEntry<Mark> {
+    static constexpr std::array<std::string_view, 1> keys{"t"};
+    static std::optional<Mark> make(const TrackValue& whole, const std::array<TrackValue, 1>& at);
+};
+
+template<>
+struct TrackEntry<CursorTrack::FrameKey> {
+    static constexpr std::array<std::string_view, 5> keys{"t", "x", "y", "w", "h"};
+    static std::optional<CursorTrack::FrameKey> make(const TrackValue& whole, const std::array<TrackValue, 5>& at);
+};
+
+// One of the four arrays as found: the usable entries in file order and how many were not.
+template<typename T>
+struct TrackList {
+    enum class State { absent, notAList, list };
+    State state = State::absent;
+    std::vector<T> items;
+    size_t dropped = 0;
+};
+
+inline constexpr std::array<std::string_view, 5> trackGeometryKeys{
+    "displayX", "displayY", "displayWidth", "displayHeight", "scale"};
+
+// Everything a reader found in a track's top-level object, before the lenient rules run.
+struct CursorTrackFields {
+    std::array<TrackValue, 5> geometry; // in trackGeometryKeys order
+    TrackValue videoStartOffsetMS;
+    TrackValue subjectKind;
+    std::string subjectKindText; // when subjectKind is a string
+    TrackValue cameraOffsetMS;
+    TrackList<CursorSample> samples;
+    TrackList<ClickEvent> clicks;
+    TrackList<Mark> marks;
+    TrackList<CursorTrack::FrameKey> frames;
+};
+
+// From a parsed tree; `object` must be a JSON object.
+CursorTrackFields trackFieldsOf(const Json& object);
+
+enum class TrackTextFailure { notJson, notAnObject };
+
+// From JSON text in one pass. Any departure from the JSON grammar is `notJson`, exactly
+// where nlohmann's parser would refuse the text (a leading UTF-8 byte order mark is
+// allowed, nesting is unlimited); valid JSON whose top value is not an object is
+// `notAnObject`. Where a key repeats, the last one counts.
+std::expected<CursorTrackFields, TrackTextFailure> scanTrackText(std::string_view text);
+
+} // namespace plim
