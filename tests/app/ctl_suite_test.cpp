@@ -13,51 +13,39 @@
 
 using namespace plim;
 using namespace plim::testkit;
+using Args = std::vector<std::string>;
 
 namespace {
 
 // `plimctl beacon watch` runs in this test executable started again with
-// PLIM_CTL_SUITE_CHILD set, so that a real SIGTERM can end it.
-[[maybe_unused]] const int childRole = [] {
-    if (const char* role = std::getenv("PLIM_CTL_SUITE_CHILD")) {
-        int status = runBeaconCommand({"watch", role, "--check-every", "0.05"}, std::cout, std::cerr);
+// PLIM_CTL_SUITE_WATCH set, so that a real SIGTERM can end it.
+[[maybe_unused]] const int watcher = [] {
+    if (const char* app = std::getenv("PLIM_CTL_SUITE_WATCH")) {
+        int status = runBeaconCommand({"watch", app, "--check-every", "0.05"}, std::cout, std::cerr);
         std::cout.flush();
         _exit(status);
     }
     return 0;
 }();
 
-struct Run {
+struct Ran {
     int status;
     std::string out, err;
 };
 
-Run moments(const std::vector<std::string>& args)
+template<auto command>
+Ran run(const Args& args)
 {
     std::ostringstream out, err;
-    int status = runMomentsCommand(args, out, err);
+    int status = command(args, out, err);
     return {status, out.str(), err.str()};
 }
-
-Run beacon(const std::vector<std::string>& args)
-{
-    std::ostringstream out, err;
-    int status = runBeaconCommand(args, out, err);
-    return {status, out.str(), err.str()};
-}
+constexpr auto moments = run<runMomentsCommand>;
+constexpr auto beacon = run<runBeaconCommand>;
 
 Moment::Instant at(std::string_view text) { return parseMomentTime(text).value(); }
 
-std::vector<std::string> lines(const std::string& text)
-{
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);)
-        out.push_back(line);
-    return out;
-}
-
-class CtlMoments : public ::testing::Test {
+class CtlSuite : public ::testing::Test {
 protected:
     void SetUp() override
     {
@@ -77,45 +65,41 @@ protected:
 
 } // namespace
 
-TEST_F(CtlMoments, ListsTheMergedHistoryOldestFirstWithTheQuerysFilters)
+TEST_F(CtlSuite, MomentsListsTheMergedHistoryOldestFirstWithTheQuerysFilters)
 {
-    auto all = moments({});
-    EXPECT_EQ(all.status, 0) << all.err;
-    EXPECT_EQ(all.err, "");
-    EXPECT_EQ(lines(all.out), (std::vector<std::string>{
-                                  "2026-11-14T10:00:00.000Z  plim  recording  Screen recording: 2 min  [file: B.mov]",
-                                  "2026-11-14T10:00:00.000Z  tovan  mark  Mark  [person: Ada]",
-                              }));
-
-    EXPECT_EQ(lines(moments({"--app", "tovan"}).out).size(), 1u);
-    EXPECT_EQ(lines(moments({"--entity=ada"}).out).at(0), "2026-11-14T10:00:00.000Z  tovan  mark  Mark  [person: Ada]");
-    EXPECT_EQ(moments({"--entity", "ada", "--entity-type", "file"}).out, "No moments match.\n");
-    EXPECT_EQ(lines(moments({"--from", "2026-11-14T10:00:00.001Z", "--sensitive"}).out),
-        (std::vector<std::string>{"2026-11-14T11:00:00.000Z  plim  note  Private note  (sensitive)"}));
-    EXPECT_EQ(lines(moments({"--to", "2026-11-14T10:00:00Z", "--kind", "recording"}).out).size(), 1u);
-    EXPECT_EQ(lines(moments({"--all"}).out).back(), "2026-11-14T12:00:00.000Z  plim  recording  Gone");
-    EXPECT_EQ(lines(moments({"--kind", "retracted"}).out),
-        (std::vector<std::string>{
-            "2026-11-14T13:00:00.000Z  plim  retracted  Retracted a moment  (plim at 2026-11-14T12:00:00.000Z)"}));
-
-    auto json = moments({"--json", "--app", "plim", "--all"});
-    ASSERT_EQ(json.status, 0);
-    auto parsed = nlohmann::json::parse(json.out, nullptr, false);
-    ASSERT_TRUE(parsed.is_array()) << json.out;
-    ASSERT_EQ(parsed.size(), 2u);
-    EXPECT_EQ(parsed[0]["source"], "ID-B");
-    EXPECT_EQ(parsed[1]["title"], "Gone");
-    EXPECT_EQ(moments({"--json", "--app", "sorvel"}).out, "[]\n");
+    const std::string rec = "2026-11-14T10:00:00.000Z  plim  recording  Screen recording: 2 min  [file: B.mov]\n";
+    const std::string mark = "2026-11-14T10:00:00.000Z  tovan  mark  Mark  [person: Ada]\n";
+    for (const auto& [args, expected] : std::vector<std::pair<Args, std::string>>{
+             {{}, rec + mark},
+             {{"--app", "tovan"}, mark},
+             {{"--entity=ada"}, mark},
+             {{"--entity", "ada", "--entity-type", "file"}, "No moments match.\n"},
+             {{"--from", "2026-11-14T10:00:00.001Z", "--sensitive"},
+                 "2026-11-14T11:00:00.000Z  plim  note  Private note  (sensitive)\n"},
+             {{"--to", "2026-11-14T10:00:00Z", "--kind", "recording"}, rec},
+             {{"--all", "--kind", "recording"}, rec + "2026-11-14T12:00:00.000Z  plim  recording  Gone\n"},
+             {{"--kind", "retracted"},
+                 "2026-11-14T13:00:00.000Z  plim  retracted  Retracted a moment  (plim at 2026-11-14T12:00:00.000Z)\n"},
+             {{"--json", "--app", "sorvel"}, "[]\n"}}) {
+        auto listed = moments(args);
+        EXPECT_EQ(listed.status, 0);
+        EXPECT_EQ(listed.err, "");
+        EXPECT_EQ(listed.out, expected) << ::testing::PrintToString(args);
+    }
+    auto json = nlohmann::json::parse(moments({"--json", "--app", "plim", "--all"}).out, nullptr, false);
+    ASSERT_TRUE(json.is_array() && json.size() == 2) << json;
+    EXPECT_EQ(json[0]["source"], "ID-B");
+    EXPECT_EQ(json[1]["title"], "Gone");
 }
 
-TEST_F(CtlMoments, NamesSkippedAndUnreadableStreamsAndLeavesThemAsTheyAre)
+TEST_F(CtlSuite, MomentsNamesSkippedAndUnreadableStreamsAndLeavesThemAsTheyAre)
 {
     const std::string torn = readText(m_graph / "tovan.moments.jsonl") + "{\"schemaVersion\":1,\"ts\":";
     writeText(m_graph / "tovan.moments.jsonl", torn);
-    auto run = moments({});
-    EXPECT_EQ(run.status, 0);
-    EXPECT_EQ(lines(run.out).size(), 2u);
-    EXPECT_EQ(run.err, "Skipped 1 line of the moment stream " + (m_graph / "tovan.moments.jsonl").string()
+    auto skipped = moments({"--app", "tovan"});
+    EXPECT_EQ(skipped.status, 0);
+    EXPECT_EQ(skipped.out, "2026-11-14T10:00:00.000Z  tovan  mark  Mark  [person: Ada]\n");
+    EXPECT_EQ(skipped.err, "Skipped 1 line of the moment stream " + (m_graph / "tovan.moments.jsonl").string()
             + " that are not whole moments; the file was left as it is and its other moments are shown.\n");
     EXPECT_EQ(readText(m_graph / "tovan.moments.jsonl"), torn);
 
@@ -127,27 +111,32 @@ TEST_F(CtlMoments, NamesSkippedAndUnreadableStreamsAndLeavesThemAsTheyAre)
     EXPECT_TRUE(fs::is_directory(m_graph / "sorvel.moments.jsonl"));
 }
 
-TEST_F(CtlMoments, BadOptionsGetOneSentenceAndReadNothing)
+TEST_F(CtlSuite, BadArgumentsGetOneSentenceAndDoNothing)
 {
-    auto help = moments({"--help"});
-    EXPECT_EQ(help.status, 0);
-    EXPECT_TRUE(help.out.starts_with("usage: plimctl moments [options]"));
-
-    for (const auto& args : std::vector<std::vector<std::string>>{{"--colour"}, {"--app"}, {"--from", "yesterday"},
-             {"--entity-type", "file"}, {"--app", "Plim"}, {"stray"}, {"--json=yes"}}) {
-        auto run = moments(args);
-        EXPECT_EQ(run.status, 1) << args[0];
-        EXPECT_EQ(run.out, "") << args[0];
-        EXPECT_EQ(std::count(run.err.begin(), run.err.end(), '\n'), 1) << run.err;
-        EXPECT_TRUE(run.err.ends_with(".\n")) << run.err;
-    }
+    EXPECT_TRUE(moments({"--help"}).out.starts_with("usage: plimctl moments [options]"));
+    EXPECT_TRUE(beacon({"--help"}).out.starts_with("usage: plimctl beacon post STATE"));
+    const fs::path file = m_sandbox.home() / "file";
+    writeText(file, "x");
+    const std::string nowhere = "unix:path=" + (m_sandbox.home() / "none").string();
+    auto refused = [](const Ran& r, const Args& args) {
+        SCOPED_TRACE(::testing::PrintToString(args));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.out, "");
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+        EXPECT_TRUE(r.err.ends_with(".\n")) << r.err;
+    };
+    for (const Args& args : std::vector<Args>{{"--colour"}, {"--app"}, {"--from", "yesterday"}, {"--entity-type", "file"},
+             {"--app", "Plim"}, {"stray"}, {"--json=yes"}, {"--graph", file.string()}})
+        refused(moments(args), args);
+    for (const Args& args : std::vector<Args>{{}, {"dance"}, {"post", "idle", "--app", "vlc"},
+             {"post", "idle", "--bus", nowhere}, {"watch", "--check-every", "0"}, {"watch", "plim", "tovan"}})
+        refused(beacon(args), args);
     EXPECT_EQ(moments({"--to", "2026-13-01T00:00:00Z"}).err,
         "--to needs an ISO 8601 instant such as 2026-11-14T22:15:44Z, not \"2026-13-01T00:00:00Z\"; nothing was read.\n");
-
-    writeText(m_sandbox.home() / "file", "x");
-    auto notFolder = moments({"--graph", (m_sandbox.home() / "file").string()});
-    EXPECT_EQ(notFolder.status, 1);
-    EXPECT_EQ(readText(m_sandbox.home() / "file"), "x");
+    EXPECT_EQ(beacon({"post", "rolling", "-5"}).err,
+        "\"rolling -5\" is not a beacon state: use idle, paused SECONDS, rolling or rolling UNIX-SECONDS. Nothing was sent.\n");
+    EXPECT_TRUE(beacon({"post", "idle", "--bus", nowhere}).err.starts_with("Could not connect to the session bus ("));
+    EXPECT_EQ(readText(file), "x");
 }
 
 TEST(CtlBeacon, PostSendsTheStateThatAnObserverReceives)
@@ -157,45 +146,25 @@ TEST(CtlBeacon, PostSendsTheStateThatAnObserverReceives)
     auto bus = SuiteBus::connectSession();
     ASSERT_TRUE(bus);
     std::mutex lock;
-    std::vector<BeaconState> plimStates, tovanStates;
-    auto plimObs = bus->observeBeacon(SuiteApp::plim, {}, [&](const BeaconState& s) {
-        std::lock_guard guard(lock);
-        plimStates.push_back(s);
-    });
-    auto tovanObs = bus->observeBeacon(SuiteApp::tovan, {}, [&](const BeaconState& s) {
-        std::lock_guard guard(lock);
-        tovanStates.push_back(s);
-    });
+    std::vector<std::string> heard;
+    auto observe = [&](SuiteApp app) {
+        return bus->observeBeacon(app, {}, [&, app](const BeaconState& s) {
+            std::lock_guard guard(lock);
+            heard.push_back(std::string(appSlug(app)) + " " + s.wirePayload());
+        });
+    };
+    auto plimObs = observe(SuiteApp::plim), tovanObs = observe(SuiteApp::tovan);
     ASSERT_TRUE(plimObs && tovanObs);
-
     auto paused = beacon({"post", "paused", "12.9"});
-    EXPECT_EQ(paused.status, 0) << paused.err;
-    EXPECT_EQ(paused.out, "Posted \"paused 12\" on the plim beacon.\n");
-    auto rolling = beacon({"post", "rolling", "1731622544", "--app", "tovan"});
-    EXPECT_EQ(rolling.status, 0) << rolling.err;
-    ASSERT_TRUE(eventually([&] {
+    EXPECT_EQ(paused.out, "Posted \"paused 12\" on the plim beacon.\n") << paused.err;
+    auto heardSoFar = [&] {
         std::lock_guard guard(lock);
-        return !plimStates.empty() && !tovanStates.empty();
-    }));
-    EXPECT_EQ(plimStates, (std::vector<BeaconState>{BeaconState::paused(12)}));
-    EXPECT_EQ(tovanStates, (std::vector<BeaconState>{BeaconState::rolling(1731622544)}));
-
-    auto bad = beacon({"post", "rolling", "-5"});
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.err,
-        "\"rolling -5\" is not a beacon state: use idle, paused SECONDS, rolling or rolling UNIX-SECONDS. Nothing was sent.\n");
-    EXPECT_EQ(beacon({"post", "idle", "--app", "vlc"}).status, 1);
-    EXPECT_EQ(beacon({"dance"}).status, 1);
-    EXPECT_TRUE(beacon({"--help"}).out.starts_with("usage: plimctl beacon post STATE"));
-}
-
-TEST(CtlBeacon, WithoutABusItSaysSo)
-{
-    TempDir dir;
-    auto run = beacon({"post", "idle", "--bus", "unix:path=" + (dir / "none").string()});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_TRUE(run.err.starts_with("Could not connect to the session bus (")) << run.err;
-    EXPECT_EQ(run.out, "");
+        return heard;
+    };
+    ASSERT_TRUE(eventually([&] { return heardSoFar().size() == 1; }));
+    EXPECT_EQ(beacon({"post", "rolling", "1731622544", "--app", "tovan"}).status, 0);
+    ASSERT_TRUE(eventually([&] { return heardSoFar().size() == 2; }));
+    EXPECT_EQ(heardSoFar(), (std::vector<std::string>{"plim paused 12", "tovan rolling 1731622544"}));
 }
 
 TEST(CtlBeacon, WatchPrintsEachStateAndAVanishedSenderUntilSigterm)
@@ -203,29 +172,23 @@ TEST(CtlBeacon, WatchPrintsEachStateAndAVanishedSenderUntilSigterm)
     TestSessionBus daemon;
     ASSERT_TRUE(daemon.ready()) << daemon.daemonErrors();
     fs::path out = daemon.folder() / "watch.out";
-    ChildProcess watcher({"/proc/self/exe"}, {"PLIM_CTL_SUITE_CHILD=plim"}, out, daemon.folder() / "watch.err");
+    ChildProcess watcher({"/proc/self/exe"}, {"PLIM_CTL_SUITE_WATCH=plim"}, out, daemon.folder() / "watch.err");
     auto printed = [&](const std::string& line) {
         return eventually([&] { return readText(out).find(line + "\n") != std::string::npos; });
     };
     ASSERT_TRUE(printed("Watching the plim beacon; press Ctrl+C to stop.")) << readText(daemon.folder() / "watch.err");
-
     {
         auto bus = SuiteBus::connectSession();
         ASSERT_TRUE(bus);
-        ASSERT_TRUE(bus->postBeacon(BeaconState::rolling(1731622544), SuiteApp::plim));
-        ASSERT_TRUE(bus->postBeacon(BeaconState::paused(12.9), SuiteApp::plim));
-        ASSERT_TRUE(bus->postBeacon(BeaconState::idle(), SuiteApp::plim));
+        for (auto state : {BeaconState::rolling(1731622544), BeaconState::paused(12.9), BeaconState::idle()})
+            ASSERT_TRUE(bus->postBeacon(state, SuiteApp::plim));
         ASSERT_TRUE(printed("plim: idle"));
-    }
-    {
         // This sender says it is rolling and then disconnects without saying idle.
-        auto bus = SuiteBus::connectSession();
-        ASSERT_TRUE(bus);
-        ASSERT_TRUE(bus->postBeacon(BeaconState::rolling(1731622600), SuiteApp::plim));
-        ASSERT_TRUE(printed("plim: rolling since 2024-11-14T22:16:40.000Z"));
+        auto vanishing = SuiteBus::connectSession();
+        ASSERT_TRUE(vanishing && vanishing->postBeacon(BeaconState::rolling(1731622600), SuiteApp::plim));
+        ASSERT_TRUE(vanishing->flush());
     }
     ASSERT_TRUE(printed("plim: gone without saying idle (treated as idle)"));
-
     kill(watcher.pid(), SIGTERM);
     EXPECT_EQ(watcher.wait(), 0);
     EXPECT_EQ(readText(out), "Watching the plim beacon; press Ctrl+C to stop.\n"
