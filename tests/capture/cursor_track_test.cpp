@@ -217,3 +217,21 @@ TEST(CursorTrack, NormalizedSwitchesToTheFrameKeyAtItsTime)
     CursorTrack empty;
     EXPECT_EQ(empty.normalized(3, 4, 0), (CursorTrack::UnitPoint{0.5, 0.5}));
 }
+
+TEST(CursorTrack, NormalizedUsesTheLastFrameKeyAtOrBeforeTheTime)
+{
+    // Keys sharing a time, and times between, on, before and after them.
+    CursorTrack track;
+    track.displayWidth = 100;
+    track.displayHeight = 100;
+    for (int64_t i = 0; i < 40; ++i)
+        track.frames.push_back({(i / 3) * 10, static_cast<double>(i), 0, 100, 100});
+    for (double at = -5; at <= 140; at += 2.5) {
+        double expectedX = 0;
+        for (const auto& frame : track.frames)
+            if (static_cast<double>(frame.t) <= at)
+                expectedX = frame.x;
+        EXPECT_EQ(track.normalized(50, 0, at).x, (50 - expectedX) / 100) << at;
+    }
+    EXPECT_EQ(track.normalized(50, 0, std::nan("")).x, (50 - 39.0) / 100);
+}

@@ -1,0 +1,228 @@
+#include "base/log.h"
+#include "capture/cursor_track.h"
+#include "testkit/testkit.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+#include <random>
+
+using namespace plim;
+using namespace plim::testkit;
+
+namespace {
+
+using Outcome = std::expected<CursorTrack, CursorTrack::ReadError>;
+
+const std::string fileName = "B.cursor.json";
+
+// Reading the text in one pass gives exactly what parsing it into a tree and calling
+// fromJson gives, notices included; text the tree parser refuses is corrupt.
+void expectAgree(const std::string& text, const std::string& what)
+{
+    std::optional<Outcome> tree;
+    std::vector<std::string> treeLog, fastLog;
+    {
+        LogCapture log;
+        if (auto json = parseJson(text))
+            tree = CursorTrack::fromJson(*json, fileName);
+        treeLog = log.lines();
+    }
+    std::optional<Outcome> fast;
+    {
+        LogCapture log;
+        fast = CursorTrack::fromText(text, fileName);
+        fastLog = log.lines();
+    }
+    SCOPED_TRACE(what + ": " + text.substr(0, 300));
+    EXPECT_EQ(fastLog, treeLog);
+    if (!tree) {
+        ASSERT_FALSE(*fast);
+        EXPECT_EQ(fast->error().kind, CursorTrack::ReadError::Kind::corrupt);
+        const char* reason = text.empty() ? "(the file is empty)" : "(it is not valid JSON)";
+        EXPECT_NE(fast->error().sentence.find(reason), std::string::npos) << fast->error().sentence;
+        return;
+    }
+    ASSERT_EQ(fast->has_value(), tree->has_value()) << (tree->has_value() ? fast->error().sentence : tree->error().sentence);
+    if (tree->has_value())
+        EXPECT_EQ(**fast, **tree);
+    else
+        EXPECT_EQ(fast->error(), tree->error());
+}
+
+// Doubles of every kind a track may hold: tenths, long fractions, huge, tiny, subnormal,
+// negative zero and whole numbers.
+double anyDouble(std::mt19937_64& random)
+{
+    std::uniform_int_distribution<int> pick(0, 6);
+    std::uniform_real_distribution<double> span(-4000, 4000);
+    switch (pick(random)) {
+    case 0: return roundToTenth(span(random));
+    case 1: return span(random);
+    case 2: return std::ldexp(span(random), static_cast<int>(random() % 2000) - 1000);
+    case 3: return std::numeric_limits<double>::denorm_min() * static_cast<double>(random() % 1000);
+    case 4: return -0.0;
+    case 5: return std::round(span(random)) * 1e10;
+    default: return roundToTenth(span(random) * 1e10);
+    }
+}
+
+CursorTrack anyTrack(std::mt19937_64& random, size_t entries)
+{
+    auto t = [&] { return static_cast<int64_t>(random() % 100000) - 1000; };
+    CursorTrack track;
+    track.displayX = anyDouble(random);
+    track.displayY = anyDouble(random);
+    track.displayWidth = anyDouble(random);
+    track.displayHeight = anyDouble(random);
+    track.scale = anyDouble(random);
+    track.videoStartOffsetMS = static_cast<int64_t>(random()) >> (random() % 64);
+    if (random() % 2)
+        track.subjectKind = random() % 2 ? "device" : "é \"q\" \\ \t\x01 \xf0\x9f\x98\x80";
+    if (random() % 2)
+        track.cameraOffsetMS = t();
+    for (size_t i = 0; i < entries; ++i) {
+        track.samples.push_back({t(), anyDouble(random), anyDouble(random), static_cast<int>(random() % 2)});
+        if (i % 3 == 0)
+            track.clicks.push_back({t(), anyDouble(random), anyDouble(random)});
+        if (i % 4 == 0)
+            track.marks.push_back({t()});
+        if (i % 5 == 0)
+            track.frames.push_back({t(), anyDouble(random), anyDouble(random), anyDouble(random), anyDouble(random)});
+    }
+    return track;
+}
+
+// The same document with every object's keys in a random order, some whole numbers written
+// as doubles, and unknown keys holding nested values.
+nlohmann::ordered_json reshaped(const Json& value, std::mt19937_64& random)
+{
+    if (value.is_object()) {
+        std::vector<std::string> keys;
+        for (const auto& [key, _] : value.items())
+            keys.push_back(key);
+        std::shuffle(keys.begin(), keys.end(), random);
+        nlohmann::ordered_json out = nlohmann::ordered_json::object();
+        for (const auto& key : keys) {
+            if (random() % 4 == 0)
+                out["unknown" + key] = nlohmann::ordered_json::parse(R"({"a": [1, {"b": ["\u00e9", null, true]}], "c": -2.5e-3})");
+            out[key] = reshaped(value[key], random);
+        }
+        return out;
+    }
+    if (value.is_array()) {
+        nlohmann::ordered_json out = nlohmann::ordered_json::array();
+        for (const auto& item : value)
+            out.push_back(reshaped(item, random));
+        return out;
+    }
+    if (value.is_number_integer() && random() % 3 == 0 && std::abs(value.get<double>()) < 1e15)
+        return value.get<double>();
+    return nlohmann::ordered_json::parse(value.dump());
+}
+
+} // namespace
+
+TEST(CursorTrackReader, AgreesWithTheTreeOnValidTracksWrittenAnyWay)
+{
+    std::mt19937_64 random(11);
+    for (int round = 0; round < 60; ++round) {
+        CursorTrack track = anyTrack(random, static_cast<size_t>(round % 12));
+        Json json = track.toJson();
+        expectAgree(encodeJson(json), "pretty");
+        expectAgree(json.dump(), "compact");
+        std::string text = reshaped(json, random).dump(static_cast<int>(random() % 4) - 1);
+        expectAgree(text, "reshaped");
+        // Keys spelled with escapes name the same keys.
+        for (const std::string from : {"\"t\":", "\"scale\":", "\"samples\":"}) {
+            std::string to = "\"\\u0" + std::string(from == "\"t\":" ? "074" : "073") + from.substr(2);
+            for (size_t at = text.find(from); at != std::string::npos; at = text.find(from, at + 1))
+                text.replace(at, from.size(), to);
+        }
+        expectAgree(text, "escaped keys");
+        auto fast = CursorTrack::fromText(encodeJson(json), fileName);
+        ASSERT_TRUE(fast) << fast.error().sentence;
+        auto back = CursorTrack::fromJson(json, fileName);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(*fast, *back);
+    }
+}
+
+TEST(CursorTrackReader, AgreesWithTheTreeOnLenientAndOddInputs)
+{
+    const std::string g = R"("displayX": 0, "displayY": -1.5e1, "displayWidth": 1E3, "displayHeight": 1e+2, "scale": 2.0)";
+    const std::vector<std::string> bodies = {
+        R"("samples": [{"t": 5, "x": 1, "y": 2, "k": true}, {"t": 1.0, "x": -0.0, "y": 1e-400, "k": 2.5},
+            {"t": 1e3, "x": 1, "y": 2, "k": "1"}, {"t": 1.5, "x": 1, "y": 2}, 1, "x", [], null, {},
+            {"t": 18446744073709551615, "x": 1, "y": 2}, {"t": 9223372036854775807, "x": 1, "y": 2},
+            {"t": -9223372036854775808, "x": 1, "y": 2}, {"t": -9223372036854775809, "x": 1, "y": 2},
+            {"t": 3, "x": 18446744073709551616, "y": -1e-310, "k": null}, {"t": 2, "t": null, "x": 1, "y": 2},
+            {"t": 2, "x": "1", "x": 4, "y": 2, "k": [1]}])",
+        R"("marks": [5, 7.0, "8", {"t": 3}, 2.5, true, {"t": 1, "t": 0}, -0.0, 1e2], "clicks": {"t": 1})",
+        R"("frames": [{"t": 9, "x": 0, "y": 0, "w": 1, "h": 2}, {"t": 1, "x": 0, "y": 0, "w": 1}], "frames": [{"t": 2, "x": 0, "y": 0, "w": 1, "h": 2}, {"t": 1, "x": 0, "y": 0, "w": 1, "h": 1e308}])",
+        R"("videoStartOffsetMS": 1.0, "cameraOffsetMS": "soon", "subjectKind": 3, "samples": null, "marks": "none")",
+        R"("videoStartOffsetMS": 9.3e18, "cameraOffsetMS": -12, "subjectKind": "d\u00e9vice\ud83d\ude00\n\"\/", "subjectKind": "device")",
+        R"("scale": null, "displayX": "0", "clicks": [], "clicks": 5)",
+        R"("scale": 3, "scale": true, "samples": [[[[{"t": 1}]]]], "\u0073amples": [{"\u0074": 1, "x": 1, "y": 1}])",
+        R"("a\u0000": {"x": [1, 2, {"y": "\\"}]}, "": [], "displayX\u0000": "not geometry")",
+    };
+    for (const auto& body : bodies) {
+        expectAgree("{" + g + ", " + body + "}", "lenient");
+        expectAgree("{" + body + ", " + g + "}", "geometry last");
+        expectAgree("{" + body + "}", "geometry missing");
+    }
+    const std::string deep(100000, '[');
+    for (const std::string& text : std::vector<std::string>{
+             "", " \n", "[1, 2]", "\"x\"", "1", "null", "true", "{}", "\xef\xbb\xbf{" + g + "}", "\xef\xbb{" + g + "}",
+             "{" + g + "} x", "{" + g + "}{}", "{" + g + "},", "{" + g + ",}", "{" + g + "} \t\r\n", "{" + g + " /*c*/}",
+             "{" + g + ", \"u\": " + deep + std::string(100000, ']') + "}", "{" + g + ", \"u\": " + deep + "}",
+             "{" + g + ", \"samples\": [" + deep + std::string(100000, ']') + "]}",
+             "{" + g + ", \"samples\": [{\"t\": 1, \"x\": 1, \"y\": 1, \"k\": {\"q\": " + deep + std::string(100000, ']') + "}}]}",
+             "{\"displayX\": 1e400}", "{\"displayX\": -1e999}", "{\"displayX\": " + std::string(400, '7') + "}",
+             "{\"displayX\": 1" + std::string(400, '0') + "e-500}", "{\"displayX\": 1" + std::string(200, '0') + "e-1000}",
+             "{\"displayX\": -1e-99999999999999999999}", "{\"displayX\": 0." + std::string(400, '0') + "1e400}",
+         })
+        expectAgree(text, "edge");
+    for (const std::string& value : std::vector<std::string>{"tru", "nul", "True", "NaN", "Infinity", "-", "01", "-01", "1.", ".5", "+1", "1e",
+             "1e+", "0x10", "1.5.3", "\"\\x\"", "\"\\u12\"", "\"\\ud800\"", "\"\\ud800\\u0041\"", "\"\\udc00\"",
+             "\"\\uD83D\\uDE00\"", "\"\xc0\x80\"", "\"\xed\xa0\x80\"", "\"\xf4\x90\x80\x80\"", "\"\xe2\x82\"", "\"\x7f\"",
+             "\"\xef\xbf\xbf\"", "\"tab\there\"", std::string("\"nul\0\"", 6), "'x'", "[1,]", "{\"a\" 1}", "{1: 2}"})
+        expectAgree("{" + g + ", \"subjectKind\": " + value + "}", "value " + value);
+}
+
+TEST(CursorTrackReader, AgreesWithTheTreeOnEveryTruncationAndByteChange)
+{
+    const std::string text =
+        "{\"displayX\": -1, \"displayY\": 2.5, \"displayWidth\": 1e3, \"displayHeight\": 9, \"scale\": 2,\n"
+        " \"samples\": [{\"t\": 1, \"x\": 0.5, \"y\": -3, \"k\": 1}, 4], \"marks\": [3, {\"t\": 2}],\n"
+        " \"u\": {\"a\": [true, false, null, \"\\u00e9\\n\"]}, \"subjectKind\": \"\xc3\xa9\"}";
+    for (size_t length = 0; length < text.size(); ++length)
+        expectAgree(text.substr(0, length), "truncated");
+    for (size_t at = 0; at < text.size(); ++at)
+        for (char c : {'"', '\\', '{', '}', '[', ']', ',', ':', ' ', '0', '-', 'e', 'x', '\0', '\x80', '\xff'}) {
+            std::string changed = text;
+            changed[at] = c;
+            expectAgree(changed, "byte " + std::to_string(at));
+        }
+}
+
+TEST(CursorTrackReader, WritesTheSameBytesAsTheTreeEncoder)
+{
+    TempDir dir;
+    std::mt19937_64 random(5);
+    for (int round = 0; round < 40; ++round) {
+        CursorTrack track = anyTrack(random, static_cast<size_t>(round * 7));
+        if (round == 1)
+            track.samples.push_back({1, std::nan(""), std::numeric_limits<double>::infinity(), 0});
+        if (round == 2)
+            for (double v : {99999999999999.9, 1e14, 1e14 - 0.1, 0.1, -0.1, 0.05, 1e15, 1e16, 123456789.1, 5e-324, 1e-5})
+                track.clicks.push_back({0, v, -v});
+        ASSERT_TRUE(track.write(dir / "B.mov"));
+        EXPECT_EQ(readText(dir / "B.cursor.json"), encodeJson(track.toJson())) << "round " << round;
+    }
+    // Tenths across a wide span print as the tree encoder prints them.
+    CursorTrack tenths;
+    for (int64_t n = -200000; n <= 200000; n += 7)
+        tenths.samples.push_back({n, static_cast<double>(n) / 10, static_cast<double>(n * 1000003) / 10, 0});
+    EXPECT_EQ(tenths.encoded(), encodeJson(tenths.toJson()));
+}
