@@ -31,11 +31,10 @@ TEST(RecordedMomentSourceTest, ThePointerFollowsTheSmootherAndFadesAtRest)
     EXPECT_NEAR(m.cursor->previousX, 0.2, 1e-9);
     EXPECT_EQ(source.moment(2.0, NAN).cursor->previousX, 0.5);
 
+    // Resting from 1 s: fully shown until 1.6 s of rest, gone after 2.3 s.
     EXPECT_NEAR(source.idleTime(3.0), 2.0, 1e-9);
-    EXPECT_NEAR(source.moment(3.0, 0.01).cursor->alpha, 1 - 0.4 / 0.7, 1e-9);
-    EXPECT_EQ(source.restingAlpha(2.6), 1);  // rested 1.6 s
-    EXPECT_EQ(source.restingAlpha(3.35), 0); // gone after 2.3 s
-    EXPECT_EQ(source.restingAlpha(1.05), 1);
+    for (auto [t, alpha] : {std::pair{1.05, 1.0}, {2.6, 1.0}, {3.0, 1 - 0.4 / 0.7}, {3.35, 0.0}, {4.9, 0.0}})
+        EXPECT_NEAR(source.moment(t, 0.01).cursor->alpha, alpha, 1e-9) << t;
 
     parts.smoother.xs.assign(601, 0.3); // at rest since the recording began
     EXPECT_NEAR(RecordedMomentSource(parts).idleTime(1.95), 1.95, 1e-9);
@@ -69,9 +68,8 @@ TEST(RecordedMomentSourceTest, ClicksLiveForTheirLifeAndPressBriefly)
     ASSERT_EQ(0.85 - 0.25, 0.6);
     EXPECT_EQ(source.moment(0.85, 0.01).clicks.size(), 1u); // the first is gone at age 0.6
 
-    EXPECT_EQ(source.moment(0.25, 0.01).cursor->press, 1);
-    EXPECT_GT(source.moment(0.35, 0.01).cursor->press, 0);
-    EXPECT_EQ(source.moment(0.42, 0.01).cursor->press, 0);
+    for (auto [t, press] : {std::pair{0.2, 0.0}, {0.25, 1.0}, {0.33, 0.5}, {0.41, 0.0}, {0.7, 1 - 0.15 / 0.16}})
+        EXPECT_NEAR(source.moment(t, 0.01).cursor->press, press, 1e-9) << t;
     parts.switches.emitsClicks = false;
     StageMoment off = RecordedMomentSource(parts).moment(0.25, 0.01);
     EXPECT_TRUE(off.clicks.empty());
@@ -97,11 +95,10 @@ TEST(RecordedMomentSourceTest, MasksKeycapsCaptionsAndTransitionsAtTheirBoundari
         EXPECT_EQ(source.moment(t, 0.01).keycaps, sorted.captions(t, 1.0)) << t;
     EXPECT_EQ(source.moment(2.0, 0.01).keycapTime, 2.0);
 
-    EXPECT_FALSE(source.moment(3.99, 0.01).caption);
-    EXPECT_EQ(source.moment(5.5, 0.01).caption, "first");
-    EXPECT_EQ(source.moment(6.0, 0.01).caption, "second");
-    EXPECT_EQ(source.moment(6.6, 0.01).caption, "second");
-    EXPECT_FALSE(source.moment(7.0, 0.01).caption);
+    using Caption = std::optional<std::string>;
+    for (auto [t, caption] : std::vector<std::pair<double, Caption>>{
+             {3.99, {}}, {4.0, "first"}, {5.5, "first"}, {6.0, "second"}, {6.6, "second"}, {7.0, {}}, {NAN, {}}})
+        EXPECT_EQ(source.moment(t, 0.01).caption, caption) << t;
 
     for (double t : {7.7, 7.85, 8.0, 9.0, 9.15, 9.3, 19.9})
         EXPECT_EQ(source.moment(t, 0.01).transition, parts.plan.transition(t, 20)) << t;
@@ -174,6 +171,30 @@ TEST(RecordedMomentSourceTest, MomentsDependOnlyOnTheirTime)
     EXPECT_TRUE(odd.clicks.empty() && odd.keycaps.empty() && !odd.caption && !odd.transition);
     EXPECT_EQ(odd.cursor->alpha, 1);
     EXPECT_TRUE(source.moment(-1e300, 1e300).clicks.empty());
+}
+
+CameraPicture picture(int width, int height, int stride, size_t bytes)
+{
+    return {width, height, stride, std::make_shared<const std::vector<uint8_t>>(bytes, uint8_t{0x7f})};
+}
+
+TEST(CameraPictureTest, UsableOnlyWhenThePixelsCoverEveryRow)
+{
+    EXPECT_TRUE(picture(4, 2, 16, 32).isUsable());
+    EXPECT_TRUE(picture(4, 2, 20, 40).isUsable()); // padded rows
+    EXPECT_FALSE(picture(4, 2, 16, 31).isUsable());
+    EXPECT_FALSE(picture(4, 2, 12, 24).isUsable()); // rows narrower than the width
+    EXPECT_FALSE(picture(0, 2, 16, 32).isUsable());
+    EXPECT_FALSE(picture(4, -1, 16, 32).isUsable());
+    EXPECT_FALSE((CameraPicture{4, 2, 16, nullptr}).isUsable());
+
+    // Moments compare camera frames by picture: the same values in another buffer differ.
+    StageMoment a;
+    a.cameraFrame = picture(2, 2, 8, 16);
+    StageMoment b = a;
+    EXPECT_EQ(a, b);
+    b.cameraFrame = picture(2, 2, 8, 16);
+    EXPECT_NE(a, b);
 }
 
 } // namespace

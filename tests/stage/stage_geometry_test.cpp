@@ -1,29 +1,32 @@
+#include "stage/device_frame.h"
+#include "stage/reframe_math.h"
 #include "stage/stage_geometry.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
 namespace plim {
 namespace {
 
-constexpr double eps = 1e-9;
+constexpr double eps = 1e-6;
 const double nan = std::numeric_limits<double>::quiet_NaN();
 const double inf = std::numeric_limits<double>::infinity();
 
-void expectRectNear(const Rect& actual, const Rect& expected, double tolerance = 1e-6)
+void expectRectNear(const Rect& actual, const Rect& expected)
 {
-    EXPECT_NEAR(actual.x, expected.x, tolerance);
-    EXPECT_NEAR(actual.y, expected.y, tolerance);
-    EXPECT_NEAR(actual.width, expected.width, tolerance);
-    EXPECT_NEAR(actual.height, expected.height, tolerance);
+    EXPECT_NEAR(actual.x, expected.x, eps);
+    EXPECT_NEAR(actual.y, expected.y, eps);
+    EXPECT_NEAR(actual.width, expected.width, eps);
+    EXPECT_NEAR(actual.height, expected.height, eps);
 }
 
-void expectPointNear(Point actual, Point expected, double tolerance = 1e-6)
+void expectPointNear(Point actual, Point expected)
 {
-    EXPECT_NEAR(actual.x, expected.x, tolerance);
-    EXPECT_NEAR(actual.y, expected.y, tolerance);
+    EXPECT_NEAR(actual.x, expected.x, eps);
+    EXPECT_NEAR(actual.y, expected.y, eps);
 }
 
 // The part of the canvas that a transform brings onto the output.
@@ -32,115 +35,71 @@ Rect visibleRegion(const Affine& t, Size canvas)
     return {-t.tx / t.a, -t.ty / t.d, canvas.width / t.a, canvas.height / t.d};
 }
 
-StageSpec cardSpec(double padding, double corners)
+StageSpec pxSpec(int padding, int corners)
 {
     StageSpec spec;
+    spec.paddingPX = padding;
+    spec.cornersPX = corners;
+    return spec;
+}
+
+StageSpec cardSpec(double padding, double corners)
+{
+    StageSpec spec = pxSpec(0, 99); // ignored under a card look
     spec.card = StageSpec::CardLook{padding, corners, 1.0, std::nullopt};
     return spec;
 }
 
-TEST(StageGeometryCard, DefaultLookAt1280)
+TEST(StageGeometryCard, ScreenCardLayout)
 {
-    StageGeometry g({1280, 720}, {1920, 1080}, StageSpec{}, false);
-    // Padding 56 on each side; the 16:9 picture is limited by the height.
-    const double s = (720.0 - 112) / 1080;
-    expectRectNear(g.screenRect, {(1280 - 1920 * s) / 2, 56, 1920 * s, 608});
-    EXPECT_DOUBLE_EQ(g.cornerRadius, 10);
-    EXPECT_FALSE(g.cardCamera);
-    EXPECT_EQ(g.cameraCard, g.screenRect);
-    EXPECT_EQ(g.canvas, (Size{1280, 720}));
-}
-
-TEST(StageGeometryCard, PxSettingsScaleWithCanvasWidth)
-{
-    StageSpec spec;
-    spec.paddingPX = 40;
-    spec.cornersPX = 16;
-    StageGeometry base({1280, 800}, {1600, 1000}, spec, false);
-    expectRectNear(base.screenRect, {40 + (1200 - 1152) / 2.0, 40, 1152, 720});
-    for (double factor : {0.5, 1.5, 2.0, 3.0}) {
-        StageGeometry g({1280 * factor, 800 * factor}, {1600, 1000}, spec, false);
-        expectRectNear(g.screenRect,
-            {base.screenRect.x * factor, base.screenRect.y * factor, base.screenRect.width * factor,
-                base.screenRect.height * factor});
-        EXPECT_NEAR(g.cornerRadius, 16 * factor, eps);
+    struct Row {
+        Size canvas;
+        Size content;
+        StageSpec spec;
+        Rect screen;
+        double corner;
+    };
+    const double s = 608.0 / 1080, sw = 1168.0 / 3000, su = 912.0 / 1080;
+    const StageSpec plain;
+    const Rect fill{(1920 - 1920 * su) / 2, 84, 1920 * su, 912}; // a 16:9 picture on 1920 × 1080
+    const std::vector<Row> rows = {
+        {{1280, 720}, {1920, 1080}, plain, {(1280 - 1920 * s) / 2, 56, 1920 * s, 608}, 10},
+        {{1280, 720}, {3000, 1000}, plain, {56, (720 - 1000 * sw) / 2, 1168, 1000 * sw}, 10}, // wider
+        {{1280, 720}, {1000, 2000}, plain, {488, 56, 304, 608}, 10},                          // taller
+        // PX lengths scale with the canvas width.
+        {{1280, 800}, {1600, 1000}, pxSpec(40, 16), {64, 40, 1152, 720}, 16},
+        {{3840, 2400}, {1600, 1000}, pxSpec(40, 16), {192, 120, 3456, 2160}, 48},
+        {{1080, 1080}, {1000, 1000}, pxSpec(40, 16), {33.75, 33.75, 1012.5, 1012.5}, 13.5},
+        // Padding is held at 35% of the shorter side.
+        {{1280, 720}, {1280, 720}, pxSpec(500, 10), {448, 252, 384, 216}, 10},
+        {{1000, 2000}, {1000, 2000}, cardSpec(0.9, 0), {350, 700, 300, 600}, 0},
+        // A card look: padding of the shorter side, corners of the card's width.
+        {{1920, 1080}, {1920, 1080}, cardSpec(0.1, 0.02), {192, 108, 1536, 864}, 1536 * 0.02},
+        // Unusable content stands in as the canvas size; an unusable canvas gives an empty stage.
+        {{1920, 1080}, {0, 0}, plain, fill, 15}, {{1920, 1080}, {-5, 100}, plain, fill, 15},
+        {{1920, 1080}, {nan, 10}, plain, fill, 15}, {{1920, 1080}, {100, inf}, plain, fill, 15},
+        {{0, 720}, {1920, 1080}, plain, {}, 0}, {{nan, nan}, {1920, 1080}, plain, {}, 0},
+        {{-1280, 720}, {1920, 1080}, plain, {}, 0},
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(i);
+        const Row& row = rows[i];
+        StageGeometry g(row.canvas, row.content, row.spec, false);
+        expectRectNear(g.screenRect, row.screen);
+        EXPECT_NEAR(g.cornerRadius, row.corner, eps);
+        EXPECT_EQ(g.cardCamera, row.spec.card.has_value());
+        EXPECT_EQ(g.cameraCard, g.screenRect);
+        EXPECT_TRUE(g.zoomTransform({2, 0.5, 0.5}).isIdentity() == !row.canvas.isUsable());
     }
-    // A square canvas 1080 wide: padding 40·1080/1280 = 33.75.
-    StageGeometry square({1080, 1080}, {1000, 1000}, spec, false);
-    expectRectNear(square.screenRect, {33.75, 33.75, 1012.5, 1012.5});
-    EXPECT_NEAR(square.cornerRadius, 16 * 1080.0 / 1280, eps);
-}
 
-TEST(StageGeometryCard, PaddingIsHeldAt35PercentOfTheShorterSide)
-{
-    StageSpec spec;
-    spec.paddingPX = 500;
-    StageGeometry g({1280, 720}, {1280, 720}, spec, false);
-    const double p = 0.35 * 720;
-    EXPECT_NEAR(g.screenRect.y, p, eps);
-    EXPECT_NEAR(g.screenRect.height, 720 - 2 * p, eps);
-
-    auto card = cardSpec(0.9, 0.0);
-    StageGeometry c({1000, 2000}, {1000, 2000}, card, false);
-    EXPECT_NEAR(c.screenRect.x, 350, eps);
-    EXPECT_NEAR(c.screenRect.width, 300, eps);
-}
-
-TEST(StageGeometryCard, AspectFitsWiderAndTallerContent)
-{
-    const StageSpec spec;
-    // Wider than the room: limited by width, centred vertically.
-    StageGeometry wide({1280, 720}, {3000, 1000}, spec, false);
-    const double sw = 1168.0 / 3000;
-    expectRectNear(wide.screenRect, {56, (720 - 1000 * sw) / 2, 1168, 1000 * sw});
-    // Taller: limited by height, centred horizontally.
-    StageGeometry tall({1280, 720}, {1000, 2000}, spec, false);
-    expectRectNear(tall.screenRect, {(1280 - 304) / 2.0, 56, 304, 608});
-    // Either way the card keeps the content's aspect.
-    EXPECT_NEAR(wide.screenRect.width / wide.screenRect.height, 3.0, 1e-9);
-    EXPECT_NEAR(tall.screenRect.width / tall.screenRect.height, 0.5, 1e-9);
-}
-
-TEST(StageGeometryCard, UnusableContentTakesTheCanvasSize)
-{
-    StageGeometry reference({1920, 1080}, {1920, 1080}, StageSpec{}, false);
-    for (Size content : {Size{0, 0}, Size{-5, 100}, Size{nan, 10}, Size{100, inf}}) {
-        StageGeometry g({1920, 1080}, content, StageSpec{}, false);
-        EXPECT_EQ(g.screenRect, reference.screenRect);
-    }
-}
-
-TEST(StageGeometryCard, UnusableCanvasGivesAnEmptyStageAndIdentityZoom)
-{
-    for (Size canvas : {Size{0, 720}, Size{nan, nan}, Size{-1280, 720}}) {
-        StageGeometry g(canvas, {1920, 1080}, StageSpec{}, false);
-        EXPECT_EQ(g.screenRect, Rect{});
-        EXPECT_TRUE(g.zoomTransform({2, 0.5, 0.5}).isIdentity());
-    }
-}
-
-TEST(StageGeometryCard, CardLookReplacesPxSettings)
-{
-    auto spec = cardSpec(0.1, 0.02);
-    spec.paddingPX = 0;
-    spec.cornersPX = 99;
-    StageGeometry g({1920, 1080}, {1920, 1080}, spec, false);
-    // Padding is a fraction of the shorter side, corners a fraction of the card's width.
-    expectRectNear(g.screenRect, {(1920 - 1536) / 2.0, 108, 1536, 864});
-    EXPECT_NEAR(g.cornerRadius, 1536 * 0.02, eps);
-    EXPECT_TRUE(g.cardCamera);
-    EXPECT_EQ(g.cameraCard, g.screenRect);
-}
-
-TEST(StageGeometryCard, DeviceFramedCardLookUsesThePhoneScreenAsCameraCard)
-{
-    auto spec = cardSpec(0.05, 0.02);
-    StageGeometry framed({1080, 1920}, {1170, 2532}, spec, true);
-    EXPECT_EQ(framed.cameraCard, DeviceFrameGeometry({1080, 1920}, {1170, 2532}, spec).screen);
-    // Without a card look a framed plim's camera card is still the screen card.
-    StageGeometry plain({1080, 1920}, {1170, 2532}, StageSpec{}, true);
-    EXPECT_EQ(plain.cameraCard, plain.screenRect);
-    EXPECT_FALSE(plain.cardCamera);
+    // A device-framed card look keeps the phone's screen in view (which differs here, as the
+    // frame raises a picture under a pixel wide to one); without a card look the screen card
+    // stays the camera card.
+    StageGeometry framed({1080, 1920}, {0.5, 2}, cardSpec(0.05, 0.02), true);
+    EXPECT_EQ(framed.cameraCard, DeviceFrameGeometry({1080, 1920}, {0.5, 2}, cardSpec(0.05, 0.02)).screen);
+    EXPECT_NE(framed.cameraCard, framed.screenRect);
+    StageGeometry plainFramed({1080, 1920}, {1170, 2532}, plain, true);
+    EXPECT_EQ(plainFramed.cameraCard, plainFramed.screenRect);
 }
 
 TEST(StageGeometryCard, PicturePositionsFlipOntoTheCanvas)
@@ -150,176 +109,96 @@ TEST(StageGeometryCard, PicturePositionsFlipOntoTheCanvas)
     expectPointNear(g.screenPoint(0, 0), {s.minX(), s.maxY()});
     expectPointNear(g.screenPoint(1, 1), {s.maxX(), s.minY()});
     expectPointNear(g.screenPoint(0.25, 0.75), {s.x + 0.25 * s.width, s.y + 0.25 * s.height});
-    // A box at the picture's top-left sits at the card's top-left on the y-up canvas.
-    expectRectNear(g.screenRectOf({0, 0, 0.5, 0.25}), {s.x, s.maxY() - 0.25 * s.height, 0.5 * s.width,
-                                                           0.25 * s.height});
+    expectRectNear(g.screenRectOf({0.1, 0, 0.5, 0.25}),
+        {s.x + 0.1 * s.width, s.maxY() - 0.25 * s.height, 0.5 * s.width, 0.25 * s.height});
     expectRectNear(g.screenRectOf({0, 0, 1, 1}), s);
-    // A zoom centre lands where the same picture point does.
     expectPointNear(StageGeometry::focusOn(s, {2, 0.3, 0.6}), g.screenPoint(0.3, 0.6));
 }
 
-TEST(StageGeometryZoom, NoMagnificationIsTheIdentity)
+TEST(StageGeometryZoom, KeepsTheFocusButNeverUncoversTheOutput)
 {
-    StageGeometry g({1280, 720}, {1920, 1080}, StageSpec{}, false);
+    StageGeometry g({1280, 720}, {1440, 900}, StageSpec{}, false);
     for (double scale : {1.0, 1.0001, 0.5, 0.0, -2.0, nan, inf})
         EXPECT_TRUE(g.zoomTransform({scale, 0.3, 0.7}).isIdentity()) << scale;
     EXPECT_FALSE(g.zoomTransform({1.0002, 0.3, 0.7}).isIdentity());
-}
 
-TEST(StageGeometryZoom, TopLeftCornerOfFullCanvasScreen)
-{
-    StageSpec spec;
-    spec.paddingPX = 0;
-    const double W = 1280, H = 720;
-    StageGeometry g({W, H}, {W, H}, spec, false);
-    ASSERT_EQ(g.screenRect, (Rect{0, 0, W, H}));
-    Affine t = g.zoomTransform({2, 0, 0});
-    EXPECT_EQ(t, (Affine{2, 0, 0, 2, 0, -H}));
-    // The top-left quarter fills the canvas.
-    expectPointNear(t.apply(Point{0, H / 2}), {0, 0});
-    expectPointNear(t.apply(Point{W / 2, H}), {W, H});
-}
-
-TEST(StageGeometryZoom, FocusStaysPutWhenThereIsRoom)
-{
-    StageGeometry g({1920, 1080}, {2560, 1440}, StageSpec{}, false);
-    for (ZoomState zoom : {ZoomState{2, 0.5, 0.5}, ZoomState{1.5, 0.3, 0.6}, ZoomState{2.4, 0.45, 0.55},
-             ZoomState{1.8, 0.6, 0.35}}) {
+    // With room around it the focus stays where it is.
+    for (ZoomState zoom : {ZoomState{2, 0.5, 0.5}, ZoomState{1.5, 0.3, 0.6}, ZoomState{1.8, 0.6, 0.35}}) {
         Affine t = g.zoomTransform(zoom);
-        EXPECT_EQ(t.a, zoom.scale);
-        EXPECT_EQ(t.d, zoom.scale);
-        // Centre measured from the top-left of the card; the canvas is y-up.
-        Point focus{g.screenRect.x + zoom.centerX * g.screenRect.width,
-            g.screenRect.maxY() - zoom.centerY * g.screenRect.height};
+        EXPECT_TRUE(t.a == zoom.scale && t.d == zoom.scale);
+        Point focus = g.screenPoint(zoom.centerX, zoom.centerY);
         expectPointNear(t.apply(focus), focus);
     }
-}
 
-TEST(StageGeometryZoom, MagnifiedCanvasAlwaysCoversTheOutput)
-{
-    const Size canvas{1280, 720};
-    StageGeometry g(canvas, {1440, 900}, StageSpec{}, false);
-    const Rect whole{0, 0, canvas.width, canvas.height};
+    const Rect whole{0, 0, 1280, 720};
     for (double scale : {1.2, 2.0, 3.5})
         for (double cx : {-0.5, 0.0, 0.1, 0.5, 0.9, 1.0, 1.7})
-            for (double cy : {-0.5, 0.0, 0.2, 0.5, 0.8, 1.0, 1.5}) {
-                Affine t = g.zoomTransform({scale, cx, cy});
-                EXPECT_TRUE(t.apply(whole).contains(whole, 1e-6)) << scale << " " << cx << " " << cy;
-            }
-    // The card's bottom-right corner has room inside the padding; a centre past it clamps
-    // to the canvas's bottom-right.
+            for (double cy : {-0.5, 0.0, 0.2, 0.5, 0.8, 1.0, 1.5})
+                EXPECT_TRUE(g.zoomTransform({scale, cx, cy}).apply(whole).contains(whole, eps))
+                    << scale << " " << cx << " " << cy;
+    // The card's bottom-right corner has room inside the padding; a centre past it clamps.
     Affine corner = g.zoomTransform({2, 1, 1});
     EXPECT_NEAR(corner.tx, -g.screenRect.maxX(), eps);
     EXPECT_NEAR(corner.ty, -g.screenRect.minY(), eps);
-    Affine beyond = g.zoomTransform({2, 1.7, 1.5});
-    EXPECT_NEAR(beyond.tx, -1280, eps);
-    EXPECT_NEAR(beyond.ty, 0, eps);
-    // A centre that is not a number counts as the middle of the picture.
+    EXPECT_EQ(g.zoomTransform({2, 1.7, 1.5}), (Affine{2, 0, 0, 2, -1280, 0}));
     EXPECT_EQ(g.zoomTransform({2, nan, nan}), g.zoomTransform({2, 0.5, 0.5}));
+
+    // On a full-canvas screen the top-left quarter fills the output.
+    StageGeometry full({1280, 720}, {1280, 720}, pxSpec(0, 0), false);
+    EXPECT_EQ(full.zoomTransform({2, 0, 0}), (Affine{2, 0, 0, 2, 0, -720}));
+
+    StageGeometry card({1920, 1080}, {1920, 1080}, cardSpec(0.1, 0.02), false);
+    const ZoomState zoom{1.6, 0.2, 0.3};
+    const Point focus = StageGeometry::focusOn(card.cameraCard, zoom);
+    EXPECT_EQ(card.zoomTransform(zoom), StageGeometry::cardCameraTransform(1.6, focus, card.cameraCard, card.canvas));
 }
 
-TEST(StageGeometryZoom, CardLookZoomUsesTheCardCamera)
-{
-    auto spec = cardSpec(0.1, 0.02);
-    StageGeometry g({1920, 1080}, {1920, 1080}, spec, false);
-    ZoomState zoom{1.6, 0.2, 0.3};
-    Point focus = StageGeometry::focusOn(g.cameraCard, zoom);
-    EXPECT_EQ(g.zoomTransform(zoom), StageGeometry::cardCameraTransform(1.6, focus, g.cameraCard, g.canvas));
-}
-
-TEST(StageGeometryCardCamera, InvalidInputGivesIdentity)
-{
-    const Rect card{100, 100, 800, 450};
-    const Size canvas{1000, 650};
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(1.0, {500, 300}, card, canvas).isIdentity());
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(1.0001, {500, 300}, card, canvas).isIdentity());
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(nan, {500, 300}, card, canvas).isIdentity());
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(inf, {500, 300}, card, canvas).isIdentity());
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(2, {nan, 300}, card, canvas).isIdentity());
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(2, {500, 300}, {0, 0, 0, 450}, canvas).isIdentity());
-    EXPECT_TRUE(StageGeometry::cardCameraTransform(2, {500, 300}, card, {0, 650}).isIdentity());
-}
-
-TEST(StageGeometryCardCamera, FullZoomStaysInsideTheCard)
+TEST(StageGeometryCardCamera, ViewBlendsFromTheCanvasToTheCard)
 {
     const Size canvas{1920, 1080};
-    const Rect card{192, 108, 1536, 864};
-    const double growth = std::max(1920.0 / 1536, 1080.0 / 864) - 1; // 0.25
-    const double z = 1 + growth;
-    for (Point focus : {Point{0, 0}, Point{1920, 1080}, Point{200, 900}, Point{960, 540}, Point{1700, 120}}) {
-        Affine t = StageGeometry::cardCameraTransform(z, focus, card, canvas);
-        EXPECT_NEAR(t.a, z, eps);
-        EXPECT_TRUE(card.contains(visibleRegion(t, canvas), 1e-6)) << focus.x << "," << focus.y;
+    const Rect card{192, 108, 1536, 864}; // growth 0.25: fully blended at 1.25
+    for (auto [z, focus, r, size] : std::vector<std::tuple<double, Point, Rect, Size>>{
+             {1.0, {500, 300}, card, canvas}, {1.0001, {500, 300}, card, canvas}, {nan, {500, 300}, card, canvas},
+             {inf, {500, 300}, card, canvas}, {2, {nan, 300}, card, canvas}, {2, {500, 300}, {0, 0, 0, 450}, canvas},
+             {2, {500, 300}, card, {0, 650}}})
+        EXPECT_TRUE(StageGeometry::cardCameraTransform(z, focus, r, size).isIdentity()) << z;
+
+    // The view stays inside a region blended from the canvas (t = 0) to the card (t = 1),
+    // t = (z - 1) / growth.
+    const Rect narrow{900, 0, 120, 1080}; // growth 15
+    struct Row {
+        double z;
+        Point focus;
+        Rect card;
+        Rect view;
+    };
+    const std::vector<Row> rows = {
+        {1.25, {0, 0}, card, card}, {1.25, {1920, 1080}, card, card}, {1.25, {1700, 120}, card, card},
+        {3, {960, 540}, card, {640, 360, 640, 360}}, {3, {0, 0}, card, {192, 108, 640, 360}},
+        {3, {200, 900}, card, {192, 612, 640, 360}},
+        {1.01, {0, 0}, card, {7.68, 4.32, 1920 / 1.01, 1080 / 1.01}},
+        {1.125, {0, 0}, card, {96, 54, 1920 / 1.125, 1080 / 1.125}},
+        {2, {1920, 1080}, {0, 0, 1920, 1080}, {960, 540, 960, 540}}, // no growth: blended at once
+        {1.2, {0, 540}, narrow, {12, 90, 1600, 900}}, {16, {0, 540}, narrow, {900, 506.25, 120, 67.5}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.z << " " << row.focus.x << "," << row.focus.y);
+        Affine t = StageGeometry::cardCameraTransform(row.z, row.focus, row.card, canvas);
+        EXPECT_TRUE(t.a == row.z && t.d == row.z && t.b == 0 && t.c == 0);
+        expectRectNear(visibleRegion(t, canvas), row.view);
     }
-    // Deeper zooms stay inside too, and a central focus lands in the middle of the output.
-    Affine deep = StageGeometry::cardCameraTransform(3, {960, 540}, card, canvas);
-    expectPointNear(deep.apply(Point{960, 540}), {960, 540});
-    Affine corner = StageGeometry::cardCameraTransform(3, {0, 0}, card, canvas);
-    expectRectNear(visibleRegion(corner, canvas), {192, 108, 640, 360});
-}
-
-TEST(StageGeometryCardCamera, SlightZoomMayPanOverTheWholeCanvas)
-{
-    const Size canvas{1920, 1080};
-    const Rect card{192, 108, 1536, 864};
-    Affine t = StageGeometry::cardCameraTransform(1.01, {0, 0}, card, canvas);
-    Rect view = visibleRegion(t, canvas);
-    // Outside the card, but never outside the canvas.
-    EXPECT_LT(view.minX(), card.minX());
-    EXPECT_LT(view.minY(), card.minY());
-    EXPECT_TRUE((Rect{0, 0, 1920, 1080}).contains(view, 1e-6));
-    // Blend halfway: the allowed region is halfway between canvas and card.
-    Affine half = StageGeometry::cardCameraTransform(1.125, {0, 0}, card, canvas);
-    Rect halfView = visibleRegion(half, canvas);
-    EXPECT_NEAR(halfView.minX(), 96, 1e-6);
-    EXPECT_NEAR(halfView.minY(), 54, 1e-6);
-}
-
-TEST(StageGeometryCardCamera, CardAsLargeAsTheCanvasBlendsAtOnce)
-{
-    // No growth: the whole canvas is the card, so the view only stays inside it.
-    const Size canvas{1280, 720};
-    const Rect card{0, 0, 1280, 720};
-    Affine t = StageGeometry::cardCameraTransform(2, {1280, 720}, card, canvas);
-    expectRectNear(visibleRegion(t, canvas), {640, 360, 640, 360});
-}
-
-TEST(StageGeometryCardCamera, NarrowCardPullsTheViewTowardIt)
-{
-    // A narrow card: a slight zoom may still roam; a full one is held on the card.
-    const Size canvas{1920, 1080};
-    const Rect card{900, 0, 120, 1080};
-    const double z = 1.2; // growth is 15, t = 0.2/15
-    Affine t = StageGeometry::cardCameraTransform(z, {0, 540}, card, canvas);
-    const double blend = 0.2 / 15;
-    const double rw = 1920 + blend * (120 - 1920);
-    const double viewW = 1920 / z;
-    ASSERT_LE(viewW, rw);
-    Rect view = visibleRegion(t, canvas);
-    EXPECT_NEAR(view.minX(), blend * 900, 1e-6);
-
-    Affine narrow = StageGeometry::cardCameraTransform(16, {0, 540}, card, canvas);
-    Rect narrowView = visibleRegion(narrow, canvas);
-    EXPECT_NEAR(narrowView.midX(), card.midX(), 1e-6);
 }
 
 TEST(StageGeometrySourceFit, KeepsAspectAndCentres)
 {
     const Rect target{100, 50, 800, 450};
-    // Same aspect: exact fill.
-    Affine same = StageGeometry::sourceFit({0, 0, 1600, 900}, target);
-    expectRectNear(same.apply(Rect{0, 0, 1600, 900}), target);
-    // Wider source: full width, centred vertically.
-    Affine wide = StageGeometry::sourceFit({0, 0, 2000, 500}, target);
-    expectRectNear(wide.apply(Rect{0, 0, 2000, 500}), {100, 50 + (450 - 200) / 2.0, 800, 200});
-    // Taller source: full height, centred horizontally.
-    Affine tall = StageGeometry::sourceFit({0, 0, 900, 1800}, target);
-    expectRectNear(tall.apply(Rect{0, 0, 900, 1800}), {100 + (800 - 225) / 2.0, 50, 225, 450});
-    // A source not at the origin.
-    Affine moved = StageGeometry::sourceFit({-40, 30, 160, 90}, target);
-    expectRectNear(moved.apply(Rect{-40, 30, 160, 90}), target);
-    EXPECT_NEAR(moved.a, moved.d, eps);
-    // Degenerate rectangles: identity.
+    for (auto [source, expected] : std::vector<std::pair<Rect, Rect>>{{{0, 0, 1600, 900}, target},
+             {{0, 0, 2000, 500}, {100, 175, 800, 200}}, {{0, 0, 900, 1800}, {387.5, 50, 225, 450}},
+             {{-40, 30, 160, 90}, target}}) {
+        Affine fit = StageGeometry::sourceFit(source, target);
+        expectRectNear(fit.apply(source), expected);
+        EXPECT_EQ(fit.a, fit.d);
+    }
     EXPECT_TRUE(StageGeometry::sourceFit({0, 0, 0, 10}, target).isIdentity());
     EXPECT_TRUE(StageGeometry::sourceFit({0, 0, 10, 10}, {0, 0, 10, nan}).isIdentity());
 }
@@ -327,17 +206,11 @@ TEST(StageGeometrySourceFit, KeepsAspectAndCentres)
 TEST(StageGeometryShadow, LayersScaleWithTheCardWidth)
 {
     StageGeometry g({1280, 720}, {1280, 720}, StageSpec{}, false);
-    auto layers = g.shadowLayers(StageSpec{});
-    ASSERT_EQ(layers.size(), 2u);
-    const double width = g.screenRect.width;
-    EXPECT_NEAR(layers[0].y, 0.035 * 0.35 * width, eps);
-    EXPECT_NEAR(layers[0].blur, 0.1 * 0.35 * width, eps);
-    EXPECT_NEAR(layers[0].alpha, 0.42 * 0.35, eps);
-    EXPECT_NEAR(layers[1].blur, 0.014 * 0.35 * width, eps);
-
-    auto spec = cardSpec(0.05, 0.01);
-    spec.card->shadow = 0.004;
-    EXPECT_TRUE(g.shadowLayers(spec).empty());
+    auto expected = StageSpec{}.shadowLayers();
+    for (auto& layer : expected)
+        layer = {layer.y * g.screenRect.width, layer.blur * g.screenRect.width, layer.alpha};
+    EXPECT_EQ(g.shadowLayers(StageSpec{}), expected);
+    EXPECT_EQ(expected.size(), 2u);
 }
 
 TEST(GeometryTypes, AffineComposesInOrder)
@@ -346,8 +219,91 @@ TEST(GeometryTypes, AffineComposesInOrder)
     Affine move = Affine::translation(10, -4);
     expectPointNear(scale.then(move).apply(Point{1, 1}), {12, -1});
     expectPointNear(move.then(scale).apply(Point{1, 1}), {22, -9});
-    EXPECT_EQ(Affine::identity().then(move), move);
     expectRectNear(scale.then(move).apply(Rect{0, 0, 5, 5}), {10, -4, 10, 15});
+}
+
+TEST(DeviceFrame, PhoneBodyAroundTheScreen)
+{
+    // Without a card look the screen leaves room for the body (1.104·cw wide, ch + 0.104·cw
+    // tall) inside a padding of 56 px at 1280, held between 6% and 35% of the shorter side;
+    // with one the screen alone fits inside the card look's padding. Content under a pixel
+    // is raised to one.
+    StageSpec wide = pxSpec(2000, 10), px200 = pxSpec(200, 10), bare = cardSpec(0, 0.02), card = cardSpec(0.1, 0.02);
+    const double phoneW = 1.104 * 1170, phoneH = 2532 + 0.104 * 1170;
+    struct Row {
+        Size canvas;
+        Size content;
+        StageSpec spec;
+        double scale;
+    };
+    const std::vector<Row> rows = {
+        {{1080, 1920}, {1170, 2532}, {}, (1920 - 2 * 64.8) / phoneH}, // 47.25 raised to 64.8
+        {{1920, 1080}, {1170, 2532}, {}, (1080 - 2 * 84) / phoneH},
+        {{720, 720}, {1170, 2532}, {}, (720 - 2 * 43.2) / phoneH},
+        {{1080, 1920}, {1170, 2532}, wide, (1080 - 2 * 378) / phoneW},
+        {{1280, 1280}, {1000, 2000}, px200, (1280 - 400) / 2104.0},
+        {{2560, 2560}, {1000, 2000}, px200, (2560 - 800) / 2104.0},
+        {{1080, 1920}, {1080, 1920}, bare, 1}, {{1080, 1920}, {1080, 1920}, card, 0.8},
+        {{1080, 1920}, {0, 0}, {}, (1080 - 2 * 64.8) / 1.104}, {{1080, 1920}, {-3, 0.2}, {}, (1080 - 2 * 64.8) / 1.104},
+        {{1080, 1920}, {nan, nan}, {}, (1080 - 2 * 64.8) / 1.104},
+        {{64, 64}, {100, 200}, {}, (64 - 2 * 3.84) / 210.4}, // the outline stays 1 px thick
+    };
+    for (size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE(i);
+        const Row& row = rows[i];
+        DeviceFrameGeometry g(row.canvas, row.content, row.spec);
+        const double cw = std::isfinite(row.content.width) ? std::max(row.content.width, 1.0) : 1;
+        const double ch = std::isfinite(row.content.height) ? std::max(row.content.height, 1.0) : 1;
+        const double w = cw * row.scale;
+        EXPECT_EQ(g.canvas, row.canvas);
+        expectRectNear(g.screen, Rect::centered({w, ch * row.scale}, row.canvas));
+        EXPECT_NEAR(g.bezel, 0.052 * w, eps);
+        EXPECT_EQ(g.body, g.screen.outset(g.bezel, g.bezel));
+        EXPECT_NEAR(g.screenCorner, 0.135 * w, eps);
+        EXPECT_NEAR(g.bodyCorner, g.screenCorner + g.bezel, eps);
+        EXPECT_NEAR(g.stroke, std::max(0.18 * g.bezel, 1.0), eps);
+        // The island: centred, 0.03·w below the screen's top, its corner half its height.
+        expectRectNear(g.island, {g.screen.midX() - 0.16 * w, g.screen.maxY() - 0.125 * w, 0.32 * w, 0.095 * w});
+        EXPECT_NEAR(g.islandCorner, 0.0475 * w, eps);
+    }
+    EXPECT_EQ(DeviceFrameGeometry({0, 0}, {100, 200}, StageSpec{}), (DeviceFrameGeometry{}));
+}
+
+TEST(ReframeMath, BubbleIsASquareNearTheBottomCentre)
+{
+    for (auto [size, expected] : std::vector<std::pair<Size, Rect>>{{{1080, 1920}, {399.6, 54, 280.8, 280.8}},
+             {{720, 1280}, {266.4, 36, 187.2, 187.2}}, {{0, 1920}, {}}, {{1080, 0}, {}}, {{-1, 5}, {}},
+             {{nan, 1920}, {}}, {{1080, inf}, {}}}) {
+        SCOPED_TRACE(size.width);
+        expectRectNear(ReframeMath::bubbleRect(size), expected);
+    }
+}
+
+TEST(ReframeMath, InsetsStackAboveTheBubbleButNeverAboveTheMiddle)
+{
+    // 1080 × 1920 with the bubble's top at 54 + 280.8: k = 1.18125, base = 363.15.
+    const Size tall{1080, 1920};
+    const double k = 1080.0 / 1280 * 1.4;
+    const double top = ReframeMath::bubbleRect(tall).maxY();
+    struct Row {
+        Size size;
+        std::optional<double> top;
+        bool keys;
+        double keycap;
+        double caption;
+    };
+    for (const Row& row : std::vector<Row>{{tall, top, true, 287.55, 287.55}, {tall, top, false, 287.55, 223.7625},
+             {tall, 1500, true, 960 - 64 * k, 960 - 118 * k}, {tall, 1500, false, 960 - 64 * k, 960 - 118 * k},
+             {{1080, 100}, 300, false, 0, 0}, {tall, 1, false, 0, 0}, {tall, std::nullopt, true, 0, 0},
+             {tall, 0.0, true, 0, 0}, {tall, -20.0, false, 0, 0}, {tall, nan, false, 0, 0},
+             {{0, 1920}, 300.0, true, 0, 0}, {{1080, -1}, 300.0, true, 0, 0}}) {
+        SCOPED_TRACE(testing::Message() << row.size.height << " " << row.top.value_or(-1) << " " << row.keys);
+        auto stack = ReframeMath::bottomStack(row.size, row.top, row.keys);
+        EXPECT_NEAR(stack.keycapInset, row.keycap, eps);
+        EXPECT_NEAR(stack.captionInset, row.caption, eps);
+        EXPECT_GE(stack.keycapInset, 0);
+        EXPECT_GE(stack.captionInset, 0);
+    }
 }
 
 } // namespace
