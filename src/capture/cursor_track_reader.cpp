@@ -296,10 +296,12 @@ private:
             ++p;
     }
 
+    // After the top value only space may follow, up to the end or a NUL byte (nlohmann
+    // stops reading there too).
     bool atEnd()
     {
         skipSpace();
-        return p == end;
+        return p == end || *p == '\0';
     }
 
     // After skipping space, consumes `c` if it is next.

@@ -99,8 +99,9 @@ enum class TrackTextFailure { notJson, notAnObject };
 
 // From JSON text in one pass. Any departure from the JSON grammar is `notJson`, exactly
 // where nlohmann's parser would refuse the text (a leading UTF-8 byte order mark is
-// allowed, nesting is unlimited); valid JSON whose top value is not an object is
-// `notAnObject`. Where a key repeats, the last one counts.
+// allowed, a NUL byte after the top value ends the text, nesting is unlimited); valid
+// JSON whose top value is not an object is `notAnObject`. Where a key repeats, the last
+// one counts.
 std::expected<CursorTrackFields, TrackTextFailure> scanTrackText(std::string_view text);
 
 } // namespace plim

@@ -174,7 +174,7 @@ TEST(CursorTrackReader, AgreesWithTheTreeOnLenientAndOddInputs)
     const std::string deep(100000, '[');
     for (const std::string& text : std::vector<std::string>{
              "", " \n", "[1, 2]", "\"x\"", "1", "null", "true", "{}", "\xef\xbb\xbf{" + g + "}", "\xef\xbb{" + g + "}",
-             "{" + g + "} x", "{" + g + "}{}", "{" + g + "},", "{" + g + ",}", "{" + g + "} \t\r\n", "{" + g + " /*c*/}",
+             "{" + g + "} x", "{" + g + "}" + std::string("\0 x", 3), std::string("[]\0", 3), std::string("\0{}", 3), "{" + g + "}{}", "{" + g + "},", "{" + g + ",}", "{" + g + "} \t\r\n", "{" + g + " /*c*/}",
              "{" + g + ", \"u\": " + deep + std::string(100000, ']') + "}", "{" + g + ", \"u\": " + deep + "}",
              "{" + g + ", \"samples\": [" + deep + std::string(100000, ']') + "]}",
              "{" + g + ", \"samples\": [{\"t\": 1, \"x\": 1, \"y\": 1, \"k\": {\"q\": " + deep + std::string(100000, ']') + "}}]}",
