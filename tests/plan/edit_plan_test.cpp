@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <limits>
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 constexpr double kInf = std::numeric_limits<double>::infinity();
+using K = TransitionSpec::Kind;
 
 RemapStep cutStep(double a, double b) { return {{a, b}, RemapMode::cut()}; }
 RemapStep rateStep(double a, double b, double r) { return {{a, b}, RemapMode::rate(r)}; }
@@ -22,343 +24,170 @@ CutRange cut(double a, double b, std::optional<TransitionSpec> t = std::nullopt)
     return CutRange{"11111111-2222-4333-8444-555555555555", a, b, t};
 }
 
+CutRange fadedCut(double a, double b, K kind, double duration) { return cut(a, b, TransitionSpec{kind, duration}); }
 SkipDecision skip(double a, double b, double rate = 4.0, bool keep = false) { return {{a, b}, keep, rate}; }
-
-void expectSteps(const std::vector<RemapStep>& got, const std::vector<RemapStep>& want)
-{
-    ASSERT_EQ(got.size(), want.size());
-    for (std::size_t i = 0; i < got.size(); ++i) {
-        EXPECT_EQ(got[i].mode, want[i].mode) << "step " << i;
-        EXPECT_NEAR(got[i].span.start, want[i].span.start, 1e-9) << "step " << i;
-        EXPECT_NEAR(got[i].span.end, want[i].span.end, 1e-9) << "step " << i;
-    }
-}
+PlimClip clip(int n, double a, double b) { return {PlimClip::idForNumber(n), a, b}; }
 
 } // namespace
 
-TEST(EditPlanSteps, CutsAreClampedMergedAndFiltered)
+TEST(EditPlan, CutsTrimsSkipsAndClipsBecomeSortedSteps)
 {
-    EditPlan plan;
-    plan.cuts = {cut(5, 3), cut(40, 50), cut(-2, 1), cut(10, 12), cut(12 + 5e-7, 14), cut(13, 13.5),
-        cut(kNaN, 20), cut(21, kInf), cut(25, 25 + 5e-7)};
-    // Reversed, wholly beyond the recording, non-finite and tiny cuts give nothing; touching
-    // and overlapping cuts merge.
-    expectSteps(plan.steps(30), {cutStep(0, 1), cutStep(10, 14)});
-    EXPECT_TRUE(plan.steps(0).empty());
-    EXPECT_TRUE(plan.steps(-1).empty());
-    EXPECT_TRUE(plan.steps(kNaN).empty());
-    EXPECT_TRUE(plan.steps(kInf).empty());
-}
-
-TEST(EditPlanSteps, TrimsRemoveTheEnds)
-{
-    EditPlan plan;
-    plan.trimIn = 2;
-    plan.trimOut = 18;
-    expectSteps(plan.steps(20), {cutStep(0, 2), cutStep(18, 20)});
-
-    EditPlan zeroOut;
-    zeroOut.trimOut = 0;
-    expectSteps(zeroOut.steps(20), {cutStep(0, 20)});
-    zeroOut.trimOut = -3;
-    expectSteps(zeroOut.steps(20), {cutStep(0, 20)});
-
-    EditPlan late;
-    late.trimIn = 25;
-    expectSteps(late.steps(20), {cutStep(0, 20)});
-    late.trimIn = -1;
-    late.trimOut = 40;
-    EXPECT_TRUE(late.steps(20).empty());
-    late.trimIn = kNaN;
-    late.trimOut = kNaN;
-    EXPECT_TRUE(late.steps(20).empty());
-}
-
-TEST(EditPlanSteps, SkipsAreCutApartByRemovedSpans)
-{
-    EditPlan plan;
-    plan.cuts = {cut(10, 12)};
-    plan.trimIn = 1;
-    plan.skips = {
-        skip(8, 15, 3),          // across the cut: both sides
-        skip(10.5, 11.5),        // inside the cut: nothing
-        skip(0, 4, 2),           // across the trim: the right part
-        skip(20, 22, 5, true),   // kept: plays at speed 1
-        skip(24, 23),            // reversed
-        skip(25, 26, -1),        // negative rate
-        skip(26, 27, kNaN),       // no rate
-        skip(27, 28, 0),         // rate 0 is not below 0
-        skip(28, 40, 6),         // runs past the end: clamped
+    struct Case { const char* what; EditPlan plan; double raw; std::vector<RemapStep> want; };
+    const EditPlan messy{.cuts = {cut(5, 3), cut(40, 50), cut(-2, 1), cut(10, 12), cut(12 + 5e-7, 14), cut(13, 13.5),
+                             cut(kNaN, 20), cut(21, kInf), cut(25, 25 + 5e-7)}};
+    const std::vector<Case> cases = {
+        {"reversed, outside, non-finite and tiny cuts go; touching ones merge", messy, 30,
+            {cutStep(0, 1), cutStep(10, 14)}},
+        {"no length", messy, 0, {}}, {"negative length", messy, -1, {}}, {"NaN length", messy, kNaN, {}},
+        {"endless", messy, kInf, {}},
+        {"trims", {.trimIn = 2, .trimOut = 18}, 20, {cutStep(0, 2), cutStep(18, 20)}},
+        {"trim-out at 0", {.trimOut = 0}, 20, {cutStep(0, 20)}},
+        {"trim-out below 0", {.trimOut = -3}, 20, {cutStep(0, 20)}},
+        {"trim-in past the end", {.trimIn = 25}, 20, {cutStep(0, 20)}},
+        {"trims outside the recording", {.trimIn = -1, .trimOut = 40}, 20, {}},
+        {"NaN trims", {.trimIn = kNaN, .trimOut = kNaN}, 20, {}},
+        {"skips cut apart by cuts and trims",
+            {.skips = {skip(8, 15, 3), skip(10.5, 11.5), skip(0, 4, 2), skip(20, 22, 5, true), skip(24, 23),
+                 skip(25, 26, -1), skip(26, 27, kNaN), skip(27, 28, 0), skip(28, 40, 6)},
+                .trimIn = 1, .cuts = {cut(10, 12)}},
+            30,
+            {cutStep(0, 1), rateStep(1, 4, 2), rateStep(8, 10, 3), cutStep(10, 12), rateStep(12, 15, 3),
+                rateStep(27, 28, 0), rateStep(28, 30, 6)}},
+        {"a skip across merged cuts", {.skips = {skip(3, 10)}, .cuts = {cut(4, 6), cut(6, 7), cut(9, 9.5)}}, 12,
+            {rateStep(3, 4, 4), cutStep(4, 7), rateStep(7, 9, 4), cutStep(9, 9.5), rateStep(9.5, 10, 4)}},
+        {"slivers of 1e-6 s are no steps", {.skips = {skip(4 - 5e-7, 7 + 5e-7)}, .cuts = {cut(4, 7)}}, 12,
+            {cutStep(4, 7)}},
+        {"clips replace trims and cuts",
+            {.skips = {skip(8.5, 13)}, .trimIn = 5, .trimOut = 6, .cuts = {cut(1, 2)},
+                .clips = std::vector{clip(2, 12, 30), clip(1, 2, 8), clip(3, 14, 14), clip(4, 7, 9)}},
+            20, {cutStep(0, 2), rateStep(8.5, 9, 4), cutStep(9, 12), rateStep(12, 13, 4)}},
+        {"clips that sanitise away", {.clips = std::vector{clip(1, 25, 30)}}, 20, {cutStep(0, 20)}},
+        {"an empty clip list", {.trimIn = 5, .trimOut = 6, .clips = std::vector<PlimClip>{}}, 20,
+            {cutStep(0, 5), cutStep(6, 20)}},
     };
-    expectSteps(plan.steps(30), {cutStep(0, 1), rateStep(1, 4, 2), rateStep(8, 10, 3), cutStep(10, 12),
-        rateStep(12, 15, 3), rateStep(27, 28, 0), rateStep(28, 30, 6)});
+    // Every bound is one of the given times, 0 or the length: no arithmetic to round.
+    for (const Case& c : cases)
+        EXPECT_EQ(c.plan.steps(c.raw), c.want) << c.what;
 }
 
-TEST(EditPlanSteps, SkipAcrossTwoMergedCutsKeepsOnlyWhatPlays)
+TEST(EditPlan, SegmentsRemovedSpansAndActiveSkips)
 {
-    EditPlan plan;
-    plan.cuts = {cut(4, 6), cut(6, 7), cut(9, 9.5)};
-    plan.skips = {skip(3, 10)};
-    expectSteps(plan.steps(12),
-        {rateStep(3, 4, 4), cutStep(4, 7), rateStep(7, 9, 4), cutStep(9, 9.5), rateStep(9.5, 10, 4)});
-    // Leftover slivers no longer than 1e-6 s are not steps.
-    plan.skips = {skip(4 - 5e-7, 7 + 5e-7)};
-    expectSteps(plan.steps(12), {cutStep(4, 7), cutStep(9, 9.5)});
-}
-
-TEST(EditPlanSteps, ClipsReplaceTrimsAndCuts)
-{
-    EditPlan plan;
-    plan.trimIn = 5;
-    plan.trimOut = 6;
-    plan.cuts = {cut(1, 2)};
-    plan.clips = std::vector<PlimClip>{
-        {PlimClip::idForNumber(2), 12, 30},  // clamped to the end
-        {PlimClip::idForNumber(1), 2, 8},
-        {PlimClip::idForNumber(3), 14, 14},  // empty
-        {PlimClip::idForNumber(4), 7, 9},    // overlaps the one before
-    };
-    plan.skips = {skip(8.5, 13)};
-    expectSteps(plan.steps(20), {cutStep(0, 2), rateStep(8.5, 9, 4), cutStep(9, 12), rateStep(12, 13, 4)});
-
-    // Clips that all sanitise away leave nothing to play.
-    plan.clips = std::vector<PlimClip>{{PlimClip::idForNumber(1), 25, 30}};
-    expectSteps(plan.steps(20), {cutStep(0, 20)});
-    // An empty clip list falls back to trims and cuts.
-    plan.clips = std::vector<PlimClip>{};
-    expectSteps(plan.steps(20), {cutStep(0, 5), cutStep(6, 20)});
-}
-
-TEST(EditPlanQueries, SegmentsAndRemovedSpans)
-{
-    EditPlan plan;
-    plan.trimIn = 1;
-    plan.trimOut = 19;
-    plan.cuts = {cut(5, 7), cut(7, 8), cut(12, 13)};
-    plan.skips = {skip(2, 3)};
-
-    auto segments = plan.segments(20);
-    ASSERT_EQ(segments.size(), 3u);
-    EXPECT_EQ(segments[0], (EditPlan::Segment{1, 5}));
-    EXPECT_EQ(segments[1], (EditPlan::Segment{8, 12}));
-    EXPECT_EQ(segments[2], (EditPlan::Segment{13, 19}));
-    EXPECT_EQ(segments[1].identity(), "segment-8000-12000");
-    EXPECT_NE(segments[0].identity(), segments[2].identity());
-
+    EditPlan plan{.skips = {skip(9, 10, 2), skip(1, 2, 3, true), skip(4, 5, 8)}, .trimIn = 1, .trimOut = 19,
+        .cuts = {cut(5, 7), cut(7, 8), cut(12, 13)}};
+    using Segment = EditPlan::Segment;
+    EXPECT_EQ(plan.segments(20), (std::vector<Segment>{{1, 5}, {8, 12}, {13, 19}}));
+    EXPECT_EQ((Segment{8, 12}).identity(), "segment-8000-12000");
     std::vector<IdleSpan> removed{{0, 1}, {5, 8}, {12, 13}, {19, 20}};
     EXPECT_EQ(plan.removedSpans(20), removed);
     EXPECT_EQ(plan.droppedAudioSpans(20), removed);
+    EXPECT_EQ(EditPlan{}.segments(7.5), (std::vector<Segment>{{0, 7.5}}));
+    EXPECT_TRUE(EditPlan{}.segments(kNaN).empty());
+    EXPECT_TRUE(EditPlan{.trimOut = 0}.segments(7.5).empty());
+    EditPlan clipped{.clips = std::vector{clip(1, 2, 4), clip(2, 4, 6), clip(3, 8, 9)}};
+    EXPECT_EQ(clipped.segments(10), (std::vector<Segment>{{2, 6}, {8, 9}}));
 
-    EditPlan whole;
-    auto all = whole.segments(7.5);
-    ASSERT_EQ(all.size(), 1u);
-    EXPECT_EQ(all[0], (EditPlan::Segment{0, 7.5}));
-    EXPECT_TRUE(whole.segments(kNaN).empty());
-    whole.trimOut = 0;
-    EXPECT_TRUE(whole.segments(7.5).empty());
-}
-
-TEST(EditPlanQueries, SegmentsWithClipsMergeAdjacentClips)
-{
-    EditPlan plan;
-    plan.clips = std::vector<PlimClip>{{PlimClip::idForNumber(1), 2, 4}, {PlimClip::idForNumber(2), 4, 6},
-        {PlimClip::idForNumber(3), 8, 9}};
-    auto segments = plan.segments(10);
-    ASSERT_EQ(segments.size(), 2u);
-    EXPECT_EQ(segments[0], (EditPlan::Segment{2, 6}));
-    EXPECT_EQ(segments[1], (EditPlan::Segment{8, 9}));
-}
-
-TEST(EditPlanQueries, ActiveSkipsKeepStoredOrder)
-{
-    EditPlan plan;
-    plan.skips = {skip(9, 10, 2), skip(1, 2, 3, true), skip(4, 5, 8)};
+    // Active skips keep their stored order; identities are whole milliseconds, truncated.
     EXPECT_EQ(plan.activeSkips(), (std::vector<IdleSpan>{{9, 10}, {4, 5}}));
-    auto segments = plan.activeSegments();
-    ASSERT_EQ(segments.size(), 2u);
-    EXPECT_EQ(segments[0], (EditPlan::RateSegment{{9, 10}, 2}));
-    EXPECT_EQ(segments[1], (EditPlan::RateSegment{{4, 5}, 8}));
+    EXPECT_EQ(plan.activeSegments(), (std::vector<EditPlan::RateSegment>{{{9, 10}, 2}, {{4, 5}, 8}}));
     EXPECT_EQ(plan.skips[0].identity(), "skip-9000");
     EXPECT_EQ(skip(1.2349, 2).identity(), "skip-1234");
     EXPECT_EQ(skip(-0.0019, 2).identity(), "skip--1");
 }
 
-TEST(EditPlanQueries, PlayedSkipsCarryTheirOutputStart)
+TEST(EditPlan, PlayedSkipsCarryTheirOutputStartInPlayingOrder)
 {
-    EditPlan plan;
-    plan.trimIn = 2;
-    plan.cuts = {cut(10, 14)};
-    plan.skips = {
-        skip(4, 8, 4),            // 2 s of plain time before it
-        skip(11, 13),             // wholly inside the cut
-        skip(12, 18, 2),          // starts inside the cut: plays from 14
-        skip(0, 1),               // wholly inside the trim
-        skip(20, 21, 4, true),    // kept, still plays
-    };
-    auto played = plan.playedSkips(30);
-    ASSERT_EQ(played.size(), 3u);
-    EXPECT_EQ(played[0].skip, plan.skips[0]);
-    EXPECT_NEAR(played[0].outputStart, 2, 1e-9);
-    // [2,4] plain (2) + [4,8] at 4 (1) + [8,10] plain (2) = 5; the cut adds nothing.
-    EXPECT_EQ(played[1].skip, plan.skips[2]);
-    EXPECT_NEAR(played[1].outputStart, 5, 1e-9);
-    // Then [14,18] at 2 (2) + [18,20] plain (2).
-    EXPECT_EQ(played[2].skip, plan.skips[4]);
-    EXPECT_NEAR(played[2].outputStart, 9, 1e-9);
+    EditPlan plan{.skips = {skip(4, 8, 4), skip(11, 13), skip(12, 18, 2), skip(0, 1), skip(20, 21, 4, true)},
+        .trimIn = 2, .cuts = {cut(10, 14)}};
+    // Inside the cut or the trim: not played. [2,4] plain = 2; + [4,8] at 4 + [8,10] = 5; the
+    // skip starting inside the cut plays from 14; + [14,18] at 2 + [18,20] = 9 for the kept one.
+    using Played = std::vector<EditPlan::PlayedSkip>;
+    EXPECT_EQ(plan.playedSkips(30), (Played{{plan.skips[0], 2}, {plan.skips[2], 5}, {plan.skips[4], 9}}));
+    ClipTimeline timeline = plan.clipTimeline(30);
+    EXPECT_EQ(timeline.pieces.size(), 2u);
+    EXPECT_EQ(timeline.pieces[1].id, "segment-14000-30000");
+    EXPECT_DOUBLE_EQ(timeline.outputDuration(), 19);
+    // The later stretch plays first and lasts 2 + 4/4 + 4 = 7 s.
+    EditPlan reordered{.skips = {skip(2, 4, 2), skip(12, 16, 4)}, .clips = std::vector{clip(1, 10, 20), clip(2, 0, 5)}};
+    EXPECT_EQ(reordered.playedSkips(20), (Played{{reordered.skips[0], 9}, {reordered.skips[1], 2}}));
+    EXPECT_EQ(reordered.clipTimeline(20).pieces[0].id, PlimClip::idForNumber(1));
+    EXPECT_DOUBLE_EQ(reordered.clipTimeline(20).outputDuration(), 7 + 4);
 }
 
-TEST(EditPlanQueries, PlayedSkipsFollowTheClipOrder)
+TEST(EditPlan, MasksZoomsAndSuspending)
 {
+    const std::string a = "A0000000-0000-4000-8000-000000000001", b = "A0000000-0000-4000-8000-000000000002";
     EditPlan plan;
-    // The later stretch plays first.
-    plan.clips = std::vector<PlimClip>{{PlimClip::idForNumber(1), 10, 20}, {PlimClip::idForNumber(2), 0, 5}};
-    plan.skips = {skip(2, 4, 2), skip(12, 16, 4)};
-    auto played = plan.playedSkips(20);
-    ASSERT_EQ(played.size(), 2u);
-    // The first clip lasts 2 + 4/4 + 4 = 7 s; the skip is 2 s into the second.
-    EXPECT_NEAR(played[0].outputStart, 9, 1e-9);
-    EXPECT_NEAR(played[1].outputStart, 2, 1e-9);
-}
+    plan.masks = {{a, 0.1, 0.1, 0.2, 0.2, 1, 3, MaskRegion::Style::blur},
+        {b, 0.5, 0.5, 0.2, 0.2, 2, 4, MaskRegion::Style::pixelate}};
+    // Masks show from start up to, not at, their end.
+    const std::vector<std::pair<double, std::vector<std::string>>> shown = {
+        {0.99, {}}, {1, {a}}, {2.5, {a, b}}, {3, {b}}, {4, {}}, {kNaN, {}}};
+    for (const auto& [t, ids] : shown) {
+        std::vector<std::string> got;
+        for (const auto& mask : plan.masksAt(t))
+            got.push_back(mask.id);
+        EXPECT_EQ(got, ids) << t;
+    }
 
-TEST(EditPlanQueries, MasksAtHalfOpenTimes)
-{
-    EditPlan plan;
-    plan.masks = {MaskRegion{"A0000000-0000-4000-8000-000000000001", 0.1, 0.1, 0.2, 0.2, 1, 3, MaskRegion::Style::blur},
-        MaskRegion{"A0000000-0000-4000-8000-000000000002", 0.5, 0.5, 0.2, 0.2, 2, 4, MaskRegion::Style::pixelate}};
-    EXPECT_TRUE(plan.masksAt(0.99).empty());
-    ASSERT_EQ(plan.masksAt(1).size(), 1u);
-    ASSERT_EQ(plan.masksAt(2.5).size(), 2u);
-    EXPECT_EQ(plan.masksAt(2.5)[0].id, plan.masks[0].id);
-    ASSERT_EQ(plan.masksAt(3).size(), 1u);
-    EXPECT_EQ(plan.masksAt(3)[0].id, plan.masks[1].id);
-    EXPECT_TRUE(plan.masksAt(4).empty());
-    EXPECT_TRUE(plan.masksAt(kNaN).empty());
-}
+    // Boxes are clipped to the unit square; a non-finite one is empty at the origin.
+    const std::vector<std::pair<std::array<double, 4>, MaskRegion::Rect>> rects = {
+        {{-0.2, 0.9, 0.5, 0.3}, {0, 0.9, 0.3, 0.1}}, {{1.5, 0.9, 0.5, 0.3}, {1, 0.9, 0, 0.1}},
+        {{0.5, 0.9, -0.3, 0.3}, {0.5, 0.9, 0, 0.1}}, {{0.5, 0.9, 0.2, kNaN}, {}}};
+    for (const auto& [box, want] : rects) {
+        auto r = MaskRegion{a, box[0], box[1], box[2], box[3], 0, 1, MaskRegion::Style::blur}.rect();
+        EXPECT_LT(std::abs(r.x - want.x) + std::abs(r.y - want.y) + std::abs(r.width - want.width)
+                + std::abs(r.height - want.height), 1e-12) << box[0] << ", " << box[2] << ", " << box[3];
+    }
 
-TEST(EditPlanQueries, MaskRectIsClippedToTheUnitSquare)
-{
-    MaskRegion mask{"A0000000-0000-4000-8000-000000000001", -0.2, 0.9, 0.5, 0.3, 0, 1, MaskRegion::Style::blur};
-    auto r = mask.rect();
-    EXPECT_DOUBLE_EQ(r.x, 0);
-    EXPECT_DOUBLE_EQ(r.width, 0.3);
-    EXPECT_DOUBLE_EQ(r.y, 0.9);
-    EXPECT_NEAR(r.height, 0.1, 1e-12);
-    mask.x = 1.5;
-    EXPECT_EQ(mask.rect().width, 0);
-    mask.w = -0.3;
-    mask.x = 0.5;
-    EXPECT_EQ(mask.rect().width, 0);
-    mask.h = kNaN;
-    EXPECT_EQ(mask.rect(), MaskRegion::Rect{});
-}
-
-TEST(EditPlanQueries, SuspendingLeavesOneZoomOut)
-{
-    EditPlan plan;
-    ZoomBlock a{"B0000000-0000-4000-8000-00000000000A", 1, 2, 0.5, 0.5, 2, ZoomBlock::Origin::mark(), std::nullopt};
-    ZoomBlock b = a;
-    b.id = "B0000000-0000-4000-8000-00000000000B";
-    plan.zooms = {a, b};
-    auto copy = plan.suspending("b0000000-0000-4000-8000-00000000000a");
-    ASSERT_EQ(copy.zooms.size(), 1u);
-    EXPECT_EQ(copy.zooms[0], b);
+    ZoomBlock first{"B0000000-0000-4000-8000-00000000000A", 1, 2, 0.5, 0.5, 2, ZoomBlock::Origin::mark(), std::nullopt};
+    ZoomBlock second = first;
+    second.id = "B0000000-0000-4000-8000-00000000000B";
+    plan.zooms = {first, second};
+    EXPECT_EQ(plan.suspending("b0000000-0000-4000-8000-00000000000a").zooms, std::vector{second});
     EXPECT_EQ(plan.zooms.size(), 2u);
     EXPECT_EQ(plan.suspending("nothing"), plan);
 }
 
-TEST(EditPlanTransition, CutTransitionsRiseAndFall)
+TEST(EditPlan, TransitionsRiseTowardCutsAndFadesAndTheStrongestWins)
 {
-    EditPlan plan;
-    plan.cuts = {cut(10, 12, TransitionSpec{TransitionSpec::Kind::blur, 0.4})};
-    EXPECT_FALSE(plan.transition(9.7, 30));
-    EXPECT_NEAR(plan.transition(9.8, 30)->phase, 0, 1e-9);
-    EXPECT_NEAR(plan.transition(9.9, 30)->phase, 0.5, 1e-9);
-    EXPECT_EQ(plan.transition(9.9, 30)->kind, TransitionSpec::Kind::blur);
-    EXPECT_FALSE(plan.transition(11, 30)); // inside the cut
-    EXPECT_NEAR(plan.transition(12, 30)->phase, 1, 1e-9);
-    EXPECT_NEAR(plan.transition(12.15, 30)->phase, 0.25, 1e-9);
-    EXPECT_FALSE(plan.transition(12.2, 30));
-    EXPECT_FALSE(plan.transition(kNaN, 30));
-    EXPECT_FALSE(plan.transition(9.9, kNaN));
-    EXPECT_FALSE(plan.transition(9.9, -1));
-}
-
-TEST(EditPlanTransition, DurationsAreClamped)
-{
-    EditPlan plan;
-    plan.cuts = {cut(10, 12, TransitionSpec{TransitionSpec::Kind::punch, 5})};
-    EXPECT_NEAR(plan.transition(9.5, 30)->phase, 0, 1e-9); // 0.5 s each side
-    EXPECT_NEAR(plan.transition(12.25, 30)->phase, 0.5, 1e-9);
-    EXPECT_FALSE(plan.transition(12.5, 30));
-
-    plan.cuts = {cut(10, 12, TransitionSpec{TransitionSpec::Kind::punch, 0.02})};
-    EXPECT_NEAR(plan.transition(9.975, 30)->phase, 0.5, 1e-9); // 0.05 s each side
-    EXPECT_FALSE(plan.transition(9.94, 30));
-
-    plan.cuts = {cut(10, 12, TransitionSpec{TransitionSpec::Kind::punch, kNaN})};
-    EXPECT_NEAR(plan.transition(12.0875, 30)->phase, 0.5, 1e-9); // 0.175 s each side
-
-    // Cuts without a transition or without length have none.
-    plan.cuts = {cut(10, 12), cut(15, 15, TransitionSpec{})};
-    EXPECT_FALSE(plan.transition(9.9, 30));
-    EXPECT_FALSE(plan.transition(15, 30));
-    EXPECT_FALSE(plan.transition(14.9, 30));
-}
-
-TEST(EditPlanTransition, GreatestPhaseWinsAndTiesKeepTheEarlierCut)
-{
-    EditPlan plan;
-    plan.cuts = {cut(10, 11, TransitionSpec{TransitionSpec::Kind::blur, 1.0}),
-        cut(11.2, 12, TransitionSpec{TransitionSpec::Kind::punch, 1.0})};
-    // At 11.1: after the first (phase 0.8), before the second (phase 0.8): the first stays.
-    EXPECT_EQ(plan.transition(11.1, 30)->kind, TransitionSpec::Kind::blur);
-    // At 11.15: 0.7 against 0.9.
-    EXPECT_EQ(plan.transition(11.15, 30)->kind, TransitionSpec::Kind::punch);
-    EXPECT_NEAR(plan.transition(11.15, 30)->phase, 0.9, 1e-9);
-}
-
-TEST(EditPlanTransition, FadesAtTheTrimmedEnds)
-{
-    EditPlan plan;
-    plan.trimIn = 2;
-    plan.trimOut = 8;
-    plan.fadeIn = TransitionSpec{TransitionSpec::Kind::dipToBlack, 0.5};
-    plan.fadeOut = TransitionSpec{TransitionSpec::Kind::dipToBackdrop, 0.5};
-    EXPECT_FALSE(plan.transition(1.9, 10));
-    EXPECT_NEAR(plan.transition(2, 10)->phase, 1, 1e-9);
-    EXPECT_NEAR(plan.transition(2.25, 10)->phase, 0.5, 1e-9);
-    EXPECT_FALSE(plan.transition(2.5, 10));
-    EXPECT_EQ(plan.transition(7.75, 10)->kind, TransitionSpec::Kind::dipToBackdrop);
-    EXPECT_NEAR(plan.transition(7.75, 10)->phase, 0.5, 1e-9);
-    EXPECT_FALSE(plan.transition(8, 10));
-
-    // Without trims the fades sit at the recording's ends; a trim-out past the end is ignored.
-    plan.trimIn.reset();
-    plan.trimOut = 50;
-    EXPECT_NEAR(plan.transition(0, 10)->phase, 1, 1e-9);
-    EXPECT_NEAR(plan.transition(9.75, 10)->phase, 0.5, 1e-9);
-    // A fade never lasts longer than the recording.
-    EXPECT_NEAR(plan.transition(0.05, 0.2)->phase, 0.75, 1e-9);
-}
-
-TEST(EditPlanTransition, FadesTiedWithACutReportTheCut)
-{
-    EditPlan plan;
-    plan.fadeIn = TransitionSpec{TransitionSpec::Kind::dipToBlack, 0.5};
-    plan.fadeOut = TransitionSpec{TransitionSpec::Kind::dipToBackdrop, 0.5};
-    plan.cuts = {cut(0.5, 1, TransitionSpec{TransitionSpec::Kind::punch, 1.0}),
-        cut(9, 9.5, TransitionSpec{TransitionSpec::Kind::blur, 1.0})};
-    // Exactly 0.5 each: the cut rising into [0.5, 1] against the fade-in, the cut falling
-    // after [9, 9.5] against the fade-out.
-    auto start = plan.transition(0.25, 10);
-    ASSERT_TRUE(start);
-    EXPECT_EQ(start->kind, TransitionSpec::Kind::punch);
-    EXPECT_EQ(start->phase, 0.5);
-    auto end = plan.transition(9.75, 10);
-    ASSERT_TRUE(end);
-    EXPECT_EQ(end->kind, TransitionSpec::Kind::blur);
-    EXPECT_EQ(end->phase, 0.5);
-    // A little later the fade-out is stronger and replaces the cut.
-    EXPECT_EQ(plan.transition(9.875, 10)->kind, TransitionSpec::Kind::dipToBackdrop);
-    EXPECT_EQ(plan.transition(0.125, 10)->kind, TransitionSpec::Kind::dipToBlack);
+    constexpr double none = -1;
+    struct Probe { double t; double phase; K kind = K::dipToBlack; double raw = 30; };
+    struct Case { const char* what; EditPlan plan; std::vector<Probe> probes; };
+    const TransitionSpec black{K::dipToBlack, 0.5}, backdrop{K::dipToBackdrop, 0.5};
+    const std::vector<Case> cases = {
+        {"a blur of 0.4 s, 0.2 s each side", {.cuts = {fadedCut(10, 12, K::blur, 0.4)}},
+            {{9.7, none}, {9.8, 0, K::blur}, {9.9, 0.5, K::blur}, {11, none}, {12, 1, K::blur},
+                {12.15, 0.25, K::blur}, {12.2, none}, {kNaN, none}, {9.9, none, K::blur, kNaN}, {9.9, none, K::blur, -1}}},
+        {"durations clamp to 1 s", {.cuts = {fadedCut(10, 12, K::punch, 5)}},
+            {{9.5, 0, K::punch}, {12.25, 0.5, K::punch}, {12.5, none}}},
+        {"and to 0.1 s", {.cuts = {fadedCut(10, 12, K::punch, 0.02)}}, {{9.975, 0.5, K::punch}, {9.94, none}}},
+        {"NaN reads 0.35 s", {.cuts = {fadedCut(10, 12, K::punch, kNaN)}}, {{12.0875, 0.5, K::punch}}},
+        {"no transition or no length", {.cuts = {cut(10, 12), cut(15, 15, TransitionSpec{})}},
+            {{9.9, none}, {15, none}, {14.9, none}}},
+        {"greatest phase wins; a tie keeps the earlier cut",
+            {.cuts = {fadedCut(10, 11, K::blur, 1), fadedCut(11.2, 12, K::punch, 1)}},
+            {{11.1, 0.8, K::blur}, {11.15, 0.9, K::punch}}},
+        {"fades at the trimmed ends", {.trimIn = 2, .trimOut = 8, .fadeIn = black, .fadeOut = backdrop},
+            {{1.9, none}, {2, 1, K::dipToBlack, 10}, {2.25, 0.5, K::dipToBlack, 10}, {2.5, none, {}, 10},
+                {7.75, 0.5, K::dipToBackdrop, 10}, {8, none, {}, 10}}},
+        {"fades at the recording's ends; no longer than it", {.trimOut = 50, .fadeIn = black, .fadeOut = backdrop},
+            {{0, 1, K::dipToBlack, 10}, {9.75, 0.5, K::dipToBackdrop, 10}, {0.05, 0.75, K::dipToBlack, 0.2}}},
+        {"a fade tied with a cut reports the cut",
+            {.cuts = {fadedCut(0.5, 1, K::punch, 1), fadedCut(9, 9.5, K::blur, 1)}, .fadeIn = black, .fadeOut = backdrop},
+            {{0.25, 0.5, K::punch, 10}, {9.75, 0.5, K::blur, 10}, {9.875, 0.75, K::dipToBackdrop, 10},
+                {0.125, 0.75, K::dipToBlack, 10}}},
+    };
+    for (const Case& c : cases) {
+        for (const Probe& p : c.probes) {
+            SCOPED_TRACE(std::string(c.what) + " at " + std::to_string(p.t) + " of " + std::to_string(p.raw));
+            auto got = c.plan.transition(p.t, p.raw);
+            if (p.phase == none) {
+                EXPECT_FALSE(got);
+                continue;
+            }
+            ASSERT_TRUE(got);
+            EXPECT_NEAR(got->phase, p.phase, 1e-9);
+            EXPECT_EQ(got->kind, p.kind);
+        }
+    }
 }
