@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <random>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace plim {
@@ -18,10 +19,18 @@ std::expected<std::string, FileReadError> readFileBytes(const fs::path& path)
         ReadFailure kind = (err == ENOENT || err == ENOTDIR) ? ReadFailure::absent : ReadFailure::unreadable;
         return std::unexpected(FileReadError{kind, errnoText(err)});
     }
-    std::string bytes;
-    char buffer[65536];
+    // Sized once from the file's length (plus one byte, so the end is seen without
+    // growing); doubled if the file turns out longer.
+    struct stat info {};
+    size_t size = 65536;
+    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0)
+        size = static_cast<size_t>(info.st_size) + 1;
+    std::string bytes(size, '\0');
+    size_t used = 0;
     for (;;) {
-        ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (used == bytes.size())
+            bytes.resize(bytes.size() * 2);
+        ssize_t n = ::read(fd, bytes.data() + used, bytes.size() - used);
         if (n < 0) {
             if (errno == EINTR)
                 continue;
@@ -31,8 +40,9 @@ std::expected<std::string, FileReadError> readFileBytes(const fs::path& path)
         }
         if (n == 0)
             break;
-        bytes.append(buffer, static_cast<size_t>(n));
+        used += static_cast<size_t>(n);
     }
+    bytes.resize(used);
     ::close(fd);
     return bytes;
 }

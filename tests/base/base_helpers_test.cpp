@@ -39,6 +39,22 @@ TEST(Files, ReadTellsAbsentFromUnreadable)
     }
 }
 
+TEST(Files, ReadsWholeFilesOfAnySize)
+{
+    TempDir dir;
+    std::string big(200001, 'x');
+    for (size_t i = 0; i < big.size(); i += 97)
+        big[i] = static_cast<char>('a' + i % 26);
+    writeText(dir / "big", big);
+    EXPECT_EQ(readFileBytes(dir / "big").value(), big);
+    writeText(dir / "empty", "");
+    EXPECT_EQ(readFileBytes(dir / "empty").value(), "");
+    // Files whose reported size is 0 but that hold text.
+    auto status = readFileBytes("/proc/self/status");
+    ASSERT_TRUE(status);
+    EXPECT_NE(status->find("Name:"), std::string::npos);
+}
+
 TEST(Files, AtomicWriteReplacesWholeAndLeavesNoTemporary)
 {
     TempDir dir;
