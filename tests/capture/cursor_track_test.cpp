@@ -2,159 +2,118 @@
 #include "capture/cursor_track.h"
 #include "testkit/testkit.h"
 
+#include <cerrno>
+#include <cmath>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 using namespace plim;
 using namespace plim::testkit;
+using Kind = CursorTrack::ReadError::Kind;
 
 namespace {
 
-const char* const minimalTrack = R"({"displayX": 10, "displayY": -20.5, "displayWidth": 1440, "displayHeight": 900, "scale": 2})";
+const std::string minimalTrack =
+    R"({"displayX": 10, "displayY": -20.5, "displayWidth": 1440, "displayHeight": 900, "scale": 2})";
+const std::string keptTail = ". The file was left as it is and nothing in it was lost. ";
+const std::string recordAgain = "Restore the file from a backup, or record the plim again to get a new pointer track.";
+
+std::string corruptSentence(const std::string& reason)
+{
+    return "B.cursor.json is not a pointer track Plim can read (" + reason + ")" + keptTail + recordAgain;
+}
+
+std::string missingSentence(const std::string& keys)
+{
+    return "B.cursor.json is missing " + keys
+        + ", which Plim needs to place the pointer in the picture, so the pointer track cannot be used" + keptTail
+        + recordAgain;
+}
 
 CursorTrack sampleTrack()
 {
-    CursorTrack track;
-    track.displayX = -1920;
-    track.displayY = 0;
-    track.displayWidth = 1920;
-    track.displayHeight = 1080;
-    track.scale = 2;
-    track.videoStartOffsetMS = 48;
-    track.samples = {{0, 1.5, -3.2, 0}, {17, 2.3, 4.1, 1}};
-    track.clicks = {{17, 2.3456, -7.891}};
-    track.marks = {{500}};
-    track.frames = {{1000, 5, 6, 700, 500}};
-    return track;
+    return {.displayX = -1920, .displayWidth = 1920, .displayHeight = 1080, .scale = 2, .videoStartOffsetMS = 48,
+        .samples = {{0, 1.5, -3.2, 0}, {17, 2.3, 4.1, 1}}, .clicks = {{17, 2.3456, -7.891}}, .marks = {{500}},
+        .frames = {{1000, 5, 6, 700, 500}}};
 }
 
 } // namespace
 
 TEST(CursorTrack, RoundsHalvesAwayFromZero)
 {
-    EXPECT_EQ(roundToTenth(2.24), 2.2);
-    EXPECT_EQ(roundToTenth(2.25), 2.3);
-    EXPECT_EQ(roundToTenth(-0.25), -0.3);
-    EXPECT_EQ(roundToTenth(-2.24), -2.2);
-    EXPECT_EQ(roundToTenth(0.04), 0.0);
-    EXPECT_EQ(roundToTenth(1919.95), 1920.0);
+    for (auto [in, out] : std::vector<std::pair<double, double>>{
+             {2.24, 2.2}, {2.25, 2.3}, {-0.25, -0.3}, {-2.24, -2.2}, {0.04, 0}, {1919.95, 1920}})
+        EXPECT_EQ(roundToTenth(in), out) << in;
 }
 
-TEST(CursorTrack, WritesSortedKeysAndReadsBackEqual)
+TEST(CursorTrack, WritesBesideTheMovieAndReadsBackEqualWithoutNotices)
 {
     TempDir dir;
-    fs::path movie = dir / "B.mov";
     CursorTrack track = sampleTrack();
-    ASSERT_TRUE(track.write(movie));
-    ASSERT_TRUE(fs::exists(dir / "B.cursor.json"));
-
-    std::string text = readText(dir / "B.cursor.json");
-    // Sorted keys: clicks comes first, videoStartOffsetMS last; absent optionals left out.
-    EXPECT_LT(text.find("\"clicks\""), text.find("\"displayHeight\""));
-    EXPECT_LT(text.find("\"scale\""), text.find("\"videoStartOffsetMS\""));
-    EXPECT_EQ(text.find("subjectKind"), std::string::npos);
-    EXPECT_EQ(text.find("cameraOffsetMS"), std::string::npos);
-
-    auto back = CursorTrack::read(movie);
-    ASSERT_TRUE(back) << back.error().sentence;
-    EXPECT_EQ(*back, track);
-
-    track.cameraOffsetMS = -120;
-    track.subjectKind = "device";
-    ASSERT_TRUE(track.write(movie));
-    auto again = CursorTrack::read(movie);
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->cameraOffsetMS, std::optional<int64_t>(-120));
-    EXPECT_EQ(*again, track);
-}
-
-TEST(CursorTrack, EmptyArraysAreAlwaysWritten)
-{
-    Json json = CursorTrack::deviceTrack(1170, 2532).toJson();
-    for (const char* key : {"samples", "clicks", "marks", "frames"}) {
-        ASSERT_TRUE(json.contains(key)) << key;
-        EXPECT_TRUE(json[key].is_array() && json[key].empty()) << key;
+    LogCapture log;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(track.write(dir / "B.mov"));
+        auto back = CursorTrack::read(dir / "B.mov");
+        ASSERT_TRUE(back) << back.error().sentence;
+        EXPECT_EQ(*back, track);
+        track.cameraOffsetMS = -120;
+        track.subjectKind = "device";
     }
-    EXPECT_EQ(json["subjectKind"], "device");
-    EXPECT_EQ(json["displayWidth"], 1170.0);
-    EXPECT_EQ(json["displayHeight"], 2532.0);
-    EXPECT_EQ(json["scale"], 1.0);
-    EXPECT_EQ(json["videoStartOffsetMS"], 0);
-    EXPECT_FALSE(json.contains("cameraOffsetMS"));
-}
-
-TEST(CursorTrack, MissingOptionalKeysTakeTheirDefaults)
-{
-    TempDir dir;
+    // Absent optional keys take their defaults, silently.
     writeText(dir / "B.cursor.json", minimalTrack);
-    auto track = CursorTrack::read(dir / "B.mov");
-    ASSERT_TRUE(track) << track.error().sentence;
-    EXPECT_EQ(track->displayX, 10);
-    EXPECT_EQ(track->displayY, -20.5);
-    EXPECT_EQ(track->displayWidth, 1440);
-    EXPECT_EQ(track->displayHeight, 900);
-    EXPECT_EQ(track->scale, 2);
-    EXPECT_EQ(track->videoStartOffsetMS, 0);
-    EXPECT_FALSE(track->subjectKind);
-    EXPECT_FALSE(track->cameraOffsetMS);
-    EXPECT_TRUE(track->samples.empty());
-    EXPECT_TRUE(track->clicks.empty());
-    EXPECT_TRUE(track->marks.empty());
-    EXPECT_TRUE(track->frames.empty());
+    auto minimal = CursorTrack::read(dir / "B.mov");
+    ASSERT_TRUE(minimal) << minimal.error().sentence;
+    EXPECT_EQ(*minimal, (CursorTrack{.displayX = 10, .displayY = -20.5, .displayWidth = 1440, .displayHeight = 900, .scale = 2}));
+    EXPECT_TRUE(log.lines().empty());
+    // All four arrays are always written; absent optionals are left out.
+    EXPECT_EQ(CursorTrack::deviceTrack(1170, 2532).toJson(),
+        *parseJson(R"({"clicks": [], "displayHeight": 2532, "displayWidth": 1170, "displayX": 0, "displayY": 0,
+            "frames": [], "marks": [], "samples": [], "scale": 1, "subjectKind": "device", "videoStartOffsetMS": 0})"));
 }
 
-TEST(CursorTrack, EachMissingGeometryKeyFailsAndLeavesTheFileAlone)
+TEST(CursorTrack, ReadFailuresSayWhatHappenedAndLeaveTheFileAsItIs)
 {
     TempDir dir;
+    const fs::path movie = dir / "B.mov", file = dir / "B.cursor.json";
+    auto absent = CursorTrack::read(movie);
+    ASSERT_FALSE(absent);
+    EXPECT_EQ(absent.error(), (CursorTrack::ReadError{Kind::absent,
+        "There is no pointer track beside B.mov (B.cursor.json is missing), so the pointer cannot be drawn. "
+        "Nothing was changed. Put the file back beside the movie, or record the plim again."}));
+    EXPECT_FALSE(fs::exists(file));
+
+    std::vector<std::pair<std::string, CursorTrack::ReadError>> rows = {
+        {"{\"displayX\": 1,", {Kind::corrupt, corruptSentence("it is not valid JSON")}},
+        {"\xff\xfe{}", {Kind::corrupt, corruptSentence("it is not valid JSON")}},
+        {"[1, 2, 3]", {Kind::corrupt, corruptSentence("it does not hold a JSON object")}},
+        {"", {Kind::corrupt, corruptSentence("the file is empty")}},
+        // A geometry key of the wrong type counts as missing; all missing ones are named.
+        {R"({"displayX": "0", "displayY": 0, "displayWidth": 1, "displayHeight": 1})",
+            {Kind::incomplete, missingSentence("displayX and scale")}},
+        {R"({"displayWidth": 1, "displayHeight": 1, "scale": null})",
+            {Kind::incomplete, missingSentence("displayX, displayY and scale")}},
+    };
     for (const char* key : {"displayX", "displayY", "displayWidth", "displayHeight", "scale"}) {
         Json json = sampleTrack().toJson();
         json.erase(key);
-        std::string bytes = json.dump(4) + "\n  ";
-        writeText(dir / "B.cursor.json", bytes);
-        auto track = CursorTrack::read(dir / "B.mov");
-        ASSERT_FALSE(track) << key;
-        EXPECT_EQ(track.error().kind, CursorTrack::ReadError::Kind::incomplete);
-        EXPECT_NE(track.error().sentence.find(key), std::string::npos) << track.error().sentence;
-        EXPECT_NE(track.error().sentence.find("B.cursor.json"), std::string::npos);
-        EXPECT_NE(track.error().sentence.find("left as it is"), std::string::npos);
-        EXPECT_EQ(track.error().sentence.back(), '.');
-        EXPECT_EQ(readText(dir / "B.cursor.json"), bytes) << key;
+        rows.push_back({json.dump(4) + "\n  ", {Kind::incomplete, missingSentence(key)}});
     }
-    // A geometry key of the wrong type counts as missing, and all missing ones are named.
-    writeText(dir / "B.cursor.json", R"({"displayX": "0", "displayY": 0, "displayWidth": 1, "displayHeight": 1})");
-    auto track = CursorTrack::read(dir / "B.mov");
-    ASSERT_FALSE(track);
-    EXPECT_NE(track.error().sentence.find("displayX and scale"), std::string::npos) << track.error().sentence;
-}
-
-TEST(CursorTrack, UnreadableAndCorruptFilesFailWithSentencesAndStayUntouched)
-{
-    TempDir dir;
-    auto absent = CursorTrack::read(dir / "B.mov");
-    ASSERT_FALSE(absent);
-    EXPECT_EQ(absent.error().kind, CursorTrack::ReadError::Kind::absent);
-    EXPECT_FALSE(fs::exists(dir / "B.cursor.json"));
-
-    for (std::string bytes : {std::string("{\"displayX\": 1,"), std::string("[1, 2, 3]"), std::string(""),
-             std::string("\xff\xfe{}")}) {
-        writeText(dir / "B.cursor.json", bytes);
-        auto track = CursorTrack::read(dir / "B.mov");
+    for (const auto& [bytes, error] : rows) {
+        SCOPED_TRACE(bytes);
+        writeText(file, bytes);
+        auto track = CursorTrack::read(movie);
         ASSERT_FALSE(track);
-        EXPECT_EQ(track.error().kind, CursorTrack::ReadError::Kind::corrupt);
-        EXPECT_NE(track.error().sentence.find("B.cursor.json"), std::string::npos);
-        EXPECT_EQ(readText(dir / "B.cursor.json"), bytes);
+        EXPECT_EQ(track.error(), error);
+        EXPECT_EQ(readText(file), bytes);
     }
 
-    if (geteuid() != 0) {
-        writeText(dir / "B.cursor.json", minimalTrack);
-        chmod((dir / "B.cursor.json").c_str(), 0);
-        auto track = CursorTrack::read(dir / "B.mov");
-        ASSERT_FALSE(track);
-        EXPECT_EQ(track.error().kind, CursorTrack::ReadError::Kind::unreadable);
-        chmod((dir / "B.cursor.json").c_str(), 0644);
-        EXPECT_EQ(readText(dir / "B.cursor.json"), minimalTrack);
-    }
+    // A file that cannot be read (here a folder in its place) is left where it is.
+    fs::remove(file);
+    fs::create_directory(file);
+    auto unreadable = CursorTrack::read(movie);
+    ASSERT_FALSE(unreadable);
+    EXPECT_EQ(unreadable.error(), (CursorTrack::ReadError{Kind::unreadable, "Plim could not read B.cursor.json ("
+        + errnoText(EISDIR) + ")" + keptTail + "Check that you may read the file, then try again."}));
+    EXPECT_TRUE(fs::is_directory(file));
 }
 
 TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
@@ -170,68 +129,40 @@ TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
     LogCapture log;
     auto track = CursorTrack::read(dir / "B.mov");
     ASSERT_TRUE(track) << track.error().sentence;
-    EXPECT_EQ(track->videoStartOffsetMS, 0);
-    ASSERT_EQ(track->samples.size(), 2u);
-    EXPECT_EQ(track->samples[0], (CursorSample{10, 3, 4, 0}));
-    EXPECT_EQ(track->samples[1], (CursorSample{20, 1, 2, 1}));
-    EXPECT_TRUE(track->clicks.empty());
-    EXPECT_TRUE(track->marks.empty());
-    EXPECT_EQ(track->frames.size(), 1u);
-
-    auto lines = log.lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0],
+    EXPECT_EQ(*track, (CursorTrack{.displayWidth = 100, .displayHeight = 100,
+        .samples = {{10, 3, 4, 0}, {20, 1, 2, 1}}, .frames = {{3, 0, 0, 50, 50}}}));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{
         "Plim: B.cursor.json is not shaped the way Plim writes it: an unusable videoStartOffsetMS read as 0, "
         "2 unusable samples and 1 unusable click dropped, marks is not a list and was read as empty, "
-        "its samples put back in time order. The pointer is drawn from what was left; the file itself was not changed.");
+        "its samples put back in time order. The pointer is drawn from what was left; the file itself was not changed."});
     EXPECT_EQ(readText(dir / "B.cursor.json"), bytes);
-}
-
-TEST(CursorTrack, CleanFileLogsNothing)
-{
-    TempDir dir;
-    ASSERT_TRUE(sampleTrack().write(dir / "B.mov"));
-    LogCapture log;
-    ASSERT_TRUE(CursorTrack::read(dir / "B.mov"));
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(CursorTrack, NormalizedSwitchesToTheFrameKeyAtItsTime)
-{
-    CursorTrack track;
-    track.displayX = 100;
-    track.displayY = 50;
-    track.displayWidth = 1000;
-    track.displayHeight = 500;
-    track.frames = {{1000, 200, 100, 400, 200}, {2000, 0, 0, 0, 300}};
-
-    EXPECT_EQ(track.normalized(600, 300, 999), (CursorTrack::UnitPoint{0.5, 0.5}));
-    EXPECT_EQ(track.normalized(300, 150, 999), (CursorTrack::UnitPoint{0.2, 0.2}));
-    EXPECT_EQ(track.normalized(300, 150, 1000), (CursorTrack::UnitPoint{0.25, 0.25}));
-    EXPECT_EQ(track.normalized(300, 150, 1999.5), (CursorTrack::UnitPoint{0.25, 0.25}));
-    // Outside the rectangle clamps to its edges.
-    EXPECT_EQ(track.normalized(100, 400, 1500), (CursorTrack::UnitPoint{0, 1}));
-    // A degenerate frame key gives the centre.
-    EXPECT_EQ(track.normalized(300, 150, 2000), (CursorTrack::UnitPoint{0.5, 0.5}));
-
-    CursorTrack empty;
-    EXPECT_EQ(empty.normalized(3, 4, 0), (CursorTrack::UnitPoint{0.5, 0.5}));
 }
 
 TEST(CursorTrack, NormalizedUsesTheLastFrameKeyAtOrBeforeTheTime)
 {
+    CursorTrack track{.displayX = 100, .displayY = 50, .displayWidth = 1000, .displayHeight = 500,
+        .frames = {{1000, 200, 100, 400, 200}, {2000, 0, 0, 0, 300}}};
+    struct Row {
+        double x, y, at;
+        CursorTrack::UnitPoint expected;
+    };
+    for (auto [x, y, at, expected] : std::vector<Row>{{600, 300, 999, {0.5, 0.5}}, {300, 150, 999, {0.2, 0.2}},
+             {300, 150, 1000, {0.25, 0.25}}, {300, 150, 1999.5, {0.25, 0.25}},
+             {100, 400, 1500, {0, 1}},       // outside the rectangle clamps to its edges
+             {300, 150, 2000, {0.5, 0.5}}}) // a degenerate key gives the centre
+        EXPECT_EQ(track.normalized(x, y, at), expected) << at;
+    EXPECT_EQ(CursorTrack{}.normalized(3, 4, 0), (CursorTrack::UnitPoint{0.5, 0.5}));
+
     // Keys sharing a time, and times between, on, before and after them.
-    CursorTrack track;
-    track.displayWidth = 100;
-    track.displayHeight = 100;
+    CursorTrack keyed{.displayWidth = 100, .displayHeight = 100};
     for (int64_t i = 0; i < 40; ++i)
-        track.frames.push_back({(i / 3) * 10, static_cast<double>(i), 0, 100, 100});
+        keyed.frames.push_back({(i / 3) * 10, static_cast<double>(i), 0, 100, 100});
     for (double at = -5; at <= 140; at += 2.5) {
         double expectedX = 0;
-        for (const auto& frame : track.frames)
+        for (const auto& frame : keyed.frames)
             if (static_cast<double>(frame.t) <= at)
                 expectedX = frame.x;
-        EXPECT_EQ(track.normalized(50, 0, at).x, (50 - expectedX) / 100) << at;
+        EXPECT_EQ(keyed.normalized(50, 0, at).x, (50 - expectedX) / 100) << at;
     }
-    EXPECT_EQ(track.normalized(50, 0, std::nan("")).x, (50 - 39.0) / 100);
+    EXPECT_EQ(keyed.normalized(50, 0, std::nan("")).x, (50 - 39.0) / 100);
 }

@@ -11,30 +11,23 @@ namespace plim {
 void PrintTo(const KeyEvent& event, std::ostream* out) { *out << "{" << event.t << ", \"" << event.caption << "\"}"; }
 }
 
-TEST(KeystrokeTrack, WritesCompactAndReadsBackEqual)
+namespace {
+const std::string repairTail = ". The keycap row draws what was left; the file itself was not changed.";
+}
+
+TEST(KeystrokeTrack, WritesCompactReadsBackEqualAndLeavesUndecodableFilesAlone)
 {
     TempDir dir;
+    EXPECT_FALSE(KeystrokeTrack::read(dir / "B.mov"));
     KeystrokeTrack track{{{0, "⌘S"}, {1250, "⇧⇥"}, {1250, "⌃⌥⌘K"}, {4000, "⏎"}}};
     ASSERT_TRUE(track.write(dir / "B.mov"));
     std::string text = readText(dir / "B.keys.json");
     EXPECT_TRUE(text.starts_with(R"({"events":[{"caption":"⌘S","t":0},)")) << text;
     EXPECT_EQ(text.find('\n'), std::string::npos);
-
     LogCapture log;
-    auto back = KeystrokeTrack::read(dir / "B.mov");
-    ASSERT_TRUE(back);
-    EXPECT_EQ(*back, track);
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(KeystrokeTrack, UnreadableOrUndecodableGivesNothingAndLeavesTheFile)
-{
-    TempDir dir;
-    EXPECT_FALSE(KeystrokeTrack::read(dir / "B.mov"));
-    LogCapture log;
-    for (std::string bytes : {std::string("{\"events\": [}"), std::string("{}"), std::string("{\"events\": {}}"),
-             std::string(R"({"events": [{"t": 5}]})"), std::string(R"({"events": [{"t": "5", "caption": "⌘S"}]})"),
-             std::string(R"({"events": [{"t": 1.5, "caption": "⌘S"}]})"), std::string("[]")}) {
+    EXPECT_EQ(KeystrokeTrack::read(dir / "B.mov"), track);
+    for (std::string bytes : {"{\"events\": [}", "{}", "{\"events\": {}}", R"({"events": [{"t": 5}]})",
+             R"({"events": [{"t": "5", "caption": "⌘S"}]})", R"({"events": [{"t": 1.5, "caption": "⌘S"}]})", "[]"}) {
         writeText(dir / "B.keys.json", bytes);
         EXPECT_FALSE(KeystrokeTrack::read(dir / "B.mov")) << bytes;
         EXPECT_EQ(readText(dir / "B.keys.json"), bytes);
@@ -44,33 +37,26 @@ TEST(KeystrokeTrack, UnreadableOrUndecodableGivesNothingAndLeavesTheFile)
 
 TEST(KeystrokeTrack, RepairsInMemoryWithTheNoticeWordForWord)
 {
+    const std::vector<std::tuple<std::string, std::vector<KeyEvent>, std::string>> rows = {
+        {R"({"events": [{"t": 10, "caption": "⌃⌥⇧⌘K→X"}, {"t": -5, "caption": "⌘A"},
+            {"t": 20, "caption": "123456789"}, {"t": 30, "caption": "⌘Z"}]})",
+            {{10, "⌃⌥⇧⌘K"}, {20, "12345"}, {30, "⌘Z"}},
+            "1 unusable event dropped, 2 captions longer than any real shortcut shortened to 5 characters"},
+        // Out of order: sorted stably, with its own notice.
+        {R"({"events": [{"t": 30, "caption": "⌘C"}, {"t": 10, "caption": "⌘A"}, {"t": 30, "caption": "⌘V"}]})",
+            {{10, "⌘A"}, {30, "⌘C"}, {30, "⌘V"}}, "its events put back in time order"},
+    };
     TempDir dir;
-    std::string bytes = R"({"events": [{"t": 10, "caption": "⌃⌥⇧⌘K→X"}, {"t": -5, "caption": "⌘A"},
-        {"t": 20, "caption": "123456789"}, {"t": 30, "caption": "⌘Z"}]})";
-    writeText(dir / "B.keys.json", bytes);
-    LogCapture log;
-    auto track = KeystrokeTrack::read(dir / "B.mov");
-    ASSERT_TRUE(track);
-    EXPECT_EQ(track->events, (std::vector<KeyEvent>{{10, "⌃⌥⇧⌘K"}, {20, "12345"}, {30, "⌘Z"}}));
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0],
-        "Plim: B.keys.json is not shaped the way Plim writes it: 1 unusable event dropped, 2 captions longer than any "
-        "real shortcut shortened to 5 characters. The keycap row draws what was left; the file itself was not changed.");
-    EXPECT_EQ(readText(dir / "B.keys.json"), bytes);
-}
-
-TEST(KeystrokeTrack, OutOfOrderIsSortedStablyWithItsOwnNotice)
-{
-    TempDir dir;
-    writeText(dir / "B.keys.json", R"({"events": [{"t": 30, "caption": "⌘C"}, {"t": 10, "caption": "⌘A"}, {"t": 30, "caption": "⌘V"}]})");
-    LogCapture log;
-    auto track = KeystrokeTrack::read(dir / "B.mov");
-    ASSERT_TRUE(track);
-    EXPECT_EQ(track->events, (std::vector<KeyEvent>{{10, "⌘A"}, {30, "⌘C"}, {30, "⌘V"}}));
-    ASSERT_EQ(log.lines().size(), 1u);
-    EXPECT_EQ(log.lines()[0],
-        "Plim: B.keys.json is not shaped the way Plim writes it: its events put back in time order. "
-        "The keycap row draws what was left; the file itself was not changed.");
+    for (const auto& [bytes, events, notice] : rows) {
+        writeText(dir / "B.keys.json", bytes);
+        LogCapture log;
+        auto track = KeystrokeTrack::read(dir / "B.mov");
+        ASSERT_TRUE(track);
+        EXPECT_EQ(track->events, events);
+        EXPECT_EQ(log.lines(), std::vector<std::string>{
+            "Plim: B.keys.json is not shaped the way Plim writes it: " + notice + repairTail});
+        EXPECT_EQ(readText(dir / "B.keys.json"), bytes);
+    }
 }
 
 TEST(KeystrokeTrack, SanitizingTrimsBlanksAndCountsCharactersNotBytes)
@@ -80,18 +66,17 @@ TEST(KeystrokeTrack, SanitizingTrimsBlanksAndCountsCharactersNotBytes)
     EXPECT_EQ(clean.events, (std::vector<KeyEvent>{{0, "⌘S"}, {2, "⌃⌥⇧⌘←"}, {3, "⌃⌥⇧⌘é\u0301"}, {4, "⌘/"}}));
     EXPECT_EQ(clean.dropped, 1);
     EXPECT_EQ(clean.shortened, 3);
-
     EXPECT_EQ(KeystrokeTrack::repairNotice("x.keys.json", 2, 1),
         "x.keys.json is not shaped the way Plim writes it: 2 unusable events dropped, 1 caption longer than any real "
-        "shortcut shortened to 5 characters. The keycap row draws what was left; the file itself was not changed.");
+        "shortcut shortened to 5 characters" + repairTail);
 }
 
 TEST(KeystrokeTrack, CaptionsLingerFromTheirTime)
 {
     KeystrokeTrack track{{{999, "⌘A"}, {1000, "⌘B"}, {2000, "⌘C"}, {2001, "⌘D"}, {3000, "⌘E"}}};
-    EXPECT_EQ(track.captions(2.0, 1.0), (std::vector<KeyEvent>{{1000, "⌘B"}, {2000, "⌘C"}}));
-    EXPECT_EQ(track.captions(0.5, 1.0), std::vector<KeyEvent>{});
-    EXPECT_EQ(track.captions(3.0, 1.0), (std::vector<KeyEvent>{{2000, "⌘C"}, {2001, "⌘D"}, {3000, "⌘E"}}));
-    EXPECT_EQ(track.captions(3.5, 1.0), (std::vector<KeyEvent>{{3000, "⌘E"}}));
+    for (const auto& [at, shown] : std::vector<std::pair<double, std::vector<KeyEvent>>>{
+             {2.0, {{1000, "⌘B"}, {2000, "⌘C"}}}, {0.5, {}}, {3.0, {{2000, "⌘C"}, {2001, "⌘D"}, {3000, "⌘E"}}},
+             {3.5, {{3000, "⌘E"}}}})
+        EXPECT_EQ(track.captions(at, 1.0), shown) << at;
     EXPECT_TRUE(KeystrokeTrack{}.captions(2.0, 1.0).empty());
 }
