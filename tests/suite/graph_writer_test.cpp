@@ -1,6 +1,6 @@
 #include "suite/graph_writer.h"
 
-#include "testkit/testkit.h"
+#include "suite/test_session_bus.h"
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,10 @@
 #include <map>
 #include <numeric>
 #include <sstream>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace plim;
@@ -112,6 +115,23 @@ TEST(SuiteGraphWriter, RefusesWithASentenceAndChangesNothing)
     auto refused = sentenceOf(makeWriter(dir / "file")->record("k", "t"));
     EXPECT_TRUE(refused.ends_with(" for appending (POSIX error 20).")) << refused;
     EXPECT_EQ(readText(dir / "file"), "not a folder");
+}
+
+TEST(SuiteGraphWriter, AWriterThatWaitedForTheLockWhileTheStreamRotatedWritesToTheNewStream)
+{
+    TempDir dir;
+    auto writer = makeWriter(dir.path());
+    ASSERT_TRUE(writer->record("k", "w0-0"));
+    int held = ::open(writer->activePath().c_str(), O_RDONLY | O_CLOEXEC); // as another writer about to rotate
+    ASSERT_EQ(::flock(held, LOCK_EX), 0);
+    std::thread waiting([&] { EXPECT_TRUE(writer->record("k", "w0-1")); });
+    const std::string waiter = "-> FLOCK  ADVISORY  WRITE " + std::to_string(::getpid()) + " ";
+    ASSERT_TRUE(eventually([&] { return readText("/proc/locks").find(waiter) != std::string::npos; }));
+    fs::rename(writer->activePath(), writer->rotatedPath());
+    ::close(held);
+    waiting.join();
+    EXPECT_EQ(numbersByWriter({writer->rotatedPath()}), (std::map<int, std::vector<int>>{{0, {0}}}));
+    EXPECT_EQ(numbersByWriter({writer->activePath()}), (std::map<int, std::vector<int>>{{0, {1}}}));
 }
 
 TEST(SuiteGraphWriter, RotatesKeepingOneOlderGeneration)

@@ -37,6 +37,7 @@ public:
     bool ready() const { return !m_address.empty(); }
     std::string daemonErrors() const { return readText(m_dir / "daemon.err"); }
     const fs::path& folder() const { return m_dir.path(); }
+    void stop() { m_daemon.terminate(); }
 
 private:
     TempDir m_dir;
