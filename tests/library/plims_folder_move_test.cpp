@@ -5,6 +5,7 @@
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -14,171 +15,124 @@ using namespace plim::testkit;
 namespace {
 
 using Kind = PlimsFolderMove::Outcome::Kind;
+// What lies under the home folder: a path's bytes, "/" for a folder, or "-> target" for a link.
+using Tree = std::map<std::string, std::string>;
 
-struct Videos {
+struct Home {
     XdgSandbox sandbox;
     StorageRoot root{sandbox.videos(), "Plim"};
-    fs::path legacy = root.legacyFolder();
-    fs::path target = root.currentFolder();
-    Videos() { fs::create_directories(sandbox.videos()); }
-    void legacyLibrary()
+    explicit Home(const Tree& tree)
     {
-        fs::create_directory(legacy);
-        writeText(legacy / "B.mov", "movie");
-        writeText(legacy / "B.id.json", "{}");
+        for (const auto& [path, what] : tree) {
+            fs::path at = sandbox.home() / path;
+            fs::create_directories(at.parent_path());
+            if (what == "/")
+                fs::create_directory(at);
+            else if (what.starts_with("-> "))
+                fs::create_directory_symlink(what.substr(3), at);
+            else
+                writeText(at, what);
+        }
+    }
+    Tree tree() const
+    {
+        Tree out;
+        for (const auto& entry : fs::recursive_directory_iterator(sandbox.home()))
+            out[entry.path().lexically_relative(sandbox.home()).string()] = entry.is_symlink()
+                ? "-> " + fs::read_symlink(entry.path()).string()
+                : (entry.is_directory() ? "/" : readText(entry.path()));
+        return out;
     }
 };
-
-// The outcome's sentence is the line that went to the log.
-void expectLogged(const LogCapture& log, const PlimsFolderMove::Outcome& outcome, const std::string& line)
-{
-    EXPECT_EQ(log.lines(), std::vector<std::string>{line});
-    EXPECT_TRUE(line == outcome.sentence || line == "Plim: " + outcome.sentence) << outcome.sentence;
-}
 
 } // namespace
 
 TEST(PlimsFolderMove, MovesTheLegacyFolderAndLeavesALinkBehind)
 {
-    Videos v;
-    v.legacyLibrary();
-    fs::create_directory(v.target); // an empty folder in the way is removed
-    EXPECT_TRUE(PlimsFolderMove::legacyIsTheLibrary(v.root));
-    {
-        LogCapture log;
-        auto outcome = PlimsFolderMove::run(v.root);
-        EXPECT_EQ(outcome.kind, Kind::moved);
-        EXPECT_TRUE(outcome.libraryMoved());
-        expectLogged(log, outcome, "Plim: moved the library from Videos/Plims to Videos/Plim (a link keeps the old path working)");
-    }
-    EXPECT_EQ(readText(v.target / "B.mov"), "movie");
-    EXPECT_EQ(readText(v.target / "B.id.json"), "{}");
-    ASSERT_TRUE(fs::is_symlink(v.legacy));
-    EXPECT_EQ(fs::read_symlink(v.legacy), fs::path("Plim"));
-    EXPECT_EQ(readText(v.legacy / "B.mov"), "movie");
-    EXPECT_FALSE(PlimsFolderMove::legacyIsTheLibrary(v.root));
+    Home home({{"Videos/Plims/B.mov", "movie"}, {"Videos/Plim", "/"}}); // an empty folder in the way is removed
+    EXPECT_TRUE(PlimsFolderMove::legacyIsTheLibrary(home.root));
+    LogCapture log;
+    auto outcome = PlimsFolderMove::run(home.root);
+    EXPECT_EQ(outcome.kind, Kind::moved);
+    EXPECT_TRUE(outcome.libraryMoved());
+    EXPECT_EQ(log.lines(), std::vector<std::string>{outcome.sentence});
+    EXPECT_EQ(outcome.sentence, "Plim: moved the library from Videos/Plims to Videos/Plim (a link keeps the old path working)");
+    const Tree moved{{"Videos", "/"}, {"Videos/Plim", "/"}, {"Videos/Plim/B.mov", "movie"}, {"Videos/Plims", "-> Plim"}};
+    EXPECT_EQ(home.tree(), moved);
+    EXPECT_FALSE(PlimsFolderMove::legacyIsTheLibrary(home.root));
 
     // The next launch finds the link and does nothing.
-    LogCapture second;
-    EXPECT_EQ(PlimsFolderMove::run(v.root), (PlimsFolderMove::Outcome{Kind::alreadyMoved, {}}));
-    EXPECT_TRUE(second.lines().empty());
-    EXPECT_TRUE(fs::is_symlink(v.legacy));
-    EXPECT_EQ(readText(v.target / "B.mov"), "movie");
+    EXPECT_EQ(PlimsFolderMove::run(home.root), (PlimsFolderMove::Outcome{Kind::alreadyMoved, {}}));
+    EXPECT_EQ(log.lines().size(), 1u);
+    EXPECT_EQ(home.tree(), moved);
 }
 
-TEST(PlimsFolderMove, NothingToDoWithoutALegacyFolder)
+TEST(PlimsFolderMove, AnyOtherLayoutIsLeftExactlyAsItIsAndSaysWhy)
 {
-    Videos v;
-    fs::create_directory(v.target);
-    LogCapture log;
-    EXPECT_EQ(PlimsFolderMove::run(v.root).kind, Kind::nothingToDo);
-    EXPECT_TRUE(log.lines().empty());
-    EXPECT_TRUE(fs::is_directory(v.target));
-    EXPECT_FALSE(fs::exists(fs::symlink_status(v.legacy)));
-}
-
-TEST(PlimsFolderMove, ATargetHoldingFilesStopsTheMove)
-{
-    Videos v;
-    v.legacyLibrary();
-    fs::create_directory(v.target);
-    writeText(v.target / "Other.mov", "other");
-    LogCapture log;
-
-    auto outcome = PlimsFolderMove::run(v.root);
-
-    EXPECT_EQ(outcome.kind, Kind::targetHoldsFiles);
-    expectLogged(log, outcome, "Plim: Videos/Plim already holds files, so the plims in Videos/Plims were not moved into it. "
-                               "Plim keeps using Videos/Plims. To use the new name, move what is in Videos/Plim elsewhere "
-                               "and reopen Plim.");
-    EXPECT_EQ(readText(v.legacy / "B.mov"), "movie");
-    EXPECT_EQ(readText(v.target / "Other.mov"), "other");
-    EXPECT_FALSE(fs::exists(v.target / "B.mov"));
-    EXPECT_TRUE(PlimsFolderMove::legacyIsTheLibrary(v.root));
-}
-
-TEST(PlimsFolderMove, ALegacyFileIsLeftAlone)
-{
-    Videos v;
-    writeText(v.legacy, "not a folder");
-    LogCapture log;
-    auto outcome = PlimsFolderMove::run(v.root);
-    EXPECT_EQ(outcome.kind, Kind::legacyIsFile);
-    expectLogged(log, outcome, "Plim: Videos/Plims is a file, not a folder, so Plim did not touch it.");
-    EXPECT_EQ(readText(v.legacy), "not a folder");
-    EXPECT_FALSE(fs::exists(v.target));
-    EXPECT_FALSE(PlimsFolderMove::legacyIsTheLibrary(v.root));
-}
-
-TEST(PlimsFolderMove, ALinkToElsewhereStaysTheLibrary)
-{
-    Videos v;
-    fs::path elsewhere = v.sandbox.home() / "Archive";
-    fs::create_directory(elsewhere);
-    writeText(elsewhere / "B.mov", "movie");
-    fs::create_directory_symlink(elsewhere, v.legacy);
-    LogCapture log;
-
-    auto outcome = PlimsFolderMove::run(v.root);
-
-    EXPECT_EQ(outcome.kind, Kind::legacyIsLink);
-    expectLogged(log, outcome, "Plim: Videos/Plims is a link to " + elsewhere.string()
-            + " so it was left as it is and stays the library.");
-    EXPECT_EQ(fs::read_symlink(v.legacy), elsewhere);
-    EXPECT_EQ(readText(elsewhere / "B.mov"), "movie");
-    EXPECT_FALSE(fs::exists(v.target));
-    EXPECT_TRUE(PlimsFolderMove::legacyIsTheLibrary(v.root));
-}
-
-TEST(PlimsFolderMove, AFailedRenameMovesNothing)
-{
-    Videos v;
-    v.legacyLibrary();
-    writeText(v.target, "a file named like the new folder");
-    LogCapture log;
-
-    auto outcome = PlimsFolderMove::run(v.root);
-
-    EXPECT_EQ(outcome.kind, Kind::renameFailed);
-    expectLogged(log, outcome, "Plim: the library stays in Videos/Plims. Renaming Videos/Plims to Videos/Plim failed "
-                               "(Not a directory). Nothing was moved; Plim keeps using Videos/Plims.");
-    EXPECT_EQ(readText(v.legacy / "B.mov"), "movie");
-    EXPECT_EQ(readText(v.target), "a file named like the new folder");
+    const std::string keeps = "Plim keeps using Videos/Plims.";
+    const std::string library = "Videos/Plims/B.mov";
+    struct Case {
+        Kind kind;
+        Tree tree;
+        std::string line; // logged: the outcome's sentence, with "Plim: " in front when it lacks it
+        bool legacyStaysTheLibrary;
+    };
+    for (const Case& c : std::vector<Case>{{Kind::nothingToDo, {{"Videos/Plim", "/"}}, "", false},
+             {Kind::legacyIsFile, {{"Videos/Plims", "a file"}}, "Plim: Videos/Plims is a file, not a folder, so Plim "
+                 "did not touch it.", false},
+             {Kind::legacyIsLink, {{"Archive/B.mov", "movie"}, {"Videos/Plims", "-> ../Archive"}}, "Plim: Videos/Plims "
+                 "is a link to ../Archive so it was left as it is and stays the library.", true},
+             {Kind::targetHoldsFiles, {{library, "movie"}, {"Videos/Plim/Other.mov", "other"}}, "Plim: Videos/Plim "
+                 "already holds files, so the plims in Videos/Plims were not moved into it. " + keeps + " To use the "
+                 "new name, move what is in Videos/Plim elsewhere and reopen Plim.", true},
+             {Kind::renameFailed, {{library, "movie"}, {"Videos/Plim", "a file"}}, "Plim: the library stays in "
+                 "Videos/Plims. Renaming Videos/Plims to Videos/Plim failed (Not a directory). Nothing was moved; " + keeps,
+                 true}}) {
+        SCOPED_TRACE(c.line);
+        Home home(c.tree);
+        const Tree before = home.tree();
+        LogCapture log;
+        auto outcome = PlimsFolderMove::run(home.root);
+        EXPECT_EQ(outcome.kind, c.kind);
+        EXPECT_FALSE(outcome.libraryMoved());
+        EXPECT_EQ(log.lines(), c.line.empty() ? std::vector<std::string>{} : std::vector{c.line});
+        EXPECT_TRUE(c.line == outcome.sentence || c.line == "Plim: " + outcome.sentence) << outcome.sentence;
+        EXPECT_EQ(home.tree(), before);
+        EXPECT_EQ(PlimsFolderMove::legacyIsTheLibrary(home.root), c.legacyStaysTheLibrary);
+    }
 }
 
 TEST(PlimsFolderMove, AnEmptyTargetThatCannotBeRemovedStopsTheMove)
 {
     if (geteuid() == 0)
         GTEST_SKIP() << "root removes folders from read-only parents";
-    Videos v;
-    v.legacyLibrary();
-    fs::create_directory(v.target);
-    ::chmod(v.root.movies.c_str(), 0555);
+    Home home({{"Videos/Plims/B.mov", "movie"}, {"Videos/Plim", "/"}});
+    const Tree before = home.tree();
+    ::chmod(home.root.movies.c_str(), 0555);
     LogCapture log;
-    auto outcome = PlimsFolderMove::run(v.root);
-    ::chmod(v.root.movies.c_str(), 0755);
+    auto outcome = PlimsFolderMove::run(home.root);
+    ::chmod(home.root.movies.c_str(), 0755);
     EXPECT_EQ(outcome.kind, Kind::targetInTheWay);
-    expectLogged(log, outcome, "Plim: An empty Videos/Plim was in the way and could not be removed (Permission denied). "
-                               "Plim keeps using Videos/Plims.");
-    EXPECT_EQ(readText(v.legacy / "B.mov"), "movie");
-    EXPECT_TRUE(fs::is_directory(v.target));
+    EXPECT_EQ(log.lines(), std::vector<std::string>{"Plim: An empty Videos/Plim was in the way and could not be "
+                                                    "removed (Permission denied). Plim keeps using Videos/Plims."});
+    EXPECT_EQ(home.tree(), before);
 }
 
-TEST(StorageRoot, UsesTheVideosFolderAndTheLibraryName)
+TEST(StorageRoot, UsesTheVideosFolderAndNamesItAsItIsCalled)
 {
-    XdgSandbox sandbox;
+    Home home(Tree{{"Videos/Plims", "/"}});
     LogCapture log;
-    StorageRoot root = StorageRoot::direct(sandbox.home());
-    EXPECT_EQ(root, (StorageRoot{sandbox.videos(), "Plim"}));
-    EXPECT_EQ(root.folder(), sandbox.videos() / "Plim");
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_EQ(StorageRoot::direct(home.sandbox.home()), (StorageRoot{home.sandbox.videos(), "Plims"}));
+    ASSERT_EQ(PlimsFolderMove::run(home.root).kind, Kind::moved);
+    EXPECT_EQ(StorageRoot::direct(home.sandbox.home()), (StorageRoot{home.sandbox.videos(), "Plim"}));
+    EXPECT_EQ(log.lines().size(), 1u); // only the move
 
-    fs::create_directories(sandbox.videos() / "Plims");
-    EXPECT_EQ(StorageRoot::direct(sandbox.home()).plimsFolderName, "Plims");
-    EXPECT_EQ(StorageRoot::direct(sandbox.home()).folder(), sandbox.videos() / "Plims");
-
-    ASSERT_EQ(PlimsFolderMove::run(root).kind, Kind::moved);
-    EXPECT_EQ(StorageRoot::direct(sandbox.home()).plimsFolderName, "Plim");
+    ScopedEnv videos("XDG_VIDEOS_DIR", (home.sandbox.home() / "Filme").string());
+    StorageRoot filme = StorageRoot::direct(home.sandbox.home());
+    fs::create_directories(filme.legacyFolder());
+    writeText(filme.currentFolder(), "x");
+    EXPECT_EQ(PlimsFolderMove::run(filme).sentence, "Plim: the library stays in Filme/Plims. Renaming Filme/Plims to "
+                                                    "Filme/Plim failed (Not a directory). Nothing was moved; Plim keeps using Filme/Plims.");
 }
 
 TEST(StorageRoot, FallsBackToHomeVideosAndSaysSo)
@@ -186,21 +140,9 @@ TEST(StorageRoot, FallsBackToHomeVideosAndSaysSo)
     XdgSandbox sandbox;
     ScopedEnv noVideos("XDG_VIDEOS_DIR", std::nullopt);
     LogCapture log;
-    StorageRoot root = StorageRoot::direct(sandbox.home());
-    EXPECT_EQ(root.movies, sandbox.home() / "Videos");
+    EXPECT_EQ(StorageRoot::direct(sandbox.home()).movies, sandbox.home() / "Videos");
     EXPECT_EQ(log.lines(), std::vector<std::string>{
         "Plim: this computer reported no Videos folder in the user domain, so Plim is filing plims under "
         + sandbox.home().string() + "/Videos instead. Nothing was moved; if plims are missing from the library they "
         "are still in the folder they were recorded into."});
-}
-
-TEST(StorageRoot, SentencesNameTheVideosFolderAsItIsCalled)
-{
-    XdgSandbox sandbox;
-    ScopedEnv videos("XDG_VIDEOS_DIR", (sandbox.home() / "Filme").string());
-    StorageRoot root = StorageRoot::direct(sandbox.home());
-    fs::create_directories(root.legacyFolder());
-    writeText(root.currentFolder(), "x");
-    EXPECT_EQ(PlimsFolderMove::run(root).sentence, "Plim: the library stays in Filme/Plims. Renaming Filme/Plims to "
-                                                   "Filme/Plim failed (Not a directory). Nothing was moved; Plim keeps using Filme/Plims.");
 }
