@@ -68,10 +68,11 @@ TEST(CursorSmootherTest, TrackSamplesArePlacedInTheRegionOfTheirTime)
     track.displayWidth = 1000;
     track.displayHeight = 500;
     track.frames = {{3000, 0, 0, 0, 300}, {2000, 600, 0, 200, 100}}; // out of order
-    track.samples = {{0, 350, 50, 0}, {1000, 2000, -900, 0}, {2500, 650, 75, 0}, {3500, 1, 1, 0}, {4000, NAN, 5, 0}};
-
+    track.samples = {{0, 350, 50, 0}, {1000, 2000, -900, 0}, {2000, 700, 50, 0}, {2500, 650, 75, 0}, {3500, 1, 1, 0},
+        {4000, NAN, 5, 0}};
+    // A key applies from its own stamp on.
     EXPECT_EQ(CursorSmoother::samplesOf(track), (std::vector<Sample>{{0.0, 0.25, 0.5}, {1.0, 1.0, 0.0},
-                                                    {2.5, 0.25, 0.75}, {3.5, 0.5, 0.5}}));
+                                                    {2.0, 0.5, 0.5}, {2.5, 0.25, 0.75}, {3.5, 0.5, 0.5}}));
     CursorSmoother smoother(track);
     EXPECT_EQ(smoother.size(), 422u);
     EXPECT_DOUBLE_EQ(smoother.position(0).x, 0.25);

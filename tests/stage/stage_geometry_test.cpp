@@ -75,6 +75,7 @@ TEST(StageGeometryCard, ScreenCardLayout)
         {{1000, 2000}, {1000, 2000}, cardSpec(0.9, 0), {350, 700, 300, 600}, 0},
         // A card look: padding of the shorter side, corners of the card's width.
         {{1920, 1080}, {1920, 1080}, cardSpec(0.1, 0.02), {192, 108, 1536, 864}, 1536 * 0.02},
+        {{1080, 1920}, {0.5, 2}, cardSpec(0.05, 0.02), {313.5, 54, 453, 1812}, 453 * 0.02}, // not framed
         // Unusable content stands in as the canvas size; an unusable canvas gives an empty stage.
         {{1920, 1080}, {0, 0}, plain, fill, 15}, {{1920, 1080}, {-5, 100}, plain, fill, 15},
         {{1920, 1080}, {nan, 10}, plain, fill, 15}, {{1920, 1080}, {100, inf}, plain, fill, 15},
