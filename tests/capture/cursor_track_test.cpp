@@ -141,7 +141,7 @@ TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
 TEST(CursorTrack, NormalizedUsesTheLastFrameKeyAtOrBeforeTheTime)
 {
     CursorTrack track{.displayX = 100, .displayY = 50, .displayWidth = 1000, .displayHeight = 500,
-        .frames = {{1000, 200, 100, 400, 200}, {2000, 0, 0, 0, 300}}};
+        .frames = {{1000, 200, 100, 400, 200}, {2000, 0, 0, 0, 300}, {3000, 0, 0, 300, 0}}};
     struct Row {
         double x, y, at;
         CursorTrack::UnitPoint expected;
@@ -149,7 +149,7 @@ TEST(CursorTrack, NormalizedUsesTheLastFrameKeyAtOrBeforeTheTime)
     for (auto [x, y, at, expected] : std::vector<Row>{{600, 300, 999, {0.5, 0.5}}, {300, 150, 999, {0.2, 0.2}},
              {300, 150, 1000, {0.25, 0.25}}, {300, 150, 1999.5, {0.25, 0.25}},
              {100, 400, 1500, {0, 1}},       // outside the rectangle clamps to its edges
-             {300, 150, 2000, {0.5, 0.5}}}) // a degenerate key gives the centre
+             {300, 150, 2000, {0.5, 0.5}}, {300, 150, 3000, {0.5, 0.5}}}) // a degenerate key gives the centre
         EXPECT_EQ(track.normalized(x, y, at), expected) << at;
     EXPECT_EQ(CursorTrack{}.normalized(3, 4, 0), (CursorTrack::UnitPoint{0.5, 0.5}));
 

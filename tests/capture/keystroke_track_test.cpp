@@ -2,6 +2,7 @@
 #include "capture/keystroke_track.h"
 #include "testkit/testkit.h"
 
+#include <algorithm>
 #include <gtest/gtest.h>
 
 using namespace plim;
@@ -66,6 +67,13 @@ TEST(KeystrokeTrack, SanitizingTrimsBlanksAndCountsCharactersNotBytes)
     EXPECT_EQ(clean.events, (std::vector<KeyEvent>{{0, "⌘S"}, {2, "⌃⌥⇧⌘←"}, {3, "⌃⌥⇧⌘é\u0301"}, {4, "⌘/"}}));
     EXPECT_EQ(clean.dropped, 1);
     EXPECT_EQ(clean.shortened, 3);
+    // Equal times keep their order, in a list long enough to defeat an unstable sort.
+    std::vector<KeyEvent> many, expected;
+    for (int i = 0; i < 100; ++i)
+        many.push_back({(i * 7) % 3, "⌘" + std::to_string(i)});
+    for (int64_t t = 0; t < 3; ++t)
+        std::ranges::copy_if(many, std::back_inserter(expected), [&](const KeyEvent& e) { return e.t == t; });
+    EXPECT_EQ(KeystrokeTrack::sanitized(many).events, expected);
     EXPECT_EQ(KeystrokeTrack::repairNotice("x.keys.json", 2, 1),
         "x.keys.json is not shaped the way Plim writes it: 2 unusable events dropped, 1 caption longer than any real "
         "shortcut shortened to 5 characters" + repairTail);
