@@ -126,10 +126,11 @@ TEST(SuiteGraphWriter, AWriterThatWaitedForTheLockWhileTheStreamRotatedWritesToT
     ASSERT_EQ(::flock(held, LOCK_EX), 0);
     std::thread waiting([&] { EXPECT_TRUE(writer->record("k", "w0-1")); });
     const std::string waiter = "-> FLOCK  ADVISORY  WRITE " + std::to_string(::getpid()) + " ";
-    ASSERT_TRUE(eventually([&] { return readText("/proc/locks").find(waiter) != std::string::npos; }));
+    const bool waited = eventually([&] { return readText("/proc/locks").find(waiter) != std::string::npos; });
     fs::rename(writer->activePath(), writer->rotatedPath());
     ::close(held);
     waiting.join();
+    ASSERT_TRUE(waited) << "the second append never waited for the lock";
     EXPECT_EQ(numbersByWriter({writer->rotatedPath()}), (std::map<int, std::vector<int>>{{0, {0}}}));
     EXPECT_EQ(numbersByWriter({writer->activePath()}), (std::map<int, std::vector<int>>{{0, {1}}}));
 }
@@ -137,8 +138,8 @@ TEST(SuiteGraphWriter, AWriterThatWaitedForTheLockWhileTheStreamRotatedWritesToT
 TEST(SuiteGraphWriter, RotatesKeepingOneOlderGeneration)
 {
     TempDir dir;
-    const uint64_t lineBytes = Moment{.ts = momentNow(), .app = "plim", .kind = "k", .title = "w0-0"}.jsonLine()->size() + 1;
-    auto writer = makeWriter(dir.path(), lineBytes * 3);
+    Moment probe{.ts = momentNow(), .app = "plim", .kind = "k", .title = "w0-0"};
+    auto writer = makeWriter(dir.path(), (probe.jsonLine().value().size() + 1) * 3);
     for (int i = 0; i < 10; ++i)
         ASSERT_TRUE(writer->record("k", "w0-" + std::to_string(i)));
     // 10 lines, 3 per generation: the active file holds the last 1, the older the 3 before.

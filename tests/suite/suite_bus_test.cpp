@@ -140,25 +140,25 @@ TEST_P(SuiteBusOverDbus, TwoProcessesExchangeMessagesAndAVanishedSenderIsNoticed
 TEST_P(SuiteBusBackends, CancelledObservationsHearNothingMoreEvenFromTheirOwnHandlerOrTheirQueue)
 {
     TestQueue queue;
-    std::atomic<int> once = 0, queued = 0, witness = 0;
+    std::atomic<int> heardBySelfCancelling = 0, heardQueued = 0, heardByWitness = 0;
     SuiteBusObservation selfCancelling;
-    auto second = m_bus->observeBeacon(SuiteApp::plim, {}, [&](const BeaconState&) {
-        ++once;
+    auto cancelling = m_bus->observeBeacon(SuiteApp::plim, {}, [&](const BeaconState&) {
+        ++heardBySelfCancelling;
         selfCancelling.cancel();
     });
-    auto third = m_bus->observeBeacon(SuiteApp::plim, queue.queue(), [&](const BeaconState&) { ++queued; });
-    auto fourth = m_bus->observeBeacon(SuiteApp::plim, {}, [&](const BeaconState&) { ++witness; });
-    ASSERT_TRUE(second && third && fourth);
-    selfCancelling = std::move(*second);
+    auto queued = m_bus->observeBeacon(SuiteApp::plim, queue.queue(), [&](const BeaconState&) { ++heardQueued; });
+    auto witness = m_bus->observeBeacon(SuiteApp::plim, {}, [&](const BeaconState&) { ++heardByWitness; });
+    ASSERT_TRUE(cancelling && queued && witness);
+    selfCancelling = std::move(*cancelling);
 
     ASSERT_TRUE(m_bus->postBeacon(BeaconState::paused(1), SuiteApp::plim));
     ASSERT_TRUE(m_bus->postBeacon(BeaconState::paused(2), SuiteApp::plim));
     // Handlers run in the order of arrival, so the first post is queued by now.
-    ASSERT_TRUE(eventually([&] { return witness.load() == 2; }));
-    third->cancel();
+    ASSERT_TRUE(eventually([&] { return heardByWitness.load() == 2; }));
+    queued->cancel();
     queue.pump();
-    EXPECT_EQ(queued.load(), 0);
-    EXPECT_EQ(once.load(), 1);
+    EXPECT_EQ(heardQueued.load(), 0);
+    EXPECT_EQ(heardBySelfCancelling.load(), 1);
 }
 
 TEST_P(SuiteBusBackends, BadNamesAndAMissingBusAreRefusedWithASentence)
