@@ -88,7 +88,7 @@ std::string refusedEditsSentence(std::string_view sourceName, std::optional<std:
     if (writer.empty())
         writer = "a newer Plim (edit format " + std::to_string(version) + ")";
     return std::string(sourceName) + " was saved by " + writer + ", which is newer than this " +
-        plimNameAndVersion() + ". " + "To open its edits here, update Plim with Check for Updates. " +
+        plimNameAndVersion() + ". " + "To open its edits here, update Plim through your package manager. " +
         "Nothing in the file was changed.";
 }
 

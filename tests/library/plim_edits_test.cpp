@@ -95,8 +95,8 @@ TEST(PlimEdits, ADamagedFieldCostsOnlyThatFieldOrItsDamagedParts)
 
 TEST(PlimEdits, NewerVersionsAreRefusedAndBadOnesUnreadable)
 {
-    const std::string newer = ", which is newer than this Plim 0.1.0. To open its edits here, update Plim with Check "
-                              "for Updates. Nothing in the file was changed.";
+    const std::string newer = ", which is newer than this Plim 0.1.0. To open its edits here, update Plim through "
+                              "your package manager. Nothing in the file was changed.";
     const std::string bad = "B.edits.json could not be read at all, so this plim falls back to its automatic edit. The "
                             "file was left as it is. The file says: The version field ";
     for (auto [text, kind, sentence] : std::vector<std::tuple<std::string, Kind, std::string>>{
