@@ -1,4 +1,4 @@
-// Clips: ids, sanitising, JSON, and the timeline they make with sped-up stretches.
+// Clips: ids, sanitising, and the timeline they make with sped-up stretches.
 
 #include "plan/plim_clip.h"
 
@@ -12,7 +12,7 @@ namespace {
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 }
 
-TEST(PlimClip, IdsSanitisingAndJson)
+TEST(PlimClip, NumberedIdsAndSanitising)
 {
     for (auto [number, tail] : std::vector<std::pair<long long, std::string>>{
              {7, "000000000007"}, {123456789012, "123456789012"}, {-4, "000000000000"}, {10'000'000'000'000, "999999999999"}})
@@ -28,13 +28,6 @@ TEST(PlimClip, IdsSanitisingAndJson)
         EXPECT_EQ(PlimClip({id, row.start, row.end}).sanitized(row.raw), row.want) << row.start << ".." << row.end;
     std::vector<PlimClip> clips{{PlimClip::idForNumber(3), 5, 9}, {id, 20, 30}, {PlimClip::idForNumber(2), 0, 2}};
     EXPECT_EQ(sanitizeClips(clips, 10), (std::vector<PlimClip>{clips[0], clips[2]}));
-
-    PlimClip clip{PlimClip::idForNumber(9), 1.5, 4.25};
-    EXPECT_EQ(clip.toJson(), (Json{{"id", clip.id}, {"start", 1.5}, {"end", 4.25}}));
-    EXPECT_EQ(PlimClip::fromJson(clip.toJson()), clip);
-    EXPECT_FALSE(PlimClip::fromJson(Json{{"id", clip.id}, {"start", 1.5}}));
-    EXPECT_FALSE(PlimClip::fromJson(Json{{"id", "clip one"}, {"start", 1.5}, {"end", 2}}));
-    EXPECT_FALSE(PlimClip::fromJson(Json::array()));
 }
 
 TEST(ClipTimeline, PiecesAccumulateOutputWithRatesBothWays)

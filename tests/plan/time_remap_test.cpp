@@ -36,32 +36,8 @@ double expectedOutput(const std::vector<Step>& steps, double t)
 
 } // namespace
 
-TEST(TimeRemap, RatesPlayFasterCutsCollapseAndEdgesHold)
-{
-    struct Case {
-        std::vector<Step> steps;
-        std::vector<std::pair<double, double>> sourceToOutput, outputToSource;
-    };
-    const std::vector<Case> cases = {
-        {{}, {{-3, -3}, {0, 0}, {3600, 3600}}, {{-3, -3}, {17.5, 17.5}}},
-        {{rate(10, 14, 4)}, {{12, 10.5}, {20, 17}}, {{10.5, 12}, {17, 20}}},
-        {{cut(5, 8)}, {{6, 5}, {8, 5}, {9, 6}}, {{5, 8}, {4.999, 4.999}}},
-        // Trimmed head and tail, as the plan makes them.
-        {{cut(0, 2), cut(8, 10)}, {{0, 0}, {1, 0}, {2, 0}, {9.5, 6}, {10, 6}}, {{0, 2}, {5.5, 7.5}, {6, 10}}},
-        {{rate(0, 4, 2), rate(6, 10, 8)}, {{0, 0}, {4, 2}, {10, 4.5}}, {{0, 0}, {4.25, 8}, {4.5, 10}}},
-        // A cut handing straight over to a rate step: the cut's instant is the rate step's start.
-        {{cut(5, 8), rate(8, 12, 4)}, {{12, 6}}, {{5, 8}, {5.5, 10}, {6, 12}, {7, 13}}},
-    };
-    for (std::size_t i = 0; i < cases.size(); ++i) {
-        SCOPED_TRACE("case " + std::to_string(i));
-        TimeRemap remap(cases[i].steps);
-        for (auto [source, output] : cases[i].sourceToOutput)
-            EXPECT_DOUBLE_EQ(remap.output(source), output) << "source " << source;
-        for (auto [output, source] : cases[i].outputToSource)
-            EXPECT_DOUBLE_EQ(remap.input(output), source) << "output " << output;
-    }
-}
-
+// Cuts collapse to one output instant, which maps back to the cut's end; rate steps play
+// faster; the two directions agree everywhere else.
 TEST(TimeRemap, ManyStepsMapBothWaysConsistently)
 {
     std::mt19937 random(20240611);
@@ -69,7 +45,7 @@ TEST(TimeRemap, ManyStepsMapBothWaysConsistently)
     std::bernoulli_distribution isCut(0.4), touching(0.2);
     for (int round = 0; round < 20; ++round) {
         std::vector<Step> steps;
-        double at = gap(random);
+        double at = round % 4 == 0 ? 0.0 : gap(random); // some start with the recording
         for (int i = 0; i < 60; ++i) {
             double end = at + length(random);
             steps.push_back(isCut(random) ? cut(at, end) : rate(at, end, speed(random)));
@@ -110,6 +86,9 @@ TEST(TimeRemap, UnusableStepsAreLeftOutAndOverlapsClipped)
     TimeRemap remap({rate(20, 24, 4), cut(nan, 3), rate(1, 2, 0), rate(2, 3, -2), rate(3, 4, inf), cut(9, 6),
         cut(5, 8), rate(7, 10, 2), cut(6, 7)});
     EXPECT_EQ(remap.steps(), (std::vector<Step>{cut(5, 8), rate(8, 10, 2), rate(20, 24, 4)}));
+    TimeRemap none({cut(nan, 3), rate(1, 2, 0)});
+    EXPECT_TRUE(none.steps().empty());
+    EXPECT_TRUE(none.output(-3) == -3 && none.output(17.5) == 17.5 && none.input(3600) == 3600);
     EXPECT_DOUBLE_EQ(remap.output(1.5), 1.5);
     EXPECT_DOUBLE_EQ(remap.output(10), 6);
     EXPECT_TRUE(std::isnan(remap.output(nan)));
