@@ -273,9 +273,11 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     fs::path folder = dir / "C.edits.json";
     fs::create_directory(folder);
     writeText(folder / "inside", "kept");
-    LogCapture log;
-    EXPECT_FALSE(EditPlan::decode(folder));
-    EXPECT_EQ(noticeLines(log), std::vector<std::string>{"Plim: " + unreadableSentence("C.edits.json", "Is a directory.")});
+    {
+        LogCapture log;
+        EXPECT_FALSE(EditPlan::decode(folder));
+        EXPECT_EQ(noticeLines(log), std::vector<std::string>{"Plim: " + unreadableSentence("C.edits.json", "Is a directory.")});
+    }
     EXPECT_EQ(readText(folder / "inside"), "kept");
 
     if (geteuid() == 0)
