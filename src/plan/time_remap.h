@@ -29,7 +29,8 @@ public:
     // instant at which the cut sits.
     double output(double source) const;
     // Output seconds -> source seconds. The output instant of a cut maps to the cut's end,
-    // never into the cut.
+    // except where a sped-up stretch runs straight into the cut: its last instant maps to
+    // its own end, which is where the cut starts.
     double input(double output) const;
     // Length of the finished video for a recording of `rawDuration` seconds.
     double outputDuration(double rawDuration) const { return output(rawDuration); }
