@@ -1,17 +1,16 @@
 #pragma once
 // Mouse-button presses anywhere on the display, delivered to installed handlers. The X11
-// backend listens to XInput 2 raw button events; the scripted one (click_source_scripted.cpp)
+// backend listens to XInput 2 raw button events; the scripted one
 // delivers what a test presses.
 //
 // Handlers run on the source's own event thread (the scripted source: the thread that
 // calls press). A handler must return quickly and must not call install or remove.
 
 #include "base/error.h"
+#include "capture/scripted_delivery.h"
 
 #include <cstdint>
 #include <functional>
-#include <map>
-#include <mutex>
 
 namespace plim {
 
@@ -41,21 +40,18 @@ public:
 // Delivers presses synchronously on the caller's thread. Thread-safe.
 class ScriptedClickSource final : public ClickSource {
 public:
-    Result<Token> install(Handler handler) override;
-    void remove(Token token) override;
+    Result<Token> install(Handler handler) override { return m_events.install(std::move(handler)); }
+    void remove(Token token) override { m_events.remove(token); }
 
     // Delivers one press to every installed handler.
-    void press(const Press& press);
+    void press(const Press& press) { m_events.deliver(press); }
     // Makes the next installs fail, as a source without permission would.
-    void setRefusing(bool refusing);
-    int installedCount() const;
+    void setRefusing(bool refusing) { m_events.setRefusing(refusing); }
+    int installedCount() const { return m_events.installedCount(); }
 
 private:
-    mutable std::mutex m_mutex;    // guards the fields below
-    std::recursive_mutex m_delivery; // held while a handler runs, so remove waits for it
-    std::map<Token, Handler> m_handlers;
-    Token m_next = 1;
-    bool m_refusing = false;
+    ScriptedDelivery<Press> m_events{"Plim cannot watch the mouse buttons, so clicks are not recorded. "
+                                     "Nothing was lost. Allow Plim to read input, then record again."};
 };
 
 } // namespace plim

@@ -1,18 +1,17 @@
 #pragma once
 // Key presses anywhere in the session, as a platform-neutral event: the key's X keysym
 // (an xkb_keysym_t value) and the modifiers held. The X11 backend translates XInput 2 raw
-// key events through xkbcommon; the scripted one (key_source_scripted.cpp) delivers what
+// key events through xkbcommon; the scripted one delivers what
 // a test presses.
 //
 // Modifier names follow the captions they make: control is Control (⌃), option is Alt
 // (⌥), shift is Shift (⇧), command is Super (⌘).
 
 #include "base/error.h"
+#include "capture/scripted_delivery.h"
 
 #include <cstdint>
 #include <functional>
-#include <map>
-#include <mutex>
 
 namespace plim {
 
@@ -52,19 +51,16 @@ public:
 // Delivers presses synchronously on the caller's thread. Thread-safe.
 class ScriptedKeySource final : public KeySource {
 public:
-    Result<Token> install(Handler handler) override;
-    void remove(Token token) override;
+    Result<Token> install(Handler handler) override { return m_events.install(std::move(handler)); }
+    void remove(Token token) override { m_events.remove(token); }
 
-    void press(const KeyPress& press);
-    void setRefusing(bool refusing);
-    int installedCount() const;
+    void press(const KeyPress& press) { m_events.deliver(press); }
+    void setRefusing(bool refusing) { m_events.setRefusing(refusing); }
+    int installedCount() const { return m_events.installedCount(); }
 
 private:
-    mutable std::mutex m_mutex;
-    std::recursive_mutex m_delivery;
-    std::map<Token, Handler> m_handlers;
-    Token m_next = 1;
-    bool m_refusing = false;
+    ScriptedDelivery<KeyPress> m_events{"Plim cannot watch the keyboard, so keycaps are not recorded. "
+                                        "Nothing was lost. Allow Plim to read input, then record again."};
 };
 
 } // namespace plim

@@ -47,7 +47,7 @@ struct PlimEdits {
     std::vector<std::string> aimedZooms;    // ids of zoom blocks aimed by hand
     // Top-level keys this version does not know, written back unchanged.
     Json unknownKeys = Json::object();
-    // The stage specification of an older B.stage.json beside the movie, as raw JSON for
+    // The stage look of an older B.stage.json beside the movie, as raw JSON for
     // the stage to decode; it applies while the plim has no look. Never written here.
     std::optional<Json> plim3Stage;
 

@@ -1,7 +1,7 @@
 #pragma once
 // Where the screen card sits on the output canvas and how a zoom magnifies it. Pure
 // arithmetic on doubles in canvas pixels (origin bottom-left, y upward); lengths named
-// "PX" in the spec of a look are pixels of a 1280-wide canvas, scaled by width / 1280.
+// "PX" settings of a look are pixels of a 1280-wide canvas, scaled by width / 1280.
 
 #include "plan/zoom_state.h"
 #include "stage/device_frame.h"
