@@ -373,18 +373,25 @@ void PlimDocument::moveZoom(std::string_view id, double toStart, const std::func
     });
 }
 
-void PlimDocument::setZoomSpan(std::string_view id, double start, double end)
+template<typename Item>
+void PlimDocument::setItemSpan(std::vector<Item> EditPlan::*list, std::string_view id, double start, double end,
+    double minimum)
 {
     if (!finite(start) || !finite(end))
         return;
     change([&](PlimEdits& e) {
-        ZoomBlock* block = findByID(e.plan.zooms, id);
-        if (!block)
+        Item* item = findByID(e.plan.*list, id);
+        if (!item)
             return;
-        auto [lo, hi] = clampedSpan(start, end, m_duration, minimumSpan);
-        block->start = lo;
-        block->end = hi;
+        auto [lo, hi] = clampedSpan(start, end, m_duration, minimum);
+        item->start = lo;
+        item->end = hi;
     });
+}
+
+void PlimDocument::setZoomSpan(std::string_view id, double start, double end)
+{
+    setItemSpan(&EditPlan::zooms, id, start, end, minimumSpan);
 }
 
 void PlimDocument::aimZoom(std::string_view id, double x, double y)
@@ -518,16 +525,7 @@ void PlimDocument::resizeBlur(std::string_view id, double w, double h)
 
 void PlimDocument::setBlurSpan(std::string_view id, double start, double end)
 {
-    if (!finite(start) || !finite(end))
-        return;
-    change([&](PlimEdits& e) {
-        MaskRegion* mask = findByID(e.plan.masks, id);
-        if (!mask)
-            return;
-        auto [lo, hi] = clampedSpan(start, end, m_duration, minimumBlurSpan);
-        mask->start = lo;
-        mask->end = hi;
-    });
+    setItemSpan(&EditPlan::masks, id, start, end, minimumBlurSpan);
 }
 
 void PlimDocument::removeBlur(std::string_view id)

@@ -153,6 +153,9 @@ private:
     bool change(const std::function<void(PlimEdits&)>& operation);
     void notify();
     void stepHistory(std::deque<PlimEdits>& from, std::deque<PlimEdits>& to);
+    // Sets the span of the item with that id, clamped to the recording and at least `minimum` long.
+    template<typename Item>
+    void setItemSpan(std::vector<Item> EditPlan::*list, std::string_view id, double start, double end, double minimum);
     // The clips to edit: the stored ones, or the kept stretches turned into clips.
     std::vector<PlimClip> clipsFor(const PlimEdits& edits) const;
     static void storeClips(PlimEdits& edits, std::vector<PlimClip> clips);
