@@ -40,24 +40,35 @@ Result<std::filesystem::path> writeDemoPlim(const std::filesystem::path& folder)
             + "). Nothing was written; choose a folder you can write to.");
     auto movie = folder / "Demo.mov";
 
-    // Two minutes on a 1920x1080 display: a slow start, work in two places, a long idle
-    // stretch, typing, and a tail with nothing happening.
+    // Two minutes on a 1920x1080 display: a slow start, clicks in three places, a long
+    // idle stretch, typing, and a tail with nothing happening. Before each click the
+    // pointer travels to its target for 0.7 s.
     const double duration = 120;
-    std::vector<Leg> legs = {
-        {6, 8, 960, 540, 300, 200},    {8, 14, 300, 200, 340, 230},   {14, 16, 340, 230, 1500, 800},
-        {16, 24, 1500, 800, 1560, 830}, {58, 60, 1560, 830, 900, 600}, {60, 75, 900, 600, 930, 620},
-        {75, 78, 930, 620, 1200, 300}, {78, 96, 1200, 300, 1240, 320},
+    struct Click {
+        double t, x, y;
     };
+    const std::vector<Click> clicks = {
+        {9.0, 310, 205}, {10.5, 335, 228}, {12.0, 318, 240}, {13.2, 342, 212},
+        {17.0, 1510, 805}, {18.4, 1548, 822}, {20.0, 1525, 840}, {21.5, 1560, 812}, {23.0, 1538, 830},
+        {79.0, 1205, 298}, {80.5, 1228, 318}, {82.0, 1212, 330},
+    };
+    std::vector<Leg> legs;
+    double x = 960, y = 540;
+    for (auto& click : clicks) {
+        legs.push_back({click.t - 0.8, click.t - 0.1, x, y, click.x, click.y});
+        x = click.x;
+        y = click.y;
+    }
+    legs.push_back({60, 61, x, y, 900, 600});
+
     CursorTrack track;
     track.displayWidth = 1920;
     track.displayHeight = 1080;
     track.scale = 2;
     for (int i = 0; i <= static_cast<int>(duration * 60); ++i)
         track.samples.push_back(sampleAt(legs, i / 60.0));
-    for (double t : {9.0, 10.5, 12.0, 13.2, 17.0, 18.4, 20.0, 21.5, 23.0, 79.0, 80.5, 82.0, 90.0, 91.0}) {
-        auto s = sampleAt(legs, t);
-        track.clicks.push_back(ClickEvent{static_cast<int64_t>(t * 1000), s.x + 0.5, s.y - 0.5});
-    }
+    for (auto& click : clicks)
+        track.clicks.push_back(ClickEvent{static_cast<int64_t>(click.t * 1000), click.x, click.y});
     track.marks.push_back(Mark{60000});
 
     KeystrokeTrack keys;
