@@ -118,6 +118,7 @@ TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
     EXPECT_EQ(proposed.status, 0) << proposed.err;
     EXPECT_NE(proposed.out.find("automatic edit: "), std::string::npos) << proposed.out;
     EXPECT_NE(proposed.out.find("trim: "), std::string::npos) << proposed.out;
+    EXPECT_NE(proposed.out.find("3 zooms where you clicked"), std::string::npos) << proposed.out;
     EXPECT_FALSE(fs::exists(dir / "demo" / "Demo.edits.json"));
 
     // An edits file that cannot be read is never replaced, even when asked to write.
