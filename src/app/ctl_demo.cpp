@@ -8,18 +8,23 @@ namespace plim {
 
 int runDemoCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 {
-    if (wantsHelp(args)) {
+    auto options = parseCtlOptions(args, {}, {}, "demo");
+    if (!options) {
+        err << options.error().sentence << "\n";
+        return 1;
+    }
+    if (options->help) {
         out << "usage: plimctl demo <folder>\n\n"
                "Writes a made-up plim's side files (Demo.cursor.json, Demo.keys.json) into the folder,\n"
                "for trying the plan and render commands without recording. Prints the movie path\n"
                "they belong to.\n";
         return 0;
     }
-    if (args.size() != 1 || args[0].starts_with("--")) {
+    if (options->positional.size() != 1) {
         err << "plimctl demo: name one folder to write the demo plim into, for example plimctl demo demo.\n";
         return 1;
     }
-    auto movie = writeDemoPlim(args[0]);
+    auto movie = writeDemoPlim(options->positional.front());
     if (!movie) {
         err << "plimctl demo: " << movie.error().sentence << "\n";
         return 1;

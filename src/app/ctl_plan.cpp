@@ -19,40 +19,32 @@ static const char* planUsage =
 
 int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 {
-    if (wantsHelp(args)) {
+    auto options = parseCtlOptions(args, {"--duration"}, {"--auto", "--write", "--json"}, "plan");
+    if (!options) {
+        err << options.error().sentence << "\n";
+        return 1;
+    }
+    if (options->help) {
         out << planUsage;
         return 0;
     }
-    std::optional<std::string> movie;
-    std::optional<double> duration;
-    bool json = false, automatic = false, write = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        if (args[i] == "--json") {
-            json = true;
-        } else if (args[i] == "--auto") {
-            automatic = true;
-        } else if (args[i] == "--write") {
-            write = true;
-        } else if (args[i] == "--duration" && i + 1 < args.size()) {
-            char* end = nullptr;
-            double value = std::strtod(args[++i].c_str(), &end);
-            if (!end || *end || !std::isfinite(value) || value < 0) {
-                err << "plimctl plan: \"" << args[i] << "\" is not a length in seconds. Give --duration a number such as 62.5.\n";
-                return 1;
-            }
-            duration = value;
-        } else if (!args[i].starts_with("--") && !movie) {
-            movie = args[i];
-        } else {
-            err << "plimctl plan: \"" << args[i] << "\" is not an option of this command. Run plimctl plan --help.\n";
-            return 1;
-        }
-    }
-    if (!movie) {
-        err << "plimctl plan: name the plim's movie, for example plimctl plan ~/Videos/Plim/B.mov.\n";
+    if (options->positional.size() != 1) {
+        err << "plimctl plan: name one plim's movie, for example plimctl plan ~/Videos/Plim/B.mov.\n";
         return 1;
     }
-    auto report = gatherPlan(*movie, duration);
+    std::string movie = options->positional.front();
+    std::optional<double> duration;
+    if (auto text = options->last("--duration")) {
+        char* end = nullptr;
+        double value = std::strtod(text->c_str(), &end);
+        if (text->empty() || *end || !std::isfinite(value) || value < 0) {
+            err << "plimctl plan: \"" << *text << "\" is not a length in seconds. Give --duration a number such as 62.5.\n";
+            return 1;
+        }
+        duration = value;
+    }
+    const bool json = options->has("--json"), automatic = options->has("--auto"), write = options->has("--write");
+    auto report = gatherPlan(movie, duration);
     if (!report) {
         err << "plimctl plan: " << report.error().sentence << "\n";
         return 1;

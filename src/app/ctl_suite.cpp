@@ -1,4 +1,5 @@
 #include "app/ctl_suite.h"
+#include "app/plimctl.h"
 
 #include "suite/beacon.h"
 #include "suite/graph_reader.h"
@@ -25,63 +26,6 @@
 namespace plim {
 
 namespace {
-
-// Options of one command: "--name value", "--name=value" and bare flags.
-struct ParsedArgs {
-    std::map<std::string, std::vector<std::string>> values;
-    std::set<std::string> flags;
-    std::vector<std::string> positional;
-    bool help = false;
-
-    std::optional<std::string> last(const std::string& name) const
-    {
-        auto it = values.find(name);
-        if (it == values.end() || it->second.empty())
-            return std::nullopt;
-        return it->second.back();
-    }
-};
-
-std::optional<std::string> parseArgs(const std::vector<std::string>& args, const std::set<std::string>& valueOptions,
-    const std::set<std::string>& flagOptions, const std::string& command, ParsedArgs& parsed)
-{
-    bool optionsEnded = false;
-    for (size_t i = 0; i < args.size(); ++i) {
-        const std::string& arg = args[i];
-        if (optionsEnded || !arg.starts_with("--") || arg == "--") {
-            if (arg == "--" && !optionsEnded)
-                optionsEnded = true;
-            else if (arg == "-h")
-                parsed.help = true;
-            else
-                parsed.positional.push_back(arg);
-            continue;
-        }
-        std::string name = arg;
-        std::optional<std::string> value;
-        if (size_t eq = arg.find('='); eq != std::string::npos) {
-            name = arg.substr(0, eq);
-            value = arg.substr(eq + 1);
-        }
-        if (name == "--help") {
-            parsed.help = true;
-        } else if (valueOptions.contains(name)) {
-            if (!value) {
-                if (i + 1 >= args.size())
-                    return "The option " + name + " needs a value; nothing was done. Run plimctl " + command
-                        + " --help to see the options.";
-                value = args[++i];
-            }
-            parsed.values[name].push_back(*value);
-        } else if (flagOptions.contains(name) && !value) {
-            parsed.flags.insert(name);
-        } else {
-            return "plimctl " + command + " has no option \"" + arg + "\"; nothing was done. Run plimctl " + command
-                + " --help to see the options.";
-        }
-    }
-    return std::nullopt;
-}
 
 std::optional<double> parseSeconds(const std::string& text)
 {
@@ -265,12 +209,12 @@ private:
     struct sigaction m_oldInt{}, m_oldTerm{};
 };
 
-Result<SuiteBus> connectBus(const ParsedArgs& parsed)
+Result<SuiteBus> connectBus(const CtlOptions& parsed)
 {
     return SuiteBus::connectSession(parsed.last("--bus"));
 }
 
-int postBeacon(const ParsedArgs& parsed, std::ostream& out, std::ostream& err)
+int postBeacon(const CtlOptions& parsed, std::ostream& out, std::ostream& err)
 {
     SuiteApp app = SuiteApp::plim;
     if (auto slug = parsed.last("--app")) {
@@ -310,7 +254,7 @@ int postBeacon(const ParsedArgs& parsed, std::ostream& out, std::ostream& err)
     return 0;
 }
 
-int watchBeacon(const ParsedArgs& parsed, std::ostream& out, std::ostream& err)
+int watchBeacon(const CtlOptions& parsed, std::ostream& out, std::ostream& err)
 {
     SuiteApp app = SuiteApp::plim;
     if (parsed.positional.size() > 2) {
@@ -401,12 +345,13 @@ int watchBeacon(const ParsedArgs& parsed, std::ostream& out, std::ostream& err)
 
 int runMomentsCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
-    ParsedArgs parsed;
-    if (auto problem = parseArgs(args, {"--app", "--kind", "--entity", "--entity-type", "--from", "--to", "--graph"},
-            {"--sensitive", "--all", "--json"}, "moments", parsed)) {
-        err << *problem << "\n";
+    auto options = parseCtlOptions(args, {"--app", "--kind", "--entity", "--entity-type", "--from", "--to", "--graph"},
+        {"--sensitive", "--all", "--json"}, "moments");
+    if (!options) {
+        err << options.error().sentence << "\n";
         return 1;
     }
+    const CtlOptions& parsed = *options;
     if (parsed.help) {
         out << momentsUsage;
         return 0;
@@ -418,7 +363,7 @@ int runMomentsCommand(const std::vector<std::string>& args, std::ostream& out, s
     }
 
     MomentQuery query;
-    query.includeSensitive = parsed.flags.contains("--sensitive");
+    query.includeSensitive = parsed.has("--sensitive");
     if (auto apps = parsed.values.find("--app"); apps != parsed.values.end()) {
         for (const auto& slug : apps->second) {
             if (!isValidAppSlug(slug)) {
@@ -465,9 +410,9 @@ int runMomentsCommand(const std::vector<std::string>& args, std::ostream& out, s
 
     SuiteGraphReader reader(root);
     std::vector<StreamFileIssue> issues;
-    auto moments = reader.moments(query, !parsed.flags.contains("--all")).collect(&issues);
+    auto moments = reader.moments(query, !parsed.has("--all")).collect(&issues);
 
-    if (parsed.flags.contains("--json")) {
+    if (parsed.has("--json")) {
         out << "[";
         bool first = true;
         for (const auto& moment : moments) {
@@ -495,11 +440,12 @@ int runMomentsCommand(const std::vector<std::string>& args, std::ostream& out, s
 
 int runBeaconCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
-    ParsedArgs parsed;
-    if (auto problem = parseArgs(args, {"--app", "--bus", "--check-every"}, {}, "beacon", parsed)) {
-        err << *problem << "\n";
+    auto options = parseCtlOptions(args, {"--app", "--bus", "--check-every"}, {}, "beacon");
+    if (!options) {
+        err << options.error().sentence << "\n";
         return 1;
     }
+    const CtlOptions& parsed = *options;
     if (parsed.help) {
         out << beaconUsage;
         return 0;

@@ -5,9 +5,54 @@
 
 namespace plim {
 
-bool wantsHelp(const CtlArgs& args)
+std::optional<std::string> CtlOptions::last(const std::string& name) const
 {
-    return std::any_of(args.begin(), args.end(), [](const std::string& a) { return a == "--help" || a == "-h"; });
+    auto it = values.find(name);
+    if (it == values.end() || it->second.empty())
+        return std::nullopt;
+    return it->second.back();
+}
+
+Result<CtlOptions> parseCtlOptions(const CtlArgs& args, const std::set<std::string>& valueOptions,
+    const std::set<std::string>& flagOptions, const std::string& command)
+{
+    CtlOptions parsed;
+    bool optionsEnded = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (optionsEnded || !arg.starts_with("--") || arg == "--") {
+            if (arg == "--" && !optionsEnded)
+                optionsEnded = true;
+            else if (arg == "-h" && !optionsEnded)
+                parsed.help = true;
+            else
+                parsed.positional.push_back(arg);
+            continue;
+        }
+        std::string name = arg;
+        std::optional<std::string> value;
+        if (size_t eq = arg.find('='); eq != std::string::npos) {
+            name = arg.substr(0, eq);
+            value = arg.substr(eq + 1);
+        }
+        if (name == "--help") {
+            parsed.help = true;
+        } else if (valueOptions.contains(name)) {
+            if (!value) {
+                if (i + 1 >= args.size())
+                    return fail("The option " + name + " needs a value; nothing was done. Run plimctl " + command
+                        + " --help to see the options.");
+                value = args[++i];
+            }
+            parsed.values[name].push_back(*value);
+        } else if (flagOptions.contains(name) && !value) {
+            parsed.flags.insert(name);
+        } else {
+            return fail("plimctl " + command + " has no option \"" + arg + "\"; nothing was done. Run plimctl "
+                + command + " --help to see the options.");
+        }
+    }
+    return parsed;
 }
 
 static void printUsage(std::ostream& out)

@@ -3,7 +3,12 @@
 // command name), writes results to `out` and progress and failures to `err`, and returns
 // the exit status (0 or 1).
 
+#include "base/error.h"
+
 #include <iosfwd>
+#include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -23,7 +28,20 @@ const std::vector<CtlCommand>& ctlCommands();
 // Dispatches argv (program name first) to a command.
 int plimctlMain(const std::vector<std::string>& argv, std::ostream& out, std::ostream& err);
 
-// True when args ask for help ("--help" or "-h").
-bool wantsHelp(const CtlArgs& args);
+// A command's arguments: "--name value", "--name=value", bare flags, "--" ending the
+// options, and positional arguments in order.
+struct CtlOptions {
+    std::map<std::string, std::vector<std::string>> values;
+    std::set<std::string> flags;
+    std::vector<std::string> positional;
+    bool help = false;
+
+    std::optional<std::string> last(const std::string& name) const;
+    bool has(const std::string& flag) const { return flags.contains(flag); }
+};
+
+// Fails with a sentence naming the command for an unknown option or a missing value.
+Result<CtlOptions> parseCtlOptions(const CtlArgs& args, const std::set<std::string>& valueOptions,
+    const std::set<std::string>& flagOptions, const std::string& command);
 
 } // namespace plim
