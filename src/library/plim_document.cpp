@@ -373,19 +373,25 @@ void PlimDocument::moveZoom(std::string_view id, double toStart, const std::func
     });
 }
 
+template<typename Item, typename Edit>
+void PlimDocument::changePlanItem(std::vector<Item> EditPlan::*list, std::string_view id, Edit&& edit)
+{
+    change([&](PlimEdits& e) {
+        if (Item* item = findByID(e.plan.*list, id))
+            edit(*item, e);
+    });
+}
+
 template<typename Item>
 void PlimDocument::setItemSpan(std::vector<Item> EditPlan::*list, std::string_view id, double start, double end,
     double minimum)
 {
     if (!finite(start) || !finite(end))
         return;
-    change([&](PlimEdits& e) {
-        Item* item = findByID(e.plan.*list, id);
-        if (!item)
-            return;
+    changePlanItem(list, id, [&](Item& item, PlimEdits&) {
         auto [lo, hi] = clampedSpan(start, end, m_duration, minimum);
-        item->start = lo;
-        item->end = hi;
+        item.start = lo;
+        item.end = hi;
     });
 }
 
@@ -398,12 +404,9 @@ void PlimDocument::aimZoom(std::string_view id, double x, double y)
 {
     if (!finite(x) || !finite(y))
         return;
-    change([&](PlimEdits& e) {
-        ZoomBlock* block = findByID(e.plan.zooms, id);
-        if (!block)
-            return;
-        block->centerX = std::clamp(x, 0.0, 1.0);
-        block->centerY = std::clamp(y, 0.0, 1.0);
+    changePlanItem(&EditPlan::zooms, id, [&](ZoomBlock& block, PlimEdits& e) {
+        block.centerX = std::clamp(x, 0.0, 1.0);
+        block.centerY = std::clamp(y, 0.0, 1.0);
         if (std::find(e.aimedZooms.begin(), e.aimedZooms.end(), id) == e.aimedZooms.end())
             e.aimedZooms.emplace_back(id);
     });
@@ -413,9 +416,8 @@ void PlimDocument::setZoomLevel(std::string_view id, double level)
 {
     if (!finite(level))
         return;
-    change([&](PlimEdits& e) {
-        if (ZoomBlock* block = findByID(e.plan.zooms, id))
-            block->scale = std::clamp(level, minimumZoomLevel, maximumZoomLevel);
+    changePlanItem(&EditPlan::zooms, id, [&](ZoomBlock& block, PlimEdits&) {
+        block.scale = std::clamp(level, minimumZoomLevel, maximumZoomLevel);
     });
 }
 
@@ -499,13 +501,10 @@ void PlimDocument::moveBlur(std::string_view id, double x, double y)
 {
     if (!finite(x) || !finite(y))
         return;
-    change([&](PlimEdits& e) {
-        MaskRegion* mask = findByID(e.plan.masks, id);
-        if (!mask)
-            return;
-        // The centre stays inside the frame; the box may hang half out.
-        mask->x = std::clamp(x, -mask->w / 2, 1 - mask->w / 2);
-        mask->y = std::clamp(y, -mask->h / 2, 1 - mask->h / 2);
+    // The centre stays inside the frame; the box may hang half out.
+    changePlanItem(&EditPlan::masks, id, [&](MaskRegion& mask, PlimEdits&) {
+        mask.x = std::clamp(x, -mask.w / 2, 1 - mask.w / 2);
+        mask.y = std::clamp(y, -mask.h / 2, 1 - mask.h / 2);
     });
 }
 
@@ -513,13 +512,10 @@ void PlimDocument::resizeBlur(std::string_view id, double w, double h)
 {
     if (!finite(w) || !finite(h))
         return;
-    change([&](PlimEdits& e) {
-        MaskRegion* mask = findByID(e.plan.masks, id);
-        if (!mask)
-            return;
-        // Never past the right or bottom edge, never smaller than 0.02 of the frame.
-        mask->w = std::clamp(w, 0.02, std::max(1 - mask->x, 0.02));
-        mask->h = std::clamp(h, 0.02, std::max(1 - mask->y, 0.02));
+    // Never past the right or bottom edge, never smaller than 0.02 of the frame.
+    changePlanItem(&EditPlan::masks, id, [&](MaskRegion& mask, PlimEdits&) {
+        mask.w = std::clamp(w, 0.02, std::max(1 - mask.x, 0.02));
+        mask.h = std::clamp(h, 0.02, std::max(1 - mask.y, 0.02));
     });
 }
 

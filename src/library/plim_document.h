@@ -153,6 +153,10 @@ private:
     bool change(const std::function<void(PlimEdits&)>& operation);
     void notify();
     void stepHistory(std::deque<PlimEdits>& from, std::deque<PlimEdits>& to);
+    // Applies `edit(item, edits)` to the plan item with that id as one change; nothing
+    // happens when there is no such item.
+    template<typename Item, typename Edit>
+    void changePlanItem(std::vector<Item> EditPlan::*list, std::string_view id, Edit&& edit);
     // Sets the span of the item with that id, clamped to the recording and at least `minimum` long.
     template<typename Item>
     void setItemSpan(std::vector<Item> EditPlan::*list, std::string_view id, double start, double end, double minimum);
