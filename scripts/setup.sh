@@ -9,7 +9,14 @@ packages=(
   libgtest-dev libgmock-dev
   nlohmann-json3-dev
   libsdbus-c++-dev libsystemd-dev dbus-daemon dbus-bin
-  libxkbcommon-dev
+  libxkbcommon-dev libxkbcommon-x11-dev
+  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg librubberband-dev
+  libcairo2-dev libpixman-1-dev libpango1.0-dev fonts-noto-core
+  libheif-dev libgif-dev libimagequant-dev
+  libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-xfixes0-dev libxcb-xinput-dev libxcb-composite0-dev libxcb-xtest0-dev
+  libpulse-dev libv4l-dev
+  xvfb xdotool pulseaudio pulseaudio-utils espeak-ng
+  libsimdjson-dev libutf8proc-dev
 )
 
 SUDO=""

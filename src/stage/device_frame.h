@@ -2,7 +2,7 @@
 // The phone body drawn around a phone recording: screen, body, bezel, corners, outline
 // and the dark island at the top of the screen, all in canvas pixels (y upward).
 
-#include "stage/geometry_types.h"
+#include "base/geometry.h"
 #include "stage/stage_spec.h"
 
 namespace plim {

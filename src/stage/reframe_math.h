@@ -2,7 +2,7 @@
 // Layout of a vertical output: the camera bubble near the bottom and the keycaps and
 // captions stacked above it, never above the middle of the picture.
 
-#include "stage/geometry_types.h"
+#include "base/geometry.h"
 
 #include <optional>
 

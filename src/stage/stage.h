@@ -6,7 +6,7 @@
 #include "stage/cursor_smoother.h"
 #include "stage/cursor_spring.h"
 #include "stage/device_frame.h"
-#include "stage/geometry_types.h"
+#include "base/geometry.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/reframe_math.h"
 #include "stage/stage_geometry.h"

@@ -5,7 +5,7 @@
 
 #include "plan/zoom_state.h"
 #include "stage/device_frame.h"
-#include "stage/geometry_types.h"
+#include "base/geometry.h"
 #include "stage/stage_spec.h"
 
 #include <vector>

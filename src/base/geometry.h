@@ -1,5 +1,5 @@
 #pragma once
-// Plain 2-D geometry on doubles for laying out the stage. Canvas coordinates are output
+// Plain 2-D geometry on doubles, shared by every subsystem. On the stage canvas, coordinates are output
 // pixels with the origin at the bottom-left and y growing upward.
 
 #include <algorithm>
