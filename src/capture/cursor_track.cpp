@@ -377,13 +377,13 @@ std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::read(const fs::p
     const std::string name = path.filename().string();
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::absent)
+        if (bytes.error().kind == Error::Kind::missing)
             return std::unexpected(ReadError{ReadError::Kind::absent,
                 "There is no pointer track beside " + movie.filename().string() + " (" + name
                     + " is missing), so the pointer cannot be drawn. Nothing was changed. "
                       "Put the file back beside the movie, or record the plim again."});
         return std::unexpected(ReadError{ReadError::Kind::unreadable,
-            "Plim could not read " + name + " (" + bytes.error().reason
+            "Plim could not read " + name + " (" + bytes.error().sentence
                 + "). The file was left as it is and nothing in it was lost. "
                   "Check that you may read the file, then try again."});
     }

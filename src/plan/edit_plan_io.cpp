@@ -339,8 +339,8 @@ std::optional<EditPlan> EditPlan::decode(const fs::path& path)
     std::string source = path.filename().string();
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::unreadable)
-            PlanNoticeBatch::add(plan_notices::unreadable(source, bytes.error().reason));
+        if (bytes.error().kind == Error::Kind::unreadable)
+            PlanNoticeBatch::add(plan_notices::unreadable(source, bytes.error().sentence));
         return std::nullopt;
     }
     if (trimmed(*bytes).empty()) {

@@ -426,11 +426,11 @@ StageSpecFile StageSpecFile::read(const fs::path& path)
     StageSpecFile file;
     auto json = readJsonFile(path);
     if (!json) {
-        if (json.error().kind == JsonReadFailure::absent)
+        if (json.error().kind == Error::Kind::missing)
             return file;
         file.kind = Kind::unreadable;
         file.sentence = "Plim could not read the stage look " + path.filename().string() + " ("
-            + json.error().reason + "), so this plim uses the default look. The file was left as it is; "
+            + json.error().sentence + "), so this plim uses the default look. The file was left as it is; "
             + "choose a look again to replace it.";
         logLine(LogArea::main, file.sentence);
         return file;

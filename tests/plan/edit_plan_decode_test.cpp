@@ -276,7 +276,7 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     {
         LogCapture log;
         EXPECT_FALSE(EditPlan::decode(folder));
-        EXPECT_EQ(noticeLines(log), std::vector<std::string>{"Plim: " + unreadableSentence("C.edits.json", "Is a directory.")});
+        EXPECT_EQ(noticeLines(log), std::vector<std::string>{"Plim: " + unreadableSentence("C.edits.json", "it is a folder, not a file.")});
     }
     EXPECT_EQ(readText(folder / "inside"), "kept");
 
