@@ -191,6 +191,43 @@ TEST(Dates, Iso8601RoundTripAndRejects)
     EXPECT_FALSE(parseIso8601("2026-11-22T21:04:05Zjunk"));
 }
 
+TEST(Dates, Iso8601RefusesWhatNoClockHolds)
+{
+    using namespace std::chrono;
+    const std::string longFraction = "2026-11-22T21:04:05." + std::string(400, '9') + "Z";
+    struct Case {
+        std::string text;
+        std::optional<int64_t> millis; // since the epoch, when the text is an instant
+        bool systemClock;              // whether the system clock holds it
+    };
+    for (const Case& k : std::vector<Case>{
+             {"1970-01-01T00:00:01.5Z", 1500, true},
+             {"1970-01-01T00:00:00.0001z", 0, true},
+             {longFraction, 1795381445999, true},
+             {"2024-02-29T12:00:00Z", 1709208000000, true},
+             {"1970-01-01T01:00:00+01:00", 0, true},
+             {"9999-12-31T23:59:59Z", 253402300799000, false},
+             {"0000-01-01T00:00:00Z", -62167219200000, false},
+             {"1600-01-01T00:00:00Z", -11676096000000, false},
+             {"2016-12-31T23:59:60Z", std::nullopt, false},
+             {"2023-02-29T12:00:00Z", std::nullopt, false},
+             {"0000-01-01T00:00:00+00:01", std::nullopt, false},
+             {"9999-12-31T23:59:59-00:01", std::nullopt, false},
+             {"2026-11-22T21:04:05+24:00", std::nullopt, false},
+             {"2026-11-22T21:04:05.Z", std::nullopt, false},
+             {"+12026-11-22T21:04:05Z", std::nullopt, false},
+             {"", std::nullopt, false},
+         }) {
+        auto millis = parseIso8601Millis(k.text);
+        EXPECT_EQ(millis.transform([](auto t) { return t.time_since_epoch().count(); }), k.millis) << k.text.substr(0, 40);
+        auto system = parseIso8601(k.text);
+        EXPECT_EQ(system.has_value(), k.systemClock) << k.text.substr(0, 40);
+        if (system && millis) {
+            EXPECT_EQ(duration_cast<milliseconds>(system->time_since_epoch()).count(), *k.millis);
+        }
+    }
+}
+
 TEST(Dates, UuidsAreWellFormedAndDistinct)
 {
     std::string a = makeUuid(), b = makeUuid();
