@@ -1,6 +1,6 @@
 #include "app/plan_report.h"
 
-#include "plan/time_remap.h"
+#include "plan/plan.h"
 
 #include <cstdio>
 #include <ostream>

@@ -1,8 +1,7 @@
 #include "plan/auto_edit.h"
 
 #include "base/dates.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,6 +1,6 @@
 #include "stage/cursor_smoother.h"
 
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <cmath>

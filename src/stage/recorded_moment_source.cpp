@@ -1,6 +1,6 @@
 #include "stage/recorded_moment_source.h"
 
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <cmath>

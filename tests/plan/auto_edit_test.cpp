@@ -2,8 +2,7 @@
 #include "plan/time_remap.h"
 
 #include "base/dates.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "capture/capture.h"
 
 #include <gtest/gtest.h>
 

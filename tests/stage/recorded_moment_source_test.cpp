@@ -1,4 +1,4 @@
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 #include "stage/recorded_moment_source.h"
 
 #include <gtest/gtest.h>
