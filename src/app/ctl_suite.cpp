@@ -1,5 +1,6 @@
 #include "app/ctl_suite.h"
 #include "app/plimctl.h"
+#include "base/text.h"
 
 #include "suite/suite.h"
 
@@ -32,18 +33,20 @@ std::optional<double> parseSeconds(const std::string& text)
     return value;
 }
 
-// Titles and details may hold line breaks or tabs; a listing keeps one moment a line.
+// Titles and details come from other applications: line breaks and tabs become spaces
+// so a listing keeps one moment a line, and any other control character (escape
+// sequences, BEL) or malformed byte is shown escaped rather than sent to the terminal.
 std::string oneLine(std::string text)
 {
     for (char& c : text)
         if (c == '\n' || c == '\r' || c == '\t')
             c = ' ';
-    return text;
+    return escapedText(text);
 }
 
 std::string describeMoment(const Moment& m)
 {
-    std::string line = formatMomentTime(m.ts) + "  " + m.app + "  " + m.kind + "  " + oneLine(m.title);
+    std::string line = formatMomentTime(m.ts) + "  " + oneLine(m.app) + "  " + oneLine(m.kind) + "  " + oneLine(m.title);
     if (m.detail && !m.detail->empty())
         line += ": " + oneLine(*m.detail);
     if (!m.entities.empty()) {
@@ -53,8 +56,8 @@ std::string describeMoment(const Moment& m)
         line += "]";
     }
     if (m.retracts)
-        line += "  (" + m.retracts->app + " at " + formatMomentTime(m.retracts->ts)
-            + (m.retracts->source ? ", " + *m.retracts->source : "") + ")";
+        line += "  (" + oneLine(m.retracts->app) + " at " + formatMomentTime(m.retracts->ts)
+            + (m.retracts->source ? ", " + oneLine(*m.retracts->source) : "") + ")";
     if (m.sensitive)
         line += "  (sensitive)";
     return line;
