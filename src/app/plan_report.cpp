@@ -37,15 +37,8 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
 
     report.keys = KeystrokeTrack::read(movie);
 
-    size_t noticesBefore = PlanNoticeBatch::recent().size();
-    PlimEdits::ReadResult read;
-    {
-        PlanNoticeBatch batch;
-        read = PlimEdits::read(movie);
-    }
-    auto recent = PlanNoticeBatch::recent();
-    if (recent.size() > noticesBefore)
-        report.notices.assign(recent.begin() + static_cast<long>(noticesBefore), recent.end());
+    PlimEdits::ReadResult read = PlimEdits::read(movie);
+    report.notices = read.notices;
     report.editsKind = read.kind;
     if (read.kind == PlimEdits::ReadResult::Kind::edits) {
         report.plan = read.edits.plan;
