@@ -99,7 +99,7 @@ int main()
     std::optional<KeystrokeTrack> keys = KeystrokeTrack::read(movie);
     if (!keys)
         return giveUp(folder, "The keystroke track could not be read back.");
-    const CursorTrack& track = *read;
+    const CursorTrack& track = read->value;
     std::printf("read tracks: %.1f ms%s\n", millisecondsSince(t0), track == built ? "" : "  [differs from what was written]");
 
     t0 = Clock::now();

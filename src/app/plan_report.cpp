@@ -33,12 +33,13 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
     auto track = CursorTrack::read(movie);
     if (!track)
         return fail(track.error().sentence);
-    report.track = std::move(*track);
+    report.track = std::move(track->value);
+    report.notices = std::move(track->notices);
 
     report.keys = KeystrokeTrack::read(movie);
 
     PlimEdits::ReadResult read = PlimEdits::read(movie);
-    report.notices = read.notices;
+    appendNotices(report.notices, read.notices);
     report.editsKind = read.kind;
     if (read.kind == PlimEdits::ReadResult::Kind::edits) {
         report.plan = read.edits.plan;

@@ -1,6 +1,6 @@
 #include "capture/cursor_track.h"
 
-#include "base/log.h"
+#include "base/json.h"
 #include "capture/cursor_track_reader.h"
 
 #include <algorithm>
@@ -53,42 +53,6 @@ CursorTrack CursorTrack::deviceTrack(double pixelWidth, double pixelHeight)
 
 fs::path CursorTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.json"); }
 
-Json CursorTrack::toJson() const
-{
-    Json json = Json::object();
-    json["displayX"] = displayX;
-    json["displayY"] = displayY;
-    json["displayWidth"] = displayWidth;
-    json["displayHeight"] = displayHeight;
-    json["scale"] = scale;
-    json["videoStartOffsetMS"] = videoStartOffsetMS;
-    if (subjectKind)
-        json["subjectKind"] = *subjectKind;
-    if (cameraOffsetMS)
-        json["cameraOffsetMS"] = *cameraOffsetMS;
-
-    Json s = Json::array();
-    for (const auto& sample : samples)
-        s.push_back({{"t", sample.t}, {"x", sample.x}, {"y", sample.y}, {"k", sample.k}});
-    json["samples"] = std::move(s);
-
-    Json c = Json::array();
-    for (const auto& click : clicks)
-        c.push_back({{"t", click.t}, {"x", click.x}, {"y", click.y}});
-    json["clicks"] = std::move(c);
-
-    Json m = Json::array();
-    for (const auto& mark : marks)
-        m.push_back({{"t", mark.t}});
-    json["marks"] = std::move(m);
-
-    Json f = Json::array();
-    for (const auto& frame : frames)
-        f.push_back({{"t", frame.t}, {"x", frame.x}, {"y", frame.y}, {"w", frame.w}, {"h", frame.h}});
-    json["frames"] = std::move(f);
-    return json;
-}
-
 namespace {
 
 template<typename T>
@@ -101,12 +65,12 @@ bool sortByTime(std::vector<T>& items)
     return true;
 }
 
-std::unexpected<CursorTrack::ReadError> corrupt(const std::string& name, std::string_view reason)
+std::unexpected<Error> corrupt(const std::string& name, std::string_view reason)
 {
-    return std::unexpected(CursorTrack::ReadError{CursorTrack::ReadError::Kind::corrupt,
-        name + " is not a pointer track Plim can read (" + std::string(reason)
+    return fail(name + " is not a pointer track Plim can read (" + std::string(reason)
             + "). The file was left as it is and nothing in it was lost. "
-              "Restore the file from a backup, or record the plim again to get a new pointer track."});
+              "Restore the file from a backup, or record the plim again to get a new pointer track.",
+        Error::Kind::unreadable);
 }
 
 // Moves one array's usable entries into the track and notes what was wrong with it.
@@ -120,10 +84,9 @@ void takeList(TrackList<T>& list, std::vector<T>& into, size_t& dropped, std::ve
     dropped = list.dropped;
 }
 
-// The lenient rules, whichever reader found the fields.
-std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields& fields, const std::string& name)
+// The lenient rules over what the reader found.
+Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::string& name)
 {
-    using ReadError = CursorTrack::ReadError;
     std::vector<std::string> missing;
     double geometry[5] = {};
     for (size_t i = 0; i < trackGeometryKeys.size(); ++i) {
@@ -133,11 +96,11 @@ std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields
             missing.emplace_back(trackGeometryKeys[i]);
     }
     if (!missing.empty())
-        return std::unexpected(ReadError{ReadError::Kind::incomplete,
-            name + " is missing " + joinedWithAnd(missing)
+        return fail(name + " is missing " + joinedWithAnd(missing)
                 + ", which Plim needs to place the pointer in the picture, so the pointer track cannot be used. "
                   "The file was left as it is and nothing in it was lost. "
-                  "Restore the file from a backup, or record the plim again to get a new pointer track."});
+                  "Restore the file from a backup, or record the plim again to get a new pointer track.",
+            Error::Kind::unreadable);
 
     CursorTrack track;
     track.displayX = geometry[0];
@@ -200,18 +163,19 @@ std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields
     if (!unsorted.empty())
         repairs.push_back("its " + joinedWithAnd(unsorted) + " put back in time order");
 
+    Decoded<CursorTrack> out{std::move(track), {}};
     if (!repairs.empty()) {
         std::string notice = name + " is not shaped the way Plim writes it: ";
         for (size_t i = 0; i < repairs.size(); ++i)
             notice += (i ? ", " : "") + repairs[i];
         notice += ". The pointer is drawn from what was left; the file itself was not changed.";
-        logLine(LogArea::main, notice);
+        out.notices.push_back(std::move(notice));
     }
-    return track;
+    return out;
 }
 
-// Builds the text encodeJson(track.toJson()) gives: keys sorted, two-space indents, numbers
-// as nlohmann prints them.
+// Builds the track's text: keys sorted, two-space indents, doubles in their shortest
+// round-trip form (with ".0" when that form looks like an integer, so they stay doubles).
 class TrackText {
 public:
     std::string out;
@@ -238,32 +202,10 @@ public:
             return;
         }
         char buffer[64];
-        char* last = tenths(value, buffer);
-        if (!last)
-            last = nlohmann::detail::to_chars(buffer, buffer + sizeof buffer, value);
-        out.append(buffer, last);
-    }
-
-    // Positions are mostly rounded to tenths. A value below 1e14 in size that is the double
-    // nearest some n/10 prints as n's digits with a point before the last: n/10 lies at most
-    // 0.4 ulp from the value (1/5 repeats with period 4 in binary), well inside the
-    // interval the shortest-digits search works in, and every other decimal with as few
-    // digits is at least 0.1 away. Returns the end of the text, or nullptr for other values.
-    static char* tenths(double value, char* buffer)
-    {
-        if (!(std::fabs(value) < 1e14) || value == 0)
-            return nullptr;
-        long long n = std::llround(value * 10);
-        if (static_cast<double>(n) / 10.0 != value)
-            return nullptr;
-        char* o = buffer;
-        if (n < 0)
-            *o++ = '-';
-        unsigned long long magnitude = n < 0 ? 0ULL - static_cast<unsigned long long>(n) : static_cast<unsigned long long>(n);
-        o = std::to_chars(o, buffer + 24, magnitude / 10).ptr;
-        *o++ = '.';
-        *o++ = static_cast<char>('0' + magnitude % 10);
-        return o;
+        auto r = std::to_chars(buffer, buffer + sizeof buffer, value);
+        out.append(buffer, r.ptr);
+        if (std::string_view(buffer, r.ptr).find_first_of(".e") == std::string_view::npos)
+            out += ".0";
     }
 
     // "key": value, at the top level.
@@ -306,21 +248,12 @@ public:
 
 } // namespace
 
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const Json& json, std::string_view fileName)
-{
-    const std::string name(fileName);
-    if (!json.is_object())
-        return corrupt(name, "it does not hold a JSON object");
-    CursorTrackFields fields = trackFieldsOf(json);
-    return finishTrack(fields, name);
-}
-
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromText(std::string_view text, std::string_view fileName)
+Result<Decoded<CursorTrack>> CursorTrack::fromText(std::string_view text, std::string_view fileName)
 {
     const std::string name(fileName);
     if (text.empty())
         return corrupt(name, "the file is empty");
-    auto fields = scanTrackText(text);
+    auto fields = readTrackFields(text);
     if (!fields)
         return corrupt(name, fields.error() == TrackTextFailure::notAnObject ? "it does not hold a JSON object"
                                                                               : "it is not valid JSON");
@@ -371,21 +304,21 @@ std::string CursorTrack::encoded() const
 
 Status CursorTrack::write(const fs::path& movie) const { return writeFileAtomic(fileBeside(movie), encoded()); }
 
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::read(const fs::path& movie)
+Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
 {
     const fs::path path = fileBeside(movie);
     const std::string name = path.filename().string();
     auto bytes = readFileBytes(path);
     if (!bytes) {
         if (bytes.error().kind == ReadFailure::absent)
-            return std::unexpected(ReadError{ReadError::Kind::absent,
-                "There is no pointer track beside " + movie.filename().string() + " (" + name
+            return fail("There is no pointer track beside " + movie.filename().string() + " (" + name
                     + " is missing), so the pointer cannot be drawn. Nothing was changed. "
-                      "Put the file back beside the movie, or record the plim again."});
-        return std::unexpected(ReadError{ReadError::Kind::unreadable,
-            "Plim could not read " + name + " (" + bytes.error().reason
+                      "Put the file back beside the movie, or record the plim again.",
+                Error::Kind::missing);
+        return fail("Plim could not read " + name + " (" + bytes.error().reason
                 + "). The file was left as it is and nothing in it was lost. "
-                  "Check that you may read the file, then try again."});
+                  "Check that you may read the file, then try again.",
+            Error::Kind::unreadable);
     }
     return fromText(*bytes, name);
 }

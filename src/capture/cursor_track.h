@@ -6,9 +6,9 @@
 // time left out). Positions are global display points, origin at the top-left corner of
 // the main display, y growing downward (so a display above the main one has negative y).
 
+#include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
-#include "base/json.h"
 
 #include <cstdint>
 #include <optional>
@@ -58,14 +58,6 @@ struct CursorTrack {
         bool operator==(const UnitPoint&) const = default;
     };
 
-    // Why a track could not be read. The file is never modified by reading.
-    struct ReadError {
-        enum class Kind { absent, unreadable, corrupt, incomplete };
-        Kind kind = Kind::corrupt;
-        std::string sentence;
-        bool operator==(const ReadError&) const = default;
-    };
-
     double displayX = 0;
     double displayY = 0;
     double displayWidth = 0;
@@ -87,29 +79,23 @@ struct CursorTrack {
     // B.mov -> B.cursor.json
     static fs::path fileBeside(const fs::path& movie);
 
-    // Sorted keys, pretty-printed; the optional keys are left out when absent and all
-    // four arrays are always present.
-    Json toJson() const;
-
     // Lenient: missing optional keys take their defaults, unusable entries are dropped
-    // and sorted into time order with a logged notice naming `fileName`. Fails with a
-    // whole sentence when a geometry key (displayX, displayY, displayWidth,
-    // displayHeight, scale) is missing or not a number.
-    static std::expected<CursorTrack, ReadError> fromJson(const Json& json, std::string_view fileName);
+    // and the rest sorted into time order, with a notice naming `fileName` for what was
+    // repaired. Fails with a whole sentence (kind unreadable) when the text is not a JSON
+    // object or a geometry key (displayX, displayY, displayWidth, displayHeight, scale) is
+    // missing or not a number.
+    static Result<Decoded<CursorTrack>> fromText(std::string_view text, std::string_view fileName);
 
-    // The track's JSON text read in one pass without building a tree: the same results,
-    // notices and sentences as parsing the text and calling fromJson.
-    static std::expected<CursorTrack, ReadError> fromText(std::string_view text, std::string_view fileName);
-
-    // The file's bytes: exactly encodeJson(toJson()), written without building the tree.
+    // The file's bytes: keys sorted, two-space indents, all four arrays always present and
+    // the optional keys left out when absent. Numbers that are not finite are null.
     std::string encoded() const;
 
     // Writes encoded() atomically to fileBeside(movie).
     Status write(const fs::path& movie) const;
 
     // Reads fileBeside(movie) through fromText; the file is left exactly as it is
-    // whatever happens.
-    static std::expected<CursorTrack, ReadError> read(const fs::path& movie);
+    // whatever happens. A missing file fails with kind `missing`.
+    static Result<Decoded<CursorTrack>> read(const fs::path& movie);
 
     // Maps a position at a track time into the unit square of the region the movie shows
     // then: the display rectangle before the first frame key, else the last frame key at
