@@ -4,8 +4,12 @@
 #include "capture/cursor_track_reader.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace plim {
 
@@ -52,6 +56,8 @@ CursorTrack CursorTrack::deviceTrack(double pixelWidth, double pixelHeight)
 }
 
 fs::path CursorTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.json"); }
+
+fs::path CursorTrack::journalBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.journal"); }
 
 namespace {
 
@@ -179,13 +185,27 @@ Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::s
 class TrackText {
 public:
     std::string out;
+    bool pretty = true; // else one line without indents
 
     void key(int indent, std::string_view name)
     {
-        out.append(static_cast<size_t>(indent), ' ');
+        if (pretty)
+            out.append(static_cast<size_t>(indent), ' ');
         out += '"';
         out += name;
-        out += "\": ";
+        out += pretty ? "\": " : "\":";
+    }
+
+    // A line break and what follows it, or nothing on one line.
+    void text(std::string_view withBreaks)
+    {
+        if (pretty) {
+            out += withBreaks;
+            return;
+        }
+        for (char c : withBreaks)
+            if (c != '\n' && c != ' ')
+                out += c;
     }
 
     void number(int64_t value)
@@ -214,7 +234,7 @@ public:
     {
         key(2, name);
         number(value);
-        out += ",\n";
+        text(",\n");
     }
 
     // "key": [ {...}, ... ], at the top level; `fields` writes one entry's members.
@@ -225,15 +245,15 @@ public:
         if (items.empty()) {
             out += "[]";
         } else {
-            out += "[\n";
+            text("[\n");
             for (size_t i = 0; i < items.size(); ++i) {
-                out += "    {\n";
+                text("    {\n");
                 fields(items[i]);
-                out += i + 1 < items.size() ? "    },\n" : "    }\n";
+                text(i + 1 < items.size() ? "    },\n" : "    }\n");
             }
-            out += "  ]";
+            text("  ]");
         }
-        out += last ? "\n" : ",\n";
+        text(last ? "\n" : ",\n");
     }
 
     // One member of an entry, followed by a comma unless it is the entry's last.
@@ -242,7 +262,7 @@ public:
     {
         key(6, name);
         number(value);
-        out += last ? "\n" : ",\n";
+        text(last ? "\n" : ",\n");
     }
 };
 
@@ -260,11 +280,16 @@ Result<Decoded<CursorTrack>> CursorTrack::fromText(std::string_view text, std::s
     return finishTrack(*fields, name);
 }
 
-std::string CursorTrack::encoded() const
+namespace {
+
+std::string encodedText(const CursorTrack& track, bool pretty)
 {
+    const auto& [displayX, displayY, displayWidth, displayHeight, scale, videoStartOffsetMS, subjectKind,
+        cameraOffsetMS, samples, clicks, marks, frames] = track;
     TrackText text;
+    text.pretty = pretty;
     text.out.reserve(96 * samples.size() + 80 * (clicks.size() + frames.size()) + 32 * marks.size() + 512);
-    text.out += "{\n";
+    text.text("{\n");
     if (cameraOffsetMS)
         text.member("cameraOffsetMS", *cameraOffsetMS);
     text.list("clicks", clicks, [&](const ClickEvent& c) {
@@ -276,7 +301,7 @@ std::string CursorTrack::encoded() const
     text.member("displayWidth", displayWidth);
     text.member("displayX", displayX);
     text.member("displayY", displayY);
-    text.list("frames", frames, [&](const FrameKey& f) {
+    text.list("frames", frames, [&](const CursorTrack::FrameKey& f) {
         text.field("h", f.h);
         text.field("t", f.t);
         text.field("w", f.w);
@@ -294,15 +319,114 @@ std::string CursorTrack::encoded() const
     if (subjectKind) {
         text.key(2, "subjectKind");
         text.out += Json(*subjectKind).dump(-1, ' ', false, Json::error_handler_t::replace);
-        text.out += ",\n";
+        text.text(",\n");
     }
     text.key(2, "videoStartOffsetMS");
     text.number(videoStartOffsetMS);
-    text.out += "\n}\n";
+    text.text("\n}");
+    text.out += '\n';
     return std::move(text.out);
 }
 
-Status CursorTrack::write(const fs::path& movie) const { return writeFileAtomic(fileBeside(movie), encoded()); }
+} // namespace
+
+std::string CursorTrack::encoded() const { return encodedText(*this, true); }
+
+std::string CursorTrack::encodedLine() const { return encodedText(*this, false); }
+
+Status CursorTrack::write(const fs::path& movie) const
+{
+    PLIM_TRY(writeFileAtomic(fileBeside(movie), encoded()));
+    std::error_code ignored; // a journal left behind is only read while the track is missing
+    fs::remove(journalBeside(movie), ignored);
+    return {};
+}
+
+Status CursorTrack::appendToJournal(const fs::path& movie) const
+{
+    const fs::path path = journalBeside(movie);
+    const std::string line = encodedLine();
+    auto failed = [&](int err) {
+        return fail("Plim could not add to " + path.filename().string() + " (" + errnoText(err)
+                + "), so the last moments of the pointer track are kept in memory only until the recording "
+                  "stops. Nothing recorded so far was lost. Free some disk space to keep the journal going.",
+            err == ENOSPC ? Error::Kind::noSpace : Error::Kind::failed);
+    };
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return failed(errno);
+    struct stat before {};
+    int err = ::fstat(fd, &before) == 0 ? 0 : errno;
+    for (size_t done = 0; err == 0 && done < line.size();) {
+        ssize_t n = ::write(fd, line.data() + done, line.size() - done);
+        if (n < 0 && errno != EINTR)
+            err = errno;
+        else if (n > 0)
+            done += static_cast<size_t>(n);
+    }
+    if (err == 0 && ::fdatasync(fd) != 0)
+        err = errno;
+    if (err != 0 && before.st_size >= 0)
+        (void)::ftruncate(fd, before.st_size); // no torn line for the next append to follow
+    ::close(fd);
+    if (err != 0)
+        return failed(err);
+    return {};
+}
+
+namespace {
+
+// The track a journal's lines make: the geometry of the last good line and every line's
+// entries in order, with a notice saying the track was rebuilt.
+Result<Decoded<CursorTrack>> foldJournal(std::string_view text, const std::string& journalName,
+    const std::string& trackName)
+{
+    std::optional<CursorTrack> folded;
+    size_t damaged = 0;
+    while (!text.empty()) {
+        size_t end = text.find('\n');
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        if (line.empty())
+            continue;
+        auto chunk = CursorTrack::fromText(line, journalName);
+        if (!chunk) {
+            ++damaged;
+            continue;
+        }
+        CursorTrack& part = chunk->value;
+        if (!folded) {
+            folded = std::move(part);
+            continue;
+        }
+        auto append = [](auto& into, auto& more) { into.insert(into.end(), more.begin(), more.end()); };
+        append(folded->samples, part.samples);
+        append(folded->clicks, part.clicks);
+        append(folded->marks, part.marks);
+        append(folded->frames, part.frames);
+        folded->displayX = part.displayX;
+        folded->displayY = part.displayY;
+        folded->displayWidth = part.displayWidth;
+        folded->displayHeight = part.displayHeight;
+        folded->scale = part.scale;
+        folded->videoStartOffsetMS = part.videoStartOffsetMS;
+        folded->subjectKind = part.subjectKind;
+        folded->cameraOffsetMS = part.cameraOffsetMS;
+    }
+    if (!folded)
+        return fail(trackName + " is missing and " + journalName
+                + " holds nothing Plim can read, so the pointer cannot be drawn. Both were left as they are. "
+                  "Record the plim again to get a new pointer track.",
+            Error::Kind::unreadable);
+    std::string notice = trackName + " was never finished (the recording stopped without closing it), so the "
+        "pointer track was rebuilt from " + journalName;
+    if (damaged)
+        notice += ", leaving out " + std::to_string(damaged) + (damaged == 1 ? " damaged line" : " damaged lines");
+    notice += ". The last moment or so of pointer movement may be missing; the files were not changed.";
+    return Decoded<CursorTrack>{std::move(*folded), {std::move(notice)}};
+}
+
+} // namespace
 
 Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
 {
@@ -310,11 +434,15 @@ Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
     const std::string name = path.filename().string();
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::absent)
+        if (bytes.error().kind == ReadFailure::absent) {
+            const fs::path journal = journalBeside(movie);
+            if (auto journalBytes = readFileBytes(journal))
+                return foldJournal(*journalBytes, journal.filename().string(), name);
             return fail("There is no pointer track beside " + movie.filename().string() + " (" + name
                     + " is missing), so the pointer cannot be drawn. Nothing was changed. "
                       "Put the file back beside the movie, or record the plim again.",
                 Error::Kind::missing);
+        }
         return fail("Plim could not read " + name + " (" + bytes.error().reason
                 + "). The file was left as it is and nothing in it was lost. "
                   "Check that you may read the file, then try again.",

@@ -79,6 +79,11 @@ struct CursorTrack {
     // B.mov -> B.cursor.json
     static fs::path fileBeside(const fs::path& movie);
 
+    // B.mov -> B.cursor.journal: what a recording in progress has kept so far, one track
+    // per line (encodedLine), each with the geometry and the entries added since the line
+    // before. The final write folds it in and removes it.
+    static fs::path journalBeside(const fs::path& movie);
+
     // Lenient: missing optional keys take their defaults, unusable entries are dropped
     // and the rest sorted into time order, with a notice naming `fileName` for what was
     // repaired. Fails with a whole sentence (kind unreadable) when the text is not a JSON
@@ -90,11 +95,21 @@ struct CursorTrack {
     // the optional keys left out when absent. Numbers that are not finite are null.
     std::string encoded() const;
 
-    // Writes encoded() atomically to fileBeside(movie).
+    // The same text on one line, without indents, ending in a line break: a journal line.
+    std::string encodedLine() const;
+
+    // Writes encoded() atomically to fileBeside(movie), then removes the journal beside
+    // the movie: this track is the whole recording, so the journal is folded in.
     Status write(const fs::path& movie) const;
 
+    // Appends encodedLine() to the journal beside the movie and waits until it is on the
+    // disk. A failed append leaves the journal as it was before.
+    Status appendToJournal(const fs::path& movie) const;
+
     // Reads fileBeside(movie) through fromText; the file is left exactly as it is
-    // whatever happens. A missing file fails with kind `missing`.
+    // whatever happens. When it is missing but a journal is there (the recording was cut
+    // off), the track is rebuilt from the journal's lines, with a notice saying so; a
+    // damaged line is skipped. Fails with kind `missing` when neither is there.
     static Result<Decoded<CursorTrack>> read(const fs::path& movie);
 
     // Maps a position at a track time into the unit square of the region the movie shows

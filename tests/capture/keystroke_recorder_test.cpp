@@ -1,5 +1,6 @@
 #include "base/clock.h"
 #include "capture/keystroke_recorder.h"
+#include "testing/scripted_sources.h"
 
 #include <gtest/gtest.h>
 #include <xkbcommon/xkbcommon-keysyms.h>
