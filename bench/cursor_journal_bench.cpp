@@ -4,7 +4,7 @@
 // it never would in real time): the poll's worst stall, against what an interim rewrite
 // of the whole track on the poll thread used to cost at the end of such an hour.
 
-#include "capture/cursor_recorder.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,11 +1,9 @@
 // Times the reframe path of a one-hour plim: writing and reading its tracks, the automatic
 // edit, smoothing the pointer, and one stage moment per output frame at 60 fps.
 
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
-#include "plan/auto_edit.h"
-#include "plan/time_remap.h"
-#include "stage/recorded_moment_source.h"
+#include "capture/capture.h"
+#include "plan/plan.h"
+#include "stage/stage.h"
 
 #include "stopwatch.h"
 

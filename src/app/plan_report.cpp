@@ -1,5 +1,6 @@
 #include "app/plan_report.h"
 
+#include "capture/capture.h"
 #include "plan/time_remap.h"
 
 #include <cstdio>
@@ -23,7 +24,7 @@ static double durationFromTrack(const CursorTrack& track)
         last = track.samples.back().t;
     if (!track.clicks.empty())
         last = std::max(last, track.clicks.back().t);
-    return std::max(0.0, static_cast<double>(last - track.videoStartOffsetMS) / 1000.0);
+    return std::max(0.0, TrackPlacement(track).movieSeconds(last));
 }
 
 Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<double> duration)
@@ -114,7 +115,8 @@ AutoEditProposal proposeAutoEdit(const PlanReport& report)
     AutoEditProposal out;
     out.proposal = AutoEdit::make(performance);
     out.plan = AutoEdit::plan(out.proposal);
-    out.summary = AutoEdit::summary(out.proposal, report.rawDuration, !out.proposal.skips.empty(), true);
+    out.summary = AutoEdit::summary(out.proposal, report.rawDuration, !out.proposal.skips.empty(),
+        AutoEdit::pointerSmoothed(performance));
     return out;
 }
 

@@ -34,13 +34,6 @@ std::string counted(size_t n, std::string_view noun)
     return out;
 }
 
-double clampUnit(double v)
-{
-    if (!(v > 0)) // also catches NaN
-        return 0;
-    return v > 1 ? 1 : v;
-}
-
 } // namespace
 
 double roundToTenth(double value) { return std::round(value * 10.0) / 10.0; }
@@ -117,7 +110,7 @@ Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::s
 
     std::vector<std::string> repairs;
     if (fields.videoStartOffsetMS.kind != TrackValue::Kind::absent) {
-        if (auto v = trackInteger(fields.videoStartOffsetMS))
+        if (auto v = trackTime(fields.videoStartOffsetMS))
             track.videoStartOffsetMS = *v;
         else
             repairs.push_back("an unusable videoStartOffsetMS read as 0");
@@ -129,7 +122,7 @@ Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::s
             repairs.push_back("an unusable subjectKind left out");
     }
     if (fields.cameraOffsetMS.kind != TrackValue::Kind::absent) {
-        if (auto v = trackInteger(fields.cameraOffsetMS))
+        if (auto v = trackTime(fields.cameraOffsetMS))
             track.cameraOffsetMS = *v;
         else
             repairs.push_back("an unusable cameraOffsetMS left out");
@@ -449,24 +442,6 @@ Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
             Error::Kind::unreadable);
     }
     return fromText(*bytes, name);
-}
-
-CursorTrack::UnitPoint CursorTrack::normalized(double x, double y, double atMS) const
-{
-    double rx = displayX, ry = displayY, rw = displayWidth, rh = displayHeight;
-    // The first key later than atMS; the one before it holds at atMS.
-    auto later = std::upper_bound(frames.begin(), frames.end(), atMS,
-        [](double at, const FrameKey& frame) { return at < static_cast<double>(frame.t); });
-    if (later != frames.begin()) {
-        const FrameKey& frame = *std::prev(later);
-        rx = frame.x;
-        ry = frame.y;
-        rw = frame.w;
-        rh = frame.h;
-    }
-    if (!(rw > 0) || !(rh > 0))
-        return UnitPoint{0.5, 0.5};
-    return UnitPoint{clampUnit((x - rx) / rw), clampUnit((y - ry) / rh)};
 }
 
 } // namespace plim

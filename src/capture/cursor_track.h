@@ -18,6 +18,12 @@
 
 namespace plim {
 
+// The longest recording Plim makes sense of. Walks over a recording's time (the automatic
+// edit's ticks, the pointer's smoothing) are bounded by it, a track's stamps further than
+// this from its start are unusable, and longer lengths are refused.
+inline constexpr double longestRecordingSeconds = 24 * 3600;
+inline constexpr int64_t longestRecordingMS = 24 * 3600 * 1000;
+
 struct CursorSample {
     int64_t t = 0;
     double x = 0; // rounded to one decimal
@@ -51,13 +57,6 @@ struct CursorTrack {
         bool operator==(const FrameKey&) const = default;
     };
 
-    // A position inside the unit square of the region the movie shows.
-    struct UnitPoint {
-        double x = 0.5;
-        double y = 0.5;
-        bool operator==(const UnitPoint&) const = default;
-    };
-
     double displayX = 0;
     double displayY = 0;
     double displayWidth = 0;
@@ -84,7 +83,8 @@ struct CursorTrack {
     // before. The final write folds it in and removes it.
     static fs::path journalBeside(const fs::path& movie);
 
-    // Lenient: missing optional keys take their defaults, unusable entries are dropped
+    // Lenient: missing optional keys take their defaults, unusable entries (a time further
+    // than longestRecordingMS from 0 is unusable too) are dropped
     // and the rest sorted into time order, with a notice naming `fileName` for what was
     // repaired. Fails with a whole sentence (kind unreadable) when the text is not a JSON
     // object or a geometry key (displayX, displayY, displayWidth, displayHeight, scale) is
@@ -111,13 +111,6 @@ struct CursorTrack {
     // off), the track is rebuilt from the journal's lines, with a notice saying so; a
     // damaged line is skipped. Fails with kind `missing` when neither is there.
     static Result<Decoded<CursorTrack>> read(const fs::path& movie);
-
-    // Maps a position at a track time into the unit square of the region the movie shows
-    // then: the display rectangle before the first frame key, else the last frame key at
-    // or before atMS (found by binary search, so `frames` must be in time order, as every
-    // reader leaves them). Degenerate rectangles give (0.5, 0.5); results are clamped to
-    // [0, 1].
-    UnitPoint normalized(double x, double y, double atMS) const;
 };
 
 // Rounds to one decimal: the value times 10 rounded half away from zero, divided by 10.

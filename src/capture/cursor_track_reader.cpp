@@ -43,6 +43,14 @@ std::optional<int64_t> trackInteger(const TrackValue& value)
     }
 }
 
+std::optional<int64_t> trackTime(const TrackValue& value)
+{
+    auto t = trackInteger(value);
+    if (!t || *t < -longestRecordingMS || *t > longestRecordingMS)
+        return std::nullopt;
+    return t;
+}
+
 int trackTypingFlag(const TrackValue& value)
 {
     if (value.kind == TrackValue::Kind::boolean)
@@ -53,7 +61,7 @@ int trackTypingFlag(const TrackValue& value)
 
 std::optional<CursorSample> TrackEntry<CursorSample>::make(const TrackValue&, const std::array<TrackValue, 4>& at)
 {
-    auto t = trackInteger(at[0]);
+    auto t = trackTime(at[0]);
     auto x = trackNumber(at[1]);
     auto y = trackNumber(at[2]);
     if (!t || !x || !y)
@@ -63,7 +71,7 @@ std::optional<CursorSample> TrackEntry<CursorSample>::make(const TrackValue&, co
 
 std::optional<ClickEvent> TrackEntry<ClickEvent>::make(const TrackValue&, const std::array<TrackValue, 3>& at)
 {
-    auto t = trackInteger(at[0]);
+    auto t = trackTime(at[0]);
     auto x = trackNumber(at[1]);
     auto y = trackNumber(at[2]);
     if (!t || !x || !y)
@@ -74,9 +82,9 @@ std::optional<ClickEvent> TrackEntry<ClickEvent>::make(const TrackValue&, const 
 std::optional<Mark> TrackEntry<Mark>::make(const TrackValue& whole, const std::array<TrackValue, 1>& at)
 {
     // A bare number is accepted as the mark's time too.
-    if (auto t = trackInteger(whole))
+    if (auto t = trackTime(whole))
         return Mark{*t};
-    if (auto t = trackInteger(at[0]))
+    if (auto t = trackTime(at[0]))
         return Mark{*t};
     return std::nullopt;
 }
@@ -84,7 +92,7 @@ std::optional<Mark> TrackEntry<Mark>::make(const TrackValue& whole, const std::a
 std::optional<CursorTrack::FrameKey> TrackEntry<CursorTrack::FrameKey>::make(
     const TrackValue&, const std::array<TrackValue, 5>& at)
 {
-    auto t = trackInteger(at[0]);
+    auto t = trackTime(at[0]);
     auto x = trackNumber(at[1]);
     auto y = trackNumber(at[2]);
     auto w = trackNumber(at[3]);

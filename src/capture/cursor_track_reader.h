@@ -31,6 +31,8 @@ struct TrackValue {
 std::optional<double> trackNumber(const TrackValue& value);
 // An integer, or a number with no fractional part that fits 64 bits.
 std::optional<int64_t> trackInteger(const TrackValue& value);
+// A whole number of milliseconds at most longestRecordingMS from 0.
+std::optional<int64_t> trackTime(const TrackValue& value);
 // 1 for true or any non-zero number, else 0.
 int trackTypingFlag(const TrackValue& value);
 

@@ -189,6 +189,8 @@ struct EditPlan {
 
     // Spans of the skips that are not kept, in stored order.
     std::vector<IdleSpan> activeSkips() const;
+    // The same skips with the rate they play at: a rate the time remap cannot play (0,
+    // negative, not finite) is left alone by it, so that stretch is reported at 1.
     std::vector<RateSegment> activeSegments() const;
     // The complement of the removed spans in [0, rawDuration], each longer than 1e-6 s.
     std::vector<Segment> segments(double rawDuration) const;

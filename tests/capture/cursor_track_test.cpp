@@ -128,7 +128,8 @@ TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
     TempDir dir;
     std::string bytes = R"({"displayX": 0, "displayY": 0, "displayWidth": 100, "displayHeight": 100, "scale": 1,
         "videoStartOffsetMS": "soon",
-        "samples": [{"t": 20, "x": 1, "y": 2, "k": 1}, {"t": 10, "x": 3, "y": 4}, {"x": 5, "y": 6}, {"t": 1.5, "x": 0, "y": 0}],
+        "samples": [{"t": 20, "x": 1, "y": 2, "k": 1}, {"t": 10, "x": 3, "y": 4}, {"x": 5, "y": 6}, {"t": 1.5, "x": 0, "y": 0},
+            {"t": 86400001, "x": 0, "y": 0}, {"t": -86400001, "x": 0, "y": 0}, {"t": 86400000, "x": 7, "y": 8}],
         "clicks": [{"t": 5, "x": 1}],
         "marks": "none",
         "frames": [{"t": 3, "x": 0, "y": 0, "w": 50, "h": 50}]})";
@@ -137,40 +138,11 @@ TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
     auto track = CursorTrack::read(dir / "B.mov");
     ASSERT_TRUE(track) << track.error().sentence;
     EXPECT_EQ(track->value, (CursorTrack{.displayWidth = 100, .displayHeight = 100,
-        .samples = {{10, 3, 4, 0}, {20, 1, 2, 1}}, .frames = {{3, 0, 0, 50, 50}}}));
+        .samples = {{10, 3, 4, 0}, {20, 1, 2, 1}, {86400000, 7, 8, 0}}, .frames = {{3, 0, 0, 50, 50}}}));
     EXPECT_TRUE(log.lines().empty()); // the caller decides whether to log or show it
     EXPECT_EQ(track->notices, std::vector<std::string>{
         "B.cursor.json is not shaped the way Plim writes it: an unusable videoStartOffsetMS read as 0, "
-        "2 unusable samples and 1 unusable click dropped, marks is not a list and was read as empty, "
+        "4 unusable samples and 1 unusable click dropped, marks is not a list and was read as empty, "
         "its samples put back in time order. The pointer is drawn from what was left; the file itself was not changed."});
     EXPECT_EQ(readText(dir / "B.cursor.json"), bytes);
-}
-
-TEST(CursorTrack, NormalizedUsesTheLastFrameKeyAtOrBeforeTheTime)
-{
-    CursorTrack track{.displayX = 100, .displayY = 50, .displayWidth = 1000, .displayHeight = 500,
-        .frames = {{1000, 200, 100, 400, 200}, {2000, 0, 0, 0, 300}, {3000, 0, 0, 300, 0}}};
-    struct Row {
-        double x, y, at;
-        CursorTrack::UnitPoint expected;
-    };
-    for (auto [x, y, at, expected] : std::vector<Row>{{600, 300, 999, {0.5, 0.5}}, {300, 150, 999, {0.2, 0.2}},
-             {300, 150, 1000, {0.25, 0.25}}, {300, 150, 1999.5, {0.25, 0.25}},
-             {100, 400, 1500, {0, 1}},       // outside the rectangle clamps to its edges
-             {300, 150, 2000, {0.5, 0.5}}, {300, 150, 3000, {0.5, 0.5}}}) // a degenerate key gives the centre
-        EXPECT_EQ(track.normalized(x, y, at), expected) << at;
-    EXPECT_EQ(CursorTrack{}.normalized(3, 4, 0), (CursorTrack::UnitPoint{0.5, 0.5}));
-
-    // Keys sharing a time, and times between, on, before and after them.
-    CursorTrack keyed{.displayWidth = 100, .displayHeight = 100};
-    for (int64_t i = 0; i < 40; ++i)
-        keyed.frames.push_back({(i / 3) * 10, static_cast<double>(i), 0, 100, 100});
-    for (double at = -5; at <= 140; at += 2.5) {
-        double expectedX = 0;
-        for (const auto& frame : keyed.frames)
-            if (static_cast<double>(frame.t) <= at)
-                expectedX = frame.x;
-        EXPECT_EQ(keyed.normalized(50, 0, at).x, (50 - expectedX) / 100) << at;
-    }
-    EXPECT_EQ(keyed.normalized(50, 0, std::nan("")).x, (50 - 39.0) / 100);
 }
