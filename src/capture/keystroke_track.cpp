@@ -163,7 +163,7 @@ Result<Decoded<KeystrokeTrack>> KeystrokeTrack::read(const fs::path& movie)
     const fs::path path = fileBeside(movie);
     const std::string name = path.filename().string();
     auto json = readJsonFile(path);
-    if (!json && json.error().kind == JsonReadFailure::absent)
+    if (!json && json.error().kind == Error::Kind::missing)
         return fail("There is no keystroke track beside " + movie.filename().string() + " (" + name
                 + " is missing), so no keycaps can be shown. Nothing was changed.",
             Error::Kind::missing);
@@ -172,7 +172,7 @@ Result<Decoded<KeystrokeTrack>> KeystrokeTrack::read(const fs::path& movie)
         decoded = fromJson(*json);
     if (!decoded)
         return fail(name + " is not a keystroke track Plim can read ("
-                + (json ? std::string("its events are not shaped as Plim writes them") : json.error().reason)
+                + (json ? std::string("its events are not shaped as Plim writes them") : json.error().sentence)
                 + "), so no keycaps are shown. The file was left as it is and nothing in it was lost.",
             Error::Kind::unreadable);
     Sanitized clean = sanitized(decoded->events);

@@ -424,10 +424,10 @@ Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
 {
     auto json = readJsonFile(path);
     if (!json) {
-        if (json.error().kind == JsonReadFailure::absent)
+        if (json.error().kind == JsonError::Kind::missing)
             return fail("There is no stage look " + path.filename().string() + ", so this plim uses the default look.",
                 Error::Kind::missing);
-        return fail("Plim could not read the stage look " + path.filename().string() + " (" + json.error().reason
+        return fail("Plim could not read the stage look " + path.filename().string() + " (" + json.error().sentence
                 + "), so this plim uses the default look. The file was left as it is; choose a look again to "
                   "replace it.",
             Error::Kind::unreadable);
