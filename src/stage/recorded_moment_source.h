@@ -57,7 +57,7 @@ public:
         ZoomCurve curve;
         CursorSmoother smoother;
         EditPlan plan;
-        KeystrokeTrack keystrokes;
+        KeystrokeTrack keystrokes; // stamps in movie milliseconds
         std::vector<CaptionCue> captions;
         std::vector<ClickBeat> clickBeats;
         double clickLife = 0.6; // seconds a click stays visible
@@ -85,7 +85,8 @@ public:
 
     // The source for a recorded plim dressed in `look`: zoom blocks in the look's zoom
     // style, the pointer smoothed over the recording, clicks from the cursor track (and, for
-    // a phone recording, the plan's taps), click life from the click style.
+    // a phone recording, the plan's taps), click life from the click style. Every track stamp
+    // (samples, clicks, keycaps) goes through TrackPlacement into movie time.
     static RecordedMomentSource forPlim(const CursorTrack& cursor, const KeystrokeTrack& keystrokes,
         const EditPlan& plan, const StageSpec& look, double rawDuration, std::vector<CaptionCue> captions = {},
         Options options = {});
