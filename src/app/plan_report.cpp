@@ -1,4 +1,5 @@
 #include "app/plan_report.h"
+#include "base/text.h"
 
 #include "capture/capture.h"
 #include "plan/plan.h"
@@ -29,6 +30,10 @@ static double durationFromTrack(const CursorTrack& track)
 
 Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<double> duration)
 {
+    if (!movie.has_filename())
+        return fail("No movie was named (the path \"" + escapedText(movie.string())
+            + "\" ends without a file name), so nothing was read or changed. Name a plim's movie, for example "
+              "~/Videos/Plim/B.mov.");
     PlanReport report;
     report.movie = movie;
     auto track = CursorTrack::read(movie);

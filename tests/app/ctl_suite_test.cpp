@@ -68,8 +68,9 @@ protected:
 TEST_F(CtlSuite, MomentsShowControlCharactersEscaped)
 {
     auto sorvel = std::move(*SuiteGraphWriter::create("sorvel"));
-    ASSERT_TRUE(sorvel->record("mark", "\x1b]0;owned\x07Title\x1b[2J", "line\nbreak \xc2\x9b" "1m",
-        {{"file", "a\x08b"}}, false, at("2026-11-14T15:00:00Z")));
+    auto recorded = sorvel->record("mark", "\x1b]0;owned\x07Title\x1b[2J", "line\nbreak \xc2\x9b" "1m",
+        {{"file", "a\x08" "b"}}, false, at("2026-11-14T15:00:00Z"));
+    ASSERT_TRUE(recorded) << recorded.error().sentence;
     auto listed = moments({"--app", "sorvel"});
     EXPECT_EQ(listed.status, 0);
     EXPECT_EQ(listed.out, "2026-11-14T15:00:00.000Z  sorvel  mark  \\x1b]0;owned\\x07Title\\x1b[2J: line break \\u009b1m"

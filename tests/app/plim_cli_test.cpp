@@ -148,6 +148,13 @@ TEST_F(CliTest, PlimctlRefusesUnknownCommandsAndBadOptionsWithASentence)
     auto badDuration = ctl({"plan", "B.mov", "--duration", "soon"});
     EXPECT_EQ(badDuration.status, 1);
     EXPECT_NE(badDuration.err.find("is not a length in seconds"), std::string::npos);
+    for (const char* unnamed : {"", "/tmp/", "folder/"}) {
+        auto none = ctl({"plan", unnamed});
+        EXPECT_EQ(none.status, 1);
+        EXPECT_EQ(none.err, "plimctl plan: No movie was named (the path \"" + std::string(unnamed)
+                + "\" ends without a file name), so nothing was read or changed. Name a plim's movie, for example "
+                  "~/Videos/Plim/B.mov.\n");
+    }
     auto help = ctl({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.out.find("plan"), std::string::npos);
