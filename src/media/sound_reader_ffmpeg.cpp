@@ -54,6 +54,7 @@ private:
 
 Status FfmpegSoundReader::open()
 {
+    quietLogs();
     std::error_code ec;
     if (!fs::exists(m_path, ec))
         return fail("there is no file at " + m_path.string(), Error::Kind::missing);
