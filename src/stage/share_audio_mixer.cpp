@@ -14,6 +14,14 @@ namespace {
 constexpr double stretchSegmentSeconds = 60;
 constexpr int64_t stretchBlock = 8192;
 
+// Rubberband's diagnostics (it reports adjusting its own hop while draining a stretch)
+// are not the user's business; they would otherwise go to standard error.
+struct QuietLogger : RubberBand::RubberBandStretcher::Logger {
+    void log(const char*) override {}
+    void log(const char*, double) override {}
+    void log(const char*, double, double) override {}
+};
+
 // Time-stretches interleaved stereo `input` to exactly `outFrames` frames, pitch kept.
 std::vector<float> timeStretch(const std::vector<float>& input, int64_t outFrames, double sampleRate)
 {
@@ -22,7 +30,8 @@ std::vector<float> timeStretch(const std::vector<float>& input, int64_t outFrame
     out.reserve(2 * static_cast<size_t>(outFrames));
     if (inFrames > 0 && outFrames > 0) {
         using RubberBand::RubberBandStretcher;
-        RubberBandStretcher stretcher(static_cast<size_t>(sampleRate), 2, RubberBandStretcher::OptionProcessOffline,
+        RubberBandStretcher stretcher(static_cast<size_t>(sampleRate), 2, std::make_shared<QuietLogger>(),
+            RubberBandStretcher::OptionProcessOffline,
             static_cast<double>(outFrames) / static_cast<double>(inFrames), 1.0);
         stretcher.setExpectedInputDuration(static_cast<size_t>(inFrames));
         stretcher.setMaxProcessSize(static_cast<size_t>(stretchBlock));
