@@ -99,16 +99,8 @@ TEST(MovieWriter, WritesTheMatrixItTags)
     for (auto [h, expectY] : std::vector<std::pair<int, int>>{{720, 63}, {240, 82}}) {
         int w = h * 4 / 3;
         fs::path path = dir / ("red" + std::to_string(h) + ".mp4");
-        MovieWriter::Settings s;
-        s.path = path;
-        s.width = w;
-        s.height = h;
-        s.frameRate = 30;
-        auto writer = MovieWriter::create(s);
-        ASSERT_TRUE(writer) << writer.error().sentence;
-        for (int n = 0; n < 3; ++n)
-            ASSERT_TRUE((*writer)->appendVideo(solid(w, h, 0, 0, 255), n / 30.0));
-        ASSERT_TRUE((*writer)->finish());
+        Image red = solid(w, h, 0, 0, 255);
+        writeSolids(path, w, h, {red, red, red});
         fs::path raw = dir / "y.raw";
         auto r = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-i", path.string(), "-frames:v", "1", "-f",
             "rawvideo", "-pix_fmt", "yuv420p", raw.string()});
