@@ -57,7 +57,7 @@ Status AssetPCMSource::reopen(int64_t at)
                 Error::Kind::unreadable);
         return fail(m_name + " could not be opened (" + e.sentence
                 + "). Share again; if it keeps happening, the file may be damaged.",
-            e.kind == Error::Kind::missing ? Error::Kind::missing : Error::Kind::unreadable);
+            e.kind);
     }
     m_reader = std::move(*reader);
     m_bufferStart = at;

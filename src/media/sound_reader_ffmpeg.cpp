@@ -64,7 +64,8 @@ Status FfmpegSoundReader::open()
     AVFormatContext* raw = nullptr;
     int rc = avformat_open_input(&raw, m_path.c_str(), nullptr, nullptr);
     if (rc < 0)
-        return fail(concat("it is not a file Plim can read: ", errorText(rc)), Error::Kind::unreadable);
+        return fail(concat("it is not a file Plim can read: ", errorText(rc)),
+            rc == AVERROR(EACCES) || rc == AVERROR(EPERM) ? Error::Kind::unreadable : Error::Kind::corrupt);
     m_format.reset(raw);
     if ((rc = avformat_find_stream_info(raw, nullptr)) < 0)
         return fail(concat("it could not be read: ", errorText(rc)), Error::Kind::unreadable);

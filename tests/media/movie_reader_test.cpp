@@ -152,8 +152,8 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     };
     for (const auto& c : std::vector<Case>{
              {*s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
-             {text, Error::Kind::unreadable, "notes.mp4 is not a movie Plim can read"},
-             {soundOnly, Error::Kind::unreadable, "sound.m4a has no picture in it."},
+             {text, Error::Kind::corrupt, "notes.mp4 is not a movie Plim can read"},
+             {soundOnly, Error::Kind::refused, "sound.m4a has no picture in it."},
              {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
          }) {
         std::string before = fs::exists(c.path) ? testkit::readText(c.path) : "";
@@ -186,6 +186,7 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     EXPECT_LT(frames, 60);
     ASSERT_TRUE(error);
     EXPECT_NE(error->sentence.find("cut.mp4 stops part way"), std::string::npos) << error->sentence;
+    EXPECT_EQ(error->kind, Error::Kind::corrupt);
     EXPECT_TRUE((*reader)->wasCutShort());
     auto probe = testkit::runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0",
         "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", cut.string()});
