@@ -1,10 +1,8 @@
 // The recording's sound through a real movie, a plan with a cut and a sped-up stretch, and
 // the mixer: tone bursts land where the edit puts them, at their own pitch.
 
-#include "media/movie_writer.h"
-#include "media/pcm_source.h"
-#include "stage/share_audio_mixer.h"
-#include "stage/share_audio_plan.h"
+#include "media/media.h"
+#include "stage/stage.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
