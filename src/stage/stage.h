@@ -1,7 +1,8 @@
 #pragma once
 // Staging: how a plim is dressed (StageSpec), where everything sits on the output canvas
 // (StageGeometry, DeviceFrameGeometry, ReframeMath) and what one output instant shows
-// (StageMoment, from RecordedMomentSource over the smoothed pointer).
+// (StageMoment, from RecordedMomentSource over the smoothed pointer); the sound of a
+// share under its edit (ShareAudioPlan, ShareAudioMixer).
 
 #include "stage/cursor_smoother.h"
 #include "stage/cursor_spring.h"
@@ -9,6 +10,8 @@
 #include "base/geometry.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/reframe_math.h"
+#include "stage/share_audio_mixer.h"
+#include "stage/share_audio_plan.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"
 #include "stage/stage_spec.h"
