@@ -419,10 +419,13 @@ private:
         if (m_options.motionSmear) {
             const Point was = pictureOf(cursor.previousX, cursor.previousY);
             const double dx = tip.x - was.x, dy = tip.y - was.y;
-            if (std::hypot(dx, dy) > style::pointerSmearMin * m_u) {
-                for (int i = style::pointerSmearCopies; i >= 1; --i) {
-                    const double f = double(i) / (style::pointerSmearCopies + 1);
-                    drawArrow(out, {tip.x - dx * f, tip.y - dy * f}, k, alpha * 0.35 * (1 - f));
+            const double travel = std::hypot(dx, dy);
+            if (travel > style::pointerSmearMin * m_u) {
+                // Copies close enough to overlap into a streak, fading toward where it was.
+                const int copies = std::clamp(static_cast<int>(travel / (0.25 * height)), 2, style::pointerSmearCopies);
+                for (int i = copies; i >= 1; --i) {
+                    const double f = double(i) / (copies + 1);
+                    drawArrow(out, {tip.x - dx * f, tip.y - dy * f}, k, alpha * 0.3 * (1 - f));
                 }
             }
         }

@@ -96,7 +96,7 @@ inline constexpr Color pointerOutline = {1, 1, 1, 1};
 inline constexpr double pointerOutlineWidth = 1.6; // in arrow units of 24
 inline constexpr Color pointerShadow = {0, 0, 0, 0.45};
 inline constexpr double pointerSmearMin = 6;       // canvas pixels per frame before the pointer streaks
-inline constexpr int pointerSmearCopies = 4;
+inline constexpr int pointerSmearCopies = 10;
 
 // Spotlight around the pointer: clear inside spotlightInner u, dimmed by spotlightDim
 // beyond spotlightOuter u, and a faint warm glow at the pointer.
