@@ -2,7 +2,7 @@
 // 1920×1080 canvas: no zoom, a static zoom, a moving zoom, and a busy frame (pointer,
 // clicks, keycaps, caption, blur box). `--png <folder>` also writes one frame of each.
 //
-//   render_bench [--frames N] [--png folder]
+//   render_bench [--frames N] [--png folder] [--only <part of a scenario name>]
 
 #include "stage/stage_renderer.h"
 
@@ -55,9 +55,11 @@ void writePng(const Image& image, const std::string& path)
 int main(int argc, char** argv)
 {
     int frames = 120;
-    std::string png;
+    std::string png, only;
     for (int i = 1; i + 1 < argc; i += 2) {
-        if (std::strcmp(argv[i], "--frames") == 0)
+        if (std::strcmp(argv[i], "--only") == 0)
+            only = argv[i + 1];
+        else if (std::strcmp(argv[i], "--frames") == 0)
             frames = std::max(1, std::atoi(argv[i + 1]));
         else if (std::strcmp(argv[i], "--png") == 0)
             png = argv[i + 1];
@@ -109,6 +111,8 @@ int main(int argc, char** argv)
     };
     std::printf("render_bench: 2560x1600 source into a 1920x1080 canvas, %d frames each\n", frames);
     for (const Scenario& s : scenarios) {
+        if (!only.empty() && std::string(s.name).find(only) == std::string::npos)
+            continue;
         renderer.render(source, s.moment(0, frames)); // warm up caches
         const auto start = std::chrono::steady_clock::now();
         for (int i = 0; i < frames; ++i) {

@@ -12,6 +12,7 @@
 #include "stage/stage_style.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 #include <numbers>
@@ -140,7 +141,7 @@ public:
     Image render(const Image& source, const StageMoment& moment, const std::optional<Affine>& stageTransform,
         const std::optional<Image>& camera) override
     {
-        Image out = uninitializedFrame(m_width, m_height);
+        Image out = nextFrame();
         Affine stage = m_geometry.zoomTransform(moment.zoom);
         if (stageTransform)
             stage = stage.then(*stageTransform);
@@ -167,6 +168,21 @@ public:
     }
 
 private:
+    // A frame to draw into: one of ours that every caller has let go of, else a new one.
+    Image nextFrame()
+    {
+        for (Image& frame : m_frames)
+            if (frame.pixels.use_count() == 1) {
+                // Whoever let go of it last finished reading before we write.
+                std::atomic_thread_fence(std::memory_order_acquire);
+                return frame;
+            }
+        Image frame = uninitializedFrame(m_width, m_height);
+        if (m_frames.size() < framePool)
+            m_frames.push_back(frame);
+        return frame;
+    }
+
     // --- Prepared once ---
 
     void prepareGround()
@@ -607,6 +623,9 @@ private:
     TextStyle m_captionStyle;
     TextLayer m_captionLayer;
     Image m_captionShadowLayer;
+    // Frames handed out and reused once released.
+    static constexpr size_t framePool = 6;
+    std::vector<Image> m_frames;
     // Per frame.
     Affine m_stagePic;
     double m_zoom = 1;
