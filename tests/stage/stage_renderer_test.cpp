@@ -665,6 +665,24 @@ TEST(StageRenderer, WallpaperFromThePlasmaConfiguration)
     EXPECT_EQ(*found, picture);
 }
 
+TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSize)
+{
+    StageRenderer::Options options;
+    options.reframe = true;
+    StageSpec spec;
+    spec.clickStyle = ClickStyle::ring;
+    auto r = renderer(spec, {160, 90}, {160, 90}, options);
+    const Image source = checker(160, 90, 5);
+    const Image frame = r->render(source, {});
+    for (auto [x, y] : {std::pair{0, 0}, {159, 89}, {80, 45}, {3, 87}})
+        EXPECT_EQ(distance(at(frame, x, y), at(source, x, y)), 0);
+    // Effects still draw on it.
+    const Image grey = solid(160, 90, {90, 90, 90, 255});
+    StageMoment m;
+    m.clicks = {{0.5, 0.5, 0.1}};
+    EXPECT_GT(changed(r->render(grey, m), r->render(grey, {}), 0, 0, 160, 90), 10);
+}
+
 TEST(StageRenderer, UnusableCanvasIsRefusedWithASentence)
 {
     for (Size canvas : {Size{0, 100}, Size{100, -1}, Size{NAN, 100}, Size{100000, 100}}) {
