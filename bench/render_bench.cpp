@@ -70,15 +70,21 @@ int main(int argc, char** argv)
     StageRenderer::Options options;
     options.content = {2560, 1600};
     auto made = StageRenderer::create(spec, {1920, 1080}, options);
-    if (!made) {
-        std::fprintf(stderr, "%s\n", made.error().sentence.c_str());
+    // The optional effects: spotlight and zoom blur.
+    StageSpec effectsSpec = spec;
+    effectsSpec.cursorSpotlight = true;
+    StageRenderer::Options effectsOptions = options;
+    effectsOptions.zoomBlur = true;
+    auto effects = StageRenderer::create(effectsSpec, {1920, 1080}, effectsOptions);
+    if (!made || !effects) {
+        std::fprintf(stderr, "%s\n", (made ? effects : made).error().sentence.c_str());
         return 1;
     }
-    StageRenderer& renderer = **made;
 
     struct Scenario {
         const char* name;
         StageMoment (*moment)(int frame, int frames);
+        bool effects = false;
     };
     const Scenario scenarios[] = {
         {"no zoom", [](int, int) { return StageMoment{}; }},
@@ -108,11 +114,20 @@ int main(int argc, char** argv)
              m.masks = {mask};
              return m;
          }},
+        {"spotlight + zoom blur", [](int i, int n) {
+             StageMoment m;
+             const double t = double(i) / n;
+             m.zoom = {1.2 + 0.5 * t, 0.4, 0.4};
+             m.zoomVelocity = 1.5;
+             m.cursor = StageMoment::Cursor{0.4, 0.4, 0.4, 0.4, 1, 0};
+             return m;
+         }, true},
     };
     std::printf("render_bench: 2560x1600 source into a 1920x1080 canvas, %d frames each\n", frames);
     for (const Scenario& s : scenarios) {
         if (!only.empty() && std::string(s.name).find(only) == std::string::npos)
             continue;
+        StageRenderer& renderer = s.effects ? **effects : **made;
         renderer.render(source, s.moment(0, frames)); // warm up caches
         const auto start = std::chrono::steady_clock::now();
         for (int i = 0; i < frames; ++i) {

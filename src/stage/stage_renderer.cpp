@@ -130,6 +130,7 @@ public:
             m_radius = m_device->screenCorner;
         }
         prepareGround();
+        prepareSpotlight();
         preparePointer();
         prepareBubble();
     }
@@ -214,6 +215,20 @@ private:
                     shape.radius - m_device->stroke / 2}),
                 style::deviceStroke, m_device->stroke);
         }
+    }
+
+    void prepareSpotlight()
+    {
+        if (!m_spec.cursorSpotlight)
+            return;
+        const double inner = style::spotlightInner * m_u, outer = style::spotlightOuter * m_u;
+        const int side = std::max(2, static_cast<int>(std::ceil(2 * outer)));
+        const double r = side / 2.0;
+        m_spotlight = Image::allocate(side, side);
+        m_c->fillGradient(m_spotlight,
+            Gradient::radial({r, r}, inner * r / outer, r, {{0, {0, 0, 0, 0}}, {1, {0, 0, 0, style::spotlightDim}}}));
+        m_c->fillGradient(m_spotlight,
+            Gradient::radial({r, r}, 0, inner * r / outer, {{0, style::spotlightGlow}, {1, style::spotlightGlow.withAlpha(0)}}));
     }
 
     void preparePointer()
@@ -331,12 +346,21 @@ private:
 
     void drawSpotlight(Image& out, Point at)
     {
-        const double inner = style::spotlightInner * m_u * std::sqrt(m_zoom);
-        const double outer = style::spotlightOuter * m_u * std::sqrt(m_zoom);
-        m_c->fillGradient(out,
-            Gradient::radial(at, inner, outer, {{0, {0, 0, 0, 0}}, {1, {0, 0, 0, style::spotlightDim}}}));
-        m_c->fillGradient(out, Gradient::radial(at, 0, inner, {{0, style::spotlightGlow}, {1, style::spotlightGlow.withAlpha(0)}}),
-            RoundedRect{{at.x - inner, at.y - inner, 2 * inner, 2 * inner}, inner});
+        // Uniform dimming outside a square around the pointer; inside it the prepared
+        // radial falloff, scaled with the zoom.
+        const double k = std::sqrt(m_zoom);
+        const double outer = style::spotlightOuter * m_u * k;
+        const Rect square{at.x - outer, at.y - outer, 2 * outer, 2 * outer};
+        const Color dim{0, 0, 0, style::spotlightDim};
+        const double w = m_canvas.width, h = m_canvas.height;
+        for (const Rect& band : {Rect{0, 0, w, std::max(0.0, square.minY())},
+                 Rect{0, square.maxY(), w, std::max(0.0, h - square.maxY())},
+                 Rect{0, square.minY(), std::max(0.0, square.minX()), square.height},
+                 Rect{square.maxX(), square.minY(), std::max(0.0, w - square.maxX()), square.height}})
+            if (band.width > 0 && band.height > 0)
+                m_c->fill(out, dim, RoundedRect{band, 0});
+        const double scale = square.width / m_spotlight.width;
+        m_c->draw(out, m_spotlight, Affine::scale(scale, scale).then(Affine::translation(square.x, square.y)));
     }
 
     void drawZoomBlur(Image& out, const StageMoment& moment)
@@ -611,6 +635,7 @@ private:
     double m_radius = 0;
     Image m_backdrop;
     Image m_ground;
+    Image m_spotlight; // the falloff around the pointer at zoom 1
     Image m_pointerShadow;
     double m_pointerShadowScale = 1;
     int m_pointerShadowMargin = 0;
