@@ -208,7 +208,7 @@ public:
         if (filter == Filter::smooth) {
             double scale = std::sqrt(std::abs(t.a * t.d - t.b * t.c));
             while (scale < 0.5 && src.width >= 2 && src.height >= 2) {
-                src = halved(src);
+                src = halvedBox(src, {0, 0, src.width, src.height});
                 t = Affine::scale(2, 2).then(t);
                 scale *= 2;
             }
@@ -519,58 +519,40 @@ private:
         return image;
     }
 
-    // The pixels of `box` averaged over f × f cells into a sw × sh picture (cells past the
-    // picture's edge average what they hold).
+    // The pixels of `box` averaged over f × f cells (f = 1, 2 or 4) into a sw × sh picture;
+    // cells past the box's edge repeat its last row and column.
     Image reduced(const Image& src, const PixelBox& box, int f, int sw, int sh) const
     {
-        Image out = Image::allocate(sw, sh);
         if (f == 1) {
+            Image out = Image::allocate(sw, sh);
             for (int y = 0; y < sh; ++y)
                 std::memcpy(out.row(y), src.row(box.y0 + y) + box.x0 * 4, size_t(sw) * 4);
             return out;
         }
-        parallelRows(sh, [&](int y0, int y1) {
-            std::vector<uint32_t> sum(size_t(sw) * 4);
-            std::vector<uint32_t> count(static_cast<size_t>(sw));
-            for (int y = y0; y < y1; ++y) {
-                std::fill(sum.begin(), sum.end(), 0);
-                std::fill(count.begin(), count.end(), 0);
-                for (int r = 0; r < f; ++r) {
-                    const int sy = box.y0 + y * f + r;
-                    if (sy >= box.y1)
-                        break;
-                    const uint8_t* p = src.row(sy);
-                    for (int x = box.x0; x < box.x1; ++x) {
-                        const int cx = (x - box.x0) / f;
-                        for (int c = 0; c < 4; ++c)
-                            sum[size_t(cx) * 4 + c] += p[x * 4 + c];
-                        ++count[size_t(cx)];
-                    }
-                }
-                uint8_t* d = out.row(y);
-                for (int x = 0; x < sw; ++x) {
-                    const uint32_t n = std::max<uint32_t>(count[size_t(x)], 1);
-                    for (int c = 0; c < 4; ++c)
-                        d[x * 4 + c] = static_cast<uint8_t>((sum[size_t(x) * 4 + c] + n / 2) / n);
-                }
-            }
-        });
-        return out;
+        Image half = halvedBox(src, box);
+        if (f == 2)
+            return half;
+        return halvedBox(half, {0, 0, half.width, half.height});
     }
 
-    // Box reduction by two in each direction (odd last row/column dropped).
-    Image halved(const Image& src) const
+    // The pixels of `box` averaged over 2 × 2 cells; an odd last row or column pairs with itself.
+    Image halvedBox(const Image& src, const PixelBox& box) const
     {
-        Image out = Image::allocate(src.width / 2, src.height / 2);
-        parallelRows(out.height, [&](int y0, int y1) {
+        const int w = (box.width() + 1) / 2, h = (box.height() + 1) / 2;
+        Image out = Image::allocate(w, h);
+        parallelRows(h, [&](int y0, int y1) {
             for (int y = y0; y < y1; ++y) {
-                const uint8_t* a = src.row(2 * y);
-                const uint8_t* b = src.row(2 * y + 1);
+                const uint8_t* a = src.row(box.y0 + 2 * y) + box.x0 * 4;
+                const uint8_t* b = src.row(std::min(box.y0 + 2 * y + 1, box.y1 - 1)) + box.x0 * 4;
                 uint8_t* d = out.row(y);
-                for (int x = 0; x < out.width; ++x)
+                const int pairs = box.width() / 2;
+                for (int x = 0; x < pairs; ++x)
                     for (int c = 0; c < 4; ++c)
                         d[x * 4 + c] = static_cast<uint8_t>(
                             (a[x * 8 + c] + a[x * 8 + 4 + c] + b[x * 8 + c] + b[x * 8 + 4 + c] + 2) >> 2);
+                if (pairs < w)
+                    for (int c = 0; c < 4; ++c)
+                        d[pairs * 4 + c] = static_cast<uint8_t>((a[pairs * 8 + c] + b[pairs * 8 + c] + 1) >> 1);
             }
         });
         return out;
