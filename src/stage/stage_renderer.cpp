@@ -90,6 +90,22 @@ RoundedRect transformed(const RoundedRect& shape, const Affine& t)
     return {t.apply(shape.rect), shape.radius * uniformScale(t)};
 }
 
+// The parts of `whole` outside `hole`: bands above and below it, and left and right of it.
+std::vector<Rect> around(const Rect& whole, const Rect& hole)
+{
+    const double top = std::clamp(hole.minY(), whole.minY(), whole.maxY());
+    const double bottom = std::clamp(hole.maxY(), top, whole.maxY());
+    const double left = std::clamp(hole.minX(), whole.minX(), whole.maxX());
+    const double right = std::clamp(hole.maxX(), left, whole.maxX());
+    std::vector<Rect> parts;
+    for (const Rect& r : {Rect{whole.x, whole.y, whole.width, top - whole.y},
+             Rect{whole.x, bottom, whole.width, whole.maxY() - bottom}, Rect{whole.x, top, left - whole.x, bottom - top},
+             Rect{right, top, whole.maxX() - right, bottom - top}})
+        if (r.width > 0 && r.height > 0)
+            parts.push_back(r);
+    return parts;
+}
+
 // The pointer arrow, tip at the origin, 24 units tall, y down.
 Path arrowPath()
 {
@@ -311,8 +327,12 @@ private:
             if (m_stagePic.isIdentity()) {
                 m_c->copy(out, m_ground, hole);
             } else {
-                m_c->clear(out, {0, 0, 0, 1});
-                m_c->draw(out, m_ground, m_stagePic);
+                if (!m_stagePic.apply(whole).contains(whole, 1e-6))
+                    m_c->clear(out, {0, 0, 0, 1});
+                // The magnified ground only around the card: four bands about the hole.
+                const std::vector<Rect> parts = hole ? around(whole, *hole) : std::vector<Rect>{whole};
+                for (const Rect& part : parts)
+                    m_c->draw(out, m_ground, m_stagePic, RoundedRect{part, 0});
             }
         }
         if (source.isEmpty()) {
@@ -352,13 +372,8 @@ private:
         const double outer = style::spotlightOuter * m_u * k;
         const Rect square{at.x - outer, at.y - outer, 2 * outer, 2 * outer};
         const Color dim{0, 0, 0, style::spotlightDim};
-        const double w = m_canvas.width, h = m_canvas.height;
-        for (const Rect& band : {Rect{0, 0, w, std::max(0.0, square.minY())},
-                 Rect{0, square.maxY(), w, std::max(0.0, h - square.maxY())},
-                 Rect{0, square.minY(), std::max(0.0, square.minX()), square.height},
-                 Rect{square.maxX(), square.minY(), std::max(0.0, w - square.maxX()), square.height}})
-            if (band.width > 0 && band.height > 0)
-                m_c->fill(out, dim, RoundedRect{band, 0});
+        for (const Rect& band : around({0, 0, m_canvas.width, m_canvas.height}, square))
+            m_c->fill(out, dim, RoundedRect{band, 0});
         const double scale = square.width / m_spotlight.width;
         m_c->draw(out, m_spotlight, Affine::scale(scale, scale).then(Affine::translation(square.x, square.y)));
     }
