@@ -129,7 +129,7 @@ public:
     {
         m_width = static_cast<int>(canvas.width);
         m_height = static_cast<int>(canvas.height);
-        m_u = canvas.width / 1280.0;
+        m_u = std::min(canvas.width, canvas.height) / style::unitSide;
         if (options.reframe) {
             // The recording at its own size: no padding, corners or shadow.
             m_spec.paddingPX = 0;

@@ -1,7 +1,8 @@
 #pragma once
 // Every colour, curve and radius of the stage art in one place: backdrops, click tints,
-// pointer, camera bubble, keycaps, captions, spotlight and transitions. Lengths marked
-// "u" are pixels of a 1280-wide canvas (scaled by canvas width / 1280 when drawn).
+// pointer, camera bubble, keycaps, captions, spotlight and transitions. Overlay lengths
+// marked "u" are pixels of a 1280 × 720 canvas, scaled by the canvas's shorter side / 720,
+// so a vertical or square video gets overlays as large as a landscape one of its height.
 
 #include "library/plim_look.h"
 #include "stage/compositor.h"
@@ -10,6 +11,9 @@
 #include <vector>
 
 namespace plim::stage_style {
+
+// The shorter canvas side at which one u is one pixel.
+inline constexpr double unitSide = 720;
 
 // A backdrop's art: a linear gradient at `angle` degrees (0 = left to right, 90 = bottom to
 // top) over its stops, and a soft radial glow near the top-left for depth.

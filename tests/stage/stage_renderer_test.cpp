@@ -358,6 +358,29 @@ TEST(StageRenderer, VerticalShapePutsTheBubbleLow)
     EXPECT_LT(middle.r, 80);
 }
 
+TEST(StageRenderer, VerticalStackPutsCaptionAndKeycapsAboveTheBubble)
+{
+    StageRenderer::Options options;
+    options.shape = PlimLook::Shape::vertical;
+    options.camera = CameraBubble{};
+    auto r = renderer(StageSpec{}, {360, 640}, {320, 180}, options);
+    const Image source = solid(320, 180, {200, 200, 200, 255});
+    const Image camera = solid(40, 40, {20, 200, 20, 255});
+    const Image bare = r->render(source, {}, std::nullopt, camera);
+    StageMoment m;
+    m.caption = "Save it";
+    m.keycaps = {{1000, "⌘S"}};
+    m.keycapTime = 1.2;
+    const Image frame = r->render(source, m, std::nullopt, camera);
+    save(frame, "vertical_stack");
+    const Rect bubble = ReframeMath::bubbleRect({360, 640});
+    const int bubbleTop = static_cast<int>(640 - bubble.maxY());
+    // Both sit above the bubble and below the middle of the picture.
+    EXPECT_GT(changed(frame, bare, 0, 320, 360, bubbleTop), 200);
+    EXPECT_EQ(changed(frame, bare, 0, bubbleTop, 360, 640), 0);
+    EXPECT_EQ(changed(frame, bare, 0, 0, 360, 300), 0);
+}
+
 TEST(StageRenderer, KeycapsAppearAtTheirTime)
 {
     auto r = renderer(StageSpec{}, {640, 360}, {320, 180});
