@@ -247,35 +247,6 @@ public:
         });
     }
 
-    void drawMasked(Image& target, const Image& source, const Affine& transform, const Image& mask,
-        const Affine& maskTransform, double opacity) override
-    {
-        if (source.isEmpty() || target.isEmpty() || mask.isEmpty())
-            return;
-        auto surface = wrap(target);
-        ContextPtr cr(cairo_create(surface.get()), cairo_destroy);
-        auto s = wrap(source);
-        auto ms = wrap(mask);
-        cairo_pattern_t* p = cairo_pattern_create_for_surface(s.get());
-        cairo_matrix_t m = toMatrix(transform);
-        cairo_matrix_invert(&m);
-        cairo_pattern_set_matrix(p, &m);
-        cairo_pattern_set_filter(p, CAIRO_FILTER_BILINEAR);
-        cairo_pattern_set_extend(p, CAIRO_EXTEND_PAD);
-        cairo_pattern_t* mp = cairo_pattern_create_for_surface(ms.get());
-        cairo_matrix_t mm = toMatrix(maskTransform);
-        cairo_matrix_invert(&mm);
-        cairo_pattern_set_matrix(mp, &mm);
-        cairo_pattern_set_filter(mp, CAIRO_FILTER_BILINEAR);
-        cairo_push_group(cr.get());
-        cairo_set_source(cr.get(), p);
-        cairo_mask(cr.get(), mp);
-        cairo_pop_group_to_source(cr.get());
-        cairo_paint_with_alpha(cr.get(), opacity);
-        cairo_pattern_destroy(p);
-        cairo_pattern_destroy(mp);
-    }
-
     void blur(Image& target, const Rect& box, double sigma) override
     {
         const PixelBox inner = pixelBox(box, target.width, target.height);

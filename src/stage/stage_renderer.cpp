@@ -175,6 +175,8 @@ public:
             drawZoomBlur(out, moment);
         drawClicks(out, moment);
         drawCamera(out, moment, camera);
+        if (moment.touch)
+            drawTouch(out, pictureOf(moment.touch->x, moment.touch->y));
         if (moment.cursor)
             drawPointer(out, *moment.cursor);
         const double captionHeight = moment.caption ? drawCaption(out, *moment.caption, moment.keycaps.empty()) : 0;
@@ -457,6 +459,15 @@ private:
                 Path().addRoundedRect({b.outset(-w / 2, -w / 2), std::max(0.0, m_bubble.radius - w / 2)}),
                 style::bubbleRing, w);
         }
+    }
+
+    // A finger on a phone recording: a soft grey disc with a light rim.
+    void drawTouch(Image& out, Point at)
+    {
+        const double r = style::touchRadius * m_u * std::sqrt(m_zoom);
+        const RoundedRect disc{{at.x - r, at.y - r, 2 * r, 2 * r}, r};
+        m_c->fill(out, style::touchFill, disc);
+        m_c->strokePath(out, Path().addCircle(at, r - 1), style::touchRim, 2 * m_u);
     }
 
     void drawPointer(Image& out, const StageMoment::Cursor& cursor)

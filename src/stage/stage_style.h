@@ -102,6 +102,11 @@ inline constexpr Color pointerShadow = {0, 0, 0, 0.45};
 inline constexpr double pointerSmearMin = 6;       // canvas pixels per frame before the pointer streaks
 inline constexpr int pointerSmearCopies = 10;
 
+// A touch on a phone recording: radius in u, fill and rim.
+inline constexpr double touchRadius = 22;
+inline constexpr Color touchFill = {0.55, 0.55, 0.58, 0.45};
+inline constexpr Color touchRim = {1, 1, 1, 0.7};
+
 // Spotlight around the pointer: clear inside spotlightInner u, dimmed by spotlightDim
 // beyond spotlightOuter u, and a faint warm glow at the pointer.
 inline constexpr double spotlightInner = 90;

@@ -226,6 +226,12 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
         EXPECT_GT(dark, 12);
         EXPECT_EQ(distance(at(frame, tx - 40, ty - 30), at(bare, tx - 40, ty - 30)), 0);
     }
+    // A touch on a phone recording shows where the finger is.
+    StageMoment touched;
+    touched.touch = StageMoment::Touch{0.7, 0.6};
+    const Rect card = r->geometry().screenRect;
+    const int touchX = static_cast<int>(card.x + 0.7 * card.width), touchY = static_cast<int>(180 - (card.y + 0.4 * card.height));
+    EXPECT_GT(changed(r->render(source, touched), bare, touchX - 12, touchY - 12, touchX + 12, touchY + 12, 10), 60);
     // A hidden pointer draws nothing.
     StageMoment hidden;
     hidden.cursor = StageMoment::Cursor{0.5, 0.5, 0.5, 0.5, 0, 0};
