@@ -167,8 +167,8 @@ inline constexpr double punchScale = 0.08;
 inline constexpr double punchFlash = 0.18;
 
 // Zoom blur: magnification spread per unit of zoom velocity, capped.
-inline constexpr double zoomBlurPerVelocity = 0.06;
-inline constexpr double zoomBlurMax = 0.05;
+inline constexpr double zoomBlurPerVelocity = 0.015;
+inline constexpr double zoomBlurMax = 0.03;
 
 // Typeface of keycaps and captions.
 inline constexpr const char* fontFamily = "Noto Sans";
