@@ -179,8 +179,12 @@ public:
             drawTouch(out, pictureOf(moment.touch->x, moment.touch->y));
         if (moment.cursor)
             drawPointer(out, *moment.cursor);
-        const double captionHeight = moment.caption ? drawCaption(out, *moment.caption, moment.keycaps.empty()) : 0;
-        drawKeycaps(out, moment, captionHeight);
+        // Keycaps sit above a caption at the bottom, so the caption is laid out first.
+        const std::optional<Rect> caption = layoutCaption(moment.caption);
+        const bool captionBelow = caption && m_spec.captionPlace == StageSpec::CaptionPlace::bottom;
+        drawKeycaps(out, moment, captionBelow ? caption->height : 0);
+        if (caption)
+            drawCaption(out, *caption);
         if (moment.transition)
             applyTransition(out, *moment.transition);
         return out;
@@ -579,12 +583,13 @@ private:
         }
     }
 
-    // Draws the caption and returns the height it takes at the bottom (0 at the top).
-    double drawCaption(Image& out, const std::string& caption, bool /*alone*/)
+    // Where the caption line goes: its box on the picture (empty when there is none). The
+    // set text is kept until the line or its style changes.
+    std::optional<Rect> layoutCaption(const std::optional<std::string>& caption)
     {
-        if (caption.empty())
-            return 0;
-        const double size = style::captionText(m_spec.captionSize) * m_u;
+        if (!caption || caption->empty())
+            return std::nullopt;
+        const double size = captionSize();
         TextStyle text;
         text.family = style::fontFamily;
         text.size = m_spec.captionLook == StageSpec::CaptionLook::bold ? size * 1.12 : size;
@@ -592,32 +597,46 @@ private:
             : m_spec.captionLook == StageSpec::CaptionLook::minimal  ? 500
                                                                      : 600;
         text.maxWidth = style::captionMaxWidth * m_canvas.width;
-        if (caption != m_captionKey || !(text == m_captionStyle)) {
-            m_captionKey = caption;
+        if (*caption != m_captionKey || !(text == m_captionStyle)) {
+            m_captionKey = *caption;
             m_captionStyle = text;
-            m_captionLayer = m_c->text(caption, text);
+            m_captionLayer = m_c->text(*caption, text);
             m_captionShadowLayer = m_c->shadowOf(m_captionLayer.image, std::max(1.0, 0.08 * size),
-                style::captionShadow, static_cast<int>(std::ceil(0.3 * size)));
+                style::captionShadow, captionShadowMargin());
         }
         const Image& img = m_captionLayer.image;
         if (img.isEmpty())
-            return 0;
-        const bool pill = m_spec.captionLook == StageSpec::CaptionLook::pill;
-        const double padX = pill ? style::captionPillPadX * size : 0;
-        const double padY = pill ? style::captionPillPadY * size : 0;
-        const double boxW = img.width + 2 * padX, boxH = img.height + 2 * padY;
-        const double x = (m_canvas.width - boxW) / 2;
+            return std::nullopt;
+        const Size pad = captionPadding();
+        const double boxW = img.width + 2 * pad.width, boxH = img.height + 2 * pad.height;
         const double margin = style::captionMargin * m_u;
         const bool bottom = m_spec.captionPlace == StageSpec::CaptionPlace::bottom;
         const double y = bottom ? m_canvas.height - margin - m_bottom.captionInset - boxH : margin;
-        if (pill) {
-            m_c->fill(out, style::captionPill, RoundedRect{{x, y, boxW, boxH}, std::min(boxH / 2, 0.9 * size)});
+        return Rect{(m_canvas.width - boxW) / 2, y, boxW, boxH};
+    }
+
+    double captionSize() const { return style::captionText(m_spec.captionSize) * m_u; }
+    int captionShadowMargin() const { return static_cast<int>(std::ceil(0.3 * captionSize())); }
+    Size captionPadding() const
+    {
+        if (m_spec.captionLook != StageSpec::CaptionLook::pill)
+            return {};
+        return {style::captionPillPadX * captionSize(), style::captionPillPadY * captionSize()};
+    }
+
+    // The caption line in its look: on a pill, or bare with a soft shadow.
+    void drawCaption(Image& out, const Rect& box)
+    {
+        const double size = captionSize();
+        const Size pad = captionPadding();
+        if (m_spec.captionLook == StageSpec::CaptionLook::pill) {
+            m_c->fill(out, style::captionPill, RoundedRect{box, std::min(box.height / 2, 0.9 * size)});
         } else {
-            const int m = static_cast<int>(std::ceil(0.3 * size));
-            m_c->draw(out, m_captionShadowLayer, Affine::translation(x + padX - m, y + padY - m + 0.06 * size));
+            const int m = captionShadowMargin();
+            m_c->draw(out, m_captionShadowLayer,
+                Affine::translation(box.x + pad.width - m, box.y + pad.height - m + 0.06 * size));
         }
-        m_c->draw(out, img, Affine::translation(x + padX, y + padY));
-        return bottom ? boxH : 0;
+        m_c->draw(out, m_captionLayer.image, Affine::translation(box.x + pad.width, box.y + pad.height));
     }
 
     void applyTransition(Image& out, const EditPlan::TransitionPhase& transition)
