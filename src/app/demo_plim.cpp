@@ -1,7 +1,6 @@
 #include "app/demo_plim.h"
 
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "capture/capture.h"
 
 #include <cmath>
 
