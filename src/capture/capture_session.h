@@ -14,6 +14,7 @@
 // controller then calls finish().
 
 #include "base/error.h"
+#include "capture/camera_source.h"
 #include "capture/capture_quality.h"
 #include "capture/click_source.h"
 #include "capture/cursor_recorder.h"
@@ -31,7 +32,6 @@
 
 namespace plim {
 
-class CameraSource;
 
 // What the user asked to record, and how.
 struct CaptureSettings {

@@ -129,4 +129,37 @@ std::optional<Point> X11Connection::pointer() const
     return Point{double(reply->root_x), double(reply->root_y)};
 }
 
+Result<uint32_t> X11Connection::pickWindow() const
+{
+    xcb_connection_t* c = m_connection;
+    xcb_font_t font = xcb_generate_id(c);
+    xcb_open_font(c, font, 6, "cursor");
+    xcb_cursor_t cursor = xcb_generate_id(c);
+    constexpr uint16_t crosshair = 34; // XC_crosshair
+    xcb_create_glyph_cursor(c, cursor, font, font, crosshair, crosshair + 1, 0, 0, 0, 0xffff, 0xffff, 0xffff);
+    ReplyPtr<xcb_grab_pointer_reply_t> grab(xcb_grab_pointer_reply(c,
+        xcb_grab_pointer(c, 0, root(), XCB_EVENT_MASK_BUTTON_PRESS, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC,
+            XCB_NONE, cursor, XCB_CURRENT_TIME),
+        nullptr));
+    xcb_free_cursor(c, cursor);
+    xcb_close_font(c, font);
+    if (!grab || grab->status != XCB_GRAB_STATUS_SUCCESS)
+        return fail("Plim could not take the pointer to let you pick a window (another program holds it). "
+                    "Nothing was recorded. Name the window by its id instead.");
+    uint32_t picked = 0;
+    while (xcb_generic_event_t* event = xcb_wait_for_event(c)) {
+        bool done = (event->response_type & 0x7f) == XCB_BUTTON_PRESS;
+        if (done)
+            picked = reinterpret_cast<xcb_button_press_event_t*>(event)->child;
+        std::free(event);
+        if (done)
+            break;
+    }
+    xcb_ungrab_pointer(c, XCB_CURRENT_TIME);
+    xcb_flush(c);
+    if (!picked)
+        return fail("The click landed on the desktop, not on a window. Nothing was recorded. Pick a window again.");
+    return picked;
+}
+
 } // namespace plim

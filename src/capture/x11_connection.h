@@ -48,6 +48,11 @@ public:
     // The pointer in root coordinates, or nothing when it cannot be read.
     std::optional<Point> pointer() const;
 
+    // Lets the user click a window: grabs the pointer with a crosshair until a button
+    // goes down and returns the top-level window under it. Fails with a sentence when the
+    // pointer cannot be grabbed or nothing but the desktop was clicked.
+    Result<uint32_t> pickWindow() const;
+
     // True when the server has the named extension.
     bool hasExtension(const char* name) const;
 
