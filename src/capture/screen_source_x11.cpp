@@ -71,7 +71,7 @@ public:
         }
         m_data = static_cast<uint8_t*>(address);
         m_seg = xcb_generate_id(connection);
-        xcb_generic_error_t* error = xcb_request_check(connection, xcb_shm_attach_checked(connection, m_seg, m_id, 1));
+        xcb_generic_error_t* error = xcb_request_check(connection, xcb_shm_attach_checked(connection, m_seg, m_id, 0));
         // Marked for removal now, so the segment goes away with the last user even after a crash.
         shmctl(m_id, IPC_RMID, nullptr);
         if (error) {
