@@ -38,6 +38,7 @@ XvfbServer::~XvfbServer() { m_process.reset(); }
 PulseServer::PulseServer()
 {
     auto env = environment();
+    env.push_back("HOME=" + m_dir.path().string());
     m_process = std::make_unique<ChildProcess>(
         std::vector<std::string>{"pulseaudio", "--daemonize=no", "-n", "--exit-idle-time=-1", "--disable-shm",
             "--load=module-null-sink sink_name=plimsink", "--load=module-native-protocol-unix",
@@ -54,7 +55,7 @@ PulseServer::~PulseServer() { m_process.reset(); }
 std::vector<std::string> PulseServer::environment() const
 {
     return {"XDG_RUNTIME_DIR=" + m_dir.path().string(), "PULSE_RUNTIME_PATH=" + m_dir.path().string(),
-        "PULSE_SERVER=unix:" + (m_dir.path() / "native").string(), "HOME=" + m_dir.path().string()};
+        "PULSE_SERVER=unix:" + (m_dir.path() / "native").string()};
 }
 
 } // namespace plim::testkit
