@@ -4,7 +4,9 @@
 #include <xcb/xcb.h>
 #include <xcb/xproto.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 #include <cstring>
 
 namespace plim {
@@ -26,12 +28,19 @@ Result<std::unique_ptr<X11Connection>> X11Connection::open(const std::optional<s
     if (!display || !*display)
         return fail("No display is available to record.", Error::Kind::missing);
     int screenNumber = 0;
-    xcb_connection_t* connection = xcb_connect(display, &screenNumber);
-    if (!connection || xcb_connection_has_error(connection)) {
+    xcb_connection_t* connection = nullptr;
+    // A server that lost its last client resets and refuses connections for a moment.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        connection = xcb_connect(display, &screenNumber);
+        if (connection && !xcb_connection_has_error(connection))
+            break;
         if (connection)
             xcb_disconnect(connection);
-        return fail("No display is available to record.", Error::Kind::missing);
+        connection = nullptr;
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
     }
+    if (!connection)
+        return fail("No display is available to record.", Error::Kind::missing);
     auto result = std::unique_ptr<X11Connection>(new X11Connection());
     result->m_connection = connection;
     result->m_name = display;

@@ -123,7 +123,7 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
 
     auto started = std::chrono::steady_clock::now();
     auto child = record({"--duration", "4", "--system-sound", "--fps", "60"}, library);
-    ASSERT_FALSE(awaitMovie(library).empty());
+    ASSERT_FALSE(awaitMovie(library).empty()) << readText(sandbox.home() / "err.txt");
     std::this_thread::sleep_for(300ms);
     xdotool({"mousemove", "200", "150", "click", "1"});
     xdotool({"mousemove", "400", "300", "click", "3"});
@@ -180,7 +180,7 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     EXPECT_EQ(clicks[1]["y"].get<double>(), 300);
     for (const auto& click : clicks) {
         double movieTime = (click["t"].get<double>() - offset) / 1000.0;
-        EXPECT_GT(movieTime, 0.5);
+        EXPECT_GT(movieTime, 0.0);
         EXPECT_LT(movieTime, loud->first + 0.5); // before the pause
     }
 
@@ -203,7 +203,7 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     fs::path movie = awaitMovie(library);
     ASSERT_FALSE(movie.empty()) << readText(sandbox.home() / "err.txt");
     auto rolling = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(5000ms);
+    std::this_thread::sleep_for(6500ms);
     kill(child->pid(), SIGKILL);
     double killedAt = std::chrono::duration<double>(std::chrono::steady_clock::now() - rolling).count() + 0.5;
     EXPECT_EQ(child->wait(), 128 + SIGKILL);

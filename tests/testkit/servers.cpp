@@ -22,7 +22,7 @@ XvfbServer::XvfbServer(const std::string& size)
             continue;
         m_display = ":" + std::to_string(number);
         m_process = std::make_unique<ChildProcess>(
-            std::vector<std::string>{"Xvfb", m_display, "-nolisten", "tcp", "-screen", "0", size, "+extension", "Composite"},
+            std::vector<std::string>{"Xvfb", m_display, "-nolisten", "tcp", "-noreset", "-screen", "0", size, "+extension", "Composite"},
             std::vector<std::string>{}, "/dev/null", "/dev/null");
         for (int i = 0; i < 100 && !m_up; ++i) {
             pause(50);
