@@ -18,6 +18,7 @@ namespace {
 
 constexpr int rate = 48000;
 constexpr double reanchorAfter = 0.005;
+constexpr double maxSourceLatency = 0.05;
 
 class PulseSoundSource final : public SoundSource {
 public:
@@ -206,11 +207,17 @@ private:
             if (pa_stream_peek(m_stream, &data, &bytes) < 0 || bytes == 0)
                 return;
             double now = systemUptime();
-            pa_usec_t latency = 0;
-            int negative = 0;
-            double delay = 0;
-            if (pa_stream_get_latency(m_stream, &latency, &negative) == 0)
-                delay = negative ? -double(latency) / 1e6 : double(latency) / 1e6;
+            // A microphone's chunk was heard over the time before it arrived: what waits unread
+            // (this chunk included) plus the source's own latency. A monitor's chunk is
+            // rendered as the sink starts playing it, so only what waits behind it counts.
+            const double bytesPerSecond = double(rate) * m_channels * sizeof(float);
+            double delay = double(pa_stream_readable_size(m_stream)) / bytesPerSecond;
+            if (m_kind == Kind::microphone) {
+                if (const pa_timing_info* timing = pa_stream_get_timing_info(m_stream))
+                    delay += std::min(double(timing->source_usec) / 1e6, maxSourceLatency);
+            } else {
+                delay = std::max(0.0, delay - double(bytes) / bytesPerSecond);
+            }
             SoundBlock block;
             block.channels = m_channels;
             block.sampleRate = rate;

@@ -19,6 +19,7 @@ Result<std::unique_ptr<X11Input>> X11Input::open(const std::optional<std::string
 {
     auto input = std::unique_ptr<X11Input>(new X11Input());
     input->m_x11 = PLIM_TRY(X11Connection::open(display));
+    input->m_events = PLIM_TRY(X11Connection::open(display));
     PLIM_TRY(input->setUp());
     X11Input* self = input.get();
     input->m_thread = std::jthread([self](std::stop_token stop) { self->run(stop); });
@@ -41,7 +42,7 @@ X11Input::~X11Input()
 
 Status X11Input::setUp()
 {
-    xcb_connection_t* c = m_x11->connection();
+    xcb_connection_t* c = m_events->connection();
     const char* refusal = "The X server has no XInput 2, so clicks and keys cannot be watched. "
                           "The recording rolls without them.";
     auto ext = xcb_get_extension_data(c, &xcb_input_id);
@@ -61,7 +62,7 @@ Status X11Input::setUp()
     mask.head.mask_len = 1;
     mask.mask = XCB_INPUT_XI_EVENT_MASK_RAW_KEY_PRESS | XCB_INPUT_XI_EVENT_MASK_RAW_KEY_RELEASE
         | XCB_INPUT_XI_EVENT_MASK_RAW_BUTTON_PRESS;
-    if (auto* error = xcb_request_check(c, xcb_input_xi_select_events_checked(c, m_x11->root(), 1, &mask.head))) {
+    if (auto* error = xcb_request_check(c, xcb_input_xi_select_events_checked(c, m_events->root(), 1, &mask.head))) {
         std::free(error);
         return fail(refusal);
     }
@@ -86,7 +87,7 @@ double X11Input::secondsSinceLastKeyDown() const { return systemUptime() - m_las
 void X11Input::run(std::stop_token stop)
 {
     pthread_setname_np(pthread_self(), "plim.input");
-    xcb_connection_t* c = m_x11->connection();
+    xcb_connection_t* c = m_events->connection();
     pollfd fd{xcb_get_file_descriptor(c), POLLIN, 0};
     while (!stop.stop_requested() && !xcb_connection_has_error(c)) {
         while (xcb_generic_event_t* event = xcb_poll_for_event(c)) {

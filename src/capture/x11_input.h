@@ -3,7 +3,7 @@
 // the root window (presses anywhere on the display, whoever has the focus), key symbols
 // and modifiers through xkbcommon, and the pointer and window frames by query.
 //
-// X11Input owns its own connection and one event thread ("plim.input"); click and key
+// X11Input owns two connections (events, queries) and one event thread ("plim.input"); click and key
 // handlers run on that thread. The thin adapters below give the recorders' seams.
 
 #include "capture/click_source.h"
@@ -54,7 +54,9 @@ private:
     void run(std::stop_token stop);
     void handle(const void* event);
 
-    std::unique_ptr<X11Connection> m_x11;
+    std::unique_ptr<X11Connection> m_x11;    // queries from any thread
+    std::unique_ptr<X11Connection> m_events; // read only by the event thread, so no query
+                                             // can pull its events into XCB's queue unseen
     uint8_t m_xinputOpcode = 0;
     xkb_context* m_context = nullptr;
     xkb_keymap* m_keymap = nullptr;
