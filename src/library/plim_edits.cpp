@@ -157,13 +157,12 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
         return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
             sourceName, "The version field says " + std::to_string(version) + ", and edit formats start at 1.")));
 
-    PlanNoticeBatch batch;
     auto plan = EditPlan::fromJson(value, std::string(sourceName));
     if (!plan)
         return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(sourceName, plan.error().sentence)));
 
     PlimEdits edits;
-    edits.plan = std::move(*plan);
+    edits.plan = std::move(plan->value);
     edits.version = version;
     edits.writtenBy = writtenBy;
     edits.plim3Stage = plim3Stage;
@@ -222,11 +221,14 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
         if (!isKnownKey(it.key()))
             edits.unknownKeys[it.key()] = it.value();
 
+    std::vector<std::string> notices = std::move(plan->notices);
     if (!dropped.empty())
-        PlanNoticeBatch::add(plan_notices::droppedFields(sourceName, dropped));
+        notices.push_back(plan_notices::droppedFields(sourceName, dropped));
     if (droppedKeys)
         *droppedKeys = dropped;
-    return withStage(ReadResult::ofEdits(std::move(edits)));
+    ReadResult result = withStage(ReadResult::ofEdits(std::move(edits)));
+    result.notices = std::move(notices);
+    return result;
 }
 
 PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
@@ -238,6 +240,8 @@ PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
         result.plim3Stage = stage;
         if (result.kind == ReadResult::Kind::refused || result.kind == ReadResult::Kind::unreadable)
             logLine(LogArea::main, result.sentence);
+        for (const auto& notice : result.notices)
+            logLine(LogArea::main, notice);
         return result;
     };
 

@@ -164,7 +164,7 @@ std::vector<EditPlan::RateSegment> EditPlan::activeSegments() const
     std::vector<RateSegment> out;
     for (const auto& skip : skips)
         if (!skip.keep)
-            out.push_back({skip.span, skip.rate});
+            out.push_back({skip.span, finite(skip.rate) && skip.rate > 0 ? skip.rate : 1.0});
     return out;
 }
 

@@ -6,7 +6,7 @@
 #include "base/error.h"
 #include "base/files.h"
 #include "base/json.h"
-#include "plan/zoom_state.h"
+#include "plan/plan.h"
 
 #include <array>
 #include <optional>
