@@ -180,6 +180,7 @@ Status RecordingController::replim()
         std::error_code ec;
         for (const char* suffix : {"cursor.json", "keys.json", "id.json", "camera.mov"})
             fs::remove(sidecarPath(*m_movie, suffix), ec);
+        fs::remove(CursorTrack::journalBeside(*m_movie), ec);
         fs::remove(*m_movie, ec);
     }
     m_markCount = 0;

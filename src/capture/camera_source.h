@@ -1,7 +1,7 @@
 #pragma once
 // A camera's pictures with their capture instants on the uptime clock (CLOCK_MONOTONIC).
 // The Video4Linux2 backend (camera_source_v4l2.cpp) reads MJPEG or YUYV through libv4l2;
-// ScriptedCameraSource (below) makes pictures for tests, where no camera exists.
+// tests/testing/ has a scripted stand-in that makes pictures where no camera exists.
 //
 // Contract: create() opens the device and fixes the picture size, or fails with a
 // sentence (the caller logs it and records without the camera). start() delivers frames
@@ -13,12 +13,10 @@
 #include "base/image.h"
 #include "capture/screen_source.h"
 
-#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
-#include <thread>
 
 namespace plim {
 
@@ -36,25 +34,5 @@ public:
 
 // /dev/video0 unless a device path is given.
 Result<std::unique_ptr<CameraSource>> createV4l2CameraSource(const std::optional<std::string>& device = std::nullopt);
-
-// Pictures of a solid colour that steps on every frame, at the given size and rate.
-class ScriptedCameraSource final : public CameraSource {
-public:
-    ScriptedCameraSource(int width, int height, double fps) : m_width(width), m_height(height), m_fps(fps) {}
-    ~ScriptedCameraSource() override { stop(); }
-    std::string deviceName() const override { return "Scripted camera"; }
-    int width() const override { return m_width; }
-    int height() const override { return m_height; }
-    double framesPerSecond() const override { return m_fps; }
-    Status start(FrameHandler onFrame) override;
-    void stop() override;
-    int64_t delivered() const { return m_delivered.load(); }
-
-private:
-    int m_width, m_height;
-    double m_fps;
-    std::jthread m_thread;
-    std::atomic<int64_t> m_delivered{0};
-};
 
 } // namespace plim

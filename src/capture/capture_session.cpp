@@ -46,6 +46,19 @@ struct X11Inputs {
     }
 };
 
+// The cursor track and its journal of a plim that is not kept.
+void removeCursorFiles(const fs::path& movie)
+{
+    std::error_code ignored;
+    fs::remove(CursorTrack::fileBeside(movie), ignored);
+    fs::remove(CursorTrack::journalBeside(movie), ignored);
+}
+
+// Where the pointer is when no input could be opened: nowhere, so no sample is taken.
+struct StillPointer final : PointerSource {
+    std::optional<Point> position() override { return std::nullopt; }
+};
+
 // Scales (or crops to even) a captured picture to the movie's size.
 class FrameFitter {
 public:
@@ -130,6 +143,8 @@ Result<CaptureDevices> openDevices(const CaptureSettings& settings)
     if (auto input = X11Input::open(settings.display)) {
         auto inputs = std::make_shared<X11Inputs>(std::move(*input));
         devices.pointer = &inputs->pointer;
+        devices.keyActivity = &inputs->pointer;
+        devices.windowFrames = &inputs->pointer;
         devices.clicks = &inputs->clicks;
         devices.keys = &inputs->keys;
         devices.inputOwner = inputs;
@@ -169,7 +184,7 @@ public:
     std::unique_ptr<CursorRecorder> cursor;
     std::unique_ptr<KeystrokeRecorder> keystrokes;
     std::unique_ptr<FrameFitter> fitter;
-    std::optional<ScriptedPointerSource> stillPointer; // when no pointer source opened
+    std::optional<StillPointer> stillPointer; // when no pointer source opened
     int micTrack = -1, systemTrack = -1;
     ArrayMic::Treatment treatment;
 
@@ -486,8 +501,9 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         s.stillPointer.emplace();
         pointer = &*s.stillPointer;
     }
-    CursorRecorder::Display display{frame.x, frame.y, frame.width, frame.height, screen.scale()};
-    s.cursor = std::make_unique<CursorRecorder>(display, screen.windowID(), *pointer, s.devices.clicks);
+    CursorRecorder::Display display{frame, screen.scale()};
+    CursorRecorder::Sources sources{pointer, s.devices.keyActivity, s.devices.windowFrames, s.devices.clicks};
+    s.cursor = std::make_unique<CursorRecorder>(display, screen.windowID(), sources);
     s.cursor->setFlushMovie(movie);
     s.cursor->start();
     if (settings.keycaps && s.devices.keys) {
@@ -513,7 +529,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         if (s.cameraWriter)
             s.cameraWriter->cancel();
         std::error_code ignored;
-        fs::remove(CursorTrack::fileBeside(s.options.movie), ignored);
+        removeCursorFiles(s.options.movie);
         s.finished = true;
     };
 
@@ -643,7 +659,7 @@ Outcome<RawPlim> CaptureSession::finish()
                 s.keystrokes->stop();
             std::error_code ignored;
             fs::remove(movie, ignored);
-            fs::remove(CursorTrack::fileBeside(movie), ignored);
+            removeCursorFiles(movie);
             return Outcome<RawPlim>::failed(*s.failure);
         }
     }
@@ -653,7 +669,7 @@ Outcome<RawPlim> CaptureSession::finish()
         if (s.keystrokes)
             s.keystrokes->stop();
         std::error_code ec;
-        fs::remove(CursorTrack::fileBeside(movie), ec);
+        removeCursorFiles(movie);
         fs::remove(sidecarPath(movie, "camera.mov"), ec);
         if (fs::exists(movie) && !fs::remove(movie, ec))
             logLine(LogArea::main, "could not remove empty plim file at " + movie.string());

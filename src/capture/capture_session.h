@@ -18,11 +18,13 @@
 #include "capture/capture_quality.h"
 #include "capture/click_source.h"
 #include "capture/cursor_recorder.h"
+#include "capture/key_activity_source.h"
 #include "capture/key_source.h"
 #include "capture/keystroke_recorder.h"
 #include "capture/pointer_source.h"
 #include "capture/screen_source.h"
 #include "capture/sound_source.h"
+#include "capture/window_frame_source.h"
 
 #include <filesystem>
 #include <functional>
@@ -53,8 +55,10 @@ struct CaptureSettings {
 // ones; tests may hand in their own. Inputs that are absent are not recorded.
 struct CaptureDevices {
     std::unique_ptr<ScreenSource> screen;
-    std::shared_ptr<void> inputOwner; // keeps the pointer, click and key sources alive
+    std::shared_ptr<void> inputOwner; // keeps the pointer, key-activity, window-frame, click and key sources alive
     PointerSource* pointer = nullptr;
+    KeyActivitySource* keyActivity = nullptr;
+    WindowFrameSource* windowFrames = nullptr;
     ClickSource* clicks = nullptr;
     KeySource* keys = nullptr;
     std::unique_ptr<SoundSource> microphone;

@@ -151,20 +151,4 @@ void X11Input::handle(const void* raw)
     }
 }
 
-std::optional<PointerSource::Point> X11PointerSource::position()
-{
-    auto at = m_input.pointer();
-    if (!at)
-        return std::nullopt;
-    return Point{at->x, at->y};
-}
-
-std::optional<PointerSource::Rect> X11PointerSource::windowFrame(uint32_t windowID)
-{
-    auto frame = m_input.windowFrame(windowID);
-    if (!frame)
-        return std::nullopt;
-    return Rect{frame->x, frame->y, frame->width, frame->height};
-}
-
 } // namespace plim

@@ -7,12 +7,16 @@
 // handlers run on that thread. The thin adapters below give the recorders' seams.
 
 #include "capture/click_source.h"
+#include "capture/key_activity_source.h"
 #include "capture/key_source.h"
 #include "capture/pointer_source.h"
+#include "capture/window_frame_source.h"
 #include "capture/x11_connection.h"
 
 #include <atomic>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -22,6 +26,35 @@ struct xkb_keymap;
 struct xkb_state;
 
 namespace plim {
+
+// Handlers called on the event thread. remove() waits for a running handler.
+template<typename Event>
+class EventHandlers {
+public:
+    using Handler = std::function<void(const Event&)>;
+    uint64_t install(Handler handler)
+    {
+        std::lock_guard lock(m_lock);
+        m_handlers.emplace(m_next, std::move(handler));
+        return m_next++;
+    }
+    void remove(uint64_t token)
+    {
+        std::lock_guard lock(m_lock);
+        m_handlers.erase(token);
+    }
+    void deliver(const Event& event)
+    {
+        std::lock_guard lock(m_lock);
+        for (auto& [token, handler] : m_handlers)
+            handler(event);
+    }
+
+private:
+    std::mutex m_lock; // held while handlers run
+    std::map<uint64_t, Handler> m_handlers;
+    uint64_t m_next = 1;
+};
 
 class X11Input {
 public:
@@ -33,9 +66,9 @@ public:
     X11Input& operator=(const X11Input&) = delete;
 
     // Installs for delivery on the event thread. Thread-safe; remove waits for a running handler.
-    Result<ClickSource::Token> installClicks(ClickSource::Handler handler) { return m_clicks.install(std::move(handler)); }
+    ClickSource::Token installClicks(ClickSource::Handler handler) { return m_clicks.install(std::move(handler)); }
     void removeClicks(ClickSource::Token token) { m_clicks.remove(token); }
-    Result<KeySource::Token> installKeys(KeySource::Handler handler) { return m_keys.install(std::move(handler)); }
+    KeySource::Token installKeys(KeySource::Handler handler) { return m_keys.install(std::move(handler)); }
     void removeKeys(KeySource::Token token) { m_keys.remove(token); }
 
     // Queries on the connection, from any thread.
@@ -63,21 +96,18 @@ private:
     xkb_state* m_state = nullptr;
     std::atomic<double> m_lastKeyDown{-1e9};
     std::atomic<double> m_lastButton{-1e9};
-    ScriptedDelivery<ClickSource::Press> m_clicks{
-        "Plim cannot watch the mouse buttons, so clicks are not recorded. Nothing was lost. "
-        "Allow Plim to read input, then record again."};
-    ScriptedDelivery<KeyPress> m_keys{"Plim cannot watch the keyboard, so keycaps are not recorded. "
-                                      "Nothing was lost. Allow Plim to read input, then record again."};
+    EventHandlers<ClickSource::Press> m_clicks;
+    EventHandlers<KeyPress> m_keys;
     std::jthread m_thread;
 };
 
 // The seams over one X11Input, which must outlive them.
-class X11PointerSource final : public PointerSource {
+class X11PointerSource final : public PointerSource, public KeyActivitySource, public WindowFrameSource {
 public:
     explicit X11PointerSource(X11Input& input) : m_input(input) {}
-    std::optional<Point> position() override;
+    std::optional<Point> position() override { return m_input.pointer(); }
     double secondsSinceLastKeyDown() override { return m_input.secondsSinceLastKeyDown(); }
-    std::optional<Rect> windowFrame(uint32_t windowID) override;
+    std::optional<Rect> windowFrame(uint32_t windowID) override { return m_input.windowFrame(windowID); }
 
 private:
     X11Input& m_input;

@@ -3,6 +3,7 @@
 
 #include "base/files.h"
 #include "base/json.h"
+#include "capture/cursor_track.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"
@@ -214,9 +215,11 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     double duration = std::atof(shown.out.c_str());
     EXPECT_GT(duration, killedAt - 2.5) << decoded.err;
     EXPECT_LT(duration, killedAt + 1.0);
-    // The cursor track was flushed within the last five seconds.
-    auto cursor = Json::parse(readText(sidecarPath(movie, "cursor.json")));
-    EXPECT_GT(cursor["samples"].back()["t"].get<double>() / 1000.0, killedAt - 5.5);
+    // The cursor track kept in its journal reaches within five seconds of the kill.
+    auto track = CursorTrack::read(movie);
+    ASSERT_TRUE(track.has_value()) << track.error().sentence;
+    ASSERT_FALSE(track->value.samples.empty());
+    EXPECT_GT(double(track->value.samples.back().t) / 1000.0, killedAt - 5.5);
 }
 
 TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)

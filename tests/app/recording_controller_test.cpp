@@ -161,7 +161,7 @@ TEST_F(RecordingControllerTest, RecordsPausesMarksAndFilesThePlim)
 
     auto track = CursorTrack::read(outcome.value.movie);
     ASSERT_TRUE(track.has_value());
-    EXPECT_EQ(track->marks.size(), 1u);
+    EXPECT_EQ(track->value.marks.size(), 1u);
     std::string stream = readText(moments->activePath());
     EXPECT_NE(stream.find("\"recorded\""), std::string::npos);
     EXPECT_NE(stream.find(baseName(outcome.value.movie)), std::string::npos);

@@ -4,6 +4,7 @@
 
 #include "base/files.h"
 #include "capture/capture_session.h"
+#include "testing/scripted_camera.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"
@@ -60,7 +61,7 @@ TEST_F(ScreenCaptureTest, SubjectsThatCannotBeRecordedAreRefusedWithTheirSentenc
     EXPECT_EQ((*two)->frame(), (Rect{5, 5, 2, 2}));
 }
 
-TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSize)
+TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSizeWithTheCameraBeside)
 {
     TestWindow window(x.display(), 0, 0, 800, 600, 0x3366cc);
     CaptureSettings settings;
@@ -69,6 +70,7 @@ TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSize)
     settings.keycaps = false;
     auto devices = openDevices(settings);
     ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
+    devices->camera = std::make_unique<ScriptedCameraSource>(160, 120, 30);
     CaptureSession::Options options;
     options.movie = folder / "Area.mov";
     auto session = CaptureSession::start(settings, std::move(*devices), options);
@@ -84,10 +86,19 @@ TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSize)
     EXPECT_EQ(probe.out, "300,200\n");
     auto track = CursorTrack::read(options.movie);
     ASSERT_TRUE(track.has_value());
-    EXPECT_EQ(track->displayX, 100);
-    EXPECT_EQ(track->displayWidth, 301);
-    EXPECT_GE(track->videoStartOffsetMS, 0);
+    EXPECT_EQ(track->value.displayX, 100);
+    EXPECT_EQ(track->value.displayWidth, 301);
+    EXPECT_GE(track->value.videoStartOffsetMS, 0);
     EXPECT_TRUE(fs::exists(options.movie));
+
+    // The camera movie beside it, placed by its start instant.
+    EXPECT_TRUE(outcome.value.hasCamera);
+    auto camera = runCommand({"ffprobe", "-v", "error", "-show_entries", "stream=width,height", "-of", "csv=p=0",
+        sidecarPath(options.movie, "camera.mov").string()});
+    EXPECT_EQ(camera.out, "160,120\n");
+    ASSERT_TRUE(track->value.cameraOffsetMS.has_value());
+    EXPECT_GT(*track->value.cameraOffsetMS, -200);
+    EXPECT_LT(*track->value.cameraOffsetMS, 500);
 }
 
 TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
@@ -127,10 +138,10 @@ TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
     // The window's own red content all along, moved or not; its frame keys follow it.
     auto track = CursorTrack::read(options.movie);
     ASSERT_TRUE(track.has_value());
-    EXPECT_EQ(track->displayX, 50);
-    ASSERT_FALSE(track->frames.empty());
-    EXPECT_EQ(track->frames.front().x, 300);
-    EXPECT_EQ(track->frames.front().y, 200);
+    EXPECT_EQ(track->value.displayX, 50);
+    ASSERT_FALSE(track->value.frames.empty());
+    EXPECT_EQ(track->value.frames.front().x, 300);
+    EXPECT_EQ(track->value.frames.front().y, 200);
     auto last = runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.3", "-i", options.movie.string(), "-frames:v", "1",
         "-vf", "crop=2:2:100:50", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
     ASSERT_EQ(last.out.size(), 12u) << last.err;

@@ -191,8 +191,8 @@ TEST(SyncTest, ClicksAndSoundLandWithThePicture)
     // The click against the first red frame, on the track's clock.
     auto track = CursorTrack::read(options.movie);
     ASSERT_TRUE(track.has_value());
-    ASSERT_EQ(track->clicks.size(), 1u);
-    double clickOffsetMS = firstOf[1] * 1000 + double(track->videoStartOffsetMS) - double(track->clicks[0].t);
+    ASSERT_EQ(track->value.clicks.size(), 1u);
+    double clickOffsetMS = firstOf[1] * 1000 + double(track->value.videoStartOffsetMS) - double(track->value.clicks[0].t);
     std::printf("click: first frame showing it is %.1f ms after the click in the cursor track\n", clickOffsetMS);
     // A click recorded late shows as a negative offset: at most a frame, since the window
     // may draw before our event thread runs. A positive one also holds the window's own
