@@ -14,6 +14,7 @@ extern "C" {
 
 #include <sys/statvfs.h>
 
+#include <chrono>
 #include <cmath>
 #include <condition_variable>
 #include <cstdio>
@@ -33,6 +34,7 @@ constexpr const char* noFrames = "No frames arrived before the plim ended.";
 constexpr const char* neverStarted = "The recorder never started.";
 constexpr const char* unknownWriterError = "Unknown writer error.";
 constexpr uint64_t minimumFreeBytes = 256 * 1024;
+constexpr std::chrono::seconds keysFlushInterval{4};
 
 // The X11 inputs behind the recorders' seams.
 struct X11Inputs {
@@ -46,10 +48,11 @@ struct X11Inputs {
     }
 };
 
-// The cursor track and its journal of a plim that is not kept.
-void removeCursorFiles(const fs::path& movie)
+// The tracks (and the cursor journal) of a plim that is not kept.
+void removeTrackFiles(const fs::path& movie)
 {
     std::error_code ignored;
+    fs::remove(KeystrokeTrack::fileBeside(movie), ignored);
     fs::remove(CursorTrack::fileBeside(movie), ignored);
     fs::remove(CursorTrack::journalBeside(movie), ignored);
 }
@@ -207,6 +210,28 @@ public:
     bool failureBeforeFirstFrame = false;
     bool finished = false;
     std::jthread writerThread;
+    std::jthread flushThread;
+
+    // Writes the keystroke track beside the movie every few seconds while it grows, so a
+    // process killed outright loses at most that much of it (the cursor recorder keeps
+    // its own journal).
+    void flushLoop(std::stop_token stop)
+    {
+        pthread_setname_np(pthread_self(), "plim.capture.fl");
+        size_t written = 0;
+        auto next = std::chrono::steady_clock::now() + keysFlushInterval;
+        while (!stop.stop_requested()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            if (std::chrono::steady_clock::now() < next)
+                continue;
+            next += keysFlushInterval;
+            KeystrokeTrack keys = keystrokes->snapshot();
+            if (keys.events.size() == written)
+                continue;
+            if (keys.write(options.movie))
+                written = keys.events.size();
+        }
+    }
 
     double trackSecondsAt(double uptime) const { return uptime - pauses.pausedBefore(uptime); }
 
@@ -512,6 +537,8 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     }
 
     s.writerThread = std::jthread([&s](std::stop_token stop) { s.writeLoop(stop); });
+    if (s.keystrokes)
+        s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
     auto undo = [&s] {
         s.stopSources();
         {
@@ -522,6 +549,10 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         s.wake.notify_all();
         if (s.writerThread.joinable())
             s.writerThread.join();
+        if (s.flushThread.joinable()) {
+            s.flushThread.request_stop();
+            s.flushThread.join();
+        }
         s.cursor->stop();
         if (s.keystrokes)
             s.keystrokes->stop();
@@ -529,7 +560,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         if (s.cameraWriter)
             s.cameraWriter->cancel();
         std::error_code ignored;
-        removeCursorFiles(s.options.movie);
+        removeTrackFiles(s.options.movie);
         s.finished = true;
     };
 
@@ -616,6 +647,10 @@ Outcome<RawPlim> CaptureSession::finish()
         return Outcome<RawPlim>::failed(neverStarted);
     s.finished = true;
     s.stopSources();
+    if (s.flushThread.joinable()) {
+        s.flushThread.request_stop();
+        s.flushThread.join();
+    }
     {
         std::lock_guard guard(s.lock);
         s.quitWriter = true;
@@ -659,7 +694,7 @@ Outcome<RawPlim> CaptureSession::finish()
                 s.keystrokes->stop();
             std::error_code ignored;
             fs::remove(movie, ignored);
-            removeCursorFiles(movie);
+            removeTrackFiles(movie);
             return Outcome<RawPlim>::failed(*s.failure);
         }
     }
@@ -669,7 +704,7 @@ Outcome<RawPlim> CaptureSession::finish()
         if (s.keystrokes)
             s.keystrokes->stop();
         std::error_code ec;
-        removeCursorFiles(movie);
+        removeTrackFiles(movie);
         fs::remove(sidecarPath(movie, "camera.mov"), ec);
         if (fs::exists(movie) && !fs::remove(movie, ec))
             logLine(LogArea::main, "could not remove empty plim file at " + movie.string());

@@ -4,6 +4,7 @@
 #include "base/files.h"
 #include "base/json.h"
 #include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"
@@ -204,7 +205,9 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     fs::path movie = awaitMovie(library);
     ASSERT_FALSE(movie.empty()) << readText(sandbox.home() / "err.txt");
     auto rolling = std::chrono::steady_clock::now();
-    std::this_thread::sleep_for(6500ms);
+    std::this_thread::sleep_for(300ms);
+    xdotool({"key", "super+k"});
+    std::this_thread::sleep_for(6200ms);
     kill(child->pid(), SIGKILL);
     double killedAt = std::chrono::duration<double>(std::chrono::steady_clock::now() - rolling).count() + 0.5;
     EXPECT_EQ(child->wait(), 128 + SIGKILL);
@@ -220,6 +223,11 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     ASSERT_TRUE(track.has_value()) << track.error().sentence;
     ASSERT_FALSE(track->value.samples.empty());
     EXPECT_GT(double(track->value.samples.back().t) / 1000.0, killedAt - 5.5);
+    // So does the keystroke track, written every few seconds.
+    auto keys = KeystrokeTrack::read(movie);
+    ASSERT_TRUE(keys.has_value());
+    ASSERT_EQ(keys->events.size(), 1u);
+    EXPECT_EQ(keys->events[0].caption, "⌘K");
 }
 
 TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
