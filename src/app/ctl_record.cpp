@@ -310,7 +310,8 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         plim.height, (long long)plim.frames, (long long)plim.droppedFrames);
     err << "The plim landed at " << plim.movie.string() << " (" << summary << ").\n";
     if (plim.failure) {
-        err << *plim.failure << ". What was recorded up to then is kept.\n";
+        const std::string& headline = *plim.failure;
+        err << headline << (headline.ends_with('.') ? "" : ".") << " What was recorded up to then is kept.\n";
         return 1;
     }
     return 0;

@@ -347,7 +347,9 @@ public:
                     first = *firstTrackSeconds;
                 }
                 double t = video->trackSeconds - first;
-                if (t <= lastVideoSeconds)
+                // The writer keeps times in 1/600 s; a frame taken just before a pause and
+                // one just after it may fall in the same tick. The later one is left out.
+                if (t < lastVideoSeconds + 2.0 / 600)
                     continue;
                 status = writer->appendVideo(video->image, t);
                 if (status) {
@@ -646,6 +648,9 @@ Outcome<RawPlim> CaptureSession::finish()
     if (s.finished)
         return Outcome<RawPlim>::failed(neverStarted);
     s.finished = true;
+    // 1. The cursor recorder stops first and hands over its track, then the sources.
+    CursorTrack track = s.cursor->stop();
+    s.cursor->setFlushMovie(std::nullopt);
     s.stopSources();
     if (s.flushThread.joinable()) {
         s.flushThread.request_stop();
@@ -659,9 +664,7 @@ Outcome<RawPlim> CaptureSession::finish()
     if (s.writerThread.joinable())
         s.writerThread.join();
 
-    // 1. The cursor recorder stops and hands over its track; the writer finishes.
-    CursorTrack track = s.cursor->stop();
-    s.cursor->setFlushMovie(std::nullopt);
+    // The writer finishes.
     const fs::path& movie = s.options.movie;
     if (!s.writer) {
         if (s.keystrokes)
