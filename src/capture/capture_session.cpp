@@ -253,6 +253,22 @@ public:
             notify(headline);
     }
 
+    // The window closed ("That window is gone."), or the picture stopped coming.
+    void screenEnded(const Error& error)
+    {
+        if (error.kind == Error::Kind::missing) {
+            endWith(error.sentence);
+            return;
+        }
+        logLine(LogArea::main, error.sentence);
+        double recorded;
+        {
+            std::lock_guard guard(lock);
+            recorded = writtenSeconds;
+        }
+        endWith("Recording ended early at " + lengthText(recorded));
+    }
+
     void onFrame(CapturedFrame&& frame)
     {
         Image fitted = fitter->fit(frame.image);
@@ -583,7 +599,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         }
     }
     auto started = screen.start(settings.framesPerSecond, [&s](CapturedFrame&& f) { s.onFrame(std::move(f)); },
-        [&s](const Error& error) { s.endWith(error.sentence); });
+        [&s](const Error& error) { s.screenEnded(error); });
     if (!started) {
         undo();
         return std::unexpected(started.error());
