@@ -91,9 +91,10 @@ int main()
     auto read = CursorTrack::read(movie);
     if (!read)
         return giveUp(folder, read.error().sentence);
-    std::optional<KeystrokeTrack> keys = KeystrokeTrack::read(movie);
-    if (!keys)
-        return giveUp(folder, "The keystroke track could not be read back.");
+    auto keysRead = KeystrokeTrack::read(movie);
+    if (!keysRead)
+        return giveUp(folder, keysRead.error().sentence);
+    std::optional<KeystrokeTrack> keys = std::move(keysRead->value);
     const CursorTrack& track = read->value;
     std::printf("read tracks: %.1f ms%s\n", millisecondsSince(t0), track == built ? "" : "  [differs from what was written]");
 

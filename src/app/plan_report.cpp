@@ -37,7 +37,10 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
     report.track = std::move(track->value);
     report.notices = std::move(track->notices);
 
-    report.keys = KeystrokeTrack::read(movie);
+    if (auto keys = KeystrokeTrack::read(movie)) {
+        report.keys = std::move(keys->value);
+        appendNotices(report.notices, std::move(keys->notices));
+    }
 
     PlimEdits::ReadResult read = PlimEdits::read(movie);
     appendNotices(report.notices, read.notices);

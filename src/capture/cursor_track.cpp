@@ -427,7 +427,7 @@ Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
     const std::string name = path.filename().string();
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::absent) {
+        if (bytes.error().kind == Error::Kind::missing) {
             const fs::path journal = journalBeside(movie);
             if (auto journalBytes = readFileBytes(journal))
                 return foldJournal(*journalBytes, journal.filename().string(), name);
@@ -436,7 +436,7 @@ Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
                       "Put the file back beside the movie, or record the plim again.",
                 Error::Kind::missing);
         }
-        return fail("Plim could not read " + name + " (" + bytes.error().reason
+        return fail("Plim could not read " + name + " (" + bytes.error().sentence
                 + "). The file was left as it is and nothing in it was lost. "
                   "Check that you may read the file, then try again.",
             Error::Kind::unreadable);

@@ -1,6 +1,5 @@
 #include "capture/keystroke_track.h"
 
-#include "base/log.h"
 #include "base/text.h"
 
 #include <algorithm>
@@ -159,20 +158,28 @@ std::string KeystrokeTrack::repairNotice(std::string_view fileName, int dropped,
     return notice;
 }
 
-std::optional<KeystrokeTrack> KeystrokeTrack::read(const fs::path& movie)
+Result<Decoded<KeystrokeTrack>> KeystrokeTrack::read(const fs::path& movie)
 {
     const fs::path path = fileBeside(movie);
+    const std::string name = path.filename().string();
     auto json = readJsonFile(path);
-    if (!json)
-        return std::nullopt;
-    auto decoded = fromJson(*json);
+    if (!json && json.error().kind == Error::Kind::missing)
+        return fail("There is no keystroke track beside " + movie.filename().string() + " (" + name
+                + " is missing), so no keycaps can be shown. Nothing was changed.",
+            Error::Kind::missing);
+    std::optional<KeystrokeTrack> decoded;
+    if (json)
+        decoded = fromJson(*json);
     if (!decoded)
-        return std::nullopt;
+        return fail(name + " is not a keystroke track Plim can read ("
+                + (json ? std::string("its events are not shaped as Plim writes them") : json.error().sentence)
+                + "), so no keycaps are shown. The file was left as it is and nothing in it was lost.",
+            Error::Kind::unreadable);
     Sanitized clean = sanitized(decoded->events);
     if (clean.events == decoded->events)
-        return decoded;
-    logLine(LogArea::main, repairNotice(path.filename().string(), clean.dropped, clean.shortened));
-    return KeystrokeTrack{std::move(clean.events)};
+        return Decoded<KeystrokeTrack>{std::move(*decoded), {}};
+    return Decoded<KeystrokeTrack>{KeystrokeTrack{std::move(clean.events)},
+        {repairNotice(name, clean.dropped, clean.shortened)}};
 }
 
 std::vector<KeyEvent> KeystrokeTrack::captions(double at, double linger) const

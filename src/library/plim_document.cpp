@@ -76,7 +76,10 @@ PlimDocument::FirstEdit PlimDocument::automaticEdit(const fs::path& movieURL, do
         for (const auto& notice : cursor->notices)
             logLine(LogArea::main, notice);
         auto keys = KeystrokeTrack::read(movieURL);
-        auto performance = AutoEdit::performance(cursor->value, keys ? &*keys : nullptr, speech, duration);
+        if (keys)
+            for (const auto& notice : keys->notices)
+                logLine(LogArea::main, notice);
+        auto performance = AutoEdit::performance(cursor->value, keys ? &keys->value : nullptr, speech, duration);
         edits.plan = AutoEdit::plan(AutoEdit::make(performance));
         return edits;
     };

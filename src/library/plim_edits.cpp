@@ -65,8 +65,8 @@ std::optional<Json> readPlim3Stage(const fs::path& movie)
     fs::path path = sidecarPath(movie, "stage.json");
     auto json = readJsonFile(path);
     if (!json) {
-        if (json.error().kind != JsonReadFailure::absent)
-            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().reason +
+        if (json.error().kind != Error::Kind::missing)
+            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().sentence +
                     "), so this plim wears the usual look. The file was left as it is.");
         return std::nullopt;
     }
@@ -247,9 +247,9 @@ PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
 
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::absent)
+        if (bytes.error().kind == Error::Kind::missing)
             return finish(ReadResult::ofNone());
-        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().reason)));
+        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().sentence)));
     }
     if (bytes->empty())
         return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, "The file is empty.")));

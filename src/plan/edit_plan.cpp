@@ -60,7 +60,7 @@ std::string EditPlan::Segment::identity() const
     return "segment-" + std::to_string(wholeMilliseconds(start)) + "-" + std::to_string(wholeMilliseconds(end));
 }
 
-MaskRegion::Rect MaskRegion::rect() const
+Rect MaskRegion::rect() const
 {
     if (!finite(x) || !finite(y) || !finite(w) || !finite(h))
         return Rect{};

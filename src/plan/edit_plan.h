@@ -6,6 +6,7 @@
 #include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
+#include "base/geometry.h"
 #include "base/json.h"
 #include "plan/plim_clip.h"
 #include "plan/remap_step.h"
@@ -68,14 +69,6 @@ struct CutRange {
 // A blur or pixelate box, in fractions of the recorded picture.
 struct MaskRegion {
     enum class Style { blur, pixelate };
-
-    struct Rect {
-        double x = 0;
-        double y = 0;
-        double width = 0;
-        double height = 0;
-        bool operator==(const Rect&) const = default;
-    };
 
     std::string id; // UUID text
     double x = 0;

@@ -337,8 +337,8 @@ Decoded<std::optional<EditPlan>> EditPlan::decode(const fs::path& path)
     auto refused = [](std::string notice) { return Decoded<std::optional<EditPlan>>{std::nullopt, {std::move(notice)}}; };
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::unreadable)
-            return refused(plan_notices::unreadable(source, bytes.error().reason));
+        if (bytes.error().kind == Error::Kind::unreadable)
+            return refused(plan_notices::unreadable(source, bytes.error().sentence));
         return {};
     }
     if (trimmed(*bytes).empty())

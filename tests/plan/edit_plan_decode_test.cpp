@@ -281,7 +281,7 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     {
         auto decoded = EditPlan::decode(folder);
         EXPECT_FALSE(decoded.value);
-        EXPECT_EQ(decoded.notices, std::vector<std::string>{unreadableSentence("C.edits.json", "Is a directory.")});
+        EXPECT_EQ(decoded.notices, std::vector<std::string>{unreadableSentence("C.edits.json", "it is a folder, not a file.")});
     }
     EXPECT_EQ(readText(folder / "inside"), "kept");
 

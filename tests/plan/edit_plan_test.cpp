@@ -152,7 +152,7 @@ TEST(EditPlan, MasksZoomsAndSuspending)
     }
 
     // Boxes are clipped to the unit square; a non-finite one is empty at the origin.
-    const std::vector<std::pair<std::array<double, 4>, MaskRegion::Rect>> rects = {
+    const std::vector<std::pair<std::array<double, 4>, Rect>> rects = {
         {{-0.2, 0.9, 0.5, 0.3}, {0, 0.9, 0.3, 0.1}}, {{1.5, 0.9, 0.5, 0.3}, {1, 0.9, 0, 0.1}},
         {{0.5, 0.9, -0.3, 0.3}, {0.5, 0.9, 0, 0.1}}, {{0.5, 0.9, 0.2, kNaN}, {}}};
     for (const auto& [box, want] : rects) {
