@@ -15,6 +15,7 @@ extern "C" {
 
 #include <cerrno>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -71,6 +72,13 @@ inline double movieOrigin(AVFormatContext* format)
     if (format->start_time == AV_NOPTS_VALUE || format->start_time <= 0)
         return 0;
     return format->start_time / double(AV_TIME_BASE);
+}
+
+// FFmpeg's own chatter stays off standard error; its failures reach users as sentences.
+inline void quietLogs()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_FATAL); });
 }
 
 inline bool isNoSpace(int code) { return code == AVERROR(ENOSPC) || code == AVERROR(EDQUOT); }

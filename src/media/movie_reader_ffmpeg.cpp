@@ -87,6 +87,7 @@ private:
 
 Status FfmpegMovieReader::open()
 {
+    quietLogs();
     std::error_code ec;
     if (!fs::exists(m_path, ec))
         return fail(concat("There is no movie at ", m_path.string(), ". Check that the file is still there."),

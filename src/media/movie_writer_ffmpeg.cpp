@@ -155,8 +155,7 @@ Error FfmpegMovieWriter::writeError(int code, const std::string& what) const
 
 Status FfmpegMovieWriter::open()
 {
-    static std::once_flag quiet;
-    std::call_once(quiet, [] { av_log_set_level(AV_LOG_ERROR); });
+    quietLogs();
     const Settings& s = m_settings;
     auto refuse = [&](const std::string& why) {
         return fail(concat("The movie ", fileName(), " could not be started: ", why, ". Nothing was written."));

@@ -74,7 +74,7 @@ Status AssetPCMSource::pullUntil(int64_t end)
             const Error& e = block.error();
             if (e.kind == Error::Kind::failed)
                 return fail(m_name + " stopped reading part way " + e.sentence
-                        + ". Nothing was saved. Share again; if it keeps happening, the file may be damaged.",
+                        + " Nothing was saved. Share again; if it keeps happening, the file may be damaged.",
                     Error::Kind::unreadable);
             return fail(m_name + " could not be read: " + e.sentence + ". Share again in a moment.",
                 Error::Kind::unreadable);
