@@ -206,9 +206,9 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     env.libraryFolder = o.last("--library").has_value() ? fs::path(*o.last("--library"))
                                                         : StorageRoot::direct(Places::home()).folder();
     env.ensureIdentity = [](const fs::path& movie) {
-        auto outcome = PlimIdentity::ensure(movie);
-        if (outcome.kind == PlimIdentity::Outcome::Kind::failed)
-            logLine(LogArea::main, "the plim's identity could not be made: " + outcome.reason);
+        auto ensured = PlimIdentity::ensure(movie);
+        if (!ensured)
+            logLine(LogArea::main, "the plim's identity could not be made: " + ensured.error().sentence);
     };
     std::mutex endedLock;
     std::optional<std::string> endedEarly;

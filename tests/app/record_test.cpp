@@ -237,8 +237,8 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     // So does the keystroke track, written every few seconds.
     auto keys = KeystrokeTrack::read(movie);
     ASSERT_TRUE(keys.has_value());
-    ASSERT_EQ(keys->events.size(), 1u);
-    EXPECT_EQ(keys->events[0].caption, "⌘K");
+    ASSERT_EQ(keys->value.events.size(), 1u);
+    EXPECT_EQ(keys->value.events[0].caption, "⌘K");
 }
 
 TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
