@@ -142,8 +142,7 @@ private:
             + " is not recorded. The recording rolls without it.";
     }
 
-    // Runs with the main loop locked.
-    template<typename Info>
+    // Waits for an operation; runs with the main loop locked.
     static void wait(pa_threaded_mainloop* loop, pa_operation* op)
     {
         if (!op)
@@ -161,7 +160,7 @@ private:
             int channels = 0;
             std::string name;
         } ask{m_loop, {}, {}, 0, {}};
-        wait<void>(m_loop, pa_context_get_server_info(m_context, [](pa_context*, const pa_server_info* info, void* data) {
+        wait(m_loop, pa_context_get_server_info(m_context, [](pa_context*, const pa_server_info* info, void* data) {
             auto* a = static_cast<Ask*>(data);
             if (info) {
                 a->defaultSink = info->default_sink_name ? info->default_sink_name : "";
@@ -180,7 +179,7 @@ private:
             m_device = device.value_or(ask.defaultSource);
             m_channels = 1;
         }
-        wait<void>(m_loop, pa_context_get_source_info_by_name(m_context, m_device.c_str(),
+        wait(m_loop, pa_context_get_source_info_by_name(m_context, m_device.c_str(),
             [](pa_context*, const pa_source_info* info, int eol, void* data) {
                 auto* a = static_cast<Ask*>(data);
                 if (info && eol == 0) {
