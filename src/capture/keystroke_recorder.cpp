@@ -158,6 +158,12 @@ KeystrokeTrack KeystrokeRecorder::stop()
     return KeystrokeTrack{m_events};
 }
 
+KeystrokeTrack KeystrokeRecorder::snapshot() const
+{
+    std::lock_guard lock(m_lock);
+    return KeystrokeTrack{m_events};
+}
+
 void KeystrokeRecorder::pause()
 {
     std::lock_guard lock(m_lock);

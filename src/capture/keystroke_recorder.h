@@ -33,6 +33,9 @@ public:
     // Removes the key handler and returns the events so far.
     KeystrokeTrack stop();
 
+    // The events so far, while recording goes on (for the periodic flush).
+    KeystrokeTrack snapshot() const;
+
     // A second pause while paused changes nothing; so does resuming while not paused.
     void pause();
     void resume();

@@ -1,0 +1,198 @@
+// Records a 1920 x 1080 Xvfb display at 60 fps for 30 s (or the seconds given) while the
+// picture changes on every frame, first with `plimctl record`, then with ffmpeg's x11grab
+// into the same encoder settings (libx264 ultrafast, the recording bit rate, a key frame
+// every 2 s, a fragmented QuickTime movie). Prints delivered against expected frames,
+// dropped frames and the CPU seconds each recorder used.
+//
+//   capture_bench [seconds]
+
+#include "base/clock.h"
+#include "media/movie_writer.h"
+
+#include <xcb/xcb.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err)
+{
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    std::vector<char*> args;
+    for (const auto& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    pid_t pid = -1;
+    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0)
+        pid = -1;
+    posix_spawn_file_actions_destroy(&actions);
+    return pid;
+}
+
+// Waits for the child and gives its CPU seconds (user + system).
+double waitCpu(pid_t pid, int* status)
+{
+    rusage usage{};
+    wait4(pid, status, 0, &usage);
+    return double(usage.ru_utime.tv_sec) + usage.ru_utime.tv_usec / 1e6 + double(usage.ru_stime.tv_sec)
+        + usage.ru_stime.tv_usec / 1e6;
+}
+
+std::string slurp(const fs::path& path)
+{
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+long countFrames(const fs::path& movie)
+{
+    std::string cmd = "ffprobe -v error -count_packets -select_streams v:0 -show_entries stream=nb_read_packets "
+                      "-of default=nw=1:nk=1 '" + movie.string() + "'";
+    FILE* p = popen(cmd.c_str(), "r");
+    long n = 0;
+    if (p) {
+        if (std::fscanf(p, "%ld", &n) != 1)
+            n = 0;
+        pclose(p);
+    }
+    return n;
+}
+
+// Changes every pixel of the root window 60 times a second: moving colour bars.
+void animate(const std::string& display, std::atomic<bool>& stop)
+{
+    xcb_connection_t* c = xcb_connect(display.c_str(), nullptr);
+    xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+    xcb_gcontext_t gc = xcb_generate_id(c);
+    uint32_t black = 0;
+    xcb_create_gc(c, gc, screen->root, XCB_GC_FOREGROUND, &black);
+    double next = plim::systemUptime();
+    for (uint32_t frame = 0; !stop.load(); ++frame) {
+        for (int bar = 0; bar < 48; ++bar) {
+            uint32_t colour = ((frame * 5 + uint32_t(bar) * 11) & 0xff) << 16 | ((frame * 3 + uint32_t(bar) * 7) & 0xff) << 8
+                | ((frame * 7 + uint32_t(bar) * 13) & 0xff);
+            xcb_change_gc(c, gc, XCB_GC_FOREGROUND, &colour);
+            xcb_rectangle_t r{int16_t(bar * 40), 0, 40, 1080};
+            xcb_poly_fill_rectangle(c, screen->root, gc, 1, &r);
+        }
+        xcb_flush(c);
+        next += 1.0 / 60;
+        double wait = next - plim::systemUptime();
+        if (wait > 0)
+            std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+    }
+    xcb_disconnect(c);
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 30.0;
+    const fs::path self = fs::read_symlink("/proc/self/exe");
+    const fs::path plimctl = self.parent_path().parent_path() / "src" / "plimctl";
+    char tmpl[] = "/tmp/plim-capture-bench-XXXXXX";
+    const fs::path dir = mkdtemp(tmpl);
+    const std::string display = ":" + std::to_string(100 + (getpid() * 13) % 800);
+
+    pid_t xvfb = spawn({"Xvfb", display, "-nolisten", "tcp", "-noreset", "-screen", "0", "1920x1080x24"},
+        (dir / "xvfb.out").string(), (dir / "xvfb.err").string());
+    bool up = false;
+    for (int i = 0; i < 100 && !up; ++i) {
+        std::this_thread::sleep_for(50ms);
+        xcb_connection_t* c = xcb_connect(display.c_str(), nullptr);
+        up = !xcb_connection_has_error(c);
+        xcb_disconnect(c);
+    }
+    if (!up) {
+        std::fprintf(stderr, "Xvfb did not start on %s\n", display.c_str());
+        kill(xvfb, SIGTERM);
+        return 1;
+    }
+    std::atomic<bool> stop{false};
+    std::thread animator([&] { animate(display, stop); });
+    std::this_thread::sleep_for(500ms);
+
+    const long expected = std::lround(seconds * 60);
+    const int64_t bitRate = plim::recordingBitsPerSecond(1920, 1080, 1.0);
+    std::printf("capture_bench: %.0f s of a 1920x1080 display at 60 fps, picture changing every frame; "
+                "libx264 %s at %lld b/s, key frame every 2 s\n",
+        seconds, plim::recordingPreset, (long long)bitRate);
+
+    // Plim.
+    int status = 0;
+    char duration[32];
+    std::snprintf(duration, sizeof duration, "%g", seconds);
+    pid_t plim = spawn({plimctl.string(), "record", "--x-display", display, "--duration", duration, "--no-keys",
+                           "--library", (dir / "plim").string()},
+        (dir / "plim.out").string(), (dir / "plim.err").string());
+    double plimCpu = waitCpu(plim, &status);
+    std::string movie = slurp(dir / "plim.out");
+    movie = movie.substr(0, movie.find('\n'));
+    long plimFrames = countFrames(movie);
+    std::string err = slurp(dir / "plim.err");
+    long reportedDropped = -1;
+    if (auto at = err.find(" frames, "); at != std::string::npos)
+        reportedDropped = std::atol(err.c_str() + at + 9);
+    std::printf("plim    : %ld of %ld frames delivered, %ld dropped (the recorder counted %ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
+        plimFrames, expected, std::max(0L, expected - plimFrames), reportedDropped, plimCpu, 100 * plimCpu / seconds,
+        WEXITSTATUS(status));
+
+    // ffmpeg x11grab into the same encoder settings.
+    const fs::path ffmovie = dir / "ffmpeg.mov";
+    pid_t ff = spawn({"ffmpeg", "-y", "-v", "error", "-stats", "-f", "x11grab", "-framerate", "60", "-video_size",
+                         "1920x1080", "-draw_mouse", "0", "-i", display, "-t", duration, "-c:v", "libx264", "-preset",
+                         plim::recordingPreset, "-b:v", std::to_string(bitRate), "-g", "120", "-pix_fmt", "yuv420p",
+                         "-movflags", "+frag_keyframe+empty_moov+default_base_moof", "-frag_duration", "2000000",
+                         ffmovie.string()},
+        (dir / "ff.out").string(), (dir / "ff.err").string());
+    double ffCpu = waitCpu(ff, &status);
+    long ffFrames = countFrames(ffmovie);
+    std::string ffErr = slurp(dir / "ff.err");
+    long ffDup = 0, ffDrop = 0;
+    if (auto at = ffErr.rfind("dup="); at != std::string::npos)
+        ffDup = std::atol(ffErr.c_str() + at + 4);
+    if (auto at = ffErr.rfind("drop="); at != std::string::npos)
+        ffDrop = std::atol(ffErr.c_str() + at + 5);
+    // x11grab fills a late frame with a copy of the last one (dup); those are not delivered.
+    long ffDelivered = ffFrames - ffDup;
+    std::printf("ffmpeg  : %ld of %ld frames delivered, %ld dropped (ffmpeg: dup=%ld drop=%ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
+        ffDelivered, expected, std::max(0L, expected - ffDelivered), ffDup, ffDrop, ffCpu, 100 * ffCpu / seconds,
+        WEXITSTATUS(status));
+    std::printf("CPU plim / ffmpeg: %.2f\n", ffCpu > 0 ? plimCpu / ffCpu : 0.0);
+
+    stop = true;
+    animator.join();
+    kill(xvfb, SIGTERM);
+    waitpid(xvfb, &status, 0);
+    fs::remove_all(dir);
+    return 0;
+}

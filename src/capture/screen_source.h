@@ -1,0 +1,78 @@
+#pragma once
+// Where the capture session's frames come from: a display, a window or an area of the
+// screen, delivered as pictures with their capture instants. The X11 backend
+// (screen_source_x11.cpp) reads them through MIT-SHM; a Wayland backend would sit beside it.
+//
+// Contract:
+// - create() resolves the subject and fails with the user's sentence when it cannot be
+//   recorded (no display, a window that is gone, a subject under 2 points).
+// - start() begins delivering on the source's own thread ("plim.capture.video"), one frame
+//   per 1/fps tick of the uptime clock (CLOCK_MONOTONIC). `onFrame` gets each frame with
+//   the instant the picture was taken, accurate to about a millisecond; it runs on the
+//   source's thread and must return quickly (hand the frame on, don't encode there). The
+//   frame's pixels belong to the receiver; the source never touches them again.
+// - A tick that comes while the previous frame is still being taken or handed on is
+//   skipped and counted in droppedFrames(); ticks are never bunched up to catch up.
+// - When the subject goes away (the window closes) the source stops by itself and calls
+//   `onEnd` once with the sentence, on its own thread.
+// - stop() may be called from any thread except the source's own; when it returns no
+//   handler runs and none will. The pointer is never in the pictures.
+
+#include "base/error.h"
+#include "base/geometry.h"
+#include "base/image.h"
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace plim {
+
+// What the user chose to record.
+struct ScreenSubject {
+    enum class Kind { display, window, area, device };
+    Kind kind = Kind::display;
+    std::string displayName; // a display (RandR output) by name; empty: the primary one
+    uint32_t windowID = 0;   // the window's X id
+    Rect area;               // in global points
+    std::string deviceName;  // a plugged-in device (not recordable on this path)
+
+    static ScreenSubject display(std::string name = {}) { return {Kind::display, std::move(name), 0, {}, {}}; }
+    static ScreenSubject window(uint32_t id) { return {Kind::window, {}, id, {}, {}}; }
+    static ScreenSubject areaOf(Rect rect) { return {Kind::area, {}, 0, rect, {}}; }
+};
+
+// A picture and the uptime instant it shows.
+struct CapturedFrame {
+    Image image;
+    double uptime = 0;
+};
+
+class ScreenSource {
+public:
+    using FrameHandler = std::function<void(CapturedFrame&&)>;
+    using EndHandler = std::function<void(const Error&)>;
+
+    virtual ~ScreenSource() = default;
+
+    // The captured region in global points, its pixels per point, and its pixel size.
+    virtual Rect frame() const = 0;
+    virtual double scale() const = 0;
+    // The recorded window's X id, for window subjects.
+    virtual std::optional<uint32_t> windowID() const = 0;
+
+    virtual Status start(int framesPerSecond, FrameHandler onFrame, EndHandler onEnd) = 0;
+    virtual void stop() = 0;
+
+    // Frames delivered and ticks skipped so far. Thread-safe.
+    virtual int64_t deliveredFrames() const = 0;
+    virtual int64_t droppedFrames() const = 0;
+};
+
+// The X11 backend on the display named (else $DISPLAY).
+Result<std::unique_ptr<ScreenSource>> createX11ScreenSource(const ScreenSubject& subject,
+    const std::optional<std::string>& display = std::nullopt);
+
+} // namespace plim

@@ -1,0 +1,269 @@
+// Sound through the PulseAudio client library on a threaded main loop: one record stream
+// of 32-bit float at 48 kHz, read about every 10 ms.
+
+#include "capture/sound_source.h"
+
+#include "base/clock.h"
+#include "base/log.h"
+
+#include <pulse/pulseaudio.h>
+
+#include <algorithm>
+#include <cmath>
+#include <mutex>
+
+namespace plim {
+
+namespace {
+
+constexpr int rate = 48000;
+constexpr double reanchorAfter = 0.005;
+constexpr double maxSourceLatency = 0.05;
+
+class PulseSoundSource final : public SoundSource {
+public:
+    explicit PulseSoundSource(Kind kind) : m_kind(kind) {}
+    ~PulseSoundSource() override
+    {
+        stop();
+        if (m_loop)
+            pa_threaded_mainloop_stop(m_loop);
+        if (m_context) {
+            pa_context_disconnect(m_context);
+            pa_context_unref(m_context);
+        }
+        if (m_loop)
+            pa_threaded_mainloop_free(m_loop);
+    }
+
+    Status connect(const std::optional<std::string>& device)
+    {
+        const std::string unreachable = m_kind == Kind::microphone
+            ? "The sound server did not answer, so the microphone is not recorded. The recording rolls without it."
+            : "The sound server did not answer, so the computer's sound is not recorded. The recording rolls without it.";
+        m_loop = pa_threaded_mainloop_new();
+        if (!m_loop)
+            return fail(unreachable);
+        m_context = pa_context_new(pa_threaded_mainloop_get_api(m_loop), "Plim");
+        if (!m_context)
+            return fail(unreachable);
+        pa_context_set_state_callback(m_context, [](pa_context*, void* loop) {
+            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
+        }, m_loop);
+        if (pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
+            return fail(unreachable);
+        pa_threaded_mainloop_lock(m_loop);
+        if (pa_threaded_mainloop_start(m_loop) < 0) {
+            pa_threaded_mainloop_unlock(m_loop);
+            return fail(unreachable);
+        }
+        for (;;) {
+            pa_context_state_t state = pa_context_get_state(m_context);
+            if (state == PA_CONTEXT_READY)
+                break;
+            if (!PA_CONTEXT_IS_GOOD(state)) {
+                pa_threaded_mainloop_unlock(m_loop);
+                return fail(unreachable);
+            }
+            pa_threaded_mainloop_wait(m_loop);
+        }
+        Status found = resolve(device);
+        pa_threaded_mainloop_unlock(m_loop);
+        return found;
+    }
+
+    Kind kind() const override { return m_kind; }
+    std::string deviceName() const override { return m_device; }
+    int channels() const override { return m_channels; }
+    int sampleRate() const override { return rate; }
+
+    Status start(BlockHandler onBlock) override
+    {
+        pa_threaded_mainloop_lock(m_loop);
+        m_onBlock = std::move(onBlock);
+        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, rate, static_cast<uint8_t>(m_channels)};
+        pa_channel_map map;
+        pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
+        m_stream = pa_stream_new(m_context, m_kind == Kind::microphone ? "Plim microphone" : "Plim computer sound",
+            &spec, &map);
+        if (!m_stream) {
+            pa_threaded_mainloop_unlock(m_loop);
+            return fail(whatFailed());
+        }
+        pa_stream_set_read_callback(m_stream, [](pa_stream*, size_t, void* self) {
+            static_cast<PulseSoundSource*>(self)->read();
+        }, this);
+        pa_stream_set_state_callback(m_stream, [](pa_stream*, void* loop) {
+            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
+        }, m_loop);
+        pa_buffer_attr attr{};
+        attr.maxlength = uint32_t(-1);
+        attr.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(10000, &spec));
+        auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING
+            | PA_STREAM_AUTO_TIMING_UPDATE);
+        if (pa_stream_connect_record(m_stream, m_device.c_str(), &attr, flags) < 0) {
+            pa_threaded_mainloop_unlock(m_loop);
+            return fail(whatFailed());
+        }
+        for (;;) {
+            pa_stream_state_t state = pa_stream_get_state(m_stream);
+            if (state == PA_STREAM_READY)
+                break;
+            if (!PA_STREAM_IS_GOOD(state)) {
+                pa_threaded_mainloop_unlock(m_loop);
+                return fail(whatFailed());
+            }
+            pa_threaded_mainloop_wait(m_loop);
+        }
+        pa_threaded_mainloop_unlock(m_loop);
+        return {};
+    }
+
+    void stop() override
+    {
+        if (!m_loop)
+            return;
+        pa_threaded_mainloop_lock(m_loop);
+        if (m_stream) {
+            pa_stream_set_read_callback(m_stream, nullptr, nullptr);
+            pa_stream_disconnect(m_stream);
+            pa_stream_unref(m_stream);
+            m_stream = nullptr;
+        }
+        m_onBlock = nullptr;
+        pa_threaded_mainloop_unlock(m_loop);
+    }
+
+private:
+    std::string whatFailed() const
+    {
+        return std::string("The sound device \"") + m_device + "\" could not be opened, so "
+            + (m_kind == Kind::microphone ? "the microphone" : "the computer's sound")
+            + " is not recorded. The recording rolls without it.";
+    }
+
+    // Waits for an operation; runs with the main loop locked.
+    static void wait(pa_threaded_mainloop* loop, pa_operation* op)
+    {
+        if (!op)
+            return;
+        while (pa_operation_get_state(op) == PA_OPERATION_RUNNING)
+            pa_threaded_mainloop_wait(loop);
+        pa_operation_unref(op);
+    }
+
+    Status resolve(const std::optional<std::string>& device)
+    {
+        struct Ask {
+            pa_threaded_mainloop* loop;
+            std::string defaultSink, defaultSource;
+            int channels = 0;
+            std::string name;
+        } ask{m_loop, {}, {}, 0, {}};
+        wait(m_loop, pa_context_get_server_info(m_context, [](pa_context*, const pa_server_info* info, void* data) {
+            auto* a = static_cast<Ask*>(data);
+            if (info) {
+                a->defaultSink = info->default_sink_name ? info->default_sink_name : "";
+                a->defaultSource = info->default_source_name ? info->default_source_name : "";
+            }
+            pa_threaded_mainloop_signal(a->loop, 0);
+        }, &ask));
+        if (m_kind == Kind::systemSound) {
+            std::string sink = device.value_or(ask.defaultSink);
+            if (sink.empty())
+                return fail("There is no sound output to listen to, so the computer's sound is not recorded. "
+                            "The recording rolls without it.");
+            m_device = sink + ".monitor";
+            m_channels = 2;
+        } else {
+            m_device = device.value_or(ask.defaultSource);
+            m_channels = 1;
+        }
+        wait(m_loop, pa_context_get_source_info_by_name(m_context, m_device.c_str(),
+            [](pa_context*, const pa_source_info* info, int eol, void* data) {
+                auto* a = static_cast<Ask*>(data);
+                if (info && eol == 0) {
+                    a->channels = info->sample_spec.channels;
+                    a->name = info->name;
+                }
+                pa_threaded_mainloop_signal(a->loop, 0);
+            }, &ask));
+        if (ask.name.empty())
+            return fail(std::string("There is no sound device called \"") + m_device + "\", so "
+                + (m_kind == Kind::microphone ? "the microphone" : "the computer's sound")
+                + " is not recorded. The recording rolls without it.");
+        if (m_kind == Kind::microphone)
+            m_channels = std::clamp(ask.channels, 1, 8);
+        return {};
+    }
+
+    // On the main loop's thread.
+    void read()
+    {
+        const void* data = nullptr;
+        size_t bytes = 0;
+        while (pa_stream_readable_size(m_stream) > 0) {
+            if (pa_stream_peek(m_stream, &data, &bytes) < 0 || bytes == 0)
+                return;
+            double now = systemUptime();
+            // A microphone's chunk was heard over the time before it arrived: what waits unread
+            // (this chunk included) plus the source's own latency. A monitor's chunk is
+            // rendered as the sink starts playing it, so only what waits behind it counts.
+            const double bytesPerSecond = double(rate) * m_channels * sizeof(float);
+            double delay = double(pa_stream_readable_size(m_stream)) / bytesPerSecond;
+            if (m_kind == Kind::microphone) {
+                if (const pa_timing_info* timing = pa_stream_get_timing_info(m_stream))
+                    delay += std::min(double(timing->source_usec) / 1e6, maxSourceLatency);
+            } else {
+                delay = std::max(0.0, delay - double(bytes) / bytesPerSecond);
+            }
+            SoundBlock block;
+            block.channels = m_channels;
+            block.sampleRate = rate;
+            size_t count = bytes / sizeof(float);
+            count -= count % size_t(m_channels);
+            if (data) {
+                const float* samples = static_cast<const float*>(data);
+                block.samples.assign(samples, samples + count);
+            } else {
+                block.samples.assign(count, 0.0f); // a hole in the stream
+            }
+            pa_stream_drop(m_stream);
+            // The oldest sample not yet read was heard `delay` ago.
+            double measured = now - delay;
+            double predicted = m_anchor + double(m_framesSinceAnchor) / rate;
+            if (!m_anchored || std::fabs(measured - predicted) > reanchorAfter) {
+                m_anchor = measured;
+                m_framesSinceAnchor = 0;
+                m_anchored = true;
+                predicted = measured;
+            }
+            block.uptime = predicted;
+            m_framesSinceAnchor += block.frames();
+            if (m_onBlock && !block.samples.empty())
+                m_onBlock(std::move(block));
+        }
+    }
+
+    Kind m_kind;
+    std::string m_device;
+    int m_channels = 1;
+    pa_threaded_mainloop* m_loop = nullptr;
+    pa_context* m_context = nullptr;
+    pa_stream* m_stream = nullptr;
+    BlockHandler m_onBlock;
+    bool m_anchored = false;
+    double m_anchor = 0;
+    int64_t m_framesSinceAnchor = 0;
+};
+
+} // namespace
+
+Result<std::unique_ptr<SoundSource>> createPulseSoundSource(SoundSource::Kind kind, const std::optional<std::string>& device)
+{
+    auto source = std::make_unique<PulseSoundSource>(kind);
+    PLIM_TRY(source->connect(device));
+    return std::unique_ptr<SoundSource>(std::move(source));
+}
+
+} // namespace plim

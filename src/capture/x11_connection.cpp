@@ -1,0 +1,174 @@
+#include "capture/x11_connection.h"
+
+#include <xcb/randr.h>
+#include <xcb/xcb.h>
+#include <xcb/xproto.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+#include <cstring>
+
+namespace plim {
+
+namespace {
+
+template<typename Reply>
+struct FreeReply {
+    void operator()(Reply* reply) const { std::free(reply); }
+};
+template<typename Reply>
+using ReplyPtr = std::unique_ptr<Reply, FreeReply<Reply>>;
+
+}
+
+Result<std::unique_ptr<X11Connection>> X11Connection::open(const std::optional<std::string>& name)
+{
+    const char* display = name ? name->c_str() : std::getenv("DISPLAY");
+    if (!display || !*display)
+        return fail("No display is available to record.", Error::Kind::missing);
+    int screenNumber = 0;
+    xcb_connection_t* connection = nullptr;
+    // A server that lost its last client resets and refuses connections for a moment.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        connection = xcb_connect(display, &screenNumber);
+        if (connection && !xcb_connection_has_error(connection))
+            break;
+        if (connection)
+            xcb_disconnect(connection);
+        connection = nullptr;
+        std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    }
+    if (!connection)
+        return fail("No display is available to record.", Error::Kind::missing);
+    auto result = std::unique_ptr<X11Connection>(new X11Connection());
+    result->m_connection = connection;
+    result->m_name = display;
+    xcb_screen_iterator_t it = xcb_setup_roots_iterator(xcb_get_setup(connection));
+    for (int i = 0; it.rem && i < screenNumber; ++i)
+        xcb_screen_next(&it);
+    if (!it.rem)
+        return fail("No display is available to record.", Error::Kind::missing);
+    result->m_screen = it.data;
+    return result;
+}
+
+X11Connection::~X11Connection()
+{
+    if (m_connection)
+        xcb_disconnect(m_connection);
+}
+
+uint32_t X11Connection::root() const { return m_screen->root; }
+
+Size X11Connection::rootSize() const
+{
+    return {static_cast<double>(m_screen->width_in_pixels), static_cast<double>(m_screen->height_in_pixels)};
+}
+
+bool X11Connection::hasExtension(const char* name) const
+{
+    auto cookie = xcb_query_extension(m_connection, static_cast<uint16_t>(std::strlen(name)), name);
+    ReplyPtr<xcb_query_extension_reply_t> reply(xcb_query_extension_reply(m_connection, cookie, nullptr));
+    return reply && reply->present;
+}
+
+std::vector<X11Connection::Output> X11Connection::outputs() const
+{
+    std::vector<Output> result;
+    if (hasExtension("RANDR")) {
+        auto versionCookie = xcb_randr_query_version(m_connection, 1, 3);
+        ReplyPtr<xcb_randr_query_version_reply_t> version(xcb_randr_query_version_reply(m_connection, versionCookie, nullptr));
+        auto resCookie = xcb_randr_get_screen_resources_current(m_connection, root());
+        ReplyPtr<xcb_randr_get_screen_resources_current_reply_t> resources(
+            xcb_randr_get_screen_resources_current_reply(m_connection, resCookie, nullptr));
+        uint32_t primary = 0;
+        if (version && (version->major_version > 1 || version->minor_version >= 3)) {
+            ReplyPtr<xcb_randr_get_output_primary_reply_t> p(
+                xcb_randr_get_output_primary_reply(m_connection, xcb_randr_get_output_primary(m_connection, root()), nullptr));
+            if (p)
+                primary = p->output;
+        }
+        if (resources) {
+            const xcb_randr_output_t* ids = xcb_randr_get_screen_resources_current_outputs(resources.get());
+            int count = xcb_randr_get_screen_resources_current_outputs_length(resources.get());
+            for (int i = 0; i < count; ++i) {
+                ReplyPtr<xcb_randr_get_output_info_reply_t> info(xcb_randr_get_output_info_reply(m_connection,
+                    xcb_randr_get_output_info(m_connection, ids[i], resources->config_timestamp), nullptr));
+                if (!info || info->connection != XCB_RANDR_CONNECTION_CONNECTED || info->crtc == XCB_NONE)
+                    continue;
+                ReplyPtr<xcb_randr_get_crtc_info_reply_t> crtc(xcb_randr_get_crtc_info_reply(m_connection,
+                    xcb_randr_get_crtc_info(m_connection, info->crtc, resources->config_timestamp), nullptr));
+                if (!crtc || crtc->width == 0 || crtc->height == 0)
+                    continue;
+                const char* text = reinterpret_cast<const char*>(xcb_randr_get_output_info_name(info.get()));
+                Output output;
+                output.name.assign(text, static_cast<size_t>(xcb_randr_get_output_info_name_length(info.get())));
+                output.frame = {double(crtc->x), double(crtc->y), double(crtc->width), double(crtc->height)};
+                output.primary = ids[i] == primary;
+                result.push_back(std::move(output));
+            }
+        }
+    }
+    if (result.empty())
+        result.push_back({"screen", {0, 0, rootSize().width, rootSize().height}, true});
+    return result;
+}
+
+std::optional<Rect> X11Connection::windowFrame(uint32_t window) const
+{
+    auto geometryCookie = xcb_get_geometry(m_connection, window);
+    ReplyPtr<xcb_get_geometry_reply_t> geometry(xcb_get_geometry_reply(m_connection, geometryCookie, nullptr));
+    if (!geometry)
+        return std::nullopt;
+    auto translateCookie = xcb_translate_coordinates(m_connection, window, root(), 0, 0);
+    ReplyPtr<xcb_translate_coordinates_reply_t> translated(
+        xcb_translate_coordinates_reply(m_connection, translateCookie, nullptr));
+    if (!translated)
+        return std::nullopt;
+    return Rect{double(translated->dst_x), double(translated->dst_y), double(geometry->width), double(geometry->height)};
+}
+
+std::optional<Point> X11Connection::pointer() const
+{
+    ReplyPtr<xcb_query_pointer_reply_t> reply(
+        xcb_query_pointer_reply(m_connection, xcb_query_pointer(m_connection, root()), nullptr));
+    if (!reply || !reply->same_screen)
+        return std::nullopt;
+    return Point{double(reply->root_x), double(reply->root_y)};
+}
+
+Result<uint32_t> X11Connection::pickWindow() const
+{
+    xcb_connection_t* c = m_connection;
+    xcb_font_t font = xcb_generate_id(c);
+    xcb_open_font(c, font, 6, "cursor");
+    xcb_cursor_t cursor = xcb_generate_id(c);
+    constexpr uint16_t crosshair = 34; // XC_crosshair
+    xcb_create_glyph_cursor(c, cursor, font, font, crosshair, crosshair + 1, 0, 0, 0, 0xffff, 0xffff, 0xffff);
+    ReplyPtr<xcb_grab_pointer_reply_t> grab(xcb_grab_pointer_reply(c,
+        xcb_grab_pointer(c, 0, root(), XCB_EVENT_MASK_BUTTON_PRESS, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC,
+            XCB_NONE, cursor, XCB_CURRENT_TIME),
+        nullptr));
+    xcb_free_cursor(c, cursor);
+    xcb_close_font(c, font);
+    if (!grab || grab->status != XCB_GRAB_STATUS_SUCCESS)
+        return fail("Plim could not take the pointer to let you pick a window (another program holds it). "
+                    "Nothing was recorded. Name the window by its id instead.");
+    uint32_t picked = 0;
+    while (xcb_generic_event_t* event = xcb_wait_for_event(c)) {
+        bool done = (event->response_type & 0x7f) == XCB_BUTTON_PRESS;
+        if (done)
+            picked = reinterpret_cast<xcb_button_press_event_t*>(event)->child;
+        std::free(event);
+        if (done)
+            break;
+    }
+    xcb_ungrab_pointer(c, XCB_CURRENT_TIME);
+    xcb_flush(c);
+    if (!picked)
+        return fail("The click landed on the desktop, not on a window. Nothing was recorded. Pick a window again.");
+    return picked;
+}
+
+} // namespace plim

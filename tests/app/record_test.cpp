@@ -1,0 +1,293 @@
+// plimctl record end to end on a real X server (Xvfb) and sound server (PulseAudio with a
+// null sink), driven by xdotool, checked with ffprobe and the plim's own side files.
+
+#include "base/files.h"
+#include "base/json.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "testkit/servers.h"
+#include "testkit/test_window.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <set>
+#include <thread>
+
+namespace plim {
+namespace {
+
+using namespace testkit;
+using namespace std::chrono_literals;
+
+class RecordTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!x.isUp() || !pulse.isUp())
+            GTEST_SKIP() << "Xvfb or pulseaudio could not start here";
+        env = pulse.environment();
+        env.push_back("DISPLAY=" + x.display());
+        env.push_back("DBUS_SESSION_BUS_ADDRESS=disabled:");
+        library = sandbox.home() / "Videos" / "Plim";
+    }
+
+    std::unique_ptr<ChildProcess> record(std::vector<std::string> extra, const fs::path& folder)
+    {
+        std::vector<std::string> argv{builtExecutable("plimctl").string(), "record", "--library", folder.string()};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        return std::make_unique<ChildProcess>(argv, env, sandbox.home() / "out.txt", sandbox.home() / "err.txt");
+    }
+
+    void xdotool(std::vector<std::string> args)
+    {
+        args.insert(args.begin(), "xdotool");
+        ASSERT_EQ(runCommand(args, env).status, 0) << args[1];
+    }
+
+    static fs::path onlyMovie(const fs::path& folder)
+    {
+        std::vector<fs::path> movies;
+        if (fs::exists(folder))
+            for (const auto& entry : fs::directory_iterator(folder))
+                if (entry.path().extension() == ".mov" && entry.path().string().find(".camera.") == std::string::npos)
+                    movies.push_back(entry.path());
+        return movies.size() == 1 ? movies[0] : fs::path();
+    }
+
+    // ffprobe's value of one entry ("stream=width" of stream "v:0").
+    std::string probe(const fs::path& movie, const std::string& stream, const std::string& entry)
+    {
+        auto r = runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries", entry, "-of",
+            "default=nw=1:nk=1", movie.string()});
+        return r.out.substr(0, r.out.find('\n'));
+    }
+    double probeDuration(const fs::path& movie, const std::string& stream)
+    {
+        auto text = probe(movie, stream, "stream=duration");
+        return text.empty() || text == "N/A" ? -1 : std::stod(text);
+    }
+
+    // Waits up to 10 s for the recording's movie to appear.
+    static fs::path awaitMovie(const fs::path& folder)
+    {
+        for (int i = 0; i < 200; ++i) {
+            if (auto movie = onlyMovie(folder); !movie.empty())
+                return movie;
+            std::this_thread::sleep_for(50ms);
+        }
+        return {};
+    }
+
+    // Seconds of the system-sound track (the second sound track) louder than -30 dBFS, as (first, last) instants.
+    std::optional<std::pair<double, double>> loudSpan(const fs::path& movie)
+    {
+        auto r = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-map", "0:a:1", "-ac", "1", "-ar", "48000",
+            "-f", "f32le", "-"});
+        std::vector<float> samples(r.out.size() / 4);
+        std::memcpy(samples.data(), r.out.data(), samples.size() * 4);
+        std::optional<double> first, last;
+        for (size_t i = 0; i < samples.size(); ++i)
+            if (std::fabs(samples[i]) > 0.03f) {
+                if (!first)
+                    first = double(i) / 48000;
+                last = double(i) / 48000;
+            }
+        if (!first)
+            return std::nullopt;
+        return std::pair{*first, *last};
+    }
+
+    XdgSandbox sandbox;
+    XvfbServer x;
+    PulseServer pulse;
+    std::vector<std::string> env;
+    fs::path library;
+};
+
+// One recording covers the pointer, clicks, shortcuts, plain typing, a tone on the
+// computer's sound, a 2 s pause, the movie's shape and the identity.
+TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
+{
+    TempDir scratch;
+    fs::path tone = scratch / "tone.wav";
+    ASSERT_EQ(runCommand({"sox", "-n", "-r", "48000", "-c", "2", tone.string(), "synth", "0.4", "sine", "880", "vol",
+                  "0.5"}).status, 0);
+
+    auto started = std::chrono::steady_clock::now();
+    env.push_back("PLIM_LOG=stderr");
+    auto child = record({"--duration", "4", "--mic", "--system-sound", "--camera-device", "/dev/plim-no-camera", "--fps",
+                            "60", "--area", "0,0,640,360"},
+        library);
+    ASSERT_FALSE(awaitMovie(library).empty()) << readText(sandbox.home() / "err.txt");
+    std::this_thread::sleep_for(300ms);
+    xdotool({"mousemove", "200", "150", "click", "1"});
+    xdotool({"mousemove", "400", "300", "click", "3"});
+    xdotool({"key", "super+s", "ctrl+shift+z", "h", "i", "shift+x", "Left", "Right"});
+    ASSERT_EQ(runCommand({"paplay", "-d", "plimsink", tone.string()}, env).status, 0);
+    kill(child->pid(), SIGUSR1); // pause
+    std::this_thread::sleep_for(2000ms);
+    xdotool({"mousemove", "600", "500", "click", "1"}); // while paused: left out
+    xdotool({"key", "super+p"});
+    kill(child->pid(), SIGUSR1); // resume
+    int status = child->wait();
+    double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    std::string err = readText(sandbox.home() / "err.txt");
+    ASSERT_EQ(status, 0) << err;
+
+    fs::path movie = onlyMovie(library);
+    ASSERT_FALSE(movie.empty()) << err;
+    EXPECT_NE(readText(sandbox.home() / "out.txt").find(movie.string()), std::string::npos);
+
+    // The movie: the area's size, 60 frames a second, 4 s although more than 6 s passed.
+    EXPECT_EQ(probe(movie, "v:0", "stream=width"), "640");
+    EXPECT_EQ(probe(movie, "v:0", "stream=height"), "360");
+    EXPECT_GT(wall, 6.0);
+    double video = probeDuration(movie, "v:0");
+    EXPECT_NEAR(video, 4.0, 0.25);
+    auto frames = runCommand({"ffprobe", "-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
+        "stream=nb_read_packets", "-of", "default=nw=1:nk=1", movie.string()});
+    int packets = std::atoi(frames.out.c_str());
+    EXPECT_GT(packets, int(video * 60 * 0.5)) << "too many frames dropped: " << err;
+    EXPECT_LE(packets, int(video * 60) + 2);
+    // The microphone (mono) and the computer's sound (stereo) span the movie; the camera
+    // that cannot open is named and left out.
+    EXPECT_EQ(probe(movie, "a:0", "stream=channels"), "1");
+    EXPECT_EQ(probe(movie, "a:1", "stream=channels"), "2");
+    EXPECT_NEAR(probeDuration(movie, "a:0"), video, 0.25);
+    EXPECT_NEAR(probeDuration(movie, "a:1"), video, 0.25);
+    EXPECT_NE(err.find("The camera at /dev/plim-no-camera could not be opened, so the plim rolls without the camera."),
+        std::string::npos);
+    EXPECT_FALSE(fs::exists(sidecarPath(movie, "camera.mov")));
+
+    // The tone is in the system-sound track, before the pause.
+    auto loud = loudSpan(movie);
+    ASSERT_TRUE(loud.has_value());
+    EXPECT_GT(loud->first, 0.5);
+    EXPECT_NEAR(loud->second - loud->first, 0.4, 0.1);
+
+    // The cursor track: about 60 samples a second over the movie's length, the clicks where
+    // xdotool clicked, nothing from the pause.
+    auto cursor = Json::parse(readText(sidecarPath(movie, "cursor.json")));
+    int64_t offset = cursor.value("videoStartOffsetMS", int64_t(-1));
+    EXPECT_GE(offset, 0);
+    EXPECT_LT(offset, 500);
+    const auto& samples = cursor["samples"];
+    double trackSeconds = (samples.back()["t"].get<double>() - offset) / 1000.0;
+    EXPECT_NEAR(trackSeconds, video, 0.2);
+    EXPECT_NEAR(double(samples.size()) / trackSeconds, 60.0, 6.0);
+    const auto& clicks = cursor["clicks"];
+    ASSERT_EQ(clicks.size(), 2u) << clicks.dump();
+    EXPECT_EQ(clicks[0]["x"].get<double>(), 200);
+    EXPECT_EQ(clicks[0]["y"].get<double>(), 150);
+    EXPECT_EQ(clicks[1]["x"].get<double>(), 400);
+    EXPECT_EQ(clicks[1]["y"].get<double>(), 300);
+    for (const auto& click : clicks) {
+        double movieTime = (click["t"].get<double>() - offset) / 1000.0;
+        EXPECT_GT(movieTime, 0.0);
+        EXPECT_LT(movieTime, loud->first + 0.5); // before the pause
+    }
+
+    // The keystroke track: the shortcuts and arrows, never the plain letters.
+    auto keys = Json::parse(readText(sidecarPath(movie, "keys.json")));
+    std::vector<std::string> captions;
+    for (const auto& event : keys["events"])
+        captions.push_back(event["caption"].get<std::string>());
+    EXPECT_EQ(captions, (std::vector<std::string>{"⌘S", "⌃⇧Z", "←", "→"}));
+
+    // The identity.
+    auto id = Json::parse(readText(sidecarPath(movie, "id.json")));
+    EXPECT_EQ(id["uuid"].get<std::string>().size(), 36u);
+    EXPECT_TRUE(id.contains("mintedAt"));
+}
+
+TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
+{
+    auto child = record({"--area", "0,0,640,360"}, library);
+    fs::path movie = awaitMovie(library);
+    ASSERT_FALSE(movie.empty()) << readText(sandbox.home() / "err.txt");
+    auto rolling = std::chrono::steady_clock::now();
+    std::this_thread::sleep_for(300ms);
+    xdotool({"key", "super+k"});
+    std::this_thread::sleep_for(6200ms);
+    kill(child->pid(), SIGKILL);
+    double killedAt = std::chrono::duration<double>(std::chrono::steady_clock::now() - rolling).count() + 0.5;
+    EXPECT_EQ(child->wait(), 128 + SIGKILL);
+    EXPECT_EQ(probe(movie, "v:0", "stream=width"), "640");
+    auto decoded = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-f", "null", "-"});
+    auto shown = runCommand({"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "default=nw=1:nk=1",
+        movie.string()});
+    double duration = std::atof(shown.out.c_str());
+    EXPECT_GT(duration, killedAt - 2.5) << decoded.err;
+    EXPECT_LT(duration, killedAt + 1.0);
+    // The cursor track kept in its journal reaches within five seconds of the kill.
+    auto track = CursorTrack::read(movie);
+    ASSERT_TRUE(track.has_value()) << track.error().sentence;
+    ASSERT_FALSE(track->value.samples.empty());
+    EXPECT_GT(double(track->value.samples.back().t) / 1000.0, killedAt - 5.5);
+    // So does the keystroke track, written every few seconds.
+    auto keys = KeystrokeTrack::read(movie);
+    ASSERT_TRUE(keys.has_value());
+    ASSERT_EQ(keys->value.events.size(), 1u);
+    EXPECT_EQ(keys->value.events[0].caption, "⌘K");
+}
+
+TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "mounting a small tmpfs needs root";
+    TempDir mountPoint;
+    ASSERT_EQ(mount("tmpfs", mountPoint.path().c_str(), "tmpfs", 0, "size=1m"), 0) << std::strerror(errno);
+    struct Unmount {
+        fs::path path;
+        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+    } unmount{mountPoint.path()};
+    fs::path folder = mountPoint.path() / "Plim";
+    fs::create_directories(folder);
+
+    // A disk with almost nothing left refuses before the first frame.
+    {
+        std::ofstream filler(mountPoint / "filler", std::ios::binary);
+        std::string block(4096, 'x');
+        struct statvfs space{};
+        while (statvfs(mountPoint.path().c_str(), &space) == 0 && space.f_bavail * space.f_frsize > 128 * 1024) {
+            filler.write(block.data(), std::streamsize(block.size()));
+            filler.flush();
+        }
+    }
+    auto refused = record({"--area", "0,0,320,240", "--duration", "2"}, folder);
+    EXPECT_EQ(refused->wait(), 1);
+    EXPECT_NE(readText(sandbox.home() / "err.txt")
+                  .find("The disk was full before the first frame could be written. Free at least 2 GB and roll again."),
+        std::string::npos)
+        << readText(sandbox.home() / "err.txt");
+    EXPECT_TRUE(onlyMovie(folder).empty());
+
+    // With room for a few seconds of a still picture, fresh noise fills it while rolling.
+    fs::resize_file(mountPoint / "filler", 300 * 1024);
+    TestWindow window(x.display(), 0, 0, 1280, 720, 0x204080);
+    auto child = record({"--duration", "30"}, folder);
+    std::this_thread::sleep_for(3500ms);
+    window.setNoise(true);
+    int status = child->wait();
+    std::string err = readText(sandbox.home() / "err.txt");
+    EXPECT_EQ(status, 1) << err;
+    EXPECT_NE(err.find("The disk filled while rolling at 0:0"), std::string::npos) << err;
+    fs::path movie = onlyMovie(folder);
+    ASSERT_FALSE(movie.empty()) << err;
+    auto shown = runCommand({"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "default=nw=1:nk=1",
+        movie.string()});
+    EXPECT_GT(std::atof(shown.out.c_str()), 1.5) << shown.err;
+}
+
+} // namespace
+} // namespace plim

@@ -1,0 +1,153 @@
+// The X11 screen source and the capture session on a real X server: subjects that cannot
+// be recorded are refused with their sentences, an area records at its even size, and a
+// window is followed as it moves until it closes.
+
+#include "base/files.h"
+#include "capture/capture_session.h"
+#include "testing/scripted_camera.h"
+#include "testkit/servers.h"
+#include "testkit/test_window.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace plim {
+namespace {
+
+using namespace testkit;
+using namespace std::chrono_literals;
+
+class ScreenCaptureTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!x.isUp())
+            GTEST_SKIP() << "Xvfb could not start here";
+    }
+    XvfbServer x{"800x600x24"};
+    TempDir folder;
+};
+
+TEST_F(ScreenCaptureTest, SubjectsThatCannotBeRecordedAreRefusedWithTheirSentences)
+{
+    TestWindow window(x.display(), 10, 10, 50, 40, 0x00ff00);
+    struct Case {
+        const char* name;
+        ScreenSubject subject;
+        std::optional<std::string> display;
+        std::string sentence;
+    };
+    const Case cases[] = {
+        {"no X server", ScreenSubject::display(), ":999", "No display is available to record."},
+        {"an area 1.5 points wide", ScreenSubject::areaOf({0, 0, 1.5, 100}), x.display(),
+            "That subject reports a size of 1.5 x 100 points, which is too small to record."},
+        {"a device", ScreenSubject{ScreenSubject::Kind::device, {}, 0, {}, "iPad"}, x.display(),
+            "A device subject reached the screen path."},
+        {"a window that does not exist", ScreenSubject::window(0x7fffff), x.display(), "That window is gone."},
+        {"an unknown display", ScreenSubject::display("HDMI-9"), x.display(),
+            "There is no display called \"HDMI-9\" to record. Nothing was recorded. Pick one of: screen."},
+    };
+    for (const Case& c : cases) {
+        auto source = createX11ScreenSource(c.subject, c.display);
+        ASSERT_FALSE(source.has_value()) << c.name;
+        EXPECT_EQ(source.error().sentence, c.sentence) << c.name;
+    }
+    auto two = createX11ScreenSource(ScreenSubject::areaOf({5, 5, 2, 2}), x.display());
+    ASSERT_TRUE(two.has_value()) << two.error().sentence;
+    EXPECT_EQ((*two)->frame(), (Rect{5, 5, 2, 2}));
+}
+
+TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSizeWithTheCameraBeside)
+{
+    TestWindow window(x.display(), 0, 0, 800, 600, 0x3366cc);
+    CaptureSettings settings;
+    settings.subject = ScreenSubject::areaOf({100, 50, 301, 201});
+    settings.display = x.display();
+    settings.keycaps = false;
+    auto devices = openDevices(settings);
+    ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
+    devices->camera = std::make_unique<ScriptedCameraSource>(160, 120, 30);
+    CaptureSession::Options options;
+    options.movie = folder / "Area.mov";
+    auto session = CaptureSession::start(settings, std::move(*devices), options);
+    ASSERT_TRUE(session.has_value()) << session.error().sentence;
+    std::this_thread::sleep_for(1500ms);
+    auto outcome = (*session)->finish();
+    ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
+    EXPECT_EQ(outcome.value.width, 300);
+    EXPECT_EQ(outcome.value.height, 200);
+    EXPECT_GT(outcome.value.frames, 30);
+    auto probe = runCommand({"ffprobe", "-v", "error", "-show_entries", "stream=width,height", "-of", "csv=p=0",
+        options.movie.string()});
+    EXPECT_EQ(probe.out, "300,200\n");
+    auto track = CursorTrack::read(options.movie);
+    ASSERT_TRUE(track.has_value());
+    EXPECT_EQ(track->value.displayX, 100);
+    EXPECT_EQ(track->value.displayWidth, 301);
+    EXPECT_GE(track->value.videoStartOffsetMS, 0);
+    EXPECT_TRUE(fs::exists(options.movie));
+
+    // The camera movie beside it, placed by its start instant.
+    EXPECT_TRUE(outcome.value.hasCamera);
+    auto camera = runCommand({"ffprobe", "-v", "error", "-show_entries", "stream=width,height", "-of", "csv=p=0",
+        sidecarPath(options.movie, "camera.mov").string()});
+    EXPECT_EQ(camera.out, "160,120\n");
+    ASSERT_TRUE(track->value.cameraOffsetMS.has_value());
+    EXPECT_GT(*track->value.cameraOffsetMS, -200);
+    EXPECT_LT(*track->value.cameraOffsetMS, 500);
+}
+
+TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
+{
+    TestWindow backdrop(x.display(), 0, 0, 800, 600, 0x000000);
+    TestWindow window(x.display(), 50, 60, 200, 100, 0xff0000);
+    CaptureSettings settings;
+    settings.subject = ScreenSubject::window(window.id());
+    settings.display = x.display();
+    auto devices = openDevices(settings);
+    ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
+    std::atomic<bool> ended{false};
+    std::string headline;
+    CaptureSession::Options options;
+    options.movie = folder / "Window.mov";
+    options.onEnded = [&](const std::string& h) {
+        headline = h;
+        ended = true;
+    };
+    auto session = CaptureSession::start(settings, std::move(*devices), options);
+    ASSERT_TRUE(session.has_value()) << session.error().sentence;
+    std::this_thread::sleep_for(700ms);
+    ASSERT_EQ(runCommand({"xdotool", "windowmove", std::to_string(window.id()), "300", "200"},
+                  {"DISPLAY=" + x.display()}).status, 0);
+    std::this_thread::sleep_for(1200ms);
+    window.close();
+    for (int i = 0; i < 100 && !ended; ++i)
+        std::this_thread::sleep_for(20ms);
+    ASSERT_TRUE(ended.load());
+    EXPECT_EQ(headline, "That window is gone.");
+    auto outcome = (*session)->finish();
+    ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
+    EXPECT_EQ(outcome.value.failure, "That window is gone.");
+    EXPECT_EQ(outcome.value.width, 200);
+    EXPECT_EQ(outcome.value.height, 100);
+
+    // The window's own red content all along, moved or not; its frame keys follow it.
+    auto track = CursorTrack::read(options.movie);
+    ASSERT_TRUE(track.has_value());
+    EXPECT_EQ(track->value.displayX, 50);
+    ASSERT_FALSE(track->value.frames.empty());
+    EXPECT_EQ(track->value.frames.front().x, 300);
+    EXPECT_EQ(track->value.frames.front().y, 200);
+    auto last = runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.3", "-i", options.movie.string(), "-frames:v", "1",
+        "-vf", "crop=2:2:100:50", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
+    ASSERT_EQ(last.out.size(), 12u) << last.err;
+    EXPECT_GT(uint8_t(last.out[0]), 200);
+    EXPECT_LT(uint8_t(last.out[1]), 60);
+}
+
+} // namespace
+} // namespace plim

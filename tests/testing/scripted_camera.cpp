@@ -1,0 +1,39 @@
+#include "testing/scripted_camera.h"
+
+#include "base/clock.h"
+
+#include <chrono>
+#include <cstring>
+
+namespace plim {
+
+Status ScriptedCameraSource::start(FrameHandler onFrame)
+{
+    m_thread = std::jthread([this, onFrame = std::move(onFrame)](std::stop_token stop) {
+        double next = systemUptime();
+        uint8_t level = 0;
+        while (!stop.stop_requested()) {
+            Image image = Image::allocate(m_width, m_height);
+            for (int y = 0; y < m_height; ++y)
+                std::memset(image.row(y), level, size_t(m_width) * 4);
+            level = uint8_t(level + 8);
+            onFrame(CapturedFrame{std::move(image), systemUptime()});
+            m_delivered.fetch_add(1);
+            next += 1.0 / m_fps;
+            double wait = next - systemUptime();
+            if (wait > 0)
+                std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+        }
+    });
+    return {};
+}
+
+void ScriptedCameraSource::stop()
+{
+    if (m_thread.joinable()) {
+        m_thread.request_stop();
+        m_thread.join();
+    }
+}
+
+} // namespace plim

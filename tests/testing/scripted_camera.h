@@ -1,0 +1,31 @@
+#pragma once
+// A camera for tests, where none exists: solid pictures whose level steps every frame.
+
+#include "capture/camera_source.h"
+
+#include <atomic>
+#include <thread>
+
+namespace plim {
+
+// Frames at the given size and rate on its own thread.
+class ScriptedCameraSource final : public CameraSource {
+public:
+    ScriptedCameraSource(int width, int height, double fps) : m_width(width), m_height(height), m_fps(fps) {}
+    ~ScriptedCameraSource() override { stop(); }
+    std::string deviceName() const override { return "Scripted camera"; }
+    int width() const override { return m_width; }
+    int height() const override { return m_height; }
+    double framesPerSecond() const override { return m_fps; }
+    Status start(FrameHandler onFrame) override;
+    void stop() override;
+    int64_t delivered() const { return m_delivered.load(); }
+
+private:
+    int m_width, m_height;
+    double m_fps;
+    std::jthread m_thread;
+    std::atomic<int64_t> m_delivered{0};
+};
+
+} // namespace plim
