@@ -221,17 +221,20 @@ TEST(PlimDocument, TheIPhoneShapeIsForPhonePlimsOnly)
     EXPECT_EQ(phone.edits().look->shape, PlimLook::Shape::iPhone);
 }
 
+// The edits a new document starts from in the saving tests.
+PlimEdits firstEdit()
+{
+    PlimEdits e;
+    e.plan.trimIn = 0.75;
+    return e;
+}
+
 TEST(PlimDocument, SavingLeavesAFileWithoutReadPermissionByteForByte)
 {
     if (rerunUnprivileged())
         return;
     TempDir dir;
     fs::path movie = dir / "B.mov", file = dir / "B.edits.json";
-    auto firstEdit = [] {
-        PlimEdits e;
-        e.plan.trimIn = 0.75;
-        return e;
-    };
     const std::string locked = R"({"version": 2, "trimIn": 3})";
     writeText(file, locked);
     chmod(file.c_str(), 0);
@@ -246,11 +249,6 @@ TEST(PlimDocument, SavesButNeverOverwritesARefusedOrUnreadableFileUntilEdited)
 {
     TempDir dir;
     fs::path movie = dir / "B.mov", file = dir / "B.edits.json";
-    auto firstEdit = [] {
-        PlimEdits e;
-        e.plan.trimIn = 0.75;
-        return e;
-    };
     for (std::string bytes : {std::string(R"({"version": 3, "writtenBy": "Plim 9"})"), std::string("{ not json")}) {
         writeText(file, bytes);
         auto opened = PlimDocument::open(movie, 10, false, firstEdit);
