@@ -1,8 +1,10 @@
 #pragma once
 // Staging: how a plim is dressed (StageSpec), where everything sits on the output canvas
 // (StageGeometry, DeviceFrameGeometry, ReframeMath) and what one output instant shows
-// (StageMoment, from RecordedMomentSource over the smoothed pointer).
+// (StageMoment, from RecordedMomentSource over the smoothed pointer); the StageRenderer
+// that composes each output frame over the Compositor seam.
 
+#include "stage/compositor.h"
 #include "stage/cursor_smoother.h"
 #include "stage/cursor_spring.h"
 #include "stage/device_frame.h"
@@ -11,4 +13,5 @@
 #include "stage/reframe_math.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"
+#include "stage/stage_renderer.h"
 #include "stage/stage_spec.h"
