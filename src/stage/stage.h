@@ -1,9 +1,11 @@
 #pragma once
 // Staging: how a plim is dressed (StageSpec), where everything sits on the output canvas
 // (StageGeometry, DeviceFrameGeometry, ReframeMath) and what one output instant shows
-// (StageMoment, from RecordedMomentSource over the smoothed pointer); the sound of a
-// share under its edit (ShareAudioPlan, ShareAudioMixer).
+// (StageMoment, from RecordedMomentSource over the smoothed pointer); the StageRenderer
+// that composes each output frame over the Compositor seam; the sound of a share under its
+// edit (ShareAudioPlan, ShareAudioMixer).
 
+#include "stage/compositor.h"
 #include "stage/cursor_smoother.h"
 #include "stage/cursor_spring.h"
 #include "stage/device_frame.h"
@@ -14,4 +16,5 @@
 #include "stage/share_audio_plan.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"
+#include "stage/stage_renderer.h"
 #include "stage/stage_spec.h"

@@ -3,7 +3,7 @@
 #include "stage/stage_backdrop.h"
 
 #include "base/log.h"
-#include "library/plim_look.h"
+#include "library/library.h"
 #include "stage/stage_renderer.h"
 
 #include <cairo.h>
@@ -175,9 +175,11 @@ Result<Image> readPng(const std::filesystem::path& path)
     if (!std::filesystem::is_regular_file(path, ec))
         return fail("The backdrop picture " + name + " is not there.", Error::Kind::missing);
     cairo_surface_t* surface = cairo_image_surface_create_from_png(path.c_str());
-    if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) {
+    if (const cairo_status_t status = cairo_surface_status(surface); status != CAIRO_STATUS_SUCCESS) {
         cairo_surface_destroy(surface);
-        return fail("The backdrop picture " + name + " could not be read as a PNG picture.", Error::Kind::unreadable);
+        if (status == CAIRO_STATUS_READ_ERROR || status == CAIRO_STATUS_FILE_NOT_FOUND)
+            return fail("The backdrop picture " + name + " could not be opened for reading.", Error::Kind::unreadable);
+        return fail("The backdrop picture " + name + " could not be read as a PNG picture.", Error::Kind::corrupt);
     }
     const int w = cairo_image_surface_get_width(surface), h = cairo_image_surface_get_height(surface);
     const int stride = cairo_image_surface_get_stride(surface);
@@ -192,7 +194,7 @@ Result<Image> readPng(const std::filesystem::path& path)
     }
     cairo_surface_destroy(surface);
     if (image.isEmpty())
-        return fail("The backdrop picture " + name + " has no pixels.", Error::Kind::unreadable);
+        return fail("The backdrop picture " + name + " has no pixels.", Error::Kind::corrupt);
     return image;
 }
 
