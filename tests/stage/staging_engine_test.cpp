@@ -245,9 +245,12 @@ TEST_F(StagingEngineTest, AFullDiskGivesTheWriterSentenceAndLeavesNoPartialFile)
     if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=200k") != 0)
         GTEST_SKIP() << "a small tmpfs cannot be mounted here (" << std::strerror(errno) << "), so a full disk is not tried";
     auto unmount = std::unique_ptr<fs::path, void (*)(fs::path*)>(&small, [](fs::path* p) { ::umount(p->c_str()); });
+    source.noise = true;
+    ASSERT_TRUE(writeTestMovie(movie, source));
     auto before = folderContents(dir.path());
-    auto j = job();
-    j.output = small / "B.reframe.mp4";
+    auto j = job(trimPlan(0, 1), false); // about 0.8 MB at 720 lines
+    j.quality = RenderRules::Quality::p720;
+    j.output = small / "B.staged.mov";
     auto outcome = StagingEngine::stage(j, {}, {});
     ASSERT_TRUE(outcome.isFailed());
     EXPECT_TRUE(outcome.sentence.starts_with("The file could not be written: ")) << outcome.sentence;
