@@ -469,6 +469,8 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
             std::make_shared<AssetPCMSource>(job.movie, "The plim's sound"), std::map<int, std::shared_ptr<PCMSource>>{});
     }
 
+    if (progress)
+        progress(StagingProgress{0, s.expected});
     StopSource stopAll;
     std::stop_callback forward(stop, [&] { stopAll.request_stop(); });
     FirstFailure failure(stopAll);

@@ -147,7 +147,8 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     EXPECT_EQ(probe.frames, 30);
     std::string bytes = readText(outcome.value.stagedURL);
     EXPECT_LT(bytes.find("moov"), bytes.find("mdat")) << "the index is at the front";
-    ASSERT_EQ(reports.size(), 30u);
+    ASSERT_EQ(reports.size(), 31u); // none done, then each frame
+    EXPECT_EQ(reports.front().frames, 0);
     EXPECT_EQ(reports.back().frames, 30);
     EXPECT_DOUBLE_EQ(reports.back().fraction(), 1.0);
     for (const auto& entry : fs::directory_iterator(dir.path()))
