@@ -163,6 +163,56 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     EXPECT_LT(middle[1], 80);
 }
 
+// Pixels of the picture's bottom-right quarter within 40 of a colour in every channel.
+int countNear(const Image& image, uint32_t rgb)
+{
+    int n = 0;
+    for (int y = image.height / 2; y < image.height; ++y)
+        for (int x = image.width / 2; x < image.width; ++x) {
+            const uint8_t* px = image.row(y) + x * 4;
+            if (std::abs(px[2] - static_cast<int>((rgb >> 16) & 0xff)) < 40
+                && std::abs(px[1] - static_cast<int>((rgb >> 8) & 0xff)) < 40
+                && std::abs(px[0] - static_cast<int>(rgb & 0xff)) < 40)
+                ++n;
+        }
+    return n;
+}
+
+TEST_F(StagingEngineTest, TheCameraBubbleShowsTheCameraMovieAtItsOffset)
+{
+    TestMovie camera;
+    camera.width = 160;
+    camera.height = 120;
+    camera.sound = false;
+    camera.colors = {{0, 0xff00ff}, {1, 0x00ffff}, {2, 0xffff00}};
+    ASSERT_TRUE(writeTestMovie(dir / "B.camera.mov", camera));
+    auto j = job({}, false);
+    j.quality = RenderRules::Quality::p720;
+    struct Case {
+        int64_t offsetMS;
+        double at;        // output seconds
+        uint32_t shown;   // the camera's colour then
+        uint32_t notShown;
+    };
+    const Case cases[] = {
+        {0, 0.25, 0xff00ff, 0x00ffff},
+        {1000, 0.25, 0x00ffff, 0xff00ff}, // the camera started a second before the screen
+        {1000, 1.5, 0xffff00, 0x00ffff},
+    };
+    for (const auto& c : cases) {
+        j.cursor.cameraOffsetMS = c.offsetMS;
+        auto frame = StagingEngine::frame(j, c.at);
+        ASSERT_TRUE(frame) << frame.error().sentence;
+        EXPECT_GT(countNear(*frame, c.shown), 2000) << c.offsetMS << " at " << c.at;
+        EXPECT_EQ(countNear(*frame, c.notShown), 0) << c.offsetMS << " at " << c.at;
+    }
+    // Without an offset in the track there is no camera to place.
+    j.cursor.cameraOffsetMS.reset();
+    auto bare = StagingEngine::frame(j, 0.25);
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(countNear(*bare, 0xff00ff), 0);
+}
+
 // A sink that never accepts a frame until the render gives up on it.
 class StuckSink final : public VideoSink {
 public:
