@@ -35,6 +35,7 @@ Result<std::unique_ptr<VideoSink>> VideoSink::movie(const Settings& settings)
     writer.bitsPerSecond = exportBitsPerSecond(settings.width, settings.height);
     writer.preset = exportPreset;
     writer.threads = settings.threads;
+    writer.queueDepth = 2; // the engine queues composed frames itself
     if (settings.sound)
         writer.sound.push_back(MovieWriter::exportTrack());
     auto made = PLIM_TRY(MovieWriter::create(std::move(writer)));
