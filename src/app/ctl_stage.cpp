@@ -207,10 +207,15 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     if (options->has("--auto"))
         report->plan = proposeAutoEdit(*report).plan;
 
-    auto stored = StageSpecFile::read(sidecarPath(report->movie, "stage.json"));
-    if (stored.kind == StageSpecFile::Kind::unreadable)
-        err << "notice: " << stored.sentence << "\n";
-    StageSpec spec = stored.spec;
+    // The stage look beside the movie when there is one; the default look otherwise.
+    StageSpec spec;
+    if (auto stored = StageSpecFile::read(sidecarPath(report->movie, "stage.json"))) {
+        spec = stored->value;
+        for (const auto& notice : stored->notices)
+            err << "notice: " << notice << "\n";
+    } else if (stored.error().kind != Error::Kind::missing) {
+        err << "notice: " << stored.error().sentence << "\n";
+    }
     StagingJob job = renderJob(*report, spec, options->has("--reframe"));
     if (auto problem = applyLook(*options, job.spec, job.look)) {
         err << problem->sentence << "\n";
