@@ -26,7 +26,7 @@ $SUDO apt-get update -q
 $SUDO apt-get install -y -q --no-install-recommends "${packages[@]}"
 
 build_type=${BUILD_TYPE:-Sanitize}
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE="$build_type"
+cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE="$build_type" -DPLIM_WERROR=ON
 cmake --build build -j"$(nproc)"
 
 # The demo plim to try the commands on (README's main job): 20 s of a made-up desktop with

@@ -76,7 +76,7 @@ int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
             err << "plimctl plan: " << written.error().sentence << "\n";
             return 1;
         }
-        err << "wrote " << sidecarPath(report->movie, "edits.json").string() << "\n";
+        err << "wrote " << sidecarPath(report->movie, PlimFiles::edits).string() << "\n";
     }
     return 0;
 }

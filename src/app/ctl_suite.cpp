@@ -1,11 +1,7 @@
 #include "app/ctl_suite.h"
 #include "app/plimctl.h"
 
-#include "suite/beacon.h"
-#include "suite/graph_reader.h"
-#include "suite/graph_writer.h"
-#include "suite/moment.h"
-#include "suite/suite_bus.h"
+#include "suite/suite.h"
 
 #include <cerrno>
 #include <charconv>

@@ -1,7 +1,7 @@
 #include "app/plan_report.h"
 
 #include "capture/capture.h"
-#include "plan/time_remap.h"
+#include "plan/plan.h"
 
 #include <cstdio>
 #include <ostream>

@@ -4,7 +4,7 @@
 #include "app/stage_cli.h"
 #include "base/log.h"
 #include "base/places.h"
-#include "library/plims_folder_move.h"
+#include "library/library.h"
 
 #include <ostream>
 

@@ -1,6 +1,7 @@
 #include "library/plim4_migration.h"
 
 #include "library/plim_edits.h"
+#include "library/plim_record.h"
 
 #include <system_error>
 
@@ -60,7 +61,7 @@ Result<Standing> standing(const fs::path& rawMovie)
         break;
     case PlimEdits::ReadResult::Kind::none:
         if (read.plim3Stage) {
-            fs::path stageFile = sidecarPath(rawMovie, "stage.json");
+            fs::path stageFile = sidecarPath(rawMovie, PlimFiles::stage);
             out.kind = Standing::Kind::plim3Project;
             out.projectURL = stageFile;
             out.notes.push_back("This plim was made by Plim 3. Its look is read from " +

@@ -4,9 +4,8 @@
 #include "base/dates.h"
 #include "base/files.h"
 #include "base/log.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
-#include "plan/auto_edit.h"
+#include "capture/capture.h"
+#include "plan/plan.h"
 
 #include <algorithm>
 #include <cmath>

@@ -4,6 +4,7 @@
 #include "base/dates.h"
 #include "base/files.h"
 #include "base/log.h"
+#include "library/plim_record.h"
 
 #include <algorithm>
 #include <array>
@@ -62,7 +63,7 @@ std::string parseFailureDescription(std::string_view text)
 
 std::optional<Json> readPlim3Stage(const fs::path& movie)
 {
-    fs::path path = sidecarPath(movie, "stage.json");
+    fs::path path = sidecarPath(movie, PlimFiles::stage);
     auto json = readJsonFile(path);
     if (!json) {
         if (json.error().kind != Error::Kind::missing)
@@ -234,7 +235,7 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
 PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
 {
     std::optional<Json> stage = readPlim3Stage(besideMovie);
-    fs::path path = sidecarPath(besideMovie, "edits.json");
+    fs::path path = sidecarPath(besideMovie, PlimFiles::edits);
     std::string name = path.filename().string();
     auto finish = [&](ReadResult result) {
         result.plim3Stage = stage;
@@ -286,7 +287,7 @@ Json PlimEdits::toJson(std::string_view writer) const
 
 Status PlimEdits::write(const fs::path& besideMovie, std::string_view writer) const
 {
-    fs::path path = sidecarPath(besideMovie, "edits.json");
+    fs::path path = sidecarPath(besideMovie, PlimFiles::edits);
     Json json = toJson(writer);
     if (!jsonAllFinite(json))
         return fail("The edits for " + baseName(besideMovie) +

@@ -42,7 +42,7 @@ Result<PlimIdentity> PlimIdentity::fromJson(const Json& json)
 
 fs::path PlimIdentity::pathFor(const std::string& base, const fs::path& folder)
 {
-    return folder / (base + "." + suffix);
+    return folder / (base + "." + std::string(suffix));
 }
 
 Result<PlimIdentity> PlimIdentity::read(const std::string& base, const fs::path& folder)

@@ -5,6 +5,7 @@
 #include "base/dates.h"
 #include "base/error.h"
 #include "base/json.h"
+#include "library/plim_record.h"
 
 #include <filesystem>
 #include <optional>
@@ -15,7 +16,7 @@ namespace plim {
 namespace fs = std::filesystem;
 
 struct PlimIdentity {
-    static constexpr const char* suffix = "id.json";
+    static constexpr std::string_view suffix = PlimFiles::identity;
 
     std::string uuid;                  // standard text form, upper-case
     std::optional<SystemTime> mintedAt; // whole seconds; nothing when the file's date was unreadable

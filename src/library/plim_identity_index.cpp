@@ -111,7 +111,7 @@ PlimIdentityIndex PlimIdentityIndex::reconcile(const std::vector<std::string>& b
         else if (reading.error().kind == Error::Kind::corrupt)
             repair(base, {Repair::Kind::corrupt, reading.error().sentence});
         else
-            index.report.unresolved[base] = base + "." + PlimIdentity::suffix + " could not be read: " + reading.error().sentence;
+            index.report.unresolved[base] = base + "." + std::string(PlimIdentity::suffix) + " could not be read: " + reading.error().sentence;
     }
 
     // 2. Duplicates: the original keeps the id, every other name gets a new one.
@@ -166,7 +166,7 @@ bool PlimIdentityIndex::Report::empty() const
 
 std::vector<std::string> PlimIdentityIndex::Report::sentences() const
 {
-    const std::string idSuffix = std::string(".") + PlimIdentity::suffix;
+    const std::string idSuffix = "." + std::string(PlimIdentity::suffix);
     std::vector<std::string> out;
 
     if (!minted.empty()) {

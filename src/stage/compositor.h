@@ -166,10 +166,6 @@ public:
     // sub-pixel exact, inside `clip` (anti-aliased edges) when given, at `opacity`.
     virtual void draw(Image& target, const Image& source, const Affine& transform,
         const std::optional<RoundedRect>& clip = std::nullopt, double opacity = 1, Filter filter = Filter::smooth) = 0;
-    // Paints `source` over `target` through `transform`, cut by the alpha of `mask`
-    // (mask pixels placed through `maskTransform`).
-    virtual void drawMasked(Image& target, const Image& source, const Affine& transform, const Image& mask,
-        const Affine& maskTransform, double opacity = 1) = 0;
 
     // --- Regions ---
     // Gaussian blur of the pixels inside `box` (outside untouched). The picture is clamped

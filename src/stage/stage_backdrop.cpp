@@ -203,7 +203,9 @@ void drawBackdrop(Compositor& c, Image& target, const BackdropChoice& choice)
         return;
     auto picture = readPng(*choice.picture);
     if (!picture) {
-        logLine(LogArea::main, picture.error().sentence + " The stage uses the default backdrop instead; the file was left as it is.");
+        logLine(LogArea::main,
+            picture.error().sentence
+                + " The stage uses the default backdrop instead and the file was left as it is; save the picture as a PNG to use it.");
         drawArt(c, target, stage_style::namedBackdrop(StageSpec::Backdrop::Named::gradient));
         return;
     }

@@ -12,6 +12,7 @@
 #include "stage/stage_style.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <map>
 #include <numbers>
@@ -89,6 +90,22 @@ RoundedRect transformed(const RoundedRect& shape, const Affine& t)
     return {t.apply(shape.rect), shape.radius * uniformScale(t)};
 }
 
+// The parts of `whole` outside `hole`: bands above and below it, and left and right of it.
+std::vector<Rect> around(const Rect& whole, const Rect& hole)
+{
+    const double top = std::clamp(hole.minY(), whole.minY(), whole.maxY());
+    const double bottom = std::clamp(hole.maxY(), top, whole.maxY());
+    const double left = std::clamp(hole.minX(), whole.minX(), whole.maxX());
+    const double right = std::clamp(hole.maxX(), left, whole.maxX());
+    std::vector<Rect> parts;
+    for (const Rect& r : {Rect{whole.x, whole.y, whole.width, top - whole.y},
+             Rect{whole.x, bottom, whole.width, whole.maxY() - bottom}, Rect{whole.x, top, left - whole.x, bottom - top},
+             Rect{right, top, whole.maxX() - right, bottom - top}})
+        if (r.width > 0 && r.height > 0)
+            parts.push_back(r);
+    return parts;
+}
+
 // The pointer arrow, tip at the origin, 24 units tall, y down.
 Path arrowPath()
 {
@@ -112,7 +129,7 @@ public:
     {
         m_width = static_cast<int>(canvas.width);
         m_height = static_cast<int>(canvas.height);
-        m_u = canvas.width / 1280.0;
+        m_u = std::min(canvas.width, canvas.height) / style::unitSide;
         if (options.reframe) {
             // The recording at its own size: no padding, corners or shadow.
             m_spec.paddingPX = 0;
@@ -129,6 +146,7 @@ public:
             m_radius = m_device->screenCorner;
         }
         prepareGround();
+        prepareSpotlight();
         preparePointer();
         prepareBubble();
     }
@@ -140,7 +158,7 @@ public:
     Image render(const Image& source, const StageMoment& moment, const std::optional<Affine>& stageTransform,
         const std::optional<Image>& camera) override
     {
-        Image out = uninitializedFrame(m_width, m_height);
+        Image out = nextFrame();
         Affine stage = m_geometry.zoomTransform(moment.zoom);
         if (stageTransform)
             stage = stage.then(*stageTransform);
@@ -157,16 +175,37 @@ public:
             drawZoomBlur(out, moment);
         drawClicks(out, moment);
         drawCamera(out, moment, camera);
+        if (moment.touch)
+            drawTouch(out, pictureOf(moment.touch->x, moment.touch->y));
         if (moment.cursor)
             drawPointer(out, *moment.cursor);
-        const double captionHeight = moment.caption ? drawCaption(out, *moment.caption, moment.keycaps.empty()) : 0;
-        drawKeycaps(out, moment, captionHeight);
+        // Keycaps sit above a caption at the bottom, so the caption is laid out first.
+        const std::optional<Rect> caption = layoutCaption(moment.caption);
+        const bool captionBelow = caption && m_spec.captionPlace == StageSpec::CaptionPlace::bottom;
+        drawKeycaps(out, moment, captionBelow ? caption->height : 0);
+        if (caption)
+            drawCaption(out, *caption);
         if (moment.transition)
             applyTransition(out, *moment.transition);
         return out;
     }
 
 private:
+    // A frame to draw into: one of ours that every caller has let go of, else a new one.
+    Image nextFrame()
+    {
+        for (Image& frame : m_frames)
+            if (frame.pixels.use_count() == 1) {
+                // Whoever let go of it last finished reading before we write.
+                std::atomic_thread_fence(std::memory_order_acquire);
+                return frame;
+            }
+        Image frame = uninitializedFrame(m_width, m_height);
+        if (m_frames.size() < framePool)
+            m_frames.push_back(frame);
+        return frame;
+    }
+
     // --- Prepared once ---
 
     void prepareGround()
@@ -198,6 +237,20 @@ private:
                     shape.radius - m_device->stroke / 2}),
                 style::deviceStroke, m_device->stroke);
         }
+    }
+
+    void prepareSpotlight()
+    {
+        if (!m_spec.cursorSpotlight)
+            return;
+        const double inner = style::spotlightInner * m_u, outer = style::spotlightOuter * m_u;
+        const int side = std::max(2, static_cast<int>(std::ceil(2 * outer)));
+        const double r = side / 2.0;
+        m_spotlight = Image::allocate(side, side);
+        m_c->fillGradient(m_spotlight,
+            Gradient::radial({r, r}, inner * r / outer, r, {{0, {0, 0, 0, 0}}, {1, {0, 0, 0, style::spotlightDim}}}));
+        m_c->fillGradient(m_spotlight,
+            Gradient::radial({r, r}, 0, inner * r / outer, {{0, style::spotlightGlow}, {1, style::spotlightGlow.withAlpha(0)}}));
     }
 
     void preparePointer()
@@ -280,8 +333,12 @@ private:
             if (m_stagePic.isIdentity()) {
                 m_c->copy(out, m_ground, hole);
             } else {
-                m_c->clear(out, {0, 0, 0, 1});
-                m_c->draw(out, m_ground, m_stagePic);
+                if (!m_stagePic.apply(whole).contains(whole, 1e-6))
+                    m_c->clear(out, {0, 0, 0, 1});
+                // The magnified ground only around the card: four bands about the hole.
+                const std::vector<Rect> parts = hole ? around(whole, *hole) : std::vector<Rect>{whole};
+                for (const Rect& part : parts)
+                    m_c->draw(out, m_ground, m_stagePic, RoundedRect{part, 0});
             }
         }
         if (source.isEmpty()) {
@@ -299,7 +356,7 @@ private:
     void drawMasks(Image& out, const StageMoment& moment)
     {
         for (const MaskRegion& mask : moment.masks) {
-            const Rect f = mask.rect();
+            const auto f = mask.rect(); // fractions of the picture from its top-left
             if (!(f.width > 0) || !(f.height > 0))
                 continue;
             const Point a = pictureOf(f.x, f.y);
@@ -315,12 +372,16 @@ private:
 
     void drawSpotlight(Image& out, Point at)
     {
-        const double inner = style::spotlightInner * m_u * std::sqrt(m_zoom);
-        const double outer = style::spotlightOuter * m_u * std::sqrt(m_zoom);
-        m_c->fillGradient(out,
-            Gradient::radial(at, inner, outer, {{0, {0, 0, 0, 0}}, {1, {0, 0, 0, style::spotlightDim}}}));
-        m_c->fillGradient(out, Gradient::radial(at, 0, inner, {{0, style::spotlightGlow}, {1, style::spotlightGlow.withAlpha(0)}}),
-            RoundedRect{{at.x - inner, at.y - inner, 2 * inner, 2 * inner}, inner});
+        // Uniform dimming outside a square around the pointer; inside it the prepared
+        // radial falloff, scaled with the zoom.
+        const double k = std::sqrt(m_zoom);
+        const double outer = style::spotlightOuter * m_u * k;
+        const Rect square{at.x - outer, at.y - outer, 2 * outer, 2 * outer};
+        const Color dim{0, 0, 0, style::spotlightDim};
+        for (const Rect& band : around({0, 0, m_canvas.width, m_canvas.height}, square))
+            m_c->fill(out, dim, RoundedRect{band, 0});
+        const double scale = square.width / m_spotlight.width;
+        m_c->draw(out, m_spotlight, Affine::scale(scale, scale).then(Affine::translation(square.x, square.y)));
     }
 
     void drawZoomBlur(Image& out, const StageMoment& moment)
@@ -404,6 +465,15 @@ private:
         }
     }
 
+    // A finger on a phone recording: a soft grey disc with a light rim.
+    void drawTouch(Image& out, Point at)
+    {
+        const double r = style::touchRadius * m_u * std::sqrt(m_zoom);
+        const RoundedRect disc{{at.x - r, at.y - r, 2 * r, 2 * r}, r};
+        m_c->fill(out, style::touchFill, disc);
+        m_c->strokePath(out, Path().addCircle(at, r - 1), style::touchRim, 2 * m_u);
+    }
+
     void drawPointer(Image& out, const StageMoment::Cursor& cursor)
     {
         if (!(cursor.alpha > 0.002))
@@ -419,10 +489,13 @@ private:
         if (m_options.motionSmear) {
             const Point was = pictureOf(cursor.previousX, cursor.previousY);
             const double dx = tip.x - was.x, dy = tip.y - was.y;
-            if (std::hypot(dx, dy) > style::pointerSmearMin * m_u) {
-                for (int i = style::pointerSmearCopies; i >= 1; --i) {
-                    const double f = double(i) / (style::pointerSmearCopies + 1);
-                    drawArrow(out, {tip.x - dx * f, tip.y - dy * f}, k, alpha * 0.35 * (1 - f));
+            const double travel = std::hypot(dx, dy);
+            if (travel > style::pointerSmearMin * m_u) {
+                // Copies close enough to overlap into a streak, fading toward where it was.
+                const int copies = std::clamp(static_cast<int>(travel / (0.25 * height)), 2, style::pointerSmearCopies);
+                for (int i = copies; i >= 1; --i) {
+                    const double f = double(i) / (copies + 1);
+                    drawArrow(out, {tip.x - dx * f, tip.y - dy * f}, k, alpha * 0.3 * (1 - f));
                 }
             }
         }
@@ -510,12 +583,13 @@ private:
         }
     }
 
-    // Draws the caption and returns the height it takes at the bottom (0 at the top).
-    double drawCaption(Image& out, const std::string& caption, bool /*alone*/)
+    // Where the caption line goes: its box on the picture (empty when there is none). The
+    // set text is kept until the line or its style changes.
+    std::optional<Rect> layoutCaption(const std::optional<std::string>& caption)
     {
-        if (caption.empty())
-            return 0;
-        const double size = style::captionText(m_spec.captionSize) * m_u;
+        if (!caption || caption->empty())
+            return std::nullopt;
+        const double size = captionSize();
         TextStyle text;
         text.family = style::fontFamily;
         text.size = m_spec.captionLook == StageSpec::CaptionLook::bold ? size * 1.12 : size;
@@ -523,32 +597,46 @@ private:
             : m_spec.captionLook == StageSpec::CaptionLook::minimal  ? 500
                                                                      : 600;
         text.maxWidth = style::captionMaxWidth * m_canvas.width;
-        if (caption != m_captionKey || !(text == m_captionStyle)) {
-            m_captionKey = caption;
+        if (*caption != m_captionKey || !(text == m_captionStyle)) {
+            m_captionKey = *caption;
             m_captionStyle = text;
-            m_captionLayer = m_c->text(caption, text);
+            m_captionLayer = m_c->text(*caption, text);
             m_captionShadowLayer = m_c->shadowOf(m_captionLayer.image, std::max(1.0, 0.08 * size),
-                style::captionShadow, static_cast<int>(std::ceil(0.3 * size)));
+                style::captionShadow, captionShadowMargin());
         }
         const Image& img = m_captionLayer.image;
         if (img.isEmpty())
-            return 0;
-        const bool pill = m_spec.captionLook == StageSpec::CaptionLook::pill;
-        const double padX = pill ? style::captionPillPadX * size : 0;
-        const double padY = pill ? style::captionPillPadY * size : 0;
-        const double boxW = img.width + 2 * padX, boxH = img.height + 2 * padY;
-        const double x = (m_canvas.width - boxW) / 2;
+            return std::nullopt;
+        const Size pad = captionPadding();
+        const double boxW = img.width + 2 * pad.width, boxH = img.height + 2 * pad.height;
         const double margin = style::captionMargin * m_u;
         const bool bottom = m_spec.captionPlace == StageSpec::CaptionPlace::bottom;
         const double y = bottom ? m_canvas.height - margin - m_bottom.captionInset - boxH : margin;
-        if (pill) {
-            m_c->fill(out, style::captionPill, RoundedRect{{x, y, boxW, boxH}, std::min(boxH / 2, 0.9 * size)});
+        return Rect{(m_canvas.width - boxW) / 2, y, boxW, boxH};
+    }
+
+    double captionSize() const { return style::captionText(m_spec.captionSize) * m_u; }
+    int captionShadowMargin() const { return static_cast<int>(std::ceil(0.3 * captionSize())); }
+    Size captionPadding() const
+    {
+        if (m_spec.captionLook != StageSpec::CaptionLook::pill)
+            return {};
+        return {style::captionPillPadX * captionSize(), style::captionPillPadY * captionSize()};
+    }
+
+    // The caption line in its look: on a pill, or bare with a soft shadow.
+    void drawCaption(Image& out, const Rect& box)
+    {
+        const double size = captionSize();
+        const Size pad = captionPadding();
+        if (m_spec.captionLook == StageSpec::CaptionLook::pill) {
+            m_c->fill(out, style::captionPill, RoundedRect{box, std::min(box.height / 2, 0.9 * size)});
         } else {
-            const int m = static_cast<int>(std::ceil(0.3 * size));
-            m_c->draw(out, m_captionShadowLayer, Affine::translation(x + padX - m, y + padY - m + 0.06 * size));
+            const int m = captionShadowMargin();
+            m_c->draw(out, m_captionShadowLayer,
+                Affine::translation(box.x + pad.width - m, box.y + pad.height - m + 0.06 * size));
         }
-        m_c->draw(out, img, Affine::translation(x + padX, y + padY));
-        return bottom ? boxH : 0;
+        m_c->draw(out, m_captionLayer.image, Affine::translation(box.x + pad.width, box.y + pad.height));
     }
 
     void applyTransition(Image& out, const EditPlan::TransitionPhase& transition)
@@ -592,6 +680,7 @@ private:
     double m_radius = 0;
     Image m_backdrop;
     Image m_ground;
+    Image m_spotlight; // the falloff around the pointer at zoom 1
     Image m_pointerShadow;
     double m_pointerShadowScale = 1;
     int m_pointerShadowMargin = 0;
@@ -604,6 +693,9 @@ private:
     TextStyle m_captionStyle;
     TextLayer m_captionLayer;
     Image m_captionShadowLayer;
+    // Frames handed out and reused once released.
+    static constexpr size_t framePool = 6;
+    std::vector<Image> m_frames;
     // Per frame.
     Affine m_stagePic;
     double m_zoom = 1;

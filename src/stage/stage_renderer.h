@@ -8,9 +8,11 @@
 // the pointer sprite are prepared in create(); render() only draws what changes.
 //
 // Threads: render() is called from one thread at a time (the engine's compose thread);
-// it may use the compositor's worker threads inside a call. The returned Image is new for
-// every call and owned by the caller, so it can be queued to an encoder while the next
-// frame is composed. Source and camera pictures are only read.
+// it may use the compositor's worker threads inside a call. The returned Image belongs to
+// the caller for as long as it holds a copy, so it can be queued to an encoder (on any
+// thread) while the next frame is composed; once every copy is gone the renderer reuses
+// its pixels for a later frame, so keep an Image, never a raw pointer into one. Source
+// and camera pictures are only read.
 
 #include "base/error.h"
 #include "base/geometry.h"

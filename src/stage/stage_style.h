@@ -1,7 +1,8 @@
 #pragma once
 // Every colour, curve and radius of the stage art in one place: backdrops, click tints,
-// pointer, camera bubble, keycaps, captions, spotlight and transitions. Lengths marked
-// "u" are pixels of a 1280-wide canvas (scaled by canvas width / 1280 when drawn).
+// pointer, camera bubble, keycaps, captions, spotlight and transitions. Overlay lengths
+// marked "u" are pixels of a 1280 × 720 canvas, scaled by the canvas's shorter side / 720,
+// so a vertical or square video gets overlays as large as a landscape one of its height.
 
 #include "library/plim_look.h"
 #include "stage/compositor.h"
@@ -10,6 +11,9 @@
 #include <vector>
 
 namespace plim::stage_style {
+
+// The shorter canvas side at which one u is one pixel.
+inline constexpr double unitSide = 720;
 
 // A backdrop's art: a linear gradient at `angle` degrees (0 = left to right, 90 = bottom to
 // top) over its stops, and a soft radial glow near the top-left for depth.
@@ -96,7 +100,12 @@ inline constexpr Color pointerOutline = {1, 1, 1, 1};
 inline constexpr double pointerOutlineWidth = 1.6; // in arrow units of 24
 inline constexpr Color pointerShadow = {0, 0, 0, 0.45};
 inline constexpr double pointerSmearMin = 6;       // canvas pixels per frame before the pointer streaks
-inline constexpr int pointerSmearCopies = 4;
+inline constexpr int pointerSmearCopies = 10;
+
+// A touch on a phone recording: radius in u, fill and rim.
+inline constexpr double touchRadius = 22;
+inline constexpr Color touchFill = {0.55, 0.55, 0.58, 0.45};
+inline constexpr Color touchRim = {1, 1, 1, 0.7};
 
 // Spotlight around the pointer: clear inside spotlightInner u, dimmed by spotlightDim
 // beyond spotlightOuter u, and a faint warm glow at the pointer.
@@ -158,8 +167,8 @@ inline constexpr double punchScale = 0.08;
 inline constexpr double punchFlash = 0.18;
 
 // Zoom blur: magnification spread per unit of zoom velocity, capped.
-inline constexpr double zoomBlurPerVelocity = 0.06;
-inline constexpr double zoomBlurMax = 0.05;
+inline constexpr double zoomBlurPerVelocity = 0.015;
+inline constexpr double zoomBlurMax = 0.03;
 
 // Typeface of keycaps and captions.
 inline constexpr const char* fontFamily = "Noto Sans";

@@ -1,8 +1,7 @@
 #include "app/ctl_suite.h"
 
 #include "base/json.h"
-#include "suite/graph_writer.h"
-#include "suite/suite_bus.h"
+#include "suite/suite.h"
 #include "suite/test_session_bus.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include "library/plim_document.h"
 #include "base/dates.h"
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 #include "testkit/testkit.h"
 
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 #include "stage/cursor_smoother.h"
 #include "stage/cursor_spring.h"
 

@@ -7,6 +7,7 @@
 
 #include "base/log.h"
 #include "plan/edit_plan.h"
+#include "stage/device_frame.h"
 #include "stage/reframe_math.h"
 #include "testkit/testkit.h"
 
@@ -225,6 +226,12 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
         EXPECT_GT(dark, 12);
         EXPECT_EQ(distance(at(frame, tx - 40, ty - 30), at(bare, tx - 40, ty - 30)), 0);
     }
+    // A touch on a phone recording shows where the finger is.
+    StageMoment touched;
+    touched.touch = StageMoment::Touch{0.7, 0.6};
+    const Rect card = r->geometry().screenRect;
+    const int touchX = static_cast<int>(card.x + 0.7 * card.width), touchY = static_cast<int>(180 - (card.y + 0.4 * card.height));
+    EXPECT_GT(changed(r->render(source, touched), bare, touchX - 12, touchY - 12, touchX + 12, touchY + 12, 10), 60);
     // A hidden pointer draws nothing.
     StageMoment hidden;
     hidden.cursor = StageMoment::Cursor{0.5, 0.5, 0.5, 0.5, 0, 0};
@@ -355,6 +362,29 @@ TEST(StageRenderer, VerticalShapePutsTheBubbleLow)
     const Rgba middle = at(frame, static_cast<int>(bubble.midX()), static_cast<int>(320 - bubble.midY()));
     EXPECT_GT(middle.g, 150);
     EXPECT_LT(middle.r, 80);
+}
+
+TEST(StageRenderer, VerticalStackPutsCaptionAndKeycapsAboveTheBubble)
+{
+    StageRenderer::Options options;
+    options.shape = PlimLook::Shape::vertical;
+    options.camera = CameraBubble{};
+    auto r = renderer(StageSpec{}, {360, 640}, {320, 180}, options);
+    const Image source = solid(320, 180, {200, 200, 200, 255});
+    const Image camera = solid(40, 40, {20, 200, 20, 255});
+    const Image bare = r->render(source, {}, std::nullopt, camera);
+    StageMoment m;
+    m.caption = "Save it";
+    m.keycaps = {{1000, "⌘S"}};
+    m.keycapTime = 1.2;
+    const Image frame = r->render(source, m, std::nullopt, camera);
+    save(frame, "vertical_stack");
+    const Rect bubble = ReframeMath::bubbleRect({360, 640});
+    const int bubbleTop = static_cast<int>(640 - bubble.maxY());
+    // Both sit above the bubble and below the middle of the picture.
+    EXPECT_GT(changed(frame, bare, 0, 320, 360, bubbleTop), 200);
+    EXPECT_EQ(changed(frame, bare, 0, bubbleTop, 360, 640), 0);
+    EXPECT_EQ(changed(frame, bare, 0, 0, 360, 300), 0);
 }
 
 TEST(StageRenderer, KeycapsAppearAtTheirTime)
@@ -500,6 +530,186 @@ TEST(StageRenderer, BackdropsOfEveryKind)
     EXPECT_LT(distance(at(r->ground(), 1, 1), at(d->ground(), 1, 1)), 4);
     EXPECT_TRUE(log.contains("broken.png could not be read"));
     EXPECT_EQ(testkit::readText(dir / "broken.png"), "not a picture");
+}
+
+TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
+{
+    const Image source = checker(320, 180, 2);
+    StageSpec spec;
+    spec.paddingPX = 0;
+    spec.cornersPX = 0;
+    spec.cursorSpotlight = true;
+    StageRenderer::Options options;
+    options.zoomBlur = true;
+    auto r = renderer(spec, {320, 180}, {320, 180}, options);
+    StageMoment still;
+    still.zoom = {1.5, 0.3, 0.5};
+    const Image sharp = r->render(source, still);
+    StageMoment moving = still;
+    moving.zoomVelocity = 2;
+    const Image blurred = r->render(source, moving);
+    save(blurred, "zoom_blur");
+    // Far from the zoom centre the picture smears; at the centre it stays put.
+    EXPECT_LT(detail(blurred, 250, 0, 320, 60), detail(sharp, 250, 0, 320, 60) * 0.8);
+    EXPECT_EQ(changed(blurred, sharp, 0, 0, 320, 180, 0) > 0, true);
+
+    StageMoment lit;
+    lit.cursor = StageMoment::Cursor{0.2, 0.5, 0.2, 0.5, 0, 0};
+    const Image frame = r->render(source, lit);
+    save(frame, "spotlight");
+    StageSpec plainSpec = spec;
+    plainSpec.cursorSpotlight = false;
+    const Image plain = renderer(plainSpec, {320, 180}, {320, 180})->render(source, lit);
+    auto mean = [](const Image& f, int x0, int x1) {
+        double sum = 0;
+        for (int y = 60; y < 120; ++y)
+            for (int x = x0; x < x1; ++x)
+                sum += at(f, x, y).luma();
+        return sum;
+    };
+    EXPECT_NEAR(mean(frame, 54, 74) / mean(plain, 54, 74), 1, 0.06);
+    EXPECT_LT(mean(frame, 280, 300) / mean(plain, 280, 300), 0.6);
+}
+
+TEST(StageRenderer, FastPointerStreaksAndPressShrinks)
+{
+    StageSpec spec;
+    spec.cursorSize = 300;
+    auto r = renderer(spec, {320, 180}, {320, 180});
+    const Image source = solid(320, 180, {200, 200, 200, 255});
+    const Image bare = r->render(source, {});
+    StageMoment resting, moving, pressed;
+    resting.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 0};
+    moving.cursor = StageMoment::Cursor{0.6, 0.5, 0.3, 0.5, 1, 0};
+    pressed.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 1};
+    const Image still = r->render(source, resting);
+    const Image streak = r->render(source, moving);
+    save(streak, "pointer_smear");
+    // Behind the pointer (to its left) only the streak draws.
+    EXPECT_EQ(changed(still, bare, 110, 60, 180, 120, 10), 0);
+    EXPECT_GT(changed(streak, bare, 110, 60, 180, 120, 10), 20);
+    EXPECT_LT(changed(r->render(source, pressed), bare, 0, 0, 320, 180), changed(still, bare, 0, 0, 320, 180));
+}
+
+TEST(StageRenderer, ShapesFramingAndPhoneBody)
+{
+    const Image source = solid(90, 160, {30, 160, 220, 255});
+    struct Case {
+        const char* name;
+        Size canvas;
+        bool device;
+    };
+    for (const Case& c : {Case{"square", {240, 240}, false}, Case{"phone", {320, 180}, true},
+             Case{"phone_vertical", {180, 320}, true}}) {
+        StageRenderer::Options options;
+        options.deviceFramed = c.device;
+        options.shape = c.canvas.width == c.canvas.height ? PlimLook::Shape::square : PlimLook::Shape::landscape;
+        auto r = renderer(StageSpec{}, c.canvas, {90, 160}, options);
+        const Image frame = r->render(source, {});
+        save(frame, std::string("shape_") + c.name);
+        const int cx = static_cast<int>(c.canvas.width / 2), cy = static_cast<int>(c.canvas.height / 2);
+        EXPECT_LT(distance(at(frame, cx, cy), {30, 160, 220, 255}), 6) << c.name;
+        if (c.device) {
+            // The dark body around the screen and the island near its top.
+            const DeviceFrameGeometry device(c.canvas, {90, 160}, StageSpec{});
+            const int bodyX = static_cast<int>(device.screen.minX() - device.bezel / 2);
+            EXPECT_LT(at(frame, bodyX, cy).luma(), 40) << c.name;
+            const int islandY = static_cast<int>(c.canvas.height - device.island.midY());
+            EXPECT_LT(at(frame, static_cast<int>(device.island.midX()), islandY).luma(), 20) << c.name;
+        }
+    }
+    // A stage transform moves the whole stage: shifted right by 40, the card's left edge follows.
+    auto r = renderer(StageSpec{}, {320, 180}, {320, 180});
+    const Image wide = solid(320, 180, {30, 160, 220, 255});
+    const Image base = r->render(wide, {});
+    const Image moved = r->render(wide, {}, Affine::translation(40, 0));
+    const int edge = static_cast<int>(r->geometry().screenRect.minX()) + 2;
+    EXPECT_LT(distance(at(base, edge, 90), {30, 160, 220, 255}), 6);
+    EXPECT_GT(distance(at(moved, edge, 90), {30, 160, 220, 255}), 60);
+    EXPECT_LT(distance(at(moved, edge + 40, 90), {30, 160, 220, 255}), 6);
+}
+
+TEST(StageRenderer, CameraPictureFromTheMoment)
+{
+    StageRenderer::Options options;
+    options.camera = CameraBubble{};
+    options.camera->mirror = false;
+    auto r = renderer(StageSpec{}, {320, 180}, {320, 180}, options);
+    auto pixels = std::make_shared<std::vector<uint8_t>>(16 * 16 * 4);
+    for (size_t i = 0; i < pixels->size(); i += 4)
+        (*pixels)[i + 1] = 220, (*pixels)[i + 3] = 255; // green
+    StageMoment m;
+    m.cameraFrame = CameraPicture{16, 16, 64, pixels};
+    const Image frame = r->render(solid(320, 180, {90, 90, 90, 255}), m);
+    const Rgba middle = at(frame, static_cast<int>(320 - 7.2 - 21.6), static_cast<int>(180 - 7.2 - 21.6));
+    EXPECT_GT(middle.g, 180);
+    // No camera picture at all: no bubble.
+    const Image none = r->render(solid(320, 180, {90, 90, 90, 255}), {});
+    EXPECT_LT(at(none, static_cast<int>(320 - 7.2 - 21.6), static_cast<int>(180 - 7.2 - 21.6)).g, 120);
+}
+
+TEST(StageRenderer, CameraChoicesComeFromThePlan)
+{
+    struct Case {
+        std::optional<std::string> corner;
+        std::optional<double> x, y, scale;
+        std::optional<std::string> shape;
+        std::optional<bool> mirror, border;
+        CameraBubble expected;
+    };
+    const CameraBubble defaults{CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 1, true, true};
+    const Case cases[] = {
+        {{}, {}, {}, {}, {}, {}, {}, defaults},
+        {"br", {}, {}, 1.5, "card", false, false,
+            {CameraShape::card, PlimLook::BubbleCorner::br, std::nullopt, 1.5, false, false}},
+        {"nowhere", 0.25, 0.75, -2, "hexagon", {}, {}, {CameraShape::circle, PlimLook::BubbleCorner::tl, Point{0.25, 0.75}, 1, true, true}},
+        {{}, 3.0, NAN, 100, {}, {}, {}, {CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 2.5, true, true}},
+    };
+    for (const Case& c : cases) {
+        EditPlan plan;
+        plan.cameraCorner = c.corner;
+        plan.cameraX = c.x;
+        plan.cameraY = c.y;
+        plan.cameraScale = c.scale;
+        plan.cameraShape = c.shape;
+        plan.cameraMirror = c.mirror;
+        plan.cameraBorder = c.border;
+        EXPECT_EQ(CameraBubble::from(plan, PlimLook::BubbleCorner::tl), c.expected);
+    }
+}
+
+TEST(StageRenderer, WallpaperFromThePlasmaConfiguration)
+{
+    testkit::XdgSandbox sandbox;
+    const auto picture = sandbox.home() / "my wall.png";
+    testkit::writeText(picture, "x");
+    std::filesystem::create_directories(sandbox.home() / ".config");
+    testkit::writeText(sandbox.home() / ".config" / "plasma-org.kde.plasma.desktop-appletsrc",
+        "[Containments][1][Wallpaper][org.kde.image][General]\nImage=file://" + (sandbox.home() / "my%20wall.png").string() + "\n");
+    testkit::ScopedEnv config("XDG_CONFIG_HOME", (sandbox.home() / ".config").string());
+    // Without gsettings on the path GNOME has nothing to say, so Plasma's answer counts.
+    testkit::ScopedEnv path("PATH", "/nonexistent");
+    const auto found = currentWallpaper();
+    ASSERT_TRUE(found.has_value());
+    EXPECT_EQ(*found, picture);
+}
+
+TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSize)
+{
+    StageRenderer::Options options;
+    options.reframe = true;
+    StageSpec spec;
+    spec.clickStyle = ClickStyle::ring;
+    auto r = renderer(spec, {160, 90}, {160, 90}, options);
+    const Image source = checker(160, 90, 5);
+    const Image frame = r->render(source, {});
+    for (auto [x, y] : {std::pair{0, 0}, {159, 89}, {80, 45}, {3, 87}})
+        EXPECT_EQ(distance(at(frame, x, y), at(source, x, y)), 0);
+    // Effects still draw on it.
+    const Image grey = solid(160, 90, {90, 90, 90, 255});
+    StageMoment m;
+    m.clicks = {{0.5, 0.5, 0.1}};
+    EXPECT_GT(changed(r->render(grey, m), r->render(grey, {}), 0, 0, 160, 90), 10);
 }
 
 TEST(StageRenderer, UnusableCanvasIsRefusedWithASentence)

@@ -1,0 +1,11 @@
+#include "capture/capture.h"
+#include "fuzz/side_file.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    plim::fuzz::withSideFile(data, size, "keys.json", [](const auto& movie, const auto&) {
+        auto read = plim::KeystrokeTrack::read(movie);
+        (void)read;
+    });
+    return 0;
+}

@@ -1,0 +1,131 @@
+// Every #include in the tree follows the data path: base and media at the bottom, then
+// capture, plan, library, stage, share; suite beside them; app on top. Another folder is
+// reached only through its one public header (capture/capture.h); base's headers are all
+// public. Tests of a folder may use its private headers.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// What each folder under src/ may include besides itself.
+const std::map<std::string, std::set<std::string>> allowed = {
+    {"base", {}},
+    {"media", {"base"}},
+    {"capture", {"base", "media"}},
+    {"plan", {"base", "media", "capture"}},
+    {"library", {"base", "media", "capture", "plan"}},
+    {"stage", {"base", "media", "capture", "plan", "library"}},
+    {"share", {"base", "media", "capture", "plan", "library", "stage"}},
+    {"suite", {"base", "media"}},
+    {"app", {"base", "media", "capture", "plan", "library", "stage", "share", "suite"}},
+};
+
+// Why `target` ("plan/edit_plan.h") may not be included from a file whose own folder is
+// `from` (a src/ folder, or "tests/<folder>", "bench", "fuzz"); empty when it may.
+std::string problem(const std::string& from, const std::string& target)
+{
+    auto slash = target.find('/');
+    if (slash == std::string::npos)
+        return {};
+    std::string folder = target.substr(0, slash);
+    if (!allowed.contains(folder))
+        return {}; // not one of ours (testkit/, testing/ helpers are checked by the build)
+    std::string own = from;
+    bool outside = from.starts_with("tests/") || from == "bench" || from == "fuzz";
+    if (from.starts_with("tests/"))
+        own = from.substr(6);
+    if (own == folder)
+        return {};
+    if (!outside) {
+        auto rule = allowed.find(own);
+        if (rule == allowed.end())
+            return "the folder " + own + " has no place in the data path";
+        if (!rule->second.contains(folder))
+            return own + "/ may not use " + folder + "/, which lies after it on the data path";
+    }
+    if (folder != "base" && target != folder + "/" + folder + ".h")
+        return target + " is private to " + folder + "/; include " + folder + "/" + folder + ".h";
+    return {};
+}
+
+std::vector<std::string> violations(const fs::path& root)
+{
+    static const std::regex include(R"re(^\s*#\s*include\s*"([^"]+)")re");
+    std::vector<std::string> found;
+    for (const char* top : {"src", "tests", "bench", "fuzz"}) {
+        if (!fs::exists(root / top))
+            continue;
+        for (const auto& entry : fs::recursive_directory_iterator(root / top)) {
+            auto ext = entry.path().extension();
+            if (!entry.is_regular_file() || (ext != ".h" && ext != ".cpp"))
+                continue;
+            fs::path relative = fs::relative(entry.path(), root);
+            auto parts = std::vector<std::string>(relative.begin(), relative.end());
+            std::string from = parts[0] == "src" ? parts[1] : parts[0] == "tests" ? "tests/" + parts[1] : parts[0];
+            std::ifstream in(entry.path());
+            std::string line;
+            for (int number = 1; std::getline(in, line); ++number) {
+                std::smatch match;
+                if (!std::regex_search(line, match, include))
+                    continue;
+                std::string target = match[1];
+                if (!fs::exists(root / "src" / target))
+                    continue; // a test helper under tests/, or a system header
+                if (std::string why = problem(from, target); !why.empty())
+                    found.push_back(relative.string() + ":" + std::to_string(number) + ": " + why);
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace
+
+TEST(IncludeDirection, RulesFollowTheDataPath)
+{
+    struct Case {
+        std::string from, target;
+        bool ok;
+    };
+    for (const Case& k : std::vector<Case>{
+             {"plan", "capture/capture.h", true},
+             {"plan", "capture/cursor_track.h", false},
+             {"plan", "plan/edit_plan_fields.h", true},
+             {"capture", "plan/plan.h", false},
+             {"library", "stage/stage.h", false},
+             {"stage", "library/library.h", true},
+             {"suite", "capture/capture.h", false},
+             {"suite", "base/json.h", true},
+             {"base", "media/media.h", false},
+             {"media", "base/image.h", true},
+             {"app", "share/share.h", true},
+             {"app", "suite/beacon.h", false},
+             {"tests/plan", "plan/edit_plan_fields.h", true},
+             {"tests/plan", "capture/cursor_track_reader.h", false},
+             {"tests/base", "app/app.h", true},
+             {"bench", "stage/stage.h", true},
+             {"fuzz", "capture/cursor_track.h", false},
+             {"mystery", "base/error.h", false},
+             {"app", "testkit/testkit.h", true},
+         })
+        EXPECT_EQ(problem(k.from, k.target).empty(), k.ok) << k.from << " -> " << k.target;
+}
+
+TEST(IncludeDirection, TheTreeKeepsTheRules)
+{
+    auto found = violations(PLIM_SOURCE_DIR);
+    std::string listed;
+    for (const auto& v : found)
+        listed += v + "\n";
+    EXPECT_TRUE(found.empty()) << listed;
+}
