@@ -69,6 +69,19 @@ Image frameOf(const Image& page, int n, int width, int height)
     return frame;
 }
 
+// Calls `use` with each picture of a movie in order; returns how many there were.
+template<typename Use>
+int eachFrame(MovieReader& reader, Use use)
+{
+    int n = 0;
+    for (;;) {
+        auto f = reader.next();
+        if (!f || !*f)
+            return n;
+        use(**f, n++);
+    }
+}
+
 double psnr(const Image& a, const Image& b)
 {
     double sum = 0;
@@ -121,13 +134,7 @@ int main(int argc, char** argv)
         if (!reader)
             return 1;
         auto start = Clock::now();
-        int n = 0;
-        while (true) {
-            auto f = (*reader)->next();
-            if (!f || !*f)
-                break;
-            ++n;
-        }
+        int n = eachFrame(**reader, [](const VideoFrame&, int) {});
         std::printf("decode to BGRA %s: %.1f frames/s\n", w ? "scaled to 1280 x 720" : "at 1920 x 1080",
             n / secondsSince(start));
     }
@@ -142,31 +149,20 @@ int main(int argc, char** argv)
         if (!reader || !writer)
             return 1;
         auto start = Clock::now();
-        int n = 0;
-        while (true) {
-            auto f = (*reader)->next();
-            if (!f || !*f)
-                break;
-            if (!(*writer)->appendVideo((*f)->image, (*f)->time))
-                return 1;
-            ++n;
-        }
-        if (!(*writer)->finish())
+        bool written = true;
+        int n = eachFrame(**reader,
+            [&](const VideoFrame& f, int) { written = written && (*writer)->appendVideo(f.image, f.time).has_value(); });
+        if (!written || !(*writer)->finish())
             return 1;
         double elapsed = secondsSince(start);
         // Quality: each decoded export frame against the page it was made from.
         auto check = MovieReader::create(out);
         double total = 0, worst = 99;
-        int m = 0;
-        while (true) {
-            auto f = (*check)->next();
-            if (!f || !*f)
-                break;
-            double p = psnr((*f)->image, frameOf(page, m, width, height));
+        int m = eachFrame(**check, [&](const VideoFrame& f, int i) {
+            double p = psnr(f.image, frameOf(page, i, width, height));
             total += p;
             worst = std::min(worst, p);
-            ++m;
-        }
+        });
         std::printf("transcode %-9s: %6.1f frames/s (%.2fx real time), PSNR mean %.2f dB, worst %.2f dB, %lld bytes\n",
             preset, n / elapsed, n / elapsed / fps, m ? total / m : 0.0, worst,
             static_cast<long long>(fs::file_size(out)));

@@ -42,9 +42,10 @@ public:
         int threads = 0;
     };
 
-    // Opens the movie and its first picture track. Fails with a sentence (kind `missing`
-    // when there is no file, `unreadable` for a file that is not a movie, has no picture,
-    // is cut short before its index, or holds a codec this build cannot decode).
+    // Opens the movie and its first picture track. Fails with a sentence, of kind
+    // `missing` (no file), `unreadable` (no permission, or a picture codec this build
+    // cannot decode), `corrupt` (not a movie, or cut short before its index) or `refused`
+    // (a movie without a picture).
     static Result<std::unique_ptr<MovieReader>> create(const std::filesystem::path& path, Options options);
     static Result<std::unique_ptr<MovieReader>> create(const std::filesystem::path& path)
     {
@@ -56,7 +57,7 @@ public:
     virtual const MovieInfo& info() const = 0;
 
     // The next picture in presentation order; nothing once the movie has ended. A movie cut
-    // short returns every picture up to the cut, then one error (kind `unreadable`) saying
+    // short returns every picture up to the cut, then one error (kind `corrupt`) saying
     // it stopped part way, then nothing.
     virtual Result<std::optional<VideoFrame>> next() = 0;
 

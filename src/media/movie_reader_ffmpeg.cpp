@@ -97,12 +97,12 @@ Status FfmpegMovieReader::open()
     if (rc < 0)
         return fail(concat(name(), " is not a movie Plim can read, or it was cut short before it was finished (",
                         errorText(rc), "). It was left as it is."),
-            Error::Kind::unreadable);
+            rc == AVERROR(EACCES) || rc == AVERROR(EPERM) ? Error::Kind::unreadable : Error::Kind::corrupt);
     m_format.reset(raw);
     rc = avformat_find_stream_info(raw, nullptr);
     if (rc < 0)
         return fail(concat(name(), " could not be read as a movie (", errorText(rc), "). It was left as it is."),
-            Error::Kind::unreadable);
+            Error::Kind::corrupt);
 
     for (unsigned i = 0; i < raw->nb_streams; ++i)
         if (raw->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
@@ -112,7 +112,7 @@ Status FfmpegMovieReader::open()
     m_stream = av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
     if (m_stream < 0)
         return fail(concat(name(), " has no picture in it. Pick a movie that shows a picture."),
-            Error::Kind::unreadable);
+            Error::Kind::refused);
     AVStream* stream = raw->streams[m_stream];
     const AVCodecParameters* par = stream->codecpar;
     m_info.codec = avcodec_get_name(par->codec_id);
@@ -231,7 +231,7 @@ Error FfmpegMovieReader::cutShortError() const
     return Error{concat(name(), " stops part way, after ", where,
                      ": it was cut short, perhaps by a crash or a full disk. The pictures up to there were read; "
                      "the file was left as it is."),
-        Error::Kind::unreadable};
+        Error::Kind::corrupt};
 }
 
 Result<std::optional<VideoFrame>> FfmpegMovieReader::next()

@@ -57,7 +57,7 @@ Status AssetPCMSource::reopen(int64_t at)
                 Error::Kind::unreadable);
         return fail(m_name + " could not be opened (" + e.sentence
                 + "). Share again; if it keeps happening, the file may be damaged.",
-            e.kind == Error::Kind::missing ? Error::Kind::missing : Error::Kind::unreadable);
+            e.kind);
     }
     m_reader = std::move(*reader);
     m_bufferStart = at;
@@ -74,7 +74,7 @@ Status AssetPCMSource::pullUntil(int64_t end)
             const Error& e = block.error();
             if (e.kind == Error::Kind::failed)
                 return fail(m_name + " stopped reading part way " + e.sentence
-                        + ". Nothing was saved. Share again; if it keeps happening, the file may be damaged.",
+                        + " Nothing was saved. Share again; if it keeps happening, the file may be damaged.",
                     Error::Kind::unreadable);
             return fail(m_name + " could not be read: " + e.sentence + ". Share again in a moment.",
                 Error::Kind::unreadable);

@@ -22,12 +22,11 @@ inline constexpr int soundChannels = 2;
 class SoundReader {
 public:
     // Opens the file's sound tracks, positioned so that the first `read()` starts exactly
-    // at `startFrame` (frames at 48 kHz from the movie's start). Fails with a sentence:
-    // kind `missing` (no file), `unreadable` (cannot be opened, or no sound Plim can decode).
-    // A sound track that is there but cannot be decoded fails with kind `refused`. A file
-    // without any sound track reads as silence of no length (the first read is empty).
-    // Errors carry a reason phrase, not a sentence ("it is not a sound file Plim can
-    // read"); callers put their own label in front.
+    // at `startFrame` (frames at 48 kHz from the movie's start). Errors carry a reason
+    // phrase, not a sentence ("it is not a file Plim can read: ..."); callers put their own
+    // label in front. Kinds: `missing` (no file), `unreadable` (cannot be opened), `refused`
+    // (a sound track is there but none can be decoded). A file without any sound track
+    // reads as silence of no length (the first read is empty).
     static Result<std::unique_ptr<SoundReader>> create(const std::filesystem::path& path, int64_t startFrame = 0);
 
     virtual ~SoundReader() = default;
@@ -36,10 +35,13 @@ public:
     virtual int64_t position() const = 0;
 
     // The next block of interleaved stereo samples (some thousands of frames, a whole
-    // number of frames); an empty vector once every track has ended. A read error is a
-    // sentence-free reason in Error::sentence (kind `unreadable`), e.g. "the file stopped
-    // part way"; callers add their own label. A file that ends early (a read error, not the
-    // end of the file) gives kind `failed`.
+    // number of frames); an empty vector once every track has ended. Errors carry a reason
+    // phrase, not a sentence; callers add their own label. A block that will not decode is
+    // left out (silence takes its place) and, once the rest has been given, reported with kind
+    // `unreadable` ("a block of its sound is damaged (...)"). A file that ends early (a read
+    // error, or an index that promises more sound than the file holds) gives, after the
+    // sound before the cut, one error of kind `failed` whose reason ends with a full stop
+    // ("at 1.4 s of 2 s: the file was cut short.").
     virtual Result<std::vector<float>> read() = 0;
 };
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <deque>
+#include <optional>
 #include <system_error>
 
 namespace plim {
@@ -50,6 +51,8 @@ private:
     std::vector<Track> m_tracks;
     double m_origin = 0;
     bool m_fileEnded = false;
+    std::optional<Error> m_cutShort; // said once, after the sound before the cut
+    std::optional<Error> m_damaged;  // a block that would not decode was left out; said at the end
 };
 
 Status FfmpegSoundReader::open()
@@ -61,7 +64,8 @@ Status FfmpegSoundReader::open()
     AVFormatContext* raw = nullptr;
     int rc = avformat_open_input(&raw, m_path.c_str(), nullptr, nullptr);
     if (rc < 0)
-        return fail(concat("it is not a file Plim can read: ", errorText(rc)), Error::Kind::unreadable);
+        return fail(concat("it is not a file Plim can read: ", errorText(rc)),
+            rc == AVERROR(EACCES) || rc == AVERROR(EPERM) ? Error::Kind::unreadable : Error::Kind::corrupt);
     m_format.reset(raw);
     if ((rc = avformat_find_stream_info(raw, nullptr)) < 0)
         return fail(concat("it could not be read: ", errorText(rc)), Error::Kind::unreadable);
@@ -102,14 +106,27 @@ Status FfmpegSoundReader::open()
 
 void FfmpegSoundReader::place(Track& track, const AVFrame* frame, const float* data, int frames)
 {
+    int64_t ts = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp : frame->pts;
+    std::optional<int64_t> at;
+    if (ts != AV_NOPTS_VALUE)
+        at = std::llround((ts * av_q2d(m_format->streams[track.stream]->time_base) - m_origin) * soundSampleRate);
     if (track.first < 0) {
-        int64_t ts = frame->best_effort_timestamp != AV_NOPTS_VALUE ? frame->best_effort_timestamp : frame->pts;
-        double seconds = ts != AV_NOPTS_VALUE ? ts * av_q2d(m_format->streams[track.stream]->time_base) - m_origin : 0;
-        track.first = std::llround(seconds * soundSampleRate);
+        track.first = at.value_or(0);
         // A track that starts after the read position is preceded by silence.
         if (track.first > m_position) {
             track.samples.insert(track.samples.end(), static_cast<size_t>(2 * (track.first - m_position)), 0.0f);
             track.first = m_position;
+        }
+    } else if (at) {
+        // Blocks follow one another; where the stream's clock says otherwise by more than a
+        // resampler's delay (a block left out, a gap in the recording), the clock wins.
+        int64_t gap = *at - track.end();
+        if (gap > 64) {
+            track.samples.insert(track.samples.end(), static_cast<size_t>(2 * gap), 0.0f);
+        } else if (gap < -64) {
+            int64_t drop = std::min<int64_t>(-gap, frames);
+            data += 2 * drop;
+            frames -= static_cast<int>(drop);
         }
     }
     track.samples.insert(track.samples.end(), data, data + 2 * static_cast<size_t>(frames));
@@ -124,17 +141,25 @@ void FfmpegSoundReader::place(Track& track, const AVFrame* frame, const float* d
 Status FfmpegSoundReader::decode(Track& track, const AVPacket* packet)
 {
     AVCodecContext* decoder = track.decoder.get();
+    // A damaged block is left out and reported once the sound around it has been given
+    // (at the tail of a file cut short, the cut is what gets reported).
+    auto damaged = [&](int rc) {
+        if (!m_damaged)
+            m_damaged = Error{concat("a block of its sound is damaged (", errorText(rc), ")"), Error::Kind::unreadable};
+    };
     int rc = avcodec_send_packet(decoder, packet);
     if (rc < 0 && rc != AVERROR_EOF)
-        return fail(concat("a block of its sound is damaged (", errorText(rc), ")"), Error::Kind::unreadable);
+        damaged(rc);
     FramePtr frame(av_frame_alloc());
     std::vector<float> converted;
     for (;;) {
         rc = avcodec_receive_frame(decoder, frame.get());
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF)
             break;
-        if (rc < 0)
-            return fail(concat("a block of its sound is damaged (", errorText(rc), ")"), Error::Kind::unreadable);
+        if (rc < 0) {
+            damaged(rc);
+            break;
+        }
         if (!track.resampler) {
             SwrContext* swr = nullptr;
             AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
@@ -171,9 +196,26 @@ Result<bool> FfmpegSoundReader::pump()
             PLIM_TRY(decode(track, nullptr));
             track.ended = true;
         }
-        if (rc != AVERROR_EOF)
-            return fail(concat("at ", m_position / double(soundSampleRate), " s (", errorText(rc), ")"),
-                Error::Kind::failed);
+        if (rc != AVERROR_EOF) {
+            m_cutShort = Error{concat("at ", m_position / double(soundSampleRate), " s (", errorText(rc), ")."),
+                Error::Kind::failed};
+            return false;
+        }
+        // A file whose index promises more sound than it holds was cut short.
+        for (const auto& track : m_tracks) {
+            const AVStream* stream = m_format->streams[track.stream];
+            if (stream->duration == AV_NOPTS_VALUE || track.first < 0)
+                continue;
+            double start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time * av_q2d(stream->time_base) : 0;
+            double promised = start + stream->duration * av_q2d(stream->time_base) - m_origin;
+            double held = track.end() / double(soundSampleRate);
+            if (held + 0.1 < promised) {
+                m_cutShort = Error{concat("at ", std::round(held * 100) / 100, " s of ", std::round(promised * 100) / 100,
+                                       " s: the file was cut short."),
+                    Error::Kind::failed};
+                break;
+            }
+        }
         return false;
     }
     for (auto& track : m_tracks)
@@ -210,8 +252,16 @@ Result<std::vector<float>> FfmpegSoundReader::read()
         if (!track.ended && track.first >= 0)
             end = std::min(end, track.end());
     end = std::min(end, m_position + blockFrames);
-    if (end <= m_position && !anyLeft)
+    if (end <= m_position && !anyLeft) {
+        for (auto* said : {&m_cutShort, &m_damaged})
+            if (*said) {
+                Error e = **said;
+                m_cutShort.reset();
+                m_damaged.reset();
+                return std::unexpected(e);
+            }
         return std::vector<float>{};
+    }
     std::vector<float> out(2 * static_cast<size_t>(end - m_position), 0.0f);
     for (auto& track : m_tracks) {
         if (track.first < 0)

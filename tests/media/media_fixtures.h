@@ -85,6 +85,21 @@ inline void writeMovie(const fs::path& path, const MovieSpec& spec)
     ASSERT_TRUE(finished) << finished.error().sentence;
 }
 
+// A movie of the given pictures at 30 fps, one per frame, with the default settings.
+inline void writeSolids(const fs::path& path, int width, int height, const std::vector<Image>& pictures)
+{
+    MovieWriter::Settings s;
+    s.path = path;
+    s.width = width;
+    s.height = height;
+    s.frameRate = 30;
+    auto writer = MovieWriter::create(s);
+    ASSERT_TRUE(writer) << writer.error().sentence;
+    for (size_t n = 0; n < pictures.size(); ++n)
+        ASSERT_TRUE((*writer)->appendVideo(pictures[n], n / 30.0));
+    ASSERT_TRUE((*writer)->finish());
+}
+
 // One ffprobe entry (e.g. "stream=codec_name") of one stream ("v:0", "a:1"), as text.
 inline std::string probe(const fs::path& path, const std::string& stream, const std::string& entry)
 {

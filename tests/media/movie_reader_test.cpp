@@ -108,17 +108,11 @@ TEST_F(MovieReaderTest, ReadsPrimaryColoursBackThroughItsMatrix)
     for (int h : {240, 720}) {
         int w = h * 4 / 3;
         fs::path path = *s_dir / ("colours" + std::to_string(h) + ".mp4");
-        MovieWriter::Settings s;
-        s.path = path;
-        s.width = w;
-        s.height = h;
-        s.frameRate = 30;
-        auto writer = MovieWriter::create(s);
-        ASSERT_TRUE(writer);
         const uint8_t colours[3][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}}; // red, green, blue (BGR)
-        for (int n = 0; n < 3; ++n)
-            ASSERT_TRUE((*writer)->appendVideo(solid(w, h, colours[n][0], colours[n][1], colours[n][2]), n / 30.0));
-        ASSERT_TRUE((*writer)->finish());
+        std::vector<Image> pictures;
+        for (const auto& c : colours)
+            pictures.push_back(solid(w, h, c[0], c[1], c[2]));
+        writeSolids(path, w, h, pictures);
         auto reader = MovieReader::create(path);
         ASSERT_TRUE(reader);
         for (int n = 0; n < 3; ++n) {
@@ -158,8 +152,8 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     };
     for (const auto& c : std::vector<Case>{
              {*s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
-             {text, Error::Kind::unreadable, "notes.mp4 is not a movie Plim can read"},
-             {soundOnly, Error::Kind::unreadable, "sound.m4a has no picture in it."},
+             {text, Error::Kind::corrupt, "notes.mp4 is not a movie Plim can read"},
+             {soundOnly, Error::Kind::refused, "sound.m4a has no picture in it."},
              {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
          }) {
         std::string before = fs::exists(c.path) ? testkit::readText(c.path) : "";
@@ -192,6 +186,7 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     EXPECT_LT(frames, 60);
     ASSERT_TRUE(error);
     EXPECT_NE(error->sentence.find("cut.mp4 stops part way"), std::string::npos) << error->sentence;
+    EXPECT_EQ(error->kind, Error::Kind::corrupt);
     EXPECT_TRUE((*reader)->wasCutShort());
     auto probe = testkit::runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0",
         "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", cut.string()});

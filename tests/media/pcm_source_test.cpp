@@ -163,3 +163,32 @@ TEST_F(SoundTest, SourceFailuresNameTheSound)
         }
     }
 }
+
+TEST_F(SoundTest, ACutShortFileGivesItsSoundThenSaysSo)
+{
+    fs::path cut = *s_dir / "cut.mp4";
+    MovieSpec spec; // an export: its index at the front promises 2 s
+    spec.sound = {MovieWriter::exportTrack()};
+    spec.soundSamples = {toneBurst(96000, 2, 440, 0, 96000)};
+    writeMovie(cut, spec);
+    fs::resize_file(cut, fs::file_size(cut) * 6 / 10);
+
+    AssetPCMSource source(cut, "The plim's sound");
+    std::optional<Error> error;
+    int64_t loudFrames = 0;
+    for (int64_t at = 0; at < 96000 && !error; at += 4800) {
+        auto block = source.read(at, 4800);
+        if (!block) {
+            error = block.error();
+            break;
+        }
+        for (size_t i = 0; i < block->size(); i += 2)
+            loudFrames += std::abs((*block)[i]) > 0.01f;
+    }
+    ASSERT_TRUE(error) << "the cut is reported";
+    EXPECT_GT(loudFrames, 20000) << "the sound before the cut was read";
+    EXPECT_EQ(error->sentence.rfind("The plim's sound stopped reading part way at ", 0), 0u) << error->sentence;
+    EXPECT_TRUE(error->sentence.ends_with(
+        "the file was cut short. Nothing was saved. Share again; if it keeps happening, the file may be damaged."))
+        << error->sentence;
+}
