@@ -3,11 +3,8 @@
 // decoded result against the source), and the sound mix of a minute with a sped-up stretch.
 // Usage: media_bench [seconds of source, default 2]
 
-#include "media/movie_reader.h"
-#include "media/movie_writer.h"
-#include "media/pcm_source.h"
-#include "stage/share_audio_mixer.h"
-#include "stage/share_audio_plan.h"
+#include "media/media.h"
+#include "stage/stage.h"
 
 #include <chrono>
 #include <cmath>

@@ -4,7 +4,7 @@
 //
 //   render_bench [--frames N] [--png folder] [--only <part of a scenario name>]
 
-#include "stage/stage_renderer.h"
+#include "stage/stage.h"
 
 #include <cairo.h>
 

@@ -7,11 +7,9 @@
 //
 //   stage_bench [folder]   (default: a folder under /tmp, reused between runs)
 
-#include "app/demo_plim.h"
-#include "app/plan_report.h"
-#include "media/movie_reader.h"
-#include "media/movie_writer.h"
-#include "stage/staging_engine.h"
+#include "app/app.h"
+#include "media/media.h"
+#include "stage/stage.h"
 
 #include <sys/resource.h>
 #include <sys/wait.h>

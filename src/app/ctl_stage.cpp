@@ -2,7 +2,7 @@
 
 #include "app/plan_report.h"
 #include "app/render_job.h"
-#include "stage/stage_renderer.h"
+#include "stage/stage.h"
 
 #include <cairo.h>
 #include <unistd.h>

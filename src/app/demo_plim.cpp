@@ -3,8 +3,7 @@
 #include "app/demo_desktop.h"
 #include "app/demo_script.h"
 #include "base/log.h"
-#include "media/movie_writer.h"
-#include "media/sound_reader.h"
+#include "media/media.h"
 
 #include <fcntl.h>
 #include <spawn.h>

@@ -1,7 +1,7 @@
 #include "app/plan_report.h"
 #include "app/render_job.h"
 #include "app/stage_cli.h"
-#include "stage/stage_renderer.h"
+#include "stage/stage.h"
 
 #include <chrono>
 #include <ostream>

@@ -1,6 +1,6 @@
 #include "stage/render_rules.h"
 
-#include "plan/edit_plan.h"
+#include "plan/plan.h"
 
 #include <algorithm>
 #include <cmath>

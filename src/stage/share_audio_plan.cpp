@@ -1,6 +1,6 @@
 #include "stage/share_audio_plan.h"
 
-#include "plan/plim_clip.h"
+#include "plan/plan.h"
 
 #include <algorithm>
 #include <cmath>

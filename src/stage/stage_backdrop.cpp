@@ -3,7 +3,7 @@
 #include "stage/stage_backdrop.h"
 
 #include "base/log.h"
-#include "library/plim_look.h"
+#include "library/library.h"
 #include "stage/stage_renderer.h"
 
 #include <cairo.h>

@@ -4,7 +4,7 @@
 #include "stage/stage_renderer.h"
 
 #include "base/log.h"
-#include "plan/edit_plan.h"
+#include "plan/plan.h"
 #include "stage/device_frame.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/reframe_math.h"

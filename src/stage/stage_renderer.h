@@ -17,7 +17,7 @@
 #include "base/error.h"
 #include "base/geometry.h"
 #include "base/image.h"
-#include "library/plim_look.h"
+#include "library/library.h"
 #include "stage/compositor.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"

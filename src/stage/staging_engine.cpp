@@ -2,10 +2,8 @@
 
 #include "base/files.h"
 #include "base/log.h"
-#include "library/plim_record.h"
-#include "media/movie_reader.h"
-#include "media/pcm_source.h"
-#include "media/sound_reader.h"
+#include "library/library.h"
+#include "media/media.h"
 #include "stage/bounded_queue.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/share_audio_mixer.h"

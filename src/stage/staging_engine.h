@@ -19,10 +19,9 @@
 
 #include "base/error.h"
 #include "base/image.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
-#include "library/plim_look.h"
-#include "plan/edit_plan.h"
+#include "capture/capture.h"
+#include "library/library.h"
+#include "plan/plan.h"
 #include "stage/render_rules.h"
 #include "stage/stage_spec.h"
 #include "stage/video_sink.h"

@@ -1,4 +1,4 @@
-#include "media/movie_writer.h"
+#include "media/media.h"
 #include "stage/video_sink.h"
 
 namespace plim {

@@ -1,4 +1,4 @@
-#include "plan/edit_plan.h"
+#include "plan/plan.h"
 #include "stage/render_rules.h"
 #include "stage/staging_error.h"
 

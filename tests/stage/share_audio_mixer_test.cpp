@@ -1,8 +1,7 @@
 // The recording's sound through a real movie, a plan with a cut and a sped-up stretch, and
 // the mixer: tone bursts land where the edit puts them, at their own pitch.
 
-#include "media/movie_writer.h"
-#include "media/pcm_source.h"
+#include "media/media.h"
 #include "stage/share_audio_mixer.h"
 #include "stage/share_audio_plan.h"
 #include "testkit/testkit.h"

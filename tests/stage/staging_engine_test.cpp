@@ -1,6 +1,6 @@
 // The staging engine on real movies: what comes out is checked with ffprobe and by its
 // pixels and sound; failures leave no file and the plim as it was.
-#include "media/movie_reader.h"
+#include "media/media.h"
 #include "stage/staging_engine.h"
 #include "testkit/test_movies.h"
 

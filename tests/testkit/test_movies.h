@@ -4,9 +4,8 @@
 // and app tests link.
 
 #include "base/image.h"
-#include "capture/cursor_track.h"
-#include "media/movie_writer.h"
-#include "media/sound_reader.h"
+#include "capture/capture.h"
+#include "media/media.h"
 #include "testkit/testkit.h"
 
 #include <cmath>
