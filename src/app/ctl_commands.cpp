@@ -1,6 +1,7 @@
 #include "app/ctl_demo.h"
 #include "app/ctl_plan.h"
 #include "app/ctl_record.h"
+#include "app/ctl_stage.h"
 #include "app/ctl_suite.h"
 #include "app/plimctl.h"
 
@@ -14,6 +15,7 @@ const std::vector<CtlCommand>& ctlCommands()
         {"moments", "print the suite's shared history, newest last", runMomentsCommand},
         {"plan", "print the edit plan a render of a plim would use", runPlanCommand},
         {"record", "record a display, a window or an area into a new plim", runRecordCommand},
+        {"stage", "render a plim's staged movie, or one frame of it as a picture", runStageCommand},
     };
     return commands;
 }
