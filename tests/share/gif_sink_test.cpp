@@ -1,0 +1,139 @@
+#include "share/gif_sink.h"
+#include "testkit/testkit.h"
+
+#include <gif_lib.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+
+using namespace plim;
+using namespace plim::testkit;
+
+namespace {
+
+// A dark screen with a bright square that moves `step` pixels a frame and a soft gradient band.
+Image screen(int width, int height, int frame)
+{
+    Image image = Image::allocate(width, height);
+    for (int y = 0; y < height; ++y) {
+        uint8_t* row = image.row(y);
+        for (int x = 0; x < width; ++x) {
+            row[4 * x + 0] = static_cast<uint8_t>(40 + (y * 80) / height); // blue rises down the screen
+            row[4 * x + 1] = 30;
+            row[4 * x + 2] = static_cast<uint8_t>((x * 255) / width);
+            row[4 * x + 3] = 255;
+        }
+    }
+    const int x0 = 20 + frame * 16;
+    for (int y = 100; y < 160 && y < height; ++y)
+        for (int x = x0; x < x0 + 60 && x < width; ++x)
+            std::memcpy(image.row(y) + 4 * x, "\xF0\xF0\xF0\xFF", 4);
+    return image;
+}
+
+struct DecodedGif {
+    int width = 0, height = 0;
+    std::vector<int> delays;
+    std::vector<std::pair<int, int>> frameSizes;
+    int loopCount = -1; // -1: no NETSCAPE extension
+};
+
+DecodedGif decode(const fs::path& path)
+{
+    DecodedGif out;
+    int error = 0;
+    GifFileType* gif = DGifOpenFileName(path.c_str(), &error);
+    if (!gif || DGifSlurp(gif) != GIF_OK) {
+        ADD_FAILURE() << "giflib cannot read " << path;
+        if (gif)
+            DGifCloseFile(gif, &error);
+        return out;
+    }
+    out.width = gif->SWidth;
+    out.height = gif->SHeight;
+    for (int i = 0; i < gif->ImageCount; ++i) {
+        GraphicsControlBlock gcb{};
+        DGifSavedExtensionToGCB(gif, i, &gcb);
+        out.delays.push_back(gcb.DelayTime);
+        out.frameSizes.emplace_back(gif->SavedImages[i].ImageDesc.Width, gif->SavedImages[i].ImageDesc.Height);
+        const SavedImage& image = gif->SavedImages[i];
+        for (int e = 0; e + 1 < image.ExtensionBlockCount; ++e)
+            if (image.ExtensionBlocks[e].Function == APPLICATION_EXT_FUNC_CODE && image.ExtensionBlocks[e].ByteCount == 11
+                && std::memcmp(image.ExtensionBlocks[e].Bytes, "NETSCAPE2.0", 11) == 0)
+                out.loopCount = image.ExtensionBlocks[e + 1].Bytes[1] | (image.ExtensionBlocks[e + 1].Bytes[2] << 8);
+    }
+    DGifCloseFile(gif, &error);
+    return out;
+}
+
+} // namespace
+
+TEST(GIFSink, DelaysRoundToHundredthsAndNeverGoUnderTwo)
+{
+    for (auto [seconds, hundredths] : std::vector<std::pair<double, int>>{
+             {0.013, 2}, {0.083, 8}, {1.0 / 12, 8}, {0.0, 2}, {0.025, 3}, {0.5, 50}, {NAN, 2}, {-1.0, 2}})
+        EXPECT_EQ(GIFSink::delayHundredths(seconds), hundredths) << seconds;
+}
+
+TEST(GIFSink, WritesALoopingGifWhoseStillAreasStayTransparent)
+{
+    TempDir dir;
+    const fs::path path = dir / "clip partial.gif";
+    auto sink = GIFSink::create(path, {1152, 648});
+    ASSERT_TRUE(sink) << sink.error().sentence;
+    const int frames = 12;
+    for (int i = 0; i < frames; ++i)
+        ASSERT_TRUE((*sink)->append(screen(1152, 648, i < 6 ? i : 5), i / 12.0));
+    ASSERT_TRUE((*sink)->finish());
+
+    DecodedGif gif = decode(path);
+    EXPECT_EQ(gif.width, 1152);
+    EXPECT_EQ(gif.height, 648);
+    EXPECT_EQ(gif.loopCount, 0);
+    ASSERT_EQ(gif.delays.size(), size_t(frames));
+    for (int delay : gif.delays)
+        EXPECT_EQ(delay, 8);
+    // The first frame is whole; a moving square changes only its own strip; a still frame is one pixel.
+    EXPECT_EQ(gif.frameSizes[0], std::make_pair(1152, 648));
+    EXPECT_LE(gif.frameSizes[1].first, 80);
+    EXPECT_LE(gif.frameSizes[1].second, 60);
+    EXPECT_EQ(gif.frameSizes[frames - 1], std::make_pair(1, 1));
+
+    // ffprobe reads the same size and twelve frames; the rounded 0.08 s delay plays them at 12.5 a second.
+    auto probe = runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
+        "stream=width,height,avg_frame_rate,nb_read_frames", "-of", "csv=p=0", path.string()});
+    EXPECT_EQ(probe.out, "1152,648,25/2,12\n") << probe.err;
+}
+
+TEST(GIFSink, CancelAndFailuresLeaveNoFile)
+{
+    TempDir dir;
+    const fs::path path = dir / "gone partial.gif";
+    {
+        auto sink = GIFSink::create(path, {64, 36});
+        ASSERT_TRUE(sink);
+        ASSERT_TRUE((*sink)->append(screen(64, 36, 0), 0));
+        ASSERT_TRUE((*sink)->append(screen(64, 36, 1), 0.5));
+        EXPECT_TRUE(fs::exists(path));
+        (*sink)->cancel();
+        EXPECT_FALSE(fs::exists(path));
+    }
+    {
+        auto sink = GIFSink::create(path, {64, 36});
+        ASSERT_TRUE(sink);
+        ASSERT_TRUE((*sink)->append(screen(64, 36, 0), 0));
+    } // dropped without finishing
+    EXPECT_FALSE(fs::exists(path));
+
+    auto nowhere = GIFSink::create(dir / "missing" / "x.gif", {64, 36});
+    ASSERT_FALSE(nowhere);
+    EXPECT_EQ(nowhere.error().sentence, "The file could not be written: the GIF file could not be created at "
+        + (dir / "missing" / "x.gif").string() + ". Nothing was saved and your plim is untouched. "
+        "Check there is free space where it saves, then share again.");
+    auto empty = GIFSink::create(path, {64, 36});
+    ASSERT_TRUE(empty);
+    EXPECT_FALSE((*empty)->append(Image{}, 0));
+    EXPECT_FALSE((*empty)->finish()); // nothing to write is not a GIF
+    EXPECT_FALSE(fs::exists(path));
+}
