@@ -1,0 +1,108 @@
+#pragma once
+// Writing movies over FFmpeg: H.264 (libx264 by default; h264_vaapi when asked and a
+// render node opens it), AAC sound (FFmpeg's own encoder), in one of two containers:
+//   - `mp4`: MPEG-4 with its index moved to the front when finished (+faststart), for
+//     exports;
+//   - `fragmentedMov`: a QuickTime movie written in 2-second fragments (a key frame every
+//     2 s, each fragment starting at one), so that a recording cut short by a crash or a
+//     kill stays readable up to its last whole fragment.
+//
+// Pictures are BGRA (base/image.h) converted to yuv420p by swscale; HD pictures (720 rows
+// or more) are converted with the BT.709 matrix and SD with BT.601, limited range, and the
+// stream is tagged with that matrix, its primaries and transfer.
+//
+// Thread and timing contract: one thread calls `appendVideo`, `appendAudio`, `finish` and
+// `cancel` (not concurrently). Colour conversion happens on the caller's thread; encoding
+// and muxing run on the writer's own thread behind a bounded queue (`queueDepth` pictures),
+// so `appendVideo` blocks when the encoder falls behind. x264 uses its own threads too. An
+// error on the writer's thread is returned by the next call. Video times are seconds from
+// the start, strictly increasing; they are stored at 1/`timeScale` resolution.
+//
+// Files: `finish()` leaves a complete movie at `path`. `cancel()`, or a failed `finish()`,
+// removes the partial file. A writer destroyed without either cancels (for `mp4`) or
+// leaves the fragments written so far (for `fragmentedMov`, which is the point of it).
+//
+// Export preset: chosen by measuring speed and quality on this 2-core machine with
+// bench/media_bench (figures in the comment on `exportPreset`).
+
+#include "base/error.h"
+#include "base/image.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace plim {
+
+inline constexpr const char* exportPreset = "veryfast";
+// Recordings are encoded live, so they use the fastest preset.
+inline constexpr const char* recordingPreset = "ultrafast";
+
+// Export bit rate: 9,500,000 × (max(width × height, 1) / 2,073,600)^0.82, truncated.
+int64_t exportBitsPerSecond(int width, int height);
+// Recording bit rate: width × height × 4, at least 8,000,000, times max(scale, 0.25),
+// truncated. A scale that is not finite counts as 1.
+int64_t recordingBitsPerSecond(int width, int height, double scale);
+
+class MovieWriter {
+public:
+    enum class Container { mp4, fragmentedMov };
+
+    struct SoundTrack {
+        int channels = 2;               // 1 or 2
+        int bitsPerSecond = 160000;
+        int sampleRate = 48000;
+    };
+
+    struct Settings {
+        std::filesystem::path path;
+        Container container = Container::mp4;
+        int width = 0;                  // even, at least 2
+        int height = 0;
+        double frameRate = 60;          // expected picture rate (key-frame interval = 2 s of it)
+        int64_t bitsPerSecond = 0;      // average rate; 0 picks exportBitsPerSecond
+        std::string preset = exportPreset;
+        std::vector<SoundTrack> sound;  // at most two tracks
+        bool hardware = false;          // try h264_vaapi first, fall back to libx264
+        int threads = 0;                // encoder threads; 0 = the codec's choice
+        int queueDepth = 8;             // pictures waiting for the encoder
+        int timeScale = 600;            // video time base 1/timeScale
+    };
+
+    // The microphone track of a recording (mono, 128 kb/s) and its system-sound track
+    // (stereo, 160 kb/s); an export's one stereo track (160 kb/s).
+    static SoundTrack microphoneTrack() { return {1, 128000, 48000}; }
+    static SoundTrack systemSoundTrack() { return {2, 160000, 48000}; }
+    static SoundTrack exportTrack() { return {2, 160000, 48000}; }
+
+    // Creates the file and opens the encoders. Fails with a sentence when a setting is out
+    // of range, an encoder does not open or the file cannot be created; nothing is left.
+    static Result<std::unique_ptr<MovieWriter>> create(Settings settings);
+
+    virtual ~MovieWriter() = default;
+
+    // The encoder in use ("libx264" or "h264_vaapi").
+    virtual std::string encoderName() const = 0;
+
+    // One picture shown from `time` on. Its size must be the writer's; anything else fails.
+    virtual Status appendVideo(const Image& image, double time) = 0;
+
+    // `frames` frames of interleaved float samples (the track's channel count) beginning
+    // at frame `startFrame` of that track (at its sample rate). A gap before `startFrame`
+    // is filled with silence; frames that overlap what was already given are dropped.
+    virtual Status appendAudio(int track, const float* interleaved, int64_t frames, int64_t startFrame) = 0;
+
+    // Seconds of sound accepted on a track so far.
+    virtual double soundSeconds(int track) const = 0;
+
+    // Flushes the encoders and closes the file. On failure the partial file is removed
+    // (for `mp4`) and the error says so; a full disk gives kind `noSpace`.
+    virtual Status finish() = 0;
+
+    // Stops at once and removes the partial file.
+    virtual void cancel() = 0;
+};
+
+} // namespace plim

@@ -1,0 +1,52 @@
+#pragma once
+// Mixes a ShareAudioPlan into blocks of output sound: the recording's pieces at normal
+// speed, its sped-up stretches time-stretched with librubberband (pitch kept), voiceovers
+// at unit gain with the recording ducked under them (linear ramps of rampFrames() on both
+// sides; where voices overlap the lower gain wins), every sample clamped to [-1, 1].
+//
+// Thread contract: used from one thread (the render thread); the sources too.
+
+#include "media/pcm_source.h"
+#include "stage/share_audio_plan.h"
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+namespace plim {
+
+class ShareAudioMixer {
+public:
+    struct Block {
+        int64_t start = 0;          // first output frame
+        std::vector<float> samples; // interleaved stereo
+    };
+
+    // `plimSound` is null when the recording's sound is not included.
+    ShareAudioMixer(ShareAudioPlan plan, std::shared_ptr<PCMSource> plimSound,
+        std::map<int, std::shared_ptr<PCMSource>> voices);
+    ~ShareAudioMixer();
+    ShareAudioMixer(const ShareAudioMixer&) = delete;
+    ShareAudioMixer& operator=(const ShareAudioMixer&) = delete;
+
+    // The next block of at most `maxFrames` frames; nothing once totalFrames are mixed. A
+    // source that fails gives its sentence.
+    Result<std::optional<Block>> next(int64_t maxFrames);
+
+    int64_t framesMixed() const { return m_framesMixed; }
+    const ShareAudioPlan& plan() const { return m_plan; }
+
+private:
+    struct StretchCache;
+    Result<const std::vector<float>*> stretched(std::size_t index);
+
+    ShareAudioPlan m_plan;
+    std::shared_ptr<PCMSource> m_plimSound;
+    std::map<int, std::shared_ptr<PCMSource>> m_voices;
+    int64_t m_framesMixed = 0;
+    std::unique_ptr<StretchCache> m_stretch;
+};
+
+} // namespace plim

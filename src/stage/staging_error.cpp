@@ -1,0 +1,46 @@
+#include "stage/staging_error.h"
+
+namespace plim {
+
+namespace {
+template<class... F>
+struct Cases : F... {
+    using F::operator()...;
+};
+}
+
+std::string StagingError::sentence() const
+{
+    return std::visit(Cases{
+                          [](const Unreadable& e) {
+                              return "The plim could not be read: " + e.reason
+                                  + ". Nothing was saved and your plim is untouched. "
+                                    "Render again; if it keeps happening, record the plim again.";
+                          },
+                          [](const WriterFailed& e) {
+                              return "The file could not be written: " + e.reason
+                                  + ". Nothing was saved and your plim is untouched. "
+                                    "Check there is free space where it saves, then render again.";
+                          },
+                          [](const Stalled& e) {
+                              return "Rendering made no progress for " + std::to_string(e.seconds)
+                                  + " seconds and was stopped. Nothing was saved and your plim is untouched. "
+                                    "Render again; a smaller size is faster.";
+                          },
+                          [](const EmptyEdit&) {
+                              return std::string("This edit removes the whole plim. Move the trim handles or "
+                                                 "delete a cut, then render again.");
+                          },
+                      },
+        value);
+}
+
+Error StagingError::error() const
+{
+    Error::Kind kind = Error::Kind::failed;
+    if (std::holds_alternative<Unreadable>(value))
+        kind = Error::Kind::unreadable;
+    return Error{sentence(), kind};
+}
+
+} // namespace plim

@@ -1,0 +1,44 @@
+#pragma once
+// Why a staged or reframed render did not finish, as the sentence the user reads.
+
+#include "base/error.h"
+
+#include <string>
+#include <variant>
+
+namespace plim {
+
+struct StagingError {
+    struct Unreadable {
+        std::string reason; // "it could not be opened", "it has no picture", ...
+        bool operator==(const Unreadable&) const = default;
+    };
+    struct WriterFailed {
+        std::string reason; // "the file could not be finished", "the disk is full", ...
+        bool operator==(const WriterFailed&) const = default;
+    };
+    struct Stalled {
+        int seconds = 30;
+        bool operator==(const Stalled&) const = default;
+    };
+    struct EmptyEdit {
+        bool operator==(const EmptyEdit&) const = default;
+    };
+
+    std::variant<Unreadable, WriterFailed, Stalled, EmptyEdit> value;
+    bool operator==(const StagingError&) const = default;
+
+    static StagingError unreadable(std::string reason) { return {Unreadable{std::move(reason)}}; }
+    static StagingError writerFailed(std::string reason) { return {WriterFailed{std::move(reason)}}; }
+    static StagingError stalled(int seconds) { return {Stalled{seconds}}; }
+    static StagingError emptyEdit() { return {EmptyEdit{}}; }
+
+    // What happened, that nothing was saved and the plim is untouched, and what to do.
+    std::string sentence() const;
+    Error error() const;
+};
+
+// The sentence a render gives when it was stopped.
+inline constexpr const char* stagingStoppedSentence = "Stopped. Nothing was saved.";
+
+} // namespace plim

@@ -1,0 +1,158 @@
+#include "plan/edit_plan.h"
+#include "stage/render_rules.h"
+#include "stage/staging_error.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+using namespace plim;
+using namespace plim::RenderRules;
+
+namespace {
+
+constexpr double inf = std::numeric_limits<double>::infinity();
+constexpr double nan = std::numeric_limits<double>::quiet_NaN();
+
+TEST(RenderRules, CanvasFollowsTheQualityTheAspectAndEvenSides)
+{
+    struct Case {
+        Quality quality;
+        bool gif;
+        std::optional<Size> recorded;
+        PixelSize canvas;
+    };
+    const Case cases[] = {
+        {Quality::p1080, false, Size{1920, 1080}, {1920, 1080}},
+        {Quality::p720, false, Size{1920, 1080}, {1280, 720}},
+        {Quality::p2160, false, Size{2560, 1600}, {3456, 2160}},
+        {Quality::p1080, false, Size{1080, 1920}, {1080, 1920}},  // portrait keeps its short side across
+        {Quality::p1080, true, Size{1920, 1080}, {1152, 648}},    // GIF at 0.6
+        {Quality::p720, false, Size{1365, 768}, {1278, 720}},     // 1279.68 rounds down to even
+        {Quality::p1080, false, std::nullopt, {1920, 1080}},      // unknown: 16:9
+        {Quality::p1080, false, Size{1, 900}, {1920, 1080}},      // a side under 2 is unknown
+        {Quality::p720, false, Size{nan, 720}, {1280, 720}},
+        {Quality::p1080, false, Size{inf, 1080}, {1080, 1080}},   // a side that is not finite becomes 1080
+    };
+    for (const auto& c : cases) {
+        auto got = canvasSize(c.quality, c.gif, c.recorded);
+        EXPECT_EQ(got, c.canvas) << static_cast<int>(c.quality) << " gif " << c.gif << " -> " << got.width << "x"
+                                 << got.height;
+    }
+    EXPECT_EQ(qualityFromShortSide(2160), Quality::p2160);
+    EXPECT_EQ(qualityFromShortSide(1000), std::nullopt);
+}
+
+TEST(RenderRules, BitRateScalesWithThePixelCount)
+{
+    EXPECT_EQ(videoBitRate({1920, 1080}), 9'500'000);
+    EXPECT_EQ(videoBitRate({1280, 720}), static_cast<int64_t>(9'500'000 * std::pow(921600.0 / 2073600, 0.82)));
+    EXPECT_GT(videoBitRate({3840, 2160}), 2 * videoBitRate({1920, 1080}));
+    EXPECT_GT(videoBitRate({0, 0}), 0);
+}
+
+TEST(RenderRules, PaceTakesAtMostOneFramePerSlot)
+{
+    struct Case {
+        double outT;
+        int64_t nextSlot;
+        double fps;
+        Pace expected;
+    };
+    const Case cases[] = {
+        {0.0, 0, 60, {true, 1}},
+        {1.0 / 60 - 1e-9, 1, 60, {true, 2}},  // the 1e-6 margin keeps a rounding error in its slot
+        {0.010, 1, 60, {false, 1}},           // slot 0 was drawn already
+        {0.5, 3, 60, {true, 31}},             // a sparse source skips slots
+        {0.09, 1, 12, {true, 2}},
+        {nan, 4, 60, {false, 4}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(pace(c.outT, c.nextSlot, c.fps), c.expected) << c.outT << " " << c.nextSlot;
+}
+
+EditPlan planWith(std::optional<double> trimIn, std::optional<double> trimOut, std::vector<SkipDecision> skips = {},
+    std::vector<CutRange> cuts = {})
+{
+    EditPlan plan;
+    plan.trimIn = trimIn;
+    plan.trimOut = trimOut;
+    plan.skips = std::move(skips);
+    plan.cuts = std::move(cuts);
+    return plan;
+}
+
+TEST(RenderRules, ExpectedFramesCountsWhatThePacingTakes)
+{
+    struct Case {
+        const char* name;
+        EditPlan plan;
+        double raw, sourceFPS, fps;
+        int64_t frames;
+    };
+    const Case cases[] = {
+        {"whole 2 s at 60", planWith({}, {}), 2, 60, 60, 120},
+        {"trimmed to 0.5-1.5", planWith(0.5, 1.5), 2, 60, 60, 60},
+        {"a 4x skip over 1 s", planWith({}, {}, {{{0.5, 1.5}, false, 4.0}}), 2, 60, 60, 75},
+        {"a kept skip plays at speed 1", planWith({}, {}, {{{0.5, 1.5}, true, 4.0}}), 2, 60, 60, 120},
+        {"a cut of 1 s", planWith({}, {}, {}, {{"c", 0.5, 1.5, {}}}), 2, 60, 60, 60},
+        {"a 30 fps source still fills 60 fps", planWith({}, {}), 2, 30, 60, 120},
+        {"a GIF at 12 from 60", planWith({}, {}), 2, 60, 12, 24},
+        {"everything cut", planWith({}, {}, {}, {{"c", 0, 2, {}}}), 2, 60, 60, 0},
+        {"duration not finite", planWith({}, {}), nan, 60, 60, 0},
+        {"source rate not finite", planWith({}, {}), 2, inf, 60, 0},
+        {"output rate zero", planWith({}, {}), 2, 60, 0, 0},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(expectedFrames(c.plan, c.raw, c.sourceFPS, c.fps), c.frames) << c.name;
+}
+
+TEST(RenderRules, PacedFramesMapThroughTheTimelineAndNeverRepeatASlot)
+{
+    // A 4x stretch drops three of every four source frames; the cut moves the rest earlier.
+    EditPlan plan = planWith({}, {}, {{{1.0, 2.0}, false, 4.0}}, {{"c", 2.5, 3.0, {}}});
+    auto timeline = plan.clipTimeline(4.0);
+    auto frames = pacedFrames(timeline, 60, 60);
+    ASSERT_FALSE(frames.empty());
+    for (std::size_t i = 1; i < frames.size(); ++i)
+        ASSERT_GT(frames[i].slot, frames[i - 1].slot) << i;
+    int insideSkip = 0;
+    for (const auto& f : frames) {
+        if (f.rawTime >= 1.0 && f.rawTime < 2.0)
+            ++insideSkip;
+        EXPECT_FALSE(f.rawTime >= 2.5 && f.rawTime < 3.0) << "frame inside the cut at " << f.rawTime;
+    }
+    EXPECT_EQ(insideSkip, 15);
+    // The first frame after the cut plays where the remap puts it: 1 + 0.25 + 0.5 s.
+    auto after = std::find_if(frames.begin(), frames.end(), [](const PacedFrame& f) { return f.rawTime >= 3.0; });
+    ASSERT_NE(after, frames.end());
+    EXPECT_NEAR(after->outTime, 1.75, 1e-9);
+    EXPECT_EQ(expectedFrames(timeline, 60, 60), std::llround(60 * 2.75));
+    EXPECT_DOUBLE_EQ(readTotal(timeline.passes()), 3.5);
+}
+
+TEST(RenderRules, EveryStagingErrorIsAWholeSentence)
+{
+    struct Case {
+        StagingError error;
+        std::vector<std::string> parts;
+    };
+    const Case cases[] = {
+        {StagingError::unreadable("it has no picture"),
+            {"The plim could not be read: it has no picture.", "Nothing was saved and your plim is untouched."}},
+        {StagingError::writerFailed("the disk is full"),
+            {"The file could not be written: the disk is full.", "Check there is free space"}},
+        {StagingError::stalled(30), {"made no progress for 30 seconds", "Nothing was saved"}},
+        {StagingError::emptyEdit(), {"This edit removes the whole plim.", "then render again."}},
+    };
+    for (const auto& c : cases) {
+        auto sentence = c.error.sentence();
+        for (const auto& part : c.parts)
+            EXPECT_NE(sentence.find(part), std::string::npos) << sentence;
+        EXPECT_EQ(sentence.back(), '.') << sentence;
+    }
+    EXPECT_EQ(StagingError::unreadable("x").error().kind, Error::Kind::unreadable);
+}
+
+} // namespace
