@@ -114,12 +114,13 @@ private:
 // is a higher-order filter for still pictures; `nearest` keeps pixels square (pixelate).
 enum class Filter { nearest, smooth, best };
 
-// A line of text: Pango markup-free UTF-8, one paragraph.
+// How text is set (plain UTF-8, no markup).
 struct TextStyle {
     std::string family = "Noto Sans";
     double size = 16;  // pixels (not points)
     int weight = 600;  // 400 regular, 600 semibold, 700 bold
     Color color = {1, 1, 1, 1};
+    double maxWidth = 0; // wrap into centred lines no wider than this; 0 = one line
     bool operator==(const TextStyle&) const = default;
 };
 

@@ -110,10 +110,4 @@ PixelSize canvasSize(Quality quality, bool gif, std::optional<Size> recorded)
     return {evenSide(width), evenSide(height)};
 }
 
-int64_t videoBitRate(PixelSize canvas)
-{
-    double pixels = std::max(static_cast<double>(canvas.width) * canvas.height, 1.0);
-    return static_cast<int64_t>(9'500'000.0 * std::pow(pixels / 2'073'600.0, 0.82));
-}
-
 } // namespace plim::RenderRules

@@ -1,7 +1,7 @@
 #pragma once
 // The rules every render shares (staged movie, reframed movie, exported movie, GIF):
-// which source frames become output frames, how many output frames there will be, how
-// large the canvas is and at what bit rate a movie is written. Pure functions of their
+// which source frames become output frames, how many output frames there will be and how
+// large the canvas is (media/movie_writer.h has the bit rate). Pure functions of their
 // arguments.
 
 #include "base/geometry.h"
@@ -78,9 +78,6 @@ struct PixelSize {
     bool operator==(const PixelSize&) const = default;
 };
 PixelSize canvasSize(Quality quality, bool gif, std::optional<Size> recorded);
-
-// 9,500,000 × (pixels / 1920·1080)^0.82, truncated.
-int64_t videoBitRate(PixelSize canvas);
 
 } // namespace RenderRules
 

@@ -44,14 +44,6 @@ TEST(RenderRules, CanvasFollowsTheQualityTheAspectAndEvenSides)
     EXPECT_EQ(qualityFromShortSide(1000), std::nullopt);
 }
 
-TEST(RenderRules, BitRateScalesWithThePixelCount)
-{
-    EXPECT_EQ(videoBitRate({1920, 1080}), 9'500'000);
-    EXPECT_EQ(videoBitRate({1280, 720}), static_cast<int64_t>(9'500'000 * std::pow(921600.0 / 2073600, 0.82)));
-    EXPECT_GT(videoBitRate({3840, 2160}), 2 * videoBitRate({1920, 1080}));
-    EXPECT_GT(videoBitRate({0, 0}), 0);
-}
-
 TEST(RenderRules, PaceTakesAtMostOneFramePerSlot)
 {
     struct Case {

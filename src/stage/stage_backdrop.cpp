@@ -1,0 +1,219 @@
+// Backdrop art and pictures, and where the desktop keeps its wallpaper.
+
+#include "stage/stage_backdrop.h"
+
+#include "base/log.h"
+#include "library/plim_look.h"
+#include "stage/stage_renderer.h"
+
+#include <cairo.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <numbers>
+#include <string>
+
+namespace plim {
+namespace {
+
+// file:///a%20b -> /a b; anything else as it stands.
+std::string pathFromUri(std::string text)
+{
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\'' || text.back() == '"' || text.back() == ' '))
+        text.pop_back();
+    size_t start = 0;
+    while (start < text.size() && (text[start] == '\'' || text[start] == '"' || text[start] == ' '))
+        ++start;
+    text = text.substr(start);
+    if (text.starts_with("file://"))
+        text = text.substr(7);
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(static_cast<unsigned char>(text[i + 1]))
+            && std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
+            out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
+            i += 2;
+        } else {
+            out.push_back(text[i]);
+        }
+    }
+    return out;
+}
+
+std::optional<std::filesystem::path> existingFile(const std::string& text)
+{
+    if (text.empty())
+        return std::nullopt;
+    std::error_code ec;
+    std::filesystem::path path(text);
+    if (std::filesystem::is_directory(path, ec)) {
+        // A Plasma wallpaper package: the largest picture it holds.
+        std::optional<std::filesystem::path> best;
+        uintmax_t bestSize = 0;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(path / "contents" / "images", ec)) {
+            if (!entry.is_regular_file(ec) || entry.path().extension() != ".png")
+                continue;
+            const uintmax_t size = entry.file_size(ec);
+            if (!ec && size > bestSize) {
+                best = entry.path();
+                bestSize = size;
+            }
+        }
+        return best;
+    }
+    if (std::filesystem::is_regular_file(path, ec))
+        return path;
+    return std::nullopt;
+}
+
+std::optional<std::filesystem::path> gnomeWallpaper()
+{
+    FILE* pipe = popen("gsettings get org.gnome.desktop.background picture-uri 2>/dev/null", "r");
+    if (!pipe)
+        return std::nullopt;
+    std::string text;
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, pipe))
+        text += buffer;
+    pclose(pipe);
+    return existingFile(pathFromUri(text));
+}
+
+std::optional<std::filesystem::path> kdeWallpaper()
+{
+    std::filesystem::path config;
+    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
+        config = xdg;
+    else if (const char* home = std::getenv("HOME"); home && *home)
+        config = std::filesystem::path(home) / ".config";
+    else
+        return std::nullopt;
+    std::ifstream in(config / "plasma-org.kde.plasma.desktop-appletsrc");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.starts_with("Image="))
+            if (auto path = existingFile(pathFromUri(line.substr(6))))
+                return path;
+    return std::nullopt;
+}
+
+void drawArt(Compositor& c, Image& target, const stage_style::BackdropArt& art)
+{
+    const double w = target.width, h = target.height;
+    if (art.stops.size() == 1) {
+        c.clear(target, art.stops.front().color);
+    } else {
+        // The gradient runs through the centre at its angle (y up), spanning the picture.
+        const double rad = art.angle * std::numbers::pi / 180;
+        const double dx = std::cos(rad), dy = -std::sin(rad);
+        const double half = (std::abs(w * dx) + std::abs(h * dy)) / 2;
+        const Point mid{w / 2, h / 2};
+        c.clear(target, art.stops.front().color);
+        c.fillGradient(target,
+            Gradient::linear({mid.x - dx * half, mid.y - dy * half}, {mid.x + dx * half, mid.y + dy * half}, art.stops));
+    }
+    if (art.glow.a > 0) {
+        const double r = 0.95 * std::max(w, h);
+        c.fillGradient(target, Gradient::radial({0.18 * w, 0.1 * h}, 0, r, {{0, art.glow}, {1, art.glow.withAlpha(0)}}));
+    }
+}
+
+} // namespace
+
+std::optional<std::filesystem::path> currentWallpaper()
+{
+    if (auto gnome = gnomeWallpaper())
+        return gnome;
+    return kdeWallpaper();
+}
+
+BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper)
+{
+    using Named = StageSpec::Backdrop::Named;
+    BackdropChoice choice;
+    choice.art = stage_style::namedBackdrop(Named::gradient);
+    if (spec.card && spec.card->backdrop) {
+        if (auto look = PlimLook::backdropFromText(*spec.card->backdrop)) {
+            choice.art = stage_style::lookBackdrop(*look);
+            return choice;
+        }
+        if (auto named = backdropNameFromText(*spec.card->backdrop); named && *named != Named::wallpaper) {
+            choice.art = stage_style::namedBackdrop(*named);
+            return choice;
+        }
+    }
+    const auto& value = spec.backdrop.value;
+    if (const auto* named = std::get_if<Named>(&value)) {
+        choice.art = stage_style::namedBackdrop(*named);
+        if (*named == Named::wallpaper)
+            choice.picture = wallpaper ? wallpaper : currentWallpaper();
+    } else if (const auto* solid = std::get_if<StageSpec::Backdrop::Solid>(&value)) {
+        if (auto colour = Color::fromHex(solid->hex))
+            choice.art.stops = {{0, colour->withAlpha(1)}};
+        choice.art.glow = {1, 1, 1, 0};
+    } else if (const auto* duo = std::get_if<StageSpec::Backdrop::Duo>(&value)) {
+        auto a = Color::fromHex(duo->a), b = Color::fromHex(duo->b);
+        if (a && b) {
+            choice.art.stops = {{0, a->withAlpha(1)}, {1, b->withAlpha(1)}};
+            choice.art.angle = stage_style::duoAngle;
+            choice.art.glow = {1, 1, 1, 0.08};
+        }
+    } else if (const auto* image = std::get_if<StageSpec::Backdrop::Image>(&value)) {
+        choice.picture = std::filesystem::path(image->path);
+        choice.blur = std::max(0, image->blur) * stage_style::imageBlurPerUnit;
+    }
+    return choice;
+}
+
+Result<Image> readPng(const std::filesystem::path& path)
+{
+    const std::string name = path.filename().string();
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(path, ec))
+        return fail("The backdrop picture " + name + " is not there.", Error::Kind::missing);
+    cairo_surface_t* surface = cairo_image_surface_create_from_png(path.c_str());
+    if (cairo_surface_status(surface) != CAIRO_STATUS_SUCCESS) {
+        cairo_surface_destroy(surface);
+        return fail("The backdrop picture " + name + " could not be read as a PNG picture.", Error::Kind::unreadable);
+    }
+    const int w = cairo_image_surface_get_width(surface), h = cairo_image_surface_get_height(surface);
+    const int stride = cairo_image_surface_get_stride(surface);
+    const bool opaque = cairo_image_surface_get_format(surface) != CAIRO_FORMAT_ARGB32;
+    const uint8_t* data = cairo_image_surface_get_data(surface);
+    Image image = Image::allocate(w, h);
+    for (int y = 0; y < h && data; ++y) {
+        std::memcpy(image.row(y), data + static_cast<ptrdiff_t>(y) * stride, static_cast<size_t>(w) * 4);
+        if (opaque)
+            for (int x = 0; x < w; ++x)
+                image.row(y)[x * 4 + 3] = 255;
+    }
+    cairo_surface_destroy(surface);
+    if (image.isEmpty())
+        return fail("The backdrop picture " + name + " has no pixels.", Error::Kind::unreadable);
+    return image;
+}
+
+void drawBackdrop(Compositor& c, Image& target, const BackdropChoice& choice)
+{
+    drawArt(c, target, choice.art);
+    if (!choice.picture)
+        return;
+    auto picture = readPng(*choice.picture);
+    if (!picture) {
+        logLine(LogArea::main, picture.error().sentence + " The stage uses the default backdrop instead; the file was left as it is.");
+        drawArt(c, target, stage_style::namedBackdrop(StageSpec::Backdrop::Named::gradient));
+        return;
+    }
+    // Cover the canvas with the picture's middle.
+    const double s = std::max(double(target.width) / picture->width, double(target.height) / picture->height);
+    const Affine fit = Affine::scale(s, s).then(
+        Affine::translation((target.width - picture->width * s) / 2, (target.height - picture->height * s) / 2));
+    c.draw(target, *picture, fit, std::nullopt, 1, Filter::best);
+    if (choice.blur > 0)
+        c.blur(target, {0, 0, double(target.width), double(target.height)}, choice.blur * target.width / 1280.0);
+}
+
+} // namespace plim

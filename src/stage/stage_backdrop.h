@@ -1,0 +1,33 @@
+#pragma once
+// What fills the canvas behind the screen card, resolved from a stage look: gradient art
+// (the named backdrops and the look's seven), a solid colour, two colours, or a picture
+// (an image backdrop, or the desktop's wallpaper) with an optional blur.
+
+#include "base/image.h"
+#include "stage/compositor.h"
+#include "stage/stage_spec.h"
+#include "stage/stage_style.h"
+
+#include <filesystem>
+#include <optional>
+
+namespace plim {
+
+struct BackdropChoice {
+    stage_style::BackdropArt art;                // drawn when there is no picture, or it cannot be read
+    std::optional<std::filesystem::path> picture; // PNG
+    double blur = 0;                             // of the picture, in pixels of a 1280-wide canvas
+};
+
+// The card look's backdrop name wins over the spec's backdrop; `wallpaper` is the desktop
+// picture to use for the wallpaper backdrop (asked from the desktop when absent).
+BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper);
+
+// Fills `target` with the backdrop. A picture that cannot be read leaves the art and a
+// logged notice; the file itself is never touched.
+void drawBackdrop(Compositor& compositor, Image& target, const BackdropChoice& choice);
+
+// Reads a PNG file into a picture; a sentence when it cannot.
+Result<Image> readPng(const std::filesystem::path& path);
+
+} // namespace plim

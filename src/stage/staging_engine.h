@@ -1,0 +1,83 @@
+#pragma once
+// Renders a recorded plim to a movie: the staged movie (the screen card over its backdrop,
+// at a canvas of 720, 1080 or 2160 lines) or the reframed one (the recording at its own
+// size with the zooms, the pointer and the effects, but no backdrop or card).
+//
+// Output frames are chosen at 60 a second by the pacing rule (render_rules.h) through the
+// plan's clip timeline; a slot the recording has no frame for shows the frame before it
+// with the moment of its own time. Three stages run at once, joined by bounded queues:
+// decoding (its own thread) -> composing (the calling thread) -> encoding (its own thread,
+// which also mixes the sound through ShareAudioPlan and ShareAudioMixer).
+//
+// Files: the movie is written under a name holding "partial" beside the final one and
+// renamed when finished, so a failed or stopped render leaves nothing under the final name
+// and no partial file. The plim's own files are only read.
+//
+// Threads: stage() blocks its caller until the render ends. `progress` is called from the
+// encode thread after every frame. The stop token is looked at between frames; a stall
+// (no frame encoded within `stallLimit` seconds) ends the render with its sentence.
+
+#include "base/error.h"
+#include "base/image.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "library/plim_look.h"
+#include "plan/edit_plan.h"
+#include "stage/render_rules.h"
+#include "stage/stage_spec.h"
+#include "stage/video_sink.h"
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+
+namespace plim {
+
+struct StagingJob {
+    std::filesystem::path movie;          // the plim's screen movie
+    CursorTrack cursor;
+    KeystrokeTrack keys;
+    EditPlan plan;
+    StageSpec spec;
+    PlimLook look;                        // shape and camera corner
+    std::optional<std::filesystem::path> wallpaper;
+    bool reframe = false;
+    RenderRules::Quality quality = RenderRules::Quality::p1080;
+    std::optional<std::filesystem::path> output; // default: B.staged.mov or B.reframe.mp4
+    double stallLimit = 30;               // seconds without an encoded frame
+    double fps = RenderRules::videoFPS;
+    // Makes the sink at the partial path; default VideoSink::movie.
+    std::function<Result<std::unique_ptr<VideoSink>>(const VideoSink::Settings&)> makeSink;
+};
+
+struct StagingProgress {
+    int64_t frames = 0;   // written so far
+    int64_t expected = 0; // in all
+    double fraction() const { return expected > 0 ? std::min(1.0, static_cast<double>(frames) / expected) : 0.0; }
+};
+
+class StagingEngine {
+public:
+    struct Result {
+        std::filesystem::path stagedURL;
+        double outputDuration = 0; // seconds
+        EditPlan plan;
+        int64_t frames = 0;
+        int width = 0;
+        int height = 0;
+        bool hasSound = false;
+    };
+    using Progress = std::function<void(const StagingProgress&)>;
+
+    static Outcome<Result> stage(const StagingJob& job, const Progress& progress, StopToken stop);
+
+    // One output frame at `outputTime` seconds, composed as stage() would compose it.
+    static plim::Result<Image> frame(const StagingJob& job, double outputTime);
+
+    // B.staged.mov, or B.reframe.mp4 for a reframe.
+    static std::filesystem::path defaultOutput(const std::filesystem::path& movie, bool reframe);
+    // Beside `output`, named with "partial" and a random part.
+    static std::filesystem::path partialPath(const std::filesystem::path& output);
+};
+
+} // namespace plim

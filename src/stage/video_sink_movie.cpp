@@ -1,0 +1,44 @@
+#include "media/movie_writer.h"
+#include "stage/video_sink.h"
+
+namespace plim {
+
+namespace {
+
+class MovieSink final : public VideoSink {
+public:
+    explicit MovieSink(std::unique_ptr<MovieWriter> writer) : m_writer(std::move(writer)) {}
+
+    Status appendVideo(const Image& image, double time, StopToken) override { return m_writer->appendVideo(image, time); }
+    Status appendAudio(const float* interleaved, int64_t frames, int64_t startFrame) override
+    {
+        return m_writer->appendAudio(0, interleaved, frames, startFrame);
+    }
+    double soundSeconds() const override { return m_writer->soundSeconds(0); }
+    Status finish() override { return m_writer->finish(); }
+    void cancel() override { m_writer->cancel(); }
+
+private:
+    std::unique_ptr<MovieWriter> m_writer;
+};
+
+} // namespace
+
+Result<std::unique_ptr<VideoSink>> VideoSink::movie(const Settings& settings)
+{
+    MovieWriter::Settings writer;
+    writer.path = settings.path;
+    writer.container = MovieWriter::Container::mp4;
+    writer.width = settings.width;
+    writer.height = settings.height;
+    writer.frameRate = settings.fps;
+    writer.bitsPerSecond = exportBitsPerSecond(settings.width, settings.height);
+    writer.preset = exportPreset;
+    writer.threads = settings.threads;
+    if (settings.sound)
+        writer.sound.push_back(MovieWriter::exportTrack());
+    auto made = PLIM_TRY(MovieWriter::create(std::move(writer)));
+    return std::unique_ptr<VideoSink>(std::make_unique<MovieSink>(std::move(made)));
+}
+
+} // namespace plim
