@@ -102,6 +102,21 @@ std::optional<std::string> enlargementNote(ShareKind kind, ShareQuality quality,
         + std::string(label(quality, kind)) + " is enlarged from it, not sharper.";
 }
 
+std::string sizeText(int64_t bytes)
+{
+    char text[32];
+    const double b = static_cast<double>(std::max<int64_t>(bytes, 0));
+    if (b < 1000)
+        std::snprintf(text, sizeof text, "%lld bytes", static_cast<long long>(b));
+    else if (b < 1e6)
+        std::snprintf(text, sizeof text, "%.0f KB", b / 1e3);
+    else if (b < 1e9)
+        std::snprintf(text, sizeof text, "%.1f MB", b / 1e6);
+    else
+        std::snprintf(text, sizeof text, "%.2f GB", b / 1e9);
+    return text;
+}
+
 std::string kindFormat(ShareKind kind, Size canvas)
 {
     return std::to_string(static_cast<long long>(canvas.width)) + "×" + std::to_string(static_cast<long long>(canvas.height))

@@ -4,6 +4,7 @@
 
 #include "base/geometry.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -42,6 +43,8 @@ std::string clock(double seconds);
 // For a video enlarged past what was recorded: "This plim was recorded at 720p, so 1080p
 // is enlarged from it, not sharper." Nothing otherwise.
 std::optional<std::string> enlargementNote(ShareKind kind, ShareQuality quality, std::optional<Size> recorded);
+// "840 KB", "4.2 MB", "1.3 GB" (decimal units, as file managers show them).
+std::string sizeText(int64_t bytes);
 // "1728×1080 · mp4" under the quality buttons.
 std::string kindFormat(ShareKind kind, Size canvas);
 } // namespace ShareOptions
