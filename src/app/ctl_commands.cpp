@@ -1,5 +1,6 @@
 #include "app/ctl_demo.h"
 #include "app/ctl_plan.h"
+#include "app/ctl_stage.h"
 #include "app/ctl_suite.h"
 #include "app/plimctl.h"
 
@@ -12,6 +13,7 @@ const std::vector<CtlCommand>& ctlCommands()
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
         {"moments", "print the suite's shared history, newest last", runMomentsCommand},
         {"plan", "print the edit plan a render of a plim would use", runPlanCommand},
+        {"stage", "render a plim's staged movie, or one frame of it as a picture", runStageCommand},
     };
     return commands;
 }

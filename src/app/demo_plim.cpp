@@ -1,90 +1,155 @@
 #include "app/demo_plim.h"
 
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "app/demo_desktop.h"
+#include "app/demo_script.h"
+#include "base/log.h"
+#include "media/movie_writer.h"
+#include "media/sound_reader.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cmath>
 
+extern char** environ;
+
 namespace plim {
+
+namespace fs = std::filesystem;
 
 namespace {
 
-struct Leg {
-    double start, end;       // seconds
-    double fromX, fromY, toX, toY;
-};
-
-// Where the pointer is at t: eased along the leg that holds t, resting between legs.
-CursorSample sampleAt(const std::vector<Leg>& legs, double t)
+// Runs a program with its arguments (no shell) and waits; true when it exited with 0.
+bool runProgram(const std::vector<std::string>& argv)
 {
-    double x = legs.front().fromX, y = legs.front().fromY;
-    for (auto& leg : legs) {
-        if (t < leg.start)
-            break;
-        double u = std::min(1.0, (t - leg.start) / (leg.end - leg.start));
-        double e = u * u * (3 - 2 * u);
-        x = leg.fromX + (leg.toX - leg.fromX) * e;
-        y = leg.fromY + (leg.toY - leg.fromY) * e;
+    std::vector<char*> args;
+    for (const auto& a : argv)
+        args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    pid_t pid = -1;
+    int spawned = posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0)
+        return false;
+    int status = 0;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    return CursorSample{static_cast<int64_t>(std::llround(t * 1000)), roundToTenth(x), roundToTenth(y), 0};
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+// The spoken lines at their times, as 48 kHz interleaved stereo over the whole demo.
+// Empty when espeak-ng cannot speak here.
+std::vector<float> speech(const demo::Script& script, const fs::path& scratch)
+{
+    const int64_t total = static_cast<int64_t>(std::ceil(script.duration * soundSampleRate));
+    std::vector<float> mix(static_cast<size_t>(total) * soundChannels, 0.0f);
+    for (std::size_t i = 0; i < script.speech.size(); ++i) {
+        const auto& line = script.speech[i];
+        fs::path wav = scratch / ("line" + std::to_string(i) + ".wav");
+        if (!runProgram({"espeak-ng", "-s", "165", "-w", wav.string(), line.text})) {
+            logLine(LogArea::main, "the demo plim is silent: espeak-ng could not speak (is it installed?).");
+            return {};
+        }
+        auto reader = SoundReader::create(wav);
+        if (!reader) {
+            logLine(LogArea::main, "the demo plim is silent: " + reader.error().sentence);
+            return {};
+        }
+        int64_t at = static_cast<int64_t>(line.t * soundSampleRate) * soundChannels;
+        for (;;) {
+            auto block = (*reader)->read();
+            if (!block || block->empty())
+                break;
+            for (float v : *block) {
+                if (at >= static_cast<int64_t>(mix.size()))
+                    break;
+                mix[static_cast<size_t>(at++)] += 0.85f * v;
+            }
+        }
+    }
+    return mix;
 }
 
 } // namespace
 
-Result<std::filesystem::path> writeDemoPlim(const std::filesystem::path& folder)
+Status drawDemoFrames(const DemoOptions& options, const std::function<Status(const Image&, double)>& frame)
+{
+    const auto& script = demo::script();
+    demo::Desktop desktop(script, options.width, options.height);
+    const int64_t count = static_cast<int64_t>(std::llround(script.duration * options.fps));
+    for (int64_t i = 0; i < count; ++i) {
+        double t = static_cast<double>(i) / options.fps;
+        PLIM_TRY(frame(desktop.frameAt(t), t));
+    }
+    return {};
+}
+
+Result<fs::path> writeDemoPlim(const fs::path& folder, const DemoOptions& options)
 {
     std::error_code ec;
-    std::filesystem::create_directories(folder, ec);
+    fs::create_directories(folder, ec);
     if (ec)
         return fail("Plim could not make the folder " + folder.string() + " (" + ec.message()
             + "). Nothing was written; choose a folder you can write to.");
-    auto movie = folder / "Demo.mov";
+    const auto& script = demo::script();
+    const fs::path movie = folder / "Demo.mov";
+    const fs::path partial = folder / "Demo.partial.mov";
 
-    // Two minutes on a 1920x1080 display: a slow start, clicks in three places, a long
-    // idle stretch, typing, and a tail with nothing happening. Before each click the
-    // pointer travels to its target for 0.7 s.
-    const double duration = 120;
-    struct Click {
-        double t, x, y;
+    std::vector<float> sound = options.sound ? speech(script, folder) : std::vector<float>{};
+    for (std::size_t i = 0; i < script.speech.size(); ++i)
+        fs::remove(folder / ("line" + std::to_string(i) + ".wav"), ec);
+
+    MovieWriter::Settings settings;
+    settings.path = partial;
+    settings.container = MovieWriter::Container::fragmentedMov;
+    settings.width = options.width;
+    settings.height = options.height;
+    settings.frameRate = options.fps;
+    settings.bitsPerSecond = recordingBitsPerSecond(options.width, options.height, 1.0);
+    settings.preset = options.preset;
+    if (!sound.empty())
+        settings.sound.push_back(MovieWriter::systemSoundTrack());
+    auto writer = PLIM_TRY(MovieWriter::create(settings));
+
+    int64_t soundWritten = 0;
+    const int64_t soundFrames = static_cast<int64_t>(sound.size() / soundChannels);
+    auto feedSound = [&](double until) -> Status {
+        int64_t end = std::min(soundFrames, static_cast<int64_t>(until * soundSampleRate));
+        if (end <= soundWritten)
+            return {};
+        PLIM_TRY(writer->appendAudio(0, sound.data() + soundWritten * soundChannels, end - soundWritten, soundWritten));
+        soundWritten = end;
+        return {};
     };
-    const std::vector<Click> clicks = {
-        {9.0, 310, 205}, {10.5, 335, 228}, {12.0, 318, 240}, {13.2, 342, 212},
-        {17.0, 1510, 805}, {18.4, 1548, 822}, {20.0, 1525, 840}, {21.5, 1560, 812}, {23.0, 1538, 830},
-        {79.0, 1205, 298}, {80.5, 1228, 318}, {82.0, 1212, 330},
-    };
-    std::vector<Leg> legs;
-    double x = 960, y = 540;
-    for (auto& click : clicks) {
-        legs.push_back({click.t - 0.8, click.t - 0.1, x, y, click.x, click.y});
-        x = click.x;
-        y = click.y;
+    auto drawn = drawDemoFrames(options, [&](const Image& picture, double t) -> Status {
+        PLIM_TRY(writer->appendVideo(picture, t));
+        return feedSound(t + 0.5);
+    });
+    if (drawn)
+        drawn = feedSound(script.duration);
+    if (!drawn) {
+        writer->cancel();
+        fs::remove(partial, ec);
+        return std::unexpected(drawn.error());
     }
-    legs.push_back({60, 61, x, y, 900, 600});
-
-    CursorTrack track;
-    track.displayWidth = 1920;
-    track.displayHeight = 1080;
-    track.scale = 2;
-    for (int i = 0; i <= static_cast<int>(duration * 60); ++i)
-        track.samples.push_back(sampleAt(legs, i / 60.0));
-    for (auto& click : clicks)
-        track.clicks.push_back(ClickEvent{static_cast<int64_t>(click.t * 1000), click.x, click.y});
-    track.marks.push_back(Mark{60000});
-
-    KeystrokeTrack keys;
-    const char* typed = "Hello from Plim";
-    double t = 62;
-    for (const char* c = typed; *c; ++c, t += 0.18)
-        if (*c != ' ')
-            keys.events.push_back(KeyEvent{static_cast<int64_t>(t * 1000), std::string(1, static_cast<char>(std::toupper(*c)))});
-    keys.events.push_back(KeyEvent{static_cast<int64_t>((t + 0.6) * 1000), "⌘S"});
-    // Samples taken while typing carry the typing flag.
-    for (auto& s : track.samples)
-        if (s.t >= 62000 && s.t <= static_cast<int64_t>((t + 0.7) * 1000))
-            s.k = 1;
-
-    PLIM_TRY(track.write(movie));
-    PLIM_TRY(keys.write(movie));
+    if (auto finished = writer->finish(); !finished) {
+        fs::remove(partial, ec);
+        return std::unexpected(finished.error());
+    }
+    fs::rename(partial, movie, ec);
+    if (ec) {
+        fs::remove(partial, ec);
+        return fail("The demo movie could not be named " + movie.string() + " (" + ec.message()
+            + "). Nothing was written; choose a folder you can write to.");
+    }
+    PLIM_TRY(demo::cursorTrack(script, options.width / demo::displayWidth).write(movie));
+    PLIM_TRY(demo::keystrokeTrack(script).write(movie));
     return movie;
 }
 

@@ -1,30 +1,51 @@
 #include "app/plan_report.h"
+#include "app/render_job.h"
 #include "app/stage_cli.h"
+#include "stage/stage_renderer.h"
 
+#include <chrono>
 #include <ostream>
 
 namespace plim::StageCLI {
 
 int run(const RenderRequest& request, std::ostream& out, std::ostream& err)
 {
+    const auto started = std::chrono::steady_clock::now();
     const std::string verb = label(request.reframe);
     auto report = gatherPlan(request.movie);
     if (!report) {
         err << failureLine(verb, report.error().sentence) << "\n";
         return 1;
     }
-    std::error_code ec;
-    if (!std::filesystem::is_regular_file(request.movie, ec)) {
-        err << failureLine(verb, "There is no movie at " + request.movie.string()
-                + ", only its side files. Nothing was rendered or changed; check the path and try again.")
-            << "\n";
+    for (const auto& notice : report->notices)
+        err << "notice: " << notice << "\n";
+
+    // The default stage over the desktop's own picture.
+    StageSpec spec;
+    spec.backdrop = StageSpec::Backdrop::named(StageSpec::Backdrop::Named::wallpaper);
+    StagingJob job = renderJob(*report, spec, request.reframe);
+    job.wallpaper = currentWallpaper();
+
+    auto outcome = StagingEngine::stage(job, percentLines(verb, out), StopToken{});
+    if (!outcome.isFinished()) {
+        err << failureLine(verb, outcome.sentence) << "\n";
         return 1;
     }
-    // The renderer is not part of this build: say what would be rendered, from what.
-    auto output = sidecarPath(request.movie, request.reframe ? "reframe.mp4" : "staged.mov");
-    out << "would " << (request.reframe ? "reframe " : "stage ") << request.movie.string() << " into "
-        << output.string() << " (rendering is not part of this build yet)\n";
-    printPlan(*report, out);
+    const auto& result = outcome.value;
+    if (auto written = writePlanAsEdits(*report, result.plan); !written)
+        err << "notice: " << written.error().sentence << "\n";
+    out << (request.reframe ? "reframed: " : "staged: ") << result.stagedURL.string() << "\n";
+
+    RenderSummary summary;
+    summary.wallSeconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    summary.movieDuration = result.rawDuration;
+    summary.outputDuration = result.outputDuration;
+    summary.zooms = static_cast<int>(result.plan.zooms.size());
+    summary.activeSkips = static_cast<int>(result.plan.activeSkips().size());
+    summary.cuts = static_cast<int>(result.plan.cuts.size());
+    summary.trimIn = result.plan.trimIn;
+    summary.trimOut = result.plan.trimOut;
+    out << summaryLine(summary) << "\n";
     return 0;
 }
 

@@ -120,7 +120,7 @@ inline constexpr double keycapHeight = 40;
 inline constexpr double keycapCorner = 9;
 inline constexpr double keycapPadding = 13;
 inline constexpr double keycapGap = 8;
-inline constexpr double keycapBottom = 36;
+inline constexpr double keycapBottom = 84;
 inline constexpr double keycapText = 20;
 inline constexpr Color keycapFill = {0.09, 0.09, 0.11, 0.86};
 inline constexpr Color keycapEdge = {1, 1, 1, 0.16};
@@ -139,7 +139,7 @@ inline double captionText(StageSpec::CaptionSize size)
     }
     return 26;
 }
-inline constexpr double captionMargin = 40;
+inline constexpr double captionMargin = 84;
 inline constexpr double captionMaxWidth = 0.78; // of the canvas width
 inline constexpr double captionPillPadX = 0.75; // of the text size
 inline constexpr double captionPillPadY = 0.38;

@@ -546,6 +546,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     result.frames = encode.frames;
     result.outputDuration = static_cast<double>(encode.frames) / s.fps;
     result.plan = job.plan;
+    result.rawDuration = s.rawDuration;
     result.width = s.canvas.width;
     result.height = s.canvas.height;
     result.hasSound = sound;

@@ -74,6 +74,7 @@ public:
     struct Result {
         std::filesystem::path stagedURL;
         double outputDuration = 0; // seconds
+        double rawDuration = 0;    // seconds of recording
         EditPlan plan;
         int64_t frames = 0;
         int width = 0;

@@ -1,0 +1,36 @@
+#include "app/render_job.h"
+
+#include "app/stage_cli.h"
+
+#include <memory>
+#include <ostream>
+
+namespace plim {
+
+StagingJob renderJob(const PlanReport& report, StageSpec spec, bool reframe)
+{
+    StagingJob job;
+    job.movie = report.movie;
+    job.cursor = report.track;
+    job.keys = report.keys.value_or(KeystrokeTrack{});
+    job.plan = report.plan;
+    job.spec = std::move(spec);
+    if (report.edits && report.edits->look)
+        job.look = *report.edits->look;
+    job.reframe = reframe;
+    return job;
+}
+
+StagingEngine::Progress percentLines(const std::string& label, std::ostream& out)
+{
+    auto last = std::make_shared<long>(-1);
+    return [label, &out, last](const StagingProgress& p) {
+        long percent = static_cast<long>(p.fraction() * 100);
+        if (percent == *last)
+            return;
+        *last = percent;
+        out << StageCLI::progressLine(label, p.fraction()) << "\n" << std::flush;
+    };
+}
+
+} // namespace plim

@@ -1,0 +1,515 @@
+// Pixels of composed frames: backdrop, card, corners, zoom, pointer, boxes, clicks, camera,
+// keycaps, captions and transitions, drawn from synthetic recordings. With PLIM_STAGE_PNG
+// set to a folder, every frame a test checks is also written there as a PNG to look at.
+
+#include "stage/stage_backdrop.h"
+#include "stage/stage_renderer.h"
+
+#include "base/log.h"
+#include "plan/edit_plan.h"
+#include "stage/reframe_math.h"
+#include "testkit/testkit.h"
+
+#include <cairo.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+#include <set>
+
+namespace plim {
+namespace {
+
+struct Rgba {
+    int b = 0, g = 0, r = 0, a = 0;
+    int luma() const { return (r * 3 + g * 6 + b) / 10; }
+};
+
+Rgba at(const Image& image, int x, int y)
+{
+    const uint8_t* p = image.row(y) + x * 4;
+    return {p[0], p[1], p[2], p[3]};
+}
+
+int distance(Rgba p, Rgba q) { return std::abs(p.r - q.r) + std::abs(p.g - q.g) + std::abs(p.b - q.b); }
+
+void save(const Image& image, const std::string& name)
+{
+    const char* folder = std::getenv("PLIM_STAGE_PNG");
+    if (!folder || !*folder)
+        return;
+    cairo_surface_t* s = cairo_image_surface_create_for_data(const_cast<uint8_t*>(image.row(0)), CAIRO_FORMAT_ARGB32,
+        image.width, image.height, static_cast<int>(image.stride));
+    cairo_surface_write_to_png(s, (std::string(folder) + "/" + name + ".png").c_str());
+    cairo_surface_destroy(s);
+}
+
+// A source picture made by a function of the pixel position.
+template<typename F>
+Image picture(int w, int h, F colour)
+{
+    Image image = Image::allocate(w, h);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            const Rgba c = colour(x, y);
+            uint8_t* p = image.row(y) + x * 4;
+            p[0] = static_cast<uint8_t>(c.b), p[1] = static_cast<uint8_t>(c.g), p[2] = static_cast<uint8_t>(c.r);
+            p[3] = 255;
+        }
+    return image;
+}
+
+Image solid(int w, int h, Rgba c) { return picture(w, h, [c](int, int) { return c; }); }
+Image checker(int w, int h, int cell)
+{
+    return picture(w, h, [cell](int x, int y) {
+        const int v = ((x / cell + y / cell) % 2) ? 235 : 20;
+        return Rgba{v, v, v, 255};
+    });
+}
+
+// Mean absolute difference between neighbouring pixels (detail) inside a pixel box.
+// Pixels inside a box that differ clearly between two frames.
+int changed(const Image& a, const Image& b, int x0, int y0, int x1, int y1, int threshold = 30)
+{
+    int n = 0;
+    for (int y = y0; y < y1; ++y)
+        for (int x = x0; x < x1; ++x)
+            n += distance(at(a, x, y), at(b, x, y)) > threshold;
+    return n;
+}
+
+double detail(const Image& image, int x0, int y0, int x1, int y1)
+{
+    double sum = 0;
+    int n = 0;
+    for (int y = y0; y < y1; ++y)
+        for (int x = x0; x + 1 < x1; ++x, ++n)
+            sum += std::abs(at(image, x, y).luma() - at(image, x + 1, y).luma());
+    return n ? sum / n : 0;
+}
+
+std::unique_ptr<StageRenderer> renderer(const StageSpec& spec, Size canvas, Size content,
+    StageRenderer::Options options = {})
+{
+    options.content = content;
+    options.compositor.threads = 2;
+    auto made = StageRenderer::create(spec, canvas, options);
+    EXPECT_TRUE(made.has_value()) << (made ? "" : made.error().sentence);
+    return made ? std::move(*made) : nullptr;
+}
+
+constexpr Rgba red{40, 40, 220, 255};
+
+TEST(StageRenderer, CardOverBackdropWithRoundedCorners)
+{
+    StageSpec spec;
+    spec.cornersPX = 40;
+    auto r = renderer(spec, {320, 180}, {160, 90});
+    const Image frame = r->render(solid(160, 90, red), {});
+    save(frame, "card");
+    ASSERT_EQ(frame.width, 320);
+    ASSERT_EQ(frame.height, 180);
+    const Rect card = r->geometry().screenRect; // y up; this canvas is symmetric vertically
+    // Backdrop at the corners, the recording inside the card.
+    for (auto [x, y] : {std::pair{0, 0}, {319, 0}, {0, 179}, {319, 179}}) {
+        EXPECT_EQ(distance(at(frame, x, y), at(r->ground(), x, y)), 0);
+        EXPECT_GT(distance(at(frame, x, y), red), 100);
+    }
+    EXPECT_LT(distance(at(frame, 160, 90), red), 6);
+    // Just inside the card's corner the ground shows through; halfway along an edge the card does.
+    const int cx = static_cast<int>(std::ceil(card.minX())) + 1, cy = static_cast<int>(std::ceil(card.minY())) + 1;
+    EXPECT_GT(distance(at(frame, cx, cy), red), 100);
+    EXPECT_LT(distance(at(frame, static_cast<int>(card.midX()), cy), red), 20);
+    // The card's edge is anti-aliased: along the row through the rounded corner some pixels
+    // lie between the card and the ground.
+    int between = 0;
+    for (int x = cx - 2; x < cx + 10; ++x) {
+        const Rgba p = at(frame, x, cy);
+        between += distance(p, red) > 30 && distance(p, at(r->ground(), x, cy)) > 30;
+    }
+    EXPECT_GE(between, 2);
+}
+
+TEST(StageRenderer, ZoomMagnifiesAboutItsCentre)
+{
+    StageSpec spec;
+    spec.paddingPX = 0;
+    spec.cornersPX = 0;
+    // Two dark marks left and right of the centre.
+    const Image source = picture(200, 100, [](int x, int y) {
+        const bool mark = std::abs(y - 50) < 3 && (std::abs(x - 80) < 3 || std::abs(x - 120) < 3);
+        return mark ? Rgba{0, 0, 0, 255} : Rgba{255, 255, 255, 255};
+    });
+    auto r = renderer(spec, {200, 100}, {200, 100});
+    auto markCentres = [](const Image& frame) {
+        double left = 0, right = 0, nl = 0, nr = 0;
+        for (int x = 0; x < frame.width; ++x) {
+            const double ink = 255 - at(frame, x, 50).luma();
+            (x < 100 ? left : right) += ink * x;
+            (x < 100 ? nl : nr) += ink;
+        }
+        return std::pair{left / nl, right / nr};
+    };
+    const auto [l1, r1] = markCentres(r->render(source, {}));
+    StageMoment zoomed;
+    zoomed.zoom = {2, 0.5, 0.5};
+    const Image frame = r->render(source, zoomed);
+    save(frame, "zoom");
+    const auto [l2, r2] = markCentres(frame);
+    EXPECT_NEAR(r2 - l2, 2 * (r1 - l1), 1.0);
+    EXPECT_NEAR((l2 + r2) / 2, (l1 + r1) / 2, 0.5);
+}
+
+// A slow zoom must glide: a tracked feature moves by steadily changing amounts each frame.
+TEST(StageRenderer, SlowZoomGlidesWithoutSteps)
+{
+    StageSpec spec;
+    spec.paddingPX = 0;
+    spec.cornersPX = 0;
+    // A fine pattern with one soft bright spot to track.
+    const Image source = picture(320, 180, [](int x, int y) {
+        const double d2 = (x - 230.0) * (x - 230.0) + (y - 60.0) * (y - 60.0);
+        const int spot = static_cast<int>(235 * std::exp(-d2 / 18));
+        const int base = ((x + y) % 2) ? 12 : 0;
+        return Rgba{base + spot, base + spot, base + spot, 255};
+    });
+    auto r = renderer(spec, {320, 180}, {320, 180});
+    std::vector<double> xs;
+    for (int i = 0; i < 30; ++i) {
+        StageMoment m;
+        m.zoom = {1.0 + 0.004 * i, 0.5, 0.5};
+        const Image frame = r->render(source, m);
+        double sx = 0, n = 0;
+        for (int y = 30; y < 100; ++y)
+            for (int x = 200; x < 280; ++x) {
+                const double w = std::max(0, at(frame, x, y).luma() - 40);
+                sx += w * x;
+                n += w;
+            }
+        ASSERT_GT(n, 0);
+        xs.push_back(sx / n);
+    }
+    std::vector<double> steps;
+    for (size_t i = 1; i < xs.size(); ++i)
+        steps.push_back(xs[i] - xs[i - 1]);
+    const double expected = 0.004 * (230.5 - 160); // pixels per frame at this zoom speed
+    for (size_t i = 0; i < steps.size(); ++i) {
+        EXPECT_NEAR(steps[i], expected, 0.05) << "frame " << i;
+        if (i > 0) {
+            EXPECT_LT(std::abs(steps[i] - steps[i - 1]), 0.05) << "frame " << i;
+        }
+    }
+}
+
+TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
+{
+    StageSpec spec;
+    spec.cursorSize = 200;
+    auto r = renderer(spec, {320, 180}, {320, 180});
+    const Image source = solid(320, 180, {150, 150, 150, 255});
+    const Image bare = r->render(source, {});
+    for (auto [fx, fy] : {std::pair{0.25, 0.3}, {0.7, 0.6}}) {
+        StageMoment m;
+        m.cursor = StageMoment::Cursor{fx, fy, fx, fy, 1, 0};
+        const Image frame = r->render(source, m);
+        save(frame, "pointer");
+        const Rect card = r->geometry().screenRect;
+        const int tx = static_cast<int>(card.x + fx * card.width);
+        const int ty = static_cast<int>(180 - (card.y + (1 - fy) * card.height));
+        // Dark arrow body just below and right of the tip; untouched far away.
+        int dark = 0;
+        for (int y = ty; y < ty + 14; ++y)
+            for (int x = tx; x < tx + 8; ++x)
+                dark += at(frame, x, y).luma() < 60;
+        EXPECT_GT(dark, 12);
+        EXPECT_EQ(distance(at(frame, tx - 40, ty - 30), at(bare, tx - 40, ty - 30)), 0);
+    }
+    // A hidden pointer draws nothing.
+    StageMoment hidden;
+    hidden.cursor = StageMoment::Cursor{0.5, 0.5, 0.5, 0.5, 0, 0};
+    const Image none = r->render(source, hidden);
+    EXPECT_EQ(distance(at(none, 162, 95), at(bare, 162, 95)), 0);
+}
+
+TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
+{
+    StageSpec spec;
+    spec.paddingPX = 0;
+    spec.cornersPX = 0;
+    auto r = renderer(spec, {320, 180}, {320, 180});
+    for (auto style : {MaskRegion::Style::blur, MaskRegion::Style::pixelate}) {
+        // Blur flattens a checkerboard; pixelate turns a ramp into steps.
+        const Image source = style == MaskRegion::Style::blur
+            ? checker(320, 180, 3)
+            : picture(320, 180, [](int x, int y) { return Rgba{x * 3 / 4, y, 255 - x * 3 / 4, 255}; });
+        const Image bare = r->render(source, {});
+        StageMoment m;
+        MaskRegion mask;
+        mask.x = 0.25, mask.y = 0.25, mask.w = 0.5, mask.h = 0.5, mask.style = style;
+        m.masks = {mask};
+        const Image frame = r->render(source, m);
+        save(frame, style == MaskRegion::Style::blur ? "blur_box" : "pixelate_box");
+        if (style == MaskRegion::Style::blur) {
+            EXPECT_LT(detail(frame, 100, 60, 220, 120), detail(bare, 100, 60, 220, 120) / 4);
+        }
+        EXPECT_GT(changed(frame, bare, 80, 45, 240, 135, 2), 2000);
+        EXPECT_EQ(changed(frame, bare, 0, 0, 320, 44, 0) + changed(frame, bare, 0, 136, 320, 180, 0), 0);
+        EXPECT_DOUBLE_EQ(detail(frame, 0, 0, 70, 40), detail(bare, 0, 0, 70, 40));
+        if (style == MaskRegion::Style::pixelate) {
+            // Blocks: max(0.09 × 90, 10) = 10 pixels, so 160 pixels of a row make 16 or 17 runs.
+            int runs = 1;
+            for (int x = 81; x < 240; ++x)
+                runs += distance(at(frame, x, 90), at(frame, x - 1, 90)) > 0;
+            EXPECT_LE(runs, 18);
+            EXPECT_GE(runs, 15);
+        }
+    }
+}
+
+TEST(StageRenderer, ClickEffectsForEveryStyleAndTint)
+{
+    const Image source = solid(320, 180, {60, 60, 60, 255});
+    for (ClickStyle style : allClickStyles)
+        for (ClickTint tint : allClickTints) {
+            StageSpec spec;
+            spec.clickStyle = style;
+            spec.clickTint = tint;
+            auto r = renderer(spec, {320, 180}, {320, 180});
+            StageMoment m;
+            m.clicks = {{0.5, 0.5, 0.12}};
+            const Image frame = r->render(source, m);
+            const Image bare = r->render(source, {});
+            Rgba strongest;
+            int most = 0;
+            for (int y = 60; y < 120; ++y)
+                for (int x = 120; x < 200; ++x)
+                    if (const int d = distance(at(frame, x, y), at(bare, x, y)); d > most) {
+                        most = d;
+                        strongest = at(frame, x, y);
+                    }
+            const int drawn = changed(frame, bare, 120, 60, 200, 120);
+            if (style == ClickStyle::none) {
+                EXPECT_EQ(drawn, 0);
+                continue;
+            }
+            save(frame, std::string("click_") + std::string(clickStyleText(style)) + "_" + std::string(clickTintText(tint)));
+            EXPECT_GT(drawn, 20) << clickStyleText(style) << " " << clickTintText(tint);
+            if (tint == ClickTint::cobalt) {
+                EXPECT_GT(strongest.b, strongest.r + 40);
+            }
+            if (tint == ClickTint::amber) {
+                EXPECT_GT(strongest.r, strongest.b + 40);
+            }
+            // Gone once its life is over.
+            m.clicks = {{0.5, 0.5, 5}};
+            EXPECT_EQ(detail(r->render(source, m), 120, 60, 200, 120), detail(bare, 120, 60, 200, 120));
+        }
+}
+
+TEST(StageRenderer, ClickAnimationGrowsAndFades)
+{
+    for (ClickStyle style : allClickStyles) {
+        EXPECT_EQ(clickAnim(style, -0.1), ClickAnim{});
+        EXPECT_EQ(clickAnim(style, 10), ClickAnim{});
+        if (style == ClickStyle::none)
+            continue;
+        EXPECT_GT(clickAnim(style, 0.1).alpha, 0);
+        EXPECT_LE(clickAnim(style, 0.05).grow, clickAnim(style, 0.2).grow);
+        EXPECT_LT(clickAnim(style, 0.44).alpha, clickAnim(style, 0.12).alpha);
+    }
+}
+
+TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
+{
+    // Left half red, right half blue: mirrored, the bubble shows blue on its left.
+    const Image camera = picture(64, 48, [](int x, int) { return x < 32 ? Rgba{30, 30, 230, 255} : Rgba{230, 30, 30, 255}; });
+    for (CameraShape shape : allCameraShapes)
+        for (bool mirror : {true, false}) {
+            StageRenderer::Options options;
+            options.camera = CameraBubble{shape, PlimLook::BubbleCorner::br, std::nullopt, 1, mirror, true};
+            auto r = renderer(StageSpec{}, {320, 180}, {320, 180}, options);
+            const Image frame = r->render(solid(320, 180, {90, 90, 90, 255}), {}, std::nullopt, camera);
+            save(frame, std::string("camera_") + std::string(cameraShapeText(shape)) + (mirror ? "_mirror" : ""));
+            // 0.24 × 180 = 43.2 wide, 7.2 from the bottom-right corner.
+            const double d = 43.2, cx = 320 - 7.2 - d / 2, cy = 180 - 7.2 - d / 2;
+            const Rgba left = at(frame, static_cast<int>(cx - d / 4), static_cast<int>(cy));
+            const Rgba right = at(frame, static_cast<int>(cx + d / 4), static_cast<int>(cy));
+            EXPECT_EQ(left.b > left.r, mirror);
+            EXPECT_EQ(right.b > right.r, !mirror);
+            // The square's corner is outside a circle and inside a card.
+            const Rgba corner = at(frame, static_cast<int>(cx - d / 2 + 3.5), static_cast<int>(cy - d / 2 + 3.5));
+            EXPECT_EQ(std::max(corner.r, corner.b) > 150, shape == CameraShape::card);
+        }
+}
+
+TEST(StageRenderer, VerticalShapePutsTheBubbleLow)
+{
+    StageRenderer::Options options;
+    options.shape = PlimLook::Shape::vertical;
+    options.camera = CameraBubble{};
+    auto r = renderer(StageSpec{}, {180, 320}, {320, 180}, options);
+    const Image frame = r->render(checker(320, 180, 4), {}, std::nullopt, solid(40, 40, {20, 200, 20, 255}));
+    save(frame, "vertical");
+    const Rect bubble = ReframeMath::bubbleRect({180, 320});
+    const Rgba middle = at(frame, static_cast<int>(bubble.midX()), static_cast<int>(320 - bubble.midY()));
+    EXPECT_GT(middle.g, 150);
+    EXPECT_LT(middle.r, 80);
+}
+
+TEST(StageRenderer, KeycapsAppearAtTheirTime)
+{
+    auto r = renderer(StageSpec{}, {640, 360}, {320, 180});
+    const Image source = solid(320, 180, {200, 200, 200, 255});
+    const Image bare = r->render(source, {});
+    StageMoment m;
+    m.keycaps = {{2000, "⌘S"}, {2200, "⏎"}};
+    m.keycapTime = 2.4;
+    const Image frame = r->render(source, m);
+    save(frame, "keycaps");
+    EXPECT_GT(changed(frame, bare, 220, 260, 420, 360), 300);
+    EXPECT_EQ(changed(frame, bare, 0, 0, 640, 250), 0);
+    // Long after their linger they are gone.
+    m.keycapTime = 9;
+    EXPECT_EQ(changed(r->render(source, m), bare, 0, 0, 640, 360), 0);
+}
+
+TEST(StageRenderer, CaptionInEachLookAndPlace)
+{
+    const Image source = solid(320, 180, {120, 120, 130, 255});
+    for (auto look : {StageSpec::CaptionLook::pill, StageSpec::CaptionLook::bold, StageSpec::CaptionLook::minimal})
+        for (auto place : {StageSpec::CaptionPlace::bottom, StageSpec::CaptionPlace::top}) {
+            StageSpec spec;
+            spec.captionLook = look;
+            spec.captionPlace = place;
+            spec.captionSize = StageSpec::CaptionSize::large;
+            auto r = renderer(spec, {640, 360}, {320, 180});
+            StageMoment m;
+            m.caption = "Click Save to keep it";
+            const Image frame = r->render(source, m);
+            save(frame, std::string("caption_") + std::string(captionLookText(look)) + "_"
+                    + std::string(captionPlaceText(place)));
+            const Image bare = r->render(source, {});
+            const int top = place == StageSpec::CaptionPlace::top ? 0 : 240;
+            const int other = place == StageSpec::CaptionPlace::top ? 240 : 0;
+            EXPECT_GT(changed(frame, bare, 120, top, 520, top + 120), 400);
+            EXPECT_EQ(changed(frame, bare, 0, other, 640, other + 120), 0);
+        }
+}
+
+TEST(StageRenderer, TransitionsDarkenBlurAndPunch)
+{
+    StageSpec spec;
+    spec.paddingPX = 0;
+    spec.cornersPX = 0;
+    spec.shadowPercent = 0;
+    auto r = renderer(spec, {320, 180}, {320, 180});
+    const Image source = checker(320, 180, 4);
+    const Image bare = r->render(source, {});
+    auto meanLuma = [](const Image& f) {
+        double sum = 0;
+        for (int y = 0; y < f.height; y += 3)
+            for (int x = 0; x < f.width; x += 3)
+                sum += at(f, x, y).luma();
+        return sum;
+    };
+    auto with = [&](TransitionSpec::Kind kind, double phase) {
+        StageMoment m;
+        m.transition = EditPlan::TransitionPhase{kind, phase};
+        return r->render(source, m);
+    };
+    const Image half = with(TransitionSpec::Kind::dipToBlack, 0.5);
+    save(half, "dip_black");
+    EXPECT_NEAR(meanLuma(half) / meanLuma(bare), 0.5, 0.03);
+    EXPECT_LT(meanLuma(with(TransitionSpec::Kind::dipToBlack, 1)), 1);
+    const Image backdrop = with(TransitionSpec::Kind::dipToBackdrop, 1);
+    EXPECT_LT(distance(at(backdrop, 160, 90), at(r->ground(), 160, 90)), 4);
+    const Image blurred = with(TransitionSpec::Kind::blur, 1);
+    save(blurred, "blur_transition");
+    EXPECT_LT(detail(blurred, 0, 0, 320, 180), detail(bare, 0, 0, 320, 180) / 4);
+    const Image punched = with(TransitionSpec::Kind::punch, 1);
+    save(punched, "punch");
+    EXPECT_NE(detail(punched, 100, 60, 220, 120), detail(bare, 100, 60, 220, 120));
+    EXPECT_GT(meanLuma(punched), meanLuma(bare));
+}
+
+TEST(StageRenderer, BackdropsOfEveryKind)
+{
+    testkit::TempDir dir;
+    // A PNG backdrop: a plain green picture.
+    const Image green = solid(64, 36, {30, 180, 60, 255});
+    cairo_surface_t* s = cairo_image_surface_create_for_data(const_cast<uint8_t*>(green.row(0)), CAIRO_FORMAT_ARGB32,
+        green.width, green.height, static_cast<int>(green.stride));
+    cairo_surface_write_to_png(s, (dir / "green.png").c_str());
+    cairo_surface_destroy(s);
+    testkit::writeText(dir / "broken.png", "not a picture");
+
+    using B = StageSpec::Backdrop;
+    struct Case {
+        std::string name;
+        StageSpec spec;
+        std::optional<Rgba> corner; // expected corner colour when known exactly
+    };
+    std::vector<Case> cases;
+    for (B::Named n : B::allNamed) {
+        StageSpec spec;
+        spec.backdrop = B::named(n);
+        cases.push_back({std::string(backdropNameText(n)), spec, std::nullopt});
+    }
+    for (const char* look : {"dawn", "lagoon", "meadow", "ember", "graphite", "paper", "desk"}) {
+        StageSpec spec;
+        spec.card = StageSpec::CardLook{};
+        spec.card->backdrop = look;
+        cases.push_back({std::string("look_") + look, spec, std::nullopt});
+    }
+    StageSpec solidSpec, duoSpec, imageSpec;
+    solidSpec.backdrop = B::solid("#336699");
+    duoSpec.backdrop = B::duo("#ff0000", "#0000ff");
+    imageSpec.backdrop = B::image((dir / "green.png").string(), 0);
+    cases.push_back({"solid", solidSpec, Rgba{0x99, 0x66, 0x33, 255}});
+    cases.push_back({"duo", duoSpec, std::nullopt});
+    cases.push_back({"image", imageSpec, Rgba{30, 180, 60, 255}});
+
+    std::set<std::tuple<int, int, int>> corners;
+    for (const Case& c : cases) {
+        StageRenderer::Options options;
+        options.wallpaper = dir / "green.png";
+        auto r = renderer(c.spec, {160, 90}, {160, 90}, options);
+        save(r->ground(), "backdrop_" + c.name);
+        const Rgba corner = at(r->ground(), 1, 1);
+        EXPECT_EQ(corner.a, 255) << c.name;
+        if (c.corner) {
+            EXPECT_LT(distance(corner, *c.corner), 4) << c.name;
+        }
+        if (c.name == "wallpaper") {
+            EXPECT_LT(distance(corner, Rgba{30, 180, 60, 255}), 4);
+        }
+        corners.insert({corner.r, corner.g, corner.b});
+    }
+    // Every backdrop has its own colour, except graphite named both ways and the same
+    // picture as image and wallpaper.
+    EXPECT_GE(corners.size(), cases.size() - 2);
+
+    // A picture that cannot be read: the default gradient, a notice, the file untouched.
+    LogCapture log;
+    StageSpec broken;
+    broken.backdrop = B::image((dir / "broken.png").string(), 4);
+    auto r = renderer(broken, {160, 90}, {160, 90});
+    StageSpec fallback;
+    auto d = renderer(fallback, {160, 90}, {160, 90});
+    EXPECT_LT(distance(at(r->ground(), 1, 1), at(d->ground(), 1, 1)), 4);
+    EXPECT_TRUE(log.contains("broken.png could not be read"));
+    EXPECT_EQ(testkit::readText(dir / "broken.png"), "not a picture");
+}
+
+TEST(StageRenderer, UnusableCanvasIsRefusedWithASentence)
+{
+    for (Size canvas : {Size{0, 100}, Size{100, -1}, Size{NAN, 100}, Size{100000, 100}}) {
+        auto made = StageRenderer::create(StageSpec{}, canvas, {});
+        ASSERT_FALSE(made.has_value());
+        EXPECT_NE(made.error().sentence.find("nothing was rendered"), std::string::npos);
+    }
+}
+
+} // namespace
+} // namespace plim
