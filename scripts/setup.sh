@@ -29,5 +29,7 @@ build_type=${BUILD_TYPE:-Sanitize}
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE="$build_type"
 cmake --build build -j"$(nproc)"
 
-# A made-up plim to try the commands on (README's main job).
+# The demo plim to try the commands on (README's main job): 20 s of a made-up desktop with
+# speech, and its automatic edit kept as its plan.
 build/src/plimctl demo demo >/dev/null
+build/src/plimctl plan demo/Demo.mov --auto --write >/dev/null

@@ -82,7 +82,8 @@ Status drawDemoFrames(const DemoOptions& options, const std::function<Status(con
 {
     const auto& script = demo::script();
     demo::Desktop desktop(script, options.width, options.height);
-    const int64_t count = static_cast<int64_t>(std::llround(script.duration * options.fps));
+    const double seconds = options.seconds > 0 ? std::min(options.seconds, script.duration) : script.duration;
+    const int64_t count = static_cast<int64_t>(std::llround(seconds * options.fps));
     for (int64_t i = 0; i < count; ++i) {
         double t = static_cast<double>(i) / options.fps;
         PLIM_TRY(frame(desktop.frameAt(t), t));
@@ -132,7 +133,7 @@ Result<fs::path> writeDemoPlim(const fs::path& folder, const DemoOptions& option
         return feedSound(t + 0.5);
     });
     if (drawn)
-        drawn = feedSound(script.duration);
+        drawn = feedSound(options.seconds > 0 ? std::min(options.seconds, script.duration) : script.duration);
     if (!drawn) {
         writer->cancel();
         fs::remove(partial, ec);

@@ -17,6 +17,7 @@ struct DemoOptions {
     int width = 2560;  // the picture; the display is 1280 × 800 points at width / 1280
     int height = 1600;
     double fps = 60;
+    double seconds = 0; // only the first seconds of the demo; 0 for all of it
     bool sound = true; // speech when espeak-ng is installed
     const char* preset = "ultrafast";
 };

@@ -151,8 +151,9 @@ public:
     // --- Filling ---
     // Replaces every pixel of `target` with `color`.
     virtual void clear(Image& target, const Color& color) = 0;
-    // Copies `source` onto `target` at the same size (the fast path for a prepared ground).
-    virtual void copy(Image& target, const Image& source) = 0;
+    // Copies `source` onto `target` at the same size (the fast path for a prepared ground),
+    // leaving the whole pixels inside `hole` as they are (they are about to be covered).
+    virtual void copy(Image& target, const Image& source, const std::optional<Rect>& hole = std::nullopt) = 0;
     // Paints `color` over `target` inside `clip` (everywhere when absent), anti-aliased.
     virtual void fill(Image& target, const Color& color, const std::optional<RoundedRect>& clip = std::nullopt) = 0;
     virtual void fillGradient(Image& target, const Gradient& gradient,

@@ -123,13 +123,26 @@ public:
         cairo_paint(cr.get());
     }
 
-    void copy(Image& target, const Image& source) override
+    void copy(Image& target, const Image& source, const std::optional<Rect>& hole) override
     {
+        const int w = std::min(target.width, source.width);
         const int h = std::min(target.height, source.height);
-        const size_t bytes = static_cast<size_t>(std::min(target.width, source.width)) * 4;
+        // Whole pixels inside the hole: from the first pixel fully inside to the last.
+        PixelBox skip;
+        if (hole)
+            skip = pixelBox({std::ceil(hole->minX()), std::ceil(hole->minY()),
+                                std::floor(hole->maxX()) - std::ceil(hole->minX()),
+                                std::floor(hole->maxY()) - std::ceil(hole->minY())},
+                w, h);
         parallelRows(h, [&](int y0, int y1) {
-            for (int y = y0; y < y1; ++y)
-                std::memcpy(target.row(y), source.row(y), bytes);
+            for (int y = y0; y < y1; ++y) {
+                if (skip.isEmpty() || y < skip.y0 || y >= skip.y1) {
+                    std::memcpy(target.row(y), source.row(y), size_t(w) * 4);
+                } else {
+                    std::memcpy(target.row(y), source.row(y), size_t(skip.x0) * 4);
+                    std::memcpy(target.row(y) + skip.x1 * 4, source.row(y) + skip.x1 * 4, size_t(w - skip.x1) * 4);
+                }
+            }
         });
     }
 

@@ -70,6 +70,18 @@ struct Flip {
     Affine operator()(const Affine& t) const { return affine().then(t).then(affine()); }
 };
 
+// A frame whose every pixel the renderer writes before reading: not zeroed first.
+Image uninitializedFrame(int width, int height)
+{
+    Image image;
+    image.width = width;
+    image.height = height;
+    image.stride = (static_cast<std::ptrdiff_t>(width) * 4 + 63) / 64 * 64;
+    image.pixels = std::shared_ptr<uint8_t[]>(new (std::align_val_t(64)) uint8_t[image.stride * height],
+        [](uint8_t* p) { ::operator delete[](p, std::align_val_t(64)); });
+    return image;
+}
+
 double uniformScale(const Affine& t) { return std::sqrt(std::abs(t.a * t.d - t.b * t.c)); }
 
 RoundedRect transformed(const RoundedRect& shape, const Affine& t)
@@ -128,7 +140,7 @@ public:
     Image render(const Image& source, const StageMoment& moment, const std::optional<Affine>& stageTransform,
         const std::optional<Image>& camera) override
     {
-        Image out = Image::allocate(m_width, m_height);
+        Image out = uninitializedFrame(m_width, m_height);
         Affine stage = m_geometry.zoomTransform(moment.zoom);
         if (stageTransform)
             stage = stage.then(*stageTransform);
@@ -251,15 +263,22 @@ private:
     void drawScreenCard(Image& out, const Image& source, const Affine& stage)
     {
         const RoundedRect card = transformed({m_flip(m_content), m_radius}, m_stagePic);
-        // The ground is hidden when the card, less its corners, covers the whole picture.
-        const Rect inner = card.rect.outset(-card.radius, -card.radius);
-        const bool covered = !m_device && inner.contains({0, 0, m_canvas.width, m_canvas.height}, 1e-6)
-            && card.rect.contains({-card.radius, -card.radius, m_canvas.width + 2 * card.radius,
-                                      m_canvas.height + 2 * card.radius},
-                1e-6);
+        const Rect whole{0, 0, m_canvas.width, m_canvas.height};
+        const Affine sourceFlip{1, 0, 0, -1, 0, double(source.height)};
+        const Affine fit = StageGeometry::sourceFit({0, 0, double(source.width), double(source.height)}, m_content);
+        const Affine toPicture = sourceFlip.then(fit).then(stage).then(m_flip.affine());
+        const Rect placed = toPicture.apply(Rect{0, 0, double(source.width), double(source.height)});
+        // An opaque recording that fills the card hides the ground inside the card, less its
+        // corners; with the corners off the picture it hides all of it.
+        const bool fills = !source.isEmpty() && placed.contains(card.rect, 1e-6);
+        const bool covered = fills && !m_device
+            && card.rect.contains(whole.outset(card.radius, card.radius), 1e-6);
         if (!covered) {
+            const std::optional<Rect> hole = fills && !m_device
+                ? std::optional<Rect>(card.rect.outset(-1, -card.radius - 1))
+                : std::nullopt;
             if (m_stagePic.isIdentity()) {
-                m_c->copy(out, m_ground);
+                m_c->copy(out, m_ground, hole);
             } else {
                 m_c->clear(out, {0, 0, 0, 1});
                 m_c->draw(out, m_ground, m_stagePic);
@@ -269,9 +288,8 @@ private:
             m_c->fill(out, {0, 0, 0, 1}, card);
             return;
         }
-        const Affine sourceFlip{1, 0, 0, -1, 0, double(source.height)};
-        const Affine fit = StageGeometry::sourceFit({0, 0, double(source.width), double(source.height)}, m_content);
-        const Affine toPicture = sourceFlip.then(fit).then(stage).then(m_flip.affine());
+        if (covered && !placed.contains(whole, 1e-6))
+            m_c->clear(out, {0, 0, 0, 1});
         if (covered)
             m_c->draw(out, source, toPicture);
         else
@@ -486,8 +504,7 @@ private:
                 style::keycapEdge.withAlpha(style::keycapEdge.a * cap.alpha), 1);
             const Image& img = cap.text->image;
             const double tx = x + (cap.width - img.width) / 2;
-            // Centre the text's line box on the cap.
-            const double ty = y + rise + (h - cap.text->logical.height) / 2 - (cap.text->baseline - cap.text->logical.height * 0.78) * 0;
+            const double ty = y + rise + (h - img.height) / 2;
             m_c->draw(out, img, Affine::translation(tx, ty), std::nullopt, cap.alpha);
             x += cap.width + gap;
         }

@@ -150,6 +150,8 @@ RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
     auto even = [](int side) { return std::max(2, side / 2 * 2); };
     if (job.reframe)
         return {even(info.width), even(info.height)};
+    if (job.canvas)
+        return {even(job.canvas->width), even(job.canvas->height)};
     int shortSide = static_cast<int>(job.quality);
     if (job.gif)
         shortSide = even(static_cast<int>(shortSide * 0.6));
@@ -483,7 +485,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     auto stillOn = [&] {
         if (Clock::now() - Clock::time_point(Clock::duration(lastProgress.load())) <= stallLimit)
             return true;
-        failure.set(StagingError::stalled(static_cast<int>(std::lround(job.stallLimit))));
+        failure.set(StagingError::stalled(job.stallLimit));
         return false;
     };
     const StopToken token = stopAll.get_token();

@@ -45,6 +45,8 @@ struct StagingJob {
     std::optional<std::filesystem::path> wallpaper;
     bool reframe = false;
     RenderRules::Quality quality = RenderRules::Quality::p1080;
+    // A canvas of exactly this size instead of the quality's (benchmarks, previews).
+    std::optional<RenderRules::PixelSize> canvas;
     std::optional<std::filesystem::path> output; // default: B.staged.mov or B.reframe.mp4
     double stallLimit = 30;               // seconds without an encoded frame
     double fps = RenderRules::videoFPS;

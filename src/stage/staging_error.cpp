@@ -1,5 +1,7 @@
 #include "stage/staging_error.h"
 
+#include <sstream>
+
 namespace plim {
 
 namespace {
@@ -23,7 +25,9 @@ std::string StagingError::sentence() const
                                     "Check there is free space where it saves, then render again.";
                           },
                           [](const Stalled& e) {
-                              return "Rendering made no progress for " + std::to_string(e.seconds)
+                              std::ostringstream seconds;
+                              seconds << e.seconds;
+                              return "Rendering made no progress for " + seconds.str()
                                   + " seconds and was stopped. Nothing was saved and your plim is untouched. "
                                     "Render again; a smaller size is faster.";
                           },

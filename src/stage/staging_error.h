@@ -18,7 +18,7 @@ struct StagingError {
         bool operator==(const WriterFailed&) const = default;
     };
     struct Stalled {
-        int seconds = 30;
+        double seconds = 30;
         bool operator==(const Stalled&) const = default;
     };
     struct EmptyEdit {
@@ -30,7 +30,7 @@ struct StagingError {
 
     static StagingError unreadable(std::string reason) { return {Unreadable{std::move(reason)}}; }
     static StagingError writerFailed(std::string reason) { return {WriterFailed{std::move(reason)}}; }
-    static StagingError stalled(int seconds) { return {Stalled{seconds}}; }
+    static StagingError stalled(double seconds) { return {Stalled{seconds}}; }
     static StagingError emptyEdit() { return {EmptyEdit{}}; }
 
     // What happened, that nothing was saved and the plim is untouched, and what to do.

@@ -1,4 +1,5 @@
 // The plim and plimctl executables, run as real processes in a sandboxed home.
+#include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
@@ -61,20 +62,92 @@ TEST_F(CliTest, RenderFailsWithTheFailureFormWhenTheTrackIsMissingOrBroken)
     EXPECT_EQ(readText(dir / "B.cursor.json"), "{\"displayX\": 0, \"samples\": []}");
 }
 
-TEST_F(CliTest, StageWinsOverReframeAndReadsThePlanBesideTheMovie)
+TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItBack)
 {
-    auto a = plim("A");
-    auto b = plim("B");
-    writeText(dir / "B.edits.json", R"({"trimOut": 50, "skips": [{"span": {"start": 10, "end": 20}}]})");
-    auto result = plimRun({"--reframe", a.string(), "--stage", b.string()});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_NE(result.out.find("stage " + b.string()), std::string::npos) << result.out;
-    EXPECT_EQ(result.out.find(a.string()), std::string::npos);
-    EXPECT_NE(result.out.find("skip: 10.000s to 20.000s at 4x"), std::string::npos) << result.out;
-    // 50 s kept, of which 10 s play four times as fast.
-    EXPECT_NE(result.out.find("output: 42.500s"), std::string::npos) << result.out;
+    TestMovie source;
+    for (const char* base : {"A", "B"}) {
+        ASSERT_TRUE(writeTestMovie(dir / (std::string(base) + ".mov"), source));
+        ASSERT_TRUE(testTrack(source).write(dir / (std::string(base) + ".mov")));
+    }
+    writeText(dir / "B.edits.json", R"({"trimOut": 1})");
+    auto result = plimRun({"--reframe", (dir / "A.mov").string(), "--stage", (dir / "B.mov").string()});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_NE(result.out.find("staging 0%\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("staging 100%\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find("staged: " + (dir / "B.staged.mov").string() + "\n"), std::string::npos) << result.out;
+    EXPECT_NE(result.out.find(" for 3.0s of plim · out 1.0s · 0 zooms · 0 skips · 0 cuts · trim 0.0–1.0s\n"),
+        std::string::npos)
+        << result.out;
+    EXPECT_TRUE(lastLine(result.out).starts_with("render: ")) << result.out;
+    EXPECT_FALSE(fs::exists(dir / "A.staged.mov"));
+    EXPECT_FALSE(fs::exists(dir / "A.reframe.mp4"));
     EXPECT_NE(result.err.find("automatic updates are off in this process because this process is a headless render"),
         std::string::npos);
+
+    auto probe = ffprobe(dir / "B.staged.mov");
+    EXPECT_EQ(probe.width, 1728); // 1080 lines at the recording's 16:10
+    EXPECT_EQ(probe.height, 1080);
+    EXPECT_EQ(probe.frames, 60);
+    EXPECT_TRUE(probe.hasAudio);
+    // The plan used is written back as the plim's edits.
+    EXPECT_NE(readText(dir / "B.edits.json").find("\"trimOut\": 1"), std::string::npos);
+    EXPECT_NE(readText(dir / "B.edits.json").find("\"writtenBy\""), std::string::npos);
+
+    // A movie that cannot be read: the failure form, and the plim exactly as it was.
+    writeText(dir / "A.mov", "not a movie");
+    auto before = folderContents(dir.path());
+    auto failed = plimRun({"--reframe", (dir / "A.mov").string()});
+    EXPECT_EQ(failed.status, 1);
+    EXPECT_TRUE(lastLine(failed.err).starts_with("reframing failed: The plim could not be read: it could not be opened."))
+        << failed.err;
+    EXPECT_EQ(folderContents(dir.path()), before);
+}
+
+TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
+{
+    TestMovie source;
+    fs::path movie = dir / "B.mov";
+    ASSERT_TRUE(writeTestMovie(movie, source));
+    ASSERT_TRUE(testTrack(source).write(movie));
+    writeText(dir / "B.edits.json", R"({"trimIn": 2, "trimOut": 2.5})");
+    auto before = folderContents(dir.path());
+
+    auto png = ctl({"stage", movie.string(), "--backdrop", "#102030", "--size", "720", "--frame", "0.2", "--png",
+        (dir / "out" / "f.png").string()});
+    EXPECT_EQ(png.status, 1) << "a folder that does not exist is refused";
+    fs::create_directories(dir / "out");
+    png = ctl({"stage", movie.string(), "--backdrop", "#102030", "--size", "720", "--frame", "0.2", "--png",
+        (dir / "out" / "f.png").string()});
+    ASSERT_EQ(png.status, 0) << png.err;
+    EXPECT_EQ(readText(dir / "out" / "f.png").substr(1, 3), "PNG");
+
+    auto staged = ctl({"stage", movie.string(), "--size", "720", "--click-style", "pulse", "--output",
+        (dir / "out" / "s.mp4").string()});
+    ASSERT_EQ(staged.status, 0) << staged.err;
+    EXPECT_EQ(staged.out, "staged: " + (dir / "out" / "s.mp4").string() + "\n");
+    auto probe = ffprobe(dir / "out" / "s.mp4");
+    EXPECT_EQ(probe.height, 720);
+    EXPECT_EQ(probe.frames, 30);
+
+    struct Refusal {
+        std::vector<std::string> args;
+        std::string says;
+    };
+    const Refusal refusals[] = {
+        {{"--size", "900"}, "is not an output size"},
+        {{"--click-style", "sparkle"}, "is not a choice for --click-style"},
+        {{"--shape", "4:3"}, "is not a choice for --shape"},
+        {{"--frame", "soon", "--png", "x.png"}, "--frame takes a time in seconds"},
+    };
+    for (const auto& r : refusals) {
+        std::vector<std::string> args = {"stage", movie.string()};
+        args.insert(args.end(), r.args.begin(), r.args.end());
+        auto refused = ctl(args);
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_NE(refused.err.find(r.says), std::string::npos) << refused.err;
+    }
+    fs::remove_all(dir / "out");
+    EXPECT_EQ(folderContents(dir.path()), before);
 }
 
 TEST_F(CliTest, WithoutARenderPlimRunsStartUpAndSaysThereIsNoInterface)
@@ -108,10 +181,14 @@ TEST_F(CliTest, PlanCommandReportsNoticesAndLeavesADamagedFileAlone)
 
 TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
 {
-    auto demo = ctl({"demo", (dir / "demo").string()});
+    auto demo = ctl({"demo", (dir / "demo").string(), "--width", "320", "--silent"});
     ASSERT_EQ(demo.status, 0) << demo.err;
     fs::path movie = dir / "demo" / "Demo.mov";
     EXPECT_EQ(demo.out, movie.string() + "\n");
+    auto probe = ffprobe(movie);
+    EXPECT_EQ(probe.width, 320);
+    EXPECT_EQ(probe.height, 200);
+    EXPECT_EQ(probe.frames, 1200); // 20 s at 60 fps
 
     // No edits yet: the automatic edit is shown, trimming the idle ends of the demo.
     auto proposed = ctl({"plan", movie.string()});

@@ -1,0 +1,162 @@
+// The staged render against a bare transcode of the same recording. Renders the demo plim
+// (2560 x 1600, 60 fps, 20 s) to a 1920 x 1080, 60 fps staged movie with the zooms of its
+// automatic edit and every frame kept, then transcodes the same recording to the same size
+// with the same encoder settings (decode, scale, encode, nothing composed). Then the peak
+// memory of staging a 3840 x 2160 recording. Each measurement runs in a child process so
+// that its peak resident memory (getrusage maxrss) is its own.
+//
+//   stage_bench [folder]   (default: a folder under /tmp, reused between runs)
+
+#include "app/demo_plim.h"
+#include "app/plan_report.h"
+#include "media/movie_reader.h"
+#include "media/movie_writer.h"
+#include "stage/staging_engine.h"
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+
+using namespace plim;
+namespace fs = std::filesystem;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Figures {
+    double seconds = 0;
+    int64_t frames = 0;
+};
+
+fs::path ensureDemo(const fs::path& folder, int width, int height)
+{
+    fs::path movie = folder / "Demo.mov";
+    if (fs::exists(movie) && fs::exists(folder / "Demo.cursor.json"))
+        return movie;
+    DemoOptions options;
+    options.width = width;
+    options.height = height;
+    auto start = Clock::now();
+    auto made = writeDemoPlim(folder, options);
+    if (!made) {
+        std::fprintf(stderr, "stage_bench: %s\n", made.error().sentence.c_str());
+        std::exit(1);
+    }
+    std::printf("generated %s (%dx%d) in %.1f s\n", movie.c_str(), width, height,
+        std::chrono::duration<double>(Clock::now() - start).count());
+    return movie;
+}
+
+Figures staged(const fs::path& movie, RenderRules::PixelSize canvas)
+{
+    auto report = gatherPlan(movie);
+    if (!report) {
+        std::fprintf(stderr, "stage_bench: %s\n", report.error().sentence.c_str());
+        std::exit(1);
+    }
+    // The automatic edit's zooms over every frame of the recording.
+    EditPlan plan;
+    plan.zooms = proposeAutoEdit(*report).plan.zooms;
+    StagingJob job;
+    job.movie = movie;
+    job.cursor = report->track;
+    job.keys = report->keys.value_or(KeystrokeTrack{});
+    job.plan = plan;
+    job.canvas = canvas;
+    job.output = movie.parent_path() / "bench.staged.mp4";
+    auto start = Clock::now();
+    auto outcome = StagingEngine::stage(job, {}, {});
+    if (!outcome.isFinished()) {
+        std::fprintf(stderr, "stage_bench: %s\n", outcome.sentence.c_str());
+        std::exit(1);
+    }
+    return {std::chrono::duration<double>(Clock::now() - start).count(), outcome.value.frames};
+}
+
+Figures bare(const fs::path& movie, RenderRules::PixelSize canvas)
+{
+    auto start = Clock::now();
+    auto reader = MovieReader::create(movie, MovieReader::Options{canvas.width, canvas.height, 0});
+    if (!reader) {
+        std::fprintf(stderr, "stage_bench: %s\n", reader.error().sentence.c_str());
+        std::exit(1);
+    }
+    MovieWriter::Settings settings;
+    settings.path = movie.parent_path() / "bench.bare.mp4";
+    settings.width = canvas.width;
+    settings.height = canvas.height;
+    settings.frameRate = 60;
+    settings.bitsPerSecond = exportBitsPerSecond(canvas.width, canvas.height);
+    settings.preset = exportPreset;
+    auto writer = MovieWriter::create(settings);
+    if (!writer) {
+        std::fprintf(stderr, "stage_bench: %s\n", writer.error().sentence.c_str());
+        std::exit(1);
+    }
+    int64_t frames = 0;
+    for (;;) {
+        auto next = (*reader)->next();
+        if (!next || !*next)
+            break;
+        if (!(*writer)->appendVideo((*next)->image, static_cast<double>(frames) / 60))
+            std::exit(1);
+        ++frames;
+    }
+    if (!(*writer)->finish())
+        std::exit(1);
+    return {std::chrono::duration<double>(Clock::now() - start).count(), frames};
+}
+
+// Runs `work` in a child; returns its figures and peak memory in MB.
+template<typename F>
+std::pair<Figures, double> inChild(F work)
+{
+    int pipeEnds[2];
+    if (pipe(pipeEnds) != 0)
+        std::exit(1);
+    pid_t pid = fork();
+    if (pid == 0) {
+        Figures f = work();
+        if (write(pipeEnds[1], &f, sizeof f) != sizeof f)
+            _exit(1);
+        _exit(0);
+    }
+    Figures f;
+    if (read(pipeEnds[0], &f, sizeof f) != sizeof f)
+        std::fprintf(stderr, "stage_bench: the measurement failed\n");
+    int status = 0;
+    rusage usage{};
+    wait4(pid, &status, 0, &usage);
+    return {f, usage.ru_maxrss / 1024.0};
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path() / "plim-stage-bench";
+    fs::create_directories(folder / "qhd");
+    fs::create_directories(folder / "uhd");
+    const RenderRules::PixelSize hd{1920, 1080};
+
+    fs::path movie = ensureDemo(folder / "qhd", 2560, 1600);
+    auto [stage, stageMB] = inChild([&] { return staged(movie, hd); });
+    auto [plain, plainMB] = inChild([&] { return bare(movie, hd); });
+    std::printf("staged  1920x1080: %lld frames in %.2f s = %.1f fps, peak %.0f MB\n",
+        static_cast<long long>(stage.frames), stage.seconds, stage.frames / stage.seconds, stageMB);
+    std::printf("bare    1920x1080: %lld frames in %.2f s = %.1f fps, peak %.0f MB\n",
+        static_cast<long long>(plain.frames), plain.seconds, plain.frames / plain.seconds, plainMB);
+    std::printf("staged / bare: %.2f (target at most 1.3, aim 1.1)\n", stage.seconds / plain.seconds);
+
+    fs::path uhd = ensureDemo(folder / "uhd", 3840, 2160);
+    auto [big, bigMB] = inChild([&] { return staged(uhd, hd); });
+    std::printf("staged from 3840x2160: %lld frames in %.2f s = %.1f fps, peak %.0f MB (target under 500 MB)\n",
+        static_cast<long long>(big.frames), big.seconds, big.frames / big.seconds, bigMB);
+    return 0;
+}

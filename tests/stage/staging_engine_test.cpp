@@ -1,0 +1,258 @@
+// The staging engine on real movies: what comes out is checked with ffprobe and by its
+// pixels and sound; failures leave no file and the plim as it was.
+#include "media/movie_reader.h"
+#include "stage/staging_engine.h"
+#include "testkit/test_movies.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/mount.h>
+
+#include <condition_variable>
+#include <mutex>
+
+using namespace plim;
+using namespace plim::testkit;
+
+namespace {
+
+struct StagingEngineTest : ::testing::Test {
+    TempDir dir;
+    fs::path movie = dir / "B.mov";
+    TestMovie source;
+
+    void SetUp() override
+    {
+        source.tones = {2.5};
+        ASSERT_TRUE(writeTestMovie(movie, source));
+    }
+
+    StagingJob job(EditPlan plan = {}, bool reframe = true)
+    {
+        StagingJob j;
+        j.movie = movie;
+        j.cursor = testTrack(source);
+        j.plan = std::move(plan);
+        j.reframe = reframe;
+        return j;
+    }
+};
+
+EditPlan cutPlan(double start, double end)
+{
+    EditPlan plan;
+    plan.cuts.push_back({"C1", start, end, {}});
+    return plan;
+}
+
+EditPlan skipPlan(double start, double end, double rate)
+{
+    EditPlan plan;
+    plan.skips.push_back({{start, end}, false, rate});
+    return plan;
+}
+
+EditPlan trimPlan(double in, double out)
+{
+    EditPlan plan;
+    plan.trimIn = in;
+    plan.trimOut = out;
+    return plan;
+}
+
+// The dominant channel of a picture's top-left area: 'r', 'g' or 'b'.
+char dominant(const Image& image)
+{
+    const uint8_t* px = image.row(12) + 12 * 4; // BGRA
+    if (px[2] > px[1] && px[2] > px[0])
+        return 'r';
+    return px[1] > px[0] ? 'g' : 'b';
+}
+
+char expectedChannel(uint32_t rgb)
+{
+    int r = (rgb >> 16) & 0xff, g = (rgb >> 8) & 0xff, b = rgb & 0xff;
+    if (r > g && r > b)
+        return 'r';
+    return g > b ? 'g' : 'b';
+}
+
+TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
+{
+    struct Case {
+        const char* name;
+        EditPlan plan;
+        double outputSeconds;
+        double toneAt; // where the source's tone at 2.5 s lands
+    };
+    const Case cases[] = {
+        {"no edit", {}, 3.0, 2.5},
+        {"the green second cut", cutPlan(1, 2), 2.0, 1.5},
+        {"0.5 to 2.0 four times as fast", skipPlan(0.5, 2.0, 4), 1.875, 1.375},
+        {"trimmed to 0.5 to 2.8", trimPlan(0.5, 2.8), 2.3, 2.0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto j = job(c.plan);
+        auto outcome = StagingEngine::stage(j, {}, {});
+        ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
+        const auto& result = outcome.value;
+        EXPECT_EQ(result.stagedURL, dir / "B.reframe.mp4");
+        auto probe = ffprobe(result.stagedURL);
+        EXPECT_EQ(probe.width, 320);
+        EXPECT_EQ(probe.height, 200);
+        EXPECT_EQ(probe.codec, "h264");
+        EXPECT_EQ(probe.audioCodec, "aac");
+        EXPECT_NEAR(probe.frameRate, 60, 0.01);
+        EXPECT_NEAR(static_cast<double>(probe.frames) / 60, c.outputSeconds, 1.0 / 60 + 1e-9);
+        EXPECT_NEAR(result.outputDuration, c.outputSeconds, 1.0 / 60 + 1e-9);
+        EXPECT_NEAR(probe.duration, c.outputSeconds, 0.05);
+
+        // Each output frame shows the colour the time remap says, away from the colour changes.
+        auto timeline = c.plan.clipTimeline(3.0);
+        auto reader = MovieReader::create(result.stagedURL);
+        ASSERT_TRUE(reader) << reader.error().sentence;
+        int checked = 0;
+        while (auto frame = (*reader)->next()) {
+            if (!*frame)
+                break;
+            double raw = timeline.rawTime((*frame)->time).value_or(-1);
+            double nearestChange = std::min({std::fabs(raw - 1), std::fabs(raw - 2)});
+            if (nearestChange < 0.1)
+                continue;
+            ASSERT_EQ(dominant((*frame)->image), expectedChannel(colorAt(source, raw)))
+                << "output " << (*frame)->time << " raw " << raw;
+            ++checked;
+        }
+        EXPECT_GT(checked, 60);
+
+        auto onsets = soundOnsets(result.stagedURL);
+        ASSERT_EQ(onsets.size(), 1u);
+        EXPECT_NEAR(onsets.front(), c.toneAt, 0.010);
+    }
+}
+
+TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
+{
+    auto j = job(trimPlan(0.2, 0.7), false);
+    j.quality = RenderRules::Quality::p720;
+    std::vector<StagingProgress> reports;
+    auto outcome = StagingEngine::stage(j, [&](const StagingProgress& p) { reports.push_back(p); }, {});
+    ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
+    EXPECT_EQ(outcome.value.stagedURL, dir / "B.staged.mov");
+    auto probe = ffprobe(outcome.value.stagedURL);
+    EXPECT_EQ(probe.width, 1152); // 720 lines at the recording's 16:10
+    EXPECT_EQ(probe.height, 720);
+    EXPECT_EQ(probe.colorSpace, "bt709");
+    EXPECT_EQ(probe.frames, 30);
+    std::string bytes = readText(outcome.value.stagedURL);
+    EXPECT_LT(bytes.find("moov"), bytes.find("mdat")) << "the index is at the front";
+    ASSERT_EQ(reports.size(), 30u);
+    EXPECT_EQ(reports.back().frames, 30);
+    EXPECT_DOUBLE_EQ(reports.back().fraction(), 1.0);
+    for (const auto& entry : fs::directory_iterator(dir.path()))
+        EXPECT_EQ(entry.path().filename().string().find("partial"), std::string::npos) << entry.path();
+
+    // One frame as stage() draws it: the card in the middle shows the recording's red.
+    auto frame = StagingEngine::frame(j, 0.25);
+    ASSERT_TRUE(frame) << frame.error().sentence;
+    EXPECT_EQ(frame->width, 1152);
+    const uint8_t* middle = frame->row(360) + 576 * 4;
+    EXPECT_GT(middle[2], 150);
+    EXPECT_LT(middle[1], 80);
+}
+
+// A sink that never accepts a frame until the render gives up on it.
+class StuckSink final : public VideoSink {
+public:
+    Status appendVideo(const Image&, double, StopToken stop) override
+    {
+        std::mutex m;
+        std::condition_variable_any cv;
+        std::unique_lock lock(m);
+        cv.wait(lock, stop, [] { return false; });
+        return fail("stopped", Error::Kind::stopped);
+    }
+    Status appendAudio(const float*, int64_t, int64_t) override { return {}; }
+    double soundSeconds() const override { return 0; }
+    Status finish() override { return {}; }
+    void cancel() override {}
+};
+
+TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
+{
+    struct Case {
+        const char* name;
+        std::function<void(StagingJob&)> arrange;
+        std::string sentence;
+        bool stopped = false;
+    };
+    const Case cases[] = {
+        {"a file that is not a movie",
+            [&](StagingJob&) { writeText(movie, "this is not a movie"); },
+            "The plim could not be read: it could not be opened."},
+        {"sound without a picture",
+            [&](StagingJob&) {
+                // A WAV file: 0.1 s of 8 kHz 8-bit silence.
+                std::string wav = "RIFF";
+                auto u32 = [&](uint32_t v) { for (int i = 0; i < 4; ++i) wav += static_cast<char>((v >> (8 * i)) & 0xff); };
+                auto u16 = [&](uint16_t v) { for (int i = 0; i < 2; ++i) wav += static_cast<char>((v >> (8 * i)) & 0xff); };
+                u32(36 + 800);
+                wav += "WAVEfmt ";
+                u32(16), u16(1), u16(1), u32(8000), u32(8000), u16(1), u16(8);
+                wav += "data";
+                u32(800);
+                wav += std::string(800, '\x80');
+                writeText(movie, wav);
+            },
+            "The plim could not be read:"},
+        {"an edit that removes everything", [&](StagingJob& j) { j.plan = cutPlan(0, 3); },
+            "This edit removes the whole plim."},
+        {"a sink that accepts nothing",
+            [&](StagingJob& j) {
+                j.stallLimit = 0.3;
+                j.makeSink = [](const VideoSink::Settings&) -> Result<std::unique_ptr<VideoSink>> {
+                    return std::make_unique<StuckSink>();
+                };
+            },
+            "Rendering made no progress for 0.3 seconds and was stopped."},
+        {"stopped part way", [&](StagingJob&) {}, "Stopped. Nothing was saved.", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        ASSERT_TRUE(writeTestMovie(movie, source));
+        auto j = job();
+        c.arrange(j);
+        auto before = folderContents(dir.path());
+        StopSource stop;
+        auto outcome = StagingEngine::stage(j,
+            [&](const StagingProgress& p) {
+                if (c.stopped && p.frames == 10)
+                    stop.request_stop();
+            },
+            stop.get_token());
+        EXPECT_EQ(outcome.isStopped(), c.stopped);
+        EXPECT_EQ(outcome.isFailed(), !c.stopped);
+        EXPECT_TRUE(outcome.sentence.starts_with(c.sentence)) << outcome.sentence;
+        EXPECT_EQ(folderContents(dir.path()), before);
+    }
+}
+
+TEST_F(StagingEngineTest, AFullDiskGivesTheWriterSentenceAndLeavesNoPartialFile)
+{
+    fs::path small = dir / "small";
+    fs::create_directories(small);
+    if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=200k") != 0)
+        GTEST_SKIP() << "a small tmpfs cannot be mounted here (" << std::strerror(errno) << "), so a full disk is not tried";
+    auto unmount = std::unique_ptr<fs::path, void (*)(fs::path*)>(&small, [](fs::path* p) { ::umount(p->c_str()); });
+    auto before = folderContents(dir.path());
+    auto j = job();
+    j.output = small / "B.reframe.mp4";
+    auto outcome = StagingEngine::stage(j, {}, {});
+    ASSERT_TRUE(outcome.isFailed());
+    EXPECT_TRUE(outcome.sentence.starts_with("The file could not be written: ")) << outcome.sentence;
+    EXPECT_TRUE(fs::is_empty(small));
+    EXPECT_EQ(folderContents(dir.path()), before);
+}
+
+} // namespace

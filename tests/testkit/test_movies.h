@@ -1,0 +1,177 @@
+#pragma once
+// Small movies for render tests, written with media's MovieWriter, and what ffprobe says
+// about a movie. Header-only: it needs the media library, which only the stage, share
+// and app tests link.
+
+#include "base/image.h"
+#include "capture/cursor_track.h"
+#include "media/movie_writer.h"
+#include "media/sound_reader.h"
+#include "testkit/testkit.h"
+
+#include <cmath>
+#include <cstdint>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace plim::testkit {
+
+struct TestMovie {
+    int width = 320;
+    int height = 200;
+    double fps = 30;
+    double duration = 3;
+    // The picture's colour (0xRRGGBB) from each start time on.
+    std::vector<std::pair<double, uint32_t>> colors = {{0, 0xd02020}, {1, 0x20c020}, {2, 0x2040e0}};
+    bool sound = true;
+    std::vector<double> tones; // 1 kHz bursts of `toneLength` seconds in otherwise silent sound
+    double toneLength = 0.08;
+};
+
+inline uint32_t colorAt(const TestMovie& m, double t)
+{
+    uint32_t color = m.colors.empty() ? 0x808080 : m.colors.front().second;
+    for (const auto& [start, c] : m.colors)
+        if (t >= start)
+            color = c;
+    return color;
+}
+
+inline Image solidImage(int width, int height, uint32_t rgb)
+{
+    Image image = Image::allocate(width, height);
+    for (int y = 0; y < height; ++y) {
+        auto* row = reinterpret_cast<uint32_t*>(image.row(y));
+        for (int x = 0; x < width; ++x)
+            row[x] = 0xff000000u | rgb;
+    }
+    return image;
+}
+
+inline Status writeTestMovie(const fs::path& path, const TestMovie& m)
+{
+    MovieWriter::Settings settings;
+    settings.path = path;
+    settings.container = MovieWriter::Container::fragmentedMov;
+    settings.width = m.width;
+    settings.height = m.height;
+    settings.frameRate = m.fps;
+    settings.bitsPerSecond = 2'000'000;
+    settings.preset = "ultrafast";
+    if (m.sound)
+        settings.sound.push_back(MovieWriter::systemSoundTrack());
+    auto writer = PLIM_TRY(MovieWriter::create(settings));
+    const int64_t frames = std::llround(m.duration * m.fps);
+    for (int64_t i = 0; i < frames; ++i) {
+        double t = static_cast<double>(i) / m.fps;
+        PLIM_TRY(writer->appendVideo(solidImage(m.width, m.height, colorAt(m, t)), t));
+    }
+    if (m.sound) {
+        const int64_t total = std::llround(m.duration * soundSampleRate);
+        std::vector<float> pcm(static_cast<size_t>(total) * 2, 0.0f);
+        for (double start : m.tones)
+            for (int64_t f = std::llround(start * soundSampleRate);
+                 f < std::llround((start + m.toneLength) * soundSampleRate) && f < total; ++f) {
+                float v = 0.5f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * static_cast<double>(f) / soundSampleRate));
+                pcm[static_cast<size_t>(f) * 2] = pcm[static_cast<size_t>(f) * 2 + 1] = v;
+            }
+        PLIM_TRY(writer->appendAudio(0, pcm.data(), total, 0));
+    }
+    return writer->finish();
+}
+
+// A pointer that crosses the picture once and clicks in the middle, over a display of the
+// movie's size in points.
+inline CursorTrack testTrack(const TestMovie& m)
+{
+    CursorTrack track;
+    track.displayWidth = m.width;
+    track.displayHeight = m.height;
+    track.scale = 1;
+    for (int i = 0; i <= static_cast<int>(m.duration * 60); ++i) {
+        double u = i / (m.duration * 60);
+        track.samples.push_back({std::llround(i * 1000.0 / 60), roundToTenth(m.width * (0.2 + 0.6 * u)),
+            roundToTenth(m.height * 0.5), 0});
+    }
+    track.clicks.push_back({std::llround(m.duration * 500), m.width * 0.5, m.height * 0.5});
+    return track;
+}
+
+// What ffprobe reports about a movie's picture track and container.
+struct Probe {
+    int width = 0;
+    int height = 0;
+    double frameRate = 0; // r_frame_rate
+    int64_t frames = 0;   // frames decoded
+    double duration = 0;  // the container's
+    bool hasAudio = false;
+    std::string codec;
+    std::string audioCodec;
+    std::string colorSpace;
+};
+
+inline Probe ffprobe(const fs::path& path)
+{
+    Probe p;
+    auto video = runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-count_frames", "-show_entries",
+        "stream=width,height,r_frame_rate,nb_read_frames,codec_name,color_space", "-show_entries", "format=duration",
+        "-of", "default=nw=1", path.string()});
+    std::map<std::string, std::string> values;
+    std::istringstream lines(video.out);
+    for (std::string line; std::getline(lines, line);)
+        if (auto eq = line.find('='); eq != std::string::npos)
+            values[line.substr(0, eq)] = line.substr(eq + 1);
+    auto number = [&](const std::string& key) { return values.contains(key) ? std::atof(values[key].c_str()) : 0.0; };
+    p.width = static_cast<int>(number("width"));
+    p.height = static_cast<int>(number("height"));
+    p.frames = static_cast<int64_t>(number("nb_read_frames"));
+    p.duration = number("duration");
+    p.codec = values["codec_name"];
+    p.colorSpace = values["color_space"];
+    const std::string rate = values["r_frame_rate"];
+    const auto slash = rate.find('/');
+    if (slash != std::string::npos && std::atof(rate.substr(slash + 1).c_str()) > 0)
+        p.frameRate = std::atof(rate.substr(0, slash).c_str()) / std::atof(rate.substr(slash + 1).c_str());
+    auto audio = runCommand({"ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries", "stream=codec_name",
+        "-of", "default=nw=1:nk=1", path.string()});
+    p.audioCodec = audio.out.substr(0, audio.out.find('\n'));
+    p.hasAudio = !p.audioCodec.empty();
+    return p;
+}
+
+// Every file under a folder with its bytes, to show a render left a plim exactly as it was.
+inline std::map<std::string, std::string> folderContents(const fs::path& folder)
+{
+    std::map<std::string, std::string> out;
+    for (const auto& entry : fs::recursive_directory_iterator(folder))
+        if (entry.is_regular_file())
+            out[fs::relative(entry.path(), folder).string()] = readText(entry.path());
+    return out;
+}
+
+// Times (seconds) at which the sound first rises above `level` after a stretch of quiet.
+inline std::vector<double> soundOnsets(const fs::path& path, float level = 0.1f, double quiet = 0.2)
+{
+    std::vector<double> onsets;
+    auto reader = SoundReader::create(path);
+    if (!reader)
+        return onsets;
+    int64_t frame = 0, lastLoud = -1'000'000'000;
+    for (;;) {
+        auto block = (*reader)->read();
+        if (!block || block->empty())
+            break;
+        for (size_t i = 0; i + 1 < block->size(); i += 2, ++frame) {
+            if (std::fabs((*block)[i]) < level)
+                continue;
+            if (frame - lastLoud > quiet * soundSampleRate)
+                onsets.push_back(static_cast<double>(frame) / soundSampleRate);
+            lastLoud = frame;
+        }
+    }
+    return onsets;
+}
+
+} // namespace plim::testkit
