@@ -1,7 +1,7 @@
 #include "share/gif_sink.h"
 #include "testkit/testkit.h"
+#include "share/gif_check.h"
 
-#include <gif_lib.h>
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -32,41 +32,6 @@ Image screen(int width, int height, int frame)
     return image;
 }
 
-struct DecodedGif {
-    int width = 0, height = 0;
-    std::vector<int> delays;
-    std::vector<std::pair<int, int>> frameSizes;
-    int loopCount = -1; // -1: no NETSCAPE extension
-};
-
-DecodedGif decode(const fs::path& path)
-{
-    DecodedGif out;
-    int error = 0;
-    GifFileType* gif = DGifOpenFileName(path.c_str(), &error);
-    if (!gif || DGifSlurp(gif) != GIF_OK) {
-        ADD_FAILURE() << "giflib cannot read " << path;
-        if (gif)
-            DGifCloseFile(gif, &error);
-        return out;
-    }
-    out.width = gif->SWidth;
-    out.height = gif->SHeight;
-    for (int i = 0; i < gif->ImageCount; ++i) {
-        GraphicsControlBlock gcb{};
-        DGifSavedExtensionToGCB(gif, i, &gcb);
-        out.delays.push_back(gcb.DelayTime);
-        out.frameSizes.emplace_back(gif->SavedImages[i].ImageDesc.Width, gif->SavedImages[i].ImageDesc.Height);
-        const SavedImage& image = gif->SavedImages[i];
-        for (int e = 0; e + 1 < image.ExtensionBlockCount; ++e)
-            if (image.ExtensionBlocks[e].Function == APPLICATION_EXT_FUNC_CODE && image.ExtensionBlocks[e].ByteCount == 11
-                && std::memcmp(image.ExtensionBlocks[e].Bytes, "NETSCAPE2.0", 11) == 0)
-                out.loopCount = image.ExtensionBlocks[e + 1].Bytes[1] | (image.ExtensionBlocks[e + 1].Bytes[2] << 8);
-    }
-    DGifCloseFile(gif, &error);
-    return out;
-}
-
 } // namespace
 
 TEST(GIFSink, DelaysRoundToHundredthsAndNeverGoUnderTwo)
@@ -87,7 +52,7 @@ TEST(GIFSink, WritesALoopingGifWhoseStillAreasStayTransparent)
         ASSERT_TRUE((*sink)->append(screen(1152, 648, i < 6 ? i : 5), i / 12.0));
     ASSERT_TRUE((*sink)->finish());
 
-    DecodedGif gif = decode(path);
+    DecodedGif gif = decodeGif(path);
     EXPECT_EQ(gif.width, 1152);
     EXPECT_EQ(gif.height, 648);
     EXPECT_EQ(gif.loopCount, 0);
