@@ -1,6 +1,6 @@
 #include "plan/edit_plan.h"
 #include "share/plim_thumbs.h"
-#include "testkit/testkit.h"
+#include "testkit/test_movies.h"
 
 #include <gtest/gtest.h>
 #include <libheif/heif.h>
@@ -117,4 +117,33 @@ TEST(PlimThumbs, AFailedStoreLeavesNothingInPlace)
     EXPECT_EQ(nothing.error().sentence, "Thumbnails for D.mov could not be written: this computer cannot write HEIC images "
                                         "here (there is no picture to store). The plim itself is untouched.");
     EXPECT_FALSE(PlimThumbs::read(dir / "D.mov"));
+}
+
+TEST(PlimThumbs, DrawsThePosterAndStripAsTheStagedPictureShowsThem)
+{
+    TempDir dir;
+    TestMovie m; // red for a second, then green, then blue
+    m.sound = false;
+    const fs::path movie = dir / "B.mov";
+    ASSERT_TRUE(writeTestMovie(movie, m));
+    auto drawn = PlimThumbs::draw(movie);
+    ASSERT_TRUE(drawn) << drawn.error().sentence;
+    ASSERT_EQ(drawn->strip.size(), 24u);
+    // The card's middle: the poster at 0.45 × 3 s is green; the strip runs red to blue.
+    auto middle = [](const Image& image) { return image.row(image.height / 2) + 4 * (image.width / 2); };
+    EXPECT_EQ(drawn->poster.width, 320);
+    EXPECT_EQ(drawn->poster.height, 200);
+    EXPECT_GT(middle(drawn->poster)[1], 150);
+    EXPECT_GT(middle(drawn->strip.front())[2], 150);
+    EXPECT_GT(middle(drawn->strip.back())[0], 150);
+    // The backdrop, not the recording, fills the corner.
+    EXPECT_LT(std::abs(drawn->poster.row(2)[4 * 2 + 1] - 0xc0), 0x80);
+
+    auto posterOnly = PlimThumbs::draw(movie, std::nullopt, true);
+    ASSERT_TRUE(posterOnly);
+    EXPECT_TRUE(posterOnly->strip.empty());
+    auto missing = PlimThumbs::draw(dir / "none.mov");
+    ASSERT_FALSE(missing);
+    EXPECT_EQ(missing.error().sentence, "Thumbnails for none.mov could not be drawn: a frame could not be rendered. The plim itself is untouched.");
+    EXPECT_FALSE(fs::exists(dir / "none.thumbs.heic"));
 }

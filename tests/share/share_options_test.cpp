@@ -1,9 +1,13 @@
 #include "base/trash.h"
+#include "share/share_engine.h"
 #include "share/share_options.h"
 #include "share/share_progress.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+
+#include <thread>
+#include <unistd.h>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -116,4 +120,32 @@ TEST(Trash, MovesFilesWithTheirInfoAndNeverOverwrites)
     auto missing = moveToTrash(dir / "never.mov");
     ASSERT_FALSE(missing);
     EXPECT_EQ(missing.error().kind, Error::Kind::missing);
+}
+
+TEST(ShareEnvironment, TheDesktopClipboardOffersTheFileAsAUriList)
+{
+    TempDir dir;
+    writeText(dir / "my clip.mp4", "movie");
+    auto environment = ShareEngine::Environment::desktop();
+    {
+        ScopedEnv noDisplay("DISPLAY", std::nullopt);
+        auto refused = environment.copyToClipboard(dir / "my clip.mp4");
+        ASSERT_FALSE(refused);
+        EXPECT_EQ(refused.error().sentence, "there is no X display to hold the clipboard");
+    }
+    // A display of this test's own, stopped by its process id.
+    const std::string display = ":" + std::to_string(70 + getpid() % 200);
+    ChildProcess xvfb({"Xvfb", display, "-nolisten", "tcp", "-screen", "0", "320x200x24"});
+    ScopedEnv env("DISPLAY", display);
+    bool up = false;
+    for (int i = 0; i < 100 && !up; ++i) {
+        up = runCommand({"xdpyinfo"}).status == 0;
+        if (!up)
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    ASSERT_TRUE(up) << "Xvfb did not start on " << display;
+    ASSERT_TRUE(environment.copyToClipboard(dir / "my clip.mp4"));
+    auto pasted = runCommand({"xclip", "-o", "-selection", "clipboard", "-t", "text/uri-list"});
+    EXPECT_EQ(pasted.out, "file://" + (dir.path() / "my").string() + "%20clip.mp4\r\n");
+    xvfb.terminate(); // the clipboard's owner goes with its display
 }
