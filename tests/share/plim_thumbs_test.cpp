@@ -136,8 +136,6 @@ TEST(PlimThumbs, DrawsThePosterAndStripAsTheStagedPictureShowsThem)
     EXPECT_GT(middle(drawn->poster)[1], 150);
     EXPECT_GT(middle(drawn->strip.front())[2], 150);
     EXPECT_GT(middle(drawn->strip.back())[0], 150);
-    // The backdrop, not the recording, fills the corner.
-    EXPECT_LT(std::abs(drawn->poster.row(2)[4 * 2 + 1] - 0xc0), 0x80);
 
     auto posterOnly = PlimThumbs::draw(movie, std::nullopt, true);
     ASSERT_TRUE(posterOnly);
