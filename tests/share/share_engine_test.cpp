@@ -2,6 +2,8 @@
 // bit rates, GIF timing, stop and stall leaving nothing, unique names, original copies,
 // voiceovers ducking the recording.
 #include "library/plim_edits.h"
+#include "base/dates.h"
+#include "media/movie_reader.h"
 #include "media/movie_writer.h"
 #include "media/sound_reader.h"
 #include "share/gif_check.h"
@@ -37,7 +39,7 @@ struct Desk {
     }
 };
 
-// Random pixels, so the encoder has to spend its whole bit rate.
+// Random tiles, so the encoder has to spend its whole bit rate.
 Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, double seconds, const std::vector<double>& tones)
 {
     MovieWriter::Settings settings;
@@ -46,19 +48,23 @@ Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, 
     settings.width = width;
     settings.height = height;
     settings.frameRate = fps;
-    settings.bitsPerSecond = 20'000'000;
+    settings.bitsPerSecond = 60'000'000; // enough that every frame keeps its tiles
     settings.preset = "ultrafast";
     settings.sound.push_back(MovieWriter::systemSoundTrack());
     auto writer = PLIM_TRY(MovieWriter::create(settings));
     uint32_t state = 2463534242u;
     Image image = Image::allocate(width, height);
     for (int i = 0; i < std::lround(seconds * fps); ++i) {
+        // Tiles of 16 pixels, each a random colour: more detail than the bit rate can carry.
+        std::vector<uint32_t> tiles(size_t((width / 16 + 1) * (height / 16 + 1)));
+        for (uint32_t& tile : tiles) {
+            state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+            tile = 0xff000000u | (state & 0xffffffu);
+        }
         for (int y = 0; y < height; ++y) {
             auto* row = reinterpret_cast<uint32_t*>(image.row(y));
-            for (int x = 0; x < width; ++x) {
-                state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-                row[x] = 0xff000000u | (state & 0xffffffu);
-            }
+            for (int x = 0; x < width; ++x)
+                row[x] = tiles[size_t((y / 16) * (width / 16 + 1) + x / 16)];
         }
         PLIM_TRY(writer->appendVideo(image, i / fps));
     }
@@ -131,7 +137,7 @@ std::vector<float> allSound(const fs::path& path)
 TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInStep)
 {
     const fs::path movie = plims / "Wide.mov";
-    ASSERT_TRUE(writeNoisyMovie(movie, 2560, 1600, 30, 2.0, {0.5, 1.5}));
+    ASSERT_TRUE(writeNoisyMovie(movie, 2560, 1600, 10, 2.0, {0.5, 1.5}));
     std::vector<ShareProgress> seen;
     engine.onProgress = [&](const ShareProgress& p) { seen.push_back(p); };
     ShareOutcome outcome = engine.share(movie, ShareKind::video, ShareQuality::p1080, ShareDestination::save(out.path()));
@@ -144,7 +150,11 @@ TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInS
     EXPECT_EQ(probe.width, 1728);
     EXPECT_EQ(probe.height, 1080);
     EXPECT_NEAR(probe.frameRate, 60, 1e-9);
-    EXPECT_EQ(probe.frames, 120);
+    // Two seconds at 60 a second, held to the recording's end by the pacing rule.
+    auto info = MovieReader::create(movie);
+    ASSERT_TRUE(info);
+    EXPECT_EQ(probe.frames, RenderRules::expectedFrames(EditPlan{}, (*info)->info().duration, (*info)->info().frameRate, 60));
+    EXPECT_NEAR(double(probe.frames), 120, 2);
     EXPECT_EQ(probe.codec, "h264");
     EXPECT_EQ(probe.audioCodec, "aac");
     const double target = double(exportBitsPerSecond(1728, 1080));
@@ -164,7 +174,7 @@ TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInS
         states.push_back(std::string(ShareStage::name(stage.id)) + "=" + std::string(ShareStage::name(stage.state)));
     EXPECT_EQ(states, (std::vector<std::string>{"read=done", "edit=done", "frames=done", "captions=skipped", "write=done",
                           "copyOriginal=skipped"}));
-    EXPECT_EQ(last.stage(ShareStage::ID::write)->detail, "120 frames");
+    EXPECT_EQ(last.stage(ShareStage::ID::write)->detail, std::to_string(probe.frames) + " frames");
     EXPECT_EQ(last.stage(ShareStage::ID::read)->detail, "2.0 s, as recorded");
     EXPECT_EQ(last.stage(ShareStage::ID::frames)->title, "Rendered");
     EXPECT_DOUBLE_EQ(last.fraction, 1.0);
@@ -279,7 +289,7 @@ TEST_F(ShareTest, RefusalsComeBeforeAnythingIsWritten)
 
     // An edit that removes everything fails at the edit stage.
     PlimEdits edits;
-    edits.plan.cuts.push_back({"C1", 0, 10, {}});
+    edits.plan.cuts.push_back({makeUuid(), 0, 100, {}});
     ASSERT_TRUE(edits.write(movie, "test"));
     ShareOutcome empty = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
     EXPECT_EQ(empty.sentence, "This edit removes the whole plim. Move the trim handles or delete a cut, then export again.");
@@ -287,7 +297,7 @@ TEST_F(ShareTest, RefusalsComeBeforeAnythingIsWritten)
 
     // A voiceover without its sound file fails at the read stage.
     edits.plan = {};
-    edits.voiceovers.push_back({"V1", 65, 2, "voice.m4a", 0.25});
+    edits.voiceovers.push_back({makeUuid(), 65, 2, "voice.m4a", 0.25});
     ASSERT_TRUE(edits.write(movie, "test"));
     ShareOutcome voiceless = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
     EXPECT_EQ(voiceless.sentence, "The voiceover at 1:05 is missing its sound file (voice.m4a). Put the file back in the "
@@ -309,7 +319,7 @@ TEST_F(ShareTest, AVoiceoverDucksTheRecordingToMicUnderAndBackOverAFifteenthOfAS
     voice.duration = 0.6;
     ASSERT_TRUE(writeTestMovie(plims / "voice.mov", voice));
     PlimEdits edits;
-    edits.voiceovers.push_back({"V1", 0.8, 0.6, "voice.mov", 0.2});
+    edits.voiceovers.push_back({makeUuid(), 0.8, 0.6, "voice.mov", 0.2});
     ASSERT_TRUE(edits.write(movie, "test"));
 
     ShareOutcome outcome = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
