@@ -1,6 +1,5 @@
 #pragma once
-// Writing movies over FFmpeg: H.264 (libx264 by default; h264_vaapi when asked and a
-// render node opens it), AAC sound (FFmpeg's own encoder), in one of two containers:
+// Writing movies over FFmpeg: H.264 through libx264, AAC sound (FFmpeg's own encoder), in one of two containers:
 //   - `mp4`: MPEG-4 with its index moved to the front when finished (+faststart), for
 //     exports;
 //   - `fragmentedMov`: a QuickTime movie written in 2-second fragments (a key frame every
@@ -65,7 +64,6 @@ public:
         int64_t bitsPerSecond = 0;      // average rate; 0 picks exportBitsPerSecond
         std::string preset = exportPreset;
         std::vector<SoundTrack> sound;  // at most two tracks
-        bool hardware = false;          // try h264_vaapi first, fall back to libx264
         int threads = 0;                // encoder threads; 0 = the codec's choice
         int queueDepth = 8;             // pictures waiting for the encoder
         int timeScale = 600;            // video time base 1/timeScale
@@ -83,7 +81,7 @@ public:
 
     virtual ~MovieWriter() = default;
 
-    // The encoder in use ("libx264" or "h264_vaapi").
+    // The encoder in use ("libx264").
     virtual std::string encoderName() const = 0;
 
     // One picture shown from `time` on. Its size must be the writer's; anything else fails.

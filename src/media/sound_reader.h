@@ -24,8 +24,10 @@ public:
     // Opens the file's sound tracks, positioned so that the first `read()` starts exactly
     // at `startFrame` (frames at 48 kHz from the movie's start). Fails with a sentence:
     // kind `missing` (no file), `unreadable` (cannot be opened, or no sound Plim can decode).
-    // A sound track that is there but cannot be decoded fails with the reason
-    // "no decodable sound" so callers can tell it apart.
+    // A sound track that is there but cannot be decoded fails with kind `refused`. A file
+    // without any sound track reads as silence of no length (the first read is empty).
+    // Errors carry a reason phrase, not a sentence ("it is not a sound file Plim can
+    // read"); callers put their own label in front.
     static Result<std::unique_ptr<SoundReader>> create(const std::filesystem::path& path, int64_t startFrame = 0);
 
     virtual ~SoundReader() = default;
@@ -36,7 +38,8 @@ public:
     // The next block of interleaved stereo samples (some thousands of frames, a whole
     // number of frames); an empty vector once every track has ended. A read error is a
     // sentence-free reason in Error::sentence (kind `unreadable`), e.g. "the file stopped
-    // part way" — callers add their own label.
+    // part way"; callers add their own label. A file that ends early (a read error, not the
+    // end of the file) gives kind `failed`.
     virtual Result<std::vector<float>> read() = 0;
 };
 

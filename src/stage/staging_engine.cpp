@@ -126,6 +126,18 @@ struct Setup {
     std::optional<RecordedMomentSource> moments;
     std::unique_ptr<CameraFeed> camera;
     double fps = 60;
+    double sourceFPS = 60;
+    std::optional<double> pictureEnd; // set by the decoder when the pictures end early
+
+    // Output frames in all: the expected count, less what the last frame would be held
+    // past the end of the pictures.
+    int64_t frameCount(int64_t drawn) const
+    {
+        if (!pictureEnd || timeline.pieces.empty() || timeline.pieces.back().rawEnd <= *pictureEnd)
+            return std::max(drawn, expected);
+        double end = RenderRules::pacedOutputTime(timeline, timeline.pieces.size() - 1, *pictureEnd);
+        return std::max(drawn, std::min(expected, static_cast<int64_t>(std::llround(end * fps))));
+    }
 
     double rawAtSlot(int64_t slot) const
     {
@@ -183,9 +195,9 @@ Result<Setup> prepare(const StagingJob& job)
     s.rawDuration = s.info.duration;
     if (!(s.rawDuration > 0) || s.info.width < 2 || s.info.height < 2)
         return std::unexpected(stagingFailure(job, StagingError::unreadable("it holds no picture to show")));
-    double sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
+    s.sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
     s.timeline = job.plan.clipTimeline(s.rawDuration);
-    s.expected = RenderRules::expectedFrames(s.timeline, sourceFPS, s.fps);
+    s.expected = RenderRules::expectedFrames(s.timeline, s.sourceFPS, s.fps);
     if (s.expected == 0)
         return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 
@@ -275,6 +287,7 @@ bool deliver(BoundedQueue<T>& queue, T item, StopToken stop, const std::function
 // compositor, each with its output slot.
 void decodeStage(Setup& s, BoundedQueue<Decoded>& out, StopToken stop, FirstFailure& failure)
 {
+    double lastFrameTime = -1;
     int64_t nextSlot = 0;
     auto offer = [&](const ClipTimeline::Pass& pass, const Image& image, double raw) {
         std::size_t piece = pass.pieces.back();
@@ -304,9 +317,15 @@ void decodeStage(Setup& s, BoundedQueue<Decoded>& out, StopToken stop, FirstFail
                 failure.set(StagingError::unreadable("it stopped part way"));
                 return;
             }
-            if (!*next)
+            if (!*next) {
+                // The pictures end here, which can be before the movie's length says (its
+                // sound may run on a little); the last frame is held only to this end.
+                if (lastFrameTime >= 0)
+                    s.pictureEnd = lastFrameTime + 1.0 / s.sourceFPS;
                 break;
+            }
             VideoFrame& frame = **next;
+            lastFrameTime = frame.time;
             if (frame.time >= pass.rawEnd)
                 break;
             if (frame.time < pass.rawStart) {
@@ -407,6 +426,8 @@ struct EncodeStage {
             return;
         }
         finished = true;
+        if (progress && frames != s.expected)
+            progress(StagingProgress{frames, frames});
     }
 };
 
@@ -465,6 +486,8 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
             s.info.hasSound ? std::make_shared<AssetPCMSource>(job.movie, "The plim's sound") : nullptr, std::move(voices));
     }
 
+    if (progress)
+        progress(StagingProgress{0, s.expected});
     StopSource stopAll;
     std::stop_callback forward(stop, [&] { stopAll.request_stop(); });
     FirstFailure failure(stopAll, job.describe);
@@ -520,7 +543,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
         if (!held)
             failure.set(StagingError::unreadable("no frame of it could be drawn"));
         else
-            fillTo(s.expected);
+            fillTo(s.frameCount(nextSlot));
     }
     decoded.close();
     composed.close();

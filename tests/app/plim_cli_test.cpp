@@ -69,13 +69,13 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
         ASSERT_TRUE(writeTestMovie(dir / (std::string(base) + ".mov"), source));
         ASSERT_TRUE(testTrack(source).write(dir / (std::string(base) + ".mov")));
     }
-    writeText(dir / "B.edits.json", R"({"trimOut": 1})");
+    writeText(dir / "B.edits.json", R"({"trimOut": 0.5})");
     auto result = plimRun({"--reframe", (dir / "A.mov").string(), "--stage", (dir / "B.mov").string()});
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_NE(result.out.find("staging 0%\n"), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("staging 100%\n"), std::string::npos) << result.out;
     EXPECT_NE(result.out.find("staged: " + (dir / "B.staged.mov").string() + "\n"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find(" for 3.0s of plim · out 1.0s · 0 zooms · 0 skips · 0 cuts · trim 0.0–1.0s\n"),
+    EXPECT_NE(result.out.find(" for 3.0s of plim · out 0.5s · 0 zooms · 0 skips · 0 cuts · trim 0.0–0.5s\n"),
         std::string::npos)
         << result.out;
     EXPECT_TRUE(lastLine(result.out).starts_with("render: ")) << result.out;
@@ -87,10 +87,10 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
     auto probe = ffprobe(dir / "B.staged.mov");
     EXPECT_EQ(probe.width, 1728); // 1080 lines at the recording's 16:10
     EXPECT_EQ(probe.height, 1080);
-    EXPECT_EQ(probe.frames, 60);
+    EXPECT_EQ(probe.frames, 30);
     EXPECT_TRUE(probe.hasAudio);
     // The plan used is written back as the plim's edits.
-    EXPECT_NE(readText(dir / "B.edits.json").find("\"trimOut\": 1"), std::string::npos);
+    EXPECT_NE(readText(dir / "B.edits.json").find("\"trimOut\": 0.5"), std::string::npos);
     EXPECT_NE(readText(dir / "B.edits.json").find("\"writtenBy\""), std::string::npos);
 
     // A movie that cannot be read: the failure form, and the plim exactly as it was.

@@ -147,7 +147,8 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     EXPECT_EQ(probe.frames, 30);
     std::string bytes = readText(outcome.value.stagedURL);
     EXPECT_LT(bytes.find("moov"), bytes.find("mdat")) << "the index is at the front";
-    ASSERT_EQ(reports.size(), 30u);
+    ASSERT_EQ(reports.size(), 31u); // none done, then each frame
+    EXPECT_EQ(reports.front().frames, 0);
     EXPECT_EQ(reports.back().frames, 30);
     EXPECT_DOUBLE_EQ(reports.back().fraction(), 1.0);
     for (const auto& entry : fs::directory_iterator(dir.path()))
@@ -160,6 +161,56 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     const uint8_t* middle = frame->row(360) + 576 * 4;
     EXPECT_GT(middle[2], 150);
     EXPECT_LT(middle[1], 80);
+}
+
+// Pixels of the picture's bottom-right quarter within 40 of a colour in every channel.
+int countNear(const Image& image, uint32_t rgb)
+{
+    int n = 0;
+    for (int y = image.height / 2; y < image.height; ++y)
+        for (int x = image.width / 2; x < image.width; ++x) {
+            const uint8_t* px = image.row(y) + x * 4;
+            if (std::abs(px[2] - static_cast<int>((rgb >> 16) & 0xff)) < 40
+                && std::abs(px[1] - static_cast<int>((rgb >> 8) & 0xff)) < 40
+                && std::abs(px[0] - static_cast<int>(rgb & 0xff)) < 40)
+                ++n;
+        }
+    return n;
+}
+
+TEST_F(StagingEngineTest, TheCameraBubbleShowsTheCameraMovieAtItsOffset)
+{
+    TestMovie camera;
+    camera.width = 160;
+    camera.height = 120;
+    camera.sound = false;
+    camera.colors = {{0, 0xff00ff}, {1, 0x00ffff}, {2, 0xffff00}};
+    ASSERT_TRUE(writeTestMovie(dir / "B.camera.mov", camera));
+    auto j = job({}, false);
+    j.quality = RenderRules::Quality::p720;
+    struct Case {
+        int64_t offsetMS;
+        double at;        // output seconds
+        uint32_t shown;   // the camera's colour then
+        uint32_t notShown;
+    };
+    const Case cases[] = {
+        {0, 0.25, 0xff00ff, 0x00ffff},
+        {1000, 0.25, 0x00ffff, 0xff00ff}, // the camera started a second before the screen
+        {1000, 1.5, 0xffff00, 0x00ffff},
+    };
+    for (const auto& c : cases) {
+        j.cursor.cameraOffsetMS = c.offsetMS;
+        auto frame = StagingEngine::frame(j, c.at);
+        ASSERT_TRUE(frame) << frame.error().sentence;
+        EXPECT_GT(countNear(*frame, c.shown), 2000) << c.offsetMS << " at " << c.at;
+        EXPECT_EQ(countNear(*frame, c.notShown), 0) << c.offsetMS << " at " << c.at;
+    }
+    // Without an offset in the track there is no camera to place.
+    j.cursor.cameraOffsetMS.reset();
+    auto bare = StagingEngine::frame(j, 0.25);
+    ASSERT_TRUE(bare);
+    EXPECT_EQ(countNear(*bare, 0xff00ff), 0);
 }
 
 // A sink that never accepts a frame until the render gives up on it.
@@ -245,9 +296,12 @@ TEST_F(StagingEngineTest, AFullDiskGivesTheWriterSentenceAndLeavesNoPartialFile)
     if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=200k") != 0)
         GTEST_SKIP() << "a small tmpfs cannot be mounted here (" << std::strerror(errno) << "), so a full disk is not tried";
     auto unmount = std::unique_ptr<fs::path, void (*)(fs::path*)>(&small, [](fs::path* p) { ::umount(p->c_str()); });
+    source.noise = true;
+    ASSERT_TRUE(writeTestMovie(movie, source));
     auto before = folderContents(dir.path());
-    auto j = job();
-    j.output = small / "B.reframe.mp4";
+    auto j = job(trimPlan(0, 1), false); // about 0.8 MB at 720 lines
+    j.quality = RenderRules::Quality::p720;
+    j.output = small / "B.staged.mov";
     auto outcome = StagingEngine::stage(j, {}, {});
     ASSERT_TRUE(outcome.isFailed());
     EXPECT_TRUE(outcome.sentence.starts_with("The file could not be written: ")) << outcome.sentence;

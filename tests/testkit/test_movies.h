@@ -28,6 +28,7 @@ struct TestMovie {
     bool sound = true;
     std::vector<double> tones; // 1 kHz bursts of `toneLength` seconds in otherwise silent sound
     double toneLength = 0.08;
+    bool noise = false; // grey noise over the colour, which no encoder can squeeze
 };
 
 inline uint32_t colorAt(const TestMovie& m, double t)
@@ -66,7 +67,16 @@ inline Status writeTestMovie(const fs::path& path, const TestMovie& m)
     const int64_t frames = std::llround(m.duration * m.fps);
     for (int64_t i = 0; i < frames; ++i) {
         double t = static_cast<double>(i) / m.fps;
-        PLIM_TRY(writer->appendVideo(solidImage(m.width, m.height, colorAt(m, t)), t));
+        Image picture = solidImage(m.width, m.height, colorAt(m, t));
+        if (m.noise) {
+            uint32_t seed = static_cast<uint32_t>(i) * 2654435761u + 1;
+            for (int y = 0; y < m.height; ++y)
+                for (int x = 0; x < m.width; ++x) {
+                    seed = seed * 1664525u + 1013904223u;
+                    picture.row(y)[x * 4 + 1] = static_cast<uint8_t>(seed >> 24);
+                }
+        }
+        PLIM_TRY(writer->appendVideo(picture, t));
     }
     if (m.sound) {
         const int64_t total = std::llround(m.duration * soundSampleRate);

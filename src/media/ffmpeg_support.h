@@ -1,0 +1,61 @@
+#pragma once
+// Private to media/: FFmpeg includes, owners for its objects and its error texts.
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
+#include <libavutil/channel_layout.h>
+#include <libavutil/error.h>
+#include <libavutil/imgutils.h>
+#include <libavutil/opt.h>
+#include <libswresample/swresample.h>
+#include <libswscale/swscale.h>
+}
+
+#include <cerrno>
+#include <memory>
+#include <sstream>
+#include <string>
+
+namespace plim::ffmpeg {
+
+struct FrameFree { void operator()(AVFrame* f) const { av_frame_free(&f); } };
+struct PacketFree { void operator()(AVPacket* p) const { av_packet_free(&p); } };
+struct CodecFree { void operator()(AVCodecContext* c) const { avcodec_free_context(&c); } };
+struct SwsFree { void operator()(SwsContext* c) const { sws_freeContext(c); } };
+struct SwrFree { void operator()(SwrContext* c) const { swr_free(&c); } };
+struct FifoFree { void operator()(AVAudioFifo* f) const { av_audio_fifo_free(f); } };
+struct InputClose { void operator()(AVFormatContext* c) const { avformat_close_input(&c); } };
+
+using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
+using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
+using CodecPtr = std::unique_ptr<AVCodecContext, CodecFree>;
+using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;
+using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
+using FifoPtr = std::unique_ptr<AVAudioFifo, FifoFree>;
+using InputPtr = std::unique_ptr<AVFormatContext, InputClose>;
+
+// FFmpeg's text for an error code, starting in lower case ("no space left on device").
+inline std::string errorText(int code)
+{
+    char text[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(code, text, sizeof text);
+    std::string s = text;
+    if (!s.empty() && s[0] >= 'A' && s[0] <= 'Z' && (s.size() < 2 || !(s[1] >= 'A' && s[1] <= 'Z')))
+        s[0] = static_cast<char>(s[0] - 'A' + 'a');
+    return s;
+}
+
+// Joins texts and numbers into one sentence (numbers as the stream writes them: 2.5, 320).
+template<typename... Parts>
+std::string concat(const Parts&... parts)
+{
+    std::ostringstream out;
+    (out << ... << parts);
+    return out.str();
+}
+
+inline bool isNoSpace(int code) { return code == AVERROR(ENOSPC) || code == AVERROR(EDQUOT); }
+
+} // namespace plim::ffmpeg

@@ -1,0 +1,544 @@
+// MovieWriter over libavformat/libavcodec: libx264 pictures, AAC sound, MPEG-4 or
+// fragmented QuickTime.
+
+#include "media/movie_writer.h"
+
+#include "base/log.h"
+#include "media/ffmpeg_support.h"
+
+#include <algorithm>
+#include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+
+namespace plim {
+
+using namespace ffmpeg;
+namespace fs = std::filesystem;
+
+int64_t exportBitsPerSecond(int width, int height)
+{
+    double pixels = std::max(static_cast<double>(width) * static_cast<double>(height), 1.0);
+    return static_cast<int64_t>(9500000.0 * std::pow(pixels / 2073600.0, 0.82));
+}
+
+int64_t recordingBitsPerSecond(int width, int height, double scale)
+{
+    double base = std::max(static_cast<double>(width) * static_cast<double>(height) * 4.0, 8000000.0);
+    if (!std::isfinite(scale))
+        scale = 1;
+    return static_cast<int64_t>(base * std::max(scale, 0.25));
+}
+
+namespace {
+
+constexpr double fragmentSeconds = 2.0;
+
+// HD pictures carry BT.709, smaller ones BT.601.
+bool isHD(int height) { return height >= 720; }
+
+struct AudioTrack {
+    MovieWriter::SoundTrack settings;
+    CodecPtr encoder;
+    AVStream* stream = nullptr;
+    FifoPtr fifo;
+    int64_t accepted = 0; // frames handed to appendAudio (caller's thread)
+    int64_t encoded = 0;  // frames sent to the encoder (writer's thread)
+};
+
+// One unit of work for the writer's thread, in the order it was appended.
+struct Job {
+    FramePtr video;
+    int track = -1;
+    std::vector<std::vector<float>> planes; // sound, one plane per channel
+};
+
+class FfmpegMovieWriter final : public MovieWriter {
+public:
+    explicit FfmpegMovieWriter(Settings settings) : m_settings(std::move(settings)) {}
+
+    ~FfmpegMovieWriter() override
+    {
+        if (m_done)
+            return;
+        if (m_settings.container == Container::fragmentedMov) {
+            // A recording dropped without finish keeps its fragments.
+            stopThread(false);
+            m_format.reset();
+        } else {
+            cancel();
+        }
+    }
+
+    Status open();
+
+    std::string encoderName() const override { return m_video ? m_video->codec->name : "libx264"; }
+    Status appendVideo(const Image& image, double time) override;
+    Status appendAudio(int track, const float* interleaved, int64_t frames, int64_t startFrame) override;
+    double soundSeconds(int track) const override
+    {
+        if (track < 0 || track >= static_cast<int>(m_audio.size()))
+            return 0;
+        return static_cast<double>(m_audio[track].accepted) / m_audio[track].settings.sampleRate;
+    }
+    Status finish() override;
+    void cancel() override;
+
+private:
+    struct OutputClose {
+        void operator()(AVFormatContext* c) const
+        {
+            if (c->pb)
+                avio_closep(&c->pb);
+            avformat_free_context(c);
+        }
+    };
+
+    std::string fileName() const { return m_settings.path.filename().string(); }
+    Error writeError(int code, const std::string& what) const;
+    Error failure(const std::string& reason, Error::Kind kind = Error::Kind::failed) const;
+
+    void push(Job job);
+    void run();
+    int encodeVideo(AVFrame* frame);
+    int encodeAudio(AudioTrack& track, bool flush);
+    int drain(AVCodecContext* encoder, AVStream* stream);
+    void stopThread(bool abandon);
+    std::optional<Error> takeError();
+    void removeFile();
+
+    Settings m_settings;
+    std::unique_ptr<AVFormatContext, OutputClose> m_format;
+    CodecPtr m_video;
+    AVStream* m_videoStream = nullptr;
+    SwsPtr m_sws;
+    std::vector<AudioTrack> m_audio;
+    int64_t m_lastPts = AV_NOPTS_VALUE;
+    int64_t m_nextKeyPts = 0;
+    bool m_done = false;
+    bool m_created = false; // the file at `path` is ours to remove
+
+    std::thread m_thread;
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+    std::deque<Job> m_queue;
+    int m_videoQueued = 0;
+    bool m_closing = false;
+    bool m_abandon = false;
+    std::optional<Error> m_error; // the writer thread's first failure
+};
+
+Error FfmpegMovieWriter::failure(const std::string& reason, Error::Kind kind) const
+{
+    std::string after = m_settings.container == Container::mp4
+        ? "Nothing was saved; the partial file was removed."
+        : "What was written up to the last whole two seconds is kept in it.";
+    return Error{concat("The movie ", fileName(), " could not be written: ", reason, ". ", after), kind};
+}
+
+Error FfmpegMovieWriter::writeError(int code, const std::string& what) const
+{
+    if (isNoSpace(code)) {
+        std::string after = m_settings.container == Container::mp4
+            ? "Nothing was saved; the partial file was removed. Free some space there, then try again."
+            : "What was written up to the last whole two seconds is kept in it. Free some space there.";
+        return Error{concat("The disk is full, so the movie ", fileName(), " could not be written in ", m_settings.path.parent_path().string(), ". ", after),
+            Error::Kind::noSpace};
+    }
+    return failure(concat(what, " (", errorText(code), ")"));
+}
+
+Status FfmpegMovieWriter::open()
+{
+    const Settings& s = m_settings;
+    auto refuse = [&](const std::string& why) {
+        return fail(concat("The movie ", fileName(), " could not be started: ", why, ". Nothing was written."));
+    };
+    if (s.width < 2 || s.height < 2 || s.width % 2 || s.height % 2)
+        return refuse(concat("its size ", s.width, " × ", s.height, " is not an even size of at least 2 × 2"));
+    if (!std::isfinite(s.frameRate) || s.frameRate <= 0 || s.frameRate > 1000)
+        return refuse(concat("its frame rate ", s.frameRate, " is not usable"));
+    if (s.sound.size() > 2)
+        return refuse("it asks for more than two sound tracks");
+    for (const auto& t : s.sound)
+        if (t.channels < 1 || t.channels > 2 || t.sampleRate < 8000 || t.bitsPerSecond <= 0)
+            return refuse("a sound track's settings are not usable");
+    if (s.timeScale < 1 || s.queueDepth < 1)
+        return refuse("its time scale or queue depth is not usable");
+
+    AVFormatContext* raw = nullptr;
+    const char* format = s.container == Container::mp4 ? "mp4" : "mov";
+    int rc = avformat_alloc_output_context2(&raw, nullptr, format, s.path.c_str());
+    if (rc < 0 || !raw)
+        return refuse(concat("the ", format, " writer is missing from this build"));
+    m_format.reset(raw);
+
+    const AVCodec* x264 = avcodec_find_encoder_by_name("libx264");
+    if (!x264)
+        return refuse("this build has no H.264 encoder (libx264)");
+    m_video.reset(avcodec_alloc_context3(x264));
+    AVCodecContext* v = m_video.get();
+    v->width = s.width;
+    v->height = s.height;
+    v->pix_fmt = AV_PIX_FMT_YUV420P;
+    v->time_base = AVRational{1, s.timeScale};
+    v->framerate = av_d2q(s.frameRate, 100000);
+    v->gop_size = std::max(1, static_cast<int>(std::lround(fragmentSeconds * s.frameRate)));
+    v->bit_rate = s.bitsPerSecond > 0 ? s.bitsPerSecond : exportBitsPerSecond(s.width, s.height);
+    v->thread_count = s.threads;
+    bool hd = isHD(s.height);
+    v->color_range = AVCOL_RANGE_MPEG;
+    v->color_primaries = hd ? AVCOL_PRI_BT709 : AVCOL_PRI_SMPTE170M;
+    v->color_trc = hd ? AVCOL_TRC_BT709 : AVCOL_TRC_SMPTE170M;
+    v->colorspace = hd ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+    if (m_format->oformat->flags & AVFMT_GLOBALHEADER)
+        v->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    AVDictionary* options = nullptr;
+    av_dict_set(&options, "preset", s.preset.c_str(), 0);
+    av_dict_set(&options, "profile", "high", 0);
+    av_dict_set(&options, "forced-idr", "1", 0);
+    rc = avcodec_open2(v, x264, &options);
+    av_dict_free(&options);
+    if (rc < 0)
+        return refuse(concat("the H.264 encoder would not open at ", s.width, " × ", s.height, " with preset \"", s.preset, "\" (", errorText(rc), ")"));
+    m_videoStream = avformat_new_stream(m_format.get(), nullptr);
+    avcodec_parameters_from_context(m_videoStream->codecpar, v);
+    m_videoStream->time_base = v->time_base;
+    m_videoStream->avg_frame_rate = v->framerate;
+
+    const AVCodec* aac = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    for (const auto& t : s.sound) {
+        if (!aac)
+            return refuse("this build has no AAC encoder");
+        AudioTrack track;
+        track.settings = t;
+        track.encoder.reset(avcodec_alloc_context3(aac));
+        AVCodecContext* a = track.encoder.get();
+        a->sample_fmt = AV_SAMPLE_FMT_FLTP;
+        a->sample_rate = t.sampleRate;
+        av_channel_layout_default(&a->ch_layout, t.channels);
+        a->bit_rate = t.bitsPerSecond;
+        a->time_base = AVRational{1, t.sampleRate};
+        if (m_format->oformat->flags & AVFMT_GLOBALHEADER)
+            a->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        rc = avcodec_open2(a, aac, nullptr);
+        if (rc < 0)
+            return refuse(concat("the sound track was refused by the encoder (", errorText(rc), ")"));
+        track.stream = avformat_new_stream(m_format.get(), nullptr);
+        avcodec_parameters_from_context(track.stream->codecpar, a);
+        track.stream->time_base = a->time_base;
+        track.fifo.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, t.channels, a->frame_size * 4));
+        m_audio.push_back(std::move(track));
+    }
+
+    std::error_code ec;
+    fs::create_directories(s.path.parent_path(), ec);
+    rc = avio_open(&m_format->pb, s.path.c_str(), AVIO_FLAG_WRITE);
+    if (rc < 0) {
+        if (isNoSpace(rc))
+            return std::unexpected(writeError(rc, "the file could not be created"));
+        return refuse(concat("the file could not be created (", errorText(rc), ")"));
+    }
+    m_created = true;
+    AVDictionary* mux = nullptr;
+    if (s.container == Container::mp4) {
+        av_dict_set(&mux, "movflags", "+faststart", 0);
+    } else {
+        av_dict_set(&mux, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
+        av_dict_set(&mux, "frag_duration", std::to_string(static_cast<int64_t>(fragmentSeconds * 1e6)).c_str(), 0);
+    }
+    rc = avformat_write_header(m_format.get(), &mux);
+    av_dict_free(&mux);
+    if (rc < 0) {
+        Error e = writeError(rc, "the file could not be started");
+        removeFile();
+        return std::unexpected(e);
+    }
+
+    m_sws.reset(sws_getContext(s.width, s.height, AV_PIX_FMT_BGRA, s.width, s.height, AV_PIX_FMT_YUV420P,
+        SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
+    if (!m_sws) {
+        removeFile();
+        return refuse("the colour converter would not start");
+    }
+    const int* matrix = sws_getCoefficients(hd ? SWS_CS_ITU709 : SWS_CS_ITU601);
+    // Source: full-range RGB; destination: limited-range YUV with the stream's matrix.
+    sws_setColorspaceDetails(m_sws.get(), matrix, 1, matrix, 0, 0, 1 << 16, 1 << 16);
+
+    m_thread = std::thread([this] { run(); });
+    return {};
+}
+
+void FfmpegMovieWriter::push(Job job)
+{
+    std::unique_lock lock(m_mutex);
+    bool video = job.video != nullptr;
+    if (video)
+        m_wake.wait(lock, [&] { return m_videoQueued < m_settings.queueDepth || m_error; });
+    if (m_error)
+        return;
+    m_videoQueued += video;
+    m_queue.push_back(std::move(job));
+    m_wake.notify_all();
+}
+
+std::optional<Error> FfmpegMovieWriter::takeError()
+{
+    std::lock_guard lock(m_mutex);
+    return m_error;
+}
+
+Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
+{
+    if (m_done)
+        return std::unexpected(failure("the writer was already finished"));
+    if (auto e = takeError())
+        return std::unexpected(*e);
+    if (image.isEmpty() || image.width != m_settings.width || image.height != m_settings.height)
+        return std::unexpected(failure(concat("a frame was refused: it is ", image.width, " × ", image.height, ", the movie is ", m_settings.width, " × ", m_settings.height)));
+    if (!std::isfinite(time) || time < 0)
+        return std::unexpected(failure("a frame was refused: its time is not usable"));
+    int64_t pts = std::llround(time * m_settings.timeScale);
+    if (m_lastPts != AV_NOPTS_VALUE && pts <= m_lastPts)
+        return std::unexpected(failure(concat("a frame was refused: its time ", time, " s does not come after the one before it")));
+    FramePtr frame(av_frame_alloc());
+    frame->format = AV_PIX_FMT_YUV420P;
+    frame->width = m_settings.width;
+    frame->height = m_settings.height;
+    if (av_frame_get_buffer(frame.get(), 0) < 0)
+        return std::unexpected(failure("a frame buffer could not be made"));
+    const uint8_t* src[1] = {image.pixels.get()};
+    int srcStride[1] = {static_cast<int>(image.stride)};
+    sws_scale(m_sws.get(), src, srcStride, 0, image.height, frame->data, frame->linesize);
+    frame->pts = pts;
+    frame->color_range = m_video->color_range;
+    frame->color_primaries = m_video->color_primaries;
+    frame->color_trc = m_video->color_trc;
+    frame->colorspace = m_video->colorspace;
+    // A key frame opens every 2 seconds of movie time, so fragments start on them.
+    if (pts >= m_nextKeyPts) {
+        frame->pict_type = AV_PICTURE_TYPE_I;
+        int64_t step = static_cast<int64_t>(fragmentSeconds * m_settings.timeScale);
+        m_nextKeyPts = (pts / step + 1) * step;
+    }
+    m_lastPts = pts;
+    push(Job{std::move(frame), -1, {}});
+    if (auto e = takeError())
+        return std::unexpected(*e);
+    return {};
+}
+
+Status FfmpegMovieWriter::appendAudio(int trackIndex, const float* interleaved, int64_t frames, int64_t startFrame)
+{
+    if (m_done)
+        return std::unexpected(failure("the writer was already finished"));
+    if (auto e = takeError())
+        return std::unexpected(*e);
+    if (trackIndex < 0 || trackIndex >= static_cast<int>(m_audio.size()))
+        return std::unexpected(failure(concat("the sound was refused: there is no sound track ", trackIndex)));
+    if (frames <= 0)
+        return {};
+    if (!interleaved || startFrame < 0)
+        return std::unexpected(failure("a block of sound could not be prepared"));
+    AudioTrack& track = m_audio[trackIndex];
+    int channels = track.settings.channels;
+    int64_t skip = std::max<int64_t>(0, track.accepted - startFrame); // already given
+    int64_t gap = std::max<int64_t>(0, startFrame - track.accepted);  // silence to fill
+    if (skip >= frames)
+        return {};
+    int64_t count = gap + frames - skip;
+    Job job;
+    job.track = trackIndex;
+    job.planes.assign(channels, std::vector<float>(static_cast<size_t>(count), 0.0f));
+    for (int64_t i = skip; i < frames; ++i)
+        for (int c = 0; c < channels; ++c)
+            job.planes[c][gap + i - skip] = interleaved[i * channels + c];
+    track.accepted += count;
+    push(std::move(job));
+    return {};
+}
+
+int FfmpegMovieWriter::drain(AVCodecContext* encoder, AVStream* stream)
+{
+    PacketPtr packet(av_packet_alloc());
+    for (;;) {
+        int rc = avcodec_receive_packet(encoder, packet.get());
+        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF)
+            return 0;
+        if (rc < 0)
+            return rc;
+        av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        rc = av_interleaved_write_frame(m_format.get(), packet.get());
+        if (rc < 0)
+            return rc;
+    }
+}
+
+int FfmpegMovieWriter::encodeVideo(AVFrame* frame)
+{
+    int rc = avcodec_send_frame(m_video.get(), frame);
+    if (rc < 0 && rc != AVERROR_EOF)
+        return rc;
+    return drain(m_video.get(), m_videoStream);
+}
+
+int FfmpegMovieWriter::encodeAudio(AudioTrack& track, bool flush)
+{
+    AVCodecContext* a = track.encoder.get();
+    int frameSize = a->frame_size > 0 ? a->frame_size : 1024;
+    for (;;) {
+        int available = av_audio_fifo_size(track.fifo.get());
+        if (available == 0 || (available < frameSize && !flush))
+            break;
+        int n = std::min(available, frameSize);
+        FramePtr frame(av_frame_alloc());
+        frame->format = a->sample_fmt;
+        av_channel_layout_copy(&frame->ch_layout, &a->ch_layout);
+        frame->sample_rate = a->sample_rate;
+        // The last block is padded with silence unless the encoder takes a short one.
+        bool shortOk = a->codec->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME;
+        frame->nb_samples = (n < frameSize && !shortOk) ? frameSize : n;
+        if (av_frame_get_buffer(frame.get(), 0) < 0)
+            return AVERROR(ENOMEM);
+        av_samples_set_silence(frame->data, 0, frame->nb_samples, a->ch_layout.nb_channels, a->sample_fmt);
+        av_audio_fifo_read(track.fifo.get(), reinterpret_cast<void**>(frame->data), n);
+        frame->pts = track.encoded;
+        track.encoded += frame->nb_samples;
+        int rc = avcodec_send_frame(a, frame.get());
+        if (rc < 0)
+            return rc;
+        if ((rc = drain(a, track.stream)) < 0)
+            return rc;
+    }
+    if (flush) {
+        int rc = avcodec_send_frame(a, nullptr);
+        if (rc < 0 && rc != AVERROR_EOF)
+            return rc;
+        return drain(a, track.stream);
+    }
+    return 0;
+}
+
+void FfmpegMovieWriter::run()
+{
+    for (;;) {
+        Job job;
+        {
+            std::unique_lock lock(m_mutex);
+            m_wake.wait(lock, [&] { return !m_queue.empty() || m_closing; });
+            if (m_queue.empty() || m_abandon)
+                return;
+            job = std::move(m_queue.front());
+            m_queue.pop_front();
+            m_videoQueued -= job.video != nullptr;
+            m_wake.notify_all();
+            if (m_error)
+                continue;
+        }
+        int rc = 0;
+        std::string what;
+        if (job.video) {
+            rc = encodeVideo(job.video.get());
+            what = "the writer failed";
+        } else {
+            AudioTrack& track = m_audio[job.track];
+            std::vector<void*> planes;
+            for (auto& plane : job.planes)
+                planes.push_back(plane.data());
+            av_audio_fifo_write(track.fifo.get(), planes.data(), static_cast<int>(job.planes[0].size()));
+            rc = encodeAudio(track, false);
+            what = "the sound was refused";
+        }
+        if (rc < 0) {
+            std::lock_guard lock(m_mutex);
+            m_error = writeError(rc, what);
+            m_wake.notify_all();
+        }
+    }
+}
+
+void FfmpegMovieWriter::stopThread(bool abandon)
+{
+    {
+        std::lock_guard lock(m_mutex);
+        m_closing = true;
+        m_abandon = abandon;
+        m_wake.notify_all();
+    }
+    if (m_thread.joinable())
+        m_thread.join();
+}
+
+void FfmpegMovieWriter::removeFile()
+{
+    if (m_format && m_format->pb)
+        avio_closep(&m_format->pb);
+    if (!m_created)
+        return;
+    std::error_code ec;
+    fs::remove(m_settings.path, ec);
+    m_created = false;
+}
+
+Status FfmpegMovieWriter::finish()
+{
+    if (m_done)
+        return std::unexpected(failure("the writer was already finished"));
+    stopThread(false);
+    m_done = true;
+    std::optional<Error> error = takeError();
+    if (!error) {
+        int rc = encodeVideo(nullptr);
+        for (auto& track : m_audio)
+            if (rc >= 0)
+                rc = encodeAudio(track, true);
+        if (rc >= 0)
+            rc = av_write_trailer(m_format.get());
+        if (rc >= 0 && m_format->pb) {
+            avio_flush(m_format->pb);
+            rc = m_format->pb->error;
+            if (rc >= 0)
+                rc = avio_closep(&m_format->pb);
+        }
+        if (rc < 0)
+            error = writeError(rc, "the file could not be finished");
+    }
+    if (error) {
+        if (m_settings.container == Container::mp4)
+            removeFile();
+        m_format.reset();
+        logLine(LogArea::main, error->sentence);
+        return std::unexpected(*error);
+    }
+    m_format.reset();
+    return {};
+}
+
+void FfmpegMovieWriter::cancel()
+{
+    if (m_done)
+        return;
+    stopThread(true);
+    m_done = true;
+    removeFile();
+    m_format.reset();
+}
+
+} // namespace
+
+Result<std::unique_ptr<MovieWriter>> MovieWriter::create(Settings settings)
+{
+    auto writer = std::make_unique<FfmpegMovieWriter>(std::move(settings));
+    if (auto opened = writer->open(); !opened) {
+        writer->cancel();
+        return std::unexpected(opened.error());
+    }
+    return std::unique_ptr<MovieWriter>(std::move(writer));
+}
+
+} // namespace plim
