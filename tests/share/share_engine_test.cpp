@@ -53,18 +53,21 @@ Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, 
     settings.sound.push_back(MovieWriter::systemSoundTrack());
     auto writer = PLIM_TRY(MovieWriter::create(settings));
     uint32_t state = 2463534242u;
+    const int tileColumns = width / 16 + 1, tileRows = height / 16 + 1;
+    std::vector<uint32_t> tiles(size_t(tileColumns * tileRows));
+    for (uint32_t& tile : tiles) {
+        state ^= state << 13, state ^= state >> 17, state ^= state << 5;
+        tile = 0xff000000u | (state & 0xffffffu);
+    }
     Image image = Image::allocate(width, height);
     for (int i = 0; i < std::lround(seconds * fps); ++i) {
-        // Tiles of 16 pixels, each a random colour: more detail than the bit rate can carry.
-        std::vector<uint32_t> tiles(size_t((width / 16 + 1) * (height / 16 + 1)));
-        for (uint32_t& tile : tiles) {
-            state ^= state << 13, state ^= state >> 17, state ^= state << 5;
-            tile = 0xff000000u | (state & 0xffffffu);
-        }
+        // Tiles of 16 pixels, each a random colour, scrolling 6 pixels a frame: more detail
+        // than the bit rate can carry, moving the way a scrolled page does.
+        const int shift = 6 * i;
         for (int y = 0; y < height; ++y) {
             auto* row = reinterpret_cast<uint32_t*>(image.row(y));
             for (int x = 0; x < width; ++x)
-                row[x] = tiles[size_t((y / 16) * (width / 16 + 1) + x / 16)];
+                row[x] = tiles[size_t(((y + shift) / 16) % tileRows * tileColumns + x / 16)];
         }
         PLIM_TRY(writer->appendVideo(image, i / fps));
     }
@@ -137,7 +140,7 @@ std::vector<float> allSound(const fs::path& path)
 TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInStep)
 {
     const fs::path movie = plims / "Wide.mov";
-    ASSERT_TRUE(writeNoisyMovie(movie, 2560, 1600, 10, 2.0, {0.5, 1.5}));
+    ASSERT_TRUE(writeNoisyMovie(movie, 2560, 1600, 30, 2.0, {0.5, 1.5}));
     std::vector<ShareProgress> seen;
     engine.onProgress = [&](const ShareProgress& p) { seen.push_back(p); };
     ShareOutcome outcome = engine.share(movie, ShareKind::video, ShareQuality::p1080, ShareDestination::save(out.path()));
