@@ -7,6 +7,10 @@
 #include <libimagequant.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 #include <cmath>
 #include <cstdlib>
 #include <system_error>
@@ -68,9 +72,16 @@ Result<std::unique_ptr<GIFSink>> GIFSink::create(const fs::path& path, Size canv
 
     std::unique_ptr<GIFSink> sink(new GIFSink(path, {double(width), double(height)}, options));
     int error = 0;
-    GifFileType* gif = EGifOpenFileName(path.c_str(), false, &error);
+    // Opened here rather than by giflib, so the file gets the usual permissions (0666 less
+    // the umask) instead of giflib's owner-only ones.
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    GifFileType* gif = fd < 0 ? nullptr : EGifOpenFileHandle(fd, &error);
     if (!gif) {
-        logLine(LogArea::share, "could not create a GIF at " + path.string() + " (" + GifErrorString(error) + ")");
+        if (fd >= 0) {
+            ::close(fd);
+            ::unlink(path.c_str());
+        }
+        logLine(LogArea::share, "could not create a GIF at " + path.string() + " (" + (fd < 0 ? std::string(std::strerror(errno)) : GifErrorString(error)) + ")");
         return std::unexpected(ShareFailure::writer(ShareFailure::Reason::gifNotCreated(path.string())));
     }
     sink->m_gif->file = gif;

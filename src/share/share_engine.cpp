@@ -111,7 +111,11 @@ ShareEngine::ShareEngine(Environment environment) : m_environment(std::move(envi
         m_environment.didShare = defaults.didShare;
 }
 
-void ShareEngine::stop() { m_stop.request_stop(); }
+void ShareEngine::stop()
+{
+    std::lock_guard lock(m_lock);
+    m_stop.request_stop();
+}
 
 ShareProgress ShareEngine::progress() const
 {

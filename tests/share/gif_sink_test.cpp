@@ -52,6 +52,8 @@ TEST(GIFSink, WritesALoopingGifWhoseStillAreasStayTransparent)
         ASSERT_TRUE((*sink)->append(screen(1152, 648, i < 6 ? i : 5), i / 12.0));
     ASSERT_TRUE((*sink)->finish());
 
+    // Readable by others, as any file the user saves (giflib alone would make it owner-only).
+    EXPECT_NE(fs::status(path).permissions() & fs::perms::others_read, fs::perms::none);
     DecodedGif gif = decodeGif(path);
     EXPECT_EQ(gif.width, 1152);
     EXPECT_EQ(gif.height, 648);
