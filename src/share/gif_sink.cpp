@@ -172,22 +172,27 @@ Status GIFSink::writeFrame(const Image& frame, double delay)
 
     const int bw = box.x1 - box.x0;
     const int bh = box.y1 - box.y0;
-    std::vector<uint8_t> rgba(static_cast<size_t>(bw) * bh * 4, 0);
+    // The rectangle's colours as they are now, and which of its pixels changed: only those
+    // shape the palette (the others have no importance) and only those are written; the
+    // rest get the transparent index, so the frame before shows through.
+    std::vector<uint8_t> rgba(static_cast<size_t>(bw) * bh * 4);
+    std::vector<uint8_t> changedMap(static_cast<size_t>(bw) * bh, 0);
     bool anyTransparent = still;
     for (int y = 0; y < bh; ++y) {
         const uint8_t* p = frame.row(box.y0 + y) + 4 * box.x0;
         uint8_t* s = &m_shown[(static_cast<size_t>(box.y0 + y) * width + box.x0) * 4];
         uint8_t* d = &rgba[static_cast<size_t>(y) * bw * 4];
+        uint8_t* c = &changedMap[static_cast<size_t>(y) * bw];
         for (int x = 0; x < bw; ++x, p += 4, s += 4, d += 4) {
-            if (still)
-                continue;
-            const bool changed = first || std::abs(p[0] - s[0]) > tolerance || std::abs(p[1] - s[1]) > tolerance
-                || std::abs(p[2] - s[2]) > tolerance;
+            std::copy(p, p + 4, d);
+            const bool changed = !still
+                && (first || std::abs(p[0] - s[0]) > tolerance || std::abs(p[1] - s[1]) > tolerance
+                    || std::abs(p[2] - s[2]) > tolerance);
             if (changed) {
-                std::copy(p, p + 4, d);
                 std::copy(p, p + 4, s);
+                c[x] = 255;
             } else {
-                anyTransparent = true; // stays {0,0,0,0}: the earlier frame shows through
+                anyTransparent = true;
             }
         }
     }
@@ -196,10 +201,15 @@ Status GIFSink::writeFrame(const Image& frame, double delay)
     if (!attr)
         return std::unexpected(ShareFailure::writer(ShareFailure::Reason::gifFrame));
     liq_set_speed(attr.get(), m_options.quantizeSpeed);
-    liq_set_last_index_transparent(attr.get(), 1);
+    // Index 255 is kept for transparency when some pixels stay as they were.
+    liq_set_max_colors(attr.get(), anyTransparent ? 255 : 256);
     LiqImage input(liq_image_create_rgba(attr.get(), rgba.data(), bw, bh, 0));
+    if (!input)
+        return std::unexpected(ShareFailure::writer(ShareFailure::Reason::gifFrame));
+    if (anyTransparent && !still)
+        liq_image_set_importance_map(input.get(), changedMap.data(), changedMap.size(), LIQ_COPY_PIXELS);
     liq_result* rawResult = nullptr;
-    if (!input || liq_image_quantize(input.get(), attr.get(), &rawResult) != LIQ_OK)
+    if (liq_image_quantize(input.get(), attr.get(), &rawResult) != LIQ_OK)
         return std::unexpected(ShareFailure::writer(ShareFailure::Reason::gifFrame));
     LiqResult result(rawResult);
     liq_set_dithering_level(result.get(), m_options.dithering);
@@ -208,19 +218,19 @@ Status GIFSink::writeFrame(const Image& frame, double delay)
         return std::unexpected(ShareFailure::writer(ShareFailure::Reason::gifFrame));
     const liq_palette* palette = liq_get_palette(result.get());
 
-    int transparent = NO_TRANSPARENT_COLOR;
     const int count = static_cast<int>(palette->count);
-    ColorMap map(GifMakeMapObject(powerOfTwoAtLeast(std::max(count, 2)), nullptr));
+    const int transparent = anyTransparent ? 255 : NO_TRANSPARENT_COLOR;
+    if (anyTransparent)
+        for (size_t i = 0; i < indices.size(); ++i)
+            if (!changedMap[i])
+                indices[i] = 255;
+    ColorMap map(GifMakeMapObject(anyTransparent ? 256 : powerOfTwoAtLeast(std::max(count, 2)), nullptr));
     if (!map)
         return std::unexpected(ShareFailure::writer(ShareFailure::Reason::gifFrame));
     for (int i = 0; i < map->ColorCount; ++i)
         map->Colors[i] = GifColorType{0, 0, 0};
-    for (int i = 0; i < count; ++i) {
-        const liq_color c = palette->entries[i];
-        map->Colors[i] = GifColorType{c.r, c.g, c.b};
-        if (anyTransparent && c.a < 128 && transparent == NO_TRANSPARENT_COLOR)
-            transparent = i;
-    }
+    for (int i = 0; i < count; ++i)
+        map->Colors[i] = GifColorType{palette->entries[i].r, palette->entries[i].g, palette->entries[i].b};
 
     GraphicsControlBlock gcb{};
     gcb.DisposalMode = DISPOSE_DO_NOT;

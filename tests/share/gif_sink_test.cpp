@@ -25,7 +25,13 @@ Image screen(int width, int height, int frame)
             row[4 * x + 3] = 255;
         }
     }
-    const int x0 = 20 + frame * 16;
+    // From frame 6 on, a third of the pixels of a large area shift a little every frame, as
+    // a decoded movie's noise does: many changed pixels among unchanged ones.
+    for (int y = 200; frame >= 6 && y < std::min(height, 500); ++y)
+        for (int x = 300; x < std::min(width, 900); ++x)
+            if ((x + y + frame) % 3 == 0)
+                image.row(y)[4 * x + 1] = static_cast<uint8_t>(30 + 12 * (frame - 5));
+    const int x0 = 20 + std::min(frame, 5) * 16;
     for (int y = 100; y < 160 && y < height; ++y)
         for (int x = x0; x < x0 + 60 && x < width; ++x)
             std::memcpy(image.row(y) + 4 * x, "\xF0\xF0\xF0\xFF", 4);
@@ -49,7 +55,7 @@ TEST(GIFSink, WritesALoopingGifWhoseStillAreasStayTransparent)
     ASSERT_TRUE(sink) << sink.error().sentence;
     const int frames = 12;
     for (int i = 0; i < frames; ++i)
-        ASSERT_TRUE((*sink)->append(screen(1152, 648, i < 6 ? i : 5), i / 12.0));
+        ASSERT_TRUE((*sink)->append(screen(1152, 648, i == 11 ? 10 : i), i / 12.0));
     ASSERT_TRUE((*sink)->finish());
 
     // Readable by others, as any file the user saves (giflib alone would make it owner-only).
@@ -61,11 +67,24 @@ TEST(GIFSink, WritesALoopingGifWhoseStillAreasStayTransparent)
     ASSERT_EQ(gif.delays.size(), size_t(frames));
     for (int delay : gif.delays)
         EXPECT_EQ(delay, 8);
-    // The first frame is whole; a moving square changes only its own strip; a still frame is one pixel.
+    // The first frame is whole; a moving square changes only its own strip; a repeated frame is one pixel.
     EXPECT_EQ(gif.frameSizes[0], std::make_pair(1152, 648));
     EXPECT_LE(gif.frameSizes[1].first, 80);
     EXPECT_LE(gif.frameSizes[1].second, 60);
     EXPECT_EQ(gif.frameSizes[frames - 1], std::make_pair(1, 1));
+
+    // Played back (ffmpeg composes each frame over the ones before), the last frame shows
+    // the last picture: the transparent pixels really let the earlier frames through.
+    auto played = runCommand({"ffmpeg", "-v", "error", "-i", path.string(), "-vf", "select=eq(n\\,11)", "-frames:v", "1",
+        "-f", "rawvideo", "-pix_fmt", "bgra", "-"});
+    ASSERT_EQ(played.out.size(), size_t(1152 * 648 * 4)) << played.err;
+    const Image expected = screen(1152, 648, 10);
+    double error = 0;
+    for (int y = 0; y < 648; ++y)
+        for (int x = 0; x < 1152 * 4; x += 4)
+            for (int c = 0; c < 3; ++c)
+                error += std::abs(int(uint8_t(played.out[size_t(y) * 1152 * 4 + x + c])) - int(expected.row(y)[x + c]));
+    EXPECT_LT(error / (1152.0 * 648 * 3), 4.0);
 
     // ffprobe reads the same size and twelve frames; the rounded 0.08 s delay plays them at 12.5 a second.
     auto probe = runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
