@@ -15,6 +15,7 @@ extern "C" {
 
 #include <cerrno>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -54,6 +55,30 @@ std::string concat(const Parts&... parts)
     std::ostringstream out;
     (out << ... << parts);
     return out.str();
+}
+
+// Seconds of the container's clock that count as the movie's time 0: the first picture's
+// time when there is a picture track (muxers shift pictures by B-frame delay and sound
+// priming; the first picture is what the recording began with), otherwise the container's
+// start when that is later than 0.
+inline double movieOrigin(AVFormatContext* format)
+{
+    int video = av_find_best_stream(format, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (video >= 0) {
+        const AVStream* stream = format->streams[video];
+        if (stream->start_time != AV_NOPTS_VALUE)
+            return stream->start_time * av_q2d(stream->time_base);
+    }
+    if (format->start_time == AV_NOPTS_VALUE || format->start_time <= 0)
+        return 0;
+    return format->start_time / double(AV_TIME_BASE);
+}
+
+// FFmpeg's own chatter stays off standard error; its failures reach users as sentences.
+inline void quietLogs()
+{
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_FATAL); });
 }
 
 inline bool isNoSpace(int code) { return code == AVERROR(ENOSPC) || code == AVERROR(EDQUOT); }

@@ -87,6 +87,7 @@ private:
 
 Status FfmpegMovieReader::open()
 {
+    quietLogs();
     std::error_code ec;
     if (!fs::exists(m_path, ec))
         return fail(concat("There is no movie at ", m_path.string(), ". Check that the file is still there."),
@@ -120,7 +121,7 @@ Status FfmpegMovieReader::open()
     AVRational rate = stream->avg_frame_rate.num ? stream->avg_frame_rate : stream->r_frame_rate;
     m_info.frameRate = rate.num && rate.den ? av_q2d(rate) : 0;
 
-    m_origin = raw->start_time != AV_NOPTS_VALUE ? raw->start_time / double(AV_TIME_BASE) : 0;
+    m_origin = movieOrigin(raw);
     double container = raw->duration != AV_NOPTS_VALUE ? raw->duration / double(AV_TIME_BASE) : 0;
     if (stream->duration != AV_NOPTS_VALUE) {
         double start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time * av_q2d(stream->time_base) : m_origin;

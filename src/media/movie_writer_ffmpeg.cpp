@@ -48,6 +48,7 @@ struct AudioTrack {
     FifoPtr fifo;
     int64_t accepted = 0; // frames handed to appendAudio (caller's thread)
     int64_t encoded = 0;  // frames sent to the encoder (writer's thread)
+    int64_t skip = 0;     // frames still to drop from the start (writer's thread)
 };
 
 // One unit of work for the writer's thread, in the order it was appended.
@@ -154,6 +155,7 @@ Error FfmpegMovieWriter::writeError(int code, const std::string& what) const
 
 Status FfmpegMovieWriter::open()
 {
+    quietLogs();
     const Settings& s = m_settings;
     auto refuse = [&](const std::string& why) {
         return fail(concat("The movie ", fileName(), " could not be started: ", why, ". Nothing was written."));
@@ -206,6 +208,8 @@ Status FfmpegMovieWriter::open()
     av_dict_set(&options, "preset", s.preset.c_str(), 0);
     av_dict_set(&options, "profile", "high", 0);
     av_dict_set(&options, "forced-idr", "1", 0);
+    if (s.container == Container::fragmentedMov)
+        av_dict_set(&options, "bf", "0", 0); // no reordering delay, so no negative decode times
     rc = avcodec_open2(v, x264, &options);
     av_dict_free(&options);
     if (rc < 0)
@@ -240,6 +244,16 @@ Status FfmpegMovieWriter::open()
         m_audio.push_back(std::move(track));
     }
 
+    // Fragments carry no edit list, so the sound encoder's priming (its packets start that
+    // far before 0) cannot be hidden: a fragmented track drops that many frames from its
+    // start and lets the priming stand in for them, so the first packet sits at 0 and each
+    // later sound frame lands at its own time.
+    if (s.container == Container::fragmentedMov)
+        for (auto& track : m_audio) {
+            track.skip = track.encoder->initial_padding;
+            track.encoded = track.skip;
+        }
+
     std::error_code ec;
     fs::create_directories(s.path.parent_path(), ec);
     rc = avio_open(&m_format->pb, s.path.c_str(), AVIO_FLAG_WRITE);
@@ -254,6 +268,8 @@ Status FfmpegMovieWriter::open()
         av_dict_set(&mux, "movflags", "+faststart", 0);
     } else {
         av_dict_set(&mux, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
+        // Each packet reaches the file at once, so a kill loses at most the fragment in progress.
+        m_format->flush_packets = 1;
         av_dict_set(&mux, "frag_duration", std::to_string(static_cast<int64_t>(fragmentSeconds * 1e6)).c_str(), 0);
     }
     rc = avformat_write_header(m_format.get(), &mux);
@@ -263,6 +279,7 @@ Status FfmpegMovieWriter::open()
         removeFile();
         return std::unexpected(e);
     }
+    avio_flush(m_format->pb);
 
     m_sws.reset(sws_getContext(s.width, s.height, AV_PIX_FMT_BGRA, s.width, s.height, AV_PIX_FMT_YUV420P,
         SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
@@ -452,10 +469,14 @@ void FfmpegMovieWriter::run()
             what = "the writer failed";
         } else {
             AudioTrack& track = m_audio[job.track];
+            int64_t size = static_cast<int64_t>(job.planes[0].size());
+            int64_t dropped = std::min(track.skip, size);
+            track.skip -= dropped;
             std::vector<void*> planes;
             for (auto& plane : job.planes)
-                planes.push_back(plane.data());
-            av_audio_fifo_write(track.fifo.get(), planes.data(), static_cast<int>(job.planes[0].size()));
+                planes.push_back(plane.data() + dropped);
+            if (size > dropped)
+                av_audio_fifo_write(track.fifo.get(), planes.data(), static_cast<int>(size - dropped));
             rc = encodeAudio(track, false);
             what = "the sound was refused";
         }

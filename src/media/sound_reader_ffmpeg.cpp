@@ -54,6 +54,7 @@ private:
 
 Status FfmpegSoundReader::open()
 {
+    quietLogs();
     std::error_code ec;
     if (!fs::exists(m_path, ec))
         return fail("there is no file at " + m_path.string(), Error::Kind::missing);
@@ -64,7 +65,7 @@ Status FfmpegSoundReader::open()
     m_format.reset(raw);
     if ((rc = avformat_find_stream_info(raw, nullptr)) < 0)
         return fail(concat("it could not be read: ", errorText(rc)), Error::Kind::unreadable);
-    m_origin = raw->start_time != AV_NOPTS_VALUE ? raw->start_time / double(AV_TIME_BASE) : 0;
+    m_origin = movieOrigin(raw);
 
     bool anySound = false;
     for (unsigned i = 0; i < raw->nb_streams; ++i) {

@@ -40,7 +40,8 @@ public:
 
 private:
     struct StretchCache;
-    Result<const std::vector<float>*> stretched(std::size_t index);
+    // The stretched sound of the segment of stretch `index` that holds output `frame`.
+    Result<const std::vector<float>*> stretched(std::size_t index, int64_t frame);
 
     ShareAudioPlan m_plan;
     std::shared_ptr<PCMSource> m_plimSound;

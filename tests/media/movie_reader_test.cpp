@@ -1,0 +1,193 @@
+#include "media/movie_reader.h"
+#include "media_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+using namespace plim;
+using namespace plim::mediatest;
+using plim::testkit::TempDir;
+
+namespace {
+
+// The frame number a counting picture shows, read from its centre's grey level.
+int levelAt(const Image& image)
+{
+    const uint8_t* p = image.row(image.height / 2) + 4 * (image.width / 2);
+    return p[1];
+}
+
+// Replaces every occurrence of a four-letter code in a file (to make codecs unknown).
+void patchFourcc(const fs::path& path, const std::string& from, const std::string& to)
+{
+    std::string data = testkit::readText(path);
+    for (size_t at = data.find(from); at != std::string::npos; at = data.find(from, at + 4))
+        data.replace(at, 4, to);
+    testkit::writeText(path, data);
+}
+
+class MovieReaderTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        s_dir = new TempDir;
+        MovieSpec spec; // 320 × 240, 30 fps, 2 s
+        writeMovie(movie(), spec);
+    }
+    static void TearDownTestSuite() { delete s_dir; }
+    static fs::path movie() { return *s_dir / "count.mp4"; }
+    static TempDir* s_dir;
+};
+TempDir* MovieReaderTest::s_dir = nullptr;
+
+} // namespace
+
+TEST_F(MovieReaderTest, FramesInOrderWithTheirTimesAndPictures)
+{
+    auto reader = MovieReader::create(movie());
+    ASSERT_TRUE(reader) << reader.error().sentence;
+    const MovieInfo& info = (*reader)->info();
+    EXPECT_EQ(info.width, 320);
+    EXPECT_EQ(info.height, 240);
+    EXPECT_NEAR(info.frameRate, 30, 1e-9);
+    EXPECT_NEAR(info.duration, 2, 0.05);
+    EXPECT_FALSE(info.hasSound);
+    EXPECT_EQ(info.codec, "h264");
+    int n = 0;
+    for (;;) {
+        auto frame = (*reader)->next();
+        ASSERT_TRUE(frame) << frame.error().sentence;
+        if (!*frame)
+            break;
+        ASSERT_NEAR((*frame)->time, n / 30.0, 1e-6);
+        ASSERT_EQ((*frame)->image.width, 320);
+        ASSERT_NEAR(levelAt((*frame)->image), countingLevel(n), 3) << "frame " << n;
+        ++n;
+    }
+    EXPECT_EQ(n, 60);
+    EXPECT_FALSE((*reader)->wasCutShort());
+}
+
+TEST_F(MovieReaderTest, SeeksToThePictureShowingAtATime)
+{
+    auto reader = MovieReader::create(movie());
+    ASSERT_TRUE(reader);
+    struct Case {
+        double at;
+        int frame;
+    };
+    // Backwards and forwards, between frames, before the start.
+    for (auto c : std::vector<Case>{{1.0, 30}, {1.01, 30}, {0.51, 15}, {1.99, 59}, {0.2, 6}, {-1, 0}, {1.5, 45}}) {
+        ASSERT_TRUE((*reader)->seek(c.at));
+        auto frame = (*reader)->next();
+        ASSERT_TRUE(frame && *frame) << c.at;
+        EXPECT_NEAR((*frame)->time, c.frame / 30.0, 1e-6) << c.at;
+        EXPECT_NEAR(levelAt((*frame)->image), countingLevel(c.frame), 3) << c.at;
+        auto after = (*reader)->next();
+        if (c.frame < 59) {
+            ASSERT_TRUE(after && *after);
+            EXPECT_NEAR((*after)->time, (c.frame + 1) / 30.0, 1e-6) << "the frame after " << c.at;
+        }
+    }
+}
+
+TEST_F(MovieReaderTest, ScalesInTheSamePass)
+{
+    auto reader = MovieReader::create(movie(), MovieReader::Options{160, 120, 1});
+    ASSERT_TRUE(reader);
+    auto frame = (*reader)->next();
+    ASSERT_TRUE(frame && *frame);
+    EXPECT_EQ((*frame)->image.width, 160);
+    EXPECT_EQ((*frame)->image.height, 120);
+    EXPECT_NEAR(levelAt((*frame)->image), countingLevel(0), 3);
+}
+
+TEST_F(MovieReaderTest, ReadsPrimaryColoursBackThroughItsMatrix)
+{
+    for (int h : {240, 720}) {
+        int w = h * 4 / 3;
+        fs::path path = *s_dir / ("colours" + std::to_string(h) + ".mp4");
+        const uint8_t colours[3][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}}; // red, green, blue (BGR)
+        std::vector<Image> pictures;
+        for (const auto& c : colours)
+            pictures.push_back(solid(w, h, c[0], c[1], c[2]));
+        writeSolids(path, w, h, pictures);
+        auto reader = MovieReader::create(path);
+        ASSERT_TRUE(reader);
+        for (int n = 0; n < 3; ++n) {
+            auto frame = (*reader)->next();
+            ASSERT_TRUE(frame && *frame);
+            const uint8_t* p = (*frame)->image.row(h / 2) + 4 * (w / 2);
+            for (int c = 0; c < 3; ++c)
+                EXPECT_NEAR(p[c], colours[n][c], 6) << h << "p colour " << n << " channel " << c;
+            EXPECT_EQ(p[3], 255);
+        }
+    }
+}
+
+TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
+{
+    fs::path text = *s_dir / "notes.mp4";
+    testkit::writeText(text, "these are notes, not a movie\n");
+
+    fs::path soundOnly = *s_dir / "sound.m4a";
+    ASSERT_EQ(testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=frequency=440:duration=1",
+                  "-c:a", "aac", soundOnly.string()})
+                  .status,
+        0);
+
+    fs::path unknown = *s_dir / "unknown.mp4";
+    fs::copy_file(movie(), unknown);
+    patchFourcc(unknown, "avc1", "zq9x");
+
+    fs::path cut = *s_dir / "cut.mp4";
+    fs::copy_file(movie(), cut);
+    fs::resize_file(cut, fs::file_size(cut) * 6 / 10);
+
+    struct Case {
+        fs::path path;
+        Error::Kind kind;
+        std::string sentence;
+    };
+    for (const auto& c : std::vector<Case>{
+             {*s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
+             {text, Error::Kind::unreadable, "notes.mp4 is not a movie Plim can read"},
+             {soundOnly, Error::Kind::unreadable, "sound.m4a has no picture in it."},
+             {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
+         }) {
+        std::string before = fs::exists(c.path) ? testkit::readText(c.path) : "";
+        auto reader = MovieReader::create(c.path);
+        ASSERT_FALSE(reader) << c.path;
+        EXPECT_EQ(reader.error().kind, c.kind) << reader.error().sentence;
+        EXPECT_NE(reader.error().sentence.find(c.sentence), std::string::npos) << reader.error().sentence;
+        EXPECT_EQ(reader.error().sentence.back(), '.');
+        if (fs::exists(c.path)) {
+            EXPECT_EQ(testkit::readText(c.path), before);
+        }
+    }
+
+    // A movie cut short gives its pictures up to the cut, then says so once.
+    auto reader = MovieReader::create(cut);
+    ASSERT_TRUE(reader) << reader.error().sentence;
+    int frames = 0;
+    std::optional<Error> error;
+    for (;;) {
+        auto frame = (*reader)->next();
+        if (!frame) {
+            error = frame.error();
+            continue;
+        }
+        if (!*frame)
+            break;
+        ++frames;
+    }
+    EXPECT_GT(frames, 10);
+    EXPECT_LT(frames, 60);
+    ASSERT_TRUE(error);
+    EXPECT_NE(error->sentence.find("cut.mp4 stops part way"), std::string::npos) << error->sentence;
+    EXPECT_TRUE((*reader)->wasCutShort());
+    auto probe = testkit::runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0",
+        "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", cut.string()});
+    EXPECT_LT(std::atoi(probe.out.c_str()), 60) << "ffprobe also reads fewer pictures";
+}

@@ -1,0 +1,307 @@
+#include "media/movie_reader.h"
+#include "media/movie_writer.h"
+#include "media_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <sstream>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+using namespace plim;
+using namespace plim::mediatest;
+using plim::testkit::TempDir;
+
+TEST(BitRates, ExportAndRecordingRules)
+{
+    struct Case {
+        int w, h;
+        int64_t bps;
+    };
+    for (auto c : std::vector<Case>{
+             {1920, 1080, 9500000},
+             {0, 0, static_cast<int64_t>(9500000.0 * std::pow(1.0 / 2073600.0, 0.82))},
+             {-5, 7, static_cast<int64_t>(9500000.0 * std::pow(1.0 / 2073600.0, 0.82))},
+             {1280, 720, static_cast<int64_t>(9500000.0 * std::pow(921600.0 / 2073600.0, 0.82))},
+             {3840, 2160, static_cast<int64_t>(9500000.0 * std::pow(4.0, 0.82))},
+         })
+        EXPECT_EQ(exportBitsPerSecond(c.w, c.h), c.bps) << c.w << "x" << c.h;
+    EXPECT_GT(exportBitsPerSecond(1280, 720), 4000000);
+
+    struct RecCase {
+        int w, h;
+        double scale;
+        int64_t bps;
+    };
+    for (auto c : std::vector<RecCase>{
+             {1280, 720, 1, 8000000},          // 3,686,400 is below the floor
+             {1280, 720, 0.1, 2000000},        // the scale is held at 0.25
+             {3840, 2160, 1, 33177600},
+             {3840, 2160, 0.5, 16588800},
+             {1920, 1080, NAN, 8294400},       // an unusable scale counts as 1
+             {2560, 1440, 1.5, 22118400},
+         })
+        EXPECT_EQ(recordingBitsPerSecond(c.w, c.h, c.scale), c.bps) << c.w << "x" << c.h << " @" << c.scale;
+}
+
+TEST(MovieWriter, ExportIsFaststartMp4WithItsSettings)
+{
+    TempDir dir;
+    struct Case {
+        int w, h;
+        std::string matrix;
+    };
+    for (auto c : std::vector<Case>{{320, 240, "smpte170m"}, {1280, 720, "bt709"}}) {
+        fs::path path = dir / ("export" + std::to_string(c.h) + ".mp4");
+        MovieSpec spec;
+        spec.width = c.w;
+        spec.height = c.h;
+        spec.seconds = c.h > 500 ? 0.5 : 2;
+        spec.sound = {MovieWriter::exportTrack()};
+        spec.soundSamples = {toneBurst(static_cast<int64_t>(spec.seconds * 48000), 2, 440, 0, 1 << 30)};
+        writeMovie(path, spec);
+        ASSERT_TRUE(fs::exists(path));
+
+        EXPECT_EQ(probe(path, "v:0", "stream=codec_name,width,height,r_frame_rate,pix_fmt"),
+            "h264\n" + std::to_string(c.w) + "\n" + std::to_string(c.h) + "\nyuv420p\n30/1");
+        EXPECT_EQ(probe(path, "v:0", "stream=color_range,color_space,color_transfer,color_primaries"),
+            "tv\n" + c.matrix + "\n" + c.matrix + "\n" + c.matrix);
+        EXPECT_EQ(probe(path, "a:0", "stream=codec_name,sample_rate,channels"), "aac\n48000\n2");
+        double duration = std::stod(probe(path, "v:0", "stream=duration"));
+        EXPECT_NEAR(duration, spec.seconds, 0.05);
+
+        // The index comes before the media data.
+        auto atoms = topAtoms(path);
+        auto moov = std::find(atoms.begin(), atoms.end(), "moov");
+        auto mdat = std::find(atoms.begin(), atoms.end(), "mdat");
+        ASSERT_NE(moov, atoms.end());
+        ASSERT_NE(mdat, atoms.end());
+        EXPECT_LT(moov, mdat);
+
+        auto reader = MovieReader::create(path);
+        ASSERT_TRUE(reader) << reader.error().sentence;
+        EXPECT_EQ((*reader)->info().width, c.w);
+        EXPECT_NEAR((*reader)->info().frameRate, 30, 1e-6);
+        EXPECT_TRUE((*reader)->info().hasSound);
+    }
+}
+
+// The stored Y of a red picture tells the matrix and range: BT.709 limited gives 63, BT.601 82.
+TEST(MovieWriter, WritesTheMatrixItTags)
+{
+    TempDir dir;
+    for (auto [h, expectY] : std::vector<std::pair<int, int>>{{720, 63}, {240, 82}}) {
+        int w = h * 4 / 3;
+        fs::path path = dir / ("red" + std::to_string(h) + ".mp4");
+        Image red = solid(w, h, 0, 0, 255);
+        writeSolids(path, w, h, {red, red, red});
+        fs::path raw = dir / "y.raw";
+        auto r = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-i", path.string(), "-frames:v", "1", "-f",
+            "rawvideo", "-pix_fmt", "yuv420p", raw.string()});
+        ASSERT_EQ(r.status, 0) << r.err;
+        std::string y = testkit::readText(raw);
+        int centre = static_cast<unsigned char>(y[static_cast<size_t>(h / 2 * w + w / 2)]);
+        EXPECT_NEAR(centre, expectY, 2) << h;
+    }
+}
+
+TEST(MovieWriter, RecordingIsFragmentedWithKeyFramesEveryTwoSeconds)
+{
+    TempDir dir;
+    fs::path path = dir / "rec.mov";
+    MovieSpec spec;
+    spec.container = MovieWriter::Container::fragmentedMov;
+    spec.seconds = 5;
+    spec.sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()};
+    spec.soundSamples = {toneBurst(5 * 48000, 1, 440, 0, 1 << 30), toneBurst(5 * 48000, 2, 880, 0, 1 << 30)};
+    writeMovie(path, spec);
+
+    auto atoms = topAtoms(path);
+    EXPECT_GE(std::count(atoms.begin(), atoms.end(), "moof"), 3);
+    EXPECT_EQ(probe(path, "a:0", "stream=channels,sample_rate"), "48000\n1");
+    EXPECT_EQ(probe(path, "a:1", "stream=channels,sample_rate"), "48000\n2");
+    auto keys = testkit::runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-skip_frame", "nokey",
+        "-show_entries", "frame=pts_time", "-of", "csv=p=0", path.string()});
+    std::vector<double> times;
+    std::istringstream in(keys.out);
+    for (std::string line; std::getline(in, line);)
+        if (!line.empty())
+            times.push_back(std::stod(line));
+    ASSERT_GE(times.size(), 3u) << keys.out;
+    // A key frame opens each 2 s (the encoder may add others where the picture jumps).
+    for (double want : {0.0, 2.0, 4.0})
+        EXPECT_TRUE(std::any_of(times.begin(), times.end(), [&](double t) { return std::abs(t - want) < 1e-3; }))
+            << want << " in " << keys.out;
+}
+
+// A recording killed while it is being written stays readable up to its last fragment.
+TEST(MovieWriter, RecordingKilledMidWriteStaysReadable)
+{
+    TempDir dir;
+    fs::path path = dir / "killed.mov";
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        close(ready[0]);
+        MovieWriter::Settings s;
+        s.path = path;
+        s.container = MovieWriter::Container::fragmentedMov;
+        s.width = 320;
+        s.height = 240;
+        s.frameRate = 30;
+        s.preset = recordingPreset;
+        s.sound = {MovieWriter::microphoneTrack()};
+        auto writer = MovieWriter::create(s);
+        if (!writer)
+            _exit(2);
+        auto tone = toneBurst(48000, 1, 440, 0, 48000);
+        for (int n = 0;; ++n) {
+            uint8_t level = static_cast<uint8_t>(countingLevel(n));
+            if (!(*writer)->appendVideo(solid(320, 240, level, level, level), n / 30.0))
+                _exit(3);
+            (*writer)->appendAudio(0, tone.data() + (n % 30) * 1600, 1600, n * 1600LL);
+            if (n == 160) {
+                char c = 1;
+                (void)!write(ready[1], &c, 1);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(n > 160 ? 30 : 1));
+        }
+    }
+    close(ready[1]);
+    char c = 0;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    close(ready[0]);
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    kill(child, SIGKILL);
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_TRUE(WIFSIGNALED(status));
+
+    auto reader = MovieReader::create(path);
+    ASSERT_TRUE(reader) << reader.error().sentence;
+    int frames = 0;
+    double last = -1;
+    for (;;) {
+        auto frame = (*reader)->next();
+        if (!frame || !*frame)
+            break;
+        ASSERT_NEAR((*frame)->time, frames / 30.0, 1e-3);
+        last = (*frame)->time;
+        ++frames;
+    }
+    // 160 pictures (5.3 s) were handed over before the kill: at least the first two
+    // fragments are whole.
+    EXPECT_GE(frames, 120);
+    EXPECT_GE(last, 3.9);
+    // Seeking works without the index a finished movie would have.
+    ASSERT_TRUE((*reader)->seek(2.0));
+    auto atTwo = (*reader)->next();
+    ASSERT_TRUE(atTwo && *atTwo);
+    EXPECT_NEAR((*atTwo)->time, 2.0, 1e-3);
+    auto counted = testkit::runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0",
+        "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", path.string()});
+    EXPECT_EQ(counted.status, 0) << counted.err;
+    EXPECT_GE(std::atoi(counted.out.c_str()), 120);
+}
+
+TEST(MovieWriter, RefusalsLeaveNoFileAndKeepWhatWasThere)
+{
+    TempDir dir;
+    fs::path existing = dir / "keep.mp4";
+    testkit::writeText(existing, "not ours");
+    struct Case {
+        int w, h;
+        double fps;
+        std::string fragment;
+    };
+    for (auto c : std::vector<Case>{{321, 240, 30, "is not an even size"}, {0, 240, 30, "is not an even size"},
+             {320, 240, 0, "frame rate"}}) {
+        MovieWriter::Settings s;
+        s.path = existing;
+        s.width = c.w;
+        s.height = c.h;
+        s.frameRate = c.fps;
+        auto writer = MovieWriter::create(s);
+        ASSERT_FALSE(writer);
+        EXPECT_NE(writer.error().sentence.find(c.fragment), std::string::npos) << writer.error().sentence;
+        EXPECT_NE(writer.error().sentence.find("Nothing was written."), std::string::npos);
+        EXPECT_EQ(testkit::readText(existing), "not ours");
+    }
+
+    MovieWriter::Settings s;
+    s.path = fs::path("/proc/plim-cannot-write-here/x.mp4");
+    s.width = 320;
+    s.height = 240;
+    auto unwritable = MovieWriter::create(s);
+    ASSERT_FALSE(unwritable);
+    EXPECT_NE(unwritable.error().sentence.find("could not be created"), std::string::npos);
+
+    s.path = dir / "refused.mp4";
+    auto writer = MovieWriter::create(s);
+    ASSERT_TRUE(writer);
+    ASSERT_TRUE((*writer)->appendVideo(solid(320, 240, 1, 2, 3), 0.5));
+    auto smaller = (*writer)->appendVideo(solid(160, 120, 1, 2, 3), 0.6);
+    ASSERT_FALSE(smaller);
+    EXPECT_NE(smaller.error().sentence.find("a frame was refused: it is 160 × 120"), std::string::npos);
+    auto earlier = (*writer)->appendVideo(solid(320, 240, 1, 2, 3), 0.5);
+    ASSERT_FALSE(earlier);
+    EXPECT_NE(earlier.error().sentence.find("does not come after"), std::string::npos);
+    EXPECT_FALSE((*writer)->appendAudio(0, nullptr, 10, 0)) << "no sound track was asked for";
+    (*writer)->cancel();
+    EXPECT_FALSE(fs::exists(s.path));
+}
+
+TEST(MovieWriter, FullDiskSaysSoAndLeavesNoPartialFile)
+{
+    TempDir dir;
+    fs::path mountPoint = dir / "small";
+    fs::create_directories(mountPoint);
+    if (mount("tmpfs", mountPoint.c_str(), "tmpfs", 0, "size=1m") != 0)
+        GTEST_SKIP() << "a 1 MB tmpfs could not be mounted here (needs root)";
+    struct Unmount {
+        fs::path p;
+        ~Unmount() { umount2(p.c_str(), MNT_DETACH); }
+    } unmount{mountPoint};
+
+    MovieWriter::Settings s;
+    s.path = mountPoint / "big.mp4";
+    s.width = 320;
+    s.height = 240;
+    s.frameRate = 30;
+    s.bitsPerSecond = 20000000;
+    s.preset = "ultrafast";
+    auto writer = MovieWriter::create(s);
+    ASSERT_TRUE(writer) << writer.error().sentence;
+    // Noise does not compress: a few seconds of it overflow 1 MB.
+    Image noise = Image::allocate(320, 240);
+    uint32_t seed = 12345;
+    std::optional<Error> error;
+    for (int n = 0; n < 300 && !error; ++n) {
+        for (int y = 0; y < 240; ++y)
+            for (int x = 0; x < 320 * 4; ++x) {
+                seed = seed * 1664525u + 1013904223u;
+                noise.row(y)[x] = static_cast<uint8_t>(seed >> 24);
+            }
+        if (auto r = (*writer)->appendVideo(noise, n / 30.0); !r)
+            error = r.error();
+    }
+    if (!error) {
+        auto r = (*writer)->finish();
+        ASSERT_FALSE(r);
+        error = r.error();
+    } else {
+        (*writer)->cancel();
+    }
+    EXPECT_EQ(error->kind, Error::Kind::noSpace) << error->sentence;
+    EXPECT_NE(error->sentence.find("The disk is full"), std::string::npos) << error->sentence;
+    EXPECT_NE(error->sentence.find("the partial file was removed"), std::string::npos) << error->sentence;
+    EXPECT_FALSE(fs::exists(s.path));
+}

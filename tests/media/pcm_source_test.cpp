@@ -1,0 +1,165 @@
+#include "media/pcm_source.h"
+#include "media/sound_reader.h"
+#include "media_fixtures.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace plim;
+using namespace plim::mediatest;
+using plim::testkit::TempDir;
+
+namespace {
+
+// First frame (of interleaved stereo) whose left sample exceeds `threshold` in size.
+int64_t firstLoud(const std::vector<float>& samples, float threshold = 0.05f)
+{
+    for (size_t i = 0; i < samples.size() / 2; ++i)
+        if (std::abs(samples[2 * i]) > threshold)
+            return static_cast<int64_t>(i);
+    return -1;
+}
+
+std::vector<float> readAll(PCMSource& source, int64_t from, int64_t count, int64_t block)
+{
+    std::vector<float> out;
+    for (int64_t at = from; at < from + count; at += block) {
+        auto part = source.read(at, std::min(block, from + count - at));
+        EXPECT_TRUE(part) << part.error().sentence;
+        if (!part)
+            break;
+        out.insert(out.end(), part->begin(), part->end());
+    }
+    return out;
+}
+
+} // namespace
+
+TEST(ArrayPCMSource, ZeroFilledWindows)
+{
+    ArrayPCMSource source({1, -1, 2, -2, 3, -3}); // three frames
+    struct Case {
+        int64_t from, count;
+        std::vector<float> want;
+    };
+    for (const auto& c : std::vector<Case>{
+             {0, 3, {1, -1, 2, -2, 3, -3}},
+             {1, 1, {2, -2}},
+             {2, 3, {3, -3, 0, 0, 0, 0}},     // past the end
+             {-1, 2, {0, 0, 1, -1}},          // before the start
+             {5, 2, {0, 0, 0, 0}},
+             {0, 0, {}},
+             {1, -4, {}},
+         }) {
+        auto got = source.read(c.from, c.count);
+        ASSERT_TRUE(got);
+        EXPECT_EQ(*got, c.want) << c.from << "+" << c.count;
+    }
+}
+
+class SoundTest : public ::testing::Test {
+protected:
+    // A recording: a mono microphone track with a 440 Hz burst at 0.5 s to 0.7 s and a stereo
+    // system-sound track with a 1 kHz burst at 1.2 s to 1.4 s; 2 s long.
+    static void SetUpTestSuite()
+    {
+        s_dir = new TempDir;
+        MovieSpec spec;
+        spec.container = MovieWriter::Container::fragmentedMov;
+        spec.sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()};
+        spec.soundSamples = {toneBurst(96000, 1, 440, 24000, 33600), toneBurst(96000, 2, 1000, 57600, 67200)};
+        writeMovie(recording(), spec);
+    }
+    static void TearDownTestSuite() { delete s_dir; }
+    static fs::path recording() { return *s_dir / "rec.mov"; }
+    static TempDir* s_dir;
+};
+TempDir* SoundTest::s_dir = nullptr;
+
+TEST_F(SoundTest, TracksAreMixedAt48kStereoInPlace)
+{
+    auto reader = SoundReader::create(recording());
+    ASSERT_TRUE(reader) << reader.error().sentence;
+    std::vector<float> all;
+    for (;;) {
+        auto block = (*reader)->read();
+        ASSERT_TRUE(block) << block.error().sentence;
+        if (block->empty())
+            break;
+        ASSERT_EQ(block->size() % 2, 0u);
+        all.insert(all.end(), block->begin(), block->end());
+    }
+    EXPECT_NEAR(all.size() / 2.0, 96000, 2048);
+    // The two bursts, each within 10 ms (480 frames) of where they were written.
+    EXPECT_NEAR(firstLoud(all), 24000, 480);
+    std::vector<float> later(all.begin() + 2 * 40000, all.end());
+    EXPECT_NEAR(firstLoud(later) + 40000, 57600, 480);
+    // The mono track plays on both sides.
+    EXPECT_NEAR(all[2 * 24100], all[2 * 24100 + 1], 1e-4);
+}
+
+TEST_F(SoundTest, AssetSourceRollsReopensAndPadsWithZeros)
+{
+    AssetPCMSource source(recording(), "The plim's sound");
+    auto burst = readAll(source, 20000, 20000, 1500);
+    EXPECT_NEAR(firstLoud(burst) + 20000, 24000, 480);
+    EXPECT_EQ(source.opens(), 1);
+
+    // Asking again for frames before the buffer reopens the file at that frame; the same
+    // frames come back.
+    auto again = source.read(23500, 1000);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(source.opens(), 2);
+    EXPECT_NEAR(firstLoud(*again) + 23500, 24000, 480);
+    for (size_t i = 0; i < again->size(); ++i)
+        ASSERT_NEAR((*again)[i], burst[2 * 3500 + i], 1e-6) << i;
+
+    // Going on in order does not reopen; far past the end is silence.
+    auto second = readAll(source, 24500, 40000, 4000);
+    EXPECT_EQ(source.opens(), 2);
+    EXPECT_NEAR(firstLoud(std::vector<float>(second.begin() + 2 * 20000, second.end())) + 44500, 57600, 480);
+    auto past = source.read(200000, 100);
+    ASSERT_TRUE(past);
+    EXPECT_EQ(*past, std::vector<float>(200, 0.0f));
+}
+
+TEST_F(SoundTest, SourceFailuresNameTheSound)
+{
+    fs::path notSound = *s_dir / "notes.wav";
+    testkit::writeText(notSound, "not a sound file");
+    fs::path undecodable = *s_dir / "undecodable.mov";
+    fs::copy_file(recording(), undecodable);
+    {
+        std::string data = testkit::readText(undecodable);
+        // Neither the sample entry nor its decoder description names AAC any more.
+        for (auto [from, to] : {std::pair{"mp4a", "zq8y"}, std::pair{"esds", "zq8z"}})
+            for (size_t at = data.find(from); at != std::string::npos; at = data.find(from, at + 4))
+                data.replace(at, 4, to);
+        testkit::writeText(undecodable, data);
+    }
+    struct Case {
+        fs::path path;
+        std::string name;
+        std::string start;
+        std::string end;
+    };
+    for (const auto& c : std::vector<Case>{
+             {*s_dir / "absent.wav", "The voiceover at 0:03", "The voiceover at 0:03 could not be opened (there is no file at ",
+                 "). Share again; if it keeps happening, the file may be damaged."},
+             {notSound, "The plim's sound", "The plim's sound could not be opened (it is not a file Plim can read",
+                 "). Share again; if it keeps happening, the file may be damaged."},
+             {undecodable, "The plim's sound", "The plim's sound has sound Plim cannot decode.",
+                 "Record it again, or share it as the original plim."},
+         }) {
+        std::string before = fs::exists(c.path) ? testkit::readText(c.path) : "";
+        AssetPCMSource source(c.path, c.name);
+        auto got = source.read(0, 100);
+        ASSERT_FALSE(got) << c.path;
+        EXPECT_EQ(got.error().sentence.rfind(c.start, 0), 0u) << got.error().sentence;
+        EXPECT_TRUE(got.error().sentence.ends_with(c.end)) << got.error().sentence;
+        if (fs::exists(c.path)) {
+            EXPECT_EQ(testkit::readText(c.path), before);
+        }
+    }
+}

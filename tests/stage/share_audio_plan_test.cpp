@@ -1,0 +1,150 @@
+#include "stage/share_audio_mixer.h"
+#include "stage/share_audio_plan.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace plim;
+using Piece = ShareAudioPlan::Piece;
+using Stretch = ShareAudioPlan::Stretch;
+using Voice = ShareAudioPlan::Voice;
+using VoiceInput = ShareAudioPlan::VoiceInput;
+
+namespace {
+
+CutRange cut(double start, double end) { return CutRange{"7A4E0C11-0000-4000-8000-000000000001", start, end, {}}; }
+
+// Mixes the whole plan in blocks of `block` frames; returns interleaved stereo.
+std::vector<float> mixAll(ShareAudioMixer& mixer, int64_t block)
+{
+    std::vector<float> out;
+    int64_t expectStart = 0;
+    for (;;) {
+        auto next = mixer.next(block);
+        EXPECT_TRUE(next) << next.error().sentence;
+        if (!next || !*next)
+            break;
+        EXPECT_EQ((*next)->start, expectStart);
+        EXPECT_LE((*next)->samples.size(), 2 * static_cast<size_t>(block));
+        expectStart += static_cast<int64_t>((*next)->samples.size() / 2);
+        out.insert(out.end(), (*next)->samples.begin(), (*next)->samples.end());
+    }
+    return out;
+}
+
+std::shared_ptr<PCMSource> constant(float value, int64_t frames)
+{
+    return std::make_shared<ArrayPCMSource>(std::vector<float>(2 * static_cast<size_t>(frames), value));
+}
+
+} // namespace
+
+TEST(ShareAudioPlan, PiecesStretchesVoicesAndLength)
+{
+    struct Case {
+        const char* name;
+        EditPlan edit;
+        double raw;
+        std::vector<VoiceInput> voices;
+        bool withSound;
+        ShareAudioPlan want;
+    };
+    const std::vector<Case> cases = {
+        {"untouched", {}, 2, {}, true, {{{0, 0, 96000}}, {}, {}, 96000, 48000}},
+        {"trimmed", EditPlan{.trimIn = 0.5, .trimOut = 1.5}, 2, {}, true, {{{24000, 0, 48000}}, {}, {}, 48000, 48000}},
+        {"a cut", EditPlan{.cuts = {cut(0.5, 1.0)}}, 2, {}, true,
+            {{{0, 0, 24000}, {48000, 24000, 48000}}, {}, {}, 72000, 48000}},
+        {"sped up four times", EditPlan{.skips = {{{1, 3}, false, 4.0}}}, 4, {}, true,
+            {{{0, 0, 48000}, {144000, 72000, 48000}}, {{48000, 96000, 48000, 24000, 4.0}}, {}, 120000, 48000}},
+        {"a kept skip plays at speed 1", EditPlan{.skips = {{{1, 3}, true, 4.0}}}, 4, {}, true,
+            {{{0, 0, 192000}}, {}, {}, 192000, 48000}},
+        {"a cut inside a sped-up stretch", EditPlan{.skips = {{{1, 3}, false, 2.0}}, .cuts = {cut(1.5, 2.0)}}, 4, {},
+            true,
+            {{{0, 0, 48000}, {144000, 84000, 48000}}, {{48000, 24000, 48000, 12000, 2.0}, {96000, 48000, 60000, 24000, 2.0}},
+                {}, 132000, 48000}},
+        {"voices without the plim's sound", EditPlan{.cuts = {cut(0.5, 1.0)}}, 2,
+            {{0.5, 1.0, 0.2}, {1.25, 0.25, 0}}, false,
+            {{}, {}, {{0, 24000, 48000, 0.2f}, {1, 60000, 12000, 0.0f}}, 72000, 48000}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ShareAudioPlan::plan(c.edit, c.raw, c.voices, c.withSound, 48000), c.want) << c.name;
+}
+
+TEST(ShareAudioPlan, TouchesAVoiceWithinItsRamp)
+{
+    ShareAudioPlan plan = ShareAudioPlan::plan({}, 4, {{0.5, 1.0, 0.2}}, true, 48000);
+    ASSERT_EQ(plan.rampFrames(), 7200);
+    struct Case {
+        int64_t from, to;
+        bool touches;
+    };
+    // The voice is frames 24000 ..< 72000; the ramp reaches 7200 frames either side.
+    for (auto c : std::vector<Case>{{0, 16800, false}, {0, 16801, true}, {30000, 31000, true},
+             {79199, 90000, true}, {79200, 90000, false}, {100000, 120000, false}})
+        EXPECT_EQ(plan.touchesAVoice(c.from, c.to), c.touches) << c.from << " ..< " << c.to;
+    EXPECT_EQ(ShareAudioPlan{.sampleRate = 1}.rampFrames(), 1);
+}
+
+// micUnder 0.2: the recording sits at 0.2 inside the voice and rises linearly to 1 over
+// 0.15 s (7,200 frames) on both sides; where voices overlap the lower gain wins.
+TEST(ShareAudioMixer, DucksUnderVoicesWithLinearRamps)
+{
+    std::vector<VoiceInput> voices = {{1.0, 1.0, 0.2}, {2.5, 1.0, 0.5}, {3.0, 1.0, 0.1}};
+    ShareAudioPlan plan = ShareAudioPlan::plan({}, 5, voices, true, 48000);
+    std::map<int, std::shared_ptr<PCMSource>> silentVoices;
+    for (int i = 0; i < 3; ++i)
+        silentVoices[i] = std::make_shared<ArrayPCMSource>(std::vector<float>{});
+    ShareAudioMixer mixer(plan, constant(0.5f, 5 * 48000), silentVoices);
+    auto mixed = mixAll(mixer, 1000);
+    ASSERT_EQ(mixed.size(), 2u * 5 * 48000);
+    auto gainAt = [&](int64_t f) { return mixed[static_cast<size_t>(2 * f)] / 0.5; };
+    struct Case {
+        int64_t frame;
+        double gain;
+    };
+    for (auto c : std::vector<Case>{
+             {10000, 1.0},
+             {48000 - 7200, 1.0},                    // the ramp's outer end
+             {48000 - 3600, 0.2 + 0.8 * 0.5},        // half way up
+             {48000 - 1, 0.2 + 0.8 / 7200},
+             {48000, 0.2}, {70000, 0.2}, {95999, 0.2},
+             {96000 + 3599, 0.2 + 0.8 * 0.5},        // after the voice: the distance to its last frame
+             {96000 + 7199, 1.0},
+             {120000 - 2400, 0.5 + 0.5 * (2400.0 / 7200)}, // rising into the second voice
+             {3 * 48000 - 2400, 0.1 + 0.9 * (2400.0 / 7200)}, // below the second voice's 0.5: the lower wins
+             {3 * 48000 + 100, 0.1},                  // both voices: the lower gain
+         }) {
+        EXPECT_NEAR(gainAt(c.frame), c.gain, 1e-4) << "frame " << c.frame;
+        EXPECT_EQ(mixed[static_cast<size_t>(2 * c.frame)], mixed[static_cast<size_t>(2 * c.frame + 1)]);
+    }
+}
+
+TEST(ShareAudioMixer, ClipsTheSumInsteadOfWrapping)
+{
+    ShareAudioPlan plan = ShareAudioPlan::plan({}, 1, {{0.0, 1.0, 1.0}}, true, 48000);
+    std::vector<float> loud(2 * 48000);
+    for (size_t i = 0; i < loud.size(); ++i)
+        loud[i] = (i / 2) % 2 ? -0.8f : 0.8f;
+    ShareAudioMixer mixer(plan, std::make_shared<ArrayPCMSource>(loud),
+        {{0, std::make_shared<ArrayPCMSource>(loud)}});
+    auto mixed = mixAll(mixer, 4096);
+    ASSERT_EQ(mixed.size(), loud.size());
+    EXPECT_EQ(mixed[0], 1.0f);
+    EXPECT_EQ(mixed[2], -1.0f);
+    EXPECT_EQ(*std::max_element(mixed.begin(), mixed.end()), 1.0f);
+    EXPECT_EQ(*std::min_element(mixed.begin(), mixed.end()), -1.0f);
+    EXPECT_FALSE(mixer.next(100).value().has_value()) << "nothing after the last frame";
+}
+
+TEST(ShareAudioMixer, WithoutThePlimsSoundOnlyVoicesPlay)
+{
+    ShareAudioPlan plan = ShareAudioPlan::plan({}, 1, {{0.5, 0.25, 0.0}}, false, 48000);
+    ShareAudioMixer mixer(plan, constant(0.5f, 48000), {{0, constant(0.25f, 12000)}});
+    auto mixed = mixAll(mixer, 5000);
+    ASSERT_EQ(mixed.size(), 2u * 48000);
+    EXPECT_EQ(mixed[2 * 1000], 0.0f);
+    EXPECT_EQ(mixed[2 * 24000], 0.25f);
+    EXPECT_EQ(mixed[2 * 35999 + 1], 0.25f);
+    EXPECT_EQ(mixed[2 * 36000], 0.0f);
+}
