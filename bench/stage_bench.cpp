@@ -2,8 +2,8 @@
 // (2560 x 1600, 60 fps, 20 s) to a 1920 x 1080, 60 fps staged movie with the zooms of its
 // automatic edit and every frame kept, then transcodes the same recording to the same size
 // with the same encoder settings (decode, scale, encode, nothing composed). Then the peak
-// memory of staging a 3840 x 2160 recording. Each measurement runs in a child process so
-// that its peak resident memory (getrusage maxrss) is its own.
+// memory of staging a 3840 x 2160 recording. Each measurement runs in a fresh process of
+// this program so that its peak resident memory (getrusage maxrss) is its own.
 //
 //   stage_bench [folder]   (default: a folder under /tmp, reused between runs)
 
@@ -113,26 +113,36 @@ Figures bare(const fs::path& movie, RenderRules::PixelSize canvas)
     return {std::chrono::duration<double>(Clock::now() - start).count(), frames};
 }
 
-// Runs `work` in a child; returns its figures and peak memory in MB.
-template<typename F>
-std::pair<Figures, double> inChild(F work)
+// Runs this program again with `mode` and `movie` and returns the figures it prints and its
+// peak memory in MB. A fresh process, not a fork, so nothing of this one counts.
+std::pair<Figures, double> measured(const char* self, const char* mode, const fs::path& movie)
 {
-    int pipeEnds[2];
-    if (pipe(pipeEnds) != 0)
+    int ends[2];
+    if (pipe(ends) != 0)
         std::exit(1);
     pid_t pid = fork();
     if (pid == 0) {
-        Figures f = work();
-        if (write(pipeEnds[1], &f, sizeof f) != sizeof f)
-            _exit(1);
-        _exit(0);
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[0]);
+        execl(self, self, "--measure", mode, movie.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
     }
-    Figures f;
-    if (read(pipeEnds[0], &f, sizeof f) != sizeof f)
-        std::fprintf(stderr, "stage_bench: the measurement failed\n");
+    close(ends[1]);
+    std::string text;
+    char buffer[256];
+    for (ssize_t n; (n = read(ends[0], buffer, sizeof buffer)) > 0;)
+        text.append(buffer, static_cast<size_t>(n));
+    close(ends[0]);
     int status = 0;
     rusage usage{};
     wait4(pid, &status, 0, &usage);
+    Figures f;
+    long long frames = 0;
+    if (std::sscanf(text.c_str(), "%lld %lf", &frames, &f.seconds) != 2 || status != 0) {
+        std::fprintf(stderr, "stage_bench: the %s measurement failed\n", mode);
+        std::exit(1);
+    }
+    f.frames = frames;
     return {f, usage.ru_maxrss / 1024.0};
 }
 
@@ -140,14 +150,19 @@ std::pair<Figures, double> inChild(F work)
 
 int main(int argc, char** argv)
 {
+    const RenderRules::PixelSize hd{1920, 1080};
+    if (argc == 4 && std::string(argv[1]) == "--measure") {
+        Figures f = std::string(argv[2]) == "bare" ? bare(argv[3], hd) : staged(argv[3], hd);
+        std::printf("%lld %.6f\n", static_cast<long long>(f.frames), f.seconds);
+        return 0;
+    }
     fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path() / "plim-stage-bench";
     fs::create_directories(folder / "qhd");
     fs::create_directories(folder / "uhd");
-    const RenderRules::PixelSize hd{1920, 1080};
 
     fs::path movie = ensureDemo(folder / "qhd", 2560, 1600);
-    auto [stage, stageMB] = inChild([&] { return staged(movie, hd); });
-    auto [plain, plainMB] = inChild([&] { return bare(movie, hd); });
+    auto [stage, stageMB] = measured(argv[0], "staged", movie);
+    auto [plain, plainMB] = measured(argv[0], "bare", movie);
     std::printf("staged  1920x1080: %lld frames in %.2f s = %.1f fps, peak %.0f MB\n",
         static_cast<long long>(stage.frames), stage.seconds, stage.frames / stage.seconds, stageMB);
     std::printf("bare    1920x1080: %lld frames in %.2f s = %.1f fps, peak %.0f MB\n",
@@ -155,7 +170,7 @@ int main(int argc, char** argv)
     std::printf("staged / bare: %.2f (target at most 1.3, aim 1.1)\n", stage.seconds / plain.seconds);
 
     fs::path uhd = ensureDemo(folder / "uhd", 3840, 2160);
-    auto [big, bigMB] = inChild([&] { return staged(uhd, hd); });
+    auto [big, bigMB] = measured(argv[0], "staged", uhd);
     std::printf("staged from 3840x2160: %lld frames in %.2f s = %.1f fps, peak %.0f MB (target under 500 MB)\n",
         static_cast<long long>(big.frames), big.seconds, big.frames / big.seconds, bigMB);
     return 0;

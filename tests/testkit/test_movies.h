@@ -55,7 +55,7 @@ inline Status writeTestMovie(const fs::path& path, const TestMovie& m)
 {
     MovieWriter::Settings settings;
     settings.path = path;
-    settings.container = MovieWriter::Container::fragmentedMov;
+    settings.container = MovieWriter::Container::mp4;
     settings.width = m.width;
     settings.height = m.height;
     settings.frameRate = m.fps;
