@@ -3,6 +3,9 @@
 // rate. Prints times, sizes and SSIM (ffmpeg's ssim filter) against the staged frames.
 //
 //   share_bench [folder]   (default: a folder under /tmp; the demo plim is reused)
+//   share_bench --gif REFERENCE.mkv TOLERANCE DITHER SPEED
+//                          only the GIF sink over staged frames a full run left, with
+//                          those GIFSink options (for tuning them)
 //
 // The staged frames for the GIF comparison are rendered once by the staging engine at the
 // GIF's canvas and 12 fps into a lossless FFV1 movie; ffmpeg's GIF is made from that movie,
@@ -11,6 +14,8 @@
 #include "app/demo_plim.h"
 #include "base/files.h"
 #include "media/movie_writer.h"
+#include "media/movie_reader.h"
+#include "share/gif_sink.h"
 #include "share/share_engine.h"
 #include "share/share_render.h"
 #include "share/share_plim.h"
@@ -119,8 +124,40 @@ int64_t bytes(const fs::path& path) { return static_cast<int64_t>(fs::file_size(
 
 } // namespace
 
+// The GIF sink alone over the staged frames: size, SSIM and CPU time for one setting.
+int gifOnly(const fs::path& reference, GIFSink::Options options)
+{
+    auto reader = MovieReader::create(reference);
+    if (!reader)
+        die(reader.error().sentence);
+    const fs::path gif = reference.parent_path() / "tuning.gif";
+    const MovieInfo info = (*reader)->info();
+    auto sink = GIFSink::create(gif, {double(info.width), double(info.height)}, options);
+    if (!sink)
+        die(sink.error().sentence);
+    double sinkCPU = 0;
+    for (int frame = 0;; ++frame) {
+        auto next = (*reader)->next();
+        if (!next || !*next)
+            break;
+        const double before = cpu();
+        if (!(*sink)->append((*next)->image, frame / 12.0))
+            die("a frame was refused");
+        sinkCPU += cpu() - before;
+    }
+    const double before = cpu();
+    if (!(*sink)->finish())
+        die("the GIF was not finished");
+    sinkCPU += cpu() - before;
+    std::printf("tolerance %d, dithering %.2f, speed %d: %lld bytes, SSIM %.4f, %.1f s CPU in the sink\n", options.changeTolerance,
+        options.dithering, options.quantizeSpeed, static_cast<long long>(bytes(gif)), ssim(gif, reference), sinkCPU);
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
+    if (argc == 6 && std::string(argv[1]) == "--gif")
+        return gifOnly(argv[2], {12, std::atoi(argv[3]), float(std::atof(argv[4])), std::atoi(argv[5])});
     const fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path() / "plim-share-bench";
     const fs::path demo = folder / "demo";
     const fs::path out = folder / "out";

@@ -29,7 +29,7 @@ public:
         // How far a channel may drift (0..255) before a pixel counts as changed. Decoded
         // screen movies carry a little noise that is not worth sending again.
         int changeTolerance = 3;
-        float dithering = 1.0f;
+        float dithering = 0.3f; // light: heavier dithering cost SSIM and bytes on screen content (share_bench --gif)
         int quantizeSpeed = 4; // libimagequant speed, 1 (slow, best) .. 10 (fast)
     };
 
