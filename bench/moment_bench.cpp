@@ -1,11 +1,11 @@
 // Times the reframe path of a one-hour plim: writing and reading its tracks, the automatic
 // edit, smoothing the pointer, and one stage moment per output frame at 60 fps.
 
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
-#include "plan/auto_edit.h"
-#include "plan/time_remap.h"
-#include "stage/recorded_moment_source.h"
+#include "capture/capture.h"
+#include "plan/plan.h"
+#include "stage/stage.h"
+
+#include "stopwatch.h"
 
 #include <chrono>
 #include <cmath>
@@ -17,15 +17,10 @@
 
 using namespace plim;
 namespace fs = std::filesystem;
+using plim::bench::millisecondsSince;
+using plim::bench::Steady;
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-double millisecondsSince(Clock::time_point start)
-{
-    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
 
 // One hour at 60 Hz on a 1920 x 1080 display: the pointer glides between targets, rests
 // twelve seconds a minute, types for six (shortcuts every few seconds), and clicks every
@@ -80,29 +75,30 @@ int main()
 
     CursorTrack built;
     KeystrokeTrack builtKeys;
-    auto t0 = Clock::now();
+    auto t0 = Steady::now();
     makeHour(built, builtKeys);
     std::printf("built track: %zu samples, %zu clicks, %zu key events (%.1f ms)\n", built.samples.size(),
         built.clicks.size(), builtKeys.events.size(), millisecondsSince(t0));
 
-    t0 = Clock::now();
+    t0 = Steady::now();
     if (auto written = built.write(movie); !written)
         return giveUp(folder, written.error().sentence);
     if (auto written = builtKeys.write(movie); !written)
         return giveUp(folder, written.error().sentence);
     std::printf("write tracks: %.1f ms\n", millisecondsSince(t0));
 
-    t0 = Clock::now();
+    t0 = Steady::now();
     auto read = CursorTrack::read(movie);
     if (!read)
         return giveUp(folder, read.error().sentence);
-    std::optional<KeystrokeTrack> keys = KeystrokeTrack::read(movie);
-    if (!keys)
-        return giveUp(folder, "The keystroke track could not be read back.");
-    const CursorTrack& track = *read;
+    auto keysRead = KeystrokeTrack::read(movie);
+    if (!keysRead)
+        return giveUp(folder, keysRead.error().sentence);
+    std::optional<KeystrokeTrack> keys = std::move(keysRead->value);
+    const CursorTrack& track = read->value;
     std::printf("read tracks: %.1f ms%s\n", millisecondsSince(t0), track == built ? "" : "  [differs from what was written]");
 
-    t0 = Clock::now();
+    t0 = Steady::now();
     AutoEdit::Proposal proposal = AutoEdit::make(AutoEdit::performance(track, &*keys, {}, duration));
     EditPlan plan = AutoEdit::plan(proposal);
     // A few hand edits so masks and transitions are asked for too.
@@ -118,10 +114,10 @@ int main()
     for (double s = 0; s < duration; s += 3)
         captions.push_back({"a caption line", s, s + 2.5});
 
-    t0 = Clock::now();
+    t0 = Steady::now();
     CursorSmoother smoother(track, duration);
     std::printf("smoother alone: %.1f ms (%zu entries)\n", millisecondsSince(t0), smoother.size());
-    t0 = Clock::now();
+    t0 = Steady::now();
     RecordedMomentSource source =
         RecordedMomentSource::forPlim(track, *keys, plan, StageSpec{}, duration, std::move(captions));
     std::printf("moment source (smoother, beats, curve): %.1f ms\n", millisecondsSince(t0));
@@ -134,7 +130,7 @@ int main()
 
     double checksum = 0;
     size_t clicks = 0, keycaps = 0, captioned = 0;
-    t0 = Clock::now();
+    t0 = Steady::now();
     for (int64_t f = 0; f < frames; ++f) {
         double t = times[static_cast<size_t>(f)];
         StageMoment m = source.moment(t, f > 0 ? t - times[static_cast<size_t>(f - 1)] : 1.0 / 60);
@@ -152,7 +148,7 @@ int main()
     std::mt19937 random(5);
     std::uniform_real_distribution<double> anyTime(0, duration);
     const int randomCount = 200000;
-    t0 = Clock::now();
+    t0 = Steady::now();
     for (int i = 0; i < randomCount; ++i) {
         StageMoment m = source.moment(anyTime(random), 1.0 / 60);
         checksum += m.zoom.centerX + static_cast<double>(m.clicks.size());

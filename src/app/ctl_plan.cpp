@@ -41,6 +41,12 @@ int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
             err << "plimctl plan: \"" << *text << "\" is not a length in seconds. Give --duration a number such as 62.5.\n";
             return 1;
         }
+        if (value > longestRecordingSeconds) {
+            err << "plimctl plan: " << *text << " seconds is longer than a recording can be (at most "
+                << longestRecordingSeconds / 3600 << " hours), so nothing was planned. Give --duration the "
+                << "recording's length in seconds, or leave it out to take it from the cursor track.\n";
+            return 1;
+        }
         duration = value;
     }
     const bool json = options->has("--json"), automatic = options->has("--auto"), write = options->has("--write");

@@ -1,5 +1,6 @@
 #include "app/plan_report.h"
 
+#include "capture/capture.h"
 #include "plan/time_remap.h"
 
 #include <cstdio>
@@ -23,7 +24,7 @@ static double durationFromTrack(const CursorTrack& track)
         last = track.samples.back().t;
     if (!track.clicks.empty())
         last = std::max(last, track.clicks.back().t);
-    return std::max(0.0, static_cast<double>(last - track.videoStartOffsetMS) / 1000.0);
+    return std::max(0.0, TrackPlacement(track).movieSeconds(last));
 }
 
 Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<double> duration)
@@ -33,19 +34,16 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
     auto track = CursorTrack::read(movie);
     if (!track)
         return fail(track.error().sentence);
-    report.track = std::move(*track);
+    report.track = std::move(track->value);
+    report.notices = std::move(track->notices);
 
-    report.keys = KeystrokeTrack::read(movie);
-
-    size_t noticesBefore = PlanNoticeBatch::recent().size();
-    PlimEdits::ReadResult read;
-    {
-        PlanNoticeBatch batch;
-        read = PlimEdits::read(movie);
+    if (auto keys = KeystrokeTrack::read(movie)) {
+        report.keys = std::move(keys->value);
+        appendNotices(report.notices, std::move(keys->notices));
     }
-    auto recent = PlanNoticeBatch::recent();
-    if (recent.size() > noticesBefore)
-        report.notices.assign(recent.begin() + static_cast<long>(noticesBefore), recent.end());
+
+    PlimEdits::ReadResult read = PlimEdits::read(movie);
+    appendNotices(report.notices, read.notices);
     report.editsKind = read.kind;
     if (read.kind == PlimEdits::ReadResult::Kind::edits) {
         report.plan = read.edits.plan;
@@ -120,7 +118,8 @@ AutoEditProposal proposeAutoEdit(const PlanReport& report)
     AutoEditProposal out;
     out.proposal = AutoEdit::make(performance);
     out.plan = AutoEdit::plan(out.proposal);
-    out.summary = AutoEdit::summary(out.proposal, report.rawDuration, !out.proposal.skips.empty(), true);
+    out.summary = AutoEdit::summary(out.proposal, report.rawDuration, !out.proposal.skips.empty(),
+        AutoEdit::pointerSmoothed(performance));
     return out;
 }
 

@@ -18,48 +18,92 @@ std::string iso8601(SystemTime instant)
     return out;
 }
 
-std::optional<SystemTime> parseIso8601(std::string_view text)
+namespace {
+
+bool readDigits(std::string_view text, size_t& at, size_t count, int& value)
 {
-    int y, mo, d, h, mi, s, consumed = 0;
-    std::string str(text);
-    if (std::sscanf(str.c_str(), "%4d-%2d-%2dT%2d:%2d:%2d%n", &y, &mo, &d, &h, &mi, &s, &consumed) != 6 || consumed != 19)
-        return std::nullopt;
-    if (mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 60)
-        return std::nullopt;
-    size_t i = 19;
-    double fraction = 0;
-    if (i < str.size() && str[i] == '.') {
-        size_t start = ++i;
-        while (i < str.size() && std::isdigit(static_cast<unsigned char>(str[i])))
-            ++i;
-        if (i == start)
-            return std::nullopt;
-        fraction = std::stod("0." + str.substr(start, i - start));
+    if (at + count > text.size())
+        return false;
+    value = 0;
+    for (size_t i = 0; i < count; ++i) {
+        char c = text[at + i];
+        if (c < '0' || c > '9')
+            return false;
+        value = value * 10 + (c - '0');
     }
-    long offset = 0;
-    if (i < str.size() && (str[i] == 'Z' || str[i] == 'z')) {
-        ++i;
-    } else if (i < str.size() && (str[i] == '+' || str[i] == '-')) {
-        int oh, om;
-        if (std::sscanf(str.c_str() + i + 1, "%2d:%2d", &oh, &om) != 2 || i + 6 > str.size())
+    at += count;
+    return true;
+}
+
+bool expect(std::string_view text, size_t& at, char c)
+{
+    if (at >= text.size() || text[at] != c)
+        return false;
+    ++at;
+    return true;
+}
+
+} // namespace
+
+std::optional<MillisecondTime> parseIso8601Millis(std::string_view text)
+{
+    using namespace std::chrono;
+    size_t at = 0;
+    int y, mo, d, h, mi, s;
+    if (!readDigits(text, at, 4, y) || !expect(text, at, '-') || !readDigits(text, at, 2, mo) || !expect(text, at, '-')
+        || !readDigits(text, at, 2, d) || !expect(text, at, 'T') || !readDigits(text, at, 2, h)
+        || !expect(text, at, ':') || !readDigits(text, at, 2, mi) || !expect(text, at, ':')
+        || !readDigits(text, at, 2, s))
+        return std::nullopt;
+    int millis = 0;
+    if (at < text.size() && text[at] == '.') {
+        size_t start = ++at;
+        while (at < text.size() && text[at] >= '0' && text[at] <= '9') {
+            if (at - start < 3)
+                millis = millis * 10 + (text[at] - '0');
+            ++at;
+        }
+        if (at == start)
             return std::nullopt;
-        offset = (oh * 3600L + om * 60L) * (str[i] == '-' ? -1 : 1);
-        i += 6;
+        for (size_t n = at - start; n < 3; ++n)
+            millis *= 10;
+    }
+    int offsetMinutes = 0;
+    if (at < text.size() && (text[at] == 'Z' || text[at] == 'z')) {
+        ++at;
+    } else if (at < text.size() && (text[at] == '+' || text[at] == '-')) {
+        int sign = text[at] == '-' ? -1 : 1;
+        ++at;
+        int oh, om;
+        if (!readDigits(text, at, 2, oh) || !expect(text, at, ':') || !readDigits(text, at, 2, om) || oh > 23 || om > 59)
+            return std::nullopt;
+        offsetMinutes = sign * (oh * 60 + om);
     } else {
         return std::nullopt;
     }
-    if (i != str.size())
+    if (at != text.size())
         return std::nullopt;
-    std::tm tm{};
-    tm.tm_year = y - 1900;
-    tm.tm_mon = mo - 1;
-    tm.tm_mday = d;
-    tm.tm_hour = h;
-    tm.tm_min = mi;
-    tm.tm_sec = s;
-    std::time_t t = timegm(&tm) - offset;
-    auto instant = std::chrono::system_clock::from_time_t(t);
-    return instant + std::chrono::duration_cast<std::chrono::system_clock::duration>(std::chrono::duration<double>(fraction));
+    year_month_day date{year(y), month(static_cast<unsigned>(mo)), day(static_cast<unsigned>(d))};
+    if (!date.ok() || h > 23 || mi > 59 || s > 59)
+        return std::nullopt;
+    auto instant = sys_days(date) + hours(h) + minutes(mi) + seconds(s) + milliseconds(millis) - minutes(offsetMinutes);
+    int utcYear = static_cast<int>(year_month_day(floor<days>(instant)).year());
+    if (utcYear < 0 || utcYear > 9999)
+        return std::nullopt;
+    return time_point_cast<milliseconds>(instant);
+}
+
+std::optional<SystemTime> parseIso8601(std::string_view text)
+{
+    using namespace std::chrono;
+    auto instant = parseIso8601Millis(text);
+    if (!instant)
+        return std::nullopt;
+    auto earliest = time_point_cast<milliseconds>(SystemTime::min()) + seconds(1);
+    auto latest = time_point_cast<milliseconds>(SystemTime::max()) - seconds(1);
+    if (*instant < earliest || *instant > latest)
+        return std::nullopt;
+    return time_point_cast<SystemTime::duration>(*instant);
 }
 
 std::string readableDate(SystemTime instant)

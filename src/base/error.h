@@ -21,7 +21,8 @@ struct Error {
     enum class Kind {
         failed,     // anything else
         missing,    // the thing does not exist
-        unreadable, // it exists but cannot be read or understood
+        unreadable, // it exists but cannot be read (permission, not an ordinary file, far too large)
+        corrupt,    // it was read but its contents make no sense (not JSON, not the expected shape)
         refused,    // it is understood but must not be used (newer version, wrong kind)
         stopped,    // the caller asked to stop
         noSpace,    // the disk or the folder is full

@@ -1,6 +1,8 @@
 #include "base/files.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <random>
@@ -11,39 +13,75 @@ namespace plim {
 
 std::string errnoText(int err) { return std::strerror(err); }
 
-std::expected<std::string, FileReadError> readFileBytes(const fs::path& path)
+static std::string sizeText(uint64_t bytes)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    char out[32];
+    if (bytes >= (uint64_t(1) << 30))
+        std::snprintf(out, sizeof out, "%.1f GB", double(bytes) / double(uint64_t(1) << 30));
+    else
+        std::snprintf(out, sizeof out, "%.1f MB", double(bytes) / double(1 << 20));
+    return out;
+}
+
+static std::string tooLarge(uint64_t bytes)
+{
+    return "it holds " + sizeText(bytes) + ", far more than such a file can";
+}
+
+Result<std::string> readFileBytes(const fs::path& path, size_t limit)
+{
+    // Non-blocking, so a pipe in the file's place cannot hold the reader forever.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0) {
         int err = errno;
-        ReadFailure kind = (err == ENOENT || err == ENOTDIR) ? ReadFailure::absent : ReadFailure::unreadable;
-        return std::unexpected(FileReadError{kind, errnoText(err)});
+        if (err == ENOENT || err == ENOTDIR)
+            return fail(errnoText(err), Error::Kind::missing);
+        return fail(err == EISDIR ? "it is a folder, not a file" : errnoText(err), Error::Kind::unreadable);
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) {
+        int err = errno;
+        ::close(fd);
+        return fail(errnoText(err), Error::Kind::unreadable);
+    }
+    if (!S_ISREG(info.st_mode)) {
+        ::close(fd);
+        return fail(S_ISDIR(info.st_mode) ? "it is a folder, not a file" : "it is not an ordinary file",
+            Error::Kind::unreadable);
+    }
+    if (info.st_size > 0 && static_cast<uint64_t>(info.st_size) > limit) {
+        ::close(fd);
+        return fail(tooLarge(static_cast<uint64_t>(info.st_size)), Error::Kind::unreadable);
     }
     // Sized once from the file's length (plus one byte, so the end is seen without
-    // growing); doubled if the file turns out longer.
-    struct stat info {};
-    size_t size = 65536;
-    if (::fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_size > 0)
-        size = static_cast<size_t>(info.st_size) + 1;
+    // growing); doubled if the file turns out longer (files under /proc report 0).
+    size_t size = info.st_size > 0 ? static_cast<size_t>(info.st_size) + 1 : 65536;
     std::string bytes(size, '\0');
     size_t used = 0;
     for (;;) {
-        if (used == bytes.size())
-            bytes.resize(bytes.size() * 2);
+        if (used == bytes.size()) {
+            if (used > limit) {
+                ::close(fd);
+                return fail(tooLarge(used), Error::Kind::unreadable);
+            }
+            bytes.resize(std::min(bytes.size() * 2, limit + 1));
+        }
         ssize_t n = ::read(fd, bytes.data() + used, bytes.size() - used);
         if (n < 0) {
             if (errno == EINTR)
                 continue;
             int err = errno;
             ::close(fd);
-            return std::unexpected(FileReadError{ReadFailure::unreadable, errnoText(err)});
+            return fail(errnoText(err), Error::Kind::unreadable);
         }
         if (n == 0)
             break;
         used += static_cast<size_t>(n);
     }
-    bytes.resize(used);
     ::close(fd);
+    if (used > limit)
+        return fail(tooLarge(used), Error::Kind::unreadable);
+    bytes.resize(used);
     return bytes;
 }
 

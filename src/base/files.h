@@ -13,15 +13,15 @@ namespace plim {
 
 namespace fs = std::filesystem;
 
-// Why a file could not be read.
-enum class ReadFailure { absent, unreadable };
+// The most a side file (tracks, edits, looks, settings) can honestly hold: a day of
+// pointer samples is under a gigabyte.
+inline constexpr size_t maxSideFileBytes = size_t(1) << 30;
 
-struct FileReadError {
-    ReadFailure kind;
-    std::string reason; // strerror-style text, e.g. "Permission denied"
-};
-
-std::expected<std::string, FileReadError> readFileBytes(const fs::path& path);
+// Reads a whole ordinary file, never blocking on a pipe or a device. Fails `missing`
+// when nothing is there, otherwise `unreadable` (no permission, a folder, a pipe or
+// device, more than `limit` bytes). The error's sentence is a short reason that callers
+// put in brackets inside their own sentence: "Permission denied", "it is a folder".
+Result<std::string> readFileBytes(const fs::path& path, size_t limit = maxSideFileBytes);
 
 // Writes through a temporary file in the same folder, flushed and renamed over `path`.
 // On failure nothing at `path` changes and the temporary file is removed.

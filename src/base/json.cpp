@@ -2,29 +2,55 @@
 
 #include "base/dates.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cmath>
 
 namespace plim {
 
-std::expected<Json, JsonReadError> parseJson(std::string_view text)
+int jsonNestingDepth(std::string_view text, int limit)
 {
+    int depth = 0, deepest = 0;
+    bool inString = false;
+    for (size_t i = 0; i < text.size(); ++i) {
+        char c = text[i];
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+            continue;
+        }
+        if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            deepest = std::max(deepest, ++depth);
+            if (deepest > limit)
+                return deepest;
+        } else if (c == ']' || c == '}') {
+            --depth;
+        }
+    }
+    return deepest;
+}
+
+Result<Json> parseJson(std::string_view text)
+{
+    if (jsonNestingDepth(text) > maxJsonDepth)
+        return fail("its values nest more than " + std::to_string(maxJsonDepth) + " deep, far deeper than any Plim file",
+            Error::Kind::corrupt);
     Json value = Json::parse(text, nullptr, false);
     if (value.is_discarded())
-        return std::unexpected(JsonReadError{JsonReadFailure::corrupt, "it is not valid JSON"});
+        return fail("it is not valid JSON", Error::Kind::corrupt);
     return value;
 }
 
-std::expected<Json, JsonReadError> readJsonFile(const fs::path& path)
+Result<Json> readJsonFile(const fs::path& path)
 {
-    auto bytes = readFileBytes(path);
-    if (!bytes) {
-        auto kind = bytes.error().kind == ReadFailure::absent ? JsonReadFailure::absent : JsonReadFailure::unreadable;
-        return std::unexpected(JsonReadError{kind, bytes.error().reason});
-    }
-    if (bytes->empty())
-        return std::unexpected(JsonReadError{JsonReadFailure::corrupt, "the file is empty"});
-    return parseJson(*bytes);
+    std::string bytes = PLIM_TRY(readFileBytes(path));
+    if (bytes.empty())
+        return fail("the file is empty", Error::Kind::corrupt);
+    return parseJson(bytes);
 }
 
 std::string encodeJson(const Json& value)

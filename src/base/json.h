@@ -16,18 +16,21 @@ namespace plim {
 
 using Json = nlohmann::json;
 
-enum class JsonReadFailure { absent, unreadable, corrupt };
+// Deeper nesting than any Plim file has; refused before parsing so that copying or
+// walking a parsed value can never exhaust the stack.
+inline constexpr int maxJsonDepth = 128;
 
-struct JsonReadError {
-    JsonReadFailure kind;
-    std::string reason;
-};
+// Reads and parses a whole file, never modifying it. Errors are readFileBytes's, or
+// `corrupt` for an empty file, text that is not JSON or nests too deep; the sentence is
+// a short reason for the caller's brackets ("it is not valid JSON").
+Result<Json> readJsonFile(const fs::path& path);
 
-// Reads and parses a whole file. Never modifies it.
-std::expected<Json, JsonReadError> readJsonFile(const fs::path& path);
+// Parses text; errors as for readJsonFile.
+Result<Json> parseJson(std::string_view text);
 
-// Parses text; a syntax error is `corrupt` with the parser's reason.
-std::expected<Json, JsonReadError> parseJson(std::string_view text);
+// How deep arrays and objects nest in JSON text (0 for a scalar), counting past the
+// limit no further than limit + 1; strings are skipped.
+int jsonNestingDepth(std::string_view text, int limit = maxJsonDepth);
 
 // Pretty-printed with two-space indents and sorted keys, ending in a newline.
 std::string encodeJson(const Json& value);

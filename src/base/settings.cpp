@@ -32,14 +32,16 @@ FileSettingsStore& FileSettingsStore::shared()
     return store;
 }
 
-std::expected<Json, std::string> FileSettingsStore::load() const
+Result<Json> FileSettingsStore::load() const
 {
     auto json = readJsonFile(m_path);
     if (json && json->is_object())
         return *json;
-    if (!json && json.error().kind == JsonReadFailure::absent)
+    if (!json && json.error().kind == Error::Kind::missing)
         return Json::object();
-    return std::unexpected(json ? std::string("it does not hold a JSON object") : json.error().reason);
+    if (json)
+        return fail("it does not hold a JSON object", Error::Kind::corrupt);
+    return json;
 }
 
 std::optional<Json> FileSettingsStore::value(const std::string& key) const
@@ -59,7 +61,7 @@ Status FileSettingsStore::change(const std::string& key, std::optional<Json> val
     std::lock_guard lock(m_mutex);
     auto all = load();
     if (!all)
-        return fail("Plim could not read its settings file " + m_path.string() + " (" + all.error()
+        return fail("Plim could not read its settings file " + m_path.string() + " (" + all.error().sentence
             + "), so the setting \"" + key + "\" was not saved and the file was left as it is. "
             + "Fix or remove that file and change the setting again.");
     if (value)

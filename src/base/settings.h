@@ -36,7 +36,7 @@ public:
     const fs::path& path() const { return m_path; }
 
 private:
-    std::expected<Json, std::string> load() const;
+    Result<Json> load() const;
     Status change(const std::string& key, std::optional<Json> value);
 
     fs::path m_path;

@@ -1,5 +1,8 @@
 #include "base/text.h"
 
+#include <cstdio>
+#include <utf8proc.h>
+
 namespace plim {
 
 std::string trimmed(std::string_view text)
@@ -10,6 +13,105 @@ std::string trimmed(std::string_view text)
         return {};
     auto last = text.find_last_not_of(space);
     return std::string(text.substr(first, last - first + 1));
+}
+
+std::string utf8Encode(char32_t c)
+{
+    if (!utf8proc_codepoint_valid(static_cast<utf8proc_int32_t>(c)))
+        return {};
+    utf8proc_uint8_t bytes[4];
+    auto length = utf8proc_encode_char(static_cast<utf8proc_int32_t>(c), bytes);
+    return std::string(reinterpret_cast<const char*>(bytes), static_cast<size_t>(length));
+}
+
+std::optional<char32_t> utf8Decode(std::string_view text, size_t& at)
+{
+    if (at >= text.size())
+        return std::nullopt;
+    utf8proc_int32_t c = -1;
+    auto length = utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data() + at),
+        static_cast<utf8proc_ssize_t>(text.size() - at), &c);
+    if (length <= 0 || c < 0)
+        return std::nullopt;
+    at += static_cast<size_t>(length);
+    return static_cast<char32_t>(c);
+}
+
+bool isValidUtf8(std::string_view text)
+{
+    for (size_t at = 0; at < text.size();)
+        if (!utf8Decode(text, at))
+            return false;
+    return true;
+}
+
+size_t graphemeCount(std::string_view text)
+{
+    size_t count = 0;
+    utf8proc_int32_t state = 0;
+    std::optional<char32_t> previous;
+    for (size_t at = 0; at < text.size();) {
+        auto c = utf8Decode(text, at);
+        if (!c) {
+            ++at;
+            ++count;
+            previous.reset();
+            state = 0;
+            continue;
+        }
+        if (!previous || utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(*previous),
+                             static_cast<utf8proc_int32_t>(*c), &state))
+            ++count;
+        previous = c;
+    }
+    return count;
+}
+
+char32_t upperCase(char32_t c)
+{
+    if (!utf8proc_codepoint_valid(static_cast<utf8proc_int32_t>(c)))
+        return c;
+    return static_cast<char32_t>(utf8proc_toupper(static_cast<utf8proc_int32_t>(c)));
+}
+
+char32_t lowerCase(char32_t c)
+{
+    if (!utf8proc_codepoint_valid(static_cast<utf8proc_int32_t>(c)))
+        return c;
+    return static_cast<char32_t>(utf8proc_tolower(static_cast<utf8proc_int32_t>(c)));
+}
+
+std::string escapedText(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    char buffer[12];
+    for (size_t at = 0; at < text.size();) {
+        size_t start = at;
+        auto c = utf8Decode(text, at);
+        if (!c) {
+            std::snprintf(buffer, sizeof buffer, "\\x%02x", static_cast<unsigned char>(text[at]));
+            out += buffer;
+            ++at;
+            continue;
+        }
+        switch (*c) {
+        case '\n': out += "\\n"; continue;
+        case '\t': out += "\\t"; continue;
+        case '\r': out += "\\r"; continue;
+        default: break;
+        }
+        if (*c < 0x20 || *c == 0x7f) {
+            std::snprintf(buffer, sizeof buffer, "\\x%02x", static_cast<unsigned>(*c));
+            out += buffer;
+        } else if (*c >= 0x80 && *c < 0xa0) {
+            std::snprintf(buffer, sizeof buffer, "\\u%04x", static_cast<unsigned>(*c));
+            out += buffer;
+        } else {
+            out.append(text.substr(start, at - start));
+        }
+    }
+    return out;
 }
 
 } // namespace plim

@@ -1,6 +1,9 @@
 #pragma once
-// Small text helpers shared by readers and sentences.
+// Small text helpers shared by readers and sentences. Unicode work (code points,
+// case, grapheme clusters) goes through utf8proc.
 
+#include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -8,5 +11,27 @@ namespace plim {
 
 // The text without leading and trailing white space.
 std::string trimmed(std::string_view text);
+
+// The UTF-8 bytes of one code point; empty for a surrogate or a value past U+10FFFF.
+std::string utf8Encode(char32_t c);
+
+// Decodes the code point starting at `at` and moves `at` past it; nothing (and `at`
+// unchanged) for a malformed or truncated sequence.
+std::optional<char32_t> utf8Decode(std::string_view text, size_t& at);
+
+// True when the bytes are well-formed UTF-8.
+bool isValidUtf8(std::string_view text);
+
+// User-perceived characters (extended grapheme clusters); each malformed byte counts as one.
+size_t graphemeCount(std::string_view text);
+
+// The code point's simple upper / lower case mapping (itself when it has none).
+char32_t upperCase(char32_t c);
+char32_t lowerCase(char32_t c);
+
+// The text made safe to print on a terminal or quote in a sentence: control characters
+// become escapes ("\n", "\t", "\x1b", "\u009b") and malformed bytes "\xff"; everything
+// else is kept as it is.
+std::string escapedText(std::string_view text);
 
 } // namespace plim

@@ -1,11 +1,15 @@
 #pragma once
 // Capture: the pointer and key recorders, the tracks they write beside the screen movie,
-// and the sources they read from.
+// where the tracks' stamps land in the movie, and the seams the recorders read from.
+// Other folders include this header only; cursor_track_reader.h is capture's own.
 
 #include "capture/click_source.h"
 #include "capture/cursor_recorder.h"
 #include "capture/cursor_track.h"
+#include "capture/key_activity_source.h"
 #include "capture/key_source.h"
 #include "capture/keystroke_recorder.h"
 #include "capture/keystroke_track.h"
 #include "capture/pointer_source.h"
+#include "capture/track_placement.h"
+#include "capture/window_frame_source.h"

@@ -1,13 +1,19 @@
 #pragma once
-// Mouse-button presses anywhere on the display, delivered to installed handlers. The X11
-// backend listens to XInput 2 raw button events; the scripted one
-// delivers what a test presses.
+// Mouse-button presses anywhere on the display, delivered to installed handlers.
 //
-// Handlers run on the source's own event thread (the scripted source: the thread that
-// calls press). A handler must return quickly and must not call install or remove.
+// Backends: an X11 backend listening to XInput 2 raw button events, made by its
+// create...() factory returning Result<std::unique_ptr<ClickSource>>; tests use the
+// scripted stand-in in tests/testing/, which delivers what a test presses.
+//
+// Threads: install and remove may come from any thread. Handlers run on the source's own
+// event thread (the scripted source: the thread that calls press), one at a time; a
+// handler must return quickly and must not call install or remove.
+// Timing: a press is delivered within a few milliseconds of the button going down; the
+// recorder stamps it with its own clock when the handler runs.
+// Ownership: the source keeps the handler until remove; whoever made the source keeps it
+// alive until every handler has been removed.
 
 #include "base/error.h"
-#include "capture/scripted_delivery.h"
 
 #include <cstdint>
 #include <functional>
@@ -35,23 +41,6 @@ public:
     // Stops delivery. When it returns, the handler is not running and will not be called
     // again, so whatever it captured may be destroyed. Unknown tokens are ignored.
     virtual void remove(Token token) = 0;
-};
-
-// Delivers presses synchronously on the caller's thread. Thread-safe.
-class ScriptedClickSource final : public ClickSource {
-public:
-    Result<Token> install(Handler handler) override { return m_events.install(std::move(handler)); }
-    void remove(Token token) override { m_events.remove(token); }
-
-    // Delivers one press to every installed handler.
-    void press(const Press& press) { m_events.deliver(press); }
-    // Makes the next installs fail, as a source without permission would.
-    void setRefusing(bool refusing) { m_events.setRefusing(refusing); }
-    int installedCount() const { return m_events.installedCount(); }
-
-private:
-    ScriptedDelivery<Press> m_events{"Plim cannot watch the mouse buttons, so clicks are not recorded. "
-                                     "Nothing was lost. Allow Plim to read input, then record again."};
 };
 
 } // namespace plim

@@ -22,17 +22,16 @@ int64_t millisecondsFrom(double seconds)
 
 } // namespace
 
-CursorRecorder::CursorRecorder(const Display& display, std::optional<uint32_t> windowID, PointerSource& pointer,
-    ClickSource* clicks, const Clock& clock)
-    : m_pointer(pointer)
-    , m_clicks(clicks)
+CursorRecorder::CursorRecorder(const Display& display, std::optional<uint32_t> windowID, Sources sources,
+    const Clock& clock)
+    : m_sources(sources)
     , m_clock(clock)
     , m_windowID(windowID)
 {
-    m_track.displayX = display.x;
-    m_track.displayY = display.y;
-    m_track.displayWidth = display.width;
-    m_track.displayHeight = display.height;
+    m_track.displayX = display.area.x;
+    m_track.displayY = display.area.y;
+    m_track.displayWidth = display.area.width;
+    m_track.displayHeight = display.area.height;
     m_track.scale = display.scale;
 }
 
@@ -51,16 +50,18 @@ void CursorRecorder::start(Polling polling)
         std::lock_guard lock(m_threadLock);
         m_quit = false;
         m_thread = std::thread([this] { pollLoop(); });
+        m_journalThread = std::thread([this] { journalLoop(); });
     }
 
-    if (!m_clicks)
+    ClickSource* clicks = m_sources.clicks;
+    if (!clicks)
         return;
     {
         std::lock_guard lock(m_lock);
         if (m_stopped || m_clickToken)
             return;
     }
-    auto token = m_clicks->install([this](const ClickSource::Press& press) { handlePress(press); });
+    auto token = clicks->install([this](const ClickSource::Press& press) { handlePress(press); });
     if (!token) {
         logLine(LogArea::main, token.error().sentence);
         return;
@@ -74,7 +75,7 @@ void CursorRecorder::start(Polling polling)
             m_clickToken = *token;
     }
     if (lateStop)
-        m_clicks->remove(*token);
+        clicks->remove(*token);
 }
 
 void CursorRecorder::pollLoop()
@@ -96,21 +97,71 @@ void CursorRecorder::pollLoop()
     }
 }
 
-void CursorRecorder::stopPollThread()
+void CursorRecorder::journalLoop()
 {
-    std::thread thread;
+    pthread_setname_np(pthread_self(), "plim.cursor.jrn");
+    using namespace std::chrono;
+    const auto interval = duration_cast<steady_clock::duration>(duration<double>(journalInterval));
+    std::unique_lock lock(m_threadLock);
+    while (!m_wake.wait_for(lock, interval, [this] { return m_quit; })) {
+        lock.unlock();
+        // A failed append keeps its entries for the next one and for the final write.
+        if (auto appended = journalOnce(); !appended)
+            logLine(LogArea::main, appended.error().sentence);
+        lock.lock();
+    }
+}
+
+void CursorRecorder::stopThreads()
+{
+    std::thread threads[2];
     {
         std::lock_guard lock(m_threadLock);
         m_quit = true;
-        thread = std::move(m_thread);
+        threads[0] = std::move(m_thread);
+        threads[1] = std::move(m_journalThread);
     }
     m_wake.notify_all();
-    if (thread.joinable()) {
+    for (auto& thread : threads) {
+        if (!thread.joinable())
+            continue;
         if (thread.get_id() == std::this_thread::get_id())
             thread.detach();
         else
             thread.join();
     }
+}
+
+Status CursorRecorder::journalOnce()
+{
+    std::lock_guard journal(m_journalLock);
+    CursorTrack chunk;
+    fs::path movie;
+    Journaled upTo;
+    {
+        std::lock_guard lock(m_lock);
+        if (!m_flushMovie)
+            return {};
+        movie = *m_flushMovie;
+        const CursorTrack& t = m_track;
+        upTo = {t.samples.size(), t.clicks.size(), t.marks.size(), t.frames.size(), true};
+        if (upTo == m_journaled)
+            return {}; // nothing new since the last line
+        chunk = CursorTrack{t.displayX, t.displayY, t.displayWidth, t.displayHeight, t.scale, t.videoStartOffsetMS,
+            t.subjectKind, t.cameraOffsetMS};
+        auto tail = [](const auto& from, size_t first) {
+            return std::vector(from.begin() + static_cast<std::ptrdiff_t>(first), from.end());
+        };
+        chunk.samples = tail(t.samples, m_journaled.samples);
+        chunk.clicks = tail(t.clicks, m_journaled.clicks);
+        chunk.marks = tail(t.marks, m_journaled.marks);
+        chunk.frames = tail(t.frames, m_journaled.frames);
+    }
+    PLIM_TRY(chunk.appendToJournal(movie));
+    std::lock_guard lock(m_lock);
+    if (m_flushMovie == movie)
+        m_journaled = upTo;
+    return {};
 }
 
 int64_t CursorRecorder::elapsedMS() const
@@ -127,7 +178,7 @@ int64_t CursorRecorder::elapsedMS() const
 
 void CursorRecorder::pollOnce()
 {
-    auto position = m_pointer.position();
+    auto position = m_sources.pointer->position();
     if (!position || !finite(position->x) || !finite(position->y))
         return;
 
@@ -142,25 +193,14 @@ void CursorRecorder::pollOnce()
     if (frameDue)
         recordWindowFrame();
 
-    double sinceKey = m_pointer.secondsSinceLastKeyDown();
+    double sinceKey = m_sources.keys ? m_sources.keys->secondsSinceLastKeyDown() : INFINITY;
     int64_t ms = elapsedMS();
 
-    std::optional<CursorTrack> flushCopy;
-    std::optional<fs::path> flushMovie;
-    {
-        std::lock_guard lock(m_lock);
-        if (m_stopped || m_pausedFlag)
-            return;
-        m_track.samples.push_back(CursorSample{ms, roundToTenth(position->x), roundToTenth(position->y),
-            sinceKey < typingWindow ? 1 : 0});
-        if (m_flushMovie && m_track.samples.size() % flushEvery == 0) {
-            flushCopy = m_track;
-            flushMovie = m_flushMovie;
-        }
-    }
-    // An interim write that fails is replaced by the next one or by the final write.
-    if (flushCopy)
-        (void)flushCopy->write(*flushMovie);
+    std::lock_guard lock(m_lock);
+    if (m_stopped || m_pausedFlag)
+        return;
+    m_track.samples.push_back(CursorSample{ms, roundToTenth(position->x), roundToTenth(position->y),
+        sinceKey < typingWindow ? 1 : 0});
 }
 
 void CursorRecorder::recordWindowFrame()
@@ -170,9 +210,9 @@ void CursorRecorder::recordWindowFrame()
         std::lock_guard lock(m_lock);
         windowID = m_windowID;
     }
-    if (!windowID)
+    if (!windowID || !m_sources.frames)
         return;
-    auto frame = m_pointer.windowFrame(*windowID);
+    auto frame = m_sources.frames->windowFrame(*windowID);
     if (!frame || !finite(frame->x) || !finite(frame->y) || !finite(frame->width) || !finite(frame->height)
         || !(frame->width > 0) || !(frame->height > 0))
         return;
@@ -229,23 +269,28 @@ void CursorRecorder::mark()
 
 CursorTrack CursorRecorder::stop()
 {
-    stopPollThread();
+    stopThreads();
     std::optional<ClickSource::Token> token;
-    CursorTrack copy;
+    bool wasStopped = false;
     {
         std::lock_guard lock(m_lock);
-        m_stopped = true;
+        wasStopped = std::exchange(m_stopped, true);
         token = std::exchange(m_clickToken, std::nullopt);
-        copy = m_track;
     }
-    if (token && m_clicks)
-        m_clicks->remove(*token);
-    return copy;
+    if (token && m_sources.clicks)
+        m_sources.clicks->remove(*token);
+    if (!wasStopped)
+        if (auto appended = journalOnce(); !appended)
+            logLine(LogArea::main, appended.error().sentence);
+    return snapshot();
 }
 
 void CursorRecorder::setFlushMovie(std::optional<fs::path> movie)
 {
+    std::lock_guard journal(m_journalLock);
     std::lock_guard lock(m_lock);
+    if (movie != m_flushMovie)
+        m_journaled = {};
     m_flushMovie = std::move(movie);
 }
 

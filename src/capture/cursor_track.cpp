@@ -1,11 +1,15 @@
 #include "capture/cursor_track.h"
 
-#include "base/log.h"
+#include "base/json.h"
 #include "capture/cursor_track_reader.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace plim {
 
@@ -30,13 +34,6 @@ std::string counted(size_t n, std::string_view noun)
     return out;
 }
 
-double clampUnit(double v)
-{
-    if (!(v > 0)) // also catches NaN
-        return 0;
-    return v > 1 ? 1 : v;
-}
-
 } // namespace
 
 double roundToTenth(double value) { return std::round(value * 10.0) / 10.0; }
@@ -53,41 +50,7 @@ CursorTrack CursorTrack::deviceTrack(double pixelWidth, double pixelHeight)
 
 fs::path CursorTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.json"); }
 
-Json CursorTrack::toJson() const
-{
-    Json json = Json::object();
-    json["displayX"] = displayX;
-    json["displayY"] = displayY;
-    json["displayWidth"] = displayWidth;
-    json["displayHeight"] = displayHeight;
-    json["scale"] = scale;
-    json["videoStartOffsetMS"] = videoStartOffsetMS;
-    if (subjectKind)
-        json["subjectKind"] = *subjectKind;
-    if (cameraOffsetMS)
-        json["cameraOffsetMS"] = *cameraOffsetMS;
-
-    Json s = Json::array();
-    for (const auto& sample : samples)
-        s.push_back({{"t", sample.t}, {"x", sample.x}, {"y", sample.y}, {"k", sample.k}});
-    json["samples"] = std::move(s);
-
-    Json c = Json::array();
-    for (const auto& click : clicks)
-        c.push_back({{"t", click.t}, {"x", click.x}, {"y", click.y}});
-    json["clicks"] = std::move(c);
-
-    Json m = Json::array();
-    for (const auto& mark : marks)
-        m.push_back({{"t", mark.t}});
-    json["marks"] = std::move(m);
-
-    Json f = Json::array();
-    for (const auto& frame : frames)
-        f.push_back({{"t", frame.t}, {"x", frame.x}, {"y", frame.y}, {"w", frame.w}, {"h", frame.h}});
-    json["frames"] = std::move(f);
-    return json;
-}
+fs::path CursorTrack::journalBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.journal"); }
 
 namespace {
 
@@ -101,12 +64,12 @@ bool sortByTime(std::vector<T>& items)
     return true;
 }
 
-std::unexpected<CursorTrack::ReadError> corrupt(const std::string& name, std::string_view reason)
+std::unexpected<Error> corrupt(const std::string& name, std::string_view reason)
 {
-    return std::unexpected(CursorTrack::ReadError{CursorTrack::ReadError::Kind::corrupt,
-        name + " is not a pointer track Plim can read (" + std::string(reason)
+    return fail(name + " is not a pointer track Plim can read (" + std::string(reason)
             + "). The file was left as it is and nothing in it was lost. "
-              "Restore the file from a backup, or record the plim again to get a new pointer track."});
+              "Restore the file from a backup, or record the plim again to get a new pointer track.",
+        Error::Kind::unreadable);
 }
 
 // Moves one array's usable entries into the track and notes what was wrong with it.
@@ -120,10 +83,9 @@ void takeList(TrackList<T>& list, std::vector<T>& into, size_t& dropped, std::ve
     dropped = list.dropped;
 }
 
-// The lenient rules, whichever reader found the fields.
-std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields& fields, const std::string& name)
+// The lenient rules over what the reader found.
+Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::string& name)
 {
-    using ReadError = CursorTrack::ReadError;
     std::vector<std::string> missing;
     double geometry[5] = {};
     for (size_t i = 0; i < trackGeometryKeys.size(); ++i) {
@@ -133,11 +95,11 @@ std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields
             missing.emplace_back(trackGeometryKeys[i]);
     }
     if (!missing.empty())
-        return std::unexpected(ReadError{ReadError::Kind::incomplete,
-            name + " is missing " + joinedWithAnd(missing)
+        return fail(name + " is missing " + joinedWithAnd(missing)
                 + ", which Plim needs to place the pointer in the picture, so the pointer track cannot be used. "
                   "The file was left as it is and nothing in it was lost. "
-                  "Restore the file from a backup, or record the plim again to get a new pointer track."});
+                  "Restore the file from a backup, or record the plim again to get a new pointer track.",
+            Error::Kind::unreadable);
 
     CursorTrack track;
     track.displayX = geometry[0];
@@ -148,7 +110,7 @@ std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields
 
     std::vector<std::string> repairs;
     if (fields.videoStartOffsetMS.kind != TrackValue::Kind::absent) {
-        if (auto v = trackInteger(fields.videoStartOffsetMS))
+        if (auto v = trackTime(fields.videoStartOffsetMS))
             track.videoStartOffsetMS = *v;
         else
             repairs.push_back("an unusable videoStartOffsetMS read as 0");
@@ -160,7 +122,7 @@ std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields
             repairs.push_back("an unusable subjectKind left out");
     }
     if (fields.cameraOffsetMS.kind != TrackValue::Kind::absent) {
-        if (auto v = trackInteger(fields.cameraOffsetMS))
+        if (auto v = trackTime(fields.cameraOffsetMS))
             track.cameraOffsetMS = *v;
         else
             repairs.push_back("an unusable cameraOffsetMS left out");
@@ -200,28 +162,43 @@ std::expected<CursorTrack, CursorTrack::ReadError> finishTrack(CursorTrackFields
     if (!unsorted.empty())
         repairs.push_back("its " + joinedWithAnd(unsorted) + " put back in time order");
 
+    Decoded<CursorTrack> out{std::move(track), {}};
     if (!repairs.empty()) {
         std::string notice = name + " is not shaped the way Plim writes it: ";
         for (size_t i = 0; i < repairs.size(); ++i)
             notice += (i ? ", " : "") + repairs[i];
         notice += ". The pointer is drawn from what was left; the file itself was not changed.";
-        logLine(LogArea::main, notice);
+        out.notices.push_back(std::move(notice));
     }
-    return track;
+    return out;
 }
 
-// Builds the text encodeJson(track.toJson()) gives: keys sorted, two-space indents, numbers
-// as nlohmann prints them.
+// Builds the track's text: keys sorted, two-space indents, doubles in their shortest
+// round-trip form (with ".0" when that form looks like an integer, so they stay doubles).
 class TrackText {
 public:
     std::string out;
+    bool pretty = true; // else one line without indents
 
     void key(int indent, std::string_view name)
     {
-        out.append(static_cast<size_t>(indent), ' ');
+        if (pretty)
+            out.append(static_cast<size_t>(indent), ' ');
         out += '"';
         out += name;
-        out += "\": ";
+        out += pretty ? "\": " : "\":";
+    }
+
+    // A line break and what follows it, or nothing on one line.
+    void text(std::string_view withBreaks)
+    {
+        if (pretty) {
+            out += withBreaks;
+            return;
+        }
+        for (char c : withBreaks)
+            if (c != '\n' && c != ' ')
+                out += c;
     }
 
     void number(int64_t value)
@@ -238,32 +215,10 @@ public:
             return;
         }
         char buffer[64];
-        char* last = tenths(value, buffer);
-        if (!last)
-            last = nlohmann::detail::to_chars(buffer, buffer + sizeof buffer, value);
-        out.append(buffer, last);
-    }
-
-    // Positions are mostly rounded to tenths. A value below 1e14 in size that is the double
-    // nearest some n/10 prints as n's digits with a point before the last: n/10 lies at most
-    // 0.4 ulp from the value (1/5 repeats with period 4 in binary), well inside the
-    // interval the shortest-digits search works in, and every other decimal with as few
-    // digits is at least 0.1 away. Returns the end of the text, or nullptr for other values.
-    static char* tenths(double value, char* buffer)
-    {
-        if (!(std::fabs(value) < 1e14) || value == 0)
-            return nullptr;
-        long long n = std::llround(value * 10);
-        if (static_cast<double>(n) / 10.0 != value)
-            return nullptr;
-        char* o = buffer;
-        if (n < 0)
-            *o++ = '-';
-        unsigned long long magnitude = n < 0 ? 0ULL - static_cast<unsigned long long>(n) : static_cast<unsigned long long>(n);
-        o = std::to_chars(o, buffer + 24, magnitude / 10).ptr;
-        *o++ = '.';
-        *o++ = static_cast<char>('0' + magnitude % 10);
-        return o;
+        auto r = std::to_chars(buffer, buffer + sizeof buffer, value);
+        out.append(buffer, r.ptr);
+        if (std::string_view(buffer, r.ptr).find_first_of(".e") == std::string_view::npos)
+            out += ".0";
     }
 
     // "key": value, at the top level.
@@ -272,7 +227,7 @@ public:
     {
         key(2, name);
         number(value);
-        out += ",\n";
+        text(",\n");
     }
 
     // "key": [ {...}, ... ], at the top level; `fields` writes one entry's members.
@@ -283,15 +238,15 @@ public:
         if (items.empty()) {
             out += "[]";
         } else {
-            out += "[\n";
+            text("[\n");
             for (size_t i = 0; i < items.size(); ++i) {
-                out += "    {\n";
+                text("    {\n");
                 fields(items[i]);
-                out += i + 1 < items.size() ? "    },\n" : "    }\n";
+                text(i + 1 < items.size() ? "    },\n" : "    }\n");
             }
-            out += "  ]";
+            text("  ]");
         }
-        out += last ? "\n" : ",\n";
+        text(last ? "\n" : ",\n");
     }
 
     // One member of an entry, followed by a comma unless it is the entry's last.
@@ -300,38 +255,34 @@ public:
     {
         key(6, name);
         number(value);
-        out += last ? "\n" : ",\n";
+        text(last ? "\n" : ",\n");
     }
 };
 
 } // namespace
 
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromJson(const Json& json, std::string_view fileName)
-{
-    const std::string name(fileName);
-    if (!json.is_object())
-        return corrupt(name, "it does not hold a JSON object");
-    CursorTrackFields fields = trackFieldsOf(json);
-    return finishTrack(fields, name);
-}
-
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::fromText(std::string_view text, std::string_view fileName)
+Result<Decoded<CursorTrack>> CursorTrack::fromText(std::string_view text, std::string_view fileName)
 {
     const std::string name(fileName);
     if (text.empty())
         return corrupt(name, "the file is empty");
-    auto fields = scanTrackText(text);
+    auto fields = readTrackFields(text);
     if (!fields)
         return corrupt(name, fields.error() == TrackTextFailure::notAnObject ? "it does not hold a JSON object"
                                                                               : "it is not valid JSON");
     return finishTrack(*fields, name);
 }
 
-std::string CursorTrack::encoded() const
+namespace {
+
+std::string encodedText(const CursorTrack& track, bool pretty)
 {
+    const auto& [displayX, displayY, displayWidth, displayHeight, scale, videoStartOffsetMS, subjectKind,
+        cameraOffsetMS, samples, clicks, marks, frames] = track;
     TrackText text;
+    text.pretty = pretty;
     text.out.reserve(96 * samples.size() + 80 * (clicks.size() + frames.size()) + 32 * marks.size() + 512);
-    text.out += "{\n";
+    text.text("{\n");
     if (cameraOffsetMS)
         text.member("cameraOffsetMS", *cameraOffsetMS);
     text.list("clicks", clicks, [&](const ClickEvent& c) {
@@ -343,7 +294,7 @@ std::string CursorTrack::encoded() const
     text.member("displayWidth", displayWidth);
     text.member("displayX", displayX);
     text.member("displayY", displayY);
-    text.list("frames", frames, [&](const FrameKey& f) {
+    text.list("frames", frames, [&](const CursorTrack::FrameKey& f) {
         text.field("h", f.h);
         text.field("t", f.t);
         text.field("w", f.w);
@@ -361,51 +312,136 @@ std::string CursorTrack::encoded() const
     if (subjectKind) {
         text.key(2, "subjectKind");
         text.out += Json(*subjectKind).dump(-1, ' ', false, Json::error_handler_t::replace);
-        text.out += ",\n";
+        text.text(",\n");
     }
     text.key(2, "videoStartOffsetMS");
     text.number(videoStartOffsetMS);
-    text.out += "\n}\n";
+    text.text("\n}");
+    text.out += '\n';
     return std::move(text.out);
 }
 
-Status CursorTrack::write(const fs::path& movie) const { return writeFileAtomic(fileBeside(movie), encoded()); }
+} // namespace
 
-std::expected<CursorTrack, CursorTrack::ReadError> CursorTrack::read(const fs::path& movie)
+std::string CursorTrack::encoded() const { return encodedText(*this, true); }
+
+std::string CursorTrack::encodedLine() const { return encodedText(*this, false); }
+
+Status CursorTrack::write(const fs::path& movie) const
+{
+    PLIM_TRY(writeFileAtomic(fileBeside(movie), encoded()));
+    std::error_code ignored; // a journal left behind is only read while the track is missing
+    fs::remove(journalBeside(movie), ignored);
+    return {};
+}
+
+Status CursorTrack::appendToJournal(const fs::path& movie) const
+{
+    const fs::path path = journalBeside(movie);
+    const std::string line = encodedLine();
+    auto failed = [&](int err) {
+        return fail("Plim could not add to " + path.filename().string() + " (" + errnoText(err)
+                + "), so the last moments of the pointer track are kept in memory only until the recording "
+                  "stops. Nothing recorded so far was lost. Free some disk space to keep the journal going.",
+            err == ENOSPC ? Error::Kind::noSpace : Error::Kind::failed);
+    };
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0)
+        return failed(errno);
+    struct stat before {};
+    int err = ::fstat(fd, &before) == 0 ? 0 : errno;
+    for (size_t done = 0; err == 0 && done < line.size();) {
+        ssize_t n = ::write(fd, line.data() + done, line.size() - done);
+        if (n < 0 && errno != EINTR)
+            err = errno;
+        else if (n > 0)
+            done += static_cast<size_t>(n);
+    }
+    if (err == 0 && ::fdatasync(fd) != 0)
+        err = errno;
+    if (err != 0 && before.st_size >= 0)
+        (void)::ftruncate(fd, before.st_size); // no torn line for the next append to follow
+    ::close(fd);
+    if (err != 0)
+        return failed(err);
+    return {};
+}
+
+namespace {
+
+// The track a journal's lines make: the geometry of the last good line and every line's
+// entries in order, with a notice saying the track was rebuilt.
+Result<Decoded<CursorTrack>> foldJournal(std::string_view text, const std::string& journalName,
+    const std::string& trackName)
+{
+    std::optional<CursorTrack> folded;
+    size_t damaged = 0;
+    while (!text.empty()) {
+        size_t end = text.find('\n');
+        std::string_view line = text.substr(0, end);
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        if (line.empty())
+            continue;
+        auto chunk = CursorTrack::fromText(line, journalName);
+        if (!chunk) {
+            ++damaged;
+            continue;
+        }
+        CursorTrack& part = chunk->value;
+        if (!folded) {
+            folded = std::move(part);
+            continue;
+        }
+        auto append = [](auto& into, auto& more) { into.insert(into.end(), more.begin(), more.end()); };
+        append(folded->samples, part.samples);
+        append(folded->clicks, part.clicks);
+        append(folded->marks, part.marks);
+        append(folded->frames, part.frames);
+        folded->displayX = part.displayX;
+        folded->displayY = part.displayY;
+        folded->displayWidth = part.displayWidth;
+        folded->displayHeight = part.displayHeight;
+        folded->scale = part.scale;
+        folded->videoStartOffsetMS = part.videoStartOffsetMS;
+        folded->subjectKind = part.subjectKind;
+        folded->cameraOffsetMS = part.cameraOffsetMS;
+    }
+    if (!folded)
+        return fail(trackName + " is missing and " + journalName
+                + " holds nothing Plim can read, so the pointer cannot be drawn. Both were left as they are. "
+                  "Record the plim again to get a new pointer track.",
+            Error::Kind::unreadable);
+    std::string notice = trackName + " was never finished (the recording stopped without closing it), so the "
+        "pointer track was rebuilt from " + journalName;
+    if (damaged)
+        notice += ", leaving out " + std::to_string(damaged) + (damaged == 1 ? " damaged line" : " damaged lines");
+    notice += ". The last moment or so of pointer movement may be missing; the files were not changed.";
+    return Decoded<CursorTrack>{std::move(*folded), {std::move(notice)}};
+}
+
+} // namespace
+
+Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
 {
     const fs::path path = fileBeside(movie);
     const std::string name = path.filename().string();
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::absent)
-            return std::unexpected(ReadError{ReadError::Kind::absent,
-                "There is no pointer track beside " + movie.filename().string() + " (" + name
+        if (bytes.error().kind == Error::Kind::missing) {
+            const fs::path journal = journalBeside(movie);
+            if (auto journalBytes = readFileBytes(journal))
+                return foldJournal(*journalBytes, journal.filename().string(), name);
+            return fail("There is no pointer track beside " + movie.filename().string() + " (" + name
                     + " is missing), so the pointer cannot be drawn. Nothing was changed. "
-                      "Put the file back beside the movie, or record the plim again."});
-        return std::unexpected(ReadError{ReadError::Kind::unreadable,
-            "Plim could not read " + name + " (" + bytes.error().reason
+                      "Put the file back beside the movie, or record the plim again.",
+                Error::Kind::missing);
+        }
+        return fail("Plim could not read " + name + " (" + bytes.error().sentence
                 + "). The file was left as it is and nothing in it was lost. "
-                  "Check that you may read the file, then try again."});
+                  "Check that you may read the file, then try again.",
+            Error::Kind::unreadable);
     }
     return fromText(*bytes, name);
-}
-
-CursorTrack::UnitPoint CursorTrack::normalized(double x, double y, double atMS) const
-{
-    double rx = displayX, ry = displayY, rw = displayWidth, rh = displayHeight;
-    // The first key later than atMS; the one before it holds at atMS.
-    auto later = std::upper_bound(frames.begin(), frames.end(), atMS,
-        [](double at, const FrameKey& frame) { return at < static_cast<double>(frame.t); });
-    if (later != frames.begin()) {
-        const FrameKey& frame = *std::prev(later);
-        rx = frame.x;
-        ry = frame.y;
-        rw = frame.w;
-        rh = frame.h;
-    }
-    if (!(rw > 0) || !(rh > 0))
-        return UnitPoint{0.5, 0.5};
-    return UnitPoint{clampUnit((x - rx) / rw), clampUnit((y - ry) / rh)};
 }
 
 } // namespace plim

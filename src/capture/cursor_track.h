@@ -6,9 +6,9 @@
 // time left out). Positions are global display points, origin at the top-left corner of
 // the main display, y growing downward (so a display above the main one has negative y).
 
+#include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
-#include "base/json.h"
 
 #include <cstdint>
 #include <optional>
@@ -17,6 +17,12 @@
 #include <vector>
 
 namespace plim {
+
+// The longest recording Plim makes sense of. Walks over a recording's time (the automatic
+// edit's ticks, the pointer's smoothing) are bounded by it, a track's stamps further than
+// this from its start are unusable, and longer lengths are refused.
+inline constexpr double longestRecordingSeconds = 24 * 3600;
+inline constexpr int64_t longestRecordingMS = 24 * 3600 * 1000;
 
 struct CursorSample {
     int64_t t = 0;
@@ -51,21 +57,6 @@ struct CursorTrack {
         bool operator==(const FrameKey&) const = default;
     };
 
-    // A position inside the unit square of the region the movie shows.
-    struct UnitPoint {
-        double x = 0.5;
-        double y = 0.5;
-        bool operator==(const UnitPoint&) const = default;
-    };
-
-    // Why a track could not be read. The file is never modified by reading.
-    struct ReadError {
-        enum class Kind { absent, unreadable, corrupt, incomplete };
-        Kind kind = Kind::corrupt;
-        std::string sentence;
-        bool operator==(const ReadError&) const = default;
-    };
-
     double displayX = 0;
     double displayY = 0;
     double displayWidth = 0;
@@ -87,36 +78,39 @@ struct CursorTrack {
     // B.mov -> B.cursor.json
     static fs::path fileBeside(const fs::path& movie);
 
-    // Sorted keys, pretty-printed; the optional keys are left out when absent and all
-    // four arrays are always present.
-    Json toJson() const;
+    // B.mov -> B.cursor.journal: what a recording in progress has kept so far, one track
+    // per line (encodedLine), each with the geometry and the entries added since the line
+    // before. The final write folds it in and removes it.
+    static fs::path journalBeside(const fs::path& movie);
 
-    // Lenient: missing optional keys take their defaults, unusable entries are dropped
-    // and sorted into time order with a logged notice naming `fileName`. Fails with a
-    // whole sentence when a geometry key (displayX, displayY, displayWidth,
-    // displayHeight, scale) is missing or not a number.
-    static std::expected<CursorTrack, ReadError> fromJson(const Json& json, std::string_view fileName);
+    // Lenient: missing optional keys take their defaults, unusable entries (a time further
+    // than longestRecordingMS from 0 is unusable too) are dropped
+    // and the rest sorted into time order, with a notice naming `fileName` for what was
+    // repaired. Fails with a whole sentence (kind unreadable) when the text is not a JSON
+    // object or a geometry key (displayX, displayY, displayWidth, displayHeight, scale) is
+    // missing or not a number.
+    static Result<Decoded<CursorTrack>> fromText(std::string_view text, std::string_view fileName);
 
-    // The track's JSON text read in one pass without building a tree: the same results,
-    // notices and sentences as parsing the text and calling fromJson.
-    static std::expected<CursorTrack, ReadError> fromText(std::string_view text, std::string_view fileName);
-
-    // The file's bytes: exactly encodeJson(toJson()), written without building the tree.
+    // The file's bytes: keys sorted, two-space indents, all four arrays always present and
+    // the optional keys left out when absent. Numbers that are not finite are null.
     std::string encoded() const;
 
-    // Writes encoded() atomically to fileBeside(movie).
+    // The same text on one line, without indents, ending in a line break: a journal line.
+    std::string encodedLine() const;
+
+    // Writes encoded() atomically to fileBeside(movie), then removes the journal beside
+    // the movie: this track is the whole recording, so the journal is folded in.
     Status write(const fs::path& movie) const;
 
-    // Reads fileBeside(movie) through fromText; the file is left exactly as it is
-    // whatever happens.
-    static std::expected<CursorTrack, ReadError> read(const fs::path& movie);
+    // Appends encodedLine() to the journal beside the movie and waits until it is on the
+    // disk. A failed append leaves the journal as it was before.
+    Status appendToJournal(const fs::path& movie) const;
 
-    // Maps a position at a track time into the unit square of the region the movie shows
-    // then: the display rectangle before the first frame key, else the last frame key at
-    // or before atMS (found by binary search, so `frames` must be in time order, as every
-    // reader leaves them). Degenerate rectangles give (0.5, 0.5); results are clamped to
-    // [0, 1].
-    UnitPoint normalized(double x, double y, double atMS) const;
+    // Reads fileBeside(movie) through fromText; the file is left exactly as it is
+    // whatever happens. When it is missing but a journal is there (the recording was cut
+    // off), the track is rebuilt from the journal's lines, with a notice saying so; a
+    // damaged line is skipped. Fails with kind `missing` when neither is there.
+    static Result<Decoded<CursorTrack>> read(const fs::path& movie);
 };
 
 // Rounds to one decimal: the value times 10 rounded half away from zero, divided by 10.

@@ -1,9 +1,8 @@
 #pragma once
-// The two ways a pointer track is read, and the rules both share. A reader only reports
-// what it found at the keys Plim knows (TrackValue); the rules below and the track's own
-// finishing step decide what that is worth. One reader walks a parsed JSON tree; the other
-// scans the file's text in a single pass without building a tree, since an hour of
-// recording holds some 216,000 samples.
+// How a pointer track's text is read. The reader (on simdjson) only reports what it found
+// at the keys Plim knows (TrackValue); the rules below and the track's own finishing step
+// decide what that is worth. An hour of recording holds some 216,000 samples, so nothing
+// here builds more than simdjson's own tape.
 
 #include "capture/cursor_track.h"
 
@@ -25,8 +24,6 @@ struct TrackValue {
     uint64_t unsignedInteger = 0;
     double real = 0;
 
-    // nullptr is absent.
-    static TrackValue of(const Json* value);
     bool operator==(const TrackValue&) const = default;
 };
 
@@ -34,6 +31,8 @@ struct TrackValue {
 std::optional<double> trackNumber(const TrackValue& value);
 // An integer, or a number with no fractional part that fits 64 bits.
 std::optional<int64_t> trackInteger(const TrackValue& value);
+// A whole number of milliseconds at most longestRecordingMS from 0.
+std::optional<int64_t> trackTime(const TrackValue& value);
 // 1 for true or any non-zero number, else 0.
 int trackTypingFlag(const TrackValue& value);
 
@@ -92,16 +91,11 @@ struct CursorTrackFields {
     TrackList<CursorTrack::FrameKey> frames;
 };
 
-// From a parsed tree; `object` must be a JSON object.
-CursorTrackFields trackFieldsOf(const Json& object);
-
 enum class TrackTextFailure { notJson, notAnObject };
 
-// From JSON text in one pass. Any departure from the JSON grammar is `notJson`, exactly
-// where nlohmann's parser would refuse the text (a leading UTF-8 byte order mark is
-// allowed, a NUL byte after the top value ends the text, nesting is unlimited); valid
-// JSON whose top value is not an object is `notAnObject`. Where a key repeats, the last
-// one counts.
-std::expected<CursorTrackFields, TrackTextFailure> scanTrackText(std::string_view text);
+// Reads JSON text. A leading UTF-8 byte order mark is allowed, a NUL byte ends the text,
+// nesting is unlimited; valid JSON whose top value is not an object is `notAnObject`.
+// Where a key repeats, the last one counts.
+std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_view text);
 
 } // namespace plim

@@ -1,14 +1,20 @@
 #pragma once
 // Key presses anywhere in the session, as a platform-neutral event: the key's X keysym
-// (an xkb_keysym_t value) and the modifiers held. The X11 backend translates XInput 2 raw
-// key events through xkbcommon; the scripted one delivers what
-// a test presses.
+// (an xkb_keysym_t value) and the modifiers held.
+//
+// Backends: an X11 backend translating XInput 2 raw key events through xkbcommon, made by
+// its create...() factory returning Result<std::unique_ptr<KeySource>>; tests use the
+// scripted stand-in in tests/testing/, which delivers what a test presses.
+//
+// Threads: install and remove may come from any thread; handlers run on the source's own
+// event thread, one at a time, and must return quickly. Timing: a key-down is delivered
+// within a few milliseconds; the recorder stamps it with its own clock. Ownership: the
+// source keeps the handler until remove; its maker keeps it alive until then.
 //
 // Modifier names follow the captions they make: control is Control (⌃), option is Alt
 // (⌥), shift is Shift (⇧), command is Super (⌘).
 
 #include "base/error.h"
-#include "capture/scripted_delivery.h"
 
 #include <cstdint>
 #include <functional>
@@ -46,21 +52,6 @@ public:
     // Stops delivery. When it returns, the handler is not running and will not be called
     // again. Unknown tokens are ignored. Must not be called from inside a handler.
     virtual void remove(Token token) = 0;
-};
-
-// Delivers presses synchronously on the caller's thread. Thread-safe.
-class ScriptedKeySource final : public KeySource {
-public:
-    Result<Token> install(Handler handler) override { return m_events.install(std::move(handler)); }
-    void remove(Token token) override { m_events.remove(token); }
-
-    void press(const KeyPress& press) { m_events.deliver(press); }
-    void setRefusing(bool refusing) { m_events.setRefusing(refusing); }
-    int installedCount() const { return m_events.installedCount(); }
-
-private:
-    ScriptedDelivery<KeyPress> m_events{"Plim cannot watch the keyboard, so keycaps are not recorded. "
-                                        "Nothing was lost. Allow Plim to read input, then record again."};
 };
 
 } // namespace plim

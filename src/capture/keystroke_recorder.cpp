@@ -1,9 +1,10 @@
 #include "capture/keystroke_recorder.h"
 
+#include "base/text.h"
+
 #include <algorithm>
-#include <cwctype>
-#include <locale.h>
 #include <string_view>
+#include <utf8proc.h>
 #include <xkbcommon/xkbcommon.h>
 
 namespace plim {
@@ -63,48 +64,21 @@ std::optional<std::string_view> specialSymbol(uint32_t keysym)
     }
 }
 
-// Unicode character classes independent of the process's locale.
-locale_t unicodeClasses()
-{
-    static locale_t classes = [] {
-        locale_t l = newlocale(LC_CTYPE_MASK, "C.UTF-8", locale_t(0));
-        return l ? l : newlocale(LC_CTYPE_MASK, "C", locale_t(0));
-    }();
-    return classes;
-}
-
+// A letter or a digit of any script (Unicode categories L and N).
 bool isLetterOrNumber(char32_t c)
 {
-    if (c < 0x80)
-        return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z');
-    locale_t classes = unicodeClasses();
-    return classes && iswalnum_l(static_cast<wint_t>(c), classes);
-}
-
-char32_t upperCased(char32_t c)
-{
-    if (c < 0x80)
-        return (c >= 'a' && c <= 'z') ? c - 'a' + 'A' : c;
-    locale_t classes = unicodeClasses();
-    return classes ? static_cast<char32_t>(towupper_l(static_cast<wint_t>(c), classes)) : c;
-}
-
-void appendUtf8(std::string& out, char32_t c)
-{
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
+    switch (utf8proc_category(static_cast<utf8proc_int32_t>(c))) {
+    case UTF8PROC_CATEGORY_LU:
+    case UTF8PROC_CATEGORY_LL:
+    case UTF8PROC_CATEGORY_LT:
+    case UTF8PROC_CATEGORY_LM:
+    case UTF8PROC_CATEGORY_LO:
+    case UTF8PROC_CATEGORY_ND:
+    case UTF8PROC_CATEGORY_NL:
+    case UTF8PROC_CATEGORY_NO:
+        return true;
+    default:
+        return false;
     }
 }
 
@@ -133,13 +107,17 @@ std::optional<std::string> KeystrokeRecorder::caption(const KeyPress& press)
     if (!m.control && !m.option && !m.command)
         return std::nullopt;
 
+    // The key's upper-case symbol; where that is no key symbol (ß, µ, ÿ), the character's
+    // own upper case.
     char32_t c = xkb_keysym_to_utf32(xkb_keysym_to_upper(press.keysym));
-    if (c == 0 || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF))
+    if (c == 0)
+        c = xkb_keysym_to_utf32(press.keysym);
+    std::string symbol = utf8Encode(upperCase(c));
+    if (c == 0 || symbol.empty())
         return std::nullopt;
-    c = upperCased(c);
-    if (!isLetterOrNumber(c) && captionedPunctuation.find(c) == std::u32string_view::npos)
+    if (!isLetterOrNumber(upperCase(c)) && captionedPunctuation.find(c) == std::u32string_view::npos)
         return std::nullopt;
-    appendUtf8(out, c);
+    out += symbol;
     return out;
 }
 

@@ -1,8 +1,9 @@
 #include "capture/keystroke_track.h"
 
-#include "base/log.h"
+#include "base/text.h"
 
 #include <algorithm>
+#include <utf8proc.h>
 
 namespace plim {
 
@@ -19,32 +20,12 @@ struct CodePoint {
 std::vector<CodePoint> decodeUtf8(std::string_view text)
 {
     std::vector<CodePoint> out;
-    size_t i = 0;
-    while (i < text.size()) {
-        unsigned char lead = static_cast<unsigned char>(text[i]);
-        size_t length = lead < 0x80 ? 1 : (lead >> 5) == 0x6 ? 2 : (lead >> 4) == 0xE ? 3 : (lead >> 3) == 0x1E ? 4 : 0;
-        char32_t value = 0xFFFD;
-        if (length == 1) {
-            value = lead;
-        } else if (length > 1 && i + length <= text.size()) {
-            value = lead & (0xFF >> (length + 1));
-            for (size_t k = 1; k < length; ++k) {
-                unsigned char next = static_cast<unsigned char>(text[i + k]);
-                if ((next & 0xC0) != 0x80) {
-                    length = 0;
-                    break;
-                }
-                value = (value << 6) | (next & 0x3F);
-            }
-        } else {
-            length = 0;
-        }
-        if (length == 0) {
-            value = 0xFFFD;
-            length = 1;
-        }
-        out.push_back({value, i, i + length});
-        i += length;
+    for (size_t at = 0; at < text.size();) {
+        size_t begin = at;
+        auto c = utf8Decode(text, at);
+        if (!c)
+            ++at;
+        out.push_back({c.value_or(0xFFFD), begin, at});
     }
     return out;
 }
@@ -57,31 +38,16 @@ bool isWhiteSpaceOrNewline(char32_t c)
         || (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
 }
 
-// Code points that belong to the character before them: combining marks, joiners,
-// variation selectors and emoji skin tones.
-bool extendsPrevious(char32_t c)
-{
-    return (c >= 0x0300 && c <= 0x036F) || (c >= 0x1AB0 && c <= 0x1AFF) || (c >= 0x1DC0 && c <= 0x1DFF)
-        || (c >= 0x20D0 && c <= 0x20FF) || (c >= 0xFE00 && c <= 0xFE0F) || (c >= 0xFE20 && c <= 0xFE2F)
-        || c == 0x200C || c == 0x200D || (c >= 0x1F3FB && c <= 0x1F3FF) || (c >= 0xE0020 && c <= 0xE007F)
-        || (c >= 0xE0100 && c <= 0xE01EF);
-}
-
-bool isRegionalIndicator(char32_t c) { return c >= 0x1F1E6 && c <= 0x1F1FF; }
-
-// Byte offsets at which each user-perceived character starts.
+// Byte offsets at which each user-perceived character (extended grapheme cluster) starts.
 std::vector<size_t> characterStarts(const std::vector<CodePoint>& points)
 {
     std::vector<size_t> starts;
-    bool afterJoiner = false;
-    bool openFlag = false; // a first regional indicator waiting for its pair
+    utf8proc_int32_t state = 0;
     for (size_t i = 0; i < points.size(); ++i) {
-        char32_t c = points[i].value;
-        bool joins = i > 0 && (extendsPrevious(c) || afterJoiner || (openFlag && isRegionalIndicator(c)));
-        if (!joins)
+        if (i == 0
+            || utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(points[i - 1].value),
+                static_cast<utf8proc_int32_t>(points[i].value), &state))
             starts.push_back(points[i].begin);
-        openFlag = isRegionalIndicator(c) && !(joins && openFlag);
-        afterJoiner = c == 0x200D;
     }
     return starts;
 }
@@ -192,20 +158,28 @@ std::string KeystrokeTrack::repairNotice(std::string_view fileName, int dropped,
     return notice;
 }
 
-std::optional<KeystrokeTrack> KeystrokeTrack::read(const fs::path& movie)
+Result<Decoded<KeystrokeTrack>> KeystrokeTrack::read(const fs::path& movie)
 {
     const fs::path path = fileBeside(movie);
+    const std::string name = path.filename().string();
     auto json = readJsonFile(path);
-    if (!json)
-        return std::nullopt;
-    auto decoded = fromJson(*json);
+    if (!json && json.error().kind == Error::Kind::missing)
+        return fail("There is no keystroke track beside " + movie.filename().string() + " (" + name
+                + " is missing), so no keycaps can be shown. Nothing was changed.",
+            Error::Kind::missing);
+    std::optional<KeystrokeTrack> decoded;
+    if (json)
+        decoded = fromJson(*json);
     if (!decoded)
-        return std::nullopt;
+        return fail(name + " is not a keystroke track Plim can read ("
+                + (json ? std::string("its events are not shaped as Plim writes them") : json.error().sentence)
+                + "), so no keycaps are shown. The file was left as it is and nothing in it was lost.",
+            Error::Kind::unreadable);
     Sanitized clean = sanitized(decoded->events);
     if (clean.events == decoded->events)
-        return decoded;
-    logLine(LogArea::main, repairNotice(path.filename().string(), clean.dropped, clean.shortened));
-    return KeystrokeTrack{std::move(clean.events)};
+        return Decoded<KeystrokeTrack>{std::move(*decoded), {}};
+    return Decoded<KeystrokeTrack>{KeystrokeTrack{std::move(clean.events)},
+        {repairNotice(name, clean.dropped, clean.shortened)}};
 }
 
 std::vector<KeyEvent> KeystrokeTrack::captions(double at, double linger) const

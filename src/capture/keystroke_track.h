@@ -2,6 +2,7 @@
 // The keystroke track of one plim: shortcuts and special keys as short captions (⌘S, ⇧⇥,
 // ⏎), written beside the screen movie as B.keys.json. Plain typing is never in it.
 
+#include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
 #include "base/json.h"
@@ -49,9 +50,10 @@ struct KeystrokeTrack {
     // Writes atomically to fileBeside(movie).
     Status write(const fs::path& movie) const;
 
-    // Reads fileBeside(movie): nothing when it cannot be read or decoded; a decodable but
-    // malformed file is repaired in memory and the repair is logged. Never writes the file.
-    static std::optional<KeystrokeTrack> read(const fs::path& movie);
+    // Reads fileBeside(movie): fails with kind `missing` when there is none, `unreadable`
+    // when it cannot be read or decoded; a decodable but malformed file is repaired in
+    // memory, with the repair as a notice. Never writes the file.
+    static Result<Decoded<KeystrokeTrack>> read(const fs::path& movie);
 
     // Drops negative times and blank captions, trims captions, cuts long ones, and sorts
     // stably by time.

@@ -40,16 +40,16 @@ void LookStore::reload()
     auto json = readJsonFile(m_file);
     if (!json) {
         switch (json.error().kind) {
-        case JsonReadFailure::absent:
+        case Error::Kind::missing:
             return;
-        case JsonReadFailure::unreadable:
-            m_loadProblem = "Plim could not read your saved looks at " + m_file.string() + " (" + json.error().reason +
+        default:
+            m_loadProblem = "Plim could not read your saved looks at " + m_file.string() + " (" + json.error().sentence +
                 "), so none are shown. The file was left as it is and nothing in it was lost; check its "
                 "permissions and reopen Plim, as saving a look now would replace it.";
             return;
-        case JsonReadFailure::corrupt:
+        case Error::Kind::corrupt:
             m_loadProblem = "Plim could not make sense of your saved looks at " + m_file.string() + " (" +
-                json.error().reason +
+                json.error().sentence +
                 "), so none are shown. The file was left as it is; saving a look will replace it, so copy it "
                 "elsewhere first if you want to keep it.";
             return;

@@ -3,6 +3,7 @@
 
 #include "base/dates.h"
 #include "base/files.h"
+#include "base/log.h"
 #include "capture/cursor_track.h"
 #include "capture/keystroke_track.h"
 #include "plan/auto_edit.h"
@@ -72,8 +73,13 @@ PlimDocument::FirstEdit PlimDocument::automaticEdit(const fs::path& movieURL, do
         auto cursor = CursorTrack::read(movieURL);
         if (!cursor)
             return edits;
+        for (const auto& notice : cursor->notices)
+            logLine(LogArea::main, notice);
         auto keys = KeystrokeTrack::read(movieURL);
-        auto performance = AutoEdit::performance(*cursor, keys ? &*keys : nullptr, speech, duration);
+        if (keys)
+            for (const auto& notice : keys->notices)
+                logLine(LogArea::main, notice);
+        auto performance = AutoEdit::performance(cursor->value, keys ? &keys->value : nullptr, speech, duration);
         edits.plan = AutoEdit::plan(AutoEdit::make(performance));
         return edits;
     };

@@ -65,8 +65,8 @@ std::optional<Json> readPlim3Stage(const fs::path& movie)
     fs::path path = sidecarPath(movie, "stage.json");
     auto json = readJsonFile(path);
     if (!json) {
-        if (json.error().kind != JsonReadFailure::absent)
-            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().reason +
+        if (json.error().kind != Error::Kind::missing)
+            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().sentence +
                     "), so this plim wears the usual look. The file was left as it is.");
         return std::nullopt;
     }
@@ -157,13 +157,12 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
         return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
             sourceName, "The version field says " + std::to_string(version) + ", and edit formats start at 1.")));
 
-    PlanNoticeBatch batch;
     auto plan = EditPlan::fromJson(value, std::string(sourceName));
     if (!plan)
         return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(sourceName, plan.error().sentence)));
 
     PlimEdits edits;
-    edits.plan = std::move(*plan);
+    edits.plan = std::move(plan->value);
     edits.version = version;
     edits.writtenBy = writtenBy;
     edits.plim3Stage = plim3Stage;
@@ -222,11 +221,14 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
         if (!isKnownKey(it.key()))
             edits.unknownKeys[it.key()] = it.value();
 
+    std::vector<std::string> notices = std::move(plan->notices);
     if (!dropped.empty())
-        PlanNoticeBatch::add(plan_notices::droppedFields(sourceName, dropped));
+        notices.push_back(plan_notices::droppedFields(sourceName, dropped));
     if (droppedKeys)
         *droppedKeys = dropped;
-    return withStage(ReadResult::ofEdits(std::move(edits)));
+    ReadResult result = withStage(ReadResult::ofEdits(std::move(edits)));
+    result.notices = std::move(notices);
+    return result;
 }
 
 PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
@@ -238,14 +240,16 @@ PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
         result.plim3Stage = stage;
         if (result.kind == ReadResult::Kind::refused || result.kind == ReadResult::Kind::unreadable)
             logLine(LogArea::main, result.sentence);
+        for (const auto& notice : result.notices)
+            logLine(LogArea::main, notice);
         return result;
     };
 
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::absent)
+        if (bytes.error().kind == Error::Kind::missing)
             return finish(ReadResult::ofNone());
-        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().reason)));
+        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().sentence)));
     }
     if (bytes->empty())
         return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, "The file is empty.")));

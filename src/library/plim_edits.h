@@ -81,6 +81,7 @@ struct PlimEdits::ReadResult {
     PlimEdits edits;        // meaningful for `edits`
     std::string sentence;   // meaningful for `refused` and `unreadable`
     std::optional<Json> plim3Stage; // read from B.stage.json whatever the kind
+    std::vector<std::string> notices; // what the decode had to leave out, for the caller to show
 
     static ReadResult ofEdits(PlimEdits e) { return {Kind::edits, std::move(e), {}, {}}; }
     static ReadResult ofRefused(std::string s) { return {Kind::refused, {}, std::move(s), {}}; }

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -22,15 +23,15 @@ Json PlimIdentity::toJson() const
     return json;
 }
 
-std::expected<PlimIdentity, std::string> PlimIdentity::fromJson(const Json& json)
+Result<PlimIdentity> PlimIdentity::fromJson(const Json& json)
 {
     if (!json.is_object())
-        return std::unexpected(std::string("it is not a JSON object"));
+        return fail("it is not a JSON object", Error::Kind::corrupt);
     auto uuid = jsonString(json, "uuid");
     if (!uuid)
-        return std::unexpected(std::string("it has no uuid"));
+        return fail("it has no uuid", Error::Kind::corrupt);
     if (!isUuid(*uuid))
-        return std::unexpected("its uuid \"" + uuid->substr(0, 64) + "\" is not a UUID");
+        return fail("its uuid \"" + escapedText(uuid->substr(0, 64)) + "\" is not a UUID", Error::Kind::corrupt);
     PlimIdentity identity;
     identity.uuid = *uuid;
     std::ranges::transform(identity.uuid, identity.uuid.begin(), [](unsigned char c) { return std::toupper(c); });
@@ -44,23 +45,13 @@ fs::path PlimIdentity::pathFor(const std::string& base, const fs::path& folder)
     return folder / (base + "." + suffix);
 }
 
-PlimIdentity::Reading PlimIdentity::read(const std::string& base, const fs::path& folder)
+Result<PlimIdentity> PlimIdentity::read(const std::string& base, const fs::path& folder)
 {
     const fs::path path = pathFor(base, folder);
-    auto json = readJsonFile(path);
-    if (!json) {
-        switch (json.error().kind) {
-        case JsonReadFailure::absent: return Reading::absent();
-        case JsonReadFailure::unreadable: return Reading::unreadable(json.error().reason);
-        case JsonReadFailure::corrupt: return Reading::corrupt(json.error().reason);
-        }
-    }
-    auto identity = fromJson(*json);
-    if (!identity)
-        return Reading::corrupt(identity.error());
-    if (!identity->mintedAt)
-        logLine(LogArea::main, path.filename().string() + " has no readable mintedAt date; its id " + identity->uuid + " is kept as it is.");
-    return Reading::found(std::move(*identity));
+    PlimIdentity identity = PLIM_TRY(fromJson(PLIM_TRY(readJsonFile(path))));
+    if (!identity.mintedAt)
+        logLine(LogArea::main, path.filename().string() + " has no readable mintedAt date; its id " + identity.uuid + " is kept as it is.");
+    return identity;
 }
 
 Status PlimIdentity::write(const fs::path& besideMovie) const
@@ -71,35 +62,29 @@ Status PlimIdentity::write(const fs::path& besideMovie) const
 Result<PlimIdentity> PlimIdentity::mint(const fs::path& movie, SystemTime now)
 {
     PlimIdentity identity = make(now);
-    if (Status written = identity.write(movie); !written)
-        return std::unexpected(written.error());
-    Reading back = read(baseName(movie), movie.parent_path());
-    if (back.kind != Reading::Kind::identity || back.identity.uuid != identity.uuid)
+    PLIM_TRY(identity.write(movie));
+    auto back = read(baseName(movie), movie.parent_path());
+    if (!back || back->uuid != identity.uuid)
         return fail("The identity was written to " + pathWithoutExtension(movie) + ".id.json and did not read "
                     "back. The plims folder may be on a volume that cannot store it.");
-    return back.identity;
+    return back;
 }
 
-PlimIdentity::Outcome PlimIdentity::ensure(const fs::path& movie, SystemTime now)
+Result<PlimIdentity::Ensured> PlimIdentity::ensure(const fs::path& movie, SystemTime now)
 {
-    Reading reading = read(baseName(movie), movie.parent_path());
-    switch (reading.kind) {
-    case Reading::Kind::identity:
-        return Outcome::existing(reading.identity.uuid);
-    case Reading::Kind::unreadable:
-        return Outcome::failed("The identity file " + sidecarPath(movie, suffix).string() + " could not be read ("
-            + reading.reason + "), so it was left exactly as it is and no new id was written. Make it readable or "
-            "remove it, and Plim will give this plim an id.");
-    case Reading::Kind::absent:
-    case Reading::Kind::corrupt:
-        break;
-    }
-    auto minted = mint(movie, now);
-    if (!minted)
-        return Outcome::failed(minted.error().sentence);
-    if (reading.kind == Reading::Kind::corrupt)
-        return Outcome::replaced(minted->uuid, reading.reason);
-    return Outcome::minted(minted->uuid);
+    auto reading = read(baseName(movie), movie.parent_path());
+    if (reading)
+        return Ensured::existing(reading->uuid);
+    const Error& why = reading.error();
+    if (why.kind != Error::Kind::missing && why.kind != Error::Kind::corrupt)
+        return fail("The identity file " + sidecarPath(movie, suffix).string() + " could not be read (" + why.sentence
+                + "), so it was left exactly as it is and no new id was written. Make it readable or remove it, "
+                  "and Plim will give this plim an id.",
+            why.kind);
+    PlimIdentity minted = PLIM_TRY(mint(movie, now));
+    if (why.kind == Error::Kind::corrupt)
+        return Ensured::replaced(minted.uuid, why.sentence);
+    return Ensured::minted(minted.uuid);
 }
 
 } // namespace plim

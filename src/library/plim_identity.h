@@ -22,57 +22,44 @@ struct PlimIdentity {
 
     bool operator==(const PlimIdentity&) const = default;
 
-    struct Reading;
-    struct Outcome;
+    struct Ensured;
 
     // A fresh identity minted at `now`.
     static PlimIdentity make(SystemTime now = std::chrono::system_clock::now());
 
     // JSON object {"mintedAt", "uuid"}; decoding is lenient about mintedAt but needs a UUID.
     Json toJson() const;
-    static std::expected<PlimIdentity, std::string> fromJson(const Json& json);
+    // Errors are `corrupt` with a short clause ("it has no uuid").
+    static Result<PlimIdentity> fromJson(const Json& json);
 
     static fs::path pathFor(const std::string& base, const fs::path& folder); // folder/B.id.json
 
-    // Reads folder/B.id.json. Never changes the file.
-    static Reading read(const std::string& base, const fs::path& folder);
+    // Reads folder/B.id.json, never changing it. Errors tell the readings apart: `missing`,
+    // `unreadable` (left alone) or `corrupt` (may be replaced), each with a short clause.
+    static Result<PlimIdentity> read(const std::string& base, const fs::path& folder);
     // Writes B.id.json beside the movie, atomically, keys sorted and pretty-printed.
     Status write(const fs::path& besideMovie) const;
 
     // Makes sure the movie has an identity: an existing one is kept, an absent or corrupt
-    // file gets a new one (written and read back), and an unreadable one is left as it is.
-    static Outcome ensure(const fs::path& movie, SystemTime now = std::chrono::system_clock::now());
+    // file gets a new one (written and read back), and an unreadable one is left as it is
+    // and fails with a whole sentence.
+    static Result<Ensured> ensure(const fs::path& movie, SystemTime now = std::chrono::system_clock::now());
 
     // Writes a new identity beside the movie and reads it back; the error is a whole sentence.
     static Result<PlimIdentity> mint(const fs::path& movie, SystemTime now = std::chrono::system_clock::now());
 };
 
-// What reading an identity file found.
-struct PlimIdentity::Reading {
-    enum class Kind { identity, corrupt, unreadable, absent };
-    Kind kind = Kind::absent;
-    PlimIdentity identity; // when kind is identity
-    std::string reason;    // when corrupt or unreadable: a short clause
-
-    static Reading found(PlimIdentity value) { return {Kind::identity, std::move(value), {}}; }
-    static Reading corrupt(std::string why) { return {Kind::corrupt, {}, std::move(why)}; }
-    static Reading unreadable(std::string why) { return {Kind::unreadable, {}, std::move(why)}; }
-    static Reading absent() { return {}; }
-    bool operator==(const Reading&) const = default;
-};
-
 // What ensuring an identity did.
-struct PlimIdentity::Outcome {
-    enum class Kind { existing, minted, replaced, failed };
-    Kind kind = Kind::failed;
-    std::string uuid;   // existing, minted, replaced
-    std::string reason; // replaced: why the old file was not an id; failed: a whole sentence
+struct PlimIdentity::Ensured {
+    enum class Kind { existing, minted, replaced };
+    Kind kind = Kind::existing;
+    std::string uuid;
+    std::string replacedBecause; // replaced: why the old file was not an id
 
-    static Outcome existing(std::string id) { return {Kind::existing, std::move(id), {}}; }
-    static Outcome minted(std::string id) { return {Kind::minted, std::move(id), {}}; }
-    static Outcome replaced(std::string id, std::string why) { return {Kind::replaced, std::move(id), std::move(why)}; }
-    static Outcome failed(std::string sentence) { return {Kind::failed, {}, std::move(sentence)}; }
-    bool operator==(const Outcome&) const = default;
+    static Ensured existing(std::string id) { return {Kind::existing, std::move(id), {}}; }
+    static Ensured minted(std::string id) { return {Kind::minted, std::move(id), {}}; }
+    static Ensured replaced(std::string id, std::string why) { return {Kind::replaced, std::move(id), std::move(why)}; }
+    bool operator==(const Ensured&) const = default;
 };
 
 } // namespace plim

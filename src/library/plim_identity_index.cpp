@@ -103,21 +103,15 @@ PlimIdentityIndex PlimIdentityIndex::reconcile(const std::vector<std::string>& b
     for (const std::string& base : bases) {
         if (!seen.insert(base).second)
             continue;
-        PlimIdentity::Reading reading = PlimIdentity::read(base, folder);
-        switch (reading.kind) {
-        case PlimIdentity::Reading::Kind::identity:
-            held.push_back({base, reading.identity});
-            break;
-        case PlimIdentity::Reading::Kind::absent:
+        auto reading = PlimIdentity::read(base, folder);
+        if (reading)
+            held.push_back({base, *reading});
+        else if (reading.error().kind == Error::Kind::missing)
             repair(base, {Repair::Kind::absent, {}});
-            break;
-        case PlimIdentity::Reading::Kind::corrupt:
-            repair(base, {Repair::Kind::corrupt, reading.reason});
-            break;
-        case PlimIdentity::Reading::Kind::unreadable:
-            index.report.unresolved[base] = base + "." + PlimIdentity::suffix + " could not be read: " + reading.reason;
-            break;
-        }
+        else if (reading.error().kind == Error::Kind::corrupt)
+            repair(base, {Repair::Kind::corrupt, reading.error().sentence});
+        else
+            index.report.unresolved[base] = base + "." + PlimIdentity::suffix + " could not be read: " + reading.error().sentence;
     }
 
     // 2. Duplicates: the original keeps the id, every other name gets a new one.

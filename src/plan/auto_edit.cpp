@@ -1,8 +1,7 @@
 #include "plan/auto_edit.h"
 
 #include "base/dates.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <cmath>
@@ -68,38 +67,7 @@ private:
     size_t m_index = 0;
 };
 
-// The rectangle the movie shows at a track time, for times that mostly go forward.
-class RegionWalk {
-public:
-    explicit RegionWalk(const CursorTrack& track) : m_track(track) {}
-
-    CursorTrack::UnitPoint unit(double x, double y, int64_t ms)
-    {
-        const auto& frames = m_track.frames;
-        if (m_next > 0 && frames[m_next - 1].t > ms)
-            m_next = 0;
-        while (m_next < frames.size() && frames[m_next].t <= ms)
-            ++m_next;
-        double rx = m_track.displayX, ry = m_track.displayY, rw = m_track.displayWidth, rh = m_track.displayHeight;
-        if (m_next > 0) {
-            const CursorTrack::FrameKey& f = frames[m_next - 1];
-            rx = f.x, ry = f.y, rw = f.w, rh = f.h;
-        }
-        if (!(rw > 0) || !(rh > 0) || !finite(rw) || !finite(rh))
-            return {0.5, 0.5};
-        auto clampUnit = [](double v) { return finite(v) ? std::clamp(v, 0.0, 1.0) : 0.5; };
-        return {clampUnit((x - rx) / rw), clampUnit((y - ry) / rh)};
-    }
-
-private:
-    const CursorTrack& m_track;
-    size_t m_next = 0; // frames before this index have started
-};
-
-bool sizeKnown(Size size)
-{
-    return finite(size.width) && finite(size.height) && size.width > 0 && size.height > 0;
-}
+bool sizeKnown(Size size) { return size.isUsable(); }
 
 } // namespace
 
@@ -126,6 +94,7 @@ Performance cleaned(Performance p)
 {
     if (!finite(p.duration) || p.duration < 0)
         p.duration = 0;
+    p.duration = std::min(p.duration, longestRecordingSeconds);
     std::erase_if(p.pointer, [](const PointerSample& s) { return !finite(s.t) || !finite(s.x) || !finite(s.y); });
     std::erase_if(p.actionPoints, [](const ActionPoint& a) { return !finite(a.t) || !finite(a.x) || !finite(a.y); });
     std::erase_if(p.activity, [](double t) { return !finite(t); });
@@ -212,11 +181,18 @@ std::vector<Skip> makeSkips(const Performance& p, const std::vector<IdleSpan>& b
     int64_t runStart = 0;
     for (int64_t k = firstTick; k <= lastTick; ++k) {
         double t = static_cast<double>(k) / ticksPerSecond;
-        int64_t back = std::max(k - speedWindowTicks, firstTick);
-        double elapsed = k == back ? 1.0 : static_cast<double>(k - back) / ticksPerSecond;
+        // The speed over the last 0.1 s, looking back no further than the trim-in; on a
+        // tick exactly at the trim-in, over the tick after it.
+        double backT = std::max(static_cast<double>(k - speedWindowTicks) / ticksPerSecond, trim.in);
         auto [x, y] = now.at(t);
-        auto [bx, by] = earlier.at(static_cast<double>(back) / ticksPerSecond);
-        double speed = hypotenuse(x - bx, y - by) / elapsed;
+        double speed = 0;
+        if (t - backT > epsilon) {
+            auto [bx, by] = earlier.at(backT);
+            speed = hypotenuse(x - bx, y - by) / (t - backT);
+        } else {
+            auto [nx, ny] = PointerWalk(p.pointer).at(t + 1 / ticksPerSecond);
+            speed = hypotenuse(nx - x, ny - y) * ticksPerSecond;
+        }
 
         while (busyIndex < busy.size() && busy[busyIndex].end < t)
             ++busyIndex;
@@ -339,6 +315,11 @@ std::string speedLabel(double speed)
     return text;
 }
 
+bool pointerSmoothed(const Performance& performance)
+{
+    return performance.subject != Subject::phone && !performance.pointer.empty();
+}
+
 std::string summary(const Proposal& result, double duration, bool deadAirSpedUp, bool cursorSmoothed)
 {
     std::vector<std::string> pieces;
@@ -383,22 +364,21 @@ Performance performance(const CursorTrack& cursor, const KeystrokeTrack* keys, s
     bool known = sizeKnown(p.recordedSize);
     double w = known ? p.recordedSize.width : 1, h = known ? p.recordedSize.height : 1;
 
-    RegionWalk region(cursor);
+    const TrackPlacement place(cursor);
     p.pointer.reserve(cursor.samples.size());
     for (const CursorSample& s : cursor.samples) {
-        CursorTrack::UnitPoint u = region.unit(s.x, s.y, s.t);
-        p.pointer.push_back({static_cast<double>(s.t) / 1000, u.x * w, u.y * h});
+        Point u = place.unitPoint(s.x, s.y, s.t);
+        p.pointer.push_back({place.movieSeconds(s.t), u.x * w, u.y * h});
         if (s.k == 1)
-            p.activity.push_back(static_cast<double>(s.t) / 1000);
+            p.activity.push_back(place.movieSeconds(s.t));
     }
-    RegionWalk clickRegion(cursor);
     for (const ClickEvent& c : cursor.clicks) {
-        CursorTrack::UnitPoint u = clickRegion.unit(c.x, c.y, c.t);
-        p.actionPoints.push_back({static_cast<double>(c.t) / 1000, u.x * w, u.y * h});
+        Point u = place.unitPoint(c.x, c.y, c.t);
+        p.actionPoints.push_back({place.movieSeconds(c.t), u.x * w, u.y * h});
     }
     if (keys) {
         for (const KeyEvent& e : keys->events)
-            p.activity.push_back(static_cast<double>(e.t) / 1000);
+            p.activity.push_back(place.movieSeconds(e.t));
     }
     p.speech = std::move(speech);
     return p;

@@ -3,6 +3,7 @@
 // presses, speech) it proposes a trim, sped-up idle stretches and zooms where clicks
 // cluster. Its result seeds a new plim's plan.
 
+#include "base/geometry.h"
 #include "plan/edit_plan.h"
 #include "plan/remap_step.h"
 
@@ -21,12 +22,6 @@ namespace AutoEdit {
 enum class Subject { screen, window, area, phone };
 std::string_view subjectText(Subject subject);
 std::optional<Subject> subjectFromText(std::string_view text);
-
-struct Size {
-    double width = 0;
-    double height = 0;
-    bool operator==(const Size&) const = default;
-};
 
 // Positions are points of the recorded picture, from its top-left.
 struct PointerSample {
@@ -94,7 +89,8 @@ Proposal make(const Performance& performance);
 // The steps on their own, for a performance that has been through `cleaned`.
 // Drops pointer samples, clicks, key presses and spans with a non-finite value (and spans
 // that end before they start), and sorts each list by time. A duration that is not a
-// finite number of at least 0 reads as 0.
+// finite number of at least 0 reads as 0; one longer than longestRecordingSeconds reads as
+// that, so no walk over the recording's time runs longer than a day's recording.
 Performance cleaned(Performance performance);
 // Key presses widened to ±0.5 s and speech to ±0.3 s, merged where they overlap.
 std::vector<IdleSpan> busySpans(const Performance& cleaned);
@@ -105,7 +101,13 @@ std::vector<Zoom> makeZooms(const Performance& cleaned, const Trim& trim, const 
 double clusterFit(Size recordedSize, double boxWidth, double boxHeight);
 double zoomLevel(Subject subject, double fit);
 
-// One line for the editor, e.g. "2 zooms where you clicked · dead air 4× faster · ends trimmed".
+// Whether the render glides a pointer for this performance: it has one, and it is not a
+// phone's (a phone recording shows touches, not a pointer).
+bool pointerSmoothed(const Performance& performance);
+
+// One line for the editor, e.g. "2 zooms where you clicked · dead air 4× faster · ends trimmed";
+// "cursor smoothed" ends it when a pointer was smoothed; "Nothing needed editing" when none
+// of these apply.
 std::string summary(const Proposal& result, double duration, bool deadAirSpedUp, bool cursorSmoothed);
 // "4×" for a whole speed, else one decimal: "2.5×".
 std::string speedLabel(double speed);
@@ -114,9 +116,10 @@ std::string speedLabel(double speed);
 // window are windows, the rest screens (an area recording cannot be told from a screen one).
 Subject subjectOf(const CursorTrack& track);
 
-// What the tracks saw, in source seconds (track milliseconds divided by 1000) and points
-// of the recorded picture. Key presses come from the keystroke track and from the cursor
-// samples taken while typing. A negative or non-finite duration reads as 0.
+// What the tracks saw, in movie seconds (through TrackPlacement, so the movie's start offset
+// is honoured) and points of the recorded picture. Key presses come from the keystroke
+// track and from the cursor samples taken while typing. A negative or non-finite duration
+// reads as 0.
 Performance performance(const CursorTrack& cursor, const KeystrokeTrack* keys, std::vector<IdleSpan> speech,
     double duration, std::optional<Subject> subject = std::nullopt);
 

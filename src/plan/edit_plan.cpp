@@ -60,7 +60,7 @@ std::string EditPlan::Segment::identity() const
     return "segment-" + std::to_string(wholeMilliseconds(start)) + "-" + std::to_string(wholeMilliseconds(end));
 }
 
-MaskRegion::Rect MaskRegion::rect() const
+Rect MaskRegion::rect() const
 {
     if (!finite(x) || !finite(y) || !finite(w) || !finite(h))
         return Rect{};
@@ -164,7 +164,7 @@ std::vector<EditPlan::RateSegment> EditPlan::activeSegments() const
     std::vector<RateSegment> out;
     for (const auto& skip : skips)
         if (!skip.keep)
-            out.push_back({skip.span, skip.rate});
+            out.push_back({skip.span, finite(skip.rate) && skip.rate > 0 ? skip.rate : 1.0});
     return out;
 }
 

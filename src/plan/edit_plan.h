@@ -3,8 +3,10 @@
 // fades, blur boxes and zoom spans. All times are source seconds; the recording's
 // length (rawDuration) is passed to every query that needs it.
 
+#include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
+#include "base/geometry.h"
 #include "base/json.h"
 #include "plan/plim_clip.h"
 #include "plan/remap_step.h"
@@ -67,14 +69,6 @@ struct CutRange {
 // A blur or pixelate box, in fractions of the recorded picture.
 struct MaskRegion {
     enum class Style { blur, pixelate };
-
-    struct Rect {
-        double x = 0;
-        double y = 0;
-        double width = 0;
-        double height = 0;
-        bool operator==(const Rect&) const = default;
-    };
 
     std::string id; // UUID text
     double x = 0;
@@ -188,6 +182,8 @@ struct EditPlan {
 
     // Spans of the skips that are not kept, in stored order.
     std::vector<IdleSpan> activeSkips() const;
+    // The same skips with the rate they play at: a rate the time remap cannot play (0,
+    // negative, not finite) is left alone by it, so that stretch is reported at 1.
     std::vector<RateSegment> activeSegments() const;
     // The complement of the removed spans in [0, rawDuration], each longer than 1e-6 s.
     std::vector<Segment> segments(double rawDuration) const;
@@ -213,16 +209,16 @@ struct EditPlan {
     Status writeTo(const fs::path& path) const;
 
     // Tolerant field-by-field decode of a JSON object; fails only when `value` is not an
-    // object. Dropped fields and cuts become notices in the current notice batch, naming
-    // `sourceName` ("a plan sidecar" when absent).
-    static Result<EditPlan> fromJson(const Json& value, std::optional<std::string> sourceName = std::nullopt,
+    // object. Dropped fields and cuts come back as notices naming `sourceName` ("a plan
+    // sidecar" when absent); nothing is logged.
+    static Result<Decoded<EditPlan>> fromJson(const Json& value, std::optional<std::string> sourceName = std::nullopt,
         DecodeReport* report = nullptr);
 
-    // Reads the edits sidecar at `path`: nothing, silently, when no file is there; nothing
-    // with a logged notice when it cannot be read or is not a plan. Never writes the file.
-    static std::optional<EditPlan> decode(const fs::path& path);
+    // Reads the edits sidecar at `path`: no plan and no notice when no file is there; no
+    // plan and a notice when it cannot be read or is not a plan. Never writes the file.
+    static Decoded<std::optional<EditPlan>> decode(const fs::path& path);
     // The same for B.edits.json beside a movie.
-    static std::optional<EditPlan> decodeBesideMovie(const fs::path& movie);
+    static Decoded<std::optional<EditPlan>> decodeBesideMovie(const fs::path& movie);
 };
 
 // The sentences a decode logs.
@@ -232,22 +228,5 @@ std::string undecodable(std::string_view source, std::string_view fileError);
 std::string droppedFields(std::string_view source, const std::vector<std::string>& keys);
 std::string droppedCuts(std::string_view source, const std::vector<std::string>& labels);
 } // namespace plan_notices
-
-// Collects plan notices on this thread while the outermost batch lives; nested batches
-// (a plan decoded inside another decode) share it. When the outermost one ends, each
-// distinct notice is logged once with the prefix "Plim: " and kept in the process-wide list.
-class PlanNoticeBatch {
-public:
-    PlanNoticeBatch();
-    ~PlanNoticeBatch();
-    PlanNoticeBatch(const PlanNoticeBatch&) = delete;
-    PlanNoticeBatch& operator=(const PlanNoticeBatch&) = delete;
-
-    // Adds to the current batch, or logs at once when none is open on this thread.
-    static void add(std::string notice);
-
-    // Notices logged so far in this process, oldest first (at most the last 200).
-    static std::vector<std::string> recent();
-};
 
 } // namespace plim

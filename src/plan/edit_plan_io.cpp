@@ -8,8 +8,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <deque>
-#include <mutex>
 
 namespace plim {
 
@@ -210,12 +208,11 @@ Json EditPlan::toJson() const
     return out;
 }
 
-Result<EditPlan> EditPlan::fromJson(const Json& value, std::optional<std::string> sourceName, DecodeReport* report)
+Result<Decoded<EditPlan>> EditPlan::fromJson(const Json& value, std::optional<std::string> sourceName, DecodeReport* report)
 {
     if (!value.is_object())
         return fail(std::string("It holds a JSON ") + value.type_name() + " where an object of edits belongs.");
 
-    PlanNoticeBatch batch;
     EditPlan plan;
     DecodeReport dropped;
 
@@ -324,29 +321,28 @@ Result<EditPlan> EditPlan::fromJson(const Json& value, std::optional<std::string
     }
 
     std::string source = sourceName ? *sourceName : std::string(defaultSource);
+    std::vector<std::string> notices;
     if (!dropped.droppedKeys.empty())
-        PlanNoticeBatch::add(plan_notices::droppedFields(source, dropped.droppedKeys));
+        notices.push_back(plan_notices::droppedFields(source, dropped.droppedKeys));
     if (!dropped.droppedCuts.empty())
-        PlanNoticeBatch::add(plan_notices::droppedCuts(source, dropped.droppedCuts));
+        notices.push_back(plan_notices::droppedCuts(source, dropped.droppedCuts));
     if (report)
         *report = std::move(dropped);
-    return plan;
+    return Decoded<EditPlan>{std::move(plan), std::move(notices)};
 }
 
-std::optional<EditPlan> EditPlan::decode(const fs::path& path)
+Decoded<std::optional<EditPlan>> EditPlan::decode(const fs::path& path)
 {
-    PlanNoticeBatch batch;
     std::string source = path.filename().string();
+    auto refused = [](std::string notice) { return Decoded<std::optional<EditPlan>>{std::nullopt, {std::move(notice)}}; };
     auto bytes = readFileBytes(path);
     if (!bytes) {
-        if (bytes.error().kind == ReadFailure::unreadable)
-            PlanNoticeBatch::add(plan_notices::unreadable(source, bytes.error().reason));
-        return std::nullopt;
+        if (bytes.error().kind == Error::Kind::unreadable)
+            return refused(plan_notices::unreadable(source, bytes.error().sentence));
+        return {};
     }
-    if (trimmed(*bytes).empty()) {
-        PlanNoticeBatch::add(plan_notices::undecodable(source, "The file is empty."));
-        return std::nullopt;
-    }
+    if (trimmed(*bytes).empty())
+        return refused(plan_notices::undecodable(source, "The file is empty."));
     Json value;
     try {
         value = Json::parse(*bytes);
@@ -355,18 +351,15 @@ std::optional<EditPlan> EditPlan::decode(const fs::path& path)
         std::string what = error.what();
         if (auto close = what.find("] "); what.starts_with("[json.exception") && close != std::string::npos)
             what = what.substr(close + 2);
-        PlanNoticeBatch::add(plan_notices::undecodable(source, withFullStop(what)));
-        return std::nullopt;
+        return refused(plan_notices::undecodable(source, withFullStop(what)));
     }
     auto plan = fromJson(value, source);
-    if (!plan) {
-        PlanNoticeBatch::add(plan_notices::undecodable(source, plan.error().sentence));
-        return std::nullopt;
-    }
-    return std::move(*plan);
+    if (!plan)
+        return refused(plan_notices::undecodable(source, plan.error().sentence));
+    return {std::move(plan->value), std::move(plan->notices)};
 }
 
-std::optional<EditPlan> EditPlan::decodeBesideMovie(const fs::path& movie)
+Decoded<std::optional<EditPlan>> EditPlan::decodeBesideMovie(const fs::path& movie)
 {
     return decode(sidecarPath(movie, "edits.json"));
 }
@@ -445,65 +438,5 @@ std::string droppedCuts(std::string_view source, const std::vector<std::string>&
 }
 
 } // namespace plan_notices
-
-// --- Notice batches ---
-
-namespace {
-
-struct BatchState {
-    int depth = 0;
-    std::vector<std::string> notices;
-};
-
-thread_local BatchState batchState;
-
-std::mutex recentMutex;
-std::deque<std::string> recentNotices;
-constexpr std::size_t recentLimit = 200;
-
-void publish(const std::string& notice)
-{
-    logLine(LogArea::main, notice);
-    std::lock_guard lock(recentMutex);
-    recentNotices.push_back(notice);
-    while (recentNotices.size() > recentLimit)
-        recentNotices.pop_front();
-}
-
-} // namespace
-
-PlanNoticeBatch::PlanNoticeBatch()
-{
-    ++batchState.depth;
-}
-
-PlanNoticeBatch::~PlanNoticeBatch()
-{
-    if (--batchState.depth > 0)
-        return;
-    std::vector<std::string> notices = std::move(batchState.notices);
-    batchState.notices.clear();
-    std::vector<std::string> logged;
-    for (const auto& notice : notices) {
-        if (std::find(logged.begin(), logged.end(), notice) != logged.end())
-            continue;
-        logged.push_back(notice);
-        publish(notice);
-    }
-}
-
-void PlanNoticeBatch::add(std::string notice)
-{
-    if (batchState.depth > 0)
-        batchState.notices.push_back(std::move(notice));
-    else
-        publish(notice);
-}
-
-std::vector<std::string> PlanNoticeBatch::recent()
-{
-    std::lock_guard lock(recentMutex);
-    return {recentNotices.begin(), recentNotices.end()};
-}
 
 } // namespace plim

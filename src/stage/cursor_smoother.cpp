@@ -1,6 +1,6 @@
 #include "stage/cursor_smoother.h"
 
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <cmath>
@@ -9,48 +9,20 @@ namespace plim {
 
 namespace {
 
-double unitOf(double value, double origin, double length)
-{
-    if (!(length > 0) || !std::isfinite(length))
-        return 0.5;
-    double u = (value - origin) / length;
-    if (!(u > 0))
-        return 0;
-    return u > 1 ? 1 : u;
-}
-
 bool byTime(const CursorSmoother::Sample& a, const CursorSmoother::Sample& b) { return a.t < b.t; }
 
 } // namespace
 
-TrackRegions::TrackRegions(const CursorTrack& track)
-    : m_display{0, track.displayX, track.displayY, track.displayWidth, track.displayHeight}
-{
-    m_keys.reserve(track.frames.size());
-    for (const CursorTrack::FrameKey& f : track.frames)
-        m_keys.push_back(Region{f.t, f.x, f.y, f.w, f.h});
-    std::ranges::stable_sort(m_keys, {}, &Region::t);
-}
-
-CursorSpring::Point TrackRegions::place(double x, double y, int64_t ms) const
-{
-    auto after = std::ranges::upper_bound(m_keys, ms, {}, &Region::t);
-    const Region& r = after == m_keys.begin() ? m_display : *(after - 1);
-    if (!(r.w > 0) || !(r.h > 0))
-        return {};
-    return {unitOf(x, r.x, r.w), unitOf(y, r.y, r.h)};
-}
-
 std::vector<CursorSmoother::Sample> CursorSmoother::samplesOf(const CursorTrack& track)
 {
-    TrackRegions regions(track);
+    const TrackPlacement place(track);
     std::vector<Sample> out;
     out.reserve(track.samples.size());
     for (const CursorSample& s : track.samples) {
         if (!std::isfinite(s.x) || !std::isfinite(s.y))
             continue;
-        CursorSpring::Point p = regions.place(s.x, s.y, s.t);
-        out.push_back(Sample{static_cast<double>(s.t) / 1000.0, p.x, p.y});
+        Point p = place.unitPoint(s.x, s.y, s.t);
+        out.push_back(Sample{place.movieSeconds(s.t), p.x, p.y});
     }
     if (!std::ranges::is_sorted(out, byTime))
         std::ranges::stable_sort(out, byTime);
@@ -103,7 +75,7 @@ CursorSmoother::Point CursorSmoother::position(double t) const
 {
     const size_t n = size();
     if (n == 0)
-        return {};
+        return {0.5, 0.5};
     if (n < 2 || !std::isfinite(t) || !(step > 0) || !std::isfinite(start))
         return {xs[0], ys[0]};
     double i = std::clamp((t - start) / step, 0.0, static_cast<double>(n - 1));

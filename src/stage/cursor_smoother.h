@@ -14,28 +14,6 @@ namespace plim {
 
 struct CursorTrack;
 
-// Places track points (display points at a millisecond stamp) in the region the movie
-// showed at that stamp: the display before the first frame key, else the latest key at or
-// before the stamp. Found by binary search over the frame keys, in any order of stamps.
-class TrackRegions {
-public:
-    explicit TrackRegions(const CursorTrack& track);
-
-    // Fractions of the region, clamped to [0, 1]; the middle when the region is empty.
-    CursorSpring::Point place(double x, double y, int64_t ms) const;
-
-private:
-    struct Region {
-        int64_t t = 0;
-        double x = 0;
-        double y = 0;
-        double w = 0;
-        double h = 0;
-    };
-    Region m_display;
-    std::vector<Region> m_keys; // time order
-};
-
 struct CursorSmoother {
     using Point = CursorSpring::Point;
 
@@ -65,9 +43,9 @@ struct CursorSmoother {
     static CursorSmoother smoothing(std::vector<Sample> samples,
         double until = std::numeric_limits<double>::infinity());
 
-    // The track's samples in source seconds (stamp / 1000) and fractions of the region the
-    // movie showed at their stamp, clamped to [0, 1]; 0.5 where that region is empty.
-    // Samples with a non-finite position are left out; the result is in time order.
+    // The track's samples in movie seconds and fractions of the region the movie showed at
+    // their stamp, both through TrackPlacement. Samples with a non-finite position are left
+    // out; the result is in time order.
     static std::vector<Sample> samplesOf(const CursorTrack& track);
 
     std::size_t size() const { return xs.size() < ys.size() ? xs.size() : ys.size(); }

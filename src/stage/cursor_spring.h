@@ -3,6 +3,8 @@
 // pointer in fixed ticks of 1/120 s, so jitter and jumps become glides that settle in about
 // half a second without overshoot. The recorded smoother and the live pointer share the tick.
 
+#include "base/geometry.h"
+
 namespace plim {
 
 struct CursorSpring {
@@ -14,11 +16,7 @@ struct CursorSpring {
     // One tick is due once this much time is carried (a tick less a rounding margin).
     static constexpr double tickDue = 0.008333333333299138;
 
-    struct Point {
-        double x = 0.5;
-        double y = 0.5;
-        bool operator==(const Point&) const = default;
-    };
+    using Point = plim::Point;
 
     double x = 0.5;
     double y = 0.5;

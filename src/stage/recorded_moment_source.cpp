@@ -1,6 +1,6 @@
 #include "stage/recorded_moment_source.h"
 
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
 
 #include <algorithm>
 #include <cmath>
@@ -77,18 +77,21 @@ RecordedMomentSource RecordedMomentSource::forPlim(const CursorTrack& cursor, co
         parts.smoother = CursorSmoother(cursor, isFinite(rawDuration) && rawDuration > 0 ? rawDuration
                                                                                        : CursorSmoother::longestSpan);
     parts.plan = plan;
-    if (options.keycaps)
+    const TrackPlacement place(cursor);
+    if (options.keycaps) {
         parts.keystrokes = keystrokes;
+        for (KeyEvent& e : parts.keystrokes.events)
+            e.t = place.movieMS(e.t);
+    }
     parts.captions = std::move(captions);
 
     std::vector<ClickBeat>& beats = parts.clickBeats;
     beats.reserve(cursor.clicks.size() + (device ? plan.taps.size() : 0));
-    TrackRegions regions(cursor);
     for (const ClickEvent& c : cursor.clicks) {
         if (!isFinite(c.x) || !isFinite(c.y))
             continue;
-        CursorSpring::Point p = regions.place(c.x, c.y, c.t);
-        beats.push_back(ClickBeat{static_cast<double>(c.t) / 1000.0, p.x, p.y});
+        Point p = place.unitPoint(c.x, c.y, c.t);
+        beats.push_back(ClickBeat{place.movieSeconds(c.t), p.x, p.y});
     }
     if (device)
         for (const TapMark& tap : plan.taps)

@@ -4,9 +4,8 @@
 // keycaps, caption line and running transition. Built once per render; every lookup is a
 // binary search or a constant-time read, so moments can be asked for in any order.
 
-#include "capture/keystroke_track.h"
-#include "plan/edit_plan.h"
-#include "plan/zoom_curve.h"
+#include "capture/capture.h"
+#include "plan/plan.h"
 #include "stage/cursor_smoother.h"
 #include "stage/stage_moment.h"
 #include "stage/stage_spec.h"
@@ -58,7 +57,7 @@ public:
         ZoomCurve curve;
         CursorSmoother smoother;
         EditPlan plan;
-        KeystrokeTrack keystrokes;
+        KeystrokeTrack keystrokes; // stamps in movie milliseconds
         std::vector<CaptionCue> captions;
         std::vector<ClickBeat> clickBeats;
         double clickLife = 0.6; // seconds a click stays visible
@@ -86,7 +85,8 @@ public:
 
     // The source for a recorded plim dressed in `look`: zoom blocks in the look's zoom
     // style, the pointer smoothed over the recording, clicks from the cursor track (and, for
-    // a phone recording, the plan's taps), click life from the click style.
+    // a phone recording, the plan's taps), click life from the click style. Every track stamp
+    // (samples, clicks, keycaps) goes through TrackPlacement into movie time.
     static RecordedMomentSource forPlim(const CursorTrack& cursor, const KeystrokeTrack& keystrokes,
         const EditPlan& plan, const StageSpec& look, double rawDuration, std::vector<CaptionCue> captions = {},
         Options options = {});

@@ -3,9 +3,8 @@
 // keycaps, caption line, transition and camera picture. Made by a moment source (the
 // recorded plim or the live session) and drawn by the stage renderer.
 
-#include "capture/keystroke_track.h"
-#include "plan/edit_plan.h"
-#include "plan/zoom_state.h"
+#include "capture/capture.h"
+#include "plan/plan.h"
 
 #include <cstdint>
 #include <memory>

@@ -1,6 +1,5 @@
 #include "stage/stage_spec.h"
 
-#include "base/log.h"
 
 #include <algorithm>
 #include <cmath>
@@ -421,27 +420,23 @@ Json StageSpec::toJson() const
 
 // MARK: StageSpecFile
 
-StageSpecFile StageSpecFile::read(const fs::path& path)
+Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
 {
-    StageSpecFile file;
     auto json = readJsonFile(path);
     if (!json) {
-        if (json.error().kind == JsonReadFailure::absent)
-            return file;
-        file.kind = Kind::unreadable;
-        file.sentence = "Plim could not read the stage look " + path.filename().string() + " ("
-            + json.error().reason + "), so this plim uses the default look. The file was left as it is; "
-            + "choose a look again to replace it.";
-        logLine(LogArea::main, file.sentence);
-        return file;
+        if (json.error().kind == JsonError::Kind::missing)
+            return fail("There is no stage look " + path.filename().string() + ", so this plim uses the default look.",
+                Error::Kind::missing);
+        return fail("Plim could not read the stage look " + path.filename().string() + " (" + json.error().sentence
+                + "), so this plim uses the default look. The file was left as it is; choose a look again to "
+                  "replace it.",
+            Error::Kind::unreadable);
     }
     auto decoded = StageSpec::fromJson(*json);
-    file.kind = Kind::loaded;
-    file.spec = std::move(decoded.spec);
-    file.notices = std::move(decoded.notices);
-    for (const std::string& notice : file.notices)
-        logLine(LogArea::main, path.filename().string() + ": " + notice);
-    return file;
+    Decoded<StageSpec> out{std::move(decoded.spec), {}};
+    for (const std::string& notice : decoded.notices)
+        out.notices.push_back(path.filename().string() + ": " + notice);
+    return out;
 }
 
 Status StageSpecFile::write(const fs::path& path, const StageSpec& spec)

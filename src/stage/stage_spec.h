@@ -3,10 +3,11 @@
 // click effect, zoom style and caption look. Persisted as JSON with sorted keys; read
 // leniently, so a missing or malformed key takes its default and leaves a notice.
 
+#include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
 #include "base/json.h"
-#include "plan/zoom_state.h"
+#include "plan/plan.h"
 
 #include <array>
 #include <optional>
@@ -144,15 +145,10 @@ std::optional<StageSpec::CaptionPlace> captionPlaceFromText(std::string_view tex
 
 // The stage look stored beside a movie (B.stage.json).
 struct StageSpecFile {
-    enum class Kind { loaded, absent, unreadable };
-    Kind kind = Kind::absent;
-    StageSpec spec;                    // defaults unless loaded
-    std::vector<std::string> notices;  // keys that fell back to their defaults
-    std::string sentence;              // why it could not be read (unreadable)
-    bool operator==(const StageSpecFile&) const = default;
-
-    // Reads and never modifies the file; notices are logged.
-    static StageSpecFile read(const fs::path& path);
+    // Reads and never modifies the file. A missing file fails with kind `missing`, one that
+    // cannot be read or parsed with kind `unreadable` (the sentence says the default look
+    // is used); the notices name the file and the keys that fell back to their defaults.
+    static Result<Decoded<StageSpec>> read(const fs::path& path);
     static Status write(const fs::path& path, const StageSpec& spec);
 };
 

@@ -1,13 +1,11 @@
 #include "suite/moment.h"
 
+#include "base/dates.h"
 #include "base/json.h"
+#include "base/text.h"
 
 #include <cctype>
-#include <clocale>
 #include <cstdio>
-#include <ctime>
-#include <cwctype>
-#include <locale.h>
 
 namespace plim {
 
@@ -15,78 +13,6 @@ namespace {
 
 using OrderedJson = nlohmann::ordered_json;
 using std::chrono::milliseconds;
-
-bool readDigits(std::string_view text, size_t& at, size_t count, int& value)
-{
-    if (at + count > text.size())
-        return false;
-    value = 0;
-    for (size_t i = 0; i < count; ++i) {
-        char c = text[at + i];
-        if (c < '0' || c > '9')
-            return false;
-        value = value * 10 + (c - '0');
-    }
-    at += count;
-    return true;
-}
-
-bool expect(std::string_view text, size_t& at, char c)
-{
-    if (at >= text.size() || text[at] != c)
-        return false;
-    ++at;
-    return true;
-}
-
-// Parses "yyyy-MM-ddTHH:mm:ss", an optional fraction when allowed, and "Z" or "+hh:mm".
-std::optional<Moment::Instant> parseLayout(std::string_view text, bool withFraction)
-{
-    size_t at = 0;
-    int y, mo, d, h, mi, s;
-    if (!readDigits(text, at, 4, y) || !expect(text, at, '-') || !readDigits(text, at, 2, mo) || !expect(text, at, '-')
-        || !readDigits(text, at, 2, d) || !expect(text, at, 'T') || !readDigits(text, at, 2, h)
-        || !expect(text, at, ':') || !readDigits(text, at, 2, mi) || !expect(text, at, ':')
-        || !readDigits(text, at, 2, s))
-        return std::nullopt;
-    int millis = 0;
-    if (withFraction) {
-        if (!expect(text, at, '.'))
-            return std::nullopt;
-        size_t start = at;
-        while (at < text.size() && text[at] >= '0' && text[at] <= '9') {
-            if (at - start < 3)
-                millis = millis * 10 + (text[at] - '0');
-            ++at;
-        }
-        if (at == start)
-            return std::nullopt;
-        for (size_t n = at - start; n < 3; ++n)
-            millis *= 10;
-    }
-    int offsetMinutes = 0;
-    if (at < text.size() && text[at] == 'Z') {
-        ++at;
-    } else if (at < text.size() && (text[at] == '+' || text[at] == '-')) {
-        int sign = text[at] == '-' ? -1 : 1;
-        ++at;
-        int oh, om;
-        if (!readDigits(text, at, 2, oh) || !expect(text, at, ':') || !readDigits(text, at, 2, om) || oh > 23 || om > 59)
-            return std::nullopt;
-        offsetMinutes = sign * (oh * 60 + om);
-    } else {
-        return std::nullopt;
-    }
-    if (at != text.size())
-        return std::nullopt;
-    std::chrono::year_month_day date{std::chrono::year(y), std::chrono::month(static_cast<unsigned>(mo)),
-        std::chrono::day(static_cast<unsigned>(d))};
-    if (!date.ok() || h > 23 || mi > 59 || s > 59)
-        return std::nullopt;
-    auto instant = std::chrono::sys_days(date) + std::chrono::hours(h) + std::chrono::minutes(mi)
-        + std::chrono::seconds(s) + milliseconds(millis) - std::chrono::minutes(offsetMinutes);
-    return std::chrono::time_point_cast<milliseconds>(instant);
-}
 
 std::optional<std::string> optionalString(const Json& object, std::string_view key)
 {
@@ -142,56 +68,6 @@ bool isHidden(const std::map<std::string, Moment::Retraction::Index::Decision>& 
     return it != map.end() && it->second.hidden;
 }
 
-// Decodes one UTF-8 sequence; false on a malformed one.
-bool nextCodePoint(std::string_view text, size_t& at, char32_t& out)
-{
-    unsigned char c = static_cast<unsigned char>(text[at]);
-    int extra;
-    if (c < 0x80) {
-        out = c;
-        extra = 0;
-    } else if ((c & 0xE0) == 0xC0) {
-        out = c & 0x1F;
-        extra = 1;
-    } else if ((c & 0xF0) == 0xE0) {
-        out = c & 0x0F;
-        extra = 2;
-    } else if ((c & 0xF8) == 0xF0) {
-        out = c & 0x07;
-        extra = 3;
-    } else {
-        return false;
-    }
-    if (at + 1 + extra > text.size())
-        return false;
-    for (int i = 1; i <= extra; ++i) {
-        unsigned char cc = static_cast<unsigned char>(text[at + i]);
-        if ((cc & 0xC0) != 0x80)
-            return false;
-        out = (out << 6) | (cc & 0x3F);
-    }
-    at += 1 + extra;
-    return true;
-}
-
-locale_t utf8Locale()
-{
-    static locale_t locale = [] {
-        locale_t l = newlocale(LC_CTYPE_MASK, "C.UTF-8", static_cast<locale_t>(0));
-        return l;
-    }();
-    return locale;
-}
-
-char32_t foldCase(char32_t c)
-{
-    if (c < 0x80)
-        return static_cast<char32_t>(std::tolower(static_cast<int>(c)));
-    if (locale_t l = utf8Locale())
-        return static_cast<char32_t>(towlower_l(static_cast<wint_t>(c), l));
-    return c;
-}
-
 } // namespace
 
 std::string formatMomentTime(Moment::Instant instant)
@@ -209,9 +85,7 @@ std::string formatMomentTime(Moment::Instant instant)
 
 std::optional<Moment::Instant> parseMomentTime(std::string_view text)
 {
-    if (auto fractional = parseLayout(text, true))
-        return fractional;
-    return parseLayout(text, false);
+    return parseIso8601Millis(text);
 }
 
 Moment::Instant momentNow()
@@ -337,15 +211,14 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b)
 {
     size_t i = 0, j = 0;
     while (i < a.size() && j < b.size()) {
-        char32_t ca, cb;
         size_t si = i, sj = j;
-        bool okA = nextCodePoint(a, i, ca);
-        bool okB = nextCodePoint(b, j, cb);
-        if (!okA || !okB) {
+        auto ca = utf8Decode(a, i);
+        auto cb = utf8Decode(b, j);
+        if (!ca || !cb) {
             // Malformed text compares byte for byte from here on.
-            return !okA && !okB && a.substr(si) == b.substr(sj);
+            return !ca && !cb && a.substr(si) == b.substr(sj);
         }
-        if (foldCase(ca) != foldCase(cb))
+        if (lowerCase(*ca) != lowerCase(*cb))
             return false;
     }
     return i == a.size() && j == b.size();

@@ -9,6 +9,7 @@
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+#include <fstream>
 #include <sys/stat.h>
 
 using namespace plim;
@@ -28,15 +29,39 @@ TEST(Files, ReadTellsAbsentFromUnreadable)
     TempDir dir;
     auto absent = readFileBytes(dir / "nothing");
     ASSERT_FALSE(absent);
-    EXPECT_EQ(absent.error().kind, ReadFailure::absent);
+    EXPECT_EQ(absent.error().kind, Error::Kind::missing);
 
+    // Nothing that is not an ordinary file of honest size is read, and nothing blocks.
+    fs::create_directory(dir / "folder");
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0644), 0);
+    fs::create_symlink("/dev/zero", dir / "zero");
+    {
+        std::ofstream sparse(dir / "sparse");
+    }
+    fs::resize_file(dir / "sparse", uint64_t(64) << 30);
+    struct Case {
+        const char* name;
+        std::string reason;
+    };
+    for (const Case& k : std::vector<Case>{{"folder", "it is a folder, not a file"}, {"pipe", "it is not an ordinary file"},
+             {"zero", "it is not an ordinary file"}, {"sparse", "it holds 64.0 GB, far more than such a file can"}}) {
+        auto read = readFileBytes(dir / k.name);
+        ASSERT_FALSE(read) << k.name;
+        EXPECT_EQ(read.error(), (Error{k.reason, Error::Kind::unreadable})) << k.name;
+    }
+    writeText(dir / "small", std::string(100, 'x'));
+    EXPECT_EQ(readFileBytes(dir / "small", 99).error().sentence, "it holds 0.0 MB, far more than such a file can");
+    EXPECT_EQ(readFileBytes(dir / "small", 100)->size(), 100u);
+}
+
+TEST(Files, ReadTellsUnreadableWithoutPermission)
+{
+    if (testkit::rerunUnprivileged())
+        return;
+    TempDir dir;
     writeText(dir / "locked", "secret");
     chmod((dir / "locked").c_str(), 0);
-    if (geteuid() != 0) {
-        auto locked = readFileBytes(dir / "locked");
-        ASSERT_FALSE(locked);
-        EXPECT_EQ(locked.error().kind, ReadFailure::unreadable);
-    }
+    EXPECT_EQ(readFileBytes(dir / "locked").error(), (Error{"Permission denied", Error::Kind::unreadable}));
 }
 
 TEST(Files, ReadsWholeFilesOfAnySize)
@@ -96,11 +121,18 @@ TEST(Json, WrittenSortedPrettyAndReadLeniently)
     writeText(dir / "bad.json", "{ \"a\": ");
     auto bad = readJsonFile(dir / "bad.json");
     ASSERT_FALSE(bad);
-    EXPECT_EQ(bad.error().kind, JsonReadFailure::corrupt);
+    EXPECT_EQ(bad.error().kind, Error::Kind::corrupt);
     EXPECT_EQ(readText(dir / "bad.json"), "{ \"a\": ");
     writeText(dir / "empty.json", "");
-    EXPECT_EQ(readJsonFile(dir / "empty.json").error().kind, JsonReadFailure::corrupt);
-    EXPECT_EQ(readJsonFile(dir / "none.json").error().kind, JsonReadFailure::absent);
+    EXPECT_EQ(readJsonFile(dir / "empty.json").error().kind, Error::Kind::corrupt);
+    EXPECT_EQ(readJsonFile(dir / "none.json").error().kind, Error::Kind::missing);
+
+    // Nesting is capped before parsing; brackets inside strings do not count.
+    std::string deep = std::string(100000, '[') + std::string(100000, ']');
+    EXPECT_EQ(parseJson(deep).error(), (Error{"its values nest more than 128 deep, far deeper than any Plim file",
+                                           Error::Kind::corrupt}));
+    EXPECT_TRUE(parseJson(std::string(128, '[') + std::string(128, ']')));
+    EXPECT_EQ(jsonNestingDepth(R"({"a": "[[[[\"[[", "b": [{}]})"), 3);
 }
 
 TEST(Places, FollowTheXdgVariables)
@@ -157,6 +189,43 @@ TEST(Dates, Iso8601RoundTripAndRejects)
     EXPECT_FALSE(parseIso8601("2026-11-22 21:04:05"));
     EXPECT_FALSE(parseIso8601("2026-13-22T21:04:05Z"));
     EXPECT_FALSE(parseIso8601("2026-11-22T21:04:05Zjunk"));
+}
+
+TEST(Dates, Iso8601RefusesWhatNoClockHolds)
+{
+    using namespace std::chrono;
+    const std::string longFraction = "2026-11-22T21:04:05." + std::string(400, '9') + "Z";
+    struct Case {
+        std::string text;
+        std::optional<int64_t> millis; // since the epoch, when the text is an instant
+        bool systemClock;              // whether the system clock holds it
+    };
+    for (const Case& k : std::vector<Case>{
+             {"1970-01-01T00:00:01.5Z", 1500, true},
+             {"1970-01-01T00:00:00.0001z", 0, true},
+             {longFraction, 1795381445999, true},
+             {"2024-02-29T12:00:00Z", 1709208000000, true},
+             {"1970-01-01T01:00:00+01:00", 0, true},
+             {"9999-12-31T23:59:59Z", 253402300799000, false},
+             {"0000-01-01T00:00:00Z", -62167219200000, false},
+             {"1600-01-01T00:00:00Z", -11676096000000, false},
+             {"2016-12-31T23:59:60Z", std::nullopt, false},
+             {"2023-02-29T12:00:00Z", std::nullopt, false},
+             {"0000-01-01T00:00:00+00:01", std::nullopt, false},
+             {"9999-12-31T23:59:59-00:01", std::nullopt, false},
+             {"2026-11-22T21:04:05+24:00", std::nullopt, false},
+             {"2026-11-22T21:04:05.Z", std::nullopt, false},
+             {"+12026-11-22T21:04:05Z", std::nullopt, false},
+             {"", std::nullopt, false},
+         }) {
+        auto millis = parseIso8601Millis(k.text);
+        EXPECT_EQ(millis.transform([](auto t) { return t.time_since_epoch().count(); }), k.millis) << k.text.substr(0, 40);
+        auto system = parseIso8601(k.text);
+        EXPECT_EQ(system.has_value(), k.systemClock) << k.text.substr(0, 40);
+        if (system && millis) {
+            EXPECT_EQ(duration_cast<milliseconds>(system->time_since_epoch()).count(), *k.millis);
+        }
+    }
 }
 
 TEST(Dates, UuidsAreWellFormedAndDistinct)

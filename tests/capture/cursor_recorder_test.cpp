@@ -1,10 +1,13 @@
 #include "base/clock.h"
 #include "base/log.h"
 #include "capture/cursor_recorder.h"
+#include "testing/scripted_sources.h"
 #include "testkit/testkit.h"
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <set>
 #include <gtest/gtest.h>
 #include <thread>
 
@@ -13,7 +16,12 @@ using namespace plim::testkit;
 
 namespace {
 
-const CursorRecorder::Display display{-1440, -900, 1440, 900, 2};
+const CursorRecorder::Display display{{-1440, -900, 1440, 900}, 2};
+
+CursorRecorder::Sources sourcesOf(ScriptedPointerSource& pointer, ScriptedClickSource* clicks)
+{
+    return {&pointer, &pointer, &pointer, clicks};
+}
 
 struct Rig {
     ManualClock clock{500.0};
@@ -22,9 +30,9 @@ struct Rig {
     CursorRecorder recorder;
 
     explicit Rig(std::optional<uint32_t> windowID = std::nullopt, bool refuseClicks = false)
-        : recorder(display, windowID, pointer, &clicks, clock)
+        : recorder(display, windowID, sourcesOf(pointer, &clicks), clock)
     {
-        pointer.setPosition(PointerSource::Point{10, 20});
+        pointer.setPosition(Point{10, 20});
         clicks.setRefusing(refuseClicks);
         recorder.start(CursorRecorder::Polling::manual);
     }
@@ -48,7 +56,7 @@ TEST(CursorRecorder, SamplesAreRoundedTimedAndFlaggedWhileTyping)
     EXPECT_EQ(rig.recorder.snapshot(), (CursorTrack{-1440, -900, 1440, 900, 2}));
     EXPECT_EQ(rig.recorder.startUptime(), 500.0);
     // {pointer, seconds since a key went down, seconds to the next poll}
-    for (auto [at, sinceKey, advance] : std::vector<std::tuple<PointerSource::Point, double, double>>{
+    for (auto [at, sinceKey, advance] : std::vector<std::tuple<Point, double, double>>{
              {{2.25, -0.25}, 0.0333, 0.0504}, {{2.24, 1919.96}, 1.0 / 30.0, 2.0}, {{2.24, 1919.96}, 5, 0}}) {
         rig.pointer.setPosition(at);
         rig.pointer.setSecondsSinceLastKeyDown(sinceKey);
@@ -125,20 +133,19 @@ TEST(CursorRecorder, WindowFramesAreKeyedOnlyWhenTheyChangeOnTicksThatCount)
 {
     Rig rig(42u);
     // The window covers exactly the display: no key.
-    rig.pointer.setWindowFrame(42, PointerSource::Rect{-1440, -900, 1440, 900});
+    rig.pointer.setWindowFrame(42, Rect{-1440, -900, 1440, 900});
     // Ticks without a usable pointer are skipped and ask for no frame.
     rig.pointer.setPosition(std::nullopt);
     rig.tick(5);
-    rig.pointer.setPosition(PointerSource::Point{std::nan(""), 3});
+    rig.pointer.setPosition(Point{std::nan(""), 3});
     rig.tick(1);
     EXPECT_EQ(rig.pointer.windowFrameQueries(), 0);
-    rig.pointer.setPosition(PointerSource::Point{1, 2});
+    rig.pointer.setPosition(Point{1, 2});
     rig.tick(30);
     EXPECT_EQ(rig.pointer.windowFrameQueries(), 1);
 
     // Each frame stands for 30 ticks: unchanged, degenerate or missing ones make no key; a
     // change in any one edge does, keyed at the tick that asked.
-    using Rect = PointerSource::Rect;
     std::vector<CursorTrack::FrameKey> expected;
     for (const auto& [rect, keyed] : std::vector<std::pair<std::optional<Rect>, bool>>{{Rect{100, 50, 800, 600}, true},
              {Rect{100, 50, 800, 600}, false}, {Rect{100, 50, 0, 600}, false}, {std::nullopt, false},
@@ -162,50 +169,88 @@ TEST(CursorRecorder, WindowFramesAreKeyedOnlyWhenTheyChangeOnTicksThatCount)
     EXPECT_EQ(track.samples.size(), 270u);
 }
 
-TEST(CursorRecorder, FlushesTheTrackToDiskEvery300Samples)
+TEST(CursorRecorder, TheJournalTakesWhatIsNewAndTheFinalWriteFoldsItIn)
 {
     TempDir dir;
-    fs::path movie = dir / "B.mov";
+    const fs::path movie = dir / "B.mov", journal = dir / "B.cursor.journal";
     Rig rig;
+    // Polling never writes: the journal is another thread's step.
     rig.recorder.setFlushMovie(movie);
+    rig.tick(600);
+    EXPECT_FALSE(fs::exists(journal));
+    ASSERT_TRUE(rig.recorder.journalOnce());
+    auto first = fs::file_size(journal);
 
-    rig.tick(299);
+    // Each step appends only what is new: the second line holds 60 samples, not 660.
+    rig.tick(60);
+    rig.recorder.mark();
+    rig.clicks.press({ClickSource::Button::left, 5, 6});
+    ASSERT_TRUE(rig.recorder.journalOnce());
+    auto second = fs::file_size(journal) - first;
+    EXPECT_LT(second * 5, first);
+    ASSERT_TRUE(rig.recorder.journalOnce()); // nothing new: nothing written
+    EXPECT_EQ(fs::file_size(journal), first + second);
+
+    // Killed now, the track is rebuilt from the journal, with a notice; nothing is changed.
+    std::string bytes = readText(journal);
+    auto rebuilt = CursorTrack::read(movie);
+    ASSERT_TRUE(rebuilt) << rebuilt.error().sentence;
+    EXPECT_EQ(rebuilt->value, rig.recorder.snapshot());
+    ASSERT_EQ(rebuilt->notices.size(), 1u);
+    EXPECT_TRUE(rebuilt->notices[0].starts_with("B.cursor.json was never finished")) << rebuilt->notices[0];
+    EXPECT_EQ(readText(journal), bytes);
     EXPECT_FALSE(fs::exists(dir / "B.cursor.json"));
-    rig.tick();
-    EXPECT_EQ(CursorTrack::read(movie), rig.recorder.snapshot());
 
-    // Paused ticks do not count toward the next flush.
+    // A line cut short by the kill is left out and named.
+    writeText(journal, bytes + bytes.substr(0, 40));
+    auto torn = CursorTrack::read(movie);
+    ASSERT_TRUE(torn);
+    EXPECT_EQ(torn->value, rig.recorder.snapshot());
+    EXPECT_NE(torn->notices[0].find("leaving out 1 damaged line"), std::string::npos);
+    writeText(journal, "not a track\n");
+    auto useless = CursorTrack::read(movie);
+    ASSERT_FALSE(useless);
+    EXPECT_EQ(useless.error().kind, Error::Kind::unreadable);
+    writeText(journal, bytes);
+
+    // Paused ticks add nothing; stop journals the rest; the final write removes the journal.
     rig.recorder.setPaused(true);
     rig.tick(100);
     rig.recorder.setPaused(false);
-    rig.recorder.mark();
-    rig.tick(299);
-    EXPECT_EQ(CursorTrack::read(movie)->samples.size(), 300u);
-    rig.tick();
-    EXPECT_EQ(CursorTrack::read(movie), rig.recorder.snapshot());
-    EXPECT_EQ(rig.recorder.snapshot().marks.size(), 1u);
+    rig.tick(30);
+    CursorTrack track = rig.recorder.stop();
+    EXPECT_EQ(track.samples.size(), 690u);
+    EXPECT_EQ(CursorTrack::read(movie)->value, track);
+    ASSERT_TRUE(track.write(movie));
+    EXPECT_FALSE(fs::exists(journal));
+    EXPECT_EQ(CursorTrack::read(movie)->value, track);
 
-    // A flush that cannot be written is ignored; recording goes on.
-    rig.recorder.setFlushMovie(dir / "gone" / "B.mov");
-    rig.tick(300);
-    EXPECT_EQ(rig.recorder.stop().samples.size(), 900u);
-    EXPECT_FALSE(fs::exists(dir / "gone"));
+    // A journal that cannot be written is reported; its entries wait for the next step.
+    Rig lost;
+    lost.recorder.setFlushMovie(dir / "gone" / "B.mov");
+    lost.tick(30);
+    auto refused = lost.recorder.journalOnce();
+    ASSERT_FALSE(refused);
+    EXPECT_NE(refused.error().sentence.find("Nothing recorded so far was lost"), std::string::npos);
+    fs::create_directory(dir / "gone");
+    ASSERT_TRUE(lost.recorder.journalOnce());
+    EXPECT_EQ(CursorTrack::read(dir / "gone" / "B.mov")->value.samples.size(), 30u);
 }
 
 TEST(CursorRecorder, TimerPollsOnItsOwnThreadUntilStoppedOrDropped)
 {
     ScriptedPointerSource pointer;
-    pointer.setPosition(PointerSource::Point{3, 4});
+    pointer.setPosition(Point{3, 4});
     ScriptedClickSource clicks;
     {
-        CursorRecorder dropped(display, 9u, pointer, &clicks);
+        CursorRecorder dropped(display, 9u, sourcesOf(pointer, &clicks));
         dropped.start();
         EXPECT_EQ(clicks.installedCount(), 1);
     }
     EXPECT_EQ(clicks.installedCount(), 0);
     int queries = pointer.windowFrameQueries();
 
-    CursorRecorder recorder(display, std::nullopt, pointer, &clicks);
+    CursorRecorder recorder(display, std::nullopt, sourcesOf(pointer, &clicks));
     recorder.start();
     for (int i = 0; i < 1000 && recorder.snapshot().samples.size() < 6; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -222,10 +267,10 @@ TEST(CursorRecorder, TimerPollsOnItsOwnThreadUntilStoppedOrDropped)
 TEST(CursorRecorder, MarksPausesAndClicksFromOtherThreadsWhileThePollRuns)
 {
     ScriptedPointerSource pointer;
-    pointer.setPosition(PointerSource::Point{3, 4});
-    pointer.setWindowFrame(1, PointerSource::Rect{0, 0, 10, 10});
+    pointer.setPosition(Point{3, 4});
+    pointer.setWindowFrame(1, Rect{0, 0, 10, 10});
     ScriptedClickSource clicks;
-    CursorRecorder recorder(display, 1u, pointer, &clicks);
+    CursorRecorder recorder(display, 1u, sourcesOf(pointer, &clicks));
     recorder.start();
     std::thread presser([&] {
         for (int i = 0; i < 300; ++i)
@@ -238,9 +283,18 @@ TEST(CursorRecorder, MarksPausesAndClicksFromOtherThreadsWhileThePollRuns)
         recorder.setPaused(false);
     }
     presser.join();
+    // A press after the last resume always lands.
+    clicks.press({ClickSource::Button::left, 1000, 0});
     CursorTrack track = recorder.stop();
     EXPECT_EQ(track.marks.size(), 300u);
-    EXPECT_LE(track.clicks.size(), 300u);
+    // Presses during a pause are dropped: what remains is each press at most once, none
+    // made up, and the last one.
+    std::set<double> pressed;
+    for (const auto& click : track.clicks) {
+        EXPECT_TRUE(pressed.insert(click.x).second) << "press " << click.x << " recorded twice";
+        EXPECT_TRUE(click.x == 1000 || (click.x >= 0 && click.x < 300 && click.x == std::floor(click.x))) << click.x;
+    }
+    EXPECT_TRUE(pressed.contains(1000));
     EXPECT_TRUE(std::ranges::is_sorted(track.marks, {}, &Mark::t));
     EXPECT_TRUE(std::ranges::is_sorted(track.clicks, {}, &ClickEvent::t));
     EXPECT_TRUE(std::ranges::is_sorted(track.samples, {}, &CursorSample::t));

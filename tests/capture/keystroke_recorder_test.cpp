@@ -1,5 +1,6 @@
 #include "base/clock.h"
 #include "capture/keystroke_recorder.h"
+#include "testing/scripted_sources.h"
 
 #include <gtest/gtest.h>
 #include <xkbcommon/xkbcommon-keysyms.h>
@@ -34,6 +35,9 @@ TEST(KeyCaption, ShortcutsAndSpecialKeysAreKeptButNeverPlainTyping)
         {XKB_KEY_e, option, "⌥E"}, {XKB_KEY_k, {true, true, false, true}, "⌃⌥⌘K"},
         {XKB_KEY_k, {true, true, true, true}, "⌃⌥⇧⌘K"}, {XKB_KEY_1, control, "⌃1"}, {XKB_KEY_KP_7, command, "⌘7"},
         {XKB_KEY_adiaeresis, command, "⌘Ä"}, {0x1000000 + 0x0436, command, "⌘Ж"}, // a Unicode keysym
+        // Letters whose upper case is no key symbol take the character's upper case.
+        {XKB_KEY_ssharp, command, "⌘ẞ"}, {XKB_KEY_mu, option, "⌥Μ"}, {XKB_KEY_ydiaeresis, control, "⌃Ÿ"},
+        {0x1000000 + 0x01C6, command, "⌘Ǆ"}, {0x1000000 + 0x0661, command, "⌘١"}, // dž, an Arabic-Indic digit
         // Special keys, with or without modifiers.
         {XKB_KEY_Return, none, "⏎"}, {XKB_KEY_KP_Enter, none, "⏎"}, {XKB_KEY_ISO_Left_Tab, shift, "⇧⇥"},
         {XKB_KEY_Tab, none, "⇥"}, {XKB_KEY_BackSpace, option, "⌥⌫"}, {XKB_KEY_Escape, control, "⌃⎋"},

@@ -71,11 +71,11 @@ TEST(PlimEdits, ADamagedFieldCostsOnlyThatFieldOrItsDamagedParts)
         without.erase(it.key());
         const PlimEdits expected = decode(without).edits;
         EXPECT_NE(expected, fullEdits()) << it.key();
-        LogCapture log;
         auto read = decode(damaged);
         EXPECT_EQ(read.edits, expected) << it.key() << ": " << read.sentence;
         // A damaged authored field is reported with the file's name; the writer is only a label.
-        EXPECT_EQ(log.contains("B.edits.json: "), it.key() != "writtenBy") << it.key();
+        EXPECT_EQ(read.notices.size() == 1 && read.notices[0].starts_with("B.edits.json: "), it.key() != "writtenBy")
+            << it.key();
     }
 
     Json partly = json;
@@ -84,13 +84,14 @@ TEST(PlimEdits, ADamagedFieldCostsOnlyThatFieldOrItsDamagedParts)
     partly["voiceovers"].push_back(Json{{"id", idA}, {"start", 2}});
     partly["cuts"].push_back(Json{{"id", idA}, {"start", 3}}); // a cut without its end
     std::vector<std::string> dropped;
-    LogCapture log;
     auto read = decode(partly, &dropped);
     EXPECT_EQ(dropped, (std::vector<std::string>{"aimedZooms", "look.padding", "voiceovers"}));
     PlimEdits expected = fullEdits();
     expected.look->padding = PlimLook{}.padding;
     EXPECT_EQ(read.edits, expected);
-    EXPECT_TRUE(log.contains("B.edits.json: aimedZooms, look.padding, voiceovers could not be read and were left out."));
+    ASSERT_EQ(read.notices.size(), 2u); // the plan's cut, then the edits' own fields
+    EXPECT_TRUE(read.notices[1].starts_with(
+        "B.edits.json: aimedZooms, look.padding, voiceovers could not be read and were left out."));
 }
 
 TEST(PlimEdits, NewerVersionsAreRefusedAndBadOnesUnreadable)

@@ -2,8 +2,7 @@
 #include "plan/time_remap.h"
 
 #include "base/dates.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "capture/capture.h"
 
 #include <gtest/gtest.h>
 
@@ -110,6 +109,37 @@ TEST(AutoEdit, IdleRunsOfAtLeastOnePointSixSecondsAreSpedUpWithCalmAtBothSides)
     EXPECT_EQ(r.trim, (Trim{0, 20}));
 }
 
+TEST(AutoEdit, TheSpeedCheckLooksBackToTheTrimInItself)
+{
+    // The trim-in falls between ticks (1.004 s; the first tick is 121 at 1.0083 s), and the
+    // pointer jumps 10 points in that sliver, then rests. The first ticks measure from the
+    // trim-in, so they see the jump: the idle run starts at tick 133, once the 0.1 s window
+    // has passed it, not at the first tick.
+    Performance p{.duration = 6, .recordedSize = {1000, 1000}};
+    p.pointer = {{0, 500, 400}, {1.004, 500, 400}, {121 * tick, 510, 400}, {6, 510, 400}};
+    std::vector<Skip> skips = makeSkips(cleaned(p), {}, Trim{1.004, 6});
+    ASSERT_EQ(skips.size(), 1u);
+    EXPECT_NEAR(skips[0].start, 133 * tick + 0.3, 1e-9);
+
+    // A trim-in exactly on a tick: that tick's speed is the one just after it.
+    p.pointer = {{0, 500, 400}, {1.0, 500, 400}, {1.0 + tick, 510, 400}, {6, 510, 400}};
+    skips = makeSkips(cleaned(p), {}, Trim{1.0, 6});
+    ASSERT_EQ(skips.size(), 1u);
+    EXPECT_NEAR(skips[0].start, 1.0 + 13 * tick + 0.3, 1e-9);
+}
+
+TEST(AutoEdit, LengthsBeyondADayAreWalkedAsADay)
+{
+    for (double duration : {1e308, 1e20, longestRecordingSeconds + 1})
+        EXPECT_EQ(cleaned(Performance{.duration = duration}).duration, longestRecordingSeconds);
+    // The whole walk, once: it ends with the day.
+    Performance p{.duration = 1e308, .recordedSize = {1000, 1000}, .pointer = {{0, 1, 1}, {1, 900, 900}}};
+    Proposal r = make(p);
+    EXPECT_EQ(r.trim.out, longestRecordingSeconds);
+    ASSERT_EQ(r.skips.size(), 1u); // one idle stretch from the end of the move to the day's end
+    EXPECT_NEAR(r.skips[0].end, r.trim.out - 0.3, 1e-6);
+}
+
 TEST(AutoEdit, ClicksClusterByTimeAndDistanceIntoZoomsOffTheSkips)
 {
     // Keys keep 8.5-18.5 s busy: no skips in the way. Clicks 100 points apart fit 3x: level 2.4.
@@ -180,6 +210,15 @@ TEST(AutoEdit, SummaryNamesWhatWasDone)
     };
     for (const auto& [proposal, duration, deadAir, smoothed, line] : cases)
         EXPECT_EQ(summary(proposal, duration, deadAir, smoothed), line);
+
+    // Only a recording with a pointer that is drawn has it smoothed: a phone's has none.
+    Performance moving = still(2);
+    EXPECT_TRUE(pointerSmoothed(moving));
+    moving.subject = Subject::phone;
+    EXPECT_FALSE(pointerSmoothed(moving));
+    EXPECT_FALSE(pointerSmoothed(Performance{.duration = 10}));
+    EXPECT_EQ(summary({.trim = {0, 10}}, 10, true, pointerSmoothed(Performance{.duration = 10})),
+        "Nothing needed editing");
     for (auto [speed, label] : std::vector<std::pair<double, std::string>>{
              {4, "4×"}, {16, "16×"}, {1.5, "1.5×"}, {3.14, "3.1×"}, {NAN, "?×"}})
         EXPECT_EQ(speedLabel(speed), label);

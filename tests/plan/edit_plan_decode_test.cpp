@@ -53,7 +53,7 @@ std::vector<std::string> noticeLines(const LogCapture& log)
 
 std::string undecodableStart(const std::string& source)
 {
-    return "Plim: " + source + " could not be read at all, so this plim falls back to its automatic edit. The file says: ";
+    return source + " could not be read at all, so this plim falls back to its automatic edit. The file says: ";
 }
 
 std::string unreadableSentence(const std::string& source, const std::string& system)
@@ -73,8 +73,10 @@ TEST(EditPlanFiles, RoundTripThroughBothSidecarsAndRefusedWrites)
     ASSERT_TRUE(plan.write(movie));
     ASSERT_TRUE(plan.writeRendered(movie));
     LogCapture log;
-    EXPECT_EQ(EditPlan::decodeBesideMovie(movie), plan);
-    EXPECT_EQ(EditPlan::decode(dir / "B.rendered.json"), plan);
+    auto beside = EditPlan::decodeBesideMovie(movie);
+    EXPECT_EQ(beside.value, plan);
+    EXPECT_TRUE(beside.notices.empty());
+    EXPECT_EQ(EditPlan::decode(dir / "B.rendered.json").value, plan);
     EXPECT_TRUE(noticeLines(log).empty());
 
     // Sorted keys, two-space indents; absent optional keys left out, an empty clip list kept.
@@ -86,7 +88,7 @@ TEST(EditPlanFiles, RoundTripThroughBothSidecarsAndRefusedWrites)
     EXPECT_EQ(Json::parse(readText(dir / "B.edits.json")),
         (Json{{"zooms", Json::array()}, {"skips", Json::array()}, {"masks", Json::array()}, {"cuts", Json::array()},
             {"taps", Json::array()}, {"splits", Json::array()}, {"clips", Json::array()}}));
-    EXPECT_EQ(EditPlan::decodeBesideMovie(movie), bare);
+    EXPECT_EQ(EditPlan::decodeBesideMovie(movie).value, bare);
 
     // A number JSON cannot hold, or a missing folder: refused, with the old file kept.
     std::string before = readText(dir / "B.edits.json");
@@ -142,10 +144,11 @@ TEST(EditPlanDecode, ADamagedFieldOfEveryTypeKeepsEveryOtherField)
         LogCapture log;
         auto plan = EditPlan::fromJson(value, std::string("B.edits.json"), &report);
         ASSERT_TRUE(plan);
-        EXPECT_EQ(plan->toJson(), expected);
+        EXPECT_EQ(plan->value.toJson(), expected);
         EXPECT_EQ(report, (EditPlan::DecodeReport{{key}, {}}));
+        EXPECT_TRUE(noticeLines(log).empty()); // the caller decides what to do with notices
         bool detected = key == "zooms" || key == "skips";
-        EXPECT_EQ(noticeLines(log), std::vector<std::string>{"Plim: B.edits.json: " + key + " could not be read and "
+        EXPECT_EQ(plan->notices, std::vector<std::string>{"B.edits.json: " + key + " could not be read and "
             "were left out. The rest of the edit was kept; " + (detected ? key + " are detected by Plim rather than "
             "authored, so they are not lost work in themselves; any tuning you gave them by hand went with them."
             : "re-apply your edits in the editor to rewrite the file.")});
@@ -160,7 +163,10 @@ TEST(EditPlanDecode, AbsentAndNullValuesAreQuietDefaults)
     Json value = {{"zooms", {zoom}}, {"trimIn", nullptr}, {"cameraX", nullptr},
         {"skips", Json::array({Json{{"span", {{"start", 1}, {"end", 2}}}}})}};
     EditPlan::DecodeReport report;
-    EXPECT_EQ(EditPlan::fromJson(value, std::nullopt, &report),
+    auto decoded = EditPlan::fromJson(value, std::nullopt, &report);
+    ASSERT_TRUE(decoded);
+    EXPECT_TRUE(decoded->notices.empty());
+    EXPECT_EQ(decoded->value,
         (EditPlan{.zooms = {{"0A1B2C3D-0000-4000-8000-00000000000F", 1, 2, 0.3, 0.6, 1.8, ZoomBlock::Origin::mark(), {}}},
             .skips = {{{1, 2}, false, 4.0}}}));
     EXPECT_EQ(report, EditPlan::DecodeReport{});
@@ -172,21 +178,25 @@ TEST(EditPlanDecode, CutsWithoutTimesAreLeftOutAloneAndNamed)
     Json value = fullPlan().toJson();
     value["cuts"] = Json::array({Json{{"id", uuid1}, {"start", 1}, {"end", 2}}, Json{{"id", uuid2}, {"start", 3}},
         Json{{"id", uuid3}, {"start", 5}, {"end", 6}, {"transition", {{"kind", "blur"}, {"duration", 0.5}}}}});
-    LogCapture log;
     EditPlan::DecodeReport report;
     EditPlan expected = fullPlan();
     expected.cuts = {{uuid1, 1, 2, std::nullopt}, {uuid3, 5, 6, TransitionSpec{K::blur, 0.5}}};
-    EXPECT_EQ(EditPlan::fromJson(value, std::string("B.edits.json"), &report), expected);
+    auto one = EditPlan::fromJson(value, std::string("B.edits.json"), &report);
+    ASSERT_TRUE(one);
+    EXPECT_EQ(one->value, expected);
     EXPECT_EQ(report, (EditPlan::DecodeReport{{}, {"cut 2"}}));
+    EXPECT_EQ(one->notices, std::vector<std::string>{
+        "B.edits.json: cut 2 is missing one of its times and was left out. Every other edit was kept."});
 
     Json cuts = Json::array({Json{{"id", uuid1}, {"start", 1}, {"end", 2}}});
     for (int i = 0; i < 6; ++i)
         cuts.push_back(Json{{"id", uuid2}, {"start", 3 + i}});
-    EXPECT_EQ(EditPlan::fromJson(Json{{"cuts", cuts}}, std::string("C.edits.json"))->cuts.size(), 1u);
-    EXPECT_EQ(noticeLines(log), (std::vector<std::string>{
-        "Plim: B.edits.json: cut 2 is missing one of its times and was left out. Every other edit was kept.",
-        "Plim: C.edits.json: 6 cuts are missing one of their times and were left out "
-        "(cut 2, cut 3, cut 4, cut 5, cut 6 and 1 more). Every other edit was kept."}));
+    auto six = EditPlan::fromJson(Json{{"cuts", cuts}}, std::string("C.edits.json"));
+    ASSERT_TRUE(six);
+    EXPECT_EQ(six->value.cuts.size(), 1u);
+    EXPECT_EQ(six->notices, std::vector<std::string>{
+        "C.edits.json: 6 cuts are missing one of their times and were left out "
+        "(cut 2, cut 3, cut 4, cut 5, cut 6 and 1 more). Every other edit was kept."});
     EXPECT_EQ(plan_notices::droppedCuts("X", {"cut 1", "cut 4"}),
         "X: 2 cuts are missing one of their times and were left out (cut 1, cut 4). Every other edit was kept.");
 }
@@ -194,44 +204,37 @@ TEST(EditPlanDecode, CutsWithoutTimesAreLeftOutAloneAndNamed)
 TEST(EditPlanDecode, SeveralDroppedFieldsGetBothAdvices)
 {
     // Both advices, authored first, detected keys joined by " and "; keys in field order.
-    LogCapture log;
-    ASSERT_TRUE(EditPlan::fromJson(Json{{"masks", 3}, {"zooms", 1}, {"skips", "x"}}));
-    EXPECT_EQ(noticeLines(log), std::vector<std::string>{
-        "Plim: a plan sidecar: zooms, skips, masks could not be read and were left out. The rest of the edit "
+    auto decoded = EditPlan::fromJson(Json{{"masks", 3}, {"zooms", 1}, {"skips", "x"}});
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(decoded->notices, std::vector<std::string>{
+        "a plan sidecar: zooms, skips, masks could not be read and were left out. The rest of the edit "
         "was kept; re-apply your edits in the editor to rewrite the file. zooms and skips are detected by "
         "Plim rather than authored, so they are not lost work in themselves; any tuning you gave them by "
         "hand went with them."});
 }
 
-TEST(EditPlanDecode, NestedDecodesShareOneBatchAndLogEachNoticeOnce)
+TEST(EditPlanDecode, EachDecodeCarriesItsOwnNoticesWhateverCameBefore)
 {
-    LogCapture log;
-    {
-        PlanNoticeBatch outer;
-        for (const char* key : {"trimIn", "trimIn", "trimIn", "trimOut"})
-            ASSERT_TRUE(EditPlan::fromJson(Json{{key, "x"}}, std::string("B.edits.json")));
-        EXPECT_TRUE(noticeLines(log).empty());
-        // Another thread has its own batch and logs when its decode ends.
-        std::thread([] { (void)EditPlan::fromJson(Json{{"cameraX", "x"}}, std::string("C.edits.json")); }).join();
-        EXPECT_EQ(noticeLines(log).size(), 1u);
-    }
-    auto lines = noticeLines(log);
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_TRUE(lines[0].starts_with("Plim: C.edits.json: cameraX could not be read"));
-    EXPECT_TRUE(lines[1].starts_with("Plim: B.edits.json: trimIn could not be read"));
-    EXPECT_TRUE(lines[2].starts_with("Plim: B.edits.json: trimOut could not be read"));
-    auto recent = PlanNoticeBatch::recent();
-    ASSERT_GE(recent.size(), 3u);
-    EXPECT_EQ("Plim: " + recent.back(), lines[2]);
+    // Many decodes, on this thread and another: each hands back exactly its own notices,
+    // however many came before it.
+    for (int i = 0; i < 250; ++i)
+        ASSERT_EQ(EditPlan::fromJson(Json{{"trimIn", "x"}}, std::string("B.edits.json"))->notices.size(), 1u);
+    std::vector<std::string> other;
+    std::thread([&] { other = EditPlan::fromJson(Json{{"cameraX", "x"}}, std::string("C.edits.json"))->notices; }).join();
+    ASSERT_EQ(other.size(), 1u);
+    EXPECT_TRUE(other[0].starts_with("C.edits.json: cameraX could not be read"));
+    auto both = EditPlan::fromJson(Json{{"trimIn", "x"}, {"trimOut", "y"}}, std::string("B.edits.json"));
+    ASSERT_EQ(both->notices.size(), 1u);
+    EXPECT_TRUE(both->notices[0].starts_with("B.edits.json: trimIn, trimOut could not be read"));
 }
 
 TEST(EditPlanDecode, FilesThatCannotBeDecodedAreReportedAndLeftByteForByte)
 {
     TempDir dir;
     {
-        LogCapture absent;
-        EXPECT_FALSE(EditPlan::decode(dir / "B.edits.json"));
-        EXPECT_TRUE(noticeLines(absent).empty());
+        auto absent = EditPlan::decode(dir / "B.edits.json");
+        EXPECT_FALSE(absent.value);
+        EXPECT_TRUE(absent.notices.empty());
     }
 
     // Name, bytes, and what the notice says of the file where the parser's words are not its own.
@@ -244,9 +247,9 @@ TEST(EditPlanDecode, FilesThatCannotBeDecodedAreReportedAndLeftByteForByte)
     for (const auto& [name, bytes, says] : files) {
         SCOPED_TRACE(name);
         writeText(dir / name, bytes);
-        LogCapture log;
-        EXPECT_FALSE(EditPlan::decode(dir / name));
-        auto lines = noticeLines(log);
+        auto decoded = EditPlan::decode(dir / name);
+        EXPECT_FALSE(decoded.value);
+        const auto& lines = decoded.notices;
         ASSERT_EQ(lines.size(), 1u);
         EXPECT_TRUE(lines[0].starts_with(undecodableStart(name))) << lines[0];
         EXPECT_GT(lines[0].size(), undecodableStart(name).size());
@@ -259,7 +262,9 @@ TEST(EditPlanDecode, FilesThatCannotBeDecodedAreReportedAndLeftByteForByte)
     std::string bytes = "{\"cuts\": [{\"start\": 1}], \"zooms\": 5, \"trimIn\": 2, \"somethingNew\": [1]}";
     writeText(damaged, bytes);
     auto mtime = fs::last_write_time(damaged);
-    EXPECT_EQ(EditPlan::decode(damaged), (EditPlan{.trimIn = 2}));
+    auto kept = EditPlan::decode(damaged);
+    EXPECT_EQ(kept.value, (EditPlan{.trimIn = 2}));
+    EXPECT_EQ(kept.notices.size(), 2u); // the zooms field, and the cut without an end
     EXPECT_EQ(readText(damaged), bytes);
     EXPECT_EQ(fs::last_write_time(damaged), mtime);
 }
@@ -274,9 +279,9 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     fs::create_directory(folder);
     writeText(folder / "inside", "kept");
     {
-        LogCapture log;
-        EXPECT_FALSE(EditPlan::decode(folder));
-        EXPECT_EQ(noticeLines(log), std::vector<std::string>{"Plim: " + unreadableSentence("C.edits.json", "Is a directory.")});
+        auto decoded = EditPlan::decode(folder);
+        EXPECT_FALSE(decoded.value);
+        EXPECT_EQ(decoded.notices, std::vector<std::string>{unreadableSentence("C.edits.json", "it is a folder, not a file.")});
     }
     EXPECT_EQ(readText(folder / "inside"), "kept");
 
@@ -286,9 +291,9 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     std::string bytes = encodeJson(fullPlan().toJson());
     writeText(path, bytes);
     ASSERT_EQ(chmod(path.c_str(), 0), 0);
-    LogCapture denied;
-    EXPECT_FALSE(EditPlan::decode(path));
-    EXPECT_EQ(noticeLines(denied), std::vector<std::string>{"Plim: " + unreadableSentence("B.edits.json", "Permission denied.")});
+    auto denied = EditPlan::decode(path);
+    EXPECT_FALSE(denied.value);
+    EXPECT_EQ(denied.notices, std::vector<std::string>{unreadableSentence("B.edits.json", "Permission denied.")});
     ASSERT_EQ(chmod(path.c_str(), 0644), 0);
     EXPECT_EQ(readText(path), bytes);
 }

@@ -1,6 +1,7 @@
 // Steps, segments, removed spans, played skips, masks and transition phases of the plan.
 
 #include "plan/edit_plan.h"
+#include "plan/time_remap.h"
 
 #include <gtest/gtest.h>
 
@@ -92,6 +93,29 @@ TEST(EditPlan, SegmentsRemovedSpansAndActiveSkips)
     EXPECT_EQ(skip(-0.0019, 2).identity(), "skip--1");
 }
 
+TEST(EditPlan, SkipsAreDescribedAsTheyPlay)
+{
+    // {skips, segments reported, output length of 20 s of recording}
+    struct Row {
+        std::vector<SkipDecision> skips;
+        std::vector<EditPlan::RateSegment> reported;
+        double output;
+    };
+    const double inf = std::numeric_limits<double>::infinity();
+    for (const auto& [skips, reported, output] : std::vector<Row>{
+             // A rate the remap cannot play leaves the stretch at normal speed, and says so.
+             {{skip(2, 6, 0)}, {{{2, 6}, 1}}, 20},
+             {{skip(2, 6, -3), skip(8, 10, kNaN), skip(11, 12, inf)}, {{{2, 6}, 1}, {{8, 10}, 1}, {{11, 12}, 1}}, 20},
+             // Overlapping active skips: the earlier one plays whole, the later from its end.
+             {{skip(4, 8, 4), skip(6, 10, 2)}, {{{4, 8}, 4}, {{6, 10}, 2}}, 20 - 4 + 1 - 2 + 1},
+             {{skip(6, 10, 2), skip(4, 8, 4)}, {{{6, 10}, 2}, {{4, 8}, 4}}, 20 - 4 + 1 - 2 + 1},
+         }) {
+        EditPlan plan{.skips = skips};
+        EXPECT_EQ(plan.activeSegments(), reported);
+        EXPECT_DOUBLE_EQ(TimeRemap::of(plan, 20).outputDuration(20), output);
+    }
+}
+
 TEST(EditPlan, PlayedSkipsCarryTheirOutputStartInPlayingOrder)
 {
     EditPlan plan{.skips = {skip(4, 8, 4), skip(11, 13), skip(12, 18, 2), skip(0, 1), skip(20, 21, 4, true)},
@@ -128,7 +152,7 @@ TEST(EditPlan, MasksZoomsAndSuspending)
     }
 
     // Boxes are clipped to the unit square; a non-finite one is empty at the origin.
-    const std::vector<std::pair<std::array<double, 4>, MaskRegion::Rect>> rects = {
+    const std::vector<std::pair<std::array<double, 4>, Rect>> rects = {
         {{-0.2, 0.9, 0.5, 0.3}, {0, 0.9, 0.3, 0.1}}, {{1.5, 0.9, 0.5, 0.3}, {1, 0.9, 0, 0.1}},
         {{0.5, 0.9, -0.3, 0.3}, {0.5, 0.9, 0, 0.1}}, {{0.5, 0.9, 0.2, kNaN}, {}}};
     for (const auto& [box, want] : rects) {

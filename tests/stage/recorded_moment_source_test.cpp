@@ -1,4 +1,5 @@
-#include "capture/cursor_track.h"
+#include "capture/capture.h"
+#include "plan/plan.h"
 #include "stage/recorded_moment_source.h"
 
 #include <gtest/gtest.h>
@@ -148,6 +149,34 @@ TEST(RecordedMomentSourceTest, PlimSourcesTakeTheirSwitchesFromTrackAndLook)
     EXPECT_FALSE(phone.moment(1.49, 0.01).touch);
     EXPECT_EQ(phone.moment(1.8, 0.01).touch, (StageMoment::Touch{0.4, 0.6}));
     EXPECT_FALSE(phone.moment(1.95, 0.01).touch);
+}
+
+TEST(RecordedMomentSourceTest, EveryReaderOfTheTracksPutsTheirStampsInMovieTime)
+{
+    // The movie starts 1000 ms into the tracks: a click at 1500 ms is at 0.5 s of movie for
+    // the clicks drawn, the keycaps, the smoothed pointer and the automatic edit alike.
+    CursorTrack track{.displayWidth = 100, .displayHeight = 100, .scale = 1, .videoStartOffsetMS = 1000};
+    for (int64_t ms = 1000; ms <= 5000; ms += 10)
+        track.samples.push_back({ms, ms < 1500 ? 10.0 : 90.0, 50, 0});
+    track.clicks.push_back({1500, 90, 50});
+    KeystrokeTrack keys{{{1500, "⌘S"}}};
+
+    StageSpec look;
+    look.clickStyle = ClickStyle::ring;
+    RecordedMomentSource source = RecordedMomentSource::forPlim(track, keys, EditPlan{}, look, 4.0);
+    EXPECT_EQ(source.clickBeats(), (std::vector<RecordedMomentSource::ClickBeat>{{0.5, 0.9, 0.5}}));
+    EXPECT_EQ(source.moment(0.5, 0.01).clicks, (Clicks{{0.9, 0.5, 0.0}}));
+    EXPECT_TRUE(source.moment(0.49, 0.01).keycaps.empty());
+    ASSERT_EQ(source.moment(0.5, 0.01).keycaps.size(), 1u);
+    EXPECT_EQ(source.moment(0.5, 0.01).keycaps[0].caption, "⌘S");
+    // The pointer jumps at 0.5 s of movie: still where it was just before, gliding after.
+    EXPECT_EQ(source.smoother().position(0.49).x, 0.1);
+    EXPECT_GT(source.smoother().position(0.6).x, 0.3);
+
+    AutoEdit::Performance seen = AutoEdit::performance(track, &keys, {}, 4.0);
+    EXPECT_EQ(seen.actionPoints, (std::vector<AutoEdit::ActionPoint>{{0.5, 90, 50}}));
+    EXPECT_EQ(seen.activity, (std::vector<double>{0.5}));
+    EXPECT_EQ(seen.pointer.front().t, 0.0);
 }
 
 TEST(RecordedMomentSourceTest, MomentsDependOnlyOnTheirTime)

@@ -145,33 +145,37 @@ TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAre)
 {
     testkit::TempDir dir;
     LogCapture log;
-    EXPECT_EQ(StageSpecFile::read(dir / "none.stage.json"), StageSpecFile{});
+    EXPECT_EQ(StageSpecFile::read(dir / "none.stage.json").error().kind, Error::Kind::missing);
 
     StageSpec spec;
     spec.backdrop = Backdrop::solid("#0A0B0C");
     spec.captionPlace = StageSpec::CaptionPlace::top;
     ASSERT_TRUE(StageSpecFile::write(dir / "B.stage.json", spec).has_value());
     EXPECT_EQ(testkit::readText(dir / "B.stage.json"), encodeJson(spec.toJson()));
-    EXPECT_EQ(StageSpecFile::read(dir / "B.stage.json"), (StageSpecFile{StageSpecFile::Kind::loaded, spec}));
+    auto back = StageSpecFile::read(dir / "B.stage.json");
+    ASSERT_TRUE(back);
+    EXPECT_EQ(back->value, spec);
+    EXPECT_TRUE(back->notices.empty());
 
     const std::string garbage = "{\"paddingPX\": 40,\n\x01\xff truncated";
     testkit::writeText(dir / "A.stage.json", garbage);
     auto corrupt = StageSpecFile::read(dir / "A.stage.json");
-    EXPECT_EQ(corrupt.kind, StageSpecFile::Kind::unreadable);
-    EXPECT_EQ(corrupt.spec, StageSpec{});
-    EXPECT_TRUE(corrupt.sentence.starts_with("Plim could not read the stage look A.stage.json ("));
-    EXPECT_TRUE(corrupt.sentence.ends_with("), so this plim uses the default look. The file was left as it is; "
-                                           "choose a look again to replace it."));
-    EXPECT_TRUE(log.contains(corrupt.sentence));
+    ASSERT_FALSE(corrupt);
+    EXPECT_EQ(corrupt.error().kind, Error::Kind::unreadable);
+    const std::string& sentence = corrupt.error().sentence;
+    EXPECT_TRUE(sentence.starts_with("Plim could not read the stage look A.stage.json (")) << sentence;
+    EXPECT_TRUE(sentence.ends_with("), so this plim uses the default look. The file was left as it is; "
+                                   "choose a look again to replace it."));
     EXPECT_EQ(testkit::readText(dir / "A.stage.json"), garbage);
 
     const std::string partial = R"({"paddingPX": 40, "clickStyle": "boom"})";
     testkit::writeText(dir / "C.stage.json", partial);
     auto loaded = StageSpecFile::read(dir / "C.stage.json");
-    EXPECT_EQ(loaded.kind, StageSpecFile::Kind::loaded);
-    EXPECT_EQ(loaded.spec.paddingPX, 40);
-    ASSERT_EQ(loaded.notices.size(), 1u);
-    EXPECT_TRUE(log.contains("C.stage.json: " + loaded.notices[0]));
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(loaded->value.paddingPX, 40);
+    ASSERT_EQ(loaded->notices.size(), 1u);
+    EXPECT_TRUE(loaded->notices[0].starts_with("C.stage.json: ")) << loaded->notices[0];
+    EXPECT_TRUE(log.lines().empty()); // the caller decides whether to log or show them
     EXPECT_EQ(testkit::readText(dir / "C.stage.json"), partial);
 }
 

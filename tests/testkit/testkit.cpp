@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <sstream>
 #include <stdexcept>
 #include <sys/wait.h>
@@ -147,6 +148,23 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::vector
     result.out = readText(dir / "out");
     result.err = readText(dir / "err");
     return result;
+}
+
+bool rerunUnprivileged()
+{
+    if (geteuid() != 0)
+        return false;
+    const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string name = std::string(test->test_suite_name()) + "." + test->name();
+    TempDir scratch;
+    fs::permissions(scratch.path(), fs::perms::all | fs::perms::sticky_bit);
+    fs::path self = fs::read_symlink("/proc/self/exe");
+    auto run = runCommand({"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--", self.string(),
+                              "--gtest_filter=" + name},
+        {"TMPDIR=" + scratch.path().string()});
+    EXPECT_EQ(run.status, 0) << "as nobody:\n" << run.out << run.err;
+    EXPECT_NE(run.out.find("[  PASSED  ] 1 test"), std::string::npos) << "as nobody:\n" << run.out << run.err;
+    return true;
 }
 
 fs::path builtExecutable(const std::string& name)

@@ -81,6 +81,13 @@ struct CommandResult {
 };
 CommandResult runCommand(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
 
+// File permissions do not bind root, so a test that a file without read permission is
+// left alone means nothing when run as root. Called first in such a test: as root it
+// runs this same test again as the unprivileged user `nobody` (its temporary folders in
+// one that user may write), records a failure unless that run passed, and returns true
+// so the caller returns at once; as anyone else it returns false and the test goes on.
+bool rerunUnprivileged();
+
 // Path of a built executable (plim, plimctl) in the build tree.
 fs::path builtExecutable(const std::string& name);
 

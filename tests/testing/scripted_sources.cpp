@@ -1,8 +1,8 @@
-#include "capture/pointer_source.h"
+#include "testing/scripted_sources.h"
 
 namespace plim {
 
-std::optional<PointerSource::Point> ScriptedPointerSource::position()
+std::optional<Point> ScriptedPointerSource::position()
 {
     std::lock_guard lock(m_mutex);
     return m_position;
@@ -14,7 +14,7 @@ double ScriptedPointerSource::secondsSinceLastKeyDown()
     return m_sinceKeyDown;
 }
 
-std::optional<PointerSource::Rect> ScriptedPointerSource::windowFrame(uint32_t windowID)
+std::optional<Rect> ScriptedPointerSource::windowFrame(uint32_t windowID)
 {
     std::lock_guard lock(m_mutex);
     ++m_frameQueries;
