@@ -206,9 +206,9 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         report->plan = proposeAutoEdit(*report).plan;
 
     auto stored = StageSpecFile::read(sidecarPath(report->movie, "stage.json"));
-    if (stored.kind == StageSpecFile::Kind::unreadable)
-        err << "notice: " << stored.sentence << "\n";
-    StageSpec spec = stored.spec;
+    if (!stored && stored.error().kind != Error::Kind::missing)
+        err << "notice: " << stored.error().sentence << "\n";
+    StageSpec spec = stored ? stored->value : StageSpec{};
     StagingJob job = renderJob(*report, spec, options->has("--reframe"));
     if (auto problem = applyStageLook(*options, job.spec, job.look, "stage")) {
         err << problem->sentence << "\n";

@@ -27,11 +27,16 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
 
     StagingJob& job = plim.job;
     job.movie = movie;
-    if (auto cursor = CursorTrack::read(movie))
-        job.cursor = std::move(*cursor);
-    else if (cursor.error().kind != CursorTrack::ReadError::Kind::absent)
-        return fail(cursor.error().sentence, Error::Kind::unreadable);
-    job.keys = KeystrokeTrack::read(movie).value_or(KeystrokeTrack{});
+    // A recording without a pointer track shares without a pointer; a damaged one is said.
+    if (auto cursor = CursorTrack::read(movie)) {
+        job.cursor = std::move(cursor->value);
+        for (const std::string& notice : cursor->notices)
+            logLine(LogArea::share, notice);
+    } else if (cursor.error().kind != Error::Kind::missing) {
+        return std::unexpected(cursor.error());
+    }
+    if (auto keys = KeystrokeTrack::read(movie))
+        job.keys = std::move(keys->value);
 
     auto edits = PlimEdits::read(movie);
     if (edits.kind == PlimEdits::ReadResult::Kind::refused || edits.kind == PlimEdits::ReadResult::Kind::unreadable)
@@ -39,7 +44,10 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
     PlimEdits found = edits.kind == PlimEdits::ReadResult::Kind::edits ? edits.edits : PlimEdits{};
     job.plan = found.plan;
     job.look = found.look.value_or(PlimLook{});
-    job.spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)).spec;
+    if (auto spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)))
+        job.spec = std::move(spec->value);
+    else if (spec.error().kind != Error::Kind::missing)
+        logLine(LogArea::share, spec.error().sentence);
 
     const ClipTimeline timeline = job.plan.clipTimeline(plim.info.duration);
     for (const PlimEdits::Voiceover& voice : found.voiceovers) {

@@ -299,7 +299,7 @@ private:
     void drawMasks(Image& out, const StageMoment& moment)
     {
         for (const MaskRegion& mask : moment.masks) {
-            const MaskRegion::Rect f = mask.rect();
+            const Rect f = mask.rect();
             if (!(f.width > 0) || !(f.height > 0))
                 continue;
             const Point a = pictureOf(f.x, f.y);

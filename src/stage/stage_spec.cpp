@@ -424,7 +424,7 @@ Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
 {
     auto json = readJsonFile(path);
     if (!json) {
-        if (json.error().kind == JsonError::Kind::missing)
+        if (json.error().kind == Error::Kind::missing)
             return fail("There is no stage look " + path.filename().string() + ", so this plim uses the default look.",
                 Error::Kind::missing);
         return fail("Plim could not read the stage look " + path.filename().string() + " (" + json.error().sentence

@@ -27,7 +27,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
 constexpr auto waitStep = 50ms;          // how often a waiting stage looks at the stop flag
 constexpr double soundLead = 0.5;        // seconds of sound written ahead of the pictures
@@ -255,7 +255,7 @@ StagingError writerError(const Error& error, const char* reason)
     return StagingError::writerFailed(error.kind == Error::Kind::noSpace ? "the disk is full" : reason);
 }
 
-struct Decoded {
+struct DecodedPicture {
     Image image;
     double rawTime = 0;
     int64_t slot = 0;
@@ -285,7 +285,7 @@ bool deliver(BoundedQueue<T>& queue, T item, StopToken stop, const std::function
 
 // Reads every pass of the timeline and hands the frames the pacing rule takes to the
 // compositor, each with its output slot.
-void decodeStage(Setup& s, BoundedQueue<Decoded>& out, StopToken stop, FirstFailure& failure)
+void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, FirstFailure& failure)
 {
     double lastFrameTime = -1;
     int64_t nextSlot = 0;
@@ -301,7 +301,7 @@ void decodeStage(Setup& s, BoundedQueue<Decoded>& out, StopToken stop, FirstFail
         if (!decision.take)
             return true;
         nextSlot = decision.nextSlot;
-        return deliver(out, Decoded{image, raw, decision.nextSlot - 1}, stop);
+        return deliver(out, DecodedPicture{image, raw, decision.nextSlot - 1}, stop);
     };
     for (const auto& pass : s.timeline.passes()) {
         if (!s.reader->seek(pass.rawStart)) {
@@ -352,7 +352,7 @@ struct EncodeStage {
     StopSource& stopAll;
     FirstFailure& failure;
     const StagingEngine::Progress& progress;
-    std::atomic<Clock::rep>& lastProgress;
+    std::atomic<Steady::rep>& lastProgress;
     int64_t frames = 0;
     bool finished = false;
     std::atomic<bool> over{false};
@@ -412,7 +412,7 @@ struct EncodeStage {
                 break;
             }
             ++frames;
-            lastProgress = Clock::now().time_since_epoch().count();
+            lastProgress = Steady::now().time_since_epoch().count();
             if (progress)
                 progress(StagingProgress{frames, s.expected});
             if (!feedSound(time + soundLead))
@@ -491,8 +491,8 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     StopSource stopAll;
     std::stop_callback forward(stop, [&] { stopAll.request_stop(); });
     FirstFailure failure(stopAll, job.describe);
-    std::atomic<Clock::rep> lastProgress{Clock::now().time_since_epoch().count()};
-    BoundedQueue<Decoded> decoded(decodedDepth);
+    std::atomic<Steady::rep> lastProgress{Steady::now().time_since_epoch().count()};
+    BoundedQueue<DecodedPicture> decoded(decodedDepth);
     BoundedQueue<Composed> composed(composedDepth);
 
     std::jthread decoder([&] {
@@ -503,16 +503,16 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     std::jthread encoder([&] { encode.run(); });
 
     // Composing runs here. A stall is measured from the last frame the encoder accepted.
-    const auto stallLimit = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+    const auto stallLimit = std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(
         std::isfinite(job.stallLimit) && job.stallLimit > 0 ? job.stallLimit : 30.0));
     auto stillOn = [&] {
-        if (Clock::now() - Clock::time_point(Clock::duration(lastProgress.load())) <= stallLimit)
+        if (Steady::now() - Steady::time_point(Steady::duration(lastProgress.load())) <= stallLimit)
             return true;
         failure.set(StagingError::stalled(job.stallLimit));
         return false;
     };
     const StopToken token = stopAll.get_token();
-    std::optional<Decoded> held;
+    std::optional<DecodedPicture> held;
     int64_t nextSlot = 0;
     auto emit = [&](const Image& picture, double raw, int64_t slot) {
         return deliver(composed, Composed{s.compose(picture, raw, s.dtAtSlot(slot)), slot}, token, stillOn);
@@ -525,13 +525,13 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     };
     bool running = true;
     while (running && !token.stop_requested()) {
-        std::optional<Decoded> item;
+        std::optional<DecodedPicture> item;
         auto wait = decoded.pop(item, waitStep);
-        if (wait == BoundedQueue<Decoded>::Wait::timedOut) {
+        if (wait == BoundedQueue<DecodedPicture>::Wait::timedOut) {
             running = stillOn();
             continue;
         }
-        if (wait == BoundedQueue<Decoded>::Wait::closed)
+        if (wait == BoundedQueue<DecodedPicture>::Wait::closed)
             break;
         if (!held)
             held = *item;
