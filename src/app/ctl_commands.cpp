@@ -1,6 +1,7 @@
 #include "app/ctl_demo.h"
 #include "app/ctl_plan.h"
 #include "app/ctl_record.h"
+#include "app/ctl_share.h"
 #include "app/ctl_stage.h"
 #include "app/ctl_suite.h"
 #include "app/plimctl.h"
@@ -12,10 +13,13 @@ const std::vector<CtlCommand>& ctlCommands()
     static const std::vector<CtlCommand> commands = {
         {"beacon", "post a recording state, or watch an app's beacon", runBeaconCommand},
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
+        {"list", "list the plims in the library folder, newest first", runListCommand},
         {"moments", "print the suite's shared history, newest last", runMomentsCommand},
         {"plan", "print the edit plan a render of a plim would use", runPlanCommand},
         {"record", "record a display, a window or an area into a new plim", runRecordCommand},
+        {"share", "share a plim as a movie, a GIF or a copy of the recording", runShareCommand},
         {"stage", "render a plim's staged movie, or one frame of it as a picture", runStageCommand},
+        {"thumbs", "draw a plim's thumbnail strip and poster into B.thumbs.heic", runThumbsCommand},
     };
     return commands;
 }

@@ -39,10 +39,6 @@ const char* stageUsage =
     "  --frame SECONDS      render only the output frame at this time ...\n"
     "  --png FILE           ... into this PNG picture\n";
 
-struct Problem {
-    std::string sentence;
-};
-
 std::optional<int> wholeNumber(const std::string& text)
 {
     char* end = nullptr;
@@ -65,11 +61,54 @@ std::optional<StageSpec::Backdrop> backdropFromOption(const std::string& text)
     return std::nullopt;
 }
 
-// Applies the look options over `spec`; a value that is not understood is a sentence.
-std::optional<Problem> applyLook(const CtlOptions& options, StageSpec& spec, PlimLook& look)
+// "[#########-----------]  45%  540/1200 frames  12 s left", redrawn in place.
+class ProgressBar {
+public:
+    explicit ProgressBar(std::ostream& err) : m_err(err), m_start(std::chrono::steady_clock::now()) {}
+
+    void operator()(const StagingProgress& p)
+    {
+        auto now = std::chrono::steady_clock::now();
+        if (p.frames < p.expected && now - m_drawn < std::chrono::milliseconds(100))
+            return;
+        m_drawn = now;
+        double f = p.fraction();
+        double elapsed = std::chrono::duration<double>(now - m_start).count();
+        int filled = static_cast<int>(f * 30);
+        std::string bar(static_cast<size_t>(filled), '#');
+        bar.resize(30, '-');
+        char line[160];
+        std::snprintf(line, sizeof line, "\r[%s] %3d%%  %lld/%lld frames  %s", bar.c_str(), static_cast<int>(f * 100),
+            static_cast<long long>(p.frames), static_cast<long long>(p.expected),
+            f > 0.02 ? (std::to_string(static_cast<int>(std::ceil(elapsed / f - elapsed))) + " s left   ").c_str()
+                     : "            ");
+        m_err << line << std::flush;
+    }
+
+private:
+    std::ostream& m_err;
+    std::chrono::steady_clock::time_point m_start;
+    std::chrono::steady_clock::time_point m_drawn{};
+};
+
+Status writePng(const Image& image, const std::string& path)
 {
-    auto bad = [](const std::string& option, const std::string& value, const std::string& choices) {
-        return Problem{"plimctl stage: \"" + value + "\" is not a choice for " + option + ". Use " + choices
+    cairo_surface_t* surface = cairo_image_surface_create_for_data(image.pixels.get(), CAIRO_FORMAT_ARGB32, image.width,
+        image.height, static_cast<int>(image.stride));
+    cairo_status_t status = cairo_surface_write_to_png(surface, path.c_str());
+    cairo_surface_destroy(surface);
+    if (status != CAIRO_STATUS_SUCCESS)
+        return fail("plimctl stage: the picture could not be written to " + path + " ("
+            + cairo_status_to_string(status) + "). Nothing else was written; choose a folder you can write to.");
+    return {};
+}
+
+} // namespace
+
+std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec, PlimLook& look, const std::string& command)
+{
+    auto bad = [&](const std::string& option, const std::string& value, const std::string& choices) {
+        return Problem{"plimctl " + command + ": \"" + value + "\" is not a choice for " + option + ". Use " + choices
             + "; nothing was rendered."};
     };
     if (auto v = options.last("--backdrop")) {
@@ -137,55 +176,14 @@ std::optional<Problem> applyLook(const CtlOptions& options, StageSpec& spec, Pli
     return std::nullopt;
 }
 
-// "[#########-----------]  45%  540/1200 frames  12 s left", redrawn in place.
-class ProgressBar {
-public:
-    explicit ProgressBar(std::ostream& err) : m_err(err), m_start(std::chrono::steady_clock::now()) {}
-
-    void operator()(const StagingProgress& p)
-    {
-        auto now = std::chrono::steady_clock::now();
-        if (p.frames < p.expected && now - m_drawn < std::chrono::milliseconds(100))
-            return;
-        m_drawn = now;
-        double f = p.fraction();
-        double elapsed = std::chrono::duration<double>(now - m_start).count();
-        int filled = static_cast<int>(f * 30);
-        std::string bar(static_cast<size_t>(filled), '#');
-        bar.resize(30, '-');
-        char line[160];
-        std::snprintf(line, sizeof line, "\r[%s] %3d%%  %lld/%lld frames  %s", bar.c_str(), static_cast<int>(f * 100),
-            static_cast<long long>(p.frames), static_cast<long long>(p.expected),
-            f > 0.02 ? (std::to_string(static_cast<int>(std::ceil(elapsed / f - elapsed))) + " s left   ").c_str()
-                     : "            ");
-        m_err << line << std::flush;
-    }
-
-private:
-    std::ostream& m_err;
-    std::chrono::steady_clock::time_point m_start;
-    std::chrono::steady_clock::time_point m_drawn{};
-};
-
-Status writePng(const Image& image, const std::string& path)
-{
-    cairo_surface_t* surface = cairo_image_surface_create_for_data(image.pixels.get(), CAIRO_FORMAT_ARGB32, image.width,
-        image.height, static_cast<int>(image.stride));
-    cairo_status_t status = cairo_surface_write_to_png(surface, path.c_str());
-    cairo_surface_destroy(surface);
-    if (status != CAIRO_STATUS_SUCCESS)
-        return fail("plimctl stage: the picture could not be written to " + path + " ("
-            + cairo_status_to_string(status) + "). Nothing else was written; choose a folder you can write to.");
-    return {};
-}
-
-} // namespace
-
 int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 {
     auto options = parseCtlOptions(args,
-        {"--backdrop", "--padding", "--corners", "--shadow", "--click-style", "--click-tint", "--zoom-style",
-            "--caption-look", "--caption-size", "--caption-place", "--shape", "--size", "--output", "--frame", "--png"},
+        [] {
+            auto names = stageLookOptions();
+            names.insert({"--size", "--output", "--frame", "--png"});
+            return names;
+        }(),
         {"--reframe", "--auto"}, "stage");
     if (!options) {
         err << options.error().sentence << "\n";
@@ -217,7 +215,7 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         err << "notice: " << stored.error().sentence << "\n";
     }
     StagingJob job = renderJob(*report, spec, options->has("--reframe"));
-    if (auto problem = applyLook(*options, job.spec, job.look)) {
+    if (auto problem = applyStageLook(*options, job.spec, job.look, "stage")) {
         err << problem->sentence << "\n";
         return 1;
     }

@@ -11,6 +11,7 @@
 #include "library/plim_identity_index.h"
 #include "library/plim_look.h"
 #include "library/plim_record.h"
+#include "library/plim_store.h"
 #include "library/plims_folder_move.h"
 #include "library/scoped_path_memory.h"
 #include "library/storage_root.h"

@@ -23,6 +23,8 @@ struct PlimRecord {
     SystemTime createdAt{};
     int64_t rawBytes = 0;
     int64_t stagedBytes = 0;
+    std::optional<fs::path> cameraURL;   // B.camera.mov
+    int64_t cameraBytes = 0;
 
     bool operator==(const PlimRecord&) const = default;
 };

@@ -70,6 +70,7 @@ public:
         int height = 0;
         double frameRate = 60;          // expected picture rate (key-frame interval = 2 s of it)
         int64_t bitsPerSecond = 0;      // average rate; 0 picks exportBitsPerSecond
+        bool constantRate = false;      // also hold the rate over every second (exports)
         std::string preset = exportPreset;
         std::vector<SoundTrack> sound;  // at most two tracks
         int threads = 0;                // encoder threads; 0 = the codec's choice

@@ -191,6 +191,11 @@ Status FfmpegMovieWriter::open()
     v->framerate = av_d2q(s.frameRate, 100000);
     v->gop_size = std::max(1, static_cast<int>(std::lround(fragmentSeconds * s.frameRate)));
     v->bit_rate = s.bitsPerSecond > 0 ? s.bitsPerSecond : exportBitsPerSecond(s.width, s.height);
+    if (s.constantRate) {
+        // A one-second buffer at the average rate: short clips land on the rate too.
+        v->rc_max_rate = v->bit_rate;
+        v->rc_buffer_size = static_cast<int>(std::min<int64_t>(v->bit_rate, INT32_MAX));
+    }
     v->thread_count = s.threads;
     bool hd = isHD(s.height);
     v->color_range = AVCOL_RANGE_MPEG;

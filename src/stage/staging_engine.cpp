@@ -35,7 +35,13 @@ constexpr int64_t soundBlock = 4800;     // frames per mixer block (0.1 s)
 constexpr std::size_t decodedDepth = 2;  // between the decoder and the compositor
 constexpr std::size_t composedDepth = 2; // between the compositor and the encoder
 
-Error stagingFailure(const StagingError& error) { return error.error(); }
+Error stagingFailure(const StagingJob& job, const StagingError& error)
+{
+    Error out = error.error();
+    if (job.describe)
+        out.sentence = job.describe(error);
+    return out;
+}
 
 // The recording's camera movie, read along with the screen. A camera that fails is left
 // out with a logged line; the render goes on without the bubble.
@@ -159,6 +165,8 @@ RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
     if (job.canvas)
         return {even(job.canvas->width), even(job.canvas->height)};
     int shortSide = static_cast<int>(job.quality);
+    if (job.gif)
+        shortSide = even(static_cast<int>(shortSide * 0.6));
     switch (job.look.shape) {
     case PlimLook::Shape::vertical:
     case PlimLook::Shape::iPhone:
@@ -168,7 +176,7 @@ RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
     case PlimLook::Shape::landscape:
         break;
     }
-    return RenderRules::canvasSize(job.quality, false, Size{static_cast<double>(info.width), static_cast<double>(info.height)});
+    return RenderRules::canvasSize(job.quality, job.gif, Size{static_cast<double>(info.width), static_cast<double>(info.height)});
 }
 
 Result<Setup> prepare(const StagingJob& job)
@@ -180,18 +188,18 @@ Result<Setup> prepare(const StagingJob& job)
         logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
         std::string reason = reader.error().kind == Error::Kind::missing ? "there is no movie at " + job.movie.string()
                                                                          : "it could not be opened";
-        return std::unexpected(stagingFailure(StagingError::unreadable(reason)));
+        return std::unexpected(stagingFailure(job, StagingError::unreadable(reason)));
     }
     s.reader = std::move(*reader);
     s.info = s.reader->info();
     s.rawDuration = s.info.duration;
     if (!(s.rawDuration > 0) || s.info.width < 2 || s.info.height < 2)
-        return std::unexpected(stagingFailure(StagingError::unreadable("it holds no picture to show")));
+        return std::unexpected(stagingFailure(job, StagingError::unreadable("it holds no picture to show")));
     s.sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
     s.timeline = job.plan.clipTimeline(s.rawDuration);
     s.expected = RenderRules::expectedFrames(s.timeline, s.sourceFPS, s.fps);
     if (s.expected == 0)
-        return std::unexpected(stagingFailure(StagingError::emptyEdit()));
+        return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 
     s.canvas = canvasFor(job, s.info);
     s.camera = job.reframe ? nullptr : CameraFeed::open(job.movie, job.cursor);
@@ -216,7 +224,8 @@ Result<Setup> prepare(const StagingJob& job)
 // The first failure of any stage wins and stops the others.
 class FirstFailure {
 public:
-    explicit FirstFailure(StopSource& stopAll) : m_stopAll(stopAll) {}
+    FirstFailure(StopSource& stopAll, std::function<std::string(const StagingError&)> describe)
+        : m_stopAll(stopAll), m_describe(std::move(describe)) {}
     void set(std::string sentence)
     {
         {
@@ -226,7 +235,7 @@ public:
         }
         m_stopAll.request_stop();
     }
-    void set(const StagingError& error) { set(error.sentence()); }
+    void set(const StagingError& error) { set(m_describe ? m_describe(error) : error.sentence()); }
     std::optional<std::string> sentence() const
     {
         std::lock_guard lock(m_mutex);
@@ -235,6 +244,7 @@ public:
 
 private:
     StopSource& m_stopAll;
+    std::function<std::string(const StagingError&)> m_describe;
     mutable std::mutex m_mutex;
     std::optional<std::string> m_sentence;
 };
@@ -454,26 +464,33 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
 
     const fs::path output = job.output.value_or(defaultOutput(job.movie, job.reframe));
     const fs::path partial = partialPath(output);
-    VideoSink::Settings settings{partial, s.canvas.width, s.canvas.height, s.fps, s.info.hasSound, 0};
+    const bool sound = !job.gif && (s.info.hasSound || !job.voiceovers.empty());
+    VideoSink::Settings settings{partial, s.canvas.width, s.canvas.height, s.fps, sound, 0};
     auto sink = job.makeSink ? job.makeSink(settings) : VideoSink::movie(settings);
     if (!sink) {
         std::error_code ec;
         fs::remove(partial, ec);
-        return Done::failed(writerError(sink.error(), "the writer failed").sentence());
+        return Done::failed(stagingFailure(job, writerError(sink.error(), "the writer failed")).sentence);
     }
 
     std::unique_ptr<ShareAudioMixer> mixer;
-    if (s.info.hasSound) {
-        auto plan = ShareAudioPlan::plan(job.plan, s.rawDuration, {}, true, soundSampleRate);
+    if (sound) {
+        std::vector<ShareAudioPlan::VoiceInput> inputs;
+        std::map<int, std::shared_ptr<PCMSource>> voices;
+        for (const auto& voice : job.voiceovers) {
+            voices[static_cast<int>(inputs.size())] = std::make_shared<AssetPCMSource>(voice.file, voice.label);
+            inputs.push_back(voice.input);
+        }
+        auto plan = ShareAudioPlan::plan(job.plan, s.rawDuration, inputs, s.info.hasSound, soundSampleRate);
         mixer = std::make_unique<ShareAudioMixer>(std::move(plan),
-            std::make_shared<AssetPCMSource>(job.movie, "The plim's sound"), std::map<int, std::shared_ptr<PCMSource>>{});
+            s.info.hasSound ? std::make_shared<AssetPCMSource>(job.movie, "The plim's sound") : nullptr, std::move(voices));
     }
 
     if (progress)
         progress(StagingProgress{0, s.expected});
     StopSource stopAll;
     std::stop_callback forward(stop, [&] { stopAll.request_stop(); });
-    FirstFailure failure(stopAll);
+    FirstFailure failure(stopAll, job.describe);
     std::atomic<SteadyClock::rep> lastProgress{SteadyClock::now().time_since_epoch().count()};
     BoundedQueue<DecodedPicture> decoded(decodedDepth);
     BoundedQueue<Composed> composed(composedDepth);
@@ -547,7 +564,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     fs::rename(partial, output, ec);
     if (ec) {
         fs::remove(partial, ec);
-        return Done::failed(StagingError::writerFailed("the finished file could not be named " + output.string()).sentence());
+        return Done::failed(stagingFailure(job, StagingError::writerFailed("the finished file could not be named " + output.string())).sentence);
     }
     Result result;
     result.stagedURL = output;
@@ -557,20 +574,30 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     result.rawDuration = s.rawDuration;
     result.width = s.canvas.width;
     result.height = s.canvas.height;
-    result.hasSound = s.info.hasSound;
+    result.hasSound = sound;
     return Done::finished(std::move(result));
 }
 
 plim::Result<Image> StagingEngine::frame(const StagingJob& job, double outputTime)
 {
+    auto frames = PLIM_TRY(StagingEngine::frames(job, {outputTime}));
+    return std::move(frames.front());
+}
+
+plim::Result<std::vector<Image>> StagingEngine::frames(const StagingJob& job, const std::vector<double>& outputTimes)
+{
     auto s = PLIM_TRY(prepare(job));
-    double raw = s.timeline.rawTime(std::max(0.0, outputTime)).value_or(0.0);
-    PLIM_TRY(s.reader->seek(raw));
-    auto next = PLIM_TRY(s.reader->next());
-    if (!next)
-        return std::unexpected(stagingFailure(StagingError::unreadable("no frame of it could be drawn")));
-    int64_t slot = RenderRules::slotOf(outputTime, s.fps);
-    return s.compose(next->image, raw, s.dtAtSlot(slot));
+    std::vector<Image> out;
+    for (double outputTime : outputTimes) {
+        double raw = s.timeline.rawTime(std::max(0.0, outputTime)).value_or(0.0);
+        PLIM_TRY(s.reader->seek(raw));
+        auto next = PLIM_TRY(s.reader->next());
+        if (!next)
+            return std::unexpected(stagingFailure(job, StagingError::unreadable("no frame of it could be drawn")));
+        int64_t slot = RenderRules::slotOf(outputTime, s.fps);
+        out.push_back(s.compose(next->image, raw, s.dtAtSlot(slot)));
+    }
+    return out;
 }
 
 } // namespace plim

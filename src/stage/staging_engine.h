@@ -23,7 +23,9 @@
 #include "library/library.h"
 #include "plan/plan.h"
 #include "stage/render_rules.h"
+#include "stage/share_audio_plan.h"
 #include "stage/stage_spec.h"
+#include "stage/staging_error.h"
 #include "stage/video_sink.h"
 
 #include <filesystem>
@@ -49,6 +51,17 @@ struct StagingJob {
     double fps = RenderRules::videoFPS;
     // Makes the sink at the partial path; default VideoSink::movie.
     std::function<Result<std::unique_ptr<VideoSink>>(const VideoSink::Settings&)> makeSink;
+
+    // Shares set these; a staged render leaves them alone.
+    bool gif = false;                     // the GIF canvas (0.6 of the quality's side), no sound
+    struct Voiceover {
+        std::filesystem::path file;       // its sound file
+        std::string label;                // names it in sentences
+        ShareAudioPlan::VoiceInput input; // where it plays, in output time
+    };
+    std::vector<Voiceover> voiceovers;
+    // Words a failure for the user; default StagingError::sentence.
+    std::function<std::string(const StagingError&)> describe;
 };
 
 struct StagingProgress {
@@ -75,6 +88,8 @@ public:
 
     // One output frame at `outputTime` seconds, composed as stage() would compose it.
     static plim::Result<Image> frame(const StagingJob& job, double outputTime);
+    // Several, from one opening of the movie and one renderer (thumbnails).
+    static plim::Result<std::vector<Image>> frames(const StagingJob& job, const std::vector<double>& outputTimes);
 
     // B.staged.mov, or B.reframe.mp4 for a reframe.
     static std::filesystem::path defaultOutput(const std::filesystem::path& movie, bool reframe);

@@ -33,6 +33,7 @@ Result<std::unique_ptr<VideoSink>> VideoSink::movie(const Settings& settings)
     writer.height = settings.height;
     writer.frameRate = settings.fps;
     writer.bitsPerSecond = exportBitsPerSecond(settings.width, settings.height);
+    writer.constantRate = true;
     writer.preset = exportPreset;
     writer.threads = settings.threads;
     writer.queueDepth = 2; // the engine queues composed frames itself

@@ -1,0 +1,67 @@
+#include "share/share_plim.h"
+
+#include "base/files.h"
+#include "base/log.h"
+#include "library/plim_edits.h"
+#include "library/plim_record.h"
+#include "share/share_failure.h"
+#include "share/share_options.h"
+
+namespace plim {
+
+Result<SharePlim> SharePlim::read(const fs::path& movie)
+{
+    const std::string name = movie.filename().string();
+    auto reader = MovieReader::create(movie);
+    if (!reader) {
+        logLine(LogArea::share, "could not open " + movie.string() + ": " + reader.error().sentence);
+        if (reader.error().kind == Error::Kind::missing)
+            return fail("There is no movie at " + movie.string() + ". Nothing was saved; check the path and share again.",
+                Error::Kind::missing);
+        return std::unexpected(ShareFailure::unreadable("it could not be opened"));
+    }
+    SharePlim plim;
+    plim.info = (*reader)->info();
+    if (plim.info.width < 2 || plim.info.height < 2)
+        return fail(name + " has no picture in it. Nothing was saved; record the plim again.", Error::Kind::unreadable);
+
+    StagingJob& job = plim.job;
+    job.movie = movie;
+    // A recording without a pointer track shares without a pointer; a damaged one is said.
+    if (auto cursor = CursorTrack::read(movie)) {
+        job.cursor = std::move(cursor->value);
+        for (const std::string& notice : cursor->notices)
+            logLine(LogArea::share, notice);
+    } else if (cursor.error().kind != Error::Kind::missing) {
+        return std::unexpected(cursor.error());
+    }
+    if (auto keys = KeystrokeTrack::read(movie))
+        job.keys = std::move(keys->value);
+
+    auto edits = PlimEdits::read(movie);
+    if (edits.kind == PlimEdits::ReadResult::Kind::refused || edits.kind == PlimEdits::ReadResult::Kind::unreadable)
+        return fail(edits.sentence, Error::Kind::refused);
+    PlimEdits found = edits.kind == PlimEdits::ReadResult::Kind::edits ? edits.edits : PlimEdits{};
+    job.plan = found.plan;
+    job.look = found.look.value_or(PlimLook{});
+    if (auto spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)))
+        job.spec = std::move(spec->value);
+    else if (spec.error().kind != Error::Kind::missing)
+        logLine(LogArea::share, spec.error().sentence);
+
+    const ClipTimeline timeline = job.plan.clipTimeline(plim.info.duration);
+    for (const PlimEdits::Voiceover& voice : found.voiceovers) {
+        const fs::path file = movie.parent_path() / voice.file;
+        std::error_code error;
+        if (!fs::is_regular_file(file, error))
+            return fail("The voiceover at " + ShareOptions::clock(voice.start) + " is missing its sound file (" + voice.file
+                    + "). Put the file back in the plim's folder, or delete that voiceover in the editor.",
+                Error::Kind::missing);
+        const double start = timeline.outputTime(voice.start).value_or(0.0);
+        job.voiceovers.push_back({file, "The voiceover at " + ShareOptions::clock(voice.start),
+            {start, voice.duration, voice.micUnder}});
+    }
+    return plim;
+}
+
+} // namespace plim

@@ -1,0 +1,24 @@
+#pragma once
+// A plim read for sharing: its movie opened and measured, its pointer and key tracks,
+// its edits (plan, look, voiceovers) and stage look, gathered into the staging job the
+// render runs. Reading never changes a file.
+
+#include "base/error.h"
+#include "media/movie_reader.h"
+#include "stage/staging_engine.h"
+
+#include <filesystem>
+
+namespace plim {
+
+struct SharePlim {
+    StagingJob job;
+    MovieInfo info;
+    int captionLines = 0; // caption lines to burn in (none until captions are drawn)
+
+    // Fails with a whole sentence: no movie, a movie with no picture, a track or edits file
+    // that cannot be read, a voiceover whose sound file is missing.
+    static Result<SharePlim> read(const std::filesystem::path& movie);
+};
+
+} // namespace plim

@@ -1,0 +1,168 @@
+#include "base/clock.h"
+#include "library/plim_store.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <thread>
+
+using namespace plim;
+using namespace plim::testkit;
+
+namespace {
+
+std::vector<std::string> ids(const std::vector<PlimRecord>& records)
+{
+    std::vector<std::string> out;
+    for (const PlimRecord& record : records)
+        out.push_back(record.id);
+    return out;
+}
+
+// Files are written a little apart so their creation dates order them.
+void writeApart(const fs::path& path, const std::string& text)
+{
+    writeText(path, text);
+    std::this_thread::sleep_for(std::chrono::milliseconds(15));
+}
+
+} // namespace
+
+TEST(PlimStore, GroupsByBaseNameAndHidesPartialFiles)
+{
+    const fs::path f = "/lib";
+    auto groups = PlimStore::groupMovies({"A.camera.mov", "A.cursor.json", "A.mov", "A.staged.mov", "B.partial-1A2B3C4D.mp4",
+                                             "B.staged.mov", "C.camera.mov", "D.mp4", "E.mov.partial-replaced", "notes.txt"},
+        f);
+    ASSERT_EQ(groups.size(), 4u);
+    EXPECT_EQ(groups["A"].raw, f / "A.mov");
+    EXPECT_EQ(groups["A"].staged, f / "A.staged.mov");
+    EXPECT_EQ(groups["A"].camera, f / "A.camera.mov");
+    EXPECT_TRUE(groups["A"].displayIsRawMaster);
+    EXPECT_EQ(groups["B"].raw, std::nullopt);
+    EXPECT_EQ(groups["B"].staged, f / "B.staged.mov");
+    EXPECT_FALSE(groups["B"].displayIsRawMaster);
+    EXPECT_EQ(groups["C"].camera, f / "C.camera.mov");
+    EXPECT_EQ(groups["D"].raw, f / "D.mp4");
+}
+
+TEST(PlimStore, ListsNewestFirstWithSizesCameraAndIdentities)
+{
+    TempDir dir;
+    writeApart(dir / "Old.mov", "old movie");
+    writeApart(dir / "Mid.mov", "middle");
+    writeText(dir / "Mid.staged.mov", "staged!");
+    writeText(dir / "Mid.camera.mov", "cam");
+    writeText(dir / "Mid.cursor.json", "{}");
+    writeApart(dir / "New.mov", "the newest one");
+    writeText(dir / "New.partial-0000ABCD.mp4", "in progress");
+    writeText(dir / "Lonely.camera.mov", "camera only");
+
+    ManualClock clock;
+    PlimStore store(dir.path(), clock);
+    store.refresh();
+    auto plims = store.plims();
+    ASSERT_EQ(ids(plims), (std::vector<std::string>{"New", "Mid", "Old"}));
+    const PlimRecord& mid = plims[1];
+    EXPECT_EQ(mid.rawBytes, 6);
+    EXPECT_EQ(mid.stagedBytes, 7);
+    EXPECT_EQ(mid.cameraBytes, 3);
+    EXPECT_EQ(mid.cameraURL, dir / "Mid.camera.mov");
+    EXPECT_TRUE(mid.hasCursorTrack);
+    EXPECT_FALSE(plims[0].hasCursorTrack);
+    for (const PlimRecord& record : plims) {
+        ASSERT_TRUE(record.identity) << record.id;
+        EXPECT_TRUE(fs::exists(dir / (record.id + ".id.json")));
+    }
+    EXPECT_EQ(store.reconcileCount(), 1);
+    EXPECT_FALSE(store.takeNotices().empty()); // the minted identities are reported once
+    store.refresh();
+    EXPECT_EQ(store.reconcileCount(), 1); // nothing changed: no second reconcile
+    EXPECT_TRUE(store.takeNotices().empty());
+    EXPECT_EQ(store.plims(), plims);
+
+    // An unreadable folder keeps the previous list.
+    fs::rename(dir.path(), dir.path().string() + ".away");
+    store.refresh();
+    EXPECT_EQ(ids(store.plims()), ids(plims));
+    fs::rename(dir.path().string() + ".away", dir.path());
+}
+
+TEST(PlimStore, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)
+{
+    TempDir dir, elsewhere;
+    writeApart(dir / "Moved.mov", "footage");
+    writeApart(dir / "Gone.mov", "footage 2");
+    ManualClock clock;
+    PlimStore store(dir.path(), clock);
+    store.refresh();
+    const std::string moved = *store.plims()[1].identity;
+
+    // Moved out and back within the grace: the identity stays.
+    fs::rename(dir / "Moved.mov", elsewhere / "Moved.mov");
+    fs::rename(dir / "Gone.mov", elsewhere / "Gone.mov");
+    store.refresh();
+    clock.advance(599);
+    store.refresh();
+    EXPECT_TRUE(fs::exists(dir / "Moved.id.json"));
+    fs::rename(elsewhere / "Moved.mov", dir / "Moved.mov");
+    store.refresh();
+    clock.advance(10); // Gone's identity has now been stranded 609 s
+    store.refresh();
+    EXPECT_TRUE(fs::exists(dir / "Moved.id.json"));
+    EXPECT_EQ(store.plims().at(0).identity, moved);
+    EXPECT_FALSE(fs::exists(dir / "Gone.id.json"));
+
+    // Moved's identity, stranded afresh, gets a full grace of its own.
+    fs::rename(dir / "Moved.mov", elsewhere / "Moved.mov");
+    store.refresh();
+    clock.advance(300);
+    store.refresh();
+    EXPECT_TRUE(fs::exists(dir / "Moved.id.json"));
+    clock.advance(301);
+    store.refresh();
+    EXPECT_FALSE(fs::exists(dir / "Moved.id.json"));
+    EXPECT_TRUE(store.plims().empty());
+}
+
+TEST(PlimStore, ParkedFilesGoToTheTrashWithASentence)
+{
+    XdgSandbox sandbox;
+    TempDir dir;
+    writeText(dir / "Demo.partial-replaced.mov", "a finished file");
+    PlimStore store(dir.path());
+    store.refresh();
+    EXPECT_FALSE(fs::exists(dir / "Demo.partial-replaced.mov"));
+    EXPECT_EQ(readText(sandbox.home() / ".local/share/Trash/files/Demo.partial-replaced.mov"), "a finished file");
+    EXPECT_EQ(store.takeNotices(), (std::vector<std::string>{"\"Demo.partial-replaced.mov\" is a finished file a publish left "
+                                       "parked (the render that was replacing it never landed), so it was moved to the Trash "
+                                       "rather than deleted."}));
+}
+
+TEST(PlimStore, TheFolderWatchRefreshesTheList)
+{
+    TempDir dir;
+    PlimStore store(dir.path());
+    store.refresh();
+    std::mutex lock;
+    std::condition_variable changed;
+    int changes = 0;
+    ASSERT_TRUE(store.startWatching([&] {
+        std::lock_guard hold(lock);
+        ++changes;
+        changed.notify_all();
+    }));
+    writeText(dir / "Fresh.mov", "new footage");
+    std::unique_lock hold(lock);
+    ASSERT_TRUE(changed.wait_for(hold, std::chrono::seconds(5), [&] {
+        return changes > 0 && !store.plims().empty();
+    }));
+    EXPECT_EQ(store.plims().at(0).id, "Fresh");
+    hold.unlock();
+    store.stopWatching();
+
+    PlimStore nowhere(dir / "missing");
+    EXPECT_FALSE(nowhere.startWatching({}));
+}
