@@ -1,5 +1,5 @@
 #pragma once
-// The user's Trash, as the freedesktop.org trash specification lays it out: the file moves
+// The user's Trash, in the freedesktop.org Trash layout: the file moves
 // to $XDG_DATA_HOME/Trash/files and a .trashinfo beside it in Trash/info records where it
 // came from (Path=, percent-encoded) and when (DeletionDate=, local time), so the file
 // manager can put it back. Nothing is ever deleted here.

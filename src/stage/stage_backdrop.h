@@ -19,7 +19,7 @@ struct BackdropChoice {
     double blur = 0;                             // of the picture, in pixels of a 1280-wide canvas
 };
 
-// The card look's backdrop name wins over the spec's backdrop; `wallpaper` is the desktop
+// The card look's backdrop name wins over the stage look's own backdrop; `wallpaper` is the desktop
 // picture to use for the wallpaper backdrop (asked from the desktop when absent).
 BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper);
 
