@@ -7,7 +7,7 @@
 //   capture_bench [seconds]
 
 #include "base/clock.h"
-#include "media/movie_writer.h"
+#include "media/media.h"
 
 #include <xcb/xcb.h>
 

@@ -11,14 +11,10 @@
 // GIF's canvas and 12 fps into a lossless FFV1 movie; ffmpeg's GIF is made from that movie,
 // so both GIFs start from the same pictures.
 
-#include "app/demo_plim.h"
+#include "app/app.h"
 #include "base/files.h"
-#include "media/movie_writer.h"
-#include "media/movie_reader.h"
-#include "share/gif_sink.h"
-#include "share/share_engine.h"
-#include "share/share_render.h"
-#include "share/share_plim.h"
+#include "media/media.h"
+#include "share/share.h"
 
 #include <sys/resource.h>
 

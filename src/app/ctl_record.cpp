@@ -5,11 +5,9 @@
 #include "base/log.h"
 #include "base/places.h"
 #include "base/settings.h"
-#include "capture/x11_connection.h"
-#include "library/plim_identity.h"
-#include "library/storage_root.h"
-#include "suite/graph_writer.h"
-#include "suite/suite_bus.h"
+#include "capture/capture.h"
+#include "library/library.h"
+#include "suite/suite.h"
 
 #include <atomic>
 #include <charconv>

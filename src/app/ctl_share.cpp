@@ -4,12 +4,10 @@
 #include "base/dates.h"
 #include "base/json.h"
 #include "base/places.h"
-#include "library/plim_store.h"
-#include "library/storage_root.h"
-#include "media/movie_reader.h"
-#include "share/plim_thumbs.h"
-#include "share/share_engine.h"
-#include "stage/stage_renderer.h"
+#include "library/library.h"
+#include "media/media.h"
+#include "share/share.h"
+#include "stage/stage.h"
 
 #include <unistd.h>
 

@@ -2,8 +2,8 @@
 
 #include "base/files.h"
 #include "base/log.h"
-#include "capture/x11_connection.h"
-#include "suite/graph_writer.h"
+#include "capture/capture.h"
+#include "suite/suite.h"
 
 #include <unistd.h>
 

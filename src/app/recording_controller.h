@@ -10,8 +10,8 @@
 // only hand the news over to the controlling thread.
 
 #include "base/error.h"
-#include "capture/capture_session.h"
-#include "suite/beacon.h"
+#include "capture/capture.h"
+#include "suite/suite.h"
 
 #include <filesystem>
 #include <functional>

@@ -3,6 +3,8 @@
 // where the tracks' stamps land in the movie, and the seams the recorders read from.
 // Other folders include this header only; cursor_track_reader.h is capture's own.
 
+#include "capture/camera_source.h"
+#include "capture/capture_session.h"
 #include "capture/click_source.h"
 #include "capture/cursor_recorder.h"
 #include "capture/cursor_track.h"
@@ -13,3 +15,4 @@
 #include "capture/pointer_source.h"
 #include "capture/track_placement.h"
 #include "capture/window_frame_source.h"
+#include "capture/x11_connection.h"

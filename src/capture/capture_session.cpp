@@ -6,7 +6,7 @@
 #include "capture/array_mic.h"
 #include "capture/camera_source.h"
 #include "capture/x11_input.h"
-#include "media/movie_writer.h"
+#include "media/media.h"
 
 extern "C" {
 #include <libswscale/swscale.h>

@@ -3,8 +3,8 @@
 #include "base/dates.h"
 #include "base/files.h"
 #include "base/log.h"
-#include "library/plim_record.h"
-#include "plan/edit_plan.h"
+#include "library/library.h"
+#include "plan/plan.h"
 
 #include <libheif/heif.h>
 

@@ -3,17 +3,13 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/trash.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
-#include "library/plim_edits.h"
-#include "library/plim_record.h"
-#include "media/movie_reader.h"
-#include "media/movie_writer.h"
+#include "capture/capture.h"
+#include "library/library.h"
+#include "media/media.h"
 #include "share/share_failure.h"
 #include "share/share_plim.h"
 #include "share/share_render.h"
-#include "stage/render_rules.h"
-#include "stage/stage_renderer.h"
+#include "stage/stage.h"
 
 #include <chrono>
 #include <cmath>

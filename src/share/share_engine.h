@@ -13,7 +13,7 @@
 #include "base/error.h"
 #include "share/share_options.h"
 #include "share/share_progress.h"
-#include "stage/staging_engine.h"
+#include "stage/stage.h"
 
 #include <atomic>
 #include <cstdint>

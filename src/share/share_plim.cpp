@@ -2,8 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
-#include "library/plim_edits.h"
-#include "library/plim_record.h"
+#include "library/library.h"
 #include "share/share_failure.h"
 #include "share/share_options.h"
 

@@ -7,7 +7,7 @@
 // Threads: run() blocks its caller; `progress` is called from the engine's encode thread.
 
 #include "share/share_options.h"
-#include "stage/staging_engine.h"
+#include "stage/stage.h"
 
 namespace plim {
 

@@ -3,8 +3,7 @@
 
 #include "base/files.h"
 #include "base/json.h"
-#include "capture/cursor_track.h"
-#include "capture/keystroke_track.h"
+#include "capture/capture.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"

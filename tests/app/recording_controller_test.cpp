@@ -4,7 +4,7 @@
 #include "app/recording_controller.h"
 #include "base/clock.h"
 #include "base/files.h"
-#include "suite/graph_writer.h"
+#include "suite/suite.h"
 #include "testkit/servers.h"
 #include "testkit/testkit.h"
 

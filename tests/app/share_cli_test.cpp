@@ -1,6 +1,6 @@
 // plimctl share, list and thumbs as real processes in a sandboxed home.
 #include "base/json.h"
-#include "share/plim_thumbs.h"
+#include "share/share.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 

@@ -7,7 +7,7 @@
 #include "base/clock.h"
 #include "base/files.h"
 #include "capture/capture_session.h"
-#include "media/movie_reader.h"
+#include "media/media.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"

@@ -1,4 +1,4 @@
-#include "plan/edit_plan.h"
+#include "plan/plan.h"
 #include "share/plim_thumbs.h"
 #include "testkit/test_movies.h"
 

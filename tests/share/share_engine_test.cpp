@@ -1,11 +1,9 @@
 // Shares of real movies, checked with ffprobe, giflib and by their sound: sizes, rates and
 // bit rates, GIF timing, stop and stall leaving nothing, unique names, original copies,
 // voiceovers ducking the recording.
-#include "library/plim_edits.h"
+#include "library/library.h"
 #include "base/dates.h"
-#include "media/movie_reader.h"
-#include "media/movie_writer.h"
-#include "media/sound_reader.h"
+#include "media/media.h"
 #include "share/gif_check.h"
 #include "share/share_engine.h"
 #include "testkit/test_movies.h"

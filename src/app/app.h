@@ -1,0 +1,5 @@
+#pragma once
+// App: the plim and plimctl commands over the subsystems below. Benchmarks and tools reach
+// the demo plim's maker through this header.
+
+#include "app/demo_plim.h"
