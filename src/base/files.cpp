@@ -28,6 +28,12 @@ static std::string tooLarge(uint64_t bytes)
     return "it holds " + sizeText(bytes) + ", far more than such a file can";
 }
 
+bool isOrdinaryFile(const fs::path& path, size_t limit)
+{
+    struct stat info {};
+    return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && static_cast<uint64_t>(info.st_size) <= limit;
+}
+
 Result<std::string> readFileBytes(const fs::path& path, size_t limit)
 {
     // Non-blocking, so a pipe in the file's place cannot hold the reader forever.

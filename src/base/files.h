@@ -23,6 +23,10 @@ inline constexpr size_t maxSideFileBytes = size_t(1) << 30;
 // put in brackets inside their own sentence: "Permission denied", "it is a folder".
 Result<std::string> readFileBytes(const fs::path& path, size_t limit = maxSideFileBytes);
 
+// An ordinary file of a size a side file can have (not a folder, pipe, device or giant),
+// following links; false when it cannot be looked at.
+bool isOrdinaryFile(const fs::path& path, size_t limit = maxSideFileBytes);
+
 // Writes through a temporary file in the same folder, flushed and renamed over `path`.
 // On failure nothing at `path` changes and the temporary file is removed.
 Status writeFileAtomic(const fs::path& path, std::string_view bytes);

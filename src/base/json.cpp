@@ -1,6 +1,7 @@
 #include "base/json.h"
 
 #include "base/dates.h"
+#include "base/text.h"
 
 #include <algorithm>
 #include <cctype>
@@ -43,6 +44,31 @@ Result<Json> parseJson(std::string_view text)
     if (value.is_discarded())
         return fail("it is not valid JSON", Error::Kind::corrupt);
     return value;
+}
+
+std::string jsonParseProblem(std::string_view text)
+{
+    if (jsonNestingDepth(text) > maxJsonDepth)
+        return "Its values nest more than " + std::to_string(maxJsonDepth) + " deep, far deeper than any Plim file.";
+    std::string what;
+    try {
+        Json parsed = Json::parse(text);
+        (void)parsed;
+        return "It is not valid JSON.";
+    } catch (const Json::out_of_range&) {
+        what = "A number in it is too large to hold";
+    } catch (const Json::exception& e) {
+        what = e.what();
+        if (auto close = what.find("] "); what.starts_with("[json.exception") && close != std::string::npos)
+            what = what.substr(close + 2);
+    }
+    what = escapedText(what);
+    if (what.empty())
+        return "It is not valid JSON.";
+    what[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(what[0])));
+    if (what.back() != '.')
+        what += '.';
+    return what;
 }
 
 Result<Json> readJsonFile(const fs::path& path)

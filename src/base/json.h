@@ -28,6 +28,11 @@ Result<Json> readJsonFile(const fs::path& path);
 // Parses text; errors as for readJsonFile.
 Result<Json> parseJson(std::string_view text);
 
+// Why text that failed to parse is not JSON, as the parser puts it, made into one sentence
+// for people: the library's bracketed tag dropped, stray bytes escaped, a full stop at the end
+// ("Parse error at line 1, column 13: ... expected '}'.").
+std::string jsonParseProblem(std::string_view text);
+
 // How deep arrays and objects nest in JSON text (0 for a scalar), counting past the
 // limit no further than limit + 1; strings are skipped.
 int jsonNestingDepth(std::string_view text, int limit = maxJsonDepth);

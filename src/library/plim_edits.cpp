@@ -40,26 +40,6 @@ std::string kindOfJson(const Json& value)
     return "nothing";
 }
 
-// The parser's own description, without the library's bracketed tag, as one sentence.
-std::string parseFailureDescription(std::string_view text)
-{
-    try {
-        Json parsed = Json::parse(text);
-        (void)parsed;
-    } catch (const Json::parse_error& e) {
-        std::string what = e.what();
-        if (auto close = what.find("] "); what.rfind("[json.exception", 0) == 0 && close != std::string::npos)
-            what = what.substr(close + 2);
-        if (!what.empty())
-            what[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(what[0])));
-        if (!what.empty() && what.back() != '.')
-            what += '.';
-        return what;
-    } catch (const std::exception& e) {
-        return std::string("It is not valid JSON (") + e.what() + ").";
-    }
-    return "It is not valid JSON.";
-}
 
 std::optional<Json> readPlim3Stage(const fs::path& movie)
 {
@@ -83,7 +63,7 @@ std::optional<Json> readPlim3Stage(const fs::path& movie)
 
 std::string plimNameAndVersion() { return "Plim " + std::string(plimVersion); }
 
-std::string refusedEditsSentence(std::string_view sourceName, std::optional<std::string> writtenBy, int64_t version)
+std::string refusedEditsSentence(std::string_view sourceName, std::optional<std::string> writtenBy, uint64_t version)
 {
     std::string writer = writtenBy ? trimmed(*writtenBy) : std::string();
     if (writer.empty())
@@ -146,6 +126,9 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
     std::optional<std::string> writtenBy = jsonString(value, "writtenBy");
     int64_t version = 1;
     if (const Json* v = jsonField(value, "version")) {
+        // Too large for a signed number, yet still a whole one: a format from far in the future.
+        if (v->is_number_unsigned() && v->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX))
+            return withStage(ReadResult::ofRefused(refusedEditsSentence(sourceName, writtenBy, v->get<uint64_t>())));
         auto whole = jsonAsInteger(*v);
         if (!whole)
             return withStage(
@@ -153,7 +136,7 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
         version = *whole;
     }
     if (version >= 3)
-        return withStage(ReadResult::ofRefused(refusedEditsSentence(sourceName, writtenBy, version)));
+        return withStage(ReadResult::ofRefused(refusedEditsSentence(sourceName, writtenBy, static_cast<uint64_t>(version))));
     if (version < 1)
         return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
             sourceName, "The version field says " + std::to_string(version) + ", and edit formats start at 1.")));
@@ -250,14 +233,14 @@ PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
     if (!bytes) {
         if (bytes.error().kind == Error::Kind::missing)
             return finish(ReadResult::ofNone());
-        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().sentence)));
+        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().sentence, isOrdinaryFile(path))));
     }
     if (bytes->empty())
         return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, "The file is empty.")));
-    Json value = Json::parse(*bytes, nullptr, false);
-    if (value.is_discarded())
-        return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, parseFailureDescription(*bytes))));
-    return finish(decode(value, name, stage));
+    auto value = parseJson(*bytes);
+    if (!value)
+        return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, jsonParseProblem(*bytes))));
+    return finish(decode(*value, name, stage));
 }
 
 Json PlimEdits::toJson(std::string_view writer) const
@@ -293,6 +276,18 @@ Status PlimEdits::write(const fs::path& besideMovie, std::string_view writer) co
         return fail("The edits for " + baseName(besideMovie) +
                     " hold a number that is not finite, so they were not written. " + path.filename().string() +
                     " was left as it was.");
+    // JSON holds only UTF-8 text: a name with other bytes would be saved as something else
+    // and no longer name its file.
+    std::vector<std::string_view> names;
+    for (const auto& v : voiceovers)
+        names.push_back(v.file);
+    if (captionsFile)
+        names.push_back(*captionsFile);
+    for (std::string_view name : names)
+        if (!isValidUtf8(name))
+            return fail("The edits for " + baseName(besideMovie) + " name the file " + escapedText(name) +
+                        ", whose name is not valid UTF-8 text, so they were not written. " +
+                        path.filename().string() + " was left as it was; rename that file and add it again.");
     return writeJsonAtomic(path, json);
 }
 

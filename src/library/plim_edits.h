@@ -90,7 +90,7 @@ struct PlimEdits::ReadResult {
 };
 
 // The refusal sentence for an edits file of a newer format.
-std::string refusedEditsSentence(std::string_view sourceName, std::optional<std::string> writtenBy, int64_t version);
+std::string refusedEditsSentence(std::string_view sourceName, std::optional<std::string> writtenBy, uint64_t version);
 // The sentence for an edits file that could not be decoded.
 std::string unreadableEditsSentence(std::string_view sourceName, std::string_view description);
 

@@ -221,9 +221,10 @@ struct EditPlan {
     static Decoded<std::optional<EditPlan>> decodeBesideMovie(const fs::path& movie);
 };
 
-// The sentences a decode logs.
+// The sentences a decode logs. `ordinaryFile` says the file is an ordinary file, which
+// a pending download or changed permissions could explain (a folder could not).
 namespace plan_notices {
-std::string unreadable(std::string_view source, std::string_view systemError);
+std::string unreadable(std::string_view source, std::string_view systemError, bool ordinaryFile = true);
 std::string undecodable(std::string_view source, std::string_view fileError);
 std::string droppedFields(std::string_view source, const std::vector<std::string>& keys);
 std::string droppedCuts(std::string_view source, const std::vector<std::string>& labels);

@@ -338,22 +338,15 @@ Decoded<std::optional<EditPlan>> EditPlan::decode(const fs::path& path)
     auto bytes = readFileBytes(path);
     if (!bytes) {
         if (bytes.error().kind == Error::Kind::unreadable)
-            return refused(plan_notices::unreadable(source, bytes.error().sentence));
+            return refused(plan_notices::unreadable(source, bytes.error().sentence, isOrdinaryFile(path)));
         return {};
     }
     if (trimmed(*bytes).empty())
         return refused(plan_notices::undecodable(source, "The file is empty."));
-    Json value;
-    try {
-        value = Json::parse(*bytes);
-    } catch (const Json::exception& error) {
-        // Drop the library's "[json.exception.parse_error.101] " tag.
-        std::string what = error.what();
-        if (auto close = what.find("] "); what.starts_with("[json.exception") && close != std::string::npos)
-            what = what.substr(close + 2);
-        return refused(plan_notices::undecodable(source, withFullStop(what)));
-    }
-    auto plan = fromJson(value, source);
+    auto value = parseJson(*bytes);
+    if (!value)
+        return refused(plan_notices::undecodable(source, jsonParseProblem(*bytes)));
+    auto plan = fromJson(*value, source);
     if (!plan)
         return refused(plan_notices::undecodable(source, plan.error().sentence));
     return {std::move(plan->value), std::move(plan->notices)};
@@ -388,14 +381,16 @@ Status EditPlan::writeRendered(const fs::path& movie) const
 
 namespace plan_notices {
 
-std::string unreadable(std::string_view source, std::string_view systemError)
+std::string unreadable(std::string_view source, std::string_view systemError, bool ordinaryFile)
 {
-    return std::string(source)
+    std::string sentence = std::string(source)
         + " is on disk but could not be read, so this plim falls back to its automatic edit. "
           "Your edits are still in that file, untouched. The system says: "
-        + withFullStop(systemError)
-        + " A file still waiting to download from a network or cloud folder, or one whose permissions "
-          "changed, reads exactly like this.";
+        + withFullStop(systemError);
+    if (ordinaryFile)
+        sentence += " A file still waiting to download from a network or cloud folder, or one whose permissions "
+                    "changed, reads exactly like this.";
+    return sentence;
 }
 
 std::string undecodable(std::string_view source, std::string_view fileError)

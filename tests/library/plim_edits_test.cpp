@@ -106,7 +106,9 @@ TEST(PlimEdits, NewerVersionsAreRefusedAndBadOnesUnreadable)
              {R"({"version": 0})", Kind::unreadable, bad + "says 0, and edit formats start at 1."},
              {R"({"version": 3, "writtenBy": "   "})", Kind::refused, "B.edits.json was saved by a newer Plim (edit format 3)" + newer},
              {R"({"version": 3.0})", Kind::refused, "B.edits.json was saved by a newer Plim (edit format 3)" + newer},
-             {R"({"version": 7, "writtenBy": "  Plim 9.2 "})", Kind::refused, "B.edits.json was saved by Plim 9.2" + newer}}) {
+             {R"({"version": 7, "writtenBy": "  Plim 9.2 "})", Kind::refused, "B.edits.json was saved by Plim 9.2" + newer},
+             {R"({"version": 18446744073709551615})", Kind::refused,
+                 "B.edits.json was saved by a newer Plim (edit format 18446744073709551615)" + newer}}) {
         auto read = decode(Json::parse(text));
         EXPECT_EQ(std::pair(read.kind, read.sentence), std::pair(kind, sentence)) << text;
     }
@@ -137,6 +139,8 @@ TEST(PlimEdits, FilesThatCannotBeUsedAreReportedAndLeftAlone)
     EXPECT_FALSE(fs::exists(file));
     for (auto [bytes, says] : std::vector<std::pair<std::string, std::string>>{{"", "The file says: The file is empty."},
              {"{\"trimIn\": 1,", "The file says: Parse error at line 1"},
+             {"{\"trimIn\": 1e400}", "The file says: A number in it is too large to hold."},
+             {"{\"trimIn\": \"\xff", "last read: '\"\\xff'."},
              {"[1, 2]", "The file says: It holds a list where the edits belong."},
              {R"({"version": 4})", "which is newer than this Plim 0.1.0."}}) {
         writeText(file, bytes);
@@ -155,6 +159,23 @@ TEST(PlimEdits, FilesThatCannotBeUsedAreReportedAndLeftAlone)
     EXPECT_EQ(edits.write(movie, plimNameAndVersion()).error().sentence, "The edits for B hold a number that is not "
         "finite, so they were not written. B.edits.json was left as it was.");
     EXPECT_EQ(readText(file), before);
+
+    // Nor a file name that JSON cannot hold as it is.
+    edits.voiceovers = {PlimEdits::Voiceover{idA, 0, 1, "take\xff.m4a"}};
+    EXPECT_EQ(edits.write(movie, plimNameAndVersion()).error().sentence, "The edits for B name the file take\\xff.m4a, "
+        "whose name is not valid UTF-8 text, so they were not written. B.edits.json was left as it was; rename that "
+        "file and add it again.");
+    edits.voiceovers.clear();
+    edits.captionsFile = "B\xc3.captions.json";
+    EXPECT_FALSE(edits.write(movie, plimNameAndVersion()));
+    EXPECT_EQ(readText(file), before);
+
+    // A folder in the file's place is no download in progress.
+    fs::remove(file);
+    fs::create_directory(file);
+    auto folder = PlimEdits::read(movie);
+    EXPECT_NE(folder.sentence.find("it is a folder, not a file."), std::string::npos) << folder.sentence;
+    EXPECT_EQ(folder.sentence.find("download"), std::string::npos) << folder.sentence;
 }
 
 TEST(PlimEdits, AnOlderStageFileIsReadBesideTheEditsAndNeverWritten)
