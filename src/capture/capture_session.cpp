@@ -272,6 +272,7 @@ public:
     void onFrame(CapturedFrame&& frame)
     {
         Image fitted = fitter->fit(frame.image);
+        bool first = false;
         {
             std::lock_guard guard(lock);
             if (ended || pauses.pausedAt(frame.uptime))
@@ -283,10 +284,15 @@ public:
             if (!firstFrameUptime) {
                 firstFrameUptime = frame.uptime;
                 firstTrackSeconds = trackSecondsAt(frame.uptime);
+                first = true;
             }
             queue.push_back(VideoItem{std::move(fitted), trackSecondsAt(frame.uptime)});
             ++videoQueued;
         }
+        // The journal learns the offset now, so a track rebuilt after a kill places its
+        // stamps where the final track would.
+        if (first && cursor)
+            cursor->setVideoStartOffsetMS(static_cast<int64_t>((frame.uptime - cursor->startUptime()) * 1000.0));
         wake.notify_one();
     }
 

@@ -132,6 +132,12 @@ void CursorRecorder::stopThreads()
     }
 }
 
+void CursorRecorder::setVideoStartOffsetMS(int64_t offsetMS)
+{
+    std::lock_guard lock(m_lock);
+    m_track.videoStartOffsetMS = offsetMS;
+}
+
 Status CursorRecorder::journalOnce()
 {
     std::lock_guard journal(m_journalLock);
@@ -144,7 +150,7 @@ Status CursorRecorder::journalOnce()
             return {};
         movie = *m_flushMovie;
         const CursorTrack& t = m_track;
-        upTo = {t.samples.size(), t.clicks.size(), t.marks.size(), t.frames.size(), true};
+        upTo = {t.samples.size(), t.clicks.size(), t.marks.size(), t.frames.size(), t.videoStartOffsetMS, true};
         if (upTo == m_journaled)
             return {}; // nothing new since the last line
         chunk = CursorTrack{t.displayX, t.displayY, t.displayWidth, t.displayHeight, t.scale, t.videoStartOffsetMS,

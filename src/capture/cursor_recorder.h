@@ -82,6 +82,10 @@ public:
     // movie starts a new journal.
     void setFlushMovie(std::optional<fs::path> movie);
 
+    // The movie's first frame came this long after start: kept in the track and carried
+    // by the next journal line.
+    void setVideoStartOffsetMS(int64_t offsetMS);
+
     // One journal step: appends what was added since the last one (the journal thread's
     // work; tests call it directly). Costs in proportion to what is new. A failed append
     // is retried with the same entries on the next step.
@@ -128,6 +132,7 @@ private:
     // How many entries of each list the journal already holds.
     struct Journaled {
         size_t samples = 0, clicks = 0, marks = 0, frames = 0;
+        int64_t videoStartOffsetMS = 0;
         bool started = false; // the journal has its first line
         bool operator==(const Journaled&) const = default;
     } m_journaled;

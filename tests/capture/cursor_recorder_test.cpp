@@ -190,12 +190,17 @@ TEST(CursorRecorder, TheJournalTakesWhatIsNewAndTheFinalWriteFoldsItIn)
     EXPECT_LT(second * 5, first);
     ASSERT_TRUE(rig.recorder.journalOnce()); // nothing new: nothing written
     EXPECT_EQ(fs::file_size(journal), first + second);
+    // The first frame's offset alone is worth a line, so a rebuilt track places stamps right.
+    rig.recorder.setVideoStartOffsetMS(250);
+    ASSERT_TRUE(rig.recorder.journalOnce());
+    EXPECT_GT(fs::file_size(journal), first + second);
 
     // Killed now, the track is rebuilt from the journal, with a notice; nothing is changed.
     std::string bytes = readText(journal);
     auto rebuilt = CursorTrack::read(movie);
     ASSERT_TRUE(rebuilt) << rebuilt.error().sentence;
     EXPECT_EQ(rebuilt->value, rig.recorder.snapshot());
+    EXPECT_EQ(rebuilt->value.videoStartOffsetMS, 250);
     ASSERT_EQ(rebuilt->notices.size(), 1u);
     EXPECT_TRUE(rebuilt->notices[0].starts_with("B.cursor.json was never finished")) << rebuilt->notices[0];
     EXPECT_EQ(readText(journal), bytes);

@@ -149,5 +149,39 @@ TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
     EXPECT_LT(uint8_t(last.out[1]), 60);
 }
 
+TEST_F(ScreenCaptureTest, AServerThatGoesAwayEndsTheRecordingEarlyAndKeepsWhatWasRecorded)
+{
+    TestWindow window(x.display(), 0, 0, 800, 600, 0x3366cc);
+    CaptureSettings settings;
+    settings.subject = ScreenSubject::display();
+    settings.display = x.display();
+    auto devices = openDevices(settings);
+    ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
+    std::atomic<bool> ended{false};
+    std::string headline;
+    CaptureSession::Options options;
+    options.movie = folder / "Gone.mov";
+    options.onEnded = [&](const std::string& h) {
+        headline = h;
+        ended = true;
+    };
+    auto session = CaptureSession::start(settings, std::move(*devices), options);
+    ASSERT_TRUE(session.has_value()) << session.error().sentence;
+    std::this_thread::sleep_for(1500ms);
+    x.stop();
+    for (int i = 0; i < 200 && !ended; ++i)
+        std::this_thread::sleep_for(20ms);
+    ASSERT_TRUE(ended.load());
+    EXPECT_TRUE(headline.starts_with("Recording ended early at ")) << headline;
+    auto outcome = (*session)->finish();
+    ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
+    EXPECT_EQ(outcome.value.failure, headline);
+    EXPECT_GT(outcome.value.frames, 20);
+    auto probe = runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
+        "stream=nb_read_frames", "-of", "csv=p=0", options.movie.string()});
+    EXPECT_GT(std::atoi(probe.out.c_str()), 20) << probe.err;
+    EXPECT_TRUE(CursorTrack::read(options.movie).has_value());
+}
+
 } // namespace
 } // namespace plim

@@ -18,6 +18,8 @@ public:
     ~XvfbServer();
     bool isUp() const { return m_up; }
     const std::string& display() const { return m_display; } // ":N"
+    // Ends the server now, as a crash or a logout would.
+    void stop() { m_process.reset(); }
 
 private:
     std::string m_display;
