@@ -263,13 +263,11 @@ void PlimDocument::setClipEnd(std::string_view id, double to)
     });
 }
 
-PlimDocument::SplitResult PlimDocument::splitClip(double at)
+Result<PlimDocument::SplitClips> PlimDocument::splitClip(double at)
 {
-    SplitResult result;
-    if (!finite(at)) {
-        result.refusal = splitOffClipSentence();
-        return result;
-    }
+    if (!finite(at))
+        return fail(splitOffClipSentence(), Error::Kind::refused);
+    Result<SplitClips> result;
     change([&](PlimEdits& e) {
         auto clips = clipsFor(e);
         std::vector<RemapStep> rates;
@@ -280,7 +278,7 @@ PlimDocument::SplitResult PlimDocument::splitClip(double at)
         auto piece = timeline.pieceAt(at);
         auto raw = timeline.rawTime(at);
         if (!piece || !raw || *piece >= timeline.pieces.size()) {
-            result.refusal = splitOffClipSentence();
+            result = fail(splitOffClipSentence(), Error::Kind::refused);
             return;
         }
         const auto& playing = timeline.pieces[*piece];
@@ -288,17 +286,16 @@ PlimDocument::SplitResult PlimDocument::splitClip(double at)
             return c.id == playing.id && c.start <= *raw && *raw <= c.end;
         });
         if (clip == clips.end()) {
-            result.refusal = splitOffClipSentence();
+            result = fail(splitOffClipSentence(), Error::Kind::refused);
             return;
         }
         if (*raw - clip->start < minimumSpan || clip->end - *raw < minimumSpan) {
-            result.refusal = splitNearEndSentence();
+            result = fail(splitNearEndSentence(), Error::Kind::refused);
             return;
         }
         PlimClip right{makeUuid(), *raw, clip->end};
         clip->end = *raw;
-        result.leftID = clip->id;
-        result.rightID = right.id;
+        result = SplitClips{clip->id, right.id};
         clips.insert(clip + 1, right);
         storeClips(e, std::move(clips));
     });

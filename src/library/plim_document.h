@@ -51,11 +51,9 @@ public:
         bool operator==(const SaveFailure&) const = default;
     };
 
-    struct SplitResult {
-        std::optional<std::string> refusal; // set when nothing was split
-        std::string leftID;                 // the clip that was cut (keeps its id)
-        std::string rightID;                // the new clip after it
-        bool succeeded() const { return !refusal; }
+    struct SplitClips {
+        std::string leftID;  // the clip that was cut (keeps its id)
+        std::string rightID; // the new clip after it
     };
 
     // The edits a plim starts from when it has none it can use (its automatic edit).
@@ -107,7 +105,7 @@ public:
     void setClipStart(std::string_view id, double to);
     void setClipEnd(std::string_view id, double to);
     // Cuts the clip under the playhead (output seconds) in two.
-    SplitResult splitClip(double at);
+    Result<SplitClips> splitClip(double at);
     void moveClip(std::string_view id, size_t toIndex);
     Status deleteClip(std::string_view id);
     // The timeline's clips: the stored ones, or when there are none the kept stretches

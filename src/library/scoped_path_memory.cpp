@@ -33,7 +33,7 @@ std::string ScopedPathMemory::displayName(const fs::path& path, Kind kind)
     return "\"" + name + "\"";
 }
 
-std::optional<std::string> ScopedPathMemory::remember(const fs::path& path, const std::string& key)
+Status ScopedPathMemory::remember(const fs::path& path, const std::string& key)
 {
     std::error_code ec;
     fs::path absolute = path.is_absolute() ? path : fs::absolute(path, ec);
@@ -41,22 +41,16 @@ std::optional<std::string> ScopedPathMemory::remember(const fs::path& path, cons
         absolute = path;
     Status stored = m_defaults.setValue(key, absolute.lexically_normal().string());
     if (stored)
-        return std::nullopt;
+        return {};
     bool isFolder = fs::is_directory(absolute, ec);
     std::string sentence = "Plim: could not remember " + displayName(absolute, isFolder ? Kind::folder : Kind::file)
         + " beyond this launch (" + clause(stored.error().sentence) + "). It will work until Plim quits, and then Plim "
           "will ask for it again.";
     logLine(sentence);
-    return sentence;
+    return fail(sentence);
 }
 
-std::optional<std::string> ScopedPathMemory::forget(const std::string& key)
-{
-    Status removed = m_defaults.remove(key);
-    if (removed)
-        return std::nullopt;
-    return removed.error().sentence;
-}
+Status ScopedPathMemory::forget(const std::string& key) { return m_defaults.remove(key); }
 
 ScopedPathMemory::Recall ScopedPathMemory::recall(const std::string& key, Kind kind) const
 {

@@ -36,11 +36,11 @@ public:
     explicit ScopedPathMemory(SettingsStore& defaults) : m_defaults(defaults) {}
 
     // Stores the path under `key`. When the store refuses, the sentence saying the choice
-    // lasts only until Plim quits (also logged).
-    std::optional<std::string> remember(const fs::path& path, const std::string& key);
+    // lasts only until Plim quits (also logged), of kind `failed`.
+    Status remember(const fs::path& path, const std::string& key);
     Recall recall(const std::string& key, Kind kind) const;
     // Drops the remembered location; the store's sentence when it refuses.
-    std::optional<std::string> forget(const std::string& key);
+    Status forget(const std::string& key);
 
     // The name sentences use: the last part of the path, or "the folder you picked".
     static std::string displayName(const fs::path& path, Kind kind);

@@ -23,7 +23,11 @@ PlimDocument makeDocument(double duration = 10, bool phone = false, std::optiona
 template<typename T>
 std::pair<double, double> span(const T& item) { return {item.start, item.end}; }
 
-std::string refusal(const Status& status) { return status ? "(done)" : status.error().sentence; }
+template<typename R>
+std::string refusal(const R& result)
+{
+    return result ? "(done)" : result.error().sentence;
+}
 
 const std::string clipA = "7A4E0C11-0000-4000-8000-000000000010";
 const std::string clipB = "7A4E0C11-0000-4000-8000-000000000011";
@@ -101,15 +105,19 @@ TEST(PlimDocument, TrimsKeepHalfASecondInsideTheRecordingOrMoveTheOuterClipEdges
 TEST(PlimDocument, ClipsSplitMoveAndDeleteWithTheirRefusals)
 {
     auto doc = makeDocument(20, false, std::vector<PlimClip>{{clipA, 0, 4}, {clipB, 10, 16}});
-    auto split = doc.splitClip(6); // output 6 is 2 s into the second clip: raw 12
+    auto cut = doc.splitClip(6); // output 6 is 2 s into the second clip: raw 12
+    ASSERT_TRUE(cut) << cut.error().sentence;
+    auto split = *cut;
     EXPECT_EQ(split.leftID, clipB);
     EXPECT_TRUE(isUuid(split.rightID));
     EXPECT_EQ(doc.edits().plan.clips, (std::vector<PlimClip>{{clipA, 0, 4}, {clipB, 10, 12}, {split.rightID, 12, 16}}));
 
     const PlimEdits beforeRefusals = doc.edits();
-    EXPECT_EQ(doc.splitClip(4.2).refusal, "Move the playhead away from the clip's ends to cut there.");
-    EXPECT_EQ(doc.splitClip(9.8).refusal, splitNearEndSentence());
-    EXPECT_EQ(doc.splitClip(40).refusal, "Move the playhead onto a clip to cut it there.");
+    auto nearEnd = doc.splitClip(4.2);
+    ASSERT_FALSE(nearEnd);
+    EXPECT_EQ(nearEnd.error(), (Error{"Move the playhead away from the clip's ends to cut there.", Error::Kind::refused}));
+    EXPECT_EQ(refusal(doc.splitClip(9.8)), splitNearEndSentence());
+    EXPECT_EQ(refusal(doc.splitClip(40)), "Move the playhead onto a clip to cut it there.");
     EXPECT_EQ(doc.edits(), beforeRefusals);
 
     doc.moveClip(split.rightID, 0);
@@ -125,10 +133,11 @@ TEST(PlimDocument, ClipsSplitMoveAndDeleteWithTheirRefusals)
     trimmed.setTrimIn(1);
     trimmed.setTrimOut(9);
     EXPECT_EQ(trimmed.clips(), (std::vector<PlimClip>{{PlimClip::idForNumber(0), 1, 9}}));
-    split = trimmed.splitClip(3); // output 3 = raw 4
+    auto later = trimmed.splitClip(3); // output 3 = raw 4
     auto edge = trimmed.splitClip(0.5); // exactly half a second into the clip is far enough from its end
+    ASSERT_TRUE(later && edge);
     EXPECT_EQ(trimmed.edits().plan.clips,
-        (std::vector<PlimClip>{{PlimClip::idForNumber(0), 1, 1.5}, {edge.rightID, 1.5, 4}, {split.rightID, 4, 9}}));
+        (std::vector<PlimClip>{{PlimClip::idForNumber(0), 1, 1.5}, {edge->rightID, 1.5, 4}, {later->rightID, 4, 9}}));
 }
 
 TEST(PlimDocument, BlurBoxesMoveHalfOutButResizeOnlyInside)

@@ -22,7 +22,7 @@ TEST(ScopedPathMemory, RemembersAcrossARelaunchButNotThroughAStoreThatRefuses)
     fs::create_directory(exports);
     {
         FileSettingsStore settings(Places::settingsFile());
-        EXPECT_EQ(ScopedPathMemory(settings).remember(exports, "share.folder"), std::nullopt);
+        EXPECT_TRUE(ScopedPathMemory(settings).remember(exports, "share.folder"));
     }
     // A new store over the same file stands for the next launch.
     FileSettingsStore settings(Places::settingsFile());
@@ -30,7 +30,7 @@ TEST(ScopedPathMemory, RemembersAcrossARelaunchButNotThroughAStoreThatRefuses)
     EXPECT_EQ(memory.recall("share.folder", Kind::folder), Recall::at(exports, Kind::folder));
     EXPECT_EQ(memory.recall("share.folder", Kind::folder).sentence(), std::nullopt);
     EXPECT_EQ(memory.recall("never.set", Kind::folder), Recall::nothing());
-    EXPECT_EQ(memory.forget("share.folder"), std::nullopt);
+    EXPECT_TRUE(memory.forget("share.folder"));
     EXPECT_EQ(memory.recall("share.folder", Kind::folder), Recall::nothing());
 
     const std::string broken = "{ \"share.folder\": ";
@@ -38,7 +38,9 @@ TEST(ScopedPathMemory, RemembersAcrossARelaunchButNotThroughAStoreThatRefuses)
     FileSettingsStore brokenSettings(Places::settingsFile());
     ScopedPathMemory refused(brokenSettings);
     LogCapture log;
-    auto sentence = refused.remember(exports, "share.folder").value_or("");
+    auto stored = refused.remember(exports, "share.folder");
+    ASSERT_FALSE(stored);
+    const std::string sentence = stored.error().sentence;
     EXPECT_EQ(sentence.rfind("Plim: could not remember \"Exports\" beyond this launch (Plim could not read its settings "
                              "file ", 0), 0u);
     EXPECT_NE(sentence.find("). It will work until Plim quits, and then Plim will ask for it again."), std::string::npos);
