@@ -1,10 +1,15 @@
 // The plim and plimctl executables, run as real processes in a sandboxed home.
+#include "app/app_runtime.h"
+#include "app/stage_cli.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+using namespace plim;
 using namespace plim::testkit;
+using testing::HasSubstr;
 
 namespace {
 
@@ -72,17 +77,15 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
     writeText(dir / "B.edits.json", R"({"trimOut": 0.5})");
     auto result = plimRun({"--reframe", (dir / "A.mov").string(), "--stage", (dir / "B.mov").string()});
     ASSERT_EQ(result.status, 0) << result.err;
-    EXPECT_NE(result.out.find("staging 0%\n"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("staging 100%\n"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("staged: " + (dir / "B.staged.mov").string() + "\n"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find(" for 3.0s of plim · out 0.5s · 0 zooms · 0 skips · 0 cuts · trim 0.0–0.5s\n"),
-        std::string::npos)
-        << result.out;
+    EXPECT_THAT(result.out, HasSubstr("staging 0%\n"));
+    EXPECT_THAT(result.out, HasSubstr("staging 100%\n"));
+    EXPECT_THAT(result.out, HasSubstr("staged: " + (dir / "B.staged.mov").string() + "\n"));
+    EXPECT_THAT(result.out, HasSubstr(" for 3.0s of plim · out 0.5s · 0 zooms · 0 skips · 0 cuts · trim 0.0–0.5s\n"));
     EXPECT_TRUE(lastLine(result.out).starts_with("render: ")) << result.out;
     EXPECT_FALSE(fs::exists(dir / "A.staged.mov"));
     EXPECT_FALSE(fs::exists(dir / "A.reframe.mp4"));
-    EXPECT_NE(result.err.find("automatic updates are off in this process because this process is a headless render"),
-        std::string::npos);
+    EXPECT_THAT(
+        result.err, HasSubstr("automatic updates are off in this process because this process is a headless render"));
 
     auto probe = ffprobe(dir / "B.staged.mov");
     EXPECT_EQ(probe.width, 1728); // 1080 lines at the recording's 16:10
@@ -90,8 +93,8 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
     EXPECT_EQ(probe.frames, 30);
     EXPECT_TRUE(probe.hasAudio);
     // The plan used is written back as the plim's edits.
-    EXPECT_NE(readText(dir / "B.edits.json").find("\"trimOut\": 0.5"), std::string::npos);
-    EXPECT_NE(readText(dir / "B.edits.json").find("\"writtenBy\""), std::string::npos);
+    EXPECT_THAT(readText(dir / "B.edits.json"), HasSubstr("\"trimOut\": 0.5"));
+    EXPECT_THAT(readText(dir / "B.edits.json"), HasSubstr("\"writtenBy\""));
 
     // A movie that cannot be read: the failure form, and the plim exactly as it was.
     writeText(dir / "A.mov", "not a movie");
@@ -144,7 +147,7 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
         args.insert(args.end(), r.args.begin(), r.args.end());
         auto refused = ctl(args);
         EXPECT_EQ(refused.status, 1);
-        EXPECT_NE(refused.err.find(r.says), std::string::npos) << refused.err;
+        EXPECT_THAT(refused.err, HasSubstr(r.says));
     }
     fs::remove_all(dir / "out");
     EXPECT_EQ(folderContents(dir.path()), before);
@@ -154,10 +157,9 @@ TEST_F(CliTest, WithoutARenderPlimRunsStartUpAndSaysThereIsNoInterface)
 {
     auto result = plimRun({"--stage"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_NE(result.out.find("desktop interface is not part of this build"), std::string::npos);
-    EXPECT_NE(result.err.find("Plim: automatic updates are off in this process because this process is not the installed app"),
-        std::string::npos)
-        << result.err;
+    EXPECT_THAT(result.out, HasSubstr("desktop interface is not part of this build"));
+    EXPECT_THAT(result.err,
+        HasSubstr("Plim: automatic updates are off in this process because this process is not the installed app"));
 }
 
 TEST_F(CliTest, PlanCommandReportsNoticesAndLeavesADamagedFileAlone)
@@ -167,15 +169,15 @@ TEST_F(CliTest, PlanCommandReportsNoticesAndLeavesADamagedFileAlone)
     writeText(dir / "B.edits.json", damaged);
     auto result = ctl({"plan", movie.string(), "--duration", "30"});
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_NE(result.out.find("recording: 30.000s (given)"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("output: 30.000s"), std::string::npos) << result.out;
-    EXPECT_NE(result.out.find("notice: "), std::string::npos) << result.out;
+    EXPECT_THAT(result.out, HasSubstr("recording: 30.000s (given)"));
+    EXPECT_THAT(result.out, HasSubstr("output: 30.000s"));
+    EXPECT_THAT(result.out, HasSubstr("notice: "));
     EXPECT_EQ(readText(dir / "B.edits.json"), damaged);
 
     writeText(dir / "B.edits.json", "{ not json");
     auto unreadable = ctl({"plan", movie.string(), "--json"});
     EXPECT_EQ(unreadable.status, 0);
-    EXPECT_NE(unreadable.out.find("\"planFromFile\": false"), std::string::npos) << unreadable.out;
+    EXPECT_THAT(unreadable.out, HasSubstr("\"planFromFile\": false"));
     EXPECT_EQ(readText(dir / "B.edits.json"), "{ not json");
 }
 
@@ -193,16 +195,16 @@ TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
     // No edits yet: the automatic edit is shown, trimming the idle ends of the demo.
     auto proposed = ctl({"plan", movie.string()});
     EXPECT_EQ(proposed.status, 0) << proposed.err;
-    EXPECT_NE(proposed.out.find("automatic edit: "), std::string::npos) << proposed.out;
-    EXPECT_NE(proposed.out.find("trim: "), std::string::npos) << proposed.out;
-    EXPECT_NE(proposed.out.find("3 zooms where you clicked"), std::string::npos) << proposed.out;
+    EXPECT_THAT(proposed.out, HasSubstr("automatic edit: "));
+    EXPECT_THAT(proposed.out, HasSubstr("trim: "));
+    EXPECT_THAT(proposed.out, HasSubstr("3 zooms where you clicked"));
     EXPECT_FALSE(fs::exists(dir / "demo" / "Demo.edits.json"));
 
     // An edits file that cannot be read is never replaced, even when asked to write.
     writeText(dir / "demo" / "Demo.edits.json", "{\"version\": 2.5}");
     auto refused = ctl({"plan", movie.string(), "--write"});
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.err.find("was left exactly as it is"), std::string::npos) << refused.err;
+    EXPECT_THAT(refused.err, HasSubstr("was left exactly as it is"));
     EXPECT_EQ(readText(dir / "demo" / "Demo.edits.json"), "{\"version\": 2.5}");
 
     // Over usable edits, --auto --write replaces the plan and keeps the other keys.
@@ -210,10 +212,10 @@ TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
     auto written = ctl({"plan", movie.string(), "--auto", "--write"});
     EXPECT_EQ(written.status, 0) << written.err;
     auto again = ctl({"plan", movie.string(), "--json"});
-    EXPECT_NE(again.out.find("\"planFromFile\": true"), std::string::npos);
+    EXPECT_THAT(again.out, HasSubstr("\"planFromFile\": true"));
     std::string edits = readText(dir / "demo" / "Demo.edits.json");
-    EXPECT_NE(edits.find("\"captionsFile\": \"Demo.captions.json\""), std::string::npos) << edits;
-    EXPECT_NE(edits.find("\"writtenBy\": \"Plim "), std::string::npos) << edits;
+    EXPECT_THAT(edits, HasSubstr("\"captionsFile\": \"Demo.captions.json\""));
+    EXPECT_THAT(edits, HasSubstr("\"writtenBy\": \"Plim "));
     EXPECT_EQ(edits.find("\"trimIn\": 1\n"), std::string::npos) << edits;
 }
 
@@ -221,10 +223,10 @@ TEST_F(CliTest, PlimctlRefusesUnknownCommandsAndBadOptionsWithASentence)
 {
     auto unknown = ctl({"frobnicate"});
     EXPECT_EQ(unknown.status, 1);
-    EXPECT_NE(unknown.err.find("there is no command \"frobnicate\""), std::string::npos);
+    EXPECT_THAT(unknown.err, HasSubstr("there is no command \"frobnicate\""));
     auto badDuration = ctl({"plan", "B.mov", "--duration", "soon"});
     EXPECT_EQ(badDuration.status, 1);
-    EXPECT_NE(badDuration.err.find("is not a length in seconds"), std::string::npos);
+    EXPECT_THAT(badDuration.err, HasSubstr("is not a length in seconds"));
     for (const char* unnamed : {"", "/tmp/", "folder/"}) {
         auto none = ctl({"plan", unnamed});
         EXPECT_EQ(none.status, 1);
@@ -234,7 +236,69 @@ TEST_F(CliTest, PlimctlRefusesUnknownCommandsAndBadOptionsWithASentence)
     }
     auto help = ctl({"--help"});
     EXPECT_EQ(help.status, 0);
-    EXPECT_NE(help.out.find("plan"), std::string::npos);
+    EXPECT_THAT(help.out, HasSubstr("plan"));
 }
 
 } // namespace
+
+TEST(StageCLI, RequestedRenderPrefersStageAndIgnoresATrailingOption)
+{
+    using Args = std::vector<std::string>;
+    EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--reframe", "a.mov", "--stage", "b.mov"}),
+        (RenderRequest{"b.mov", false}));
+    EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--reframe", "a.mov"}), (RenderRequest{"a.mov", true}));
+    EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--stage"}), std::nullopt);
+    // A lone trailing --stage does not hide a usable --reframe before it.
+    EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--reframe", "a.mov", "--stage"}), (RenderRequest{"a.mov", true}));
+    EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--verbose", "x"}), std::nullopt);
+    // Element 0 is scanned too, and the first usable occurrence wins.
+    EXPECT_EQ(StageCLI::requestedRender(Args{"--stage", "first.mov", "--stage", "second.mov"}),
+        (RenderRequest{"first.mov", false}));
+}
+
+TEST(StageCLI, ProgressTruncatesTowardZero)
+{
+    EXPECT_EQ(StageCLI::progressLine("staging", 0.999), "staging 99%");
+    EXPECT_EQ(StageCLI::progressLine("staging", 0.42), "staging 42%");
+    EXPECT_EQ(StageCLI::progressLine("reframing", 1.0), "reframing 100%");
+    EXPECT_EQ(StageCLI::progressLine("reframing", 0.0), "reframing 0%");
+}
+
+TEST(StageCLI, SummaryLineAndTrimSuffix)
+{
+    RenderSummary s;
+    s.wallSeconds = 3.24;
+    s.movieDuration = 60;
+    s.outputDuration = 41.46;
+    s.zooms = 3;
+    s.activeSkips = 2;
+    s.cuts = 1;
+    EXPECT_EQ(StageCLI::summaryLine(s), "render: 3.2s for 60.0s of plim · out 41.5s · 3 zooms · 2 skips · 1 cuts");
+    s.trimOut = 12.0;
+    EXPECT_EQ(StageCLI::summaryLine(s),
+        "render: 3.2s for 60.0s of plim · out 41.5s · 3 zooms · 2 skips · 1 cuts · trim 0.0–12.0s");
+    EXPECT_EQ(StageCLI::trimSuffix(2.5, std::nullopt, 60), " · trim 2.5–60.0s");
+    EXPECT_EQ(StageCLI::trimSuffix(std::nullopt, std::nullopt, 60), "");
+    EXPECT_EQ(StageCLI::failureLine("staging", "The movie is gone."), "staging failed: The movie is gone.");
+}
+
+TEST(AppRuntime, InstalledOnlyFromThePrefixBinFolder)
+{
+    EXPECT_TRUE(AppRuntime::isBundledExecutable("/usr/local/bin/plim", "/usr/local"));
+    EXPECT_FALSE(AppRuntime::isBundledExecutable("/work/main/build/src/plim", "/usr/local"));
+    EXPECT_FALSE(AppRuntime::isBundledExecutable("/usr/local/bin/sub/plim", "/usr/local"));
+    EXPECT_FALSE(AppRuntime::isBundledExecutable("", "/usr/local"));
+    // The test binary itself is a build-tree binary.
+    EXPECT_FALSE(AppRuntime::isBundledApp());
+}
+
+TEST(AppRuntime, UpdaterHoldReasonsInOrder)
+{
+    EXPECT_EQ(AppRuntime::updaterHold(true, true, "/usr/bin/plim"),
+        "this process is a headless render (--stage / --reframe)");
+    EXPECT_EQ(AppRuntime::updaterHold(false, true, "/usr/bin/plim"), std::nullopt);
+    EXPECT_EQ(AppRuntime::updaterHold(false, false, "/tmp/b/plim"),
+        "this process is not the installed app (the executable is /tmp/b/plim)");
+    EXPECT_EQ(AppRuntime::updaterHold(std::vector<std::string>{"plim", "--stage", "x.mov"}),
+        "this process is a headless render (--stage / --reframe)");
+}

@@ -10,7 +10,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <signal.h>
 #include <unistd.h>
@@ -61,19 +60,6 @@ protected:
                 if (entry.path().extension() == ".mov" && entry.path().string().find(".camera.") == std::string::npos)
                     movies.push_back(entry.path());
         return movies.size() == 1 ? movies[0] : fs::path();
-    }
-
-    // ffprobe's value of one entry ("stream=width" of stream "v:0").
-    std::string probe(const fs::path& movie, const std::string& stream, const std::string& entry)
-    {
-        auto r = runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries", entry, "-of",
-            "default=nw=1:nk=1", movie.string()});
-        return r.out.substr(0, r.out.find('\n'));
-    }
-    double probeDuration(const fs::path& movie, const std::string& stream)
-    {
-        auto text = probe(movie, stream, "stream=duration");
-        return text.empty() || text == "N/A" ? -1 : std::stod(text);
     }
 
     // Waits up to 10 s for the recording's movie to appear.
@@ -151,19 +137,18 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     EXPECT_EQ(probe(movie, "v:0", "stream=width"), "640");
     EXPECT_EQ(probe(movie, "v:0", "stream=height"), "360");
     EXPECT_GT(wall, 6.0);
-    double video = probeDuration(movie, "v:0");
+    auto seconds = [&](const char* stream) { return std::atof(probe(movie, stream, "stream=duration").c_str()); };
+    double video = seconds("v:0");
     EXPECT_NEAR(video, 4.0, 0.25);
-    auto frames = runCommand({"ffprobe", "-v", "error", "-count_packets", "-select_streams", "v:0", "-show_entries",
-        "stream=nb_read_packets", "-of", "default=nw=1:nk=1", movie.string()});
-    int packets = std::atoi(frames.out.c_str());
+    int packets = std::atoi(probe(movie, "v:0", "stream=nb_read_packets", {"-count_packets"}).c_str());
     EXPECT_GT(packets, int(video * 60 * 0.5)) << "too many frames dropped: " << err;
     EXPECT_LE(packets, int(video * 60) + 2);
     // The microphone (mono) and the computer's sound (stereo) span the movie; the camera
     // that cannot open is named and left out.
     EXPECT_EQ(probe(movie, "a:0", "stream=channels"), "1");
     EXPECT_EQ(probe(movie, "a:1", "stream=channels"), "2");
-    EXPECT_NEAR(probeDuration(movie, "a:0"), video, 0.25);
-    EXPECT_NEAR(probeDuration(movie, "a:1"), video, 0.25);
+    EXPECT_NEAR(seconds("a:0"), video, 0.25);
+    EXPECT_NEAR(seconds("a:1"), video, 0.25);
     EXPECT_NE(err.find("The camera at /dev/plim-no-camera could not be opened, so the plim rolls without the camera."),
         std::string::npos);
     EXPECT_FALSE(fs::exists(sidecarPath(movie, "camera.mov")));
@@ -223,9 +208,7 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     EXPECT_EQ(child->wait(), 128 + SIGKILL);
     EXPECT_EQ(probe(movie, "v:0", "stream=width"), "640");
     auto decoded = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-f", "null", "-"});
-    auto shown = runCommand({"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "default=nw=1:nk=1",
-        movie.string()});
-    double duration = std::atof(shown.out.c_str());
+    double duration = std::atof(probe(movie, "", "format=duration").c_str());
     EXPECT_GT(duration, killedAt - 2.5) << decoded.err;
     EXPECT_LT(duration, killedAt + 1.0);
     // The cursor track kept in its journal reaches within five seconds of the kill.
@@ -244,21 +227,17 @@ TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "mounting a small tmpfs needs root";
-    TempDir mountPoint;
-    ASSERT_EQ(mount("tmpfs", mountPoint.path().c_str(), "tmpfs", 0, "size=1m"), 0) << std::strerror(errno);
-    struct Unmount {
-        fs::path path;
-        ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
-    } unmount{mountPoint.path()};
-    fs::path folder = mountPoint.path() / "Plim";
+    SmallDisk disk("1m");
+    ASSERT_TRUE(disk.isUp()) << std::strerror(errno);
+    fs::path folder = disk / "Plim";
     fs::create_directories(folder);
 
     // A disk with almost nothing left refuses before the first frame.
     {
-        std::ofstream filler(mountPoint / "filler", std::ios::binary);
+        std::ofstream filler(disk / "filler", std::ios::binary);
         std::string block(4096, 'x');
         struct statvfs space{};
-        while (statvfs(mountPoint.path().c_str(), &space) == 0 && space.f_bavail * space.f_frsize > 128 * 1024) {
+        while (statvfs(disk.path().c_str(), &space) == 0 && space.f_bavail * space.f_frsize > 128 * 1024) {
             filler.write(block.data(), std::streamsize(block.size()));
             filler.flush();
         }
@@ -272,7 +251,7 @@ TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
     EXPECT_TRUE(onlyMovie(folder).empty());
 
     // With room for a few seconds of a still picture, fresh noise fills it while rolling.
-    fs::resize_file(mountPoint / "filler", 300 * 1024);
+    fs::resize_file(disk / "filler", 300 * 1024);
     TestWindow window(x.display(), 0, 0, 1280, 720, 0x204080);
     auto child = record({"--duration", "30"}, folder);
     std::this_thread::sleep_for(3500ms);
@@ -283,9 +262,7 @@ TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
     EXPECT_NE(err.find("The disk filled while rolling at 0:0"), std::string::npos) << err;
     fs::path movie = onlyMovie(folder);
     ASSERT_FALSE(movie.empty()) << err;
-    auto shown = runCommand({"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "default=nw=1:nk=1",
-        movie.string()});
-    EXPECT_GT(std::atof(shown.out.c_str()), 1.5) << shown.err;
+    EXPECT_GT(std::atof(probe(movie, "", "format=duration").c_str()), 1.5);
 }
 
 } // namespace

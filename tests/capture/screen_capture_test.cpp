@@ -81,9 +81,7 @@ TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSizeWithTheCameraBeside)
     EXPECT_EQ(outcome.value.width, 300);
     EXPECT_EQ(outcome.value.height, 200);
     EXPECT_GT(outcome.value.frames, 30);
-    auto probe = runCommand({"ffprobe", "-v", "error", "-show_entries", "stream=width,height", "-of", "csv=p=0",
-        options.movie.string()});
-    EXPECT_EQ(probe.out, "300,200\n");
+    EXPECT_EQ(probe(options.movie, "", "stream=width,height"), "300,200");
     auto track = CursorTrack::read(options.movie);
     ASSERT_TRUE(track.has_value());
     EXPECT_EQ(track->value.displayX, 100);
@@ -93,9 +91,7 @@ TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSizeWithTheCameraBeside)
 
     // The camera movie beside it, placed by its start instant.
     EXPECT_TRUE(outcome.value.hasCamera);
-    auto camera = runCommand({"ffprobe", "-v", "error", "-show_entries", "stream=width,height", "-of", "csv=p=0",
-        sidecarPath(options.movie, "camera.mov").string()});
-    EXPECT_EQ(camera.out, "160,120\n");
+    EXPECT_EQ(probe(sidecarPath(options.movie, "camera.mov"), "", "stream=width,height"), "160,120");
     ASSERT_TRUE(track->value.cameraOffsetMS.has_value());
     EXPECT_GT(*track->value.cameraOffsetMS, -200);
     EXPECT_LT(*track->value.cameraOffsetMS, 500);

@@ -100,16 +100,7 @@ inline void writeSolids(const fs::path& path, int width, int height, const std::
     ASSERT_TRUE((*writer)->finish());
 }
 
-// One ffprobe entry (e.g. "stream=codec_name") of one stream ("v:0", "a:1"), as text.
-inline std::string probe(const fs::path& path, const std::string& stream, const std::string& entry)
-{
-    auto r = testkit::runCommand({"ffprobe", "-v", "error", "-select_streams", stream, "-show_entries", entry, "-of",
-        "default=noprint_wrappers=1:nokey=1", path.string()});
-    std::string out = r.out;
-    while (!out.empty() && (out.back() == '\n' || out.back() == '\r'))
-        out.pop_back();
-    return out;
-}
+using testkit::probe;
 
 // Top-level atom names of a QuickTime/MPEG-4 file, in file order.
 inline std::vector<std::string> topAtoms(const fs::path& path)

@@ -31,15 +31,12 @@ class MovieReaderTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        s_dir = new TempDir;
         MovieSpec spec; // 320 × 240, 30 fps, 2 s
         writeMovie(movie(), spec);
     }
-    static void TearDownTestSuite() { delete s_dir; }
-    static fs::path movie() { return *s_dir / "count.mp4"; }
-    static TempDir* s_dir;
+    static fs::path movie() { return s_dir / "count.mp4"; }
+    static inline TempDir s_dir;
 };
-TempDir* MovieReaderTest::s_dir = nullptr;
 
 } // namespace
 
@@ -107,7 +104,7 @@ TEST_F(MovieReaderTest, ReadsPrimaryColoursBackThroughItsMatrix)
 {
     for (int h : {240, 720}) {
         int w = h * 4 / 3;
-        fs::path path = *s_dir / ("colours" + std::to_string(h) + ".mp4");
+        fs::path path = s_dir / ("colours" + std::to_string(h) + ".mp4");
         const uint8_t colours[3][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}}; // red, green, blue (BGR)
         std::vector<Image> pictures;
         for (const auto& c : colours)
@@ -128,20 +125,20 @@ TEST_F(MovieReaderTest, ReadsPrimaryColoursBackThroughItsMatrix)
 
 TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
 {
-    fs::path text = *s_dir / "notes.mp4";
+    fs::path text = s_dir / "notes.mp4";
     testkit::writeText(text, "these are notes, not a movie\n");
 
-    fs::path soundOnly = *s_dir / "sound.m4a";
+    fs::path soundOnly = s_dir / "sound.m4a";
     ASSERT_EQ(testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=frequency=440:duration=1",
                   "-c:a", "aac", soundOnly.string()})
                   .status,
         0);
 
-    fs::path unknown = *s_dir / "unknown.mp4";
+    fs::path unknown = s_dir / "unknown.mp4";
     fs::copy_file(movie(), unknown);
     patchFourcc(unknown, "avc1", "zq9x");
 
-    fs::path cut = *s_dir / "cut.mp4";
+    fs::path cut = s_dir / "cut.mp4";
     fs::copy_file(movie(), cut);
     fs::resize_file(cut, fs::file_size(cut) * 6 / 10);
 
@@ -151,7 +148,7 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
         std::string sentence;
     };
     for (const auto& c : std::vector<Case>{
-             {*s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
+             {s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
              {text, Error::Kind::corrupt, "notes.mp4 is not a movie Plim can read"},
              {soundOnly, Error::Kind::refused, "sound.m4a has no picture in it."},
              {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
@@ -188,7 +185,6 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     EXPECT_NE(error->sentence.find("cut.mp4 stops part way"), std::string::npos) << error->sentence;
     EXPECT_EQ(error->kind, Error::Kind::corrupt);
     EXPECT_TRUE((*reader)->wasCutShort());
-    auto probe = testkit::runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0",
-        "-show_entries", "stream=nb_read_frames", "-of", "csv=p=0", cut.string()});
-    EXPECT_LT(std::atoi(probe.out.c_str()), 60) << "ffprobe also reads fewer pictures";
+    EXPECT_LT(std::atoi(probe(cut, "v:0", "stream=nb_read_frames", {"-count_frames"}).c_str()), 60)
+        << "ffprobe also reads fewer pictures";
 }

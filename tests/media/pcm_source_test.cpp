@@ -64,18 +64,15 @@ protected:
     // system-sound track with a 1 kHz burst at 1.2 s to 1.4 s; 2 s long.
     static void SetUpTestSuite()
     {
-        s_dir = new TempDir;
         MovieSpec spec;
         spec.container = MovieWriter::Container::fragmentedMov;
         spec.sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()};
         spec.soundSamples = {toneBurst(96000, 1, 440, 24000, 33600), toneBurst(96000, 2, 1000, 57600, 67200)};
         writeMovie(recording(), spec);
     }
-    static void TearDownTestSuite() { delete s_dir; }
-    static fs::path recording() { return *s_dir / "rec.mov"; }
-    static TempDir* s_dir;
+    static fs::path recording() { return s_dir / "rec.mov"; }
+    static inline TempDir s_dir;
 };
-TempDir* SoundTest::s_dir = nullptr;
 
 TEST_F(SoundTest, TracksAreMixedAt48kStereoInPlace)
 {
@@ -126,9 +123,9 @@ TEST_F(SoundTest, AssetSourceRollsReopensAndPadsWithZeros)
 
 TEST_F(SoundTest, SourceFailuresNameTheSound)
 {
-    fs::path notSound = *s_dir / "notes.wav";
+    fs::path notSound = s_dir / "notes.wav";
     testkit::writeText(notSound, "not a sound file");
-    fs::path undecodable = *s_dir / "undecodable.mov";
+    fs::path undecodable = s_dir / "undecodable.mov";
     fs::copy_file(recording(), undecodable);
     {
         std::string data = testkit::readText(undecodable);
@@ -145,7 +142,7 @@ TEST_F(SoundTest, SourceFailuresNameTheSound)
         std::string end;
     };
     for (const auto& c : std::vector<Case>{
-             {*s_dir / "absent.wav", "The voiceover at 0:03", "The voiceover at 0:03 could not be opened (there is no file at ",
+             {s_dir / "absent.wav", "The voiceover at 0:03", "The voiceover at 0:03 could not be opened (there is no file at ",
                  "). Share again; if it keeps happening, the file may be damaged."},
              {notSound, "The plim's sound", "The plim's sound could not be opened (it is not a file Plim can read",
                  "). Share again; if it keeps happening, the file may be damaged."},
@@ -166,7 +163,7 @@ TEST_F(SoundTest, SourceFailuresNameTheSound)
 
 TEST_F(SoundTest, ACutShortFileGivesItsSoundThenSaysSo)
 {
-    fs::path cut = *s_dir / "cut.mp4";
+    fs::path cut = s_dir / "cut.mp4";
     MovieSpec spec; // an export: its index at the front promises 2 s
     spec.sound = {MovieWriter::exportTrack()};
     spec.soundSamples = {toneBurst(96000, 2, 440, 0, 96000)};

@@ -87,9 +87,8 @@ TEST(GIFSink, WritesALoopingGifWhoseStillAreasStayTransparent)
     EXPECT_LT(error / (1152.0 * 648 * 3), 4.0);
 
     // ffprobe reads the same size and twelve frames; the rounded 0.08 s delay plays them at 12.5 a second.
-    auto probe = runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
-        "stream=width,height,avg_frame_rate,nb_read_frames", "-of", "csv=p=0", path.string()});
-    EXPECT_EQ(probe.out, "1152,648,25/2,12\n") << probe.err;
+    EXPECT_EQ(probe(path, "v:0", "stream=width,height,avg_frame_rate,nb_read_frames", {"-count_frames"}),
+        "1152,648,25/2,12");
 }
 
 TEST(GIFSink, CancelAndFailuresLeaveNoFile)

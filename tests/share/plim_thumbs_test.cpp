@@ -12,22 +12,11 @@ using namespace plim::testkit;
 
 namespace {
 
-Image solid(int width, int height, uint8_t r, uint8_t g, uint8_t b)
-{
-    Image image = Image::allocate(width, height);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            uint8_t* p = image.row(y) + 4 * x;
-            p[0] = b, p[1] = g, p[2] = r, p[3] = 255;
-        }
-    return image;
-}
-
 PlimThumbs::Drawn drawn(int strip)
 {
-    PlimThumbs::Drawn out{solid(320, 180, 200, 40, 40), {}};
+    PlimThumbs::Drawn out{solidImage(320, 180, 0xc82828), {}};
     for (int i = 0; i < strip; ++i)
-        out.strip.push_back(solid(320, 180, 20, static_cast<uint8_t>(10 * i), 200));
+        out.strip.push_back(solidImage(320, 180, 0x1400c8 | static_cast<uint32_t>(10 * i) << 8));
     return out;
 }
 

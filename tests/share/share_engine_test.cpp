@@ -69,12 +69,8 @@ Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, 
         }
         PLIM_TRY(writer->appendVideo(image, i / fps));
     }
-    const int64_t total = std::llround(seconds * soundSampleRate);
-    std::vector<float> pcm(static_cast<size_t>(total) * 2, 0.0f);
-    for (double start : tones)
-        for (int64_t f = std::llround(start * soundSampleRate); f < std::llround((start + 0.08) * soundSampleRate) && f < total; ++f)
-            pcm[size_t(f) * 2] = pcm[size_t(f) * 2 + 1] = 0.5f * float(std::sin(2 * M_PI * 1000.0 * double(f) / soundSampleRate));
-    PLIM_TRY(writer->appendAudio(0, pcm.data(), total, 0));
+    const std::vector<float> pcm = toneTrack(seconds, tones, 0.08);
+    PLIM_TRY(writer->appendAudio(0, pcm.data(), static_cast<int64_t>(pcm.size() / 2), 0));
     return writer->finish();
 }
 
@@ -100,13 +96,6 @@ struct ShareTest : ::testing::Test {
     }
 };
 
-double streamBitRate(const fs::path& path)
-{
-    auto probe = runCommand({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries", "stream=bit_rate", "-of",
-        "default=nw=1:nk=1", path.string()});
-    return std::atof(probe.out.c_str());
-}
-
 // RMS of the left channel in [from, to) seconds.
 double rms(const std::vector<float>& pcm, double from, double to)
 {
@@ -115,22 +104,6 @@ double rms(const std::vector<float>& pcm, double from, double to)
     for (int64_t f = std::llround(from * soundSampleRate); f < std::llround(to * soundSampleRate); ++f, ++n)
         sum += double(pcm.at(size_t(f) * 2)) * pcm.at(size_t(f) * 2);
     return n ? std::sqrt(sum / double(n)) : 0;
-}
-
-std::vector<float> allSound(const fs::path& path)
-{
-    std::vector<float> pcm;
-    auto reader = SoundReader::create(path);
-    EXPECT_TRUE(reader);
-    if (!reader)
-        return pcm;
-    for (;;) {
-        auto block = (*reader)->read();
-        if (!block || block->empty())
-            break;
-        pcm.insert(pcm.end(), block->begin(), block->end());
-    }
-    return pcm;
 }
 
 } // namespace
@@ -159,7 +132,7 @@ TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInS
     EXPECT_EQ(probe.codec, "h264");
     EXPECT_EQ(probe.audioCodec, "aac");
     const double target = double(exportBitsPerSecond(1728, 1080));
-    EXPECT_NEAR(streamBitRate(outcome.url), target, 0.1 * target);
+    EXPECT_NEAR(std::atof(testkit::probe(outcome.url, "v:0", "stream=bit_rate").c_str()), target, 0.1 * target);
 
     // The two clicks of sound come out where they were recorded.
     auto onsets = soundOnsets(outcome.url);
@@ -216,26 +189,13 @@ TEST_F(ShareTest, AStopHalfWayAndAStalledWriterLeaveNoFile)
     EXPECT_EQ(stopped.sentence, "Stopped. Nothing was saved.");
     EXPECT_TRUE(outFiles().empty());
 
-    // A writer that takes five frames and then accepts nothing more, until told to stop.
-    struct StuckSink final : VideoSink {
-        int taken = 0;
-        Status appendVideo(const Image&, double, StopToken stop) override
-        {
-            while (++taken > 5 && !stop.stop_requested())
-                std::this_thread::sleep_for(std::chrono::milliseconds(10));
-            return {};
-        }
-        Status appendAudio(const float*, int64_t, int64_t) override { return {}; }
-        double soundSeconds() const override { return 0; }
-        Status finish() override { return {}; }
-        void cancel() override {}
-    };
+    // A writer that takes five frames and then accepts nothing more.
     engine.onProgress = nullptr;
     ShareEngine::Tuning tuning;
     tuning.stallLimit = 1;
     tuning.makeSink = [](const VideoSink::Settings& settings) -> Result<std::unique_ptr<VideoSink>> {
         writeText(settings.path, "partial");
-        return std::make_unique<StuckSink>();
+        return std::make_unique<StalledSink>(5);
     };
     const auto started = std::chrono::steady_clock::now();
     ShareOutcome stalled = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()), tuning);

@@ -6,10 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/mount.h>
-
-#include <condition_variable>
-#include <mutex>
+#include <cstring>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -38,28 +35,6 @@ struct StagingEngineTest : ::testing::Test {
     }
 };
 
-EditPlan cutPlan(double start, double end)
-{
-    EditPlan plan;
-    plan.cuts.push_back({"C1", start, end, {}});
-    return plan;
-}
-
-EditPlan skipPlan(double start, double end, double rate)
-{
-    EditPlan plan;
-    plan.skips.push_back({{start, end}, false, rate});
-    return plan;
-}
-
-EditPlan trimPlan(double in, double out)
-{
-    EditPlan plan;
-    plan.trimIn = in;
-    plan.trimOut = out;
-    return plan;
-}
-
 // The dominant channel of a picture's top-left area: 'r', 'g' or 'b'.
 char dominant(const Image& image)
 {
@@ -87,9 +62,9 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
     };
     const Case cases[] = {
         {"no edit", {}, 3.0, 2.5},
-        {"the green second cut", cutPlan(1, 2), 2.0, 1.5},
-        {"0.5 to 2.0 four times as fast", skipPlan(0.5, 2.0, 4), 1.875, 1.375},
-        {"trimmed to 0.5 to 2.8", trimPlan(0.5, 2.8), 2.3, 2.0},
+        {"the green second cut", {.cuts = {{"C1", 1, 2, {}}}}, 2.0, 1.5},
+        {"0.5 to 2.0 four times as fast", {.skips = {{{0.5, 2.0}, false, 4}}}, 1.875, 1.375},
+        {"trimmed to 0.5 to 2.8", {.trimIn = 0.5, .trimOut = 2.8}, 2.3, 2.0},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -134,7 +109,7 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
 
 TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
 {
-    auto j = job(trimPlan(0.2, 0.7), false);
+    auto j = job({.trimIn = 0.2, .trimOut = 0.7}, false);
     j.quality = RenderRules::Quality::p720;
     std::vector<StagingProgress> reports;
     auto outcome = StagingEngine::stage(j, [&](const StagingProgress& p) { reports.push_back(p); }, {});
@@ -213,23 +188,6 @@ TEST_F(StagingEngineTest, TheCameraBubbleShowsTheCameraMovieAtItsOffset)
     EXPECT_EQ(countNear(*bare, 0xff00ff), 0);
 }
 
-// A sink that never accepts a frame until the render gives up on it.
-class StuckSink final : public VideoSink {
-public:
-    Status appendVideo(const Image&, double, StopToken stop) override
-    {
-        std::mutex m;
-        std::condition_variable_any cv;
-        std::unique_lock lock(m);
-        cv.wait(lock, stop, [] { return false; });
-        return fail("stopped", Error::Kind::stopped);
-    }
-    Status appendAudio(const float*, int64_t, int64_t) override { return {}; }
-    double soundSeconds() const override { return 0; }
-    Status finish() override { return {}; }
-    void cancel() override {}
-};
-
 TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
 {
     struct Case {
@@ -257,13 +215,13 @@ TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
                 writeText(movie, wav);
             },
             "The plim could not be read:"},
-        {"an edit that removes everything", [&](StagingJob& j) { j.plan = cutPlan(0, 3); },
+        {"an edit that removes everything", [&](StagingJob& j) { j.plan = {.cuts = {{"C1", 0, 3, {}}}}; },
             "This edit removes the whole plim."},
         {"a sink that accepts nothing",
             [&](StagingJob& j) {
                 j.stallLimit = 0.3;
                 j.makeSink = [](const VideoSink::Settings&) -> Result<std::unique_ptr<VideoSink>> {
-                    return std::make_unique<StuckSink>();
+                    return std::make_unique<StalledSink>();
                 };
             },
             "Rendering made no progress for 0.3 seconds and was stopped."},
@@ -291,21 +249,19 @@ TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
 
 TEST_F(StagingEngineTest, AFullDiskGivesTheWriterSentenceAndLeavesNoPartialFile)
 {
-    fs::path small = dir / "small";
-    fs::create_directories(small);
-    if (::mount("tmpfs", small.c_str(), "tmpfs", 0, "size=200k") != 0)
+    SmallDisk small("200k");
+    if (!small.isUp())
         GTEST_SKIP() << "a small tmpfs cannot be mounted here (" << std::strerror(errno) << "), so a full disk is not tried";
-    auto unmount = std::unique_ptr<fs::path, void (*)(fs::path*)>(&small, [](fs::path* p) { ::umount(p->c_str()); });
     source.noise = true;
     ASSERT_TRUE(writeTestMovie(movie, source));
     auto before = folderContents(dir.path());
-    auto j = job(trimPlan(0, 1), false); // about 0.8 MB at 720 lines
+    auto j = job({.trimIn = 0, .trimOut = 1}, false); // about 0.8 MB at 720 lines
     j.quality = RenderRules::Quality::p720;
     j.output = small / "B.staged.mov";
     auto outcome = StagingEngine::stage(j, {}, {});
     ASSERT_TRUE(outcome.isFailed());
     EXPECT_TRUE(outcome.sentence.starts_with("The file could not be written: ")) << outcome.sentence;
-    EXPECT_TRUE(fs::is_empty(small));
+    EXPECT_TRUE(fs::is_empty(small.path()));
     EXPECT_EQ(folderContents(dir.path()), before);
 }
 

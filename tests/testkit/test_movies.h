@@ -1,11 +1,12 @@
 #pragma once
 // Small movies for render tests, written with media's MovieWriter, and what ffprobe says
-// about a movie. Header-only: it needs the media library, which only the stage, share
-// and app tests link.
+// about a movie. Header-only: it needs the media and stage libraries, which only the stage,
+// share and app tests link.
 
 #include "base/image.h"
 #include "capture/capture.h"
 #include "media/media.h"
+#include "stage/stage.h"
 #include "testkit/testkit.h"
 
 #include <cmath>
@@ -13,6 +14,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace plim::testkit {
@@ -50,6 +52,20 @@ inline Image solidImage(int width, int height, uint32_t rgb)
     return image;
 }
 
+// Interleaved stereo of `duration` seconds: 1 kHz bursts at 0.5 of `length` seconds from each start, else silence.
+inline std::vector<float> toneTrack(double duration, const std::vector<double>& starts, double length)
+{
+    const int64_t total = std::llround(duration * soundSampleRate);
+    std::vector<float> pcm(static_cast<size_t>(total) * 2, 0.0f);
+    for (double start : starts)
+        for (int64_t f = std::llround(start * soundSampleRate);
+             f < std::llround((start + length) * soundSampleRate) && f < total; ++f) {
+            float v = 0.5f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * static_cast<double>(f) / soundSampleRate));
+            pcm[static_cast<size_t>(f) * 2] = pcm[static_cast<size_t>(f) * 2 + 1] = v;
+        }
+    return pcm;
+}
+
 inline Status writeTestMovie(const fs::path& path, const TestMovie& m)
 {
     MovieWriter::Settings settings;
@@ -78,15 +94,8 @@ inline Status writeTestMovie(const fs::path& path, const TestMovie& m)
         PLIM_TRY(writer->appendVideo(picture, t));
     }
     if (m.sound) {
-        const int64_t total = std::llround(m.duration * soundSampleRate);
-        std::vector<float> pcm(static_cast<size_t>(total) * 2, 0.0f);
-        for (double start : m.tones)
-            for (int64_t f = std::llround(start * soundSampleRate);
-                 f < std::llround((start + m.toneLength) * soundSampleRate) && f < total; ++f) {
-                float v = 0.5f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * static_cast<double>(f) / soundSampleRate));
-                pcm[static_cast<size_t>(f) * 2] = pcm[static_cast<size_t>(f) * 2 + 1] = v;
-            }
-        PLIM_TRY(writer->appendAudio(0, pcm.data(), total, 0));
+        const std::vector<float> pcm = toneTrack(m.duration, m.tones, m.toneLength);
+        PLIM_TRY(writer->appendAudio(0, pcm.data(), static_cast<int64_t>(pcm.size() / 2), 0));
     }
     return writer->finish();
 }
@@ -160,25 +169,48 @@ inline std::map<std::string, std::string> folderContents(const fs::path& folder)
     return out;
 }
 
+// A sink that takes `takes` frames, then accepts nothing more until the render gives up on it.
+struct StalledSink final : VideoSink {
+    explicit StalledSink(int takes = 0) : takes(takes) {}
+    int takes, taken = 0;
+    Status appendVideo(const Image&, double, StopToken stop) override
+    {
+        while (taken++ >= takes && !stop.stop_requested())
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        return {};
+    }
+    Status appendAudio(const float*, int64_t, int64_t) override { return {}; }
+    double soundSeconds() const override { return 0; }
+    Status finish() override { return {}; }
+    void cancel() override {}
+};
+
+// A movie's whole sound as interleaved stereo; empty when it cannot be read.
+inline std::vector<float> allSound(const fs::path& path)
+{
+    std::vector<float> pcm;
+    auto reader = SoundReader::create(path);
+    while (reader) {
+        auto block = (*reader)->read();
+        if (!block || block->empty())
+            break;
+        pcm.insert(pcm.end(), block->begin(), block->end());
+    }
+    return pcm;
+}
+
 // Times (seconds) at which the sound first rises above `level` after a stretch of quiet.
 inline std::vector<double> soundOnsets(const fs::path& path, float level = 0.1f, double quiet = 0.2)
 {
     std::vector<double> onsets;
-    auto reader = SoundReader::create(path);
-    if (!reader)
-        return onsets;
-    int64_t frame = 0, lastLoud = -1'000'000'000;
-    for (;;) {
-        auto block = (*reader)->read();
-        if (!block || block->empty())
-            break;
-        for (size_t i = 0; i + 1 < block->size(); i += 2, ++frame) {
-            if (std::fabs((*block)[i]) < level)
-                continue;
-            if (frame - lastLoud > quiet * soundSampleRate)
-                onsets.push_back(static_cast<double>(frame) / soundSampleRate);
-            lastLoud = frame;
-        }
+    const std::vector<float> pcm = allSound(path);
+    int64_t lastLoud = -1'000'000'000;
+    for (int64_t frame = 0; size_t(frame) * 2 + 1 < pcm.size(); ++frame) {
+        if (std::fabs(pcm[size_t(frame) * 2]) < level)
+            continue;
+        if (frame - lastLoud > quiet * soundSampleRate)
+            onsets.push_back(static_cast<double>(frame) / soundSampleRate);
+        lastLoud = frame;
     }
     return onsets;
 }

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <sstream>
 #include <stdexcept>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -167,11 +168,36 @@ bool rerunUnprivileged()
     return true;
 }
 
+std::string probe(const fs::path& movie, const std::string& stream, const std::string& entry,
+    const std::vector<std::string>& options)
+{
+    std::vector<std::string> argv{"ffprobe", "-v", "error"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    if (!stream.empty())
+        argv.insert(argv.end(), {"-select_streams", stream});
+    argv.insert(argv.end(), {"-show_entries", entry, "-of", "csv=p=0", movie.string()});
+    std::string out = runCommand(argv).out;
+    while (!out.empty() && (out.back() == '\n' || out.back() == '\r'))
+        out.pop_back();
+    return out;
+}
+
 fs::path builtExecutable(const std::string& name)
 {
     // Test executables live in build/tests; the programs in build/src.
     fs::path self = fs::read_symlink("/proc/self/exe");
     return self.parent_path().parent_path() / "src" / name;
+}
+
+SmallDisk::SmallDisk(const std::string& size)
+    : m_up(::mount("tmpfs", m_dir.path().c_str(), "tmpfs", 0, ("size=" + size).c_str()) == 0)
+{
+}
+
+SmallDisk::~SmallDisk()
+{
+    if (m_up)
+        ::umount2(m_dir.path().c_str(), MNT_DETACH);
 }
 
 } // namespace plim::testkit

@@ -25,6 +25,23 @@ private:
     fs::path m_path;
 };
 
+// A tmpfs of `size` ("1m", "200k") mounted on a fresh folder and unmounted when the object goes. Mounting needs
+// root: elsewhere isUp() is false.
+class SmallDisk {
+public:
+    explicit SmallDisk(const std::string& size);
+    ~SmallDisk();
+    SmallDisk(const SmallDisk&) = delete;
+    SmallDisk& operator=(const SmallDisk&) = delete;
+    bool isUp() const { return m_up; }
+    const fs::path& path() const { return m_dir.path(); }
+    fs::path operator/(const std::string& name) const { return m_dir / name; }
+
+private:
+    TempDir m_dir;
+    bool m_up = false;
+};
+
 // Sets (or with nullopt unsets) an environment variable and restores it afterwards.
 class ScopedEnv {
 public:
@@ -80,6 +97,11 @@ struct CommandResult {
     std::string err;
 };
 CommandResult runCommand(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {});
+
+// ffprobe's values of one entry ("stream=width,height", "format=duration") of a stream ("v:0", "a:1"; empty for
+// all), comma-separated, one line a stream or frame, without the last line break; `options` go before the file.
+std::string probe(const fs::path& movie, const std::string& stream, const std::string& entry,
+    const std::vector<std::string>& options = {});
 
 // File permissions do not bind root, so a test that a file without read permission is
 // left alone means nothing when run as root. Called first in such a test: as root it
