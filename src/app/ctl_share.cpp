@@ -1,4 +1,5 @@
 #include "app/ctl_share.h"
+#include "app/interrupt_stop.h"
 
 #include "app/ctl_stage.h"
 #include "base/dates.h"
@@ -33,10 +34,6 @@ const char* shareUsage =
     "  --copy            write into the copies folder and put the file on the clipboard\n"
     "  --backdrop, --padding, --corners, --shadow, --click-style, --click-tint, --zoom-style,\n"
     "  --caption-look, --caption-size, --caption-place, --shape   as for plimctl stage\n";
-
-std::atomic<bool> interrupted{false};
-
-extern "C" void onInterrupt(int) { interrupted = true; }
 
 std::string_view mark(ShareStage::State state)
 {
@@ -189,24 +186,10 @@ int runShareCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
             plain.draw(p);
     };
 
-    interrupted = false;
-    struct sigaction action {};
-    struct sigaction previous {};
-    action.sa_handler = onInterrupt;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGINT, &action, &previous);
-    std::atomic<bool> done{false};
-    std::thread watcher([&] {
-        while (!done) {
-            if (interrupted)
-                engine.stop();
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    });
-    ShareOutcome outcome = engine.share(movie, kind, quality, to, tuning);
-    done = true;
-    watcher.join();
-    sigaction(SIGINT, &previous, nullptr);
+    ShareOutcome outcome = [&] {
+        InterruptStop interrupt([&] { engine.stop(); });
+        return engine.share(movie, kind, quality, to, tuning);
+    }();
     if (terminal) {
         std::lock_guard lock(drawing);
         checklist.draw(engine.progress(), true);

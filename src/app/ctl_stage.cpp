@@ -1,6 +1,7 @@
 #include "app/ctl_stage.h"
 
 #include "app/plan_report.h"
+#include "app/interrupt_stop.h"
 #include "app/render_job.h"
 #include "stage/stage.h"
 
@@ -260,9 +261,16 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     StagingEngine::Progress progress;
     if (isatty(STDERR_FILENO))
         progress = ProgressBar(err);
-    auto outcome = StagingEngine::stage(job, progress, StopToken{});
+    auto outcome = [&] {
+        InterruptStop interrupt;
+        return StagingEngine::stage(job, progress, interrupt.token());
+    }();
     if (progress)
         err << "\n";
+    if (outcome.isStopped()) {
+        err << outcome.sentence << "\n";
+        return 1;
+    }
     if (!outcome.isFinished()) {
         err << "plimctl stage: " << outcome.sentence << "\n";
         return 1;

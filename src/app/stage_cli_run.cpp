@@ -1,4 +1,5 @@
 #include "app/plan_report.h"
+#include "app/interrupt_stop.h"
 #include "app/render_job.h"
 #include "app/stage_cli.h"
 #include "stage/stage.h"
@@ -26,7 +27,10 @@ int run(const RenderRequest& request, std::ostream& out, std::ostream& err)
     StagingJob job = renderJob(*report, spec, request.reframe);
     job.wallpaper = currentWallpaper();
 
-    auto outcome = StagingEngine::stage(job, percentLines(verb, out), StopToken{});
+    auto outcome = [&] {
+        InterruptStop interrupt;
+        return StagingEngine::stage(job, percentLines(verb, out), interrupt.token());
+    }();
     if (!outcome.isFinished()) {
         err << failureLine(verb, outcome.sentence) << "\n";
         return 1;

@@ -77,6 +77,31 @@ TEST_F(ShareCliTest, CtrlCStopsWithNothingSaved)
         EXPECT_TRUE(entry.path().filename().string().starts_with(".")) << entry.path();
 }
 
+TEST_F(ShareCliTest, TerminatingAStageRemovesItsPartialMovie)
+{
+    const fs::path clip = movie("Long.mov", 6.0);
+    TestMovie shape;
+    shape.duration = 6.0;
+    ASSERT_TRUE(testTrack(shape).write(clip));
+    ChildProcess stage({builtExecutable("plimctl").string(), "stage", clip.string(), "--size", "2160", "--output",
+                           (out / "Long.mp4").string()},
+        env, out / ".stdout", out / ".stderr");
+    auto partial = [&] {
+        for (const auto& entry : fs::directory_iterator(out.path()))
+            if (entry.path().filename().string().starts_with("Long.partial"))
+                return true;
+        return false;
+    };
+    for (int i = 0; i < 600 && !partial(); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_TRUE(partial()) << readText(out / ".stderr");
+    ::kill(stage.pid(), SIGTERM);
+    EXPECT_EQ(stage.wait(), 1);
+    EXPECT_EQ(readText(out / ".stderr"), "Stopped. Nothing was saved.\n");
+    for (const auto& entry : fs::directory_iterator(out.path()))
+        EXPECT_TRUE(entry.path().filename().string().starts_with(".")) << entry.path();
+}
+
 TEST_F(ShareCliTest, ListsTheLibraryAndDrawsThumbnails)
 {
     movie("First.mov");
