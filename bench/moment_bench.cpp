@@ -1,6 +1,7 @@
 // Times the reframe path of a one-hour plim: writing and reading its tracks, the automatic
 // edit, smoothing the pointer, and one stage moment per output frame at 60 fps.
 
+#include "base/files.h"
 #include "capture/capture.h"
 #include "plan/plan.h"
 #include "stage/stage.h"
@@ -96,7 +97,15 @@ int main()
         return giveUp(folder, keysRead.error().sentence);
     std::optional<KeystrokeTrack> keys = std::move(keysRead->value);
     const CursorTrack& track = read->value;
-    std::printf("read tracks: %.1f ms%s\n", millisecondsSince(t0), track == built ? "" : "  [differs from what was written]");
+    std::printf("read tracks: %.1f ms%s (target 150, aim under 50)\n", millisecondsSince(t0),
+        track == built ? "" : "  [differs from what was written]");
+    t0 = Steady::now();
+    auto bytes = readFileBytes(CursorTrack::fileBeside(movie));
+    const double fileMS = millisecondsSince(t0);
+    t0 = Steady::now();
+    auto again = CursorTrack::read(movie);
+    std::printf("  of which reading the %.1f MB file: %.1f ms; the cursor track read again: %.1f ms\n",
+        bytes ? static_cast<double>(bytes->size()) / 1e6 : 0.0, fileMS, millisecondsSince(t0));
 
     t0 = Steady::now();
     AutoEdit::Proposal proposal = AutoEdit::make(AutoEdit::performance(track, &*keys, {}, duration));

@@ -261,16 +261,25 @@ public:
 
 } // namespace
 
-Result<Decoded<CursorTrack>> CursorTrack::fromText(std::string_view text, std::string_view fileName)
+namespace {
+
+Result<Decoded<CursorTrack>> decodeTrack(std::string_view text, std::string_view fileName, size_t readablePastEnd)
 {
     const std::string name(fileName);
     if (text.empty())
         return corrupt(name, "the file is empty");
-    auto fields = readTrackFields(text);
+    auto fields = readTrackFields(text, readablePastEnd);
     if (!fields)
         return corrupt(name, fields.error() == TrackTextFailure::notAnObject ? "it does not hold a JSON object"
                                                                               : "it is not valid JSON");
     return finishTrack(*fields, name);
+}
+
+} // namespace
+
+Result<Decoded<CursorTrack>> CursorTrack::fromText(std::string_view text, std::string_view fileName)
+{
+    return decodeTrack(text, fileName, 0);
 }
 
 namespace {
@@ -441,7 +450,7 @@ Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
                   "Check that you may read the file, then try again.",
             Error::Kind::unreadable);
     }
-    return fromText(*bytes, name);
+    return decodeTrack(*bytes, name, bytes->capacity() - bytes->size());
 }
 
 } // namespace plim

@@ -208,8 +208,9 @@ CursorTrackFields fieldsOf(simdjson::dom::object object)
 
 } // namespace
 
-std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_view text)
+std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_view text, size_t readablePastEnd)
 {
+    const char* const end = text.data() + text.size();
     // A byte order mark is skipped; a NUL byte ends the text, as it ends a C string.
     if (!text.empty() && static_cast<unsigned char>(text[0]) == 0xEF) {
         if (!text.starts_with("\xEF\xBB\xBF"))
@@ -221,13 +222,15 @@ std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_v
 
     // Most tracks nest three deep; a deeper one is parsed again with room for any depth a
     // valid text of its length can have (every level costs two bytes).
+    // Cutting at a BOM or a NUL only adds to what lies readable past the end.
+    const bool inPlace = readablePastEnd + static_cast<size_t>(end - (text.data() + text.size())) >= simdjson::SIMDJSON_PADDING;
     simdjson::dom::parser parser;
     simdjson::dom::element root;
-    auto error = parser.parse(text.data(), text.size()).get(root);
+    auto error = parser.parse(text.data(), text.size(), !inPlace).get(root);
     if (error == simdjson::DEPTH_ERROR) {
         if (parser.allocate(text.size(), text.size() / 2 + 1))
             return std::unexpected(TrackTextFailure::notJson);
-        error = parser.parse(text.data(), text.size()).get(root);
+        error = parser.parse(text.data(), text.size(), !inPlace).get(root);
     }
     if (error == simdjson::NUMBER_ERROR) {
         // simdjson holds integers of at most 64 bits; JSON allows larger ones, which nlohmann

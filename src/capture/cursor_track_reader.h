@@ -95,7 +95,9 @@ enum class TrackTextFailure { notJson, notAnObject };
 
 // Reads JSON text. A leading UTF-8 byte order mark is allowed, a NUL byte ends the text,
 // nesting is unlimited; valid JSON whose top value is not an object is `notAnObject`.
-// Where a key repeats, the last one counts.
-std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_view text);
+// Where a key repeats, the last one counts. `readablePastEnd` says how many bytes after the
+// text may be read (not changed): with 64 or more the text is parsed where it lies, without
+// a padded copy.
+std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_view text, size_t readablePastEnd = 0);
 
 } // namespace plim
