@@ -22,7 +22,22 @@ struct Image {
     const uint8_t* row(int y) const { return pixels.get() + y * stride; }
 
     // A zeroed (fully transparent) picture; rows are 64-byte aligned for SIMD kernels.
-    static Image allocate(int width, int height)
+    static Image allocate(int width, int height) { return make(width, height, true); }
+
+    // The same, not zeroed: for a writer that sets every pixel before anything reads one
+    // (a decoded frame, a rendered canvas). Saves a pass over memory the size of a frame.
+    static Image uninitialized(int width, int height) { return make(width, height, false); }
+
+    Image clone() const
+    {
+        Image copy = uninitialized(width, height);
+        for (int y = 0; y < height; ++y)
+            std::memcpy(copy.row(y), row(y), static_cast<size_t>(width) * 4);
+        return copy;
+    }
+
+private:
+    static Image make(int width, int height, bool zeroed)
     {
         Image image;
         if (width <= 0 || height <= 0)
@@ -30,17 +45,10 @@ struct Image {
         image.width = width;
         image.height = height;
         image.stride = (static_cast<std::ptrdiff_t>(width) * 4 + 63) / 64 * 64;
-        image.pixels = std::shared_ptr<uint8_t[]>(new (std::align_val_t(64)) uint8_t[image.stride * height](),
-            [](uint8_t* p) { ::operator delete[](p, std::align_val_t(64)); });
+        const size_t bytes = static_cast<size_t>(image.stride) * static_cast<size_t>(height);
+        uint8_t* p = zeroed ? new (std::align_val_t(64)) uint8_t[bytes]() : new (std::align_val_t(64)) uint8_t[bytes];
+        image.pixels = std::shared_ptr<uint8_t[]>(p, [](uint8_t* q) { ::operator delete[](q, std::align_val_t(64)); });
         return image;
-    }
-
-    Image clone() const
-    {
-        Image copy = allocate(width, height);
-        for (int y = 0; y < height; ++y)
-            std::memcpy(copy.row(y), row(y), static_cast<size_t>(width) * 4);
-        return copy;
     }
 };
 

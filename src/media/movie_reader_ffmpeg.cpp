@@ -4,6 +4,8 @@
 
 #include "media/ffmpeg_support.h"
 
+#include "base/image_pool.h"
+
 #include <algorithm>
 #include <cmath>
 #include <system_error>
@@ -72,6 +74,7 @@ private:
     InputPtr m_format;
     CodecPtr m_decoder;
     SwsPtr m_sws;
+    ImagePool m_pictures; // decoded frames, reused once the stage lets go of them
     int m_stream = -1;
     double m_origin = 0;        // container start, seconds
     double m_streamEnd = 0;     // where the picture track says it ends
@@ -215,7 +218,7 @@ Result<VideoFrame> FfmpegMovieReader::convert(const AVFrame* frame)
         const int* matrix = sws_getCoefficients(swsMatrix(frame->colorspace, frame->height));
         sws_setColorspaceDetails(m_sws.get(), matrix, isFullRange(frame) ? 1 : 0, matrix, 1, 0, 1 << 16, 1 << 16);
     }
-    Image image = Image::allocate(outW, outH);
+    Image image = m_pictures.take(outW, outH);
     uint8_t* dst[1] = {image.pixels.get()};
     int dstStride[1] = {static_cast<int>(image.stride)};
     sws_scale(m_sws.get(), frame->data, frame->linesize, 0, frame->height, dst, dstStride);

@@ -523,7 +523,7 @@ private:
     Image halvedBox(const Image& src, const PixelBox& box) const
     {
         const int w = (box.width() + 1) / 2, h = (box.height() + 1) / 2;
-        Image out = Image::allocate(w, h);
+        Image out = Image::uninitialized(w, h); // every pixel is written below
         parallelRows(h, [&](int y0, int y1) {
             for (int y = y0; y < y1; ++y) {
                 const uint8_t* a = src.row(box.y0 + 2 * y) + box.x0 * 4;

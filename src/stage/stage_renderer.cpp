@@ -3,6 +3,8 @@
 
 #include "stage/stage_renderer.h"
 
+#include "base/image_pool.h"
+
 #include "base/log.h"
 #include "plan/plan.h"
 #include "stage/device_frame.h"
@@ -70,18 +72,6 @@ struct Flip {
     // A canvas-space transform as the same transform in picture space.
     Affine operator()(const Affine& t) const { return affine().then(t).then(affine()); }
 };
-
-// A frame whose every pixel the renderer writes before reading: not zeroed first.
-Image uninitializedFrame(int width, int height)
-{
-    Image image;
-    image.width = width;
-    image.height = height;
-    image.stride = (static_cast<std::ptrdiff_t>(width) * 4 + 63) / 64 * 64;
-    image.pixels = std::shared_ptr<uint8_t[]>(new (std::align_val_t(64)) uint8_t[image.stride * height],
-        [](uint8_t* p) { ::operator delete[](p, std::align_val_t(64)); });
-    return image;
-}
 
 double uniformScale(const Affine& t) { return std::sqrt(std::abs(t.a * t.d - t.b * t.c)); }
 
@@ -192,19 +182,7 @@ public:
 
 private:
     // A frame to draw into: one of ours that every caller has let go of, else a new one.
-    Image nextFrame()
-    {
-        for (Image& frame : m_frames)
-            if (frame.pixels.use_count() == 1) {
-                // Whoever let go of it last finished reading before we write.
-                std::atomic_thread_fence(std::memory_order_acquire);
-                return frame;
-            }
-        Image frame = uninitializedFrame(m_width, m_height);
-        if (m_frames.size() < framePool)
-            m_frames.push_back(frame);
-        return frame;
-    }
+    Image nextFrame() { return m_frames.take(m_width, m_height); }
 
     // --- Prepared once ---
 
@@ -694,8 +672,7 @@ private:
     TextLayer m_captionLayer;
     Image m_captionShadowLayer;
     // Frames handed out and reused once released.
-    static constexpr size_t framePool = 6;
-    std::vector<Image> m_frames;
+    ImagePool m_frames{6};
     // Per frame.
     Affine m_stagePic;
     double m_zoom = 1;
