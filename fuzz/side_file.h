@@ -18,12 +18,21 @@ namespace fs = std::filesystem;
 
 inline const fs::path& folder()
 {
-    static const fs::path dir = [] {
+    // Removed with everything in it when the process ends normally.
+    struct Owned {
+        fs::path path;
+        ~Owned()
+        {
+            std::error_code ignored;
+            fs::remove_all(path, ignored);
+        }
+    };
+    static const Owned dir{[] {
         fs::path d = fs::temp_directory_path() / ("plim-fuzz-" + std::to_string(::getpid()));
         fs::create_directories(d);
         return d;
-    }();
-    return dir;
+    }()};
+    return dir.path;
 }
 
 // Writes the input to folder()/B.<suffix>, calls read(movie, file), then checks the file.
