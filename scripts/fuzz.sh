@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
 # Runs every libFuzzer harness for a short time on its seed corpus.
 # Usage: scripts/fuzz.sh [build-dir] [seconds-each]   (default build-fuzz, 10 s)
-# Builds with clang ($CXX, default clang++; it must have std::expected) into the build folder first. Exits non-zero when a harness finds a
+# Builds with clang ($CXX, default clang++-19, which has std::expected) into the build folder first. Exits non-zero when a harness finds a
 # crash; the reproducer is left in the build folder's fuzz-findings/<harness>/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 build=${1:-build-fuzz}
 seconds=${2:-10}
 if [ ! -f "$build/build.ninja" ]; then
-  CXX=${CXX:-clang++} cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DPLIM_FUZZ=ON >/dev/null
+  CXX=${CXX:-clang++-19} cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DPLIM_FUZZ=ON >/dev/null
 fi
 harnesses=$(cd fuzz && ls *_fuzz.cpp | sed 's/\.cpp$//')
 ninja -C "$build" -j"$(nproc)" $harnesses
