@@ -2,6 +2,7 @@
 // Share: export of a staged plim to a movie or a GIF, named and placed where the user asked,
 // and the thumbnails the library shows for each plim.
 
+#include "share/clipboard.h"
 #include "share/gif_sink.h"
 #include "share/plim_thumbs.h"
 #include "share/share_engine.h"

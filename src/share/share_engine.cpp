@@ -6,6 +6,7 @@
 #include "capture/capture.h"
 #include "library/library.h"
 #include "media/media.h"
+#include "share/clipboard.h"
 #include "share/share_failure.h"
 #include "share/share_plim.h"
 #include "share/share_render.h"
@@ -61,29 +62,7 @@ ShareEngine::Environment ShareEngine::Environment::desktop()
         PLIM_TRY(moveToTrash(movie));
         return {};
     };
-    e.copyToClipboard = [](const fs::path& file) -> Status {
-        // xclip owns the CLIPBOARD selection from a process of its own that stays until
-        // another program takes it, offering the file as text/uri-list.
-        if (!std::getenv("DISPLAY"))
-            return fail("there is no X display to hold the clipboard");
-        std::string uri = "file://";
-        for (unsigned char c : fs::absolute(file).string()) {
-            if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~')
-                uri += static_cast<char>(c);
-            else {
-                char hex[4];
-                std::snprintf(hex, sizeof hex, "%%%02X", c);
-                uri += hex;
-            }
-        }
-        FILE* pipe = ::popen("xclip -selection clipboard -t text/uri-list -i 2>/dev/null", "w");
-        if (!pipe)
-            return fail("xclip could not be started");
-        std::fputs((uri + "\r\n").c_str(), pipe);
-        if (::pclose(pipe) != 0)
-            return fail("xclip is not installed or could not reach the display");
-        return {};
-    };
+    e.copyToClipboard = [](const fs::path& file) { return offerFileOnClipboard(file); };
     e.wallpaperURL = [] { return currentWallpaper(); };
     e.copiesFolder = [] { return ShareFiles::defaultCopiesFolder(); };
     e.didShare = [](const std::string& kind, const std::string& path) { logLine(LogArea::share, "shared " + kind + " " + path); };

@@ -122,7 +122,7 @@ TEST(Trash, MovesFilesWithTheirInfoAndNeverOverwrites)
     EXPECT_EQ(missing.error().kind, Error::Kind::missing);
 }
 
-TEST(ShareEnvironment, TheDesktopClipboardOffersTheFileAsAUriList)
+TEST(ShareEnvironment, TheDesktopClipboardOffersTheFileItsPathAndItsBytes)
 {
     TempDir dir;
     writeText(dir / "my clip.mp4", "movie");
@@ -145,7 +145,22 @@ TEST(ShareEnvironment, TheDesktopClipboardOffersTheFileAsAUriList)
     }
     ASSERT_TRUE(up) << "Xvfb did not start on " << display;
     ASSERT_TRUE(environment.copyToClipboard(dir / "my clip.mp4"));
-    auto pasted = runCommand({"xclip", "-o", "-selection", "clipboard", "-t", "text/uri-list"});
-    EXPECT_EQ(pasted.out, "file://" + (dir.path() / "my").string() + "%20clip.mp4\r\n");
+    auto paste = [](const std::string& target) {
+        return runCommand({"xclip", "-o", "-selection", "clipboard", "-t", target}).out;
+    };
+    const std::string uri = "file://" + (dir.path() / "my").string() + "%20clip.mp4";
+    EXPECT_EQ(paste("text/uri-list"), uri + "\r\n");
+    EXPECT_EQ(paste("x-special/gnome-copied-files"), "copy\n" + uri);
+    EXPECT_EQ(paste("UTF8_STRING"), (dir / "my clip.mp4").string());
+    EXPECT_EQ(paste("video/mp4"), "movie");
+    const std::string targets = paste("TARGETS");
+    for (const char* target : {"text/uri-list", "x-special/gnome-copied-files", "video/mp4"})
+        EXPECT_NE(targets.find(target), std::string::npos) << targets;
+
+    // A second offer takes the clipboard over; a GIF is offered as one.
+    writeText(dir / "loop.gif", "GIF89a");
+    ASSERT_TRUE(environment.copyToClipboard(dir / "loop.gif"));
+    EXPECT_EQ(paste("image/gif"), "GIF89a");
+    EXPECT_EQ(paste("video/mp4"), "");
     xvfb.terminate(); // the clipboard's owner goes with its display
 }
