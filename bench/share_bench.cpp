@@ -28,9 +28,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Steady = std::chrono::steady_clock;
 
-double since(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double since(Steady::time_point start) { return std::chrono::duration<double>(Steady::now() - start).count(); }
 
 // CPU seconds of this process and its finished children (ffmpeg), user and system: on a
 // shared machine the wall clock says more about the neighbours than about the work.
@@ -161,7 +161,7 @@ int main(int argc, char** argv)
     fs::create_directories(out);
     fs::path movie = demo / "Demo.mov";
     if (!fs::exists(movie)) {
-        auto start = Clock::now();
+        auto start = Steady::now();
         auto made = writeDemoPlim(demo);
         if (!made)
             die(made.error().sentence);
@@ -174,7 +174,7 @@ int main(int argc, char** argv)
     ShareEngine engine(desk);
 
     // 1080p MP4 share against a bare transcode (decode, scale, encode) at the same canvas.
-    auto start = Clock::now();
+    auto start = Steady::now();
     double cpuStart = cpu();
     ShareOutcome mp4 = engine.share(movie, ShareKind::video, ShareQuality::p1080, ShareDestination::save(out));
     const double mp4Seconds = since(start), mp4CPU = cpu() - cpuStart;
@@ -183,7 +183,7 @@ int main(int argc, char** argv)
     const std::string size = run("ffprobe -v error -select_streams v:0 -show_entries stream=width,height -of csv=p=0 " + shellQuoted(mp4.url));
     const int width = std::atoi(size.c_str());
     const int height = std::atoi(size.c_str() + size.find(',') + 1);
-    start = Clock::now();
+    start = Steady::now();
     cpuStart = cpu();
     run("ffmpeg -v error -y -i " + shellQuoted(movie) + " -vf scale=" + std::to_string(width) + ":" + std::to_string(height)
         + " -r 60 -c:v libx264 -preset " + exportPreset + " -profile:v high -b:v "
@@ -195,7 +195,7 @@ int main(int argc, char** argv)
         mp4CPU / bareCPU);
 
     // Medium GIF share.
-    start = Clock::now();
+    start = Steady::now();
     cpuStart = cpu();
     ShareOutcome gif = engine.share(movie, ShareKind::gif, ShareQuality::p1080, ShareDestination::save(out));
     const double gifSeconds = since(start), gifCPU = cpu() - cpuStart;
@@ -212,14 +212,14 @@ int main(int argc, char** argv)
     job.makeSink = [](const VideoSink::Settings& s) -> Result<std::unique_ptr<VideoSink>> { return std::make_unique<LosslessSink>(s); };
     const fs::path reference = out / "staged-frames.mkv";
     job.output = reference;
-    start = Clock::now();
+    start = Steady::now();
     cpuStart = cpu();
     auto staged = ShareRender::run(job, {}, {});
     const double stageSeconds = since(start), stageCPU = cpu() - cpuStart;
     if (!staged.isFinished())
         die(staged.sentence);
     const fs::path ffmpegGif = out / "ffmpeg.gif";
-    start = Clock::now();
+    start = Steady::now();
     cpuStart = cpu();
     run("ffmpeg -v error -y -i " + shellQuoted(reference) + " -vf \"split[a][b];[a]palettegen[p];[b][p]paletteuse\" " + shellQuoted(ffmpegGif));
     const double ffmpegSeconds = since(start), ffmpegCPU = cpu() - cpuStart;
