@@ -3,13 +3,15 @@
 // automatic edit and every frame kept, then transcodes the same recording to the same size
 // with the same encoder settings (decode, scale, encode, nothing composed). Then the peak
 // memory of staging a 3840 x 2160 recording. Each measurement runs in a fresh process of
-// this program so that its peak resident memory (getrusage maxrss) is its own.
+// this program, which reports its own peak resident memory (VmHWM, which starts afresh at exec).
 //
 //   stage_bench [folder]   (default: a folder under /tmp, reused between runs)
 
 #include "app/app.h"
 #include "media/media.h"
 #include "stage/stage.h"
+
+#include "stopwatch.h"
 
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -114,7 +116,7 @@ Figures bare(const fs::path& movie, RenderRules::PixelSize canvas)
 }
 
 // Runs this program again with `mode` and `movie` and returns the figures it prints and its
-// peak memory in MB. A fresh process, not a fork, so nothing of this one counts.
+// peak memory in MB, as that process saw it.
 std::pair<Figures, double> measured(const char* self, const char* mode, const fs::path& movie)
 {
     int ends[2];
@@ -138,14 +140,15 @@ std::pair<Figures, double> measured(const char* self, const char* mode, const fs
     wait4(pid, &status, 0, &usage);
     Figures f;
     long long frames = 0;
-    if (std::sscanf(text.c_str(), "%lld %lf", &frames, &f.seconds) != 2 || status != 0) {
+    double peakMB = 0;
+    if (std::sscanf(text.c_str(), "%lld %lf %lf", &frames, &f.seconds, &peakMB) != 3 || status != 0) {
         std::fprintf(stderr, "stage_bench: the %s measurement failed\n", mode);
         std::exit(1);
     }
     f.frames = frames;
     f.cpuSeconds = static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec)
         + static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
-    return {f, usage.ru_maxrss / 1024.0};
+    return {f, peakMB};
 }
 
 } // namespace
@@ -155,7 +158,7 @@ int main(int argc, char** argv)
     const RenderRules::PixelSize hd{1920, 1080};
     if (argc == 4 && std::string(argv[1]) == "--measure") {
         Figures f = std::string(argv[2]) == "bare" ? bare(argv[3], hd) : staged(argv[3], hd);
-        std::printf("%lld %.6f\n", static_cast<long long>(f.frames), f.seconds);
+        std::printf("%lld %.6f %.1f\n", static_cast<long long>(f.frames), f.seconds, plim::bench::peakResidentMB());
         return 0;
     }
     fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path() / "plim-stage-bench";

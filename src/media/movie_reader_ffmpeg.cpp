@@ -208,7 +208,7 @@ Result<VideoFrame> FfmpegMovieReader::convert(const AVFrame* frame)
     int outH = m_options.width > 0 && m_options.height > 0 ? m_options.height : frame->height;
     int flags = (outW < frame->width || outH < frame->height) ? SWS_AREA : SWS_BICUBIC;
     m_sws.reset(sws_getCachedContext(m_sws.release(), frame->width, frame->height,
-        static_cast<AVPixelFormat>(frame->format), outW, outH, AV_PIX_FMT_BGRA, flags | SWS_ACCURATE_RND, nullptr,
+        static_cast<AVPixelFormat>(frame->format), outW, outH, AV_PIX_FMT_BGRA, flags, nullptr,
         nullptr, nullptr));
     if (!m_sws)
         return fail(concat(name(), " has pictures Plim cannot convert (", frame->width, " × ", frame->height,

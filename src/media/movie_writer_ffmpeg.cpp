@@ -282,7 +282,7 @@ Status FfmpegMovieWriter::open()
     avio_flush(m_format->pb);
 
     m_sws.reset(sws_getContext(s.width, s.height, AV_PIX_FMT_BGRA, s.width, s.height, AV_PIX_FMT_YUV420P,
-        SWS_BILINEAR | SWS_ACCURATE_RND, nullptr, nullptr, nullptr));
+        SWS_BILINEAR, nullptr, nullptr, nullptr));
     if (!m_sws) {
         removeFile();
         return refuse("the colour converter would not start");

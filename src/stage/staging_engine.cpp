@@ -16,6 +16,7 @@
 #include <cmath>
 #include <mutex>
 #include <random>
+#include <algorithm>
 #include <thread>
 
 namespace plim {
@@ -183,7 +184,11 @@ Result<Setup> prepare(const StagingJob& job)
 {
     Setup s;
     s.fps = job.fps > 0 && std::isfinite(job.fps) ? job.fps : RenderRules::videoFPS;
-    auto reader = MovieReader::create(job.movie);
+    // Each decoder thread holds frames of its own; past a few threads a 4K source costs
+    // memory faster than it gains speed.
+    MovieReader::Options decoding;
+    decoding.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+    auto reader = MovieReader::create(job.movie, decoding);
     if (!reader) {
         logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
         std::string reason = reader.error().kind == Error::Kind::missing ? "there is no movie at " + job.movie.string()
