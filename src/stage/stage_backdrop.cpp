@@ -4,10 +4,12 @@
 
 #include "base/log.h"
 #include "library/library.h"
+#include "media/media.h"
 #include "stage/stage_renderer.h"
 
 #include <cairo.h>
 
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -54,7 +56,8 @@ std::optional<std::filesystem::path> existingFile(const std::string& text)
         std::optional<std::filesystem::path> best;
         uintmax_t bestSize = 0;
         for (const auto& entry : std::filesystem::recursive_directory_iterator(path / "contents" / "images", ec)) {
-            if (!entry.is_regular_file(ec) || entry.path().extension() != ".png")
+            const std::string extension = entry.path().extension().string();
+            if (!entry.is_regular_file(ec) || (extension != ".png" && extension != ".jpg" && extension != ".jpeg" && extension != ".webp"))
                 continue;
             const uintmax_t size = entry.file_size(ec);
             if (!ec && size > bestSize) {
@@ -168,12 +171,33 @@ BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::f
     return choice;
 }
 
-Result<Image> readPng(const std::filesystem::path& path)
+namespace {
+
+Result<Image> readThroughFFmpeg(const std::filesystem::path& path)
+{
+    const std::string name = path.filename().string();
+    auto reader = MovieReader::create(path);
+    if (!reader)
+        return fail("The backdrop picture " + name + " could not be read as a picture.", reader.error().kind);
+    auto frame = (*reader)->next();
+    if (!frame || !*frame || (**frame).image.isEmpty())
+        return fail("The backdrop picture " + name + " could not be read as a picture.", Error::Kind::corrupt);
+    return (**frame).image.clone(); // its own pixels, not the reader's
+}
+
+} // namespace
+
+Result<Image> readPicture(const std::filesystem::path& path)
 {
     const std::string name = path.filename().string();
     std::error_code ec;
     if (!std::filesystem::is_regular_file(path, ec))
         return fail("The backdrop picture " + name + " is not there.", Error::Kind::missing);
+    std::string extension = path.extension().string();
+    for (char& c : extension)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (extension != ".png")
+        return readThroughFFmpeg(path);
     cairo_surface_t* surface = cairo_image_surface_create_from_png(path.c_str());
     if (const cairo_status_t status = cairo_surface_status(surface); status != CAIRO_STATUS_SUCCESS) {
         cairo_surface_destroy(surface);
@@ -203,11 +227,11 @@ void drawBackdrop(Compositor& c, Image& target, const BackdropChoice& choice)
     drawArt(c, target, choice.art);
     if (!choice.picture)
         return;
-    auto picture = readPng(*choice.picture);
+    auto picture = readPicture(*choice.picture);
     if (!picture) {
         logLine(LogArea::main,
             picture.error().sentence
-                + " The stage uses the default backdrop instead and the file was left as it is; save the picture as a PNG to use it.");
+                + " The stage uses the default backdrop instead and the file was left as it is; choose a PNG, JPEG or WebP picture to use it.");
         drawArt(c, target, stage_style::namedBackdrop(StageSpec::Backdrop::Named::gradient));
         return;
     }

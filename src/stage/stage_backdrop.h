@@ -27,7 +27,8 @@ BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::f
 // logged notice; the file itself is never touched.
 void drawBackdrop(Compositor& compositor, Image& target, const BackdropChoice& choice);
 
-// Reads a PNG file into a picture; a sentence when it cannot.
-Result<Image> readPng(const std::filesystem::path& path);
+// Reads a picture file: PNG through cairo (keeping its transparency), anything else FFmpeg
+// decodes (JPEG, WebP, ...) as a movie of one frame. A sentence when it cannot.
+Result<Image> readPicture(const std::filesystem::path& path);
 
 } // namespace plim

@@ -528,6 +528,22 @@ TEST(StageRenderer, BackdropsOfEveryKind)
     EXPECT_LT(distance(at(r->ground(), 1, 1), at(d->ground(), 1, 1)), 4);
     EXPECT_TRUE(log.contains("broken.png could not be read"));
     EXPECT_EQ(testkit::readText(dir / "broken.png"), "not a picture");
+
+    // JPEG and WebP pictures are read through FFmpeg.
+    for (const char* name : {"blue.jpg", "blue.webp"}) {
+        ASSERT_EQ(testkit::runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "color=c=0x1E3CB4:s=64x36", "-frames:v",
+                      "1", (dir / name).string()})
+                      .status,
+            0);
+        StageSpec spec;
+        spec.backdrop = B::image((dir / name).string(), 0);
+        EXPECT_LT(distance(at(renderer(spec, {160, 90}, {160, 90})->ground(), 1, 1), Rgba{180, 60, 30, 255}), 12) << name;
+    }
+    testkit::writeText(dir / "broken.jpg", "not a picture");
+    broken.backdrop = B::image((dir / "broken.jpg").string(), 0);
+    renderer(broken, {160, 90}, {160, 90});
+    EXPECT_TRUE(log.contains("broken.jpg could not be read as a picture."));
+    EXPECT_EQ(testkit::readText(dir / "broken.jpg"), "not a picture");
 }
 
 TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
