@@ -614,13 +614,3 @@ Result<std::unique_ptr<Compositor>> Compositor::create(const Options& options)
 }
 
 } // namespace plim
-
-#if defined(__SANITIZE_ADDRESS__)
-// fontconfig keeps one small allocation from its first initialisation for the life of the
-// process; the leak checker of sanitized builds is told so rather than failing every run
-// that sets text.
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:libfontconfig.so\n";
-}
-#endif
