@@ -90,16 +90,3 @@ bool LogCapture::contains(std::string_view fragment) const
 }
 
 } // namespace plim
-
-#if defined(__SANITIZE_ADDRESS__)
-// Libraries that keep allocations for the life of the process (fontconfig's first
-// initialisation, x265's encoder tables behind libheif) are not Plim's leaks. The leak
-// checker of sanitized builds is told so, quietly: a command's own output stays its own.
-// Here because every program links the log.
-extern "C" const char* __lsan_default_suppressions()
-{
-    return "leak:libfontconfig.so\nleak:libx265.so\n";
-}
-
-extern "C" const char* __lsan_default_options() { return "print_suppressions=0"; }
-#endif
