@@ -28,8 +28,41 @@ protected:
         if (!x.isUp())
             GTEST_SKIP() << "Xvfb could not start here";
     }
+    // Starts recording `subject` into folder/name, noting the headline if it ends by itself.
+    std::unique_ptr<CaptureSession> startNotingTheEnd(ScreenSubject subject, const std::string& name)
+    {
+        CaptureSettings settings;
+        settings.subject = subject;
+        settings.display = x.display();
+        auto devices = openDevices(settings);
+        if (!devices) {
+            ADD_FAILURE() << devices.error().sentence;
+            return nullptr;
+        }
+        CaptureSession::Options options;
+        options.movie = folder / name;
+        options.onEnded = [this](const std::string& h) {
+            headline = h;
+            ended = true;
+        };
+        auto session = CaptureSession::start(settings, std::move(*devices), options);
+        if (!session) {
+            ADD_FAILURE() << session.error().sentence;
+            return nullptr;
+        }
+        return std::move(*session);
+    }
+    bool endsWithin(std::chrono::milliseconds limit)
+    {
+        for (auto waited = 0ms; waited < limit && !ended; waited += 20ms)
+            std::this_thread::sleep_for(20ms);
+        return ended;
+    }
+
     XvfbServer x{"800x600x24"};
     TempDir folder;
+    std::atomic<bool> ended{false};
+    std::string headline; // set before `ended`
 };
 
 TEST_F(ScreenCaptureTest, SubjectsThatCannotBeRecordedAreRefusedWithTheirSentences)
@@ -101,44 +134,29 @@ TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
 {
     TestWindow backdrop(x.display(), 0, 0, 800, 600, 0x000000);
     TestWindow window(x.display(), 50, 60, 200, 100, 0xff0000);
-    CaptureSettings settings;
-    settings.subject = ScreenSubject::window(window.id());
-    settings.display = x.display();
-    auto devices = openDevices(settings);
-    ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
-    std::atomic<bool> ended{false};
-    std::string headline;
-    CaptureSession::Options options;
-    options.movie = folder / "Window.mov";
-    options.onEnded = [&](const std::string& h) {
-        headline = h;
-        ended = true;
-    };
-    auto session = CaptureSession::start(settings, std::move(*devices), options);
-    ASSERT_TRUE(session.has_value()) << session.error().sentence;
+    auto session = startNotingTheEnd(ScreenSubject::window(window.id()), "Window.mov");
+    ASSERT_TRUE(session);
     std::this_thread::sleep_for(700ms);
     ASSERT_EQ(runCommand({"xdotool", "windowmove", std::to_string(window.id()), "300", "200"},
                   {"DISPLAY=" + x.display()}).status, 0);
     std::this_thread::sleep_for(1200ms);
     window.close();
-    for (int i = 0; i < 100 && !ended; ++i)
-        std::this_thread::sleep_for(20ms);
-    ASSERT_TRUE(ended.load());
+    ASSERT_TRUE(endsWithin(2000ms));
     EXPECT_EQ(headline, "That window is gone.");
-    auto outcome = (*session)->finish();
+    auto outcome = session->finish();
     ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
     EXPECT_EQ(outcome.value.failure, "That window is gone.");
     EXPECT_EQ(outcome.value.width, 200);
     EXPECT_EQ(outcome.value.height, 100);
 
     // The window's own red content all along, moved or not; its frame keys follow it.
-    auto track = CursorTrack::read(options.movie);
+    auto track = CursorTrack::read(folder / "Window.mov");
     ASSERT_TRUE(track.has_value());
     EXPECT_EQ(track->value.displayX, 50);
     ASSERT_FALSE(track->value.frames.empty());
     EXPECT_EQ(track->value.frames.front().x, 300);
     EXPECT_EQ(track->value.frames.front().y, 200);
-    auto last = runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.3", "-i", options.movie.string(), "-frames:v", "1",
+    auto last = runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.3", "-i", (folder / "Window.mov").string(), "-frames:v", "1",
         "-vf", "crop=2:2:100:50", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
     ASSERT_EQ(last.out.size(), 12u) << last.err;
     EXPECT_GT(uint8_t(last.out[0]), 200);
@@ -148,35 +166,20 @@ TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
 TEST_F(ScreenCaptureTest, AServerThatGoesAwayEndsTheRecordingEarlyAndKeepsWhatWasRecorded)
 {
     TestWindow window(x.display(), 0, 0, 800, 600, 0x3366cc);
-    CaptureSettings settings;
-    settings.subject = ScreenSubject::display();
-    settings.display = x.display();
-    auto devices = openDevices(settings);
-    ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
-    std::atomic<bool> ended{false};
-    std::string headline;
-    CaptureSession::Options options;
-    options.movie = folder / "Gone.mov";
-    options.onEnded = [&](const std::string& h) {
-        headline = h;
-        ended = true;
-    };
-    auto session = CaptureSession::start(settings, std::move(*devices), options);
-    ASSERT_TRUE(session.has_value()) << session.error().sentence;
+    auto session = startNotingTheEnd(ScreenSubject::display(), "Gone.mov");
+    ASSERT_TRUE(session);
     std::this_thread::sleep_for(1500ms);
     x.stop();
-    for (int i = 0; i < 200 && !ended; ++i)
-        std::this_thread::sleep_for(20ms);
-    ASSERT_TRUE(ended.load());
+    ASSERT_TRUE(endsWithin(4000ms));
     EXPECT_TRUE(headline.starts_with("Recording ended early at ")) << headline;
-    auto outcome = (*session)->finish();
+    auto outcome = session->finish();
     ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
     EXPECT_EQ(outcome.value.failure, headline);
     EXPECT_GT(outcome.value.frames, 20);
     auto probe = runCommand({"ffprobe", "-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
-        "stream=nb_read_frames", "-of", "csv=p=0", options.movie.string()});
+        "stream=nb_read_frames", "-of", "csv=p=0", (folder / "Gone.mov").string()});
     EXPECT_GT(std::atoi(probe.out.c_str()), 20) << probe.err;
-    EXPECT_TRUE(CursorTrack::read(options.movie).has_value());
+    EXPECT_TRUE(CursorTrack::read(folder / "Gone.mov").has_value());
 }
 
 } // namespace
