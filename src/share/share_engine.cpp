@@ -71,19 +71,18 @@ ShareEngine::Environment ShareEngine::Environment::desktop()
 
 ShareEngine::ShareEngine(Environment environment) : m_environment(std::move(environment))
 {
+    // Whatever the caller left out comes from the desktop.
     const Environment defaults = Environment::desktop();
-    if (!m_environment.keepOriginal)
-        m_environment.keepOriginal = defaults.keepOriginal;
-    if (!m_environment.removeOriginal)
-        m_environment.removeOriginal = defaults.removeOriginal;
-    if (!m_environment.copyToClipboard)
-        m_environment.copyToClipboard = defaults.copyToClipboard;
-    if (!m_environment.wallpaperURL)
-        m_environment.wallpaperURL = defaults.wallpaperURL;
-    if (!m_environment.copiesFolder)
-        m_environment.copiesFolder = defaults.copiesFolder;
-    if (!m_environment.didShare)
-        m_environment.didShare = defaults.didShare;
+    auto fill = [](auto& mine, const auto& fallback) {
+        if (!mine)
+            mine = fallback;
+    };
+    fill(m_environment.keepOriginal, defaults.keepOriginal);
+    fill(m_environment.removeOriginal, defaults.removeOriginal);
+    fill(m_environment.copyToClipboard, defaults.copyToClipboard);
+    fill(m_environment.wallpaperURL, defaults.wallpaperURL);
+    fill(m_environment.copiesFolder, defaults.copiesFolder);
+    fill(m_environment.didShare, defaults.didShare);
 }
 
 void ShareEngine::stop()
