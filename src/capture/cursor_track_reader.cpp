@@ -104,41 +104,142 @@ std::optional<CursorTrack::FrameKey> TrackEntry<CursorTrack::FrameKey>::make(
 
 namespace {
 
-TrackValue valueOf(simdjson::dom::element element)
-{
-    using Type = simdjson::dom::element_type;
-    TrackValue out;
-    switch (element.type()) {
-    case Type::NULL_VALUE:
-        break;
-    case Type::BOOL:
-        out.kind = TrackValue::Kind::boolean;
-        out.boolean = element.get_bool().value_unsafe();
-        break;
-    case Type::INT64:
-        out.kind = TrackValue::Kind::signedInteger;
-        out.signedInteger = element.get_int64().value_unsafe();
-        break;
-    case Type::UINT64:
-        out.kind = TrackValue::Kind::unsignedInteger;
-        out.unsignedInteger = element.get_uint64().value_unsafe();
-        break;
-    case Type::DOUBLE:
-        out.kind = TrackValue::Kind::real;
-        out.real = element.get_double().value_unsafe();
-        break;
-    case Type::STRING:
-        out.kind = TrackValue::Kind::string;
-        break;
-    case Type::ARRAY:
-        out.kind = TrackValue::Kind::array;
-        break;
-    case Type::OBJECT:
-        out.kind = TrackValue::Kind::object;
-        break;
+namespace od = simdjson::ondemand;
+using simdjson::error_code;
+
+// The text is read by simdjson's On-Demand front end, which builds no tape: what the reader
+// looks at is read once, and everything else is walked and checked as strictly as a tree
+// parser would check it (every atom, number, escape and separator), so a text is refused
+// exactly when it is not JSON.
+
+// Checks the rest of an array or object whose iterator is on top of `levels`, and everything
+// nested in it, without recursion: nesting may be as deep as the text is long.
+class Walk {
+public:
+    // Checks one value. Scalars are read; a container is entered and checked to its end.
+    error_code value(od::value value, TrackValue* found = nullptr, std::string* text = nullptr)
+    {
+        size_t depth = levels_.size();
+        if (error_code error = step(value, found, text))
+            return error;
+        return finishAbove(depth);
     }
-    return out;
-}
+
+private:
+    struct Level {
+        bool object = false;
+        bool started = false;
+        od::array_iterator elements;
+        od::object_iterator fields;
+    };
+
+    error_code step(od::value value, TrackValue* found, std::string* text)
+    {
+        od::json_type type;
+        if (error_code error = value.type().get(type))
+            return error;
+        TrackValue out;
+        error_code error = simdjson::SUCCESS;
+        switch (type) {
+        case od::json_type::array: {
+            out.kind = TrackValue::Kind::array;
+            od::array array;
+            Level level;
+            if (!(error = value.get_array().get(array)) && !(error = array.begin().get(level.elements)))
+                levels_.push_back(level);
+            break;
+        }
+        case od::json_type::object: {
+            out.kind = TrackValue::Kind::object;
+            od::object object;
+            Level level{.object = true};
+            if (!(error = value.get_object().get(object)) && !(error = object.begin().get(level.fields)))
+                levels_.push_back(level);
+            break;
+        }
+        case od::json_type::number: {
+            // By its kind rather than through get_number(), whose long-decimal path loses the value.
+            od::number_type numberType;
+            if ((error = value.get_number_type().get(numberType)))
+                break;
+            if (numberType == od::number_type::signed_integer) {
+                out.kind = TrackValue::Kind::signedInteger;
+                error = value.get_int64().get(out.signedInteger);
+            } else if (numberType == od::number_type::unsigned_integer) {
+                out.kind = TrackValue::Kind::unsignedInteger;
+                error = value.get_uint64().get(out.unsignedInteger);
+            } else {
+                out.kind = TrackValue::Kind::real;
+                error = value.get_double().get(out.real);
+            }
+            // Whatever went wrong with a number (integers beyond 64 bits among it) is for
+            // the caller to look at again.
+            if (error)
+                error = simdjson::NUMBER_ERROR;
+            break;
+        }
+        case od::json_type::string: {
+            std::string_view string;
+            if ((error = value.get_string().get(string)))
+                break;
+            out.kind = TrackValue::Kind::string;
+            if (text)
+                *text = string;
+            break;
+        }
+        case od::json_type::boolean:
+            out.kind = TrackValue::Kind::boolean;
+            error = value.get_bool().get(out.boolean);
+            break;
+        case od::json_type::null: {
+            bool isNull = false;
+            error = value.is_null().get(isNull);
+            if (!error && !isNull)
+                error = simdjson::N_ATOM_ERROR;
+            break;
+        }
+        }
+        if (found)
+            *found = out;
+        return error;
+    }
+
+    // Walks the containers above `depth` to their ends.
+    error_code finishAbove(size_t depth)
+    {
+        while (levels_.size() > depth) {
+            Level& top = levels_.back();
+            if (top.started) {
+                if (top.object)
+                    ++top.fields;
+                else
+                    ++top.elements;
+            }
+            top.started = true;
+            if (top.object ? !(top.fields != top.fields) : !(top.elements != top.elements)) {
+                levels_.pop_back();
+                continue;
+            }
+            od::value child;
+            if (top.object) {
+                od::field field;
+                std::string_view key;
+                if (error_code error = (*top.fields).get(field))
+                    return error;
+                if (error_code error = field.unescaped_key().get(key))
+                    return error;
+                child = field.value();
+            } else if (error_code error = (*top.elements).get(child)) {
+                return error;
+            }
+            if (error_code error = step(child, nullptr, nullptr))
+                return error;
+        }
+        return simdjson::SUCCESS;
+    }
+
+    std::vector<Level> levels_;
+};
 
 // The index of `key` in `keys`, or keys.size().
 template<size_t N>
@@ -150,59 +251,153 @@ size_t indexOf(const std::array<std::string_view, N>& keys, std::string_view key
     return i;
 }
 
-template<typename T>
-TrackList<T> listOf(simdjson::dom::element value)
+// Calls `each(key, value)` for the object's fields in order, keys unescaped.
+template<typename Each>
+error_code forEachField(od::object object, Each&& each)
 {
-    TrackList<T> out;
-    if (value.is_null())
-        return out;
-    simdjson::dom::array array;
-    if (value.get_array().get(array)) {
-        out.state = TrackList<T>::State::notAList;
-        return out;
+    for (auto member : object) {
+        od::field field;
+        std::string_view key;
+        if (error_code error = std::move(member).get(field))
+            return error;
+        if (error_code error = field.unescaped_key().get(key))
+            return error;
+        if (error_code error = each(key, field.value()))
+            return error;
+    }
+    return simdjson::SUCCESS;
+}
+
+template<typename T>
+error_code readList(Walk& walk, od::value value, TrackList<T>& out)
+{
+    out = {};
+    od::json_type type;
+    if (error_code error = value.type().get(type))
+        return error;
+    if (type != od::json_type::array) {
+        TrackValue found;
+        error_code error = walk.value(value, &found);
+        if (!error && found.kind != TrackValue::Kind::absent)
+            out.state = TrackList<T>::State::notAList;
+        return error;
     }
     out.state = TrackList<T>::State::list;
-    out.items.reserve(array.size());
+    od::array array;
+    if (error_code error = value.get_array().get(array))
+        return error;
     constexpr auto& keys = TrackEntry<T>::keys;
-    for (simdjson::dom::element entry : array) {
+    for (auto element : array) {
+        od::value entry;
+        if (error_code error = std::move(element).get(entry))
+            return error;
         std::array<TrackValue, keys.size()> at{};
-        simdjson::dom::object object;
-        if (!entry.get_object().get(object))
-            for (auto field : object)
-                if (size_t i = indexOf(keys, field.key); i < keys.size())
-                    at[i] = valueOf(field.value);
-        if (auto item = TrackEntry<T>::make(valueOf(entry), at))
+        TrackValue whole;
+        od::json_type entryType;
+        if (error_code error = entry.type().get(entryType))
+            return error;
+        if (entryType == od::json_type::object) {
+            whole.kind = TrackValue::Kind::object;
+            od::object object;
+            if (error_code error = entry.get_object().get(object))
+                return error;
+            error_code error = forEachField(object, [&](std::string_view key, od::value value) {
+                size_t i = indexOf(keys, key);
+                return walk.value(value, i < keys.size() ? &at[i] : nullptr);
+            });
+            if (error)
+                return error;
+        } else if (error_code error = walk.value(entry, &whole)) {
+            return error;
+        }
+        if (auto item = TrackEntry<T>::make(whole, at))
             out.items.push_back(*item);
         else
             ++out.dropped;
     }
-    return out;
+    return simdjson::SUCCESS;
 }
 
-CursorTrackFields fieldsOf(simdjson::dom::object object)
+error_code readFields(od::object object, CursorTrackFields& fields)
 {
-    CursorTrackFields fields;
-    for (auto field : object) {
-        std::string_view key = field.key;
+    Walk walk;
+    return forEachField(object, [&](std::string_view key, od::value value) {
         if (key == "samples")
-            fields.samples = listOf<CursorSample>(field.value);
-        else if (key == "clicks")
-            fields.clicks = listOf<ClickEvent>(field.value);
-        else if (key == "marks")
-            fields.marks = listOf<Mark>(field.value);
-        else if (key == "frames")
-            fields.frames = listOf<CursorTrack::FrameKey>(field.value);
-        else if (key == "videoStartOffsetMS")
-            fields.videoStartOffsetMS = valueOf(field.value);
-        else if (key == "cameraOffsetMS")
-            fields.cameraOffsetMS = valueOf(field.value);
-        else if (key == "subjectKind") {
-            fields.subjectKind = valueOf(field.value);
-            std::string_view text;
-            fields.subjectKindText = field.value.get_string().get(text) ? std::string() : std::string(text);
-        } else if (size_t i = indexOf(trackGeometryKeys, key); i < trackGeometryKeys.size())
-            fields.geometry[i] = valueOf(field.value);
+            return readList(walk, value, fields.samples);
+        if (key == "clicks")
+            return readList(walk, value, fields.clicks);
+        if (key == "marks")
+            return readList(walk, value, fields.marks);
+        if (key == "frames")
+            return readList(walk, value, fields.frames);
+        if (key == "videoStartOffsetMS")
+            return walk.value(value, &fields.videoStartOffsetMS);
+        if (key == "cameraOffsetMS")
+            return walk.value(value, &fields.cameraOffsetMS);
+        if (key == "subjectKind") {
+            fields.subjectKindText.clear();
+            return walk.value(value, &fields.subjectKind, &fields.subjectKindText);
+        }
+        if (size_t i = indexOf(trackGeometryKeys, key); i < trackGeometryKeys.size())
+            return walk.value(value, &fields.geometry[i]);
+        return walk.value(value);
+    });
+}
+
+// Reads a padded text: the fields, or nothing when the text is JSON but not an object (a
+// top-level value of another kind is checked all the same, to tell it from text that is not JSON).
+std::expected<std::optional<CursorTrackFields>, error_code> parse(od::parser& parser, simdjson::padded_string_view text)
+{
+    od::document document;
+    if (error_code error = parser.iterate(text).get(document))
+        return std::unexpected(error);
+    od::json_type type;
+    if (error_code error = document.type().get(type))
+        return std::unexpected(error);
+    CursorTrackFields fields;
+    bool object = type == od::json_type::object;
+    error_code error = simdjson::SUCCESS;
+    if (object) {
+        od::object root;
+        if (!(error = document.get_object().get(root)))
+            error = readFields(root, fields);
+    } else if (type == od::json_type::array) {
+        od::value root;
+        if (!(error = document.get_value().get(root)))
+            error = Walk().value(root);
+    } else if (type == od::json_type::number) {
+        double ignored;
+        error = document.get_double().get(ignored);
+    } else if (type == od::json_type::string) {
+        std::string_view ignored;
+        error = document.get_string().get(ignored);
+    } else if (type == od::json_type::boolean) {
+        bool ignored;
+        error = document.get_bool().get(ignored);
+    } else {
+        bool isNull = false;
+        error = document.is_null().get(isNull);
+        if (!error && !isNull)
+            error = simdjson::N_ATOM_ERROR;
     }
+    if (!error) {
+        // Whatever follows the top value, besides white space, makes the text not JSON. A
+        // scalar is one token, which runs to the next one; a container is valid by now, so
+        // skipping it again finds its true end.
+        std::string_view whole;
+        if (type == od::json_type::object || type == od::json_type::array) {
+            document.rewind();
+            error = document.raw_json().get(whole);
+        } else {
+            error = document.raw_json_token().get(whole);
+        }
+        if (!error && whole.data() + whole.size() != text.data() + text.length())
+            error = simdjson::TRAILING_CONTENT;
+    }
+    if (error)
+        return std::unexpected(error);
+    if (!object)
+        return std::nullopt;
     return fields;
 }
 
@@ -220,19 +415,20 @@ std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_v
     if (size_t nul = text.find('\0'); nul != std::string_view::npos)
         text = text.substr(0, nul);
 
-    // Most tracks nest three deep; a deeper one is parsed again with room for any depth a
-    // valid text of its length can have (every level costs two bytes).
     // Cutting at a BOM or a NUL only adds to what lies readable past the end.
-    const bool inPlace = readablePastEnd + static_cast<size_t>(end - (text.data() + text.size())) >= simdjson::SIMDJSON_PADDING;
-    simdjson::dom::parser parser;
-    simdjson::dom::element root;
-    auto error = parser.parse(text.data(), text.size(), !inPlace).get(root);
-    if (error == simdjson::DEPTH_ERROR) {
-        if (parser.allocate(text.size(), text.size() / 2 + 1))
-            return std::unexpected(TrackTextFailure::notJson);
-        error = parser.parse(text.data(), text.size(), !inPlace).get(root);
+    const size_t pastEnd = readablePastEnd + static_cast<size_t>(end - (text.data() + text.size()));
+    simdjson::padded_string copy;
+    simdjson::padded_string_view padded(text.data(), text.size(), text.size() + pastEnd);
+    if (pastEnd < simdjson::SIMDJSON_PADDING) {
+        copy = simdjson::padded_string(text);
+        padded = copy;
     }
-    if (error == simdjson::NUMBER_ERROR) {
+    // Every level of nesting costs at least one byte, so the text's length bounds its depth.
+    od::parser parser;
+    if (parser.allocate(text.size(), text.size() + 2))
+        return std::unexpected(TrackTextFailure::notJson);
+    auto fields = parse(parser, padded);
+    if (!fields && fields.error() == simdjson::NUMBER_ERROR) {
         // simdjson holds integers of at most 64 bits; JSON allows larger ones, which nlohmann
         // reads as doubles. Such a text is read through nlohmann and written back compactly,
         // keeping only the depths the reader looks at (a value inside a list entry is only
@@ -245,15 +441,14 @@ std::expected<CursorTrackFields, TrackTextFailure> readTrackFields(std::string_v
             false);
         if (tree.is_discarded())
             return std::unexpected(TrackTextFailure::notJson);
-        std::string rewritten = tree.dump();
-        error = parser.parse(rewritten.data(), rewritten.size()).get(root);
+        simdjson::padded_string rewritten(tree.dump());
+        fields = parse(parser, rewritten);
     }
-    if (error)
+    if (!fields)
         return std::unexpected(TrackTextFailure::notJson);
-    simdjson::dom::object object;
-    if (root.get_object().get(object))
+    if (!*fields)
         return std::unexpected(TrackTextFailure::notAnObject);
-    return fieldsOf(object);
+    return std::move(**fields);
 }
 
 } // namespace plim

@@ -1,8 +1,8 @@
 #pragma once
-// How a pointer track's text is read. The reader (on simdjson) only reports what it found
-// at the keys Plim knows (TrackValue); the rules below and the track's own finishing step
-// decide what that is worth. An hour of recording holds some 216,000 samples, so nothing
-// here builds more than simdjson's own tape.
+// How a pointer track's text is read. The reader (on simdjson's On-Demand front end) only
+// reports what it found at the keys Plim knows (TrackValue); the rules below and the track's
+// own finishing step decide what that is worth. An hour of recording holds some 216,000
+// samples, so the text is read in one pass without building a tree or a tape.
 
 #include "capture/cursor_track.h"
 

@@ -37,7 +37,7 @@ void expectAgree(const std::string& text, const std::string& what)
         Outcome canonical = CursorTrack::fromText(tree.dump(), fileName);
         ASSERT_EQ(read.has_value(), canonical.has_value());
         if (read) {
-            EXPECT_TRUE(read->value == canonical->value);
+            EXPECT_TRUE(read->value == canonical->value) << read->value.encoded() << "\n-----\n" << canonical->value.encoded();
             EXPECT_EQ(read->notices, canonical->notices);
         } else {
             EXPECT_EQ(read.error(), canonical.error());
