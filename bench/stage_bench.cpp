@@ -11,6 +11,7 @@
 #include "media/media.h"
 #include "stage/stage.h"
 
+#include "bare_transcode.h"
 #include "stopwatch.h"
 
 #include <sys/resource.h>
@@ -84,34 +85,7 @@ Figures staged(const fs::path& movie, RenderRules::PixelSize canvas)
 Figures bare(const fs::path& movie, RenderRules::PixelSize canvas)
 {
     auto start = Clock::now();
-    auto reader = MovieReader::create(movie, MovieReader::Options{canvas.width, canvas.height, 0});
-    if (!reader) {
-        std::fprintf(stderr, "stage_bench: %s\n", reader.error().sentence.c_str());
-        std::exit(1);
-    }
-    MovieWriter::Settings settings;
-    settings.path = movie.parent_path() / "bench.bare.mp4";
-    settings.width = canvas.width;
-    settings.height = canvas.height;
-    settings.frameRate = 60;
-    settings.bitsPerSecond = exportBitsPerSecond(canvas.width, canvas.height);
-    settings.preset = exportPreset;
-    auto writer = MovieWriter::create(settings);
-    if (!writer) {
-        std::fprintf(stderr, "stage_bench: %s\n", writer.error().sentence.c_str());
-        std::exit(1);
-    }
-    int64_t frames = 0;
-    for (;;) {
-        auto next = (*reader)->next();
-        if (!next || !*next)
-            break;
-        if (!(*writer)->appendVideo((*next)->image, static_cast<double>(frames) / 60))
-            std::exit(1);
-        ++frames;
-    }
-    if (!(*writer)->finish())
-        std::exit(1);
+    int64_t frames = plim::bench::bareTranscode(movie, canvas.width, canvas.height, movie.parent_path() / "bench.bare.mp4");
     return {std::chrono::duration<double>(Clock::now() - start).count(), frames};
 }
 

@@ -11,8 +11,10 @@
 //   the instant the picture was taken, accurate to about a millisecond; it runs on the
 //   source's thread and must return quickly (hand the frame on, don't encode there). The
 //   frame's pixels belong to the receiver; the source never touches them again.
-// - A tick that comes while the previous frame is still being taken or handed on is
-//   skipped and counted in droppedFrames(); ticks are never bunched up to catch up.
+// - A tick that comes while the previous frame is still being taken or handed on is taken
+//   as soon as that frame is done, if that is less than one period late (ticksLost); a tick
+//   later than that is skipped and counted in droppedFrames(). Each frame carries the
+//   instant it was really taken, so a late frame is never shown early.
 // - When the subject goes away (the window closes) the source stops by itself and calls
 //   `onEnd` once with the sentence, on its own thread.
 // - stop() may be called from any thread except the source's own; when it returns no
@@ -70,6 +72,16 @@ public:
     virtual int64_t deliveredFrames() const = 0;
     virtual int64_t droppedFrames() const = 0;
 };
+
+// How many ticks a source loses when it is done with a frame at `now` and the next tick was
+// due at `next` (uptime seconds, ticks `interval` apart): none while it is less than one
+// period behind, then one for every whole period.
+inline int64_t ticksLost(double now, double next, double interval)
+{
+    if (!(now - next >= interval))
+        return 0;
+    return static_cast<int64_t>((now - next) / interval);
+}
 
 // The X11 backend on the display named (else $DISPLAY).
 Result<std::unique_ptr<ScreenSource>> createX11ScreenSource(const ScreenSubject& subject,

@@ -194,9 +194,7 @@ private:
             m_onFrame(CapturedFrame{std::move(*image), taken});
             m_delivered.fetch_add(1);
             next += m_interval;
-            double now = systemUptime();
-            if (now > next) {
-                auto missed = static_cast<int64_t>(std::floor((now - next) / m_interval)) + 1;
+            if (int64_t missed = ticksLost(systemUptime(), next, m_interval)) {
                 m_dropped.fetch_add(missed);
                 next += double(missed) * m_interval;
             }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
 #include <chrono>
 #include <thread>
 
@@ -183,4 +184,20 @@ TEST_F(ScreenCaptureTest, AServerThatGoesAwayEndsTheRecordingEarlyAndKeepsWhatWa
 }
 
 } // namespace
+TEST(ScreenSourceTicks, ALateFrameIsTakenAtOnceAndOnlyWholeLostPeriodsCount)
+{
+    const double period = 1.0 / 60;
+    struct Case {
+        double behind; // how far past the next tick the previous frame ended, in periods
+        int64_t lost;
+    };
+    for (auto [behind, lost] : {Case{-0.5, 0}, Case{0, 0}, Case{0.3, 0}, Case{0.999, 0}, Case{1.001, 1}, Case{1.7, 1},
+             Case{2.001, 2}, Case{30.2, 30}}) {
+        const double next = 1000.0;
+        EXPECT_EQ(ticksLost(next + behind * period, next, period), lost) << behind << " periods behind";
+    }
+    // A clock that went wrong loses nothing rather than everything.
+    EXPECT_EQ(ticksLost(std::nan(""), 1000.0, period), 0);
+}
+
 } // namespace plim
