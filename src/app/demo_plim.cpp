@@ -105,13 +105,7 @@ Result<fs::path> writeDemoPlim(const fs::path& folder, const DemoOptions& option
     for (std::size_t i = 0; i < script.speech.size(); ++i)
         fs::remove(folder / ("line" + std::to_string(i) + ".wav"), ec);
 
-    MovieWriter::Settings settings;
-    settings.path = partial;
-    settings.container = MovieWriter::Container::fragmentedMov;
-    settings.width = options.width;
-    settings.height = options.height;
-    settings.frameRate = options.fps;
-    settings.bitsPerSecond = recordingBitsPerSecond(options.width, options.height, 1.0);
+    auto settings = MovieWriter::Settings::recording(partial, options.width, options.height, options.fps);
     settings.preset = options.preset;
     if (!sound.empty())
         settings.sound.push_back(MovieWriter::systemSoundTrack());

@@ -47,15 +47,17 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
         appendNotices(report.notices, std::move(keys->notices));
     }
 
-    PlimEdits::ReadResult read = PlimEdits::read(movie);
-    appendNotices(report.notices, read.notices);
-    report.editsKind = read.kind;
-    if (read.kind == PlimEdits::ReadResult::Kind::edits) {
-        report.plan = read.edits.plan;
-        report.edits = std::move(read.edits);
-        report.planFromFile = true;
-    } else if (!read.sentence.empty()) {
-        report.notices.push_back(read.sentence);
+    auto read = PlimEdits::read(movie);
+    if (!read) {
+        report.notices.push_back(read.error().sentence);
+        report.editsError = std::move(read.error());
+    } else {
+        appendNotices(report.notices, std::move(read->notices));
+        if (read->value) {
+            report.plan = read->value->plan;
+            report.edits = std::move(read->value);
+            report.planFromFile = true;
+        }
     }
 
     if (duration) {
@@ -130,9 +132,8 @@ AutoEditProposal proposeAutoEdit(const PlanReport& report)
 
 Status writePlanAsEdits(const PlanReport& report, const EditPlan& plan)
 {
-    using Kind = PlimEdits::ReadResult::Kind;
     auto path = sidecarPath(report.movie, "edits.json");
-    if (report.editsKind == Kind::refused || report.editsKind == Kind::unreadable)
+    if (report.editsError)
         return fail("The edits in " + path.string() + " could not be used, so the new plan was not written and "
             "that file was left exactly as it is. Move it aside (or open the plim in a Plim that reads it) and run "
             "the command again.");

@@ -18,7 +18,7 @@ struct PlanReport {
     std::filesystem::path movie;
     CursorTrack track;
     std::optional<KeystrokeTrack> keys;
-    PlimEdits::ReadResult::Kind editsKind = PlimEdits::ReadResult::Kind::none;
+    std::optional<Error> editsError; // B.edits.json was refused or unreadable (its sentence is a notice)
     std::optional<PlimEdits> edits; // B.edits.json when it was readable
     EditPlan plan;
     bool planFromFile = false;    // the plan came from B.edits.json

@@ -502,14 +502,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         && uint64_t(space.f_bavail) * uint64_t(space.f_frsize) < minimumFreeBytes)
         return fail(diskFullBeforeFirstFrame, Error::Kind::noSpace);
 
-    MovieWriter::Settings ws;
-    ws.path = movie;
-    ws.container = MovieWriter::Container::fragmentedMov;
-    ws.width = s.width;
-    ws.height = s.height;
-    ws.frameRate = settings.framesPerSecond;
-    ws.bitsPerSecond = recordingBitsPerSecond(s.width, s.height, settings.bitRateScale);
-    ws.preset = recordingPreset;
+    auto ws = MovieWriter::Settings::recording(movie, s.width, s.height, settings.framesPerSecond, settings.bitRateScale);
     if (s.devices.microphone) {
         s.micTrack = int(ws.sound.size());
         ws.sound.push_back(MovieWriter::microphoneTrack());
@@ -527,14 +520,8 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     s.writer = std::move(*writer);
 
     if (s.devices.camera) {
-        MovieWriter::Settings cs;
-        cs.path = sidecarPath(movie, "camera.mov");
-        cs.container = MovieWriter::Container::fragmentedMov;
-        cs.width = s.devices.camera->width() & ~1;
-        cs.height = s.devices.camera->height() & ~1;
-        cs.frameRate = s.devices.camera->framesPerSecond();
-        cs.bitsPerSecond = recordingBitsPerSecond(cs.width, cs.height, settings.bitRateScale);
-        cs.preset = recordingPreset;
+        auto cs = MovieWriter::Settings::recording(sidecarPath(movie, "camera.mov"), s.devices.camera->width() & ~1,
+            s.devices.camera->height() & ~1, s.devices.camera->framesPerSecond(), settings.bitRateScale);
         if (auto camera = MovieWriter::create(cs))
             s.cameraWriter = std::move(*camera);
         else {

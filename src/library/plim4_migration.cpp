@@ -49,28 +49,19 @@ Result<Standing> standing(const fs::path& rawMovie)
 
     out.playURL = rawMovie;
     auto read = PlimEdits::read(rawMovie);
-    switch (read.kind) {
-    case PlimEdits::ReadResult::Kind::refused:
-        out.kind = Standing::Kind::newerEdits;
-        if (isRegularFile(staged))
-            out.playURL = staged;
-        out.notes.push_back(read.sentence);
-        break;
-    case PlimEdits::ReadResult::Kind::unreadable:
-        out.notes.push_back(read.sentence);
-        break;
-    case PlimEdits::ReadResult::Kind::none:
-        if (read.plim3Stage) {
-            fs::path stageFile = sidecarPath(rawMovie, PlimFiles::stage);
-            out.kind = Standing::Kind::plim3Project;
-            out.projectURL = stageFile;
-            out.notes.push_back("This plim was made by Plim 3. Its look is read from " +
-                                stageFile.filename().string() +
-                                ", which is left as it is, and its edits start from the automatic edit.");
+    if (!read) {
+        if (read.error().kind == Error::Kind::refused) {
+            out.kind = Standing::Kind::newerEdits;
+            if (isRegularFile(staged))
+                out.playURL = staged;
         }
-        break;
-    case PlimEdits::ReadResult::Kind::edits:
-        break;
+        out.notes.push_back(read.error().sentence);
+    } else if (!read->value && PlimEdits::readPlim3Stage(rawMovie)) {
+        fs::path stageFile = sidecarPath(rawMovie, PlimFiles::stage);
+        out.kind = Standing::Kind::plim3Project;
+        out.projectURL = stageFile;
+        out.notes.push_back("This plim was made by Plim 3. Its look is read from " + stageFile.filename().string() +
+                            ", which is left as it is, and its edits start from the automatic edit.");
     }
     return out;
 }

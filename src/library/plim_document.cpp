@@ -87,23 +87,22 @@ PlimDocument::FirstEdit PlimDocument::automaticEdit(const fs::path& movieURL, do
 PlimDocument::OpenResult PlimDocument::open(const fs::path& movieURL, double duration, bool isPhonePlim,
     FirstEdit firstEdit)
 {
-    using Kind = PlimEdits::ReadResult::Kind;
     auto read = PlimEdits::read(movieURL);
     OpenResult result;
-    result.source = read.kind;
     PlimEdits edits;
-    if (read.kind == Kind::edits) {
-        edits = std::move(read.edits);
+    if (read && read->value) {
+        edits = std::move(*read->value);
+        result.editsFromFile = true;
     } else {
         if (firstEdit)
             edits = firstEdit();
         if (!edits.plim3Stage)
-            edits.plim3Stage = read.plim3Stage;
+            edits.plim3Stage = PlimEdits::readPlim3Stage(movieURL);
     }
     result.document = std::make_unique<PlimDocument>(movieURL, duration, isPhonePlim, std::move(edits));
-    if (read.kind == Kind::refused || read.kind == Kind::unreadable) {
+    if (!read) {
         result.document->m_protectsFile = true;
-        result.notice = read.sentence;
+        result.notice = std::move(read.error());
     }
     return result;
 }
@@ -157,25 +156,39 @@ void PlimDocument::beginGesture()
 
 void PlimDocument::endGesture() { m_gestureStart.reset(); }
 
-std::expected<void, PlimDocument::SaveFailure> PlimDocument::save()
+namespace {
+
+constexpr std::string_view saveFailureStart = "Plim could not save the edits for ";
+constexpr std::string_view saveFailureEnd = " Your changes are still open. Free some disk space or check that the "
+                                            "plims folder can be written to, then edit again to save them.";
+
+} // namespace
+
+Status PlimDocument::save()
 {
     if (m_protectsFile)
         return {};
     auto written = m_edits.write(m_movieURL, plimNameAndVersion());
-    if (!written) {
-        const std::string& reason = written.error().sentence;
-        return std::unexpected(SaveFailure{
-            "Plim could not save the edits for " + baseName(m_movieURL) + ". " + reason +
-                " Your changes are still open. Free some disk " +
-                "space or check that the plims folder can be written to, then edit again to save them.",
-            "Plim could not save this plim's edits: " + reason,
-        });
-    }
+    if (!written)
+        return fail(std::string(saveFailureStart) + baseName(m_movieURL) + ". " + written.error().sentence +
+                std::string(saveFailureEnd),
+            written.error().kind);
     if (m_isDirty) {
         m_isDirty = false;
         notify();
     }
     return {};
+}
+
+std::string PlimDocument::shortSaveSentence(const Error& saveFailure) const
+{
+    std::string_view reason = saveFailure.sentence;
+    const std::string start = std::string(saveFailureStart) + baseName(m_movieURL) + ". ";
+    if (reason.starts_with(start) && reason.ends_with(saveFailureEnd)) {
+        reason.remove_prefix(start.size());
+        reason.remove_suffix(saveFailureEnd.size());
+    }
+    return "Plim could not save this plim's edits: " + std::string(reason);
 }
 
 // --- Trims and clips ---

@@ -40,15 +40,10 @@ public:
 
     struct OpenResult {
         std::unique_ptr<PlimDocument> document;
-        PlimEdits::ReadResult::Kind source = PlimEdits::ReadResult::Kind::none;
-        // The refused or unreadable sentence to show; empty otherwise.
-        std::optional<std::string> notice;
-    };
-
-    struct SaveFailure {
-        std::string sentence;      // the full sentence
-        std::string shortSentence; // "Plim could not save this plim's edits: " + reason
-        bool operator==(const SaveFailure&) const = default;
+        bool editsFromFile = false; // the document holds the edits read from the file
+        // Why the edits file could not be used, to show: Error::Kind::refused for a newer
+        // format, otherwise it could not be read. Nothing when there was no such problem.
+        std::optional<Error> notice;
     };
 
     struct SplitClips {
@@ -88,8 +83,11 @@ public:
     void setObserver(std::function<void()> observer) { m_observer = std::move(observer); }
 
     // Writes the whole edits file with "writtenBy" set to this application. A document
-    // that protects a refused or unreadable file writes nothing until it is edited.
-    std::expected<void, SaveFailure> save();
+    // that protects a refused or unreadable file writes nothing until it is edited. A
+    // failure's sentence is the whole one; shortSaveSentence gives its short form.
+    Status save();
+    // "Plim could not save this plim's edits: " + the reason inside a failure of save().
+    std::string shortSaveSentence(const Error& saveFailure) const;
 
     void undo();
     void redo();

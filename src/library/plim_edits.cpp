@@ -41,24 +41,6 @@ std::string kindOfJson(const Json& value)
 }
 
 
-std::optional<Json> readPlim3Stage(const fs::path& movie)
-{
-    fs::path path = sidecarPath(movie, PlimFiles::stage);
-    auto json = readJsonFile(path);
-    if (!json) {
-        if (json.error().kind != Error::Kind::missing)
-            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().sentence +
-                    "), so this plim wears the usual look. The file was left as it is.");
-        return std::nullopt;
-    }
-    if (!json->is_object()) {
-        logLine(LogArea::main, path.filename().string() +
-                " does not hold a stage look, so this plim wears the usual look. The file was left as it is.");
-        return std::nullopt;
-    }
-    return *json;
-}
-
 } // namespace
 
 std::string plimNameAndVersion() { return "Plim " + std::string(plimVersion); }
@@ -105,6 +87,24 @@ std::optional<PlimEdits::Voiceover> PlimEdits::Voiceover::fromJson(const Json& v
     return out;
 }
 
+std::optional<Json> PlimEdits::readPlim3Stage(const fs::path& movie)
+{
+    fs::path path = sidecarPath(movie, PlimFiles::stage);
+    auto json = readJsonFile(path);
+    if (!json) {
+        if (json.error().kind != Error::Kind::missing)
+            logLine(LogArea::main, path.filename().string() + " could not be read (" + json.error().sentence +
+                    "), so this plim wears the usual look. The file was left as it is.");
+        return std::nullopt;
+    }
+    if (!json->is_object()) {
+        logLine(LogArea::main, path.filename().string() +
+                " does not hold a stage look, so this plim wears the usual look. The file was left as it is.");
+        return std::nullopt;
+    }
+    return *json;
+}
+
 bool PlimEdits::isAimed(std::string_view zoomID) const
 {
     if (std::find(aimedZooms.begin(), aimedZooms.end(), zoomID) == aimedZooms.end())
@@ -112,38 +112,37 @@ bool PlimEdits::isAimed(std::string_view zoomID) const
     return std::any_of(plan.zooms.begin(), plan.zooms.end(), [&](const ZoomBlock& z) { return z.id == zoomID; });
 }
 
-PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sourceName, std::optional<Json> plim3Stage,
-    std::vector<std::string>* droppedKeys)
+Result<Decoded<PlimEdits>> PlimEdits::decode(const Json& value, std::string_view sourceName,
+    std::optional<Json> plim3Stage, std::vector<std::string>* droppedKeys)
 {
-    auto withStage = [&](ReadResult result) {
-        result.plim3Stage = plim3Stage;
-        return result;
+    auto unreadable = [&](std::string_view description) {
+        return fail(unreadableEditsSentence(sourceName, description), Error::Kind::corrupt);
+    };
+    auto refused = [&](const std::optional<std::string>& writtenBy, uint64_t version) {
+        return fail(refusedEditsSentence(sourceName, writtenBy, version), Error::Kind::refused);
     };
     if (!value.is_object())
-        return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
-            sourceName, "It holds " + kindOfJson(value) + " where the edits belong.")));
+        return unreadable("It holds " + kindOfJson(value) + " where the edits belong.");
 
     std::optional<std::string> writtenBy = jsonString(value, "writtenBy");
     int64_t version = 1;
     if (const Json* v = jsonField(value, "version")) {
         // Too large for a signed number, yet still a whole one: a format from far in the future.
         if (v->is_number_unsigned() && v->get<uint64_t>() > static_cast<uint64_t>(INT64_MAX))
-            return withStage(ReadResult::ofRefused(refusedEditsSentence(sourceName, writtenBy, v->get<uint64_t>())));
+            return refused(writtenBy, v->get<uint64_t>());
         auto whole = jsonAsInteger(*v);
         if (!whole)
-            return withStage(
-                ReadResult::ofUnreadable(unreadableEditsSentence(sourceName, "The version field is not a whole number.")));
+            return unreadable("The version field is not a whole number.");
         version = *whole;
     }
     if (version >= 3)
-        return withStage(ReadResult::ofRefused(refusedEditsSentence(sourceName, writtenBy, static_cast<uint64_t>(version))));
+        return refused(writtenBy, static_cast<uint64_t>(version));
     if (version < 1)
-        return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(
-            sourceName, "The version field says " + std::to_string(version) + ", and edit formats start at 1.")));
+        return unreadable("The version field says " + std::to_string(version) + ", and edit formats start at 1.");
 
     auto plan = EditPlan::fromJson(value, std::string(sourceName));
     if (!plan)
-        return withStage(ReadResult::ofUnreadable(unreadableEditsSentence(sourceName, plan.error().sentence)));
+        return unreadable(plan.error().sentence);
 
     PlimEdits edits;
     edits.plan = std::move(plan->value);
@@ -210,37 +209,35 @@ PlimEdits::ReadResult PlimEdits::decode(const Json& value, std::string_view sour
         notices.push_back(plan_notices::droppedFields(sourceName, dropped));
     if (droppedKeys)
         *droppedKeys = dropped;
-    ReadResult result = withStage(ReadResult::ofEdits(std::move(edits)));
-    result.notices = std::move(notices);
-    return result;
+    return Decoded<PlimEdits>{std::move(edits), std::move(notices)};
 }
 
-PlimEdits::ReadResult PlimEdits::read(const fs::path& besideMovie)
+Result<Decoded<std::optional<PlimEdits>>> PlimEdits::read(const fs::path& besideMovie)
 {
-    std::optional<Json> stage = readPlim3Stage(besideMovie);
     fs::path path = sidecarPath(besideMovie, PlimFiles::edits);
     std::string name = path.filename().string();
-    auto finish = [&](ReadResult result) {
-        result.plim3Stage = stage;
-        if (result.kind == ReadResult::Kind::refused || result.kind == ReadResult::Kind::unreadable)
-            logLine(LogArea::main, result.sentence);
-        for (const auto& notice : result.notices)
+    auto decoded = [&]() -> Result<Decoded<std::optional<PlimEdits>>> {
+        auto bytes = readFileBytes(path);
+        if (!bytes) {
+            if (bytes.error().kind == Error::Kind::missing)
+                return Decoded<std::optional<PlimEdits>>{};
+            return fail(plan_notices::unreadable(name, bytes.error().sentence, isOrdinaryFile(path)),
+                Error::Kind::unreadable);
+        }
+        if (bytes->empty())
+            return fail(unreadableEditsSentence(name, "The file is empty."), Error::Kind::corrupt);
+        auto value = parseJson(*bytes);
+        if (!value)
+            return fail(unreadableEditsSentence(name, jsonParseProblem(*bytes)), Error::Kind::corrupt);
+        auto edits = PLIM_TRY(decode(*value, name, readPlim3Stage(besideMovie)));
+        return Decoded<std::optional<PlimEdits>>{std::move(edits.value), std::move(edits.notices)};
+    }();
+    if (!decoded)
+        logLine(LogArea::main, decoded.error().sentence);
+    else
+        for (const auto& notice : decoded->notices)
             logLine(LogArea::main, notice);
-        return result;
-    };
-
-    auto bytes = readFileBytes(path);
-    if (!bytes) {
-        if (bytes.error().kind == Error::Kind::missing)
-            return finish(ReadResult::ofNone());
-        return finish(ReadResult::ofUnreadable(plan_notices::unreadable(name, bytes.error().sentence, isOrdinaryFile(path))));
-    }
-    if (bytes->empty())
-        return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, "The file is empty.")));
-    auto value = parseJson(*bytes);
-    if (!value)
-        return finish(ReadResult::ofUnreadable(unreadableEditsSentence(name, jsonParseProblem(*bytes))));
-    return finish(decode(*value, name, stage));
+    return decoded;
 }
 
 Json PlimEdits::toJson(std::string_view writer) const

@@ -4,6 +4,7 @@
 // look, hand-aimed zooms). Versions 1 and 2 are read; a newer file is refused and never
 // rewritten by reading; a damaged field costs that field only.
 
+#include "base/decoded.h"
 #include "base/error.h"
 #include "base/json.h"
 #include "library/plim_look.h"
@@ -53,17 +54,22 @@ struct PlimEdits {
 
     bool operator==(const PlimEdits&) const = default;
 
-    struct ReadResult;
+    // Reads B.edits.json beside the movie, and an older B.stage.json into the edits it
+    // decodes. Never writes. Nothing when there is no edits file. Fails with Error::Kind::refused for a newer
+    // format, unreadable when the file cannot be read, corrupt when what it holds is not
+    // edits. The failure's sentence and the notices are logged; they name the file.
+    static Result<Decoded<std::optional<PlimEdits>>> read(const fs::path& besideMovie);
 
-    // Reads B.edits.json (and an older B.stage.json) beside the movie. Never writes.
-    // Dropped fields are logged as notices naming the file.
-    static ReadResult read(const fs::path& besideMovie);
-
-    // Decodes an edits object: refused for a newer version, unreadable for any other
-    // failure (the sentences name `sourceName`). `droppedKeys` collects the version-2
+    // Decodes an edits object: Error::Kind::refused for a newer version, corrupt for any
+    // other failure (the sentences name `sourceName`). `droppedKeys` collects the version-2
     // keys that could not be kept (the plan's own keys are in the plan's report).
-    static ReadResult decode(const Json& value, std::string_view sourceName,
+    static Result<Decoded<PlimEdits>> decode(const Json& value, std::string_view sourceName,
         std::optional<Json> plim3Stage = std::nullopt, std::vector<std::string>* droppedKeys = nullptr);
+
+    // The stage look of an older B.stage.json beside the movie, for a plim that starts
+    // without usable edits. Nothing when it is missing; nothing, logged, when it cannot be
+    // read or holds no object.
+    static std::optional<Json> readPlim3Stage(const fs::path& besideMovie);
 
     // The whole object with "version" = currentVersion and "writtenBy".
     Json toJson(std::string_view writtenBy) const;
@@ -73,20 +79,6 @@ struct PlimEdits {
 
     // Zoom ids aimed by hand that still name a zoom block.
     bool isAimed(std::string_view zoomID) const;
-};
-
-struct PlimEdits::ReadResult {
-    enum class Kind { edits, refused, unreadable, none };
-    Kind kind = Kind::none;
-    PlimEdits edits;        // meaningful for `edits`
-    std::string sentence;   // meaningful for `refused` and `unreadable`
-    std::optional<Json> plim3Stage; // read from B.stage.json whatever the kind
-    std::vector<std::string> notices; // what the decode had to leave out, for the caller to show
-
-    static ReadResult ofEdits(PlimEdits e) { return {Kind::edits, std::move(e), {}, {}}; }
-    static ReadResult ofRefused(std::string s) { return {Kind::refused, {}, std::move(s), {}}; }
-    static ReadResult ofUnreadable(std::string s) { return {Kind::unreadable, {}, std::move(s), {}}; }
-    static ReadResult ofNone() { return {}; }
 };
 
 // The refusal sentence for an edits file of a newer format.

@@ -76,6 +76,12 @@ public:
         int threads = 0;                // encoder threads; 0 = the codec's choice
         int queueDepth = 8;             // pictures waiting for the encoder
         int timeScale = 600;            // video time base 1/timeScale
+
+        // A recording's movie: fragmented, at recordingBitsPerSecond(width, height,
+        // bitRateScale) with recordingPreset, and no sound track yet (the recording adds
+        // the ones it has).
+        static Settings recording(std::filesystem::path path, int width, int height, double frameRate,
+            double bitRateScale = 1.0);
     };
 
     // The microphone track of a recording (mono, 128 kb/s) and its system-sound track

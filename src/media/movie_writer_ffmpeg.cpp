@@ -34,6 +34,20 @@ int64_t recordingBitsPerSecond(int width, int height, double scale)
     return static_cast<int64_t>(base * std::max(scale, 0.25));
 }
 
+MovieWriter::Settings MovieWriter::Settings::recording(fs::path path, int width, int height, double frameRate,
+    double bitRateScale)
+{
+    Settings settings;
+    settings.path = std::move(path);
+    settings.container = Container::fragmentedMov;
+    settings.width = width;
+    settings.height = height;
+    settings.frameRate = frameRate;
+    settings.bitsPerSecond = recordingBitsPerSecond(width, height, bitRateScale);
+    settings.preset = recordingPreset;
+    return settings;
+}
+
 namespace {
 
 constexpr double fragmentSeconds = 2.0;

@@ -37,10 +37,7 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
     if (auto keys = KeystrokeTrack::read(movie))
         job.keys = std::move(keys->value);
 
-    auto edits = PlimEdits::read(movie);
-    if (edits.kind == PlimEdits::ReadResult::Kind::refused || edits.kind == PlimEdits::ReadResult::Kind::unreadable)
-        return fail(edits.sentence, Error::Kind::refused);
-    PlimEdits found = edits.kind == PlimEdits::ReadResult::Kind::edits ? edits.edits : PlimEdits{};
+    PlimEdits found = PLIM_TRY(PlimEdits::read(movie)).value.value_or(PlimEdits{});
     job.plan = found.plan;
     job.look = found.look.value_or(PlimLook{});
     if (auto spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)))

@@ -248,7 +248,8 @@ TEST(PlimDocument, SavingLeavesAFileWithoutReadPermissionByteForByte)
     writeText(file, locked);
     chmod(file.c_str(), 0);
     auto opened = PlimDocument::open(movie, 10, false, firstEdit);
-    EXPECT_EQ(opened.source, PlimEdits::ReadResult::Kind::unreadable);
+    ASSERT_TRUE(opened.notice);
+    EXPECT_EQ(std::pair(opened.editsFromFile, opened.notice->kind), std::pair(false, Error::Kind::unreadable));
     ASSERT_TRUE(opened.document->save());
     chmod(file.c_str(), 0644);
     EXPECT_EQ(readText(file), locked);
@@ -258,11 +259,12 @@ TEST(PlimDocument, SavesButNeverOverwritesARefusedOrUnreadableFileUntilEdited)
 {
     TempDir dir;
     fs::path movie = dir / "B.mov", file = dir / "B.edits.json";
-    for (std::string bytes : {std::string(R"({"version": 3, "writtenBy": "Plim 9"})"), std::string("{ not json")}) {
+    for (auto [bytes, kind] : {std::pair(std::string(R"({"version": 3, "writtenBy": "Plim 9"})"), Error::Kind::refused),
+             std::pair(std::string("{ not json"), Error::Kind::corrupt)}) {
         writeText(file, bytes);
         auto opened = PlimDocument::open(movie, 10, false, firstEdit);
         ASSERT_TRUE(opened.document && opened.notice);
-        EXPECT_NE(opened.source, PlimEdits::ReadResult::Kind::edits);
+        EXPECT_EQ(std::pair(opened.editsFromFile, opened.notice->kind), std::pair(false, kind));
         auto& doc = *opened.document;
         EXPECT_EQ(doc.edits().plan.trimIn, 0.75); // the automatic edit stands in
         ASSERT_TRUE(doc.save());
@@ -273,19 +275,42 @@ TEST(PlimDocument, SavesButNeverOverwritesARefusedOrUnreadableFileUntilEdited)
         Json json = readJsonFile(file).value_or(Json());
         EXPECT_EQ(std::tuple(json["writtenBy"], json["version"], json["trimIn"]), std::tuple("Plim 0.1.0", 2, 1.25));
         auto again = PlimDocument::open(movie, 10, false);
-        EXPECT_EQ(std::pair(again.source, again.notice), std::pair(PlimEdits::ReadResult::Kind::edits, std::optional<std::string>()));
+        EXPECT_TRUE(again.editsFromFile && !again.notice);
     }
 
     fs::create_directory(dir / "C.edits.json"); // a folder where the file belongs
     auto doc = PlimDocument(dir / "C.mov", 10, false, PlimEdits{});
     doc.setTrimIn(2);
     auto saved = doc.save();
-    auto failure = saved ? PlimDocument::SaveFailure{} : saved.error();
+    auto failure = saved ? Error{} : saved.error();
     EXPECT_EQ(failure.sentence.rfind("Plim could not save the edits for C. ", 0), 0u);
     EXPECT_NE(failure.sentence.find(" Your changes are still open. Free some disk space or check that the plims folder "
                                     "can be written to, then edit again to save them."), std::string::npos);
-    EXPECT_EQ(failure.shortSentence.rfind("Plim could not save this plim's edits: ", 0), 0u);
+    // The short form keeps only the reason the write gave.
+    auto written = PlimEdits{}.write(dir / "C.mov", plimNameAndVersion());
+    ASSERT_FALSE(written);
+    EXPECT_EQ(doc.shortSaveSentence(failure), "Plim could not save this plim's edits: " + written.error().sentence);
     EXPECT_TRUE(doc.isDirty() && fs::is_directory(dir / "C.edits.json"));
+}
+
+TEST(PlimDocument, AnOlderStageLookComesAlongWhateverTheEditsFileHolds)
+{
+    TempDir dir;
+    fs::path movie = dir / "B.mov", file = dir / "B.edits.json";
+    const std::string stage = R"({"paddingPX": 80, "backdrop": "plum"})";
+    writeText(dir / "B.stage.json", stage);
+    // No edits file, a newer one, a damaged one, a readable one.
+    for (auto [bytes, fromFile] : std::vector<std::pair<std::optional<std::string>, bool>>{{std::nullopt, false},
+             {R"({"version": 3})", false}, {"{ not json", false}, {R"({"trimIn": 2})", true}}) {
+        fs::remove(file);
+        if (bytes)
+            writeText(file, *bytes);
+        auto opened = PlimDocument::open(movie, 10, false, firstEdit);
+        EXPECT_EQ(std::tuple(opened.editsFromFile, opened.notice.has_value(), opened.document->edits().plim3Stage),
+            std::tuple(fromFile, bytes && !fromFile, std::optional(Json::parse(stage))))
+            << bytes.value_or("no edits file");
+    }
+    EXPECT_EQ(readText(dir / "B.stage.json"), stage);
 }
 
 TEST(PlimDocument, TheAutomaticEditComesFromTheCursorTrack)

@@ -9,7 +9,7 @@
 
 using namespace plim;
 using namespace plim::testkit;
-using Kind = PlimEdits::ReadResult::Kind;
+using Kind = Error::Kind;
 
 namespace {
 
@@ -37,10 +37,13 @@ PlimEdits fullEdits()
     return e;
 }
 
-PlimEdits::ReadResult decode(const Json& json, std::vector<std::string>* dropped = nullptr)
+Result<Decoded<PlimEdits>> decode(const Json& json, std::vector<std::string>* dropped = nullptr)
 {
     return PlimEdits::decode(json, "B.edits.json", std::nullopt, dropped);
 }
+
+// The edits decoded from `json`, or empty ones when it fails.
+PlimEdits decodedEdits(const Json& json) { return decode(json).value_or(Decoded<PlimEdits>{}).value; }
 
 } // namespace
 
@@ -55,9 +58,9 @@ TEST(PlimEdits, WritesSortedVersionTwoAndReadsBackEveryField)
     EXPECT_NE(text.find("\"writtenBy\": \"Plim 0.1.0\""), std::string::npos);
     EXPECT_LT(text.find("\"aimedZooms\""), text.find("\"zooms\""));
     auto read = PlimEdits::read(dir / "B.mov");
-    ASSERT_EQ(read.kind, Kind::edits) << read.sentence;
-    EXPECT_EQ(read.edits, full);
-    EXPECT_FALSE(read.plim3Stage);
+    ASSERT_TRUE(read && read->value) << (read ? "no edits" : read.error().sentence);
+    EXPECT_EQ(*read->value, full);
+    EXPECT_FALSE(read->value->plim3Stage);
 }
 
 TEST(PlimEdits, ADamagedFieldCostsOnlyThatFieldOrItsDamagedParts)
@@ -69,12 +72,13 @@ TEST(PlimEdits, ADamagedFieldCostsOnlyThatFieldOrItsDamagedParts)
         Json damaged = json, without = json;
         damaged[it.key()] = it->is_boolean() ? Json("yes") : Json(true); // a type the key never holds
         without.erase(it.key());
-        const PlimEdits expected = decode(without).edits;
+        const PlimEdits expected = decodedEdits(without);
         EXPECT_NE(expected, fullEdits()) << it.key();
         auto read = decode(damaged);
-        EXPECT_EQ(read.edits, expected) << it.key() << ": " << read.sentence;
+        ASSERT_TRUE(read) << it.key() << ": " << read.error().sentence;
+        EXPECT_EQ(read->value, expected) << it.key();
         // A damaged authored field is reported with the file's name; the writer is only a label.
-        EXPECT_EQ(read.notices.size() == 1 && read.notices[0].starts_with("B.edits.json: "), it.key() != "writtenBy")
+        EXPECT_EQ(read->notices.size() == 1 && read->notices[0].starts_with("B.edits.json: "), it.key() != "writtenBy")
             << it.key();
     }
 
@@ -85,12 +89,13 @@ TEST(PlimEdits, ADamagedFieldCostsOnlyThatFieldOrItsDamagedParts)
     partly["cuts"].push_back(Json{{"id", idA}, {"start", 3}}); // a cut without its end
     std::vector<std::string> dropped;
     auto read = decode(partly, &dropped);
+    ASSERT_TRUE(read) << read.error().sentence;
     EXPECT_EQ(dropped, (std::vector<std::string>{"aimedZooms", "look.padding", "voiceovers"}));
     PlimEdits expected = fullEdits();
     expected.look->padding = PlimLook{}.padding;
-    EXPECT_EQ(read.edits, expected);
-    ASSERT_EQ(read.notices.size(), 2u); // the plan's cut, then the edits' own fields
-    EXPECT_TRUE(read.notices[1].starts_with(
+    EXPECT_EQ(read->value, expected);
+    ASSERT_EQ(read->notices.size(), 2u); // the plan's cut, then the edits' own fields
+    EXPECT_TRUE(read->notices[1].starts_with(
         "B.edits.json: aimedZooms, look.padding, voiceovers could not be read and were left out."));
 }
 
@@ -101,19 +106,21 @@ TEST(PlimEdits, NewerVersionsAreRefusedAndBadOnesUnreadable)
     const std::string bad = "B.edits.json could not be read at all, so this plim falls back to its automatic edit. The "
                             "file was left as it is. The file says: The version field ";
     for (auto [text, kind, sentence] : std::vector<std::tuple<std::string, Kind, std::string>>{
-             {R"({"version": 2.5, "trimIn": 1})", Kind::unreadable, bad + "is not a whole number."},
-             {R"({"version": "2"})", Kind::unreadable, bad + "is not a whole number."},
-             {R"({"version": 0})", Kind::unreadable, bad + "says 0, and edit formats start at 1."},
+             {R"({"version": 2.5, "trimIn": 1})", Kind::corrupt, bad + "is not a whole number."},
+             {R"({"version": "2"})", Kind::corrupt, bad + "is not a whole number."},
+             {R"({"version": 0})", Kind::corrupt, bad + "says 0, and edit formats start at 1."},
              {R"({"version": 3, "writtenBy": "   "})", Kind::refused, "B.edits.json was saved by a newer Plim (edit format 3)" + newer},
              {R"({"version": 3.0})", Kind::refused, "B.edits.json was saved by a newer Plim (edit format 3)" + newer},
              {R"({"version": 7, "writtenBy": "  Plim 9.2 "})", Kind::refused, "B.edits.json was saved by Plim 9.2" + newer},
              {R"({"version": 18446744073709551615})", Kind::refused,
                  "B.edits.json was saved by a newer Plim (edit format 18446744073709551615)" + newer}}) {
         auto read = decode(Json::parse(text));
-        EXPECT_EQ(std::pair(read.kind, read.sentence), std::pair(kind, sentence)) << text;
+        ASSERT_FALSE(read) << text;
+        EXPECT_EQ(std::pair(read.error().kind, read.error().sentence), std::pair(kind, sentence)) << text;
     }
     auto first = decode(Json::parse(R"({"trimIn": 1.5})"));
-    EXPECT_EQ(std::tuple(first.kind, first.edits.version, first.edits.plan.trimIn), std::tuple(Kind::edits, 1, 1.5));
+    ASSERT_TRUE(first) << first.error().sentence;
+    EXPECT_EQ(std::pair(first->value.version, first->value.plan.trimIn), std::pair(int64_t(1), std::optional(1.5)));
 }
 
 TEST(PlimEdits, AFileWithoutReadPermissionIsReportedAndLeftByteForByte)
@@ -125,8 +132,9 @@ TEST(PlimEdits, AFileWithoutReadPermissionIsReportedAndLeftByteForByte)
     writeText(file, R"({"version": 2, "trimIn": 1})");
     chmod(file.c_str(), 0);
     auto read = PlimEdits::read(movie);
-    EXPECT_EQ(read.kind, Kind::unreadable);
-    EXPECT_NE(read.sentence.find("B.edits.json is on disk but could not be read"), std::string::npos);
+    ASSERT_FALSE(read);
+    EXPECT_EQ(read.error().kind, Kind::unreadable);
+    EXPECT_NE(read.error().sentence.find("B.edits.json is on disk but could not be read"), std::string::npos);
     chmod(file.c_str(), 0644);
     EXPECT_EQ(readText(file), R"({"version": 2, "trimIn": 1})");
 }
@@ -135,20 +143,23 @@ TEST(PlimEdits, FilesThatCannotBeUsedAreReportedAndLeftAlone)
 {
     TempDir dir;
     fs::path movie = dir / "B.mov", file = dir / "B.edits.json";
-    EXPECT_EQ(PlimEdits::read(movie).kind, Kind::none);
+    auto none = PlimEdits::read(movie);
+    EXPECT_TRUE(none && !none->value && none->notices.empty());
     EXPECT_FALSE(fs::exists(file));
-    for (auto [bytes, says] : std::vector<std::pair<std::string, std::string>>{{"", "The file says: The file is empty."},
-             {"{\"trimIn\": 1,", "The file says: Parse error at line 1"},
-             {"{\"trimIn\": 1e400}", "The file says: A number in it is too large to hold."},
-             {"{\"trimIn\": \"\xff", "last read: '\"\\xff'."},
-             {"[1, 2]", "The file says: It holds a list where the edits belong."},
-             {R"({"version": 4})", "which is newer than this Plim 0.1.0."}}) {
+    for (auto [bytes, kind, says] : std::vector<std::tuple<std::string, Kind, std::string>>{
+             {"", Kind::corrupt, "The file says: The file is empty."},
+             {"{\"trimIn\": 1,", Kind::corrupt, "The file says: Parse error at line 1"},
+             {"{\"trimIn\": 1e400}", Kind::corrupt, "The file says: A number in it is too large to hold."},
+             {"{\"trimIn\": \"\xff", Kind::corrupt, "last read: '\"\\xff'."},
+             {"[1, 2]", Kind::corrupt, "The file says: It holds a list where the edits belong."},
+             {R"({"version": 4})", Kind::refused, "which is newer than this Plim 0.1.0."}}) {
         writeText(file, bytes);
         LogCapture log;
         auto read = PlimEdits::read(movie);
-        EXPECT_NE(read.kind, Kind::edits);
-        EXPECT_NE(read.sentence.find(says), std::string::npos) << read.sentence;
-        EXPECT_TRUE(log.contains(read.sentence));
+        ASSERT_FALSE(read) << bytes;
+        EXPECT_EQ(read.error().kind, kind) << bytes;
+        EXPECT_NE(read.error().sentence.find(says), std::string::npos) << read.error().sentence;
+        EXPECT_TRUE(log.contains(read.error().sentence));
         EXPECT_EQ(readText(file), bytes);
     }
 
@@ -174,8 +185,10 @@ TEST(PlimEdits, FilesThatCannotBeUsedAreReportedAndLeftAlone)
     fs::remove(file);
     fs::create_directory(file);
     auto folder = PlimEdits::read(movie);
-    EXPECT_NE(folder.sentence.find("it is a folder, not a file."), std::string::npos) << folder.sentence;
-    EXPECT_EQ(folder.sentence.find("download"), std::string::npos) << folder.sentence;
+    ASSERT_FALSE(folder);
+    EXPECT_EQ(folder.error().kind, Kind::unreadable);
+    EXPECT_NE(folder.error().sentence.find("it is a folder, not a file."), std::string::npos) << folder.error().sentence;
+    EXPECT_EQ(folder.error().sentence.find("download"), std::string::npos) << folder.error().sentence;
 }
 
 TEST(PlimEdits, AnOlderStageFileIsReadBesideTheEditsAndNeverWritten)
@@ -185,15 +198,18 @@ TEST(PlimEdits, AnOlderStageFileIsReadBesideTheEditsAndNeverWritten)
     writeText(dir / "B.stage.json", stage);
     writeText(dir / "B.edits.json", R"({"trimIn": 2})");
     auto read = PlimEdits::read(dir / "B.mov");
-    EXPECT_EQ(read.edits.plim3Stage, Json::parse(stage));
-    ASSERT_TRUE(read.edits.write(dir / "B.mov", plimNameAndVersion()));
+    ASSERT_TRUE(read && read->value);
+    EXPECT_EQ(read->value->plim3Stage, Json::parse(stage));
+    EXPECT_EQ(PlimEdits::readPlim3Stage(dir / "B.mov"), Json::parse(stage));
+    ASSERT_TRUE(read->value->write(dir / "B.mov", plimNameAndVersion()));
     EXPECT_FALSE(readJsonFile(dir / "B.edits.json")->contains("plim3Stage"));
     EXPECT_EQ(readText(dir / "B.stage.json"), stage);
 
     writeText(dir / "B.stage.json", "not json");
     LogCapture log;
     auto damaged = PlimEdits::read(dir / "B.mov");
-    EXPECT_EQ(std::pair(damaged.kind, damaged.edits.plim3Stage), std::pair(Kind::edits, std::optional<Json>()));
+    ASSERT_TRUE(damaged && damaged->value);
+    EXPECT_FALSE(damaged->value->plim3Stage);
     EXPECT_TRUE(log.contains("B.stage.json could not be read"));
     EXPECT_EQ(readText(dir / "B.stage.json"), "not json");
 }

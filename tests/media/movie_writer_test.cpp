@@ -149,13 +149,7 @@ TEST(MovieWriter, RecordingKilledMidWriteStaysReadable)
     ASSERT_GE(child, 0);
     if (child == 0) {
         close(ready[0]);
-        MovieWriter::Settings s;
-        s.path = path;
-        s.container = MovieWriter::Container::fragmentedMov;
-        s.width = 320;
-        s.height = 240;
-        s.frameRate = 30;
-        s.preset = recordingPreset;
+        auto s = MovieWriter::Settings::recording(path, 320, 240, 30);
         s.sound = {MovieWriter::microphoneTrack()};
         auto writer = MovieWriter::create(s);
         if (!writer)

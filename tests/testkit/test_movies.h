@@ -68,14 +68,8 @@ inline std::vector<float> toneTrack(double duration, const std::vector<double>& 
 
 inline Status writeTestMovie(const fs::path& path, const TestMovie& m)
 {
-    MovieWriter::Settings settings;
-    settings.path = path;
-    settings.container = MovieWriter::Container::mp4;
-    settings.width = m.width;
-    settings.height = m.height;
-    settings.frameRate = m.fps;
-    settings.bitsPerSecond = 2'000'000;
-    settings.preset = "ultrafast";
+    // Written the way the recorder writes its movies.
+    auto settings = MovieWriter::Settings::recording(path, m.width, m.height, m.fps);
     if (m.sound)
         settings.sound.push_back(MovieWriter::systemSoundTrack());
     auto writer = PLIM_TRY(MovieWriter::create(settings));
