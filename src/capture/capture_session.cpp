@@ -209,6 +209,8 @@ public:
     std::optional<std::string> failure; // why it ended by itself
     bool failureBeforeFirstFrame = false;
     bool finished = false;
+    std::optional<double> cameraLastSeconds; // camera thread only
+    bool cameraFailed = false;               // camera thread only
     std::jthread writerThread;
     std::jthread flushThread;
 
@@ -339,10 +341,18 @@ public:
         }
         if (seconds <= 0 && frame.uptime != *cameraFirstUptime)
             return;
+        // Only this thread writes the camera movie. Frames that come bunched after a stall
+        // would share the writer's 1/600 s tick; the later ones are left out.
+        if (cameraFailed || (cameraLastSeconds && seconds < *cameraLastSeconds + 2.0 / 600))
+            return;
         if (auto status = cameraWriter->appendVideo(frame.image, seconds); !status) {
+            // The camera is stopped with the other sources, from the session's thread: this
+            // is the camera's own thread, which cannot wait for itself.
             logLine(LogArea::main, "the camera movie stopped: " + status.error().sentence);
-            devices.camera->stop();
+            cameraFailed = true;
+            return;
         }
+        cameraLastSeconds = seconds;
     }
 
     void writeLoop(std::stop_token)

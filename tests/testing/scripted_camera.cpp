@@ -17,7 +17,16 @@ Status ScriptedCameraSource::start(FrameHandler onFrame)
             for (int y = 0; y < m_height; ++y)
                 std::memset(image.row(y), level, size_t(m_width) * 4);
             level = uint8_t(level + 8);
-            onFrame(CapturedFrame{std::move(image), systemUptime()});
+            const double taken = systemUptime();
+            if (m_bunched) {
+                Image copy = Image::allocate(m_width, m_height);
+                std::memcpy(copy.row(0), image.row(0), size_t(m_width) * 4 * size_t(m_height));
+                onFrame(CapturedFrame{std::move(copy), taken});
+                m_delivered.fetch_add(1);
+                onFrame(CapturedFrame{std::move(image), taken + 1e-4});
+            } else {
+                onFrame(CapturedFrame{std::move(image), taken});
+            }
             m_delivered.fetch_add(1);
             next += 1.0 / m_fps;
             double wait = next - systemUptime();
