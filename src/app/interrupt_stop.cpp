@@ -1,45 +1,71 @@
 #include "app/interrupt_stop.h"
 
-#include <chrono>
+#include <atomic>
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace plim {
 
 namespace {
 
-volatile std::sig_atomic_t interrupted = 0;
+// Where the handler reports a signal: a pipe's write end, or -1.
+std::atomic<int> wakeFd{-1};
 
-extern "C" void onInterrupt(int) { interrupted = 1; }
+constexpr char signalled = 's', quit = 'q';
+
+extern "C" void onInterrupt(int)
+{
+    const int saved = errno;
+    if (int fd = wakeFd.load(); fd >= 0)
+        (void)!::write(fd, &signalled, 1);
+    errno = saved;
+}
 
 } // namespace
 
 InterruptStop::InterruptStop(std::function<void()> onStop)
     : m_onStop(std::move(onStop))
 {
-    interrupted = 0;
+    if (::pipe2(m_wake, O_CLOEXEC) != 0)
+        return; // no pipe, no watcher: the signals keep their old meaning
+    wakeFd = m_wake[1];
     struct sigaction action {};
     action.sa_handler = onInterrupt;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, &m_previousInt);
     sigaction(SIGTERM, &action, &m_previousTerm);
-    // A handler may only set a flag; the watcher turns it into the stop request.
+    // A handler may only write a byte; the watcher, asleep until one comes, turns it into
+    // the stop request.
     m_watcher = std::thread([this] {
-        while (!m_done) {
-            if (interrupted && !m_source.stop_requested()) {
+        for (;;) {
+            char c = 0;
+            ssize_t n = ::read(m_wake[0], &c, 1);
+            if (n < 0 && errno == EINTR)
+                continue;
+            if (n <= 0 || c == quit)
+                return;
+            if (!m_source.stop_requested()) {
                 m_source.request_stop();
                 if (m_onStop)
                     m_onStop();
             }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
     });
 }
 
 InterruptStop::~InterruptStop()
 {
-    m_done = true;
-    m_watcher.join();
+    if (!m_watcher.joinable())
+        return;
     sigaction(SIGINT, &m_previousInt, nullptr);
     sigaction(SIGTERM, &m_previousTerm, nullptr);
+    wakeFd = -1;
+    while (::write(m_wake[1], &quit, 1) < 0 && errno == EINTR) {
+    }
+    m_watcher.join();
+    ::close(m_wake[0]);
+    ::close(m_wake[1]);
 }
 
 } // namespace plim

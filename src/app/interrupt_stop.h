@@ -6,7 +6,6 @@
 
 #include "base/error.h"
 
-#include <atomic>
 #include <csignal>
 #include <functional>
 #include <thread>
@@ -29,7 +28,7 @@ private:
     std::function<void()> m_onStop;
     struct sigaction m_previousInt {};
     struct sigaction m_previousTerm {};
-    std::atomic<bool> m_done{false};
+    int m_wake[2] = {-1, -1}; // the handler writes to [1]; the watcher sleeps reading [0]
     std::thread m_watcher;
 };
 
