@@ -16,11 +16,11 @@ namespace {
 // The last non-empty line of a text (the failure line follows any log lines on stderr).
 std::string lastLine(const std::string& text)
 {
-    auto end = text.find_last_not_of('\n');
+    const auto end = text.find_last_not_of('\n');
     if (end == std::string::npos)
         return "";
-    auto start = text.rfind('\n', end);
-    return text.substr(start == std::string::npos ? 0 : start + 1, end + 1 - (start == std::string::npos ? 0 : start + 1));
+    const auto start = text.rfind('\n', end) + 1; // npos + 1 is 0: the text's first line
+    return text.substr(start, end + 1 - start);
 }
 
 const std::string trackJson = R"({"displayX":0,"displayY":0,"displayWidth":1920,"displayHeight":1080,"scale":2,

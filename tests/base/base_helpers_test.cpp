@@ -173,19 +173,13 @@ TEST(Settings, RoundTripAndRefuseToReplaceADamagedFile)
     EXPECT_EQ(readText(store.path()), "not json");
 }
 
-TEST(Dates, Iso8601RoundTripAndRejects)
+TEST(Dates, Iso8601RoundTrip)
 {
     auto t = parseIso8601("2026-11-22T21:04:05Z");
     ASSERT_TRUE(t);
     EXPECT_EQ(iso8601(*t), "2026-11-22T21:04:05Z");
     EXPECT_EQ(parseIso8601("2026-11-22T23:04:05+02:00"), t);
     EXPECT_EQ(readableDate(*t), "Nov 22, 2026 at 9:04:05 PM");
-    auto frac = parseIso8601("2026-11-22T21:04:05.250Z");
-    ASSERT_TRUE(frac);
-    EXPECT_EQ(std::chrono::duration_cast<std::chrono::milliseconds>(*frac - *t).count(), 250);
-    EXPECT_FALSE(parseIso8601("2026-11-22 21:04:05"));
-    EXPECT_FALSE(parseIso8601("2026-13-22T21:04:05Z"));
-    EXPECT_FALSE(parseIso8601("2026-11-22T21:04:05Zjunk"));
 }
 
 TEST(Dates, Iso8601RefusesWhatNoClockHolds)
@@ -199,6 +193,7 @@ TEST(Dates, Iso8601RefusesWhatNoClockHolds)
     };
     for (const Case& k : std::vector<Case>{
              {"1970-01-01T00:00:01.5Z", 1500, true},
+             {"2026-11-22T21:04:05.250Z", 1795381445250, true},
              {"1970-01-01T00:00:00.0001z", 0, true},
              {longFraction, 1795381445999, true},
              {"2024-02-29T12:00:00Z", 1709208000000, true},
@@ -214,6 +209,9 @@ TEST(Dates, Iso8601RefusesWhatNoClockHolds)
              {"2026-11-22T21:04:05.Z", std::nullopt, false},
              {"+12026-11-22T21:04:05Z", std::nullopt, false},
              {"", std::nullopt, false},
+             {"2026-11-22 21:04:05", std::nullopt, false},
+             {"2026-13-22T21:04:05Z", std::nullopt, false},
+             {"2026-11-22T21:04:05Zjunk", std::nullopt, false},
          }) {
         auto millis = parseIso8601Millis(k.text);
         EXPECT_EQ(millis.transform([](auto t) { return t.time_since_epoch().count(); }), k.millis) << k.text.substr(0, 40);
@@ -246,19 +244,6 @@ TEST(Log, CaptureSeesPrefixedLines)
     EXPECT_TRUE(capture.contains("plain line"));
 }
 
-static Result<int> half(int v)
-{
-    if (v % 2)
-        return fail("odd");
-    return v / 2;
-}
-
-static Result<int> quarter(int v)
-{
-    int h = PLIM_TRY(half(v));
-    return PLIM_TRY(half(h));
-}
-
 TEST(Clock, ManualClockMovesOnlyWhenTold)
 {
     ManualClock clock(5);
@@ -269,22 +254,18 @@ TEST(Clock, ManualClockMovesOnlyWhenTold)
     EXPECT_GE(UptimeClock::shared().uptime(), a);
 }
 
-static Status checkPositive(int v)
-{
-    if (v <= 0)
-        return fail("not positive");
-    return {};
-}
-
-static Status checkAll(std::initializer_list<int> values)
-{
-    for (int v : values)
-        PLIM_TRY(checkPositive(v));
-    return {};
-}
-
 TEST(Error, TryPassesErrorsUpFromResultsAndStatuses)
 {
+    auto half = [](int v) -> Result<int> { return v % 2 ? fail("odd") : Result<int>(v / 2); };
+    auto quarter = [&](int v) -> Result<int> {
+        int h = PLIM_TRY(half(v));
+        return PLIM_TRY(half(h));
+    };
+    auto checkAll = [](std::initializer_list<int> values) -> Status {
+        for (int v : values)
+            PLIM_TRY(v > 0 ? Status{} : fail("not positive"));
+        return {};
+    };
     EXPECT_EQ(quarter(8), 2);
     EXPECT_EQ(quarter(6).error().sentence, "odd");
     EXPECT_TRUE(checkAll({1, 2}));

@@ -132,20 +132,6 @@ TEST(PlimIdentityIndex, NamesUpToThreeMintedPlimsAndCountsMore)
         "Plim gave 4 plims each a permanent id so projects can keep pointing at them after a rename."});
 }
 
-TEST(PlimIdentityIndex, AnIdWithoutReadPermissionIsLeftByteForByte)
-{
-    if (rerunUnprivileged())
-        return;
-    Library lib;
-    lib.plim("B", sharedB);
-    const std::string before = readText(lib.idFile("B"));
-    ::chmod(lib.idFile("B").c_str(), 0);
-    EXPECT_EQ(lib.reconcile({"B"}).report.unresolved,
-        (std::map<std::string, std::string>{{"B", "B.id.json could not be read: Permission denied"}}));
-    ::chmod(lib.idFile("B").c_str(), 0644);
-    EXPECT_EQ(readText(lib.idFile("B")), before);
-}
-
 using Ensured = PlimIdentity::Ensured;
 
 namespace {

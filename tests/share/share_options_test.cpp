@@ -2,12 +2,9 @@
 #include "share/share_engine.h"
 #include "share/share_options.h"
 #include "share/share_progress.h"
-#include "testkit/testkit.h"
+#include "testkit/servers.h"
 
 #include <gtest/gtest.h>
-
-#include <thread>
-#include <unistd.h>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -133,17 +130,9 @@ TEST(ShareEnvironment, TheDesktopClipboardOffersTheFileItsPathAndItsBytes)
         ASSERT_FALSE(refused);
         EXPECT_EQ(refused.error().sentence, "there is no X display to hold the clipboard");
     }
-    // A display of this test's own, stopped by its process id.
-    const std::string display = ":" + std::to_string(70 + getpid() % 200);
-    ChildProcess xvfb({"Xvfb", display, "-nolisten", "tcp", "-screen", "0", "320x200x24"});
-    ScopedEnv env("DISPLAY", display);
-    bool up = false;
-    for (int i = 0; i < 100 && !up; ++i) {
-        up = runCommand({"xdpyinfo"}).status == 0;
-        if (!up)
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    ASSERT_TRUE(up) << "Xvfb did not start on " << display;
+    XvfbServer x("320x200x24");
+    ASSERT_TRUE(x.isUp()) << "Xvfb did not start";
+    ScopedEnv env("DISPLAY", x.display());
     ASSERT_TRUE(environment.copyToClipboard(dir / "my clip.mp4"));
     auto paste = [](const std::string& target) {
         return runCommand({"xclip", "-o", "-selection", "clipboard", "-t", target}).out;
@@ -162,5 +151,5 @@ TEST(ShareEnvironment, TheDesktopClipboardOffersTheFileItsPathAndItsBytes)
     ASSERT_TRUE(environment.copyToClipboard(dir / "loop.gif"));
     EXPECT_EQ(paste("image/gif"), "GIF89a");
     EXPECT_EQ(paste("video/mp4"), "");
-    xvfb.terminate(); // the clipboard's owner goes with its display
+    x.stop(); // the clipboard's owner goes with its display
 }

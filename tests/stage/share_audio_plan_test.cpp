@@ -2,7 +2,7 @@
 #include "stage/share_audio_mixer.h"
 #include "stage/share_audio_plan.h"
 #include "stage/stage.h"
-#include "testkit/testkit.h"
+#include "testkit/test_movies.h"
 
 #include <gtest/gtest.h>
 
@@ -152,29 +152,21 @@ TEST(ShareAudioMixer, WithoutThePlimsSoundOnlyVoicesPlay)
     EXPECT_EQ(mixed[2 * 36000], 0.0f);
 }
 
-using plim::testkit::TempDir;
-
 namespace {
 
 constexpr int rate = 48000;
 
-// Raw sound of the test recording (6 s): 1 kHz bursts at 2.0 s (0.2 s long), at 4.0 s
-// (0.4 s, inside the sped-up stretch) and at 5.5 s (0.2 s).
-struct Burst {
-    double rawStart, rawLength, outStart;
-};
-const Burst bursts[] = {
-    {2.0, 0.2, 1.0},  // after the cut 0.5 .. 1.5
-    {4.0, 0.4, 2.25}, // 3.0 .. 5.0 at four times: 2.0 + 1.0 / 4
-    {5.5, 0.2, 3.0},  // after the stretch: 2.5 + 0.5
+// The test recording (6 s) holds 1 kHz bursts at 2.0 s (0.2 s long), 4.0 s (0.4 s, inside the
+// sped-up stretch) and 5.5 s (0.2 s); in the output they start at:
+const double burstStarts[] = {
+    1.0,  // after the cut 0.5 .. 1.5
+    2.25, // 3.0 .. 5.0 at four times: 2.0 + 1.0 / 4
+    3.0,  // after the stretch: 2.5 + 0.5
 };
 
 void writeRecording(const fs::path& path)
 {
-    std::vector<float> sound(2 * 6 * rate, 0.0f);
-    for (const auto& b : bursts)
-        for (int64_t i = std::llround(b.rawStart * rate); i < std::llround((b.rawStart + b.rawLength) * rate); ++i)
-            sound[2 * i] = sound[2 * i + 1] = 0.5f * static_cast<float>(std::sin(2 * M_PI * 1000.0 * i / rate));
+    const std::vector<float> sound = testkit::toneTrack(6, {2.0, 4.0, 4.2, 5.5}, 0.2);
     MovieWriter::Settings s;
     s.path = path;
     s.width = 160;
@@ -191,30 +183,6 @@ void writeRecording(const fs::path& path)
     ASSERT_TRUE((*writer)->finish());
 }
 
-// Onsets of loud stretches: the frames where a 1 ms RMS window first rises above
-// `threshold` after at least 50 ms of quiet.
-std::vector<int64_t> onsets(const std::vector<float>& stereo, double threshold = 0.1)
-{
-    std::vector<int64_t> out;
-    const int64_t window = rate / 1000;
-    int64_t quiet = 0;
-    for (int64_t at = 0; at + window <= static_cast<int64_t>(stereo.size() / 2); at += window) {
-        double sum = 0;
-        for (int64_t i = at; i < at + window; ++i)
-            sum += stereo[2 * i] * stereo[2 * i];
-        bool loud = std::sqrt(sum / window) * std::sqrt(2.0) > threshold;
-        if (loud && quiet >= 50 * window) {
-            // Refine to the first sample above the threshold in this window.
-            int64_t first = at;
-            while (first < at + window && std::abs(stereo[2 * first]) < threshold)
-                ++first;
-            out.push_back(first);
-        }
-        quiet = loud ? 0 : quiet + window;
-    }
-    return out;
-}
-
 // The dominant frequency between two frames, from zero crossings of the left channel.
 double frequency(const std::vector<float>& stereo, int64_t from, int64_t to)
 {
@@ -229,7 +197,7 @@ double frequency(const std::vector<float>& stereo, int64_t from, int64_t to)
 
 TEST(ShareAudioMixerMovie, BurstsLandWhereTheEditPutsThemAtTheirPitch)
 {
-    TempDir dir;
+    testkit::TempDir dir;
     fs::path movie = dir / "tones.mp4";
     writeRecording(movie);
 
@@ -240,28 +208,21 @@ TEST(ShareAudioMixerMovie, BurstsLandWhereTheEditPutsThemAtTheirPitch)
     ASSERT_EQ(plan.stretches.size(), 1u);
 
     ShareAudioMixer mixer(plan, std::make_shared<AssetPCMSource>(movie, "The plim's sound"), {});
-    std::vector<float> mixed;
-    for (;;) {
-        auto block = mixer.next(4096);
-        ASSERT_TRUE(block) << block.error().sentence;
-        if (!*block)
-            break;
-        mixed.insert(mixed.end(), (*block)->samples.begin(), (*block)->samples.end());
-    }
+    std::vector<float> mixed = mixAll(mixer, 4096);
     ASSERT_EQ(mixed.size(), 7u * rate);
 
-    auto found = onsets(mixed);
-    ASSERT_EQ(found.size(), std::size(bursts)) << "one onset per burst";
+    auto found = testkit::soundOnsets(mixed, 0.1f, 0.05);
+    ASSERT_EQ(found.size(), std::size(burstStarts)) << "one onset per burst";
     for (size_t i = 0; i < found.size(); ++i) {
-        double at = double(found[i]) / rate;
-        EXPECT_NEAR(at, bursts[i].outStart, 0.010) << "burst " << i;
-        RecordProperty("onset" + std::to_string(i) + "ErrorMs", std::to_string((at - bursts[i].outStart) * 1000));
+        EXPECT_NEAR(found[i], burstStarts[i], 0.010) << "burst " << i;
+        RecordProperty("onset" + std::to_string(i) + "ErrorMs", std::to_string((found[i] - burstStarts[i]) * 1000));
     }
     // The sped-up burst lasts a quarter as long and keeps its 1 kHz pitch (a plain speed-up
     // would sound at 4 kHz).
-    int64_t mid = std::llround((bursts[1].outStart + 0.025) * rate);
+    int64_t mid = std::llround((burstStarts[1] + 0.025) * rate);
     EXPECT_NEAR(frequency(mixed, mid, mid + rate / 20), 1000, 30);
-    EXPECT_NEAR(frequency(mixed, found[0] + 480, found[0] + 480 + rate / 10), 1000, 30);
+    const int64_t first = std::llround((found[0] + 0.01) * rate);
+    EXPECT_NEAR(frequency(mixed, first, first + rate / 10), 1000, 30);
     // Sound between bursts stays quiet: the stretch ends inside its 0.5 s of output.
     int64_t afterStretch = std::llround(2.45 * rate);
     for (int64_t i = afterStretch; i < afterStretch + 1000; ++i)

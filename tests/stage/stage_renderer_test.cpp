@@ -217,12 +217,12 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
     auto r = renderer(spec, {320, 180}, {320, 180});
     const Image source = solid(320, 180, {150, 150, 150, 255});
     const Image bare = r->render(source, {});
+    const Rect card = r->geometry().screenRect;
     for (auto [fx, fy] : {std::pair{0.25, 0.3}, {0.7, 0.6}}) {
         StageMoment m;
         m.cursor = StageMoment::Cursor{fx, fy, fx, fy, 1, 0};
         const Image frame = r->render(source, m);
         save(frame, "pointer");
-        const Rect card = r->geometry().screenRect;
         const int tx = static_cast<int>(card.x + fx * card.width);
         const int ty = static_cast<int>(180 - (card.y + (1 - fy) * card.height));
         // Dark arrow body just below and right of the tip; untouched far away.
@@ -236,7 +236,6 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
     // A touch on a phone recording shows where the finger is.
     StageMoment touched;
     touched.touch = StageMoment::Touch{0.7, 0.6};
-    const Rect card = r->geometry().screenRect;
     const int touchX = static_cast<int>(card.x + 0.7 * card.width), touchY = static_cast<int>(180 - (card.y + 0.4 * card.height));
     EXPECT_GT(changed(r->render(source, touched), bare, touchX - 12, touchY - 12, touchX + 12, touchY + 12, 10), 60);
     // A hidden pointer draws nothing.
@@ -523,8 +522,7 @@ TEST(StageRenderer, BackdropsOfEveryKind)
     StageSpec broken;
     broken.backdrop = B::image((dir / "broken.png").string(), 4);
     auto r = renderer(broken, {160, 90}, {160, 90});
-    StageSpec fallback;
-    auto d = renderer(fallback, {160, 90}, {160, 90});
+    auto d = renderer(StageSpec{}, {160, 90}, {160, 90});
     EXPECT_LT(distance(at(r->ground(), 1, 1), at(d->ground(), 1, 1)), 4);
     EXPECT_TRUE(log.contains("broken.png could not be read"));
     EXPECT_EQ(testkit::readText(dir / "broken.png"), "not a picture");
@@ -563,7 +561,6 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
     save(blurred, "zoom_blur");
     // Far from the zoom centre the picture smears; at the centre it stays put.
     EXPECT_LT(detail(blurred, 250, 0, 320, 60), detail(sharp, 250, 0, 320, 60) * 0.8);
-    EXPECT_EQ(changed(blurred, sharp, 0, 0, 320, 180, 0) > 0, true);
 
     StageMoment lit;
     lit.cursor = StageMoment::Cursor{0.2, 0.5, 0.2, 0.5, 0, 0};

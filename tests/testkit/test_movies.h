@@ -193,11 +193,10 @@ inline std::vector<float> allSound(const fs::path& path)
     return pcm;
 }
 
-// Times (seconds) at which the sound first rises above `level` after a stretch of quiet.
-inline std::vector<double> soundOnsets(const fs::path& path, float level = 0.1f, double quiet = 0.2)
+// Times (seconds) at which interleaved stereo first rises above `level` after `quiet` seconds of quiet.
+inline std::vector<double> soundOnsets(const std::vector<float>& pcm, float level = 0.1f, double quiet = 0.2)
 {
     std::vector<double> onsets;
-    const std::vector<float> pcm = allSound(path);
     int64_t lastLoud = -1'000'000'000;
     for (int64_t frame = 0; size_t(frame) * 2 + 1 < pcm.size(); ++frame) {
         if (std::fabs(pcm[size_t(frame) * 2]) < level)
@@ -207,6 +206,11 @@ inline std::vector<double> soundOnsets(const fs::path& path, float level = 0.1f,
         lastLoud = frame;
     }
     return onsets;
+}
+
+inline std::vector<double> soundOnsets(const fs::path& path, float level = 0.1f, double quiet = 0.2)
+{
+    return soundOnsets(allSound(path), level, quiet);
 }
 
 } // namespace plim::testkit
