@@ -5,7 +5,9 @@
 // move between threads between calls). Decoding itself runs on the codec's own frame or
 // slice threads, started by the reader; `next()` blocks until the next picture is
 // decoded and converted. Times are seconds from the movie's start (the first packet's
-// timestamp is subtracted), accurate to the stream's time base.
+// timestamp is subtracted), accurate to the stream's time base. Raw pictures from
+// `nextRaw()` are read-only and may be converted on any thread, even after the reader is
+// gone, each PictureConverter on one thread at a time.
 //
 // Colour: pictures come out as BGRA (premultiplied, opaque) through swscale with the
 // stream's matrix and range; an untagged stream is read as BT.709 when it is at least
