@@ -96,7 +96,6 @@ Figures bare(const fs::path& movie, RenderRules::PixelSize canvas)
     settings.frameRate = 60;
     settings.bitsPerSecond = exportBitsPerSecond(canvas.width, canvas.height);
     settings.preset = exportPreset;
-    settings.lookaheadThread = false; // as the staged movie's writer
     auto writer = MovieWriter::create(settings);
     if (!writer) {
         std::fprintf(stderr, "stage_bench: %s\n", writer.error().sentence.c_str());
