@@ -5,7 +5,9 @@
 // move between threads between calls). Decoding itself runs on the codec's own frame or
 // slice threads, started by the reader; `next()` blocks until the next picture is
 // decoded and converted. Times are seconds from the movie's start (the first packet's
-// timestamp is subtracted), accurate to the stream's time base.
+// timestamp is subtracted), accurate to the stream's time base. Raw pictures from
+// `nextRaw()` are read-only and may be converted on any thread, even after the reader is
+// gone, each PictureConverter on one thread at a time.
 //
 // Colour: pictures come out as BGRA (premultiplied, opaque) through swscale with the
 // stream's matrix and range; an untagged stream is read as BT.709 when it is at least
@@ -13,6 +15,7 @@
 
 #include "base/error.h"
 #include "base/image.h"
+#include "base/image_pool.h"
 
 #include <filesystem>
 #include <memory>
@@ -29,6 +32,40 @@ struct MovieInfo {
     bool hasSound = false; // at least one sound track
     int soundTracks = 0;
     std::string codec;     // FFmpeg's name of the picture codec ("h264")
+};
+
+// A decoded picture as the decoder made it (a reference to the decoder's own buffers, YUV
+// for most movies): a 3840 × 2160 picture holds some 12 MB this way against 33 MB as BGRA.
+// Copies share the picture; the decoder reuses its buffers once every copy is gone.
+struct RawVideoFrame {
+    struct Data; // the decoder's frame, known only inside media/
+    std::shared_ptr<const Data> data;
+    double time = 0; // as VideoFrame::time
+    int width = 0;   // as stored
+    int height = 0;
+    std::size_t bytes = 0; // the decoder's memory it holds
+};
+
+// Makes BGRA Images of raw pictures with a reader's colour rules and scaling, into frames
+// of its own that it reuses once every copy of them is gone. One converter serves one
+// thread; several can convert pictures of the same reader side by side.
+class PictureConverter {
+public:
+    // `name` is the movie's, for sentences; `width` × `height` as MovieReader::Options.
+    explicit PictureConverter(std::string name, int width = 0, int height = 0, size_t keep = 2);
+    PictureConverter(PictureConverter&&) noexcept;
+    PictureConverter& operator=(PictureConverter&&) noexcept;
+    ~PictureConverter();
+
+    Result<Image> convert(const RawVideoFrame& frame);
+
+private:
+    struct Scaler;
+    std::unique_ptr<Scaler> m_scaler;
+    std::string m_name;
+    int m_width = 0;
+    int m_height = 0;
+    ImagePool m_pictures;
 };
 
 class MovieReader {
@@ -60,6 +97,13 @@ public:
     // short returns every picture up to the cut, then one error (kind `corrupt`) saying
     // it stopped part way, then nothing.
     virtual Result<std::optional<VideoFrame>> next() = 0;
+
+    // The same picture as `next()`, before it is converted: for a caller that keeps
+    // pictures waiting and converts each on its own thread just before it needs the pixels.
+    virtual Result<std::optional<RawVideoFrame>> nextRaw() = 0;
+
+    // A converter with this reader's scaling, for pictures from `nextRaw()`.
+    virtual PictureConverter converter() const = 0;
 
     // Positions the reader so that the following `next()` returns the picture showing at
     // `time` (the last one whose time is at or before it; the first picture for earlier

@@ -50,6 +50,54 @@ bool isYuv(int format)
     return d && !(d->flags & AV_PIX_FMT_FLAG_RGB) && d->nb_components >= 3;
 }
 
+} // namespace
+
+struct RawVideoFrame::Data {
+    FramePtr frame;
+};
+
+struct PictureConverter::Scaler {
+    SwsPtr sws;
+};
+
+PictureConverter::PictureConverter(std::string name, int width, int height, size_t keep)
+    : m_scaler(std::make_unique<Scaler>()), m_name(std::move(name)), m_width(width), m_height(height), m_pictures(keep)
+{
+}
+
+PictureConverter::PictureConverter(PictureConverter&&) noexcept = default;
+PictureConverter& PictureConverter::operator=(PictureConverter&&) noexcept = default;
+PictureConverter::~PictureConverter() = default;
+
+Result<Image> PictureConverter::convert(const RawVideoFrame& raw)
+{
+    if (!raw.data || !raw.data->frame)
+        return fail(concat("A picture of ", m_name, " was asked for that was never decoded."));
+    const AVFrame* frame = raw.data->frame.get();
+    int outW = m_width > 0 && m_height > 0 ? m_width : frame->width;
+    int outH = m_width > 0 && m_height > 0 ? m_height : frame->height;
+    int flags = (outW < frame->width || outH < frame->height) ? SWS_AREA : SWS_BICUBIC;
+    SwsPtr& sws = m_scaler->sws;
+    sws.reset(sws_getCachedContext(sws.release(), frame->width, frame->height,
+        static_cast<AVPixelFormat>(frame->format), outW, outH, AV_PIX_FMT_BGRA, flags, nullptr,
+        nullptr, nullptr));
+    if (!sws)
+        return fail(concat(m_name, " has pictures Plim cannot convert (", frame->width, " × ", frame->height,
+                        "). It was left as it is."),
+            Error::Kind::unreadable);
+    if (isYuv(frame->format)) {
+        const int* matrix = sws_getCoefficients(swsMatrix(frame->colorspace, frame->height));
+        sws_setColorspaceDetails(sws.get(), matrix, isFullRange(frame) ? 1 : 0, matrix, 1, 0, 1 << 16, 1 << 16);
+    }
+    Image image = m_pictures.take(outW, outH);
+    uint8_t* dst[1] = {image.pixels.get()};
+    int dstStride[1] = {static_cast<int>(image.stride)};
+    sws_scale(sws.get(), frame->data, frame->linesize, 0, frame->height, dst, dstStride);
+    return image;
+}
+
+namespace {
+
 class FfmpegMovieReader final : public MovieReader {
 public:
     FfmpegMovieReader(fs::path path, Options options) : m_path(std::move(path)), m_options(options) {}
@@ -57,6 +105,11 @@ public:
     Status open();
     const MovieInfo& info() const override { return m_info; }
     Result<std::optional<VideoFrame>> next() override;
+    Result<std::optional<RawVideoFrame>> nextRaw() override;
+    PictureConverter converter() const override
+    {
+        return PictureConverter(name(), m_options.width, m_options.height);
+    }
     Status seek(double time) override;
     bool wasCutShort() const override { return m_cutShort; }
 
@@ -65,7 +118,6 @@ private:
     double frameTime(const AVFrame* frame) const;
     // The next decoded frame, or nothing at the end of the stream.
     Result<FramePtr> decodeOne();
-    Result<VideoFrame> convert(const AVFrame* frame);
     Error cutShortError() const;
 
     fs::path m_path;
@@ -73,8 +125,8 @@ private:
     MovieInfo m_info;
     InputPtr m_format;
     CodecPtr m_decoder;
-    SwsPtr m_sws;
-    ImagePool m_pictures; // decoded frames, reused once the stage lets go of them
+    // Pictures for `next()`, reused once the caller lets go of them.
+    PictureConverter m_pictures{name(), m_options.width, m_options.height, 6};
     int m_stream = -1;
     double m_origin = 0;        // container start, seconds
     double m_streamEnd = 0;     // where the picture track says it ends
@@ -202,31 +254,6 @@ Result<FramePtr> FfmpegMovieReader::decodeOne()
     }
 }
 
-Result<VideoFrame> FfmpegMovieReader::convert(const AVFrame* frame)
-{
-    int outW = m_options.width > 0 && m_options.height > 0 ? m_options.width : frame->width;
-    int outH = m_options.width > 0 && m_options.height > 0 ? m_options.height : frame->height;
-    int flags = (outW < frame->width || outH < frame->height) ? SWS_AREA : SWS_BICUBIC;
-    m_sws.reset(sws_getCachedContext(m_sws.release(), frame->width, frame->height,
-        static_cast<AVPixelFormat>(frame->format), outW, outH, AV_PIX_FMT_BGRA, flags, nullptr,
-        nullptr, nullptr));
-    if (!m_sws)
-        return fail(concat(name(), " has pictures Plim cannot convert (", frame->width, " × ", frame->height,
-                        "). It was left as it is."),
-            Error::Kind::unreadable);
-    if (isYuv(frame->format)) {
-        const int* matrix = sws_getCoefficients(swsMatrix(frame->colorspace, frame->height));
-        sws_setColorspaceDetails(m_sws.get(), matrix, isFullRange(frame) ? 1 : 0, matrix, 1, 0, 1 << 16, 1 << 16);
-    }
-    Image image = m_pictures.take(outW, outH);
-    uint8_t* dst[1] = {image.pixels.get()};
-    int dstStride[1] = {static_cast<int>(image.stride)};
-    sws_scale(m_sws.get(), frame->data, frame->linesize, 0, frame->height, dst, dstStride);
-    double t = frameTime(frame);
-    m_lastTime = t;
-    return VideoFrame{std::move(image), t};
-}
-
 Error FfmpegMovieReader::cutShortError() const
 {
     char where[64];
@@ -238,6 +265,14 @@ Error FfmpegMovieReader::cutShortError() const
 }
 
 Result<std::optional<VideoFrame>> FfmpegMovieReader::next()
+{
+    auto raw = PLIM_TRY(nextRaw());
+    if (!raw)
+        return std::optional<VideoFrame>{};
+    return std::optional<VideoFrame>(VideoFrame{PLIM_TRY(m_pictures.convert(*raw)), raw->time});
+}
+
+Result<std::optional<RawVideoFrame>> FfmpegMovieReader::nextRaw()
 {
     for (;;) {
         FramePtr frame = std::move(m_pending);
@@ -252,7 +287,7 @@ Result<std::optional<VideoFrame>> FfmpegMovieReader::next()
                 m_cutReported = true;
                 return std::unexpected(cutShortError());
             }
-            return std::optional<VideoFrame>{};
+            return std::optional<RawVideoFrame>{};
         }
         if (m_seekTarget) {
             // Keep the last frame at or before the target; return it once a later one shows.
@@ -264,7 +299,15 @@ Result<std::optional<VideoFrame>> FfmpegMovieReader::next()
             m_pending = std::move(ahead);
             m_seekTarget.reset();
         }
-        return std::optional<VideoFrame>(PLIM_TRY(convert(frame.get())));
+        RawVideoFrame raw;
+        raw.time = frameTime(frame.get());
+        raw.width = frame->width;
+        raw.height = frame->height;
+        for (const AVBufferRef* buffer : frame->buf)
+            raw.bytes += buffer ? buffer->size : 0;
+        m_lastTime = raw.time;
+        raw.data = std::make_shared<const RawVideoFrame::Data>(RawVideoFrame::Data{std::move(frame)});
+        return std::optional<RawVideoFrame>(std::move(raw));
     }
 }
 

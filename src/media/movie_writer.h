@@ -75,6 +75,10 @@ public:
         std::vector<SoundTrack> sound;  // at most two tracks
         int threads = 0;                // encoder threads; 0 = the codec's choice
         int queueDepth = 8;             // pictures waiting for the encoder
+        // x264's lookahead on a thread of its own, with its own buffer of frames (some 30 MB
+        // at 1920 x 1080). Without it the lookahead runs on the writer's thread; the pictures
+        // come out the same, bit for bit.
+        bool lookaheadThread = true;
         int timeScale = 600;            // video time base 1/timeScale
 
         // A recording's movie: fragmented, at recordingBitsPerSecond(width, height,

@@ -224,6 +224,8 @@ Status FfmpegMovieWriter::open()
     av_dict_set(&options, "forced-idr", "1", 0);
     if (s.container == Container::fragmentedMov)
         av_dict_set(&options, "bf", "0", 0); // no reordering delay, so no negative decode times
+    if (!s.lookaheadThread)
+        av_dict_set(&options, "x264-params", "sync-lookahead=0", 0);
     rc = avcodec_open2(v, x264, &options);
     av_dict_free(&options);
     if (rc < 0)

@@ -52,6 +52,11 @@ public:
     ~AssetPCMSource() override;
     Result<std::vector<float>> read(int64_t from, int64_t count) override;
 
+    // Opens the file now, at its start, rather than at the first read. Opening a movie
+    // decodes a picture while it probes (tens of MB for a moment at 3840 x 2160), which a
+    // render does best before its own pictures are in flight. Fails as `read` would.
+    Status open() { return m_reader ? Status{} : reopen(0); }
+
     const std::string& name() const { return m_name; }
     // How many times the file was (re)opened; for tests and diagnostics.
     int opens() const { return m_opens; }

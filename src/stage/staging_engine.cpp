@@ -32,8 +32,11 @@ constexpr auto waitStep = 50ms;          // how often a waiting stage looks at t
 constexpr double soundLead = 0.5;        // seconds of sound written ahead of the pictures
 constexpr int64_t soundBlock = 4800;     // frames per mixer block (0.1 s)
 // Pictures waiting between the stages. Two keep every stage busy on a 2-core machine; each
-// more costs a whole picture (33 MB for a 3840 x 2160 recording).
+// more costs a picture. Decoded ones wait in the decoder's own YUV and become BGRA only when
+// they are composed; their budget lets two 2560 x 1600 ones wait but only one 3840 x 2160
+// one (12 MB). A composed 1920 x 1080 one is 8 MB.
 constexpr std::size_t decodedDepth = 2;  // between the decoder and the compositor
+constexpr std::size_t decodedBudget = 16u << 20;
 constexpr std::size_t composedDepth = 2; // between the compositor and the encoder
 
 Error stagingFailure(const StagingJob& job, const StagingError& error)
@@ -261,7 +264,7 @@ StagingError writerError(const Error& error, const char* reason)
 }
 
 struct DecodedPicture {
-    Image image;
+    RawVideoFrame picture;
     double rawTime = 0;
     int64_t slot = 0;
 };
@@ -271,13 +274,14 @@ struct Composed {
     int64_t slot = 0;
 };
 
-// Waits for room in `queue`, looking at the stop flag between waits. False when the
-// item could not be delivered.
+// Waits for room in `queue` for an item of `bytes`, looking at the stop flag between
+// waits. False when the item could not be delivered.
 template<typename T>
-bool deliver(BoundedQueue<T>& queue, T item, StopToken stop, const std::function<bool()>& stillOn = {})
+bool deliver(BoundedQueue<T>& queue, T item, StopToken stop, const std::function<bool()>& stillOn = {},
+    std::size_t bytes = 0)
 {
     while (!stop.stop_requested()) {
-        auto wait = queue.push(item, waitStep);
+        auto wait = queue.push(item, waitStep, bytes);
         if (wait == BoundedQueue<T>::Wait::done)
             return true;
         if (wait == BoundedQueue<T>::Wait::closed)
@@ -294,7 +298,7 @@ void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, Fi
 {
     double lastFrameTime = -1;
     int64_t nextSlot = 0;
-    auto offer = [&](const ClipTimeline::Pass& pass, const Image& image, double raw) {
+    auto offer = [&](const ClipTimeline::Pass& pass, const RawVideoFrame& picture, double raw) {
         std::size_t piece = pass.pieces.back();
         for (std::size_t index : pass.pieces)
             if (raw < s.timeline.pieces[index].rawEnd) {
@@ -306,7 +310,7 @@ void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, Fi
         if (!decision.take)
             return true;
         nextSlot = decision.nextSlot;
-        return deliver(out, DecodedPicture{image, raw, decision.nextSlot - 1}, stop);
+        return deliver(out, DecodedPicture{picture, raw, decision.nextSlot - 1}, stop, {}, picture.bytes);
     };
     for (const auto& pass : s.timeline.passes()) {
         if (!s.reader->seek(pass.rawStart)) {
@@ -314,9 +318,9 @@ void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, Fi
             return;
         }
         // The picture showing at the pass's start when no frame begins exactly there.
-        std::optional<Image> before;
+        std::optional<RawVideoFrame> before;
         while (!stop.stop_requested()) {
-            auto next = s.reader->next();
+            auto next = s.reader->nextRaw();
             if (!next) {
                 logLine(LogArea::main, "the recording stopped being read: " + next.error().sentence);
                 failure.set(StagingError::unreadable("it stopped part way"));
@@ -329,18 +333,18 @@ void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, Fi
                     s.pictureEnd = lastFrameTime + 1.0 / s.sourceFPS;
                 break;
             }
-            VideoFrame& frame = **next;
+            RawVideoFrame& frame = **next;
             lastFrameTime = frame.time;
             if (frame.time >= pass.rawEnd)
                 break;
             if (frame.time < pass.rawStart) {
-                before = std::move(frame.image);
+                before = std::move(frame);
                 continue;
             }
             if (before && frame.time > pass.rawStart + 1e-6 && !offer(pass, *before, pass.rawStart))
                 return;
             before.reset();
-            if (!offer(pass, frame.image, frame.time))
+            if (!offer(pass, frame, frame.time))
                 return;
         }
         if (before && !offer(pass, *before, pass.rawStart))
@@ -487,8 +491,13 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
             inputs.push_back(voice.input);
         }
         auto plan = ShareAudioPlan::plan(job.plan, s.rawDuration, inputs, s.info.hasSound, soundSampleRate);
-        mixer = std::make_unique<ShareAudioMixer>(std::move(plan),
-            s.info.hasSound ? std::make_shared<AssetPCMSource>(job.movie, "The plim's sound") : nullptr, std::move(voices));
+        std::shared_ptr<AssetPCMSource> movieSound;
+        if (s.info.hasSound) {
+            movieSound = std::make_shared<AssetPCMSource>(job.movie, "The plim's sound");
+            // Opened before any picture is in flight; a failure shows when the mixer reads.
+            (void)movieSound->open();
+        }
+        mixer = std::make_unique<ShareAudioMixer>(std::move(plan), std::move(movieSound), std::move(voices));
     }
 
     if (progress)
@@ -497,7 +506,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     std::stop_callback forward(stop, [&] { stopAll.request_stop(); });
     FirstFailure failure(stopAll, job.describe);
     std::atomic<SteadyClock::rep> lastProgress{SteadyClock::now().time_since_epoch().count()};
-    BoundedQueue<DecodedPicture> decoded(decodedDepth);
+    BoundedQueue<DecodedPicture> decoded(decodedDepth, decodedBudget);
     BoundedQueue<Composed> composed(composedDepth);
 
     std::jthread decoder([&] {
@@ -517,14 +526,17 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
         return false;
     };
     const StopToken token = stopAll.get_token();
-    std::optional<DecodedPicture> held;
+    // The last picture composed, shown again in the slots the decoder passes over. Only one
+    // source picture is BGRA at a time: it gives its memory to the next one.
+    PictureConverter converter = s.reader->converter();
+    std::optional<Image> held;
     int64_t nextSlot = 0;
     auto emit = [&](const Image& picture, double raw, int64_t slot) {
         return deliver(composed, Composed{s.compose(picture, raw, s.dtAtSlot(slot)), slot}, token, stillOn);
     };
     auto fillTo = [&](int64_t end) {
         for (; nextSlot < end; ++nextSlot)
-            if (!emit(held->image, s.rawAtSlot(nextSlot), nextSlot))
+            if (!emit(*held, s.rawAtSlot(nextSlot), nextSlot))
                 return false;
         return true;
     };
@@ -538,11 +550,23 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
         }
         if (wait == BoundedQueue<DecodedPicture>::Wait::closed)
             break;
-        if (!held)
-            held = *item;
-        running = fillTo(item->slot) && emit(item->image, item->rawTime, item->slot);
-        nextSlot = item->slot + 1;
-        held = std::move(item);
+        running = !held || fillTo(item->slot);
+        held.reset();
+        if (!running)
+            break;
+        auto picture = converter.convert(item->picture);
+        if (!picture) {
+            logLine(LogArea::main, "the recording stopped being read: " + picture.error().sentence);
+            failure.set(StagingError::unreadable("it stopped part way"));
+            running = false;
+            break;
+        }
+        held = std::move(*picture);
+        const double rawTime = item->rawTime;
+        const int64_t slot = item->slot;
+        item.reset(); // the decoder's buffer goes back to it
+        running = fillTo(slot) && emit(*held, rawTime, slot);
+        nextSlot = slot + 1;
     }
     if (running && !token.stop_requested()) {
         if (!held)

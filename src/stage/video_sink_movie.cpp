@@ -37,6 +37,7 @@ Result<std::unique_ptr<VideoSink>> VideoSink::movie(const Settings& settings)
     writer.preset = exportPreset;
     writer.threads = settings.threads;
     writer.queueDepth = 2; // the engine queues composed frames itself
+    writer.lookaheadThread = false; // the engine's own threads keep the cores busy
     if (settings.sound)
         writer.sound.push_back(MovieWriter::exportTrack());
     auto made = PLIM_TRY(MovieWriter::create(std::move(writer)));

@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
+#include <future>
 
 using namespace plim;
 using namespace plim::mediatest;
@@ -98,6 +100,66 @@ TEST_F(MovieReaderTest, ScalesInTheSamePass)
     EXPECT_EQ((*frame)->image.width, 160);
     EXPECT_EQ((*frame)->image.height, 120);
     EXPECT_NEAR(levelAt((*frame)->image), countingLevel(0), 3);
+}
+
+// Raw pictures keep their own pixels while the decoder goes on (it must not hand their
+// buffers out again), outlive the reader, convert on another thread, and come out as
+// `next()` gives them, at the reader's size.
+TEST_F(MovieReaderTest, RawPicturesKeepTheirPixelsUntilConverted)
+{
+    struct Case {
+        MovieReader::Options options;
+        int width;
+        int height;
+        int threads; // decoder threads
+    };
+    for (const auto& c : std::vector<Case>{{{0, 0, 1}, 320, 240, 1}, {{160, 120, 2}, 160, 120, 2}, {{0, 0, 4}, 320, 240, 4}}) {
+        SCOPED_TRACE(testing::Message() << c.width << " x " << c.height << ", " << c.threads << " threads");
+        std::vector<RawVideoFrame> held;
+        std::vector<Image> direct;
+        {
+            auto raw = MovieReader::create(movie(), c.options);
+            auto plain = MovieReader::create(movie(), c.options);
+            ASSERT_TRUE(raw && plain);
+            for (;;) {
+                auto frame = (*raw)->nextRaw();
+                ASSERT_TRUE(frame) << frame.error().sentence;
+                if (!*frame)
+                    break;
+                EXPECT_NEAR((*frame)->time, static_cast<double>(held.size()) / 30.0, 1e-6);
+                EXPECT_EQ((*frame)->width, 320);
+                held.push_back(std::move(**frame));
+                auto same = (*plain)->next();
+                ASSERT_TRUE(same && *same);
+                direct.push_back((*same)->image.clone());
+            }
+            ASSERT_EQ(held.size(), 60u);
+            auto converted = std::async(std::launch::async, [&, converter = (*raw)->converter()]() mutable {
+                std::vector<Image> out;
+                for (const auto& frame : held)
+                    if (auto image = converter.convert(frame))
+                        out.push_back(image->clone());
+                return out;
+            }).get();
+            ASSERT_EQ(converted.size(), held.size());
+            for (size_t n = 0; n < held.size(); ++n) {
+                ASSERT_EQ(converted[n].width, c.width);
+                ASSERT_EQ(converted[n].height, c.height);
+                EXPECT_EQ(std::memcmp(converted[n].row(c.height / 2), direct[n].row(c.height / 2), 4 * c.width), 0)
+                    << "frame " << n;
+            }
+        }
+        // The reader is gone; its pictures are not.
+        PictureConverter late("count.mp4");
+        for (size_t n : {size_t{0}, size_t{29}, size_t{59}}) {
+            auto image = late.convert(held[n]);
+            ASSERT_TRUE(image) << image.error().sentence;
+            EXPECT_NEAR(levelAt(*image), countingLevel(static_cast<int>(n)), 3) << "frame " << n;
+        }
+    }
+    auto nothing = PictureConverter("count.mp4").convert(RawVideoFrame{});
+    ASSERT_FALSE(nothing);
+    EXPECT_NE(nothing.error().sentence.find("count.mp4"), std::string::npos) << nothing.error().sentence;
 }
 
 TEST_F(MovieReaderTest, ReadsPrimaryColoursBackThroughItsMatrix)

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -281,4 +282,38 @@ TEST(MovieWriter, FullDiskSaysSoAndLeavesNoPartialFile)
     EXPECT_NE(error->sentence.find("The disk is full"), std::string::npos) << error->sentence;
     EXPECT_NE(error->sentence.find("the partial file was removed"), std::string::npos) << error->sentence;
     EXPECT_FALSE(fs::exists(s.path));
+}
+
+// Without its own lookahead thread x264 holds fewer frames; the coded pictures (all but
+// x264's note of its settings) are the same bytes.
+TEST(MovieWriter, TheLookaheadThreadLeavesThePicturesAsTheyAre)
+{
+    TempDir dir;
+    std::vector<std::string> coded;
+    for (bool thread : {true, false}) {
+        MovieWriter::Settings s;
+        s.path = dir / (thread ? "thread.mp4" : "inline.mp4");
+        s.width = 640;
+        s.height = 360;
+        s.frameRate = 30;
+        s.constantRate = true;
+        s.lookaheadThread = thread;
+        auto writer = MovieWriter::create(s);
+        ASSERT_TRUE(writer) << writer.error().sentence;
+        for (int n = 0; n < 45; ++n) {
+            // A bar that moves and a level that changes, so motion and rate decisions matter.
+            Image picture = solid(s.width, s.height, static_cast<uint8_t>(3 * n), 90, 160);
+            for (int y = 0; y < s.height; ++y)
+                std::memset(picture.row(y) + 4 * ((10 * n + y / 4) % (s.width - 64)), 255, 4 * 64);
+            ASSERT_TRUE((*writer)->appendVideo(picture, n / 30.0));
+        }
+        ASSERT_TRUE((*writer)->finish());
+        fs::path bare = dir / (thread ? "thread.h264" : "inline.h264");
+        auto r = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-i", s.path.string(), "-c:v", "copy", "-bsf:v",
+            "h264_mp4toannexb,filter_units=remove_types=6", "-f", "h264", bare.string()});
+        ASSERT_EQ(r.status, 0) << r.err;
+        coded.push_back(testkit::readText(bare));
+    }
+    EXPECT_GT(coded[0].size(), 10000u);
+    EXPECT_TRUE(coded[0] == coded[1]) << coded[0].size() << " bytes against " << coded[1].size();
 }
