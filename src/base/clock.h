@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 
 namespace plim {
 
@@ -33,5 +34,14 @@ private:
 };
 
 double systemUptime();
+
+// When an input event happened, for a recorder whose clock reads `now`: the source's own
+// stamp `at` when it has one within the last second, else `now`.
+double eventInstant(double at, double now);
+
+// A 32-bit millisecond stamp of the monotonic clock (how X servers stamp input events)
+// placed on the uptime timeline read at `now`, wrapping included; NaN when the stamp is
+// more than a second old or in the future, as from a server on another clock.
+double uptimeOfMilliseconds32(uint32_t stamp, double now);
 
 } // namespace plim

@@ -8,8 +8,9 @@
 // Threads: install and remove may come from any thread. Handlers run on the source's own
 // event thread (the scripted source: the thread that calls press), one at a time; a
 // handler must return quickly and must not call install or remove.
-// Timing: a press is delivered within a few milliseconds of the button going down; the
-// recorder stamps it with its own clock when the handler runs.
+// Timing: a press is delivered within a few milliseconds of the button going down, or
+// later under load; a source that knows when the button went down says so in `at` (the
+// X11 backend takes the server's own stamp), else the recorder stamps it on arrival.
 // Ownership: the source keeps the handler until remove; whoever made the source keeps it
 // alive until every handler has been removed.
 
@@ -27,6 +28,7 @@ public:
         Button button = Button::left;
         double x = 0; // global display points, origin at the main display's top-left
         double y = 0; // y downward: negative above the main display
+        double at = -1; // uptime seconds when the button went down, if the source knows; else negative
         bool operator==(const Press&) const = default;
     };
     using Handler = std::function<void(const Press&)>;

@@ -170,16 +170,17 @@ Status CursorRecorder::journalOnce()
     return {};
 }
 
-int64_t CursorRecorder::elapsedMS() const
+int64_t CursorRecorder::elapsedMS(double at) const
 {
     std::lock_guard lock(m_lock);
     if (!m_started)
         return 0;
     double now = m_clock.uptime();
-    double e = now - m_startUptime - m_pausedAccum;
+    at = eventInstant(at, now);
+    double e = at - m_startUptime - m_pausedAccum;
     if (m_pausedSince)
-        e -= now - *m_pausedSince;
-    return millisecondsFrom(e);
+        e -= std::max(0.0, at - *m_pausedSince);
+    return millisecondsFrom(std::max(0.0, e));
 }
 
 void CursorRecorder::pollOnce()
@@ -241,7 +242,7 @@ void CursorRecorder::handlePress(const ClickSource::Press& press)
         return;
     if (!finite(press.x) || !finite(press.y))
         return;
-    int64_t ms = elapsedMS();
+    int64_t ms = elapsedMS(press.at);
     std::lock_guard lock(m_lock);
     if (m_stopped || m_pausedFlag)
         return;

@@ -94,8 +94,8 @@ public:
     // One poll step: pointer sample, window frame (every 30th tick).
     void pollOnce();
 
-    // Milliseconds since start with paused time left out.
-    int64_t elapsedMS() const;
+    // Milliseconds since start with paused time left out, at `at` (see eventInstant) or now.
+    int64_t elapsedMS(double at = -1) const;
 
     // Uptime seconds at start (0 before).
     double startUptime() const;

@@ -8,8 +8,9 @@
 //
 // Threads: install and remove may come from any thread; handlers run on the source's own
 // event thread, one at a time, and must return quickly. Timing: a key-down is delivered
-// within a few milliseconds; the recorder stamps it with its own clock. Ownership: the
-// source keeps the handler until remove; its maker keeps it alive until then.
+// within a few milliseconds; the recorder takes the source's stamp `at` when there is one,
+// else its own clock on arrival. Ownership: the source keeps the handler until remove; its
+// maker keeps it alive until then.
 //
 // Modifier names follow the captions they make: control is Control (⌃), option is Alt
 // (⌥), shift is Shift (⇧), command is Super (⌘).
@@ -34,6 +35,7 @@ struct KeyModifiers {
 struct KeyPress {
     uint32_t keysym = 0;
     KeyModifiers modifiers;
+    double at = -1; // uptime seconds when the key went down, if the source knows; else negative
     bool operator==(const KeyPress&) const = default;
 };
 

@@ -188,7 +188,8 @@ void KeystrokeRecorder::record(const KeyPress& press)
     std::lock_guard lock(m_lock);
     if (m_pausedSince)
         return;
-    double ms = std::max(0.0, m_clock.uptime() - m_startUptime - m_pausedAccum) * 1000.0;
+    double at = eventInstant(press.at, m_clock.uptime());
+    double ms = std::max(0.0, at - m_startUptime - m_pausedAccum) * 1000.0;
     int64_t t = ms < 9.2e18 ? static_cast<int64_t>(ms) : INT64_MAX;
     m_events.push_back(KeyEvent{t, std::move(*text)});
 }

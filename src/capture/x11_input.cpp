@@ -118,7 +118,7 @@ void X11Input::handle(const void* raw)
         m_lastButton.store(now);
         auto at = m_x11->pointer();
         if (at)
-            m_clicks.deliver({button, at->x, at->y});
+            m_clicks.deliver({button, at->x, at->y, uptimeOfMilliseconds32(press->time, now)});
         return;
     }
     case XCB_INPUT_RAW_KEY_PRESS:
@@ -131,6 +131,7 @@ void X11Input::handle(const void* raw)
         }
         m_lastKeyDown.store(now);
         KeyPress pressed;
+        pressed.at = uptimeOfMilliseconds32(key->time, now);
         pressed.keysym = xkb_state_key_get_one_sym(m_state, code);
         auto active = [&](const char* name) {
             return xkb_state_mod_name_is_active(m_state, name, XKB_STATE_MODS_EFFECTIVE) > 0;

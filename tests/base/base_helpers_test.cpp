@@ -11,6 +11,7 @@
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+#include <cmath>
 #include <fstream>
 #include <sys/stat.h>
 
@@ -252,6 +253,24 @@ TEST(Clock, ManualClockMovesOnlyWhenTold)
     EXPECT_EQ(clock.uptime(), 5.5);
     double a = UptimeClock::shared().uptime();
     EXPECT_GE(UptimeClock::shared().uptime(), a);
+}
+
+TEST(Clock, EventStampsAreTakenOnlyWhenTheyCanBeFromThisClock)
+{
+    // An X server's 32-bit millisecond stamp, read 12 ms later.
+    EXPECT_DOUBLE_EQ(uptimeOfMilliseconds32(100'000, 100.0125), 100.0);
+    // Across the wrap: 2^32 ms (4294967.296 s) after boot, the server's counter starts again at 0.
+    EXPECT_DOUBLE_EQ(uptimeOfMilliseconds32(4294967290u, 4294967.3005), 4294967.290);
+    EXPECT_DOUBLE_EQ(uptimeOfMilliseconds32(2, 4294967.3065), 4294967.298);
+    // Older than a second, from the future, or before boot: another clock.
+    EXPECT_TRUE(std::isnan(uptimeOfMilliseconds32(98'000, 100.0)));
+    EXPECT_TRUE(std::isnan(uptimeOfMilliseconds32(100'050, 100.0)));
+    EXPECT_TRUE(std::isnan(uptimeOfMilliseconds32(4294967000u, 0.5)));
+
+    EXPECT_EQ(eventInstant(99.5, 100.0), 99.5);
+    EXPECT_EQ(eventInstant(100.0, 100.0), 100.0);
+    for (double unknown : {-1.0, std::nan(""), 98.9, 100.001})
+        EXPECT_EQ(eventInstant(unknown, 100.0), 100.0) << unknown;
 }
 
 TEST(Error, TryPassesErrorsUpFromResultsAndStatuses)

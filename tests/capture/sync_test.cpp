@@ -195,9 +195,10 @@ TEST(SyncTest, ClicksAndSoundLandWithThePicture)
     ASSERT_EQ(track->value.clicks.size(), 1u);
     double clickOffsetMS = firstOf[1] * 1000 + double(track->value.videoStartOffsetMS) - double(track->value.clicks[0].t);
     std::printf("click: first frame showing it is %.1f ms after the click in the cursor track\n", clickOffsetMS);
-    // A click recorded late shows as a negative offset: at most a frame, since the window
-    // may draw before our event thread runs. A positive one also holds the window's own
-    // drawing delay and any frame dropped under load, so it is only bounded loosely.
+    // The click carries the X server's own stamp, so however late our event thread runs it
+    // cannot land after the frame showing it by more than the grab's round trip. A positive
+    // offset also holds the window's own drawing delay and any frame dropped under load, so
+    // it is only bounded loosely.
     EXPECT_GE(clickOffsetMS, -16.7);
     EXPECT_LE(clickOffsetMS, 100.0);
 
