@@ -151,6 +151,7 @@ int main(int argc, char** argv)
     int status = 0;
     char duration[32];
     std::snprintf(duration, sizeof duration, "%g", seconds);
+    ::setenv("PLIM_LOG", "stderr", 1); // the recorder's log says why frames were dropped
     pid_t plim = spawn({plimctl.string(), "record", "--x-display", display, "--duration", duration, "--no-keys",
                            "--library", (dir / "plim").string()},
         (dir / "plim.out").string(), (dir / "plim.err").string());
@@ -165,6 +166,11 @@ int main(int argc, char** argv)
     std::printf("plim    : %ld of %ld frames delivered, %ld dropped (the recorder counted %ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
         plimFrames, expected, std::max(0L, expected - plimFrames), reportedDropped, plimCpu, 100 * plimCpu / seconds,
         WEXITSTATUS(status));
+    if (auto at = err.find(" dropped: "); at != std::string::npos) {
+        size_t from = err.rfind('\n', at);
+        from = from == std::string::npos ? 0 : from + 1;
+        std::printf("          %s\n", err.substr(from, err.find('\n', at) - from).c_str());
+    }
 
     // ffmpeg x11grab into the same encoder settings.
     const fs::path ffmovie = dir / "ffmpeg.mov";

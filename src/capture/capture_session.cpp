@@ -708,7 +708,7 @@ Outcome<RawPlim> CaptureSession::finish()
         plim.frames = s.framesWritten;
         plim.droppedFrames = s.framesDropped + s.devices.screen->droppedFrames();
         if (plim.droppedFrames > 0)
-            logLine(LogArea::main, std::to_string(plim.droppedFrames) + " frames were dropped: "
+            logLine(LogArea::main, std::to_string(plim.droppedFrames) + (plim.droppedFrames == 1 ? " frame was" : " frames were") + " dropped: "
                     + std::to_string(s.devices.screen->droppedFrames()) + " ticks passed while a picture was being taken, "
                     + std::to_string(s.framesDropped) + " pictures found the encoder's queue full.");
         plim.seconds = s.framesWritten > 0 ? s.writtenSeconds + 1.0 / s.settings.framesPerSecond : 0;

@@ -107,6 +107,11 @@ private:
 };
 
 class X11ScreenSource final : public ScreenSource {
+    // The session queues a few frames for its writer; a backlog beyond the prepared ones
+    // grows the pool up to the limit, and past it each frame gets a picture of its own.
+    static constexpr size_t poolPrepared = 10;
+    static constexpr size_t poolLimit = 16;
+
 public:
     X11ScreenSource(std::unique_ptr<X11Connection> x11, Rect frame, std::optional<uint32_t> window)
         : m_x11(std::move(x11)), m_frame(frame), m_window(window),
@@ -125,6 +130,13 @@ public:
             return fail("The X server has no shared-memory extension (MIT-SHM), so the screen cannot be read. "
                         "Nothing was recorded. Record on a local X display.");
         PLIM_TRY(m_segment.create(m_x11->connection(), size_t(m_pixelWidth) * size_t(m_pixelHeight) * 4));
+        // Pictures for the frames in flight, made now: a fresh 1080p picture can cost some
+        // 27 ms of page faults, more than a tick, and it would be made while rolling.
+        while (m_pool.size() < poolPrepared)
+            m_pool.push_back(Image::allocate(m_pixelWidth, m_pixelHeight));
+        // One picture taken now maps the shared memory on both sides, which costs the
+        // first grab tens of milliseconds. A failure here shows again on the first tick.
+        (void)grab();
         if (m_window) {
             if (!m_x11->hasExtension("Composite"))
                 return fail("The X server has no Composite extension, so a window cannot be followed. "
@@ -208,7 +220,7 @@ private:
             if (image.pixels.use_count() == 1)
                 return image;
         Image image = Image::allocate(m_pixelWidth, m_pixelHeight);
-        if (m_pool.size() < 16)
+        if (m_pool.size() < poolLimit)
             m_pool.push_back(image);
         return image;
     }
