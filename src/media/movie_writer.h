@@ -6,7 +6,7 @@
 //     2 s, each fragment starting at one), so that a recording cut short by a crash or a
 //     kill stays readable up to its last whole fragment.
 //
-// Pictures are BGRA (base/image.h) converted to yuv420p by swscale; HD pictures (720 rows
+// Pictures are BGRA (base/image.h) converted to yuv420p (colour_convert.h); HD pictures (720 rows
 // or more) are converted with the BT.709 matrix and SD with BT.601, limited range, and the
 // stream is tagged with that matrix, its primaries and transfer.
 //

@@ -4,6 +4,7 @@
 #include "media/movie_writer.h"
 
 #include "base/log.h"
+#include "media/colour_convert.h"
 #include "media/ffmpeg_support.h"
 
 #include <algorithm>
@@ -130,7 +131,6 @@ private:
     std::unique_ptr<AVFormatContext, OutputClose> m_format;
     CodecPtr m_video;
     AVStream* m_videoStream = nullptr;
-    SwsPtr m_sws;
     std::vector<AudioTrack> m_audio;
     int64_t m_lastPts = AV_NOPTS_VALUE;
     int64_t m_nextKeyPts = 0;
@@ -297,16 +297,6 @@ Status FfmpegMovieWriter::open()
     }
     avio_flush(m_format->pb);
 
-    m_sws.reset(sws_getContext(s.width, s.height, AV_PIX_FMT_BGRA, s.width, s.height, AV_PIX_FMT_YUV420P,
-        SWS_BILINEAR, nullptr, nullptr, nullptr));
-    if (!m_sws) {
-        removeFile();
-        return refuse("the colour converter would not start");
-    }
-    const int* matrix = sws_getCoefficients(hd ? SWS_CS_ITU709 : SWS_CS_ITU601);
-    // Source: full-range RGB; destination: limited-range YUV with the stream's matrix.
-    sws_setColorspaceDetails(m_sws.get(), matrix, 1, matrix, 0, 0, 1 << 16, 1 << 16);
-
     m_thread = std::thread([this] { run(); });
     return {};
 }
@@ -349,9 +339,8 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
     frame->height = m_settings.height;
     if (av_frame_get_buffer(frame.get(), 0) < 0)
         return std::unexpected(failure("a frame buffer could not be made"));
-    const uint8_t* src[1] = {image.pixels.get()};
-    int srcStride[1] = {static_cast<int>(image.stride)};
-    sws_scale(m_sws.get(), src, srcStride, 0, image.height, frame->data, frame->linesize);
+    bgraToYuv420(image.pixels.get(), image.stride, image.width, image.height, frame->data, frame->linesize,
+        isHD(m_settings.height) ? YuvMatrix::bt709 : YuvMatrix::bt601);
     frame->pts = pts;
     frame->color_range = m_video->color_range;
     frame->color_primaries = m_video->color_primaries;

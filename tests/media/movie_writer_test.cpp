@@ -1,8 +1,13 @@
+#include "media/colour_convert.h"
 #include "media/movie_reader.h"
 #include "media/movie_writer.h"
 #include "media_fixtures.h"
 
 #include <gtest/gtest.h>
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
 
 #include <algorithm>
 #include <sstream>
@@ -103,6 +108,66 @@ TEST(MovieWriter, WritesTheMatrixItTags)
         std::string y = testkit::readText(raw);
         int centre = static_cast<unsigned char>(y[static_cast<size_t>(h / 2 * w + w / 2)]);
         EXPECT_NEAR(centre, expectY, 2) << h;
+    }
+}
+
+// The writer's own colour loop against the reference values and against swscale.
+TEST(ColourConvert, KnownColoursAndSwscaleAgree)
+{
+    // Pure colours, BT.709 and BT.601 limited range: {B, G, R} -> {Y, Cb, Cr}.
+    struct Known {
+        YuvMatrix matrix;
+        uint8_t b, g, r;
+        int y, cb, cr;
+    };
+    for (auto k : std::vector<Known>{{YuvMatrix::bt709, 255, 255, 255, 235, 128, 128},
+             {YuvMatrix::bt709, 0, 0, 0, 16, 128, 128}, {YuvMatrix::bt709, 0, 0, 255, 63, 102, 240},
+             {YuvMatrix::bt709, 255, 0, 0, 32, 240, 118}, {YuvMatrix::bt601, 0, 0, 255, 81, 90, 240},
+             {YuvMatrix::bt601, 0, 255, 0, 145, 54, 34}}) {
+        Image image = solid(2, 2, k.b, k.g, k.r);
+        uint8_t y[4], cb, cr;
+        uint8_t* planes[3] = {y, &cb, &cr};
+        const int lines[3] = {2, 1, 1};
+        bgraToYuv420(image.pixels.get(), image.stride, 2, 2, planes, lines, k.matrix);
+        EXPECT_EQ((std::vector<int>{y[0], y[3], cb, cr}), (std::vector<int>{k.y, k.y, k.cb, k.cr}))
+            << int(k.r) << "," << int(k.g) << "," << int(k.b);
+    }
+
+    // Smooth gradients and flat blocks, on an odd stride: luma within a step of swscale,
+    // chroma within two (swscale filters chroma a little differently).
+    const int w = 258, h = 98;
+    Image picture = Image::allocate(w + 7, h);
+    picture.width = w;
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            uint8_t* p = picture.row(y) + 4 * x;
+            bool block = x > 200 && y > 50;
+            p[0] = block ? 40 : uint8_t(x);
+            p[1] = block ? 200 : uint8_t(2 * y);
+            p[2] = block ? 90 : uint8_t((x + 2 * y) / 3);
+            p[3] = 255;
+        }
+    for (auto matrix : {YuvMatrix::bt709, YuvMatrix::bt601}) {
+        std::vector<uint8_t> ours(w * h * 3 / 2), theirs(w * h * 3 / 2);
+        uint8_t* a[3] = {ours.data(), ours.data() + w * h, ours.data() + w * h * 5 / 4};
+        uint8_t* b[3] = {theirs.data(), theirs.data() + w * h, theirs.data() + w * h * 5 / 4};
+        const int lines[3] = {w, w / 2, w / 2};
+        bgraToYuv420(picture.pixels.get(), picture.stride, w, h, a, lines, matrix);
+        SwsContext* sws = sws_getContext(w, h, AV_PIX_FMT_BGRA, w, h, AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr,
+            nullptr, nullptr);
+        const int* m = sws_getCoefficients(matrix == YuvMatrix::bt709 ? SWS_CS_ITU709 : SWS_CS_ITU601);
+        sws_setColorspaceDetails(sws, m, 1, m, 0, 0, 1 << 16, 1 << 16);
+        const uint8_t* src[1] = {picture.pixels.get()};
+        const int srcStride[1] = {int(picture.stride)};
+        sws_scale(sws, src, srcStride, 0, h, b, lines);
+        sws_freeContext(sws);
+        int lumaWorst = 0, chromaWorst = 0;
+        for (size_t i = 0; i < ours.size(); ++i) {
+            int& worst = i < size_t(w * h) ? lumaWorst : chromaWorst;
+            worst = std::max(worst, std::abs(int(ours[i]) - int(theirs[i])));
+        }
+        EXPECT_LE(lumaWorst, 1);
+        EXPECT_LE(chromaWorst, 2);
     }
 }
 
