@@ -209,7 +209,6 @@ public:
     std::optional<std::string> failure; // why it ended by itself
     bool failureBeforeFirstFrame = false;
     bool finished = false;
-    std::optional<double> cameraLastSeconds; // camera thread only
     bool cameraFailed = false;               // camera thread only
     std::jthread writerThread;
     std::jthread flushThread;
@@ -342,8 +341,8 @@ public:
         if (seconds <= 0 && frame.uptime != *cameraFirstUptime)
             return;
         // Only this thread writes the camera movie. Frames that come bunched after a stall
-        // would share the writer's 1/600 s tick; the later ones are left out.
-        if (cameraFailed || (cameraLastSeconds && seconds < *cameraLastSeconds + 2.0 / 600))
+        // would share the writer's tick; the later ones are left out.
+        if (cameraFailed || !cameraWriter->takesPictureAt(seconds))
             return;
         if (auto status = cameraWriter->appendVideo(frame.image, seconds); !status) {
             // The camera is stopped with the other sources, from the session's thread: this
@@ -352,7 +351,6 @@ public:
             cameraFailed = true;
             return;
         }
-        cameraLastSeconds = seconds;
     }
 
     void writeLoop(std::stop_token)
@@ -379,9 +377,9 @@ public:
                     first = *firstTrackSeconds;
                 }
                 double t = video->trackSeconds - first;
-                // The writer keeps times in 1/600 s; a frame taken just before a pause and
-                // one just after it may fall in the same tick. The later one is left out.
-                if (t < lastVideoSeconds + 2.0 / 600)
+                // A frame taken just before a pause and one just after it may fall in the
+                // same tick of the writer. The later one is left out.
+                if (!writer->takesPictureAt(t))
                     continue;
                 status = writer->appendVideo(video->image, t);
                 if (status) {

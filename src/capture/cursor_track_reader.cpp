@@ -112,6 +112,60 @@ using simdjson::error_code;
 // parser would check it (every atom, number, escape and separator), so a text is refused
 // exactly when it is not JSON.
 
+// Reads a scalar of kind `type` from a value or from a document whose top value is a scalar:
+// the two offer the same getters but share no type.
+template <class Source>
+error_code readScalar(Source& source, od::json_type type, TrackValue& out, std::string* text)
+{
+    error_code error = simdjson::SUCCESS;
+    switch (type) {
+    case od::json_type::number: {
+        // By its kind rather than through get_number(), whose long-decimal path loses the value.
+        od::number_type numberType;
+        if ((error = source.get_number_type().get(numberType)))
+            break;
+        if (numberType == od::number_type::signed_integer) {
+            out.kind = TrackValue::Kind::signedInteger;
+            error = source.get_int64().get(out.signedInteger);
+        } else if (numberType == od::number_type::unsigned_integer) {
+            out.kind = TrackValue::Kind::unsignedInteger;
+            error = source.get_uint64().get(out.unsignedInteger);
+        } else {
+            out.kind = TrackValue::Kind::real;
+            error = source.get_double().get(out.real);
+        }
+        // Whatever went wrong with a number (integers beyond 64 bits among it) is for
+        // the caller to look at again.
+        if (error)
+            error = simdjson::NUMBER_ERROR;
+        break;
+    }
+    case od::json_type::string: {
+        std::string_view string;
+        if ((error = source.get_string().get(string)))
+            break;
+        out.kind = TrackValue::Kind::string;
+        if (text)
+            *text = string;
+        break;
+    }
+    case od::json_type::boolean:
+        out.kind = TrackValue::Kind::boolean;
+        error = source.get_bool().get(out.boolean);
+        break;
+    case od::json_type::null: {
+        bool isNull = false;
+        error = source.is_null().get(isNull);
+        if (!error && !isNull)
+            error = simdjson::N_ATOM_ERROR;
+        break;
+    }
+    default:
+        break;
+    }
+    return error;
+}
+
 // Checks the rest of an array or object whose iterator is on top of `levels`, and everything
 // nested in it, without recursion: nesting may be as deep as the text is long.
 class Walk {
@@ -157,47 +211,9 @@ private:
                 levels_.push_back(level);
             break;
         }
-        case od::json_type::number: {
-            // By its kind rather than through get_number(), whose long-decimal path loses the value.
-            od::number_type numberType;
-            if ((error = value.get_number_type().get(numberType)))
-                break;
-            if (numberType == od::number_type::signed_integer) {
-                out.kind = TrackValue::Kind::signedInteger;
-                error = value.get_int64().get(out.signedInteger);
-            } else if (numberType == od::number_type::unsigned_integer) {
-                out.kind = TrackValue::Kind::unsignedInteger;
-                error = value.get_uint64().get(out.unsignedInteger);
-            } else {
-                out.kind = TrackValue::Kind::real;
-                error = value.get_double().get(out.real);
-            }
-            // Whatever went wrong with a number (integers beyond 64 bits among it) is for
-            // the caller to look at again.
-            if (error)
-                error = simdjson::NUMBER_ERROR;
+        default:
+            error = readScalar(value, type, out, text);
             break;
-        }
-        case od::json_type::string: {
-            std::string_view string;
-            if ((error = value.get_string().get(string)))
-                break;
-            out.kind = TrackValue::Kind::string;
-            if (text)
-                *text = string;
-            break;
-        }
-        case od::json_type::boolean:
-            out.kind = TrackValue::Kind::boolean;
-            error = value.get_bool().get(out.boolean);
-            break;
-        case od::json_type::null: {
-            bool isNull = false;
-            error = value.is_null().get(isNull);
-            if (!error && !isNull)
-                error = simdjson::N_ATOM_ERROR;
-            break;
-        }
         }
         if (found)
             *found = out;
@@ -365,20 +381,9 @@ std::expected<std::optional<CursorTrackFields>, error_code> parse(od::parser& pa
         od::value root;
         if (!(error = document.get_value().get(root)))
             error = Walk().value(root);
-    } else if (type == od::json_type::number) {
-        double ignored;
-        error = document.get_double().get(ignored);
-    } else if (type == od::json_type::string) {
-        std::string_view ignored;
-        error = document.get_string().get(ignored);
-    } else if (type == od::json_type::boolean) {
-        bool ignored;
-        error = document.get_bool().get(ignored);
     } else {
-        bool isNull = false;
-        error = document.is_null().get(isNull);
-        if (!error && !isNull)
-            error = simdjson::N_ATOM_ERROR;
+        TrackValue ignored;
+        error = readScalar(document, type, ignored, nullptr);
     }
     if (!error) {
         // Whatever follows the top value, besides white space, makes the text not JSON. A

@@ -106,6 +106,11 @@ public:
     // One picture shown from `time` on. Its size must be the writer's; anything else fails.
     virtual Status appendVideo(const Image& image, double time) = 0;
 
+    // Whether appendVideo would take a picture at `time`: the times are kept in ticks of
+    // 1/timeScale s and each picture needs a later tick than the one before, so pictures
+    // that come bunched (after a stall, across a pause) can be left out before they fail.
+    virtual bool takesPictureAt(double time) const = 0;
+
     // `frames` frames of interleaved float samples (the track's channel count) beginning
     // at frame `startFrame` of that track (at its sample rate). A gap before `startFrame`
     // is filled with silence; frames that overlap what was already given are dropped.

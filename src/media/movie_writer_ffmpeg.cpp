@@ -94,6 +94,7 @@ public:
 
     std::string encoderName() const override { return m_video ? m_video->codec->name : "libx264"; }
     Status appendVideo(const Image& image, double time) override;
+    bool takesPictureAt(double time) const override;
     Status appendAudio(int track, const float* interleaved, int64_t frames, int64_t startFrame) override;
     double soundSeconds(int track) const override
     {
@@ -330,9 +331,9 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
         return std::unexpected(failure(concat("a frame was refused: it is ", image.width, " × ", image.height, ", the movie is ", m_settings.width, " × ", m_settings.height)));
     if (!std::isfinite(time) || time < 0)
         return std::unexpected(failure("a frame was refused: its time is not usable"));
-    int64_t pts = std::llround(time * m_settings.timeScale);
-    if (m_lastPts != AV_NOPTS_VALUE && pts <= m_lastPts)
+    if (!takesPictureAt(time))
         return std::unexpected(failure(concat("a frame was refused: its time ", time, " s does not come after the one before it")));
+    int64_t pts = std::llround(time * m_settings.timeScale);
     FramePtr frame(av_frame_alloc());
     frame->format = AV_PIX_FMT_YUV420P;
     frame->width = m_settings.width;
@@ -357,6 +358,12 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
     if (auto e = takeError())
         return std::unexpected(*e);
     return {};
+}
+
+bool FfmpegMovieWriter::takesPictureAt(double time) const
+{
+    return std::isfinite(time) && time >= 0
+        && (m_lastPts == AV_NOPTS_VALUE || std::llround(time * m_settings.timeScale) > m_lastPts);
 }
 
 Status FfmpegMovieWriter::appendAudio(int trackIndex, const float* interleaved, int64_t frames, int64_t startFrame)

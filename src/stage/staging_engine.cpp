@@ -474,6 +474,14 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     const fs::path output = job.output.value_or(defaultOutput(job.movie, job.reframe));
     const fs::path partial = partialPath(output);
     const bool sound = !job.gif && (s.info.hasSound || !job.voiceovers.empty());
+    // The movie's sound opens before the writer and before any picture is in flight (its
+    // probe decodes a picture of its own); sound that cannot be read ends the render here.
+    std::shared_ptr<AssetPCMSource> movieSound;
+    if (sound && s.info.hasSound) {
+        movieSound = std::make_shared<AssetPCMSource>(job.movie, "The plim's sound");
+        if (auto opened = movieSound->open(); !opened)
+            return Done::failed(opened.error().sentence);
+    }
     VideoSink::Settings settings{partial, s.canvas.width, s.canvas.height, s.fps, sound, 0};
     auto sink = job.makeSink ? job.makeSink(settings) : VideoSink::movie(settings);
     if (!sink) {
@@ -491,12 +499,6 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
             inputs.push_back(voice.input);
         }
         auto plan = ShareAudioPlan::plan(job.plan, s.rawDuration, inputs, s.info.hasSound, soundSampleRate);
-        std::shared_ptr<AssetPCMSource> movieSound;
-        if (s.info.hasSound) {
-            movieSound = std::make_shared<AssetPCMSource>(job.movie, "The plim's sound");
-            // Opened before any picture is in flight; a failure shows when the mixer reads.
-            (void)movieSound->open();
-        }
         mixer = std::make_unique<ShareAudioMixer>(std::move(plan), std::move(movieSound), std::move(voices));
     }
 
