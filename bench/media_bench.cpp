@@ -20,9 +20,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+double secondsSince(SteadyClock::time_point start) { return std::chrono::duration<double>(SteadyClock::now() - start).count(); }
 
 // A page of "text": dark glyph-sized marks in lines on white, taller than the screen so
 // frames can scroll through it, with a coloured sidebar.
@@ -115,7 +115,7 @@ int main(int argc, char** argv)
             std::fprintf(stderr, "%s\n", writer.error().sentence.c_str());
             return 1;
         }
-        auto start = Clock::now();
+        auto start = SteadyClock::now();
         for (int n = 0; n < frames; ++n)
             if (!(*writer)->appendVideo(frameOf(page, n, width, height), n / fps))
                 return 1;
@@ -130,7 +130,7 @@ int main(int argc, char** argv)
         auto reader = MovieReader::create(source, MovieReader::Options{w, h, 0});
         if (!reader)
             return 1;
-        auto start = Clock::now();
+        auto start = SteadyClock::now();
         int n = eachFrame(**reader, [](const VideoFrame&, int) {});
         std::printf("decode to BGRA %s: %.1f frames/s\n", w ? "scaled to 1280 x 720" : "at 1920 x 1080",
             n / secondsSince(start));
@@ -145,7 +145,7 @@ int main(int argc, char** argv)
         auto writer = MovieWriter::create(s);
         if (!reader || !writer)
             return 1;
-        auto start = Clock::now();
+        auto start = SteadyClock::now();
         bool written = true;
         int n = eachFrame(**reader,
             [&](const VideoFrame& f, int) { written = written && (*writer)->appendVideo(f.image, f.time).has_value(); });
@@ -174,7 +174,7 @@ int main(int argc, char** argv)
         ShareAudioPlan plan = ShareAudioPlan::plan(edit, 60, {{5, 10, 0.2}}, true, 48000);
         ShareAudioMixer mixer(plan, std::make_shared<ArrayPCMSource>(tone),
             {{0, std::make_shared<ArrayPCMSource>(tone)}});
-        auto start = Clock::now();
+        auto start = SteadyClock::now();
         int64_t mixed = 0;
         while (auto block = mixer.next(4096)) {
             if (!*block)
