@@ -208,7 +208,7 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 
     // The stage look beside the movie when there is one; the default look otherwise.
     StageSpec spec;
-    if (auto stored = StageSpecFile::read(sidecarPath(report->movie, "stage.json"))) {
+    if (auto stored = StageSpecFile::read(sidecarPath(report->movie, PlimFiles::stage))) {
         spec = stored->value;
         for (const auto& notice : stored->notices)
             err << "notice: " << notice << "\n";

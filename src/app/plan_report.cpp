@@ -74,7 +74,7 @@ void printPlan(const PlanReport& r, std::ostream& out)
 {
     const EditPlan& plan = r.plan;
     out << "plim: " << r.movie.string() << "\n";
-    out << "edits: " << (r.planFromFile ? sidecarPath(r.movie, "edits.json").string() : std::string("none usable"))
+    out << "edits: " << (r.planFromFile ? sidecarPath(r.movie, PlimFiles::edits).string() : std::string("none usable"))
         << "\n";
     out << "recording: " << seconds(r.rawDuration) << " (" << r.durationSource << ")\n";
     if (plan.trimIn || plan.trimOut)
@@ -132,7 +132,7 @@ AutoEditProposal proposeAutoEdit(const PlanReport& report)
 
 Status writePlanAsEdits(const PlanReport& report, const EditPlan& plan)
 {
-    auto path = sidecarPath(report.movie, "edits.json");
+    auto path = sidecarPath(report.movie, PlimFiles::edits);
     if (report.editsError)
         return fail("The edits in " + path.string() + " could not be used, so the new plan was not written and "
             "that file was left exactly as it is. Move it aside (or open the plim in a Plim that reads it) and run "

@@ -178,9 +178,9 @@ Status RecordingController::replim()
     m_session.reset();
     if (m_movie) {
         std::error_code ec;
-        for (const char* suffix : {"cursor.json", "keys.json", "id.json", "camera.mov"})
+        for (std::string_view suffix :
+            {PlimFiles::cursor, PlimFiles::cursorJournal, PlimFiles::keys, PlimFiles::identity, PlimFiles::camera})
             fs::remove(sidecarPath(*m_movie, suffix), ec);
-        fs::remove(CursorTrack::journalBeside(*m_movie), ec);
         fs::remove(*m_movie, ec);
     }
     m_markCount = 0;

@@ -35,6 +35,23 @@ Status writeFileAtomic(const fs::path& path, std::string_view bytes);
 // /x/B.mov + "cursor.json" -> /x/B.cursor.json.
 fs::path sidecarPath(const fs::path& movie, std::string_view suffix);
 
+// Suffixes of the files beside a raw movie B.mov: sidecarPath(movie, PlimFiles::cursor)
+// is B.cursor.json.
+namespace PlimFiles {
+inline constexpr std::string_view camera = "camera.mov";
+inline constexpr std::string_view staged = "staged.mov";
+inline constexpr std::string_view reframed = "reframe.mp4";
+inline constexpr std::string_view cursor = "cursor.json";
+inline constexpr std::string_view cursorJournal = "cursor.journal";
+inline constexpr std::string_view keys = "keys.json";
+inline constexpr std::string_view edits = "edits.json";
+inline constexpr std::string_view stage = "stage.json";
+inline constexpr std::string_view rendered = "rendered.json";
+inline constexpr std::string_view captions = "captions.json";
+inline constexpr std::string_view thumbs = "thumbs.heic";
+inline constexpr std::string_view identity = "id.json";
+} // namespace PlimFiles
+
 // The movie's file name without its extension ("B" for B.mov).
 std::string baseName(const fs::path& movie);
 

@@ -528,7 +528,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     s.writer = std::move(*writer);
 
     if (s.devices.camera) {
-        auto cs = MovieWriter::Settings::recording(sidecarPath(movie, "camera.mov"), s.devices.camera->width() & ~1,
+        auto cs = MovieWriter::Settings::recording(sidecarPath(movie, PlimFiles::camera), s.devices.camera->width() & ~1,
             s.devices.camera->height() & ~1, s.devices.camera->framesPerSecond(), settings.bitRateScale);
         if (auto camera = MovieWriter::create(cs))
             s.cameraWriter = std::move(*camera);
@@ -729,7 +729,7 @@ Outcome<RawPlim> CaptureSession::finish()
             s.keystrokes->stop();
         std::error_code ec;
         removeTrackFiles(movie);
-        fs::remove(sidecarPath(movie, "camera.mov"), ec);
+        fs::remove(sidecarPath(movie, PlimFiles::camera), ec);
         if (fs::exists(movie) && !fs::remove(movie, ec))
             logLine(LogArea::main, "could not remove empty plim file at " + movie.string());
         return Outcome<RawPlim>::failed(noFrames);
@@ -749,7 +749,7 @@ Outcome<RawPlim> CaptureSession::finish()
 
     // 3. Offsets, the cursor track, the identity, the keystroke track.
     track.videoStartOffsetMS = static_cast<int64_t>((*firstFrame - s.cursor->startUptime()) * 1000.0);
-    if (cameraStart && fs::exists(sidecarPath(movie, "camera.mov"))) {
+    if (cameraStart && fs::exists(sidecarPath(movie, PlimFiles::camera))) {
         track.cameraOffsetMS = static_cast<int64_t>((*firstFrame - *cameraStart) * 1000.0);
         plim.hasCamera = true;
     }

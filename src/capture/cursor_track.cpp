@@ -48,9 +48,9 @@ CursorTrack CursorTrack::deviceTrack(double pixelWidth, double pixelHeight)
     return track;
 }
 
-fs::path CursorTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.json"); }
+fs::path CursorTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, PlimFiles::cursor); }
 
-fs::path CursorTrack::journalBeside(const fs::path& movie) { return sidecarPath(movie, "cursor.journal"); }
+fs::path CursorTrack::journalBeside(const fs::path& movie) { return sidecarPath(movie, PlimFiles::cursorJournal); }
 
 namespace {
 

@@ -86,7 +86,7 @@ std::string plural(int n, std::string_view noun)
 
 } // namespace
 
-fs::path KeystrokeTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, "keys.json"); }
+fs::path KeystrokeTrack::fileBeside(const fs::path& movie) { return sidecarPath(movie, PlimFiles::keys); }
 
 Json KeystrokeTrack::toJson() const
 {

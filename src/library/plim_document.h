@@ -6,6 +6,7 @@
 // Lives on the main thread.
 
 #include "base/error.h"
+#include "base/geometry.h"
 #include "library/plim_edits.h"
 #include "library/plim_look.h"
 
@@ -32,11 +33,6 @@ public:
     static constexpr double minimumPauseSpeed = 1.0;
     static constexpr double maximumPauseSpeed = 16.0;
 
-    struct Point {
-        double x = 0;
-        double y = 0;
-        bool operator==(const Point&) const = default;
-    };
 
     struct OpenResult {
         std::unique_ptr<PlimDocument> document;

@@ -29,21 +29,6 @@ struct PlimRecord {
     bool operator==(const PlimRecord&) const = default;
 };
 
-// Suffixes of the files beside a raw movie B.mov: sidecarPath(movie, PlimFiles::cursor)
-// is B.cursor.json.
-namespace PlimFiles {
-inline constexpr std::string_view camera = "camera.mov";
-inline constexpr std::string_view staged = "staged.mov";
-inline constexpr std::string_view cursor = "cursor.json";
-inline constexpr std::string_view keys = "keys.json";
-inline constexpr std::string_view edits = "edits.json";
-inline constexpr std::string_view stage = "stage.json";
-inline constexpr std::string_view rendered = "rendered.json";
-inline constexpr std::string_view captions = "captions.json";
-inline constexpr std::string_view thumbs = "thumbs.heic";
-inline constexpr std::string_view identity = "id.json";
-} // namespace PlimFiles
-
 // When the file was created: its birth time where the filesystem keeps one, else its
 // last modification. Nothing when the file cannot be examined.
 std::optional<SystemTime> fileCreationDate(const fs::path& path);

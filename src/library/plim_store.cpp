@@ -127,7 +127,7 @@ void PlimStore::refreshLocked()
         record.stagedURL = group.staged;
         record.cameraURL = group.camera;
         record.cameraBytes = group.cameraBytes;
-        record.hasCursorTrack = fs::exists(m_folder / (base + ".cursor.json"), error);
+        record.hasCursorTrack = fs::exists(m_folder / (base + "." + std::string(PlimFiles::cursor)), error);
         record.rawBytes = sizeOf(group.raw);
         record.stagedBytes = sizeOf(group.staged);
         record.createdAt = fileCreationDate(group.raw ? *group.raw : *group.staged).value_or(SystemTime{});

@@ -354,7 +354,7 @@ Decoded<std::optional<EditPlan>> EditPlan::decode(const fs::path& path)
 
 Decoded<std::optional<EditPlan>> EditPlan::decodeBesideMovie(const fs::path& movie)
 {
-    return decode(sidecarPath(movie, "edits.json"));
+    return decode(sidecarPath(movie, PlimFiles::edits));
 }
 
 Status EditPlan::writeTo(const fs::path& path) const
@@ -369,12 +369,12 @@ Status EditPlan::writeTo(const fs::path& path) const
 
 Status EditPlan::write(const fs::path& movie) const
 {
-    return writeTo(sidecarPath(movie, "edits.json"));
+    return writeTo(sidecarPath(movie, PlimFiles::edits));
 }
 
 Status EditPlan::writeRendered(const fs::path& movie) const
 {
-    return writeTo(sidecarPath(movie, "rendered.json"));
+    return writeTo(sidecarPath(movie, PlimFiles::rendered));
 }
 
 // --- Notices ---

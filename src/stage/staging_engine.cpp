@@ -444,7 +444,7 @@ struct EncodeStage {
 
 fs::path StagingEngine::defaultOutput(const fs::path& movie, bool reframe)
 {
-    return sidecarPath(movie, reframe ? "reframe.mp4" : PlimFiles::staged);
+    return sidecarPath(movie, reframe ? PlimFiles::reframed : PlimFiles::staged);
 }
 
 fs::path StagingEngine::partialPath(const fs::path& output)

@@ -176,6 +176,8 @@ TEST(SyncTest, ClicksAndSoundLandWithThePicture)
         return 0;
     };
     double firstOf[5] = {-1, -1, -1, -1, -1};
+    double beforeFirst[5] = {-1, -1, -1, -1, -1}; // the frame before each colour's first
+    double previous = -1;
     while (true) {
         auto frame = (*reader)->next();
         ASSERT_TRUE(frame.has_value()) << frame.error().sentence;
@@ -183,8 +185,11 @@ TEST(SyncTest, ClicksAndSoundLandWithThePicture)
             break;
         const Image& image = (*frame)->image;
         int kind = classify(image.row(image.height / 2) + (image.width / 2) * 4);
-        if (firstOf[kind] < 0)
+        if (firstOf[kind] < 0) {
             firstOf[kind] = (*frame)->time;
+            beforeFirst[kind] = previous;
+        }
+        previous = (*frame)->time;
     }
     for (int k = 1; k < 5; ++k)
         ASSERT_GE(firstOf[k], 0) << "colour " << k << " never showed";
@@ -194,13 +199,25 @@ TEST(SyncTest, ClicksAndSoundLandWithThePicture)
     ASSERT_TRUE(track.has_value());
     ASSERT_EQ(track->value.clicks.size(), 1u);
     double clickOffsetMS = firstOf[1] * 1000 + double(track->value.videoStartOffsetMS) - double(track->value.clicks[0].t);
-    std::printf("click: first frame showing it is %.1f ms after the click in the cursor track\n", clickOffsetMS);
     // The click carries the X server's own stamp, so however late our event thread runs it
-    // cannot land after the frame showing it by more than the grab's round trip. A positive
-    // offset also holds the window's own drawing delay and any frame dropped under load, so
-    // it is only bounded loosely.
+    // cannot land after the frame showing it by more than the grab's round trip. What lies
+    // between is the window's own drawing, which it reports, and the wait for the next frame.
+    auto shown = window.lastClick();
+    ASSERT_TRUE(shown.has_value());
+    double drawingMS = double(uint32_t(uint64_t(shown->shownMS)) - shown->pressedMS);
+    double effectToFrameMS = clickOffsetMS - drawingMS;
+    std::printf("click: first frame showing it is %.1f ms after the click in the cursor track; the window took "
+                "%.1f ms to draw it, so the frame came %.1f ms after the picture changed\n",
+        clickOffsetMS, drawingMS, effectToFrameMS);
     EXPECT_GE(clickOffsetMS, -16.7);
-    EXPECT_LE(clickOffsetMS, 100.0);
+    EXPECT_LE(clickOffsetMS, drawingMS + 100.0);
+    // Within one frame of the change, unless a frame was lost right there (the capture bench
+    // counts those): then only the loose bound above holds.
+    double gapMS = (firstOf[1] - beforeFirst[1]) * 1000;
+    if (beforeFirst[1] >= 0 && gapMS < 1.5 * 1000.0 / 60)
+        EXPECT_LE(effectToFrameMS, 1000.0 / 60 + 1.0) << "frames " << gapMS << " ms apart";
+    else
+        std::printf("a frame was lost as the click showed (%.1f ms between frames); one-frame check skipped\n", gapMS);
 
     // Each tone's onset in the system-sound track against its colour's first frame.
     auto decoded = runCommand({"ffmpeg", "-v", "error", "-i", options.movie.string(), "-map", "0:a:0", "-ac", "1",

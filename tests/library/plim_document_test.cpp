@@ -174,7 +174,7 @@ TEST(PlimDocument, ZoomsAimFollowAndClamp)
     ASSERT_TRUE(id);
     const auto mark = ZoomBlock::Origin::mark();
     EXPECT_EQ(edits.plan.zooms.at(0), (ZoomBlock{*id, 8, 10, 1, 0, PlimDocument::newZoomLevel, mark}));
-    auto follow = [](double t) { return std::optional<PlimDocument::Point>({t / 10, 0.25}); };
+    auto follow = [](double t) { return std::optional<Point>({t / 10, 0.25}); };
     doc.moveZoom(*id, 2, follow); // re-centres on the point at its new middle
     EXPECT_EQ(span(edits.plan.zooms[0]), std::pair(2.0, 4.0));
     EXPECT_DOUBLE_EQ(edits.plan.zooms[0].centerX, 0.3);

@@ -5,6 +5,7 @@
 #include <poll.h>
 
 #include <chrono>
+#include <ctime>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -63,6 +64,12 @@ void TestWindow::fill(uint32_t colour)
     free(xcb_get_input_focus_reply(m_c, xcb_get_input_focus(m_c), nullptr));
 }
 
+std::optional<TestWindow::ClickShown> TestWindow::lastClick() const
+{
+    std::lock_guard lock(m_draw);
+    return m_lastClick;
+}
+
 void TestWindow::run(std::stop_token stop)
 {
     std::mt19937 random(7);
@@ -70,8 +77,14 @@ void TestWindow::run(std::stop_token stop)
     pollfd fd{xcb_get_file_descriptor(m_c), POLLIN, 0};
     while (!stop.stop_requested()) {
         while (xcb_generic_event_t* event = xcb_poll_for_event(m_c)) {
-            if ((event->response_type & 0x7f) == XCB_BUTTON_PRESS)
+            if ((event->response_type & 0x7f) == XCB_BUTTON_PRESS) {
                 fill(m_clickColour.load());
+                timespec now{};
+                clock_gettime(CLOCK_MONOTONIC, &now);
+                std::lock_guard lock(m_draw);
+                m_lastClick = ClickShown{reinterpret_cast<xcb_button_press_event_t*>(event)->time,
+                    double(now.tv_sec) * 1000 + double(now.tv_nsec) / 1e6};
+            }
             free(event);
         }
         if (m_noise.load()) {

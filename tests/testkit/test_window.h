@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -27,6 +28,15 @@ public:
     void setNoise(bool on) { m_noise = on; }
     void close();
 
+    // The last click: its X server stamp and the uptime, in milliseconds, at which its fill
+    // had reached the server. Xvfb stamps events on the monotonic clock, so the difference is
+    // how long the window took to show the click.
+    struct ClickShown {
+        uint32_t pressedMS = 0;
+        double shownMS = 0;
+    };
+    std::optional<ClickShown> lastClick() const;
+
 private:
     void run(std::stop_token stop);
     xcb_connection_t* m_c = nullptr;
@@ -35,7 +45,8 @@ private:
     int m_width, m_height;
     std::atomic<uint32_t> m_clickColour{0xff0000};
     std::atomic<bool> m_noise{false};
-    std::mutex m_draw;
+    mutable std::mutex m_draw;
+    std::optional<ClickShown> m_lastClick;
     std::jthread m_thread;
 };
 
