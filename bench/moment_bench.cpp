@@ -96,8 +96,9 @@ int main()
     if (!keysRead)
         return giveUp(folder, keysRead.error().sentence);
     std::optional<KeystrokeTrack> keys = std::move(keysRead->value);
+    const double readMS = millisecondsSince(t0); // before the comparison below
     const CursorTrack& track = read->value;
-    std::printf("read tracks: %.1f ms%s (target 150, aim under 50)\n", millisecondsSince(t0),
+    std::printf("read tracks: %.1f ms%s (target 150, aim under 50)\n", readMS,
         track == built ? "" : "  [differs from what was written]");
     t0 = Steady::now();
     auto bytes = readFileBytes(CursorTrack::fileBeside(movie));

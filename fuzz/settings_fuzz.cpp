@@ -1,4 +1,5 @@
 #include "base/settings.h"
+#include "base/json.h"
 #include "fuzz/side_file.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)

@@ -5,6 +5,7 @@
 
 #include "base/error.h"
 #include "base/files.h"
+#include "base/json_fwd.h"
 
 #include <cstdint>
 #include <nlohmann/json.hpp>
@@ -13,8 +14,6 @@
 #include <string_view>
 
 namespace plim {
-
-using Json = nlohmann::json;
 
 // Deeper nesting than any Plim file has; refused before parsing so that copying or
 // walking a parsed value can never exhaust the stack.

@@ -1,5 +1,6 @@
 #include "base/settings.h"
 
+#include "base/json.h"
 #include "base/places.h"
 
 #include <system_error>
@@ -76,11 +77,15 @@ Status FileSettingsStore::change(const std::string& key, std::optional<Json> val
 Status FileSettingsStore::setValue(const std::string& key, Json value) { return change(key, std::move(value)); }
 Status FileSettingsStore::remove(const std::string& key) { return change(key, std::nullopt); }
 
+MemorySettingsStore::MemorySettingsStore() : m_values(std::make_unique<Json>(Json::object())) {}
+
+MemorySettingsStore::~MemorySettingsStore() = default;
+
 std::optional<Json> MemorySettingsStore::value(const std::string& key) const
 {
     std::lock_guard lock(m_mutex);
-    auto it = m_values.find(key);
-    if (it == m_values.end())
+    auto it = m_values->find(key);
+    if (it == m_values->end())
         return std::nullopt;
     return *it;
 }
@@ -88,14 +93,14 @@ std::optional<Json> MemorySettingsStore::value(const std::string& key) const
 Status MemorySettingsStore::setValue(const std::string& key, Json value)
 {
     std::lock_guard lock(m_mutex);
-    m_values[key] = std::move(value);
+    (*m_values)[key] = std::move(value);
     return {};
 }
 
 Status MemorySettingsStore::remove(const std::string& key)
 {
     std::lock_guard lock(m_mutex);
-    m_values.erase(key);
+    m_values->erase(key);
     return {};
 }
 

@@ -2,8 +2,11 @@
 // User settings: one JSON object of plain keys, in $XDG_CONFIG_HOME/plim/settings.json.
 // Each setting is read with its default where it is used.
 
-#include "base/json.h"
+#include "base/error.h"
+#include "base/files.h"
+#include "base/json_fwd.h"
 
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -46,12 +49,14 @@ private:
 // Settings held in memory only (headless renders, tests of callers).
 class MemorySettingsStore final : public SettingsStore {
 public:
+    MemorySettingsStore();
+    ~MemorySettingsStore() override;
     std::optional<Json> value(const std::string& key) const override;
     Status setValue(const std::string& key, Json value) override;
     Status remove(const std::string& key) override;
 
 private:
-    Json m_values = Json::object();
+    std::unique_ptr<Json> m_values; // an object
     mutable std::mutex m_mutex;
 };
 

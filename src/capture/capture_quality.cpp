@@ -1,5 +1,7 @@
 #include "capture/capture_quality.h"
 
+#include "base/json.h"
+
 #include <cmath>
 
 namespace plim {

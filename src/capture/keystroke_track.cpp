@@ -1,5 +1,6 @@
 #include "capture/keystroke_track.h"
 
+#include "base/json.h"
 #include "base/text.h"
 
 #include <algorithm>

@@ -5,7 +5,7 @@
 #include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
-#include "base/json.h"
+#include "base/json_fwd.h"
 
 #include <cstdint>
 #include <optional>

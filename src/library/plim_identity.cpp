@@ -1,6 +1,7 @@
 #include "library/plim_identity.h"
 
 #include "base/files.h"
+#include "base/json.h"
 #include "base/log.h"
 #include "base/text.h"
 

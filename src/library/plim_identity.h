@@ -4,7 +4,8 @@
 
 #include "base/dates.h"
 #include "base/error.h"
-#include "base/json.h"
+#include "base/files.h"
+#include "base/json_fwd.h"
 #include "library/plim_record.h"
 
 #include <filesystem>

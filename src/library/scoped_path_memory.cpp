@@ -1,5 +1,6 @@
 #include "library/scoped_path_memory.h"
 
+#include "base/json.h"
 #include "base/log.h"
 
 #include <system_error>

@@ -7,7 +7,7 @@
 #include "base/error.h"
 #include "base/files.h"
 #include "base/geometry.h"
-#include "base/json.h"
+#include "base/json_fwd.h"
 #include "plan/plim_clip.h"
 #include "plan/remap_step.h"
 #include "plan/zoom_block.h"

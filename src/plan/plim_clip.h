@@ -2,7 +2,7 @@
 // Timeline clips: stretches of the raw movie that play, in the order the user arranged
 // them, and the timeline they make with the playback rates of sped-up stretches.
 
-#include "base/json.h"
+#include "base/json_fwd.h"
 #include "plan/remap_step.h"
 
 #include <cstddef>

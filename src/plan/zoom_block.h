@@ -1,7 +1,7 @@
 #pragma once
 // A span of source time during which the picture is magnified around a point.
 
-#include "base/json.h"
+#include "base/json_fwd.h"
 
 #include <optional>
 #include <string>

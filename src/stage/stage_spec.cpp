@@ -1,5 +1,7 @@
 #include "stage/stage_spec.h"
 
+#include "base/json.h"
+
 
 #include <algorithm>
 #include <cmath>

@@ -6,7 +6,7 @@
 #include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
-#include "base/json.h"
+#include "base/json_fwd.h"
 #include "plan/plan.h"
 
 #include <array>

@@ -3,6 +3,7 @@
 
 #include "plan/edit_plan.h"
 
+#include "base/json.h"
 #include "base/log.h"
 #include "testkit/testkit.h"
 

@@ -1,5 +1,6 @@
 #include "stage/stage_spec.h"
 
+#include "base/json.h"
 #include "base/log.h"
 #include "testkit/testkit.h"
 
