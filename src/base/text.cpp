@@ -1,5 +1,6 @@
 #include "base/text.h"
 
+#include <cctype>
 #include <cstdio>
 #include <utf8proc.h>
 
@@ -109,6 +110,43 @@ std::string escapedText(std::string_view text)
             out += buffer;
         } else {
             out.append(text.substr(start, at - start));
+        }
+    }
+    return out;
+}
+
+std::string percentEncoded(std::string_view path)
+{
+    static const char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : path) {
+        if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += hex[c >> 4];
+            out += hex[c & 15];
+        }
+    }
+    return out;
+}
+
+std::string percentDecoded(std::string_view text)
+{
+    auto digit = [](char c) -> int {
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+    };
+    std::string out;
+    for (size_t i = 0; i < text.size(); ++i) {
+        int high = 0, low = 0;
+        if (text[i] == '%' && i + 2 < text.size() && (high = digit(text[i + 1])) >= 0 && (low = digit(text[i + 2])) >= 0) {
+            out.push_back(static_cast<char>(high * 16 + low));
+            i += 2;
+        } else {
+            out.push_back(text[i]);
         }
     }
     return out;

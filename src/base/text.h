@@ -34,4 +34,10 @@ char32_t lowerCase(char32_t c);
 // else is kept as it is.
 std::string escapedText(std::string_view text);
 
+// A path as URLs and desktop files write it: every byte outside the unreserved set and "/"
+// becomes %XX ("/a b" -> "/a%20b").
+std::string percentEncoded(std::string_view path);
+// The reverse: each %XX with two hex digits becomes its byte; anything else stays.
+std::string percentDecoded(std::string_view text);
+
 } // namespace plim

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/places.h"
+#include "base/text.h"
 
 #include <cctype>
 #include <cerrno>
@@ -13,23 +14,6 @@
 namespace plim {
 
 namespace {
-
-// Path= is a URL path: every byte outside the unreserved set and "/" is %XX.
-std::string percentEncoded(const std::string& path)
-{
-    static const char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : path) {
-        if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~')
-            out += static_cast<char>(c);
-        else {
-            out += '%';
-            out += hex[c >> 4];
-            out += hex[c & 15];
-        }
-    }
-    return out;
-}
 
 std::string localDeletionDate()
 {

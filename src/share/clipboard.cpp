@@ -1,5 +1,7 @@
 #include "share/clipboard.h"
 
+#include "base/text.h"
+
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -18,19 +20,6 @@ std::string clipboardTypeOf(const std::filesystem::path& file)
     return found == types.end() ? std::string() : found->second;
 }
 
-std::string fileURI(const std::filesystem::path& absolutePath)
-{
-    std::string uri = "file://";
-    for (unsigned char c : absolutePath.string()) {
-        if (std::isalnum(c) || c == '/' || c == '-' || c == '_' || c == '.' || c == '~') {
-            uri += static_cast<char>(c);
-        } else {
-            char hex[4];
-            std::snprintf(hex, sizeof hex, "%%%02X", c);
-            uri += hex;
-        }
-    }
-    return uri;
-}
+std::string fileURI(const std::filesystem::path& absolutePath) { return "file://" + percentEncoded(absolutePath.string()); }
 
 } // namespace plim

@@ -3,6 +3,7 @@
 #include "stage/stage_backdrop.h"
 
 #include "base/log.h"
+#include "base/text.h"
 #include "library/library.h"
 #include "media/media.h"
 #include "stage/stage_renderer.h"
@@ -32,17 +33,7 @@ std::string pathFromUri(std::string text)
     text = text.substr(start);
     if (text.starts_with("file://"))
         text = text.substr(7);
-    std::string out;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(static_cast<unsigned char>(text[i + 1]))
-            && std::isxdigit(static_cast<unsigned char>(text[i + 2]))) {
-            out.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
-            i += 2;
-        } else {
-            out.push_back(text[i]);
-        }
-    }
-    return out;
+    return percentDecoded(text);
 }
 
 std::optional<std::filesystem::path> existingFile(const std::string& text)

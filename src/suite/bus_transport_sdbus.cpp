@@ -6,6 +6,8 @@
 
 #include "suite/bus_transport.h"
 
+#include "base/text.h"
+
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <atomic>
@@ -62,16 +64,7 @@ std::optional<std::string> unixSocketProblem(const std::string& address)
         return std::nullopt;
     std::string value = address.substr(address.find('=') + 1);
     value = value.substr(0, value.find(','));
-    std::string path;
-    for (size_t i = 0; i < value.size(); ++i) {
-        if (value[i] == '%' && i + 2 < value.size() && std::isxdigit(static_cast<unsigned char>(value[i + 1]))
-            && std::isxdigit(static_cast<unsigned char>(value[i + 2]))) {
-            path += static_cast<char>(std::stoi(value.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            path += value[i];
-        }
-    }
+    std::string path = percentDecoded(value);
     sockaddr_un where{};
     where.sun_family = AF_UNIX;
     size_t offset = abstract ? 1 : 0;

@@ -347,6 +347,19 @@ TEST(Text, EscapesWhatATerminalWouldObey)
     EXPECT_EQ(escapedText("bad\xff\xfe"), "bad\\xff\\xfe");
 }
 
+TEST(Text, PercentEncodingKeepsEveryByteAndDecodingOnlyTakesWholeEscapes)
+{
+    const std::string path = "/home/ana/Vid\xC3\xA9os/a b%#?.mov";
+    EXPECT_EQ(percentEncoded(path), "/home/ana/Vid%C3%A9os/a%20b%25%23%3F.mov");
+    EXPECT_EQ(percentDecoded(percentEncoded(path)), path);
+    EXPECT_EQ(percentDecoded("a%2fb%2Fc"), "a/b/c");
+    // Escapes that are cut short or not hex stay as they are.
+    EXPECT_EQ(percentDecoded("100%"), "100%");
+    EXPECT_EQ(percentDecoded("%4"), "%4");
+    EXPECT_EQ(percentDecoded("%zz%4g"), "%zz%4g");
+    EXPECT_EQ(percentDecoded("%00").size(), 1u);
+}
+
 TEST(Decoded, NoticesAppendInOrder)
 {
     Decoded<int> d{1, {"first"}};
