@@ -81,29 +81,25 @@ CursorTrack cursorTrack(const Script& s, double scale)
     }
     for (const auto& click : s.clicks)
         track.clicks.push_back(ClickEvent{static_cast<int64_t>(std::llround(click.t * 1000)), click.x, click.y});
-    // Samples taken within 1/30 s after a key press carry the typing flag.
-    auto keys = keystrokeTrack(s);
+    // Samples taken within 1/30 s after any key press, plain typing too, carry the typing flag.
+    std::vector<int64_t> presses;
+    for (double at : s.typedAt)
+        presses.push_back(std::llround(at * 1000));
+    for (const auto& shortcut : s.shortcuts)
+        presses.push_back(shortcut.t);
     for (auto& sample : track.samples)
-        for (const auto& key : keys.events)
-            if (sample.t >= key.t && sample.t - key.t < 34)
+        for (int64_t at : presses)
+            if (sample.t >= at && sample.t - at < 34)
                 sample.k = 1;
     return track;
 }
 
 KeystrokeTrack keystrokeTrack(const Script& s)
 {
+    // What a recording keeps: the shortcuts. The typed note is plain typing, which never
+    // reaches the track.
     KeystrokeTrack keys;
-    for (std::size_t i = 0; i < s.typed.size(); ++i) {
-        char c = s.typed[i];
-        if (c == ' ')
-            continue;
-        if (std::isalpha(static_cast<unsigned char>(c)))
-            keys.events.push_back({std::llround(s.typedAt[i] * 1000), std::string(1, static_cast<char>(std::toupper(c)))});
-        else
-            keys.events.push_back({std::llround(s.typedAt[i] * 1000), std::string(1, c)});
-    }
-    for (const auto& shortcut : s.shortcuts)
-        keys.events.push_back(shortcut);
+    keys.events = s.shortcuts;
     std::stable_sort(keys.events.begin(), keys.events.end(), [](const KeyEvent& a, const KeyEvent& b) { return a.t < b.t; });
     return keys;
 }

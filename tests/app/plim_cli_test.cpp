@@ -1,10 +1,12 @@
 // The plim and plimctl executables, run as real processes in a sandboxed home.
 #include "app/app_runtime.h"
 #include "app/stage_cli.h"
+#include "capture/capture.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 
 #include <gmock/gmock.h>
+#include <cctype>
 #include <gtest/gtest.h>
 
 using namespace plim;
@@ -191,6 +193,12 @@ TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
     EXPECT_EQ(probe.width, 320);
     EXPECT_EQ(probe.height, 200);
     EXPECT_EQ(probe.frames, 1200); // 20 s at 60 fps
+    // The demo types a note, but like a recording it keeps only the shortcuts.
+    auto keys = KeystrokeTrack::read(movie);
+    ASSERT_TRUE(keys.has_value() && keys->value.events.size() >= 3);
+    for (const KeyEvent& key : keys->value.events)
+        EXPECT_FALSE(key.caption.size() == 1 && std::isprint(static_cast<unsigned char>(key.caption[0])))
+            << "plain typing in the track: " << key.caption;
 
     // No edits yet: the automatic edit is shown, trimming the idle ends of the demo.
     auto proposed = ctl({"plan", movie.string()});
