@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages Plim builds and tests with, then builds it.
-# Usage: sudo scripts/setup.sh   (or as root)   BUILD_TYPE=Release|Sanitize|Debug
+# Usage: sudo scripts/setup.sh   (or as root)   BUILD_TYPE=Release (default) | Sanitize | RelWithDebInfo | Debug
+# Users get the optimised Release build; CI builds and tests the sanitized one.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -25,7 +26,7 @@ export DEBIAN_FRONTEND=noninteractive
 $SUDO apt-get update -q
 $SUDO apt-get install -y -q --no-install-recommends "${packages[@]}"
 
-build_type=${BUILD_TYPE:-Sanitize}
+build_type=${BUILD_TYPE:-Release}
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE="$build_type" -DPLIM_WERROR=ON
 cmake --build build -j"$(nproc)"
 

@@ -155,6 +155,8 @@ private:
     // The clips to edit: the stored ones, or the kept stretches turned into clips.
     std::vector<PlimClip> clipsFor(const PlimEdits& edits) const;
     static void storeClips(PlimEdits& edits, std::vector<PlimClip> clips);
+    // Applies `edit` to the clip with that id as one change, turning kept stretches into clips.
+    void changeClip(std::string_view id, const std::function<void(PlimClip&)>& edit);
     double trimEnd(const PlimEdits& edits) const;
 
     fs::path m_movieURL;
