@@ -11,7 +11,8 @@ static const char* planUsage =
     "usage: plimctl plan <movie> [--duration SECONDS] [--auto] [--write] [--json]\n\n"
     "Prints the edit plan a render of the plim would use: trims, cuts, active skips with\n"
     "their rates, zoom blocks, masks, the output duration and any notices about the edits\n"
-    "file. A plim without usable edits is shown with its automatic edit instead.\n\n"
+    "file. A plim without an edits file, or whose edits file cannot be used, gets its automatic\n"
+    "edit, as every render does; an edits file is never changed unless --write asks.\n\n"
     "  --duration SECONDS  the recording's length (default: from the cursor track)\n"
     "  --auto              propose the automatic edit even when the plim has edits\n"
     "  --write             save the plan shown as the plim's edits (B.edits.json)\n"
@@ -56,10 +57,12 @@ int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         return 1;
     }
     std::optional<std::string> summary;
-    if (automatic || !report->planFromFile) {
+    if (automatic) {
         auto proposal = proposeAutoEdit(*report);
         report->plan = proposal.plan;
         summary = proposal.summary;
+    } else if (report->chosen.source != PlimPlan::Source::edits) {
+        summary = report->chosen.automaticSummary;
     }
     if (json) {
         Json j = planReportJson(*report);

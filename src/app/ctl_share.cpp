@@ -195,6 +195,8 @@ int runShareCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         checklist.draw(engine.progress(), true);
     }
 
+    for (const std::string& notice : outcome.notices)
+        err << "notice: " << notice << "\n";
     switch (outcome.kind) {
     case ShareOutcome::Kind::finished:
         if (outcome.note)

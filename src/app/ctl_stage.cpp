@@ -117,6 +117,13 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
         if (!backdrop)
             return bad("--backdrop", *v, "a backdrop name, #RRGGBB, #RRGGBB,#RRGGBB or image:PATH");
         spec.backdrop = *backdrop;
+        // A picture from anywhere is drawn from Plim's own copy of it.
+        if (auto* image = std::get_if<StageSpec::Backdrop::Image>(&spec.backdrop.value)) {
+            auto kept = LookStore::keepBackdropPicture(image->path);
+            if (!kept)
+                return Problem{"plimctl " + command + ": " + kept.error().sentence};
+            image->path = kept->string();
+        }
     }
     struct Number {
         const char* option;
@@ -203,6 +210,8 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         err << "plimctl stage: " << report.error().sentence << "\n";
         return 1;
     }
+    for (const auto& notice : report->notices)
+        err << "notice: " << notice << "\n";
     if (options->has("--auto"))
         report->plan = proposeAutoEdit(*report).plan;
 
@@ -231,6 +240,25 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     }
     if (auto v = options->last("--output"))
         job.output = *v;
+    // Nothing is rendered over the plim's own files.
+    std::vector<fs::path> named;
+    if (report->chosen.edits) {
+        for (const auto& voice : report->chosen.edits->voiceovers)
+            named.push_back(report->movie.parent_path() / voice.file);
+        if (report->chosen.edits->captionsFile)
+            named.push_back(report->movie.parent_path() / *report->chosen.edits->captionsFile);
+    }
+    auto refused = [&](const std::optional<std::string>& output, const std::optional<fs::path>& mayReplace) {
+        if (!output)
+            return false;
+        auto own = refuseOwnFile(*output, report->movie, named, mayReplace);
+        if (!own)
+            err << "plimctl stage: " << own.error().sentence << "\n";
+        return !own;
+    };
+    if (refused(options->last("--output"), StagingEngine::defaultOutput(report->movie, job.reframe))
+        || refused(options->last("--png"), std::nullopt))
+        return 1;
     if (std::holds_alternative<StageSpec::Backdrop::Named>(job.spec.backdrop.value)
         && job.spec.backdrop.name() == StageSpec::Backdrop::Named::wallpaper)
         job.wallpaper = currentWallpaper();

@@ -47,19 +47,6 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
         appendNotices(report.notices, std::move(keys->notices));
     }
 
-    auto read = PlimEdits::read(movie);
-    if (!read) {
-        report.notices.push_back(read.error().sentence);
-        report.editsError = std::move(read.error());
-    } else {
-        appendNotices(report.notices, std::move(read->notices));
-        if (read->value) {
-            report.plan = read->value->plan;
-            report.edits = std::move(read->value);
-            report.planFromFile = true;
-        }
-    }
-
     if (duration) {
         report.rawDuration = *duration;
         report.durationSource = "given";
@@ -67,6 +54,9 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
         report.rawDuration = durationFromTrack(report.track);
         report.durationSource = "from the cursor track";
     }
+    report.chosen = PlimPlan::choose(movie, &report.track, report.keys ? &*report.keys : nullptr, report.rawDuration);
+    report.plan = report.chosen.plan;
+    appendNotices(report.notices, report.chosen.notices);
     return report;
 }
 
@@ -74,7 +64,8 @@ void printPlan(const PlanReport& r, std::ostream& out)
 {
     const EditPlan& plan = r.plan;
     out << "plim: " << r.movie.string() << "\n";
-    out << "edits: " << (r.planFromFile ? sidecarPath(r.movie, PlimFiles::edits).string() : std::string("none usable"))
+    out << "edits: " << (r.chosen.source == PlimPlan::Source::edits ? sidecarPath(r.movie, PlimFiles::edits).string()
+                                                                     : std::string("none usable"))
         << "\n";
     out << "recording: " << seconds(r.rawDuration) << " (" << r.durationSource << ")\n";
     if (plan.trimIn || plan.trimOut)
@@ -111,7 +102,7 @@ Json planReportJson(const PlanReport& r)
 {
     Json j = Json::object();
     j["movie"] = r.movie.string();
-    j["planFromFile"] = r.planFromFile;
+    j["planFromFile"] = r.chosen.source == PlimPlan::Source::edits;
     j["rawDuration"] = r.rawDuration;
     j["outputDuration"] = TimeRemap::of(r.plan, r.rawDuration).outputDuration(r.rawDuration);
     j["plan"] = r.plan.toJson();
@@ -121,23 +112,18 @@ Json planReportJson(const PlanReport& r)
 
 AutoEditProposal proposeAutoEdit(const PlanReport& report)
 {
-    auto performance = AutoEdit::performance(report.track, report.keys ? &*report.keys : nullptr, {}, report.rawDuration);
-    AutoEditProposal out;
-    out.proposal = AutoEdit::make(performance);
-    out.plan = AutoEdit::plan(out.proposal);
-    out.summary = AutoEdit::summary(out.proposal, report.rawDuration, !out.proposal.skips.empty(),
-        AutoEdit::pointerSmoothed(performance));
-    return out;
+    auto [plan, summary] = PlimPlan::automaticEdit(&report.track, report.keys ? &*report.keys : nullptr, report.rawDuration);
+    return {std::move(plan), std::move(summary)};
 }
 
 Status writePlanAsEdits(const PlanReport& report, const EditPlan& plan)
 {
-    auto path = sidecarPath(report.movie, PlimFiles::edits);
-    if (report.editsError)
-        return fail("The edits in " + path.string() + " could not be used, so the new plan was not written and "
-            "that file was left exactly as it is. Move it aside (or open the plim in a Plim that reads it) and run "
-            "the command again.");
-    PlimEdits edits = report.edits.value_or(PlimEdits{});
+    if (!report.chosen.editsMayBeRewritten())
+        return fail("The edits in " + sidecarPath(report.movie, PlimFiles::edits).string() + " could not be "
+            + (report.chosen.readInPart ? "read whole" : "used") + ", so the new plan was not written and that file "
+            "was left exactly as it is. Move it aside (or open the plim in a Plim that reads it) and run the command "
+            "again.");
+    PlimEdits edits = report.chosen.edits.value_or(PlimEdits{});
     edits.plan = plan;
     return edits.write(report.movie, plimNameAndVersion());
 }

@@ -18,18 +18,15 @@ struct PlanReport {
     std::filesystem::path movie;
     CursorTrack track;
     std::optional<KeystrokeTrack> keys;
-    std::optional<Error> editsError; // B.edits.json was refused or unreadable (its sentence is a notice)
-    std::optional<PlimEdits> edits; // B.edits.json when it was readable
-    EditPlan plan;
-    bool planFromFile = false;    // the plan came from B.edits.json
+    PlimPlan chosen;              // the plan the plim gets, and why
+    EditPlan plan;                // what is shown: the chosen plan, or the automatic edit with --auto
     double rawDuration = 0;       // seconds of recording
     std::string durationSource;   // where rawDuration came from, for the printout
     std::vector<std::string> notices;
 };
 
-// Reads the cursor track (required), the keystroke track and the edits beside `movie`.
-// Absent edits read as an empty plan; refused or unreadable ones as an empty plan with
-// their sentence among the notices (the file is never touched). The recording's length comes from
+// Reads the cursor track (required), the keystroke track and the plan the plim gets
+// (PlimPlan::choose; its notices follow the tracks'). The recording's length comes from
 // `duration` when given, else from the cursor track's last sample. Fails with the
 // track's sentence.
 Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<double> duration = std::nullopt);
@@ -41,14 +38,13 @@ Json planReportJson(const PlanReport& report);
 
 // The automatic edit of the plim: its proposal and the plan made from it.
 struct AutoEditProposal {
-    AutoEdit::Proposal proposal;
     EditPlan plan;
     std::string summary; // "2 zooms where you clicked · dead air 4× faster · ends trimmed"
 };
 AutoEditProposal proposeAutoEdit(const PlanReport& report);
 
 // Writes `plan` as the plim's edits, keeping the edits file's other keys. Refuses, leaving
-// the file as it is, when the edits on disk could not be read or are of a newer format.
+// the file as it is, when the edits on disk could not be read whole or are of a newer format.
 Status writePlanAsEdits(const PlanReport& report, const EditPlan& plan);
 
 } // namespace plim

@@ -15,8 +15,8 @@ StagingJob renderJob(const PlanReport& report, StageSpec spec, bool reframe)
     job.keys = report.keys.value_or(KeystrokeTrack{});
     job.plan = report.plan;
     job.spec = std::move(spec);
-    if (report.edits && report.edits->look)
-        job.look = *report.edits->look;
+    if (report.chosen.edits && report.chosen.edits->look)
+        job.look = *report.chosen.edits->look;
     job.reframe = reframe;
     return job;
 }

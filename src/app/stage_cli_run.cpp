@@ -36,8 +36,10 @@ int run(const RenderRequest& request, std::ostream& out, std::ostream& err)
         return 1;
     }
     const auto& result = outcome.value;
-    if (auto written = writePlanAsEdits(*report, result.plan); !written)
-        err << "notice: " << written.error().sentence << "\n";
+    if (auto kept = report->chosen.keepPlanUsed(report->movie, result.plan); !kept)
+        err << "notice: " << kept.error().sentence << "\n";
+    else if (!kept->empty())
+        err << "notice: " << *kept << "\n";
     out << (request.reframe ? "reframed: " : "staged: ") << result.stagedURL.string() << "\n";
 
     RenderSummary summary;

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <stdio.h>
 #include <random>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -109,17 +110,111 @@ Result<std::string> readFileBytes(const fs::path& path, size_t limit)
     return bytes;
 }
 
-static std::string temporarySibling(const fs::path& path)
+namespace {
+
+constexpr size_t nameBytes = 255; // NAME_MAX of every Linux file system Plim writes to
+
+std::string randomHex(int digits)
 {
     static thread_local std::mt19937_64 random{std::random_device{}()};
     char tag[17];
     std::snprintf(tag, sizeof tag, "%016llx", static_cast<unsigned long long>(random()));
-    return (path.parent_path() / ("." + path.filename().string() + ".tmp-" + tag)).string();
+    return std::string(tag, static_cast<size_t>(std::clamp(digits, 1, 16)));
+}
+
+// stem + middle + extension in 255 bytes: the stem gives way first, cut where a character
+// starts; an extension too long to leave room goes with it.
+fs::path fittedName(const fs::path& folder, std::string stem, std::string_view middle, std::string extension)
+{
+    if (middle.size() + extension.size() > nameBytes) {
+        stem += extension;
+        extension.clear();
+    }
+    const size_t room = nameBytes - std::min(nameBytes, middle.size() + extension.size());
+    if (stem.size() > room) {
+        size_t cut = room;
+        while (cut > 0 && (static_cast<unsigned char>(stem[cut]) & 0xC0) == 0x80)
+            --cut;
+        stem.resize(cut);
+    }
+    return folder / (stem + std::string(middle) + extension);
+}
+
+constexpr std::string_view parkedTag = "partial-replaced-";
+
+} // namespace
+
+fs::path siblingName(const fs::path& final, std::string_view tag)
+{
+    return fittedName(final.parent_path(), final.stem().string(), "." + std::string(tag), final.extension().string());
+}
+
+fs::path partialSibling(const fs::path& final) { return siblingName(final, "partial-" + randomHex(8)); }
+
+fs::path parkedSibling(const fs::path& final) { return siblingName(final, std::string(parkedTag) + randomHex(8)); }
+
+bool isParkedName(std::string_view name)
+{
+    const std::string stem = fs::path(name).stem().string();
+    const size_t at = stem.rfind("." + std::string(parkedTag));
+    if (at == std::string::npos || stem.size() != at + 1 + parkedTag.size() + 8)
+        return false;
+    return std::all_of(stem.begin() + static_cast<std::ptrdiff_t>(at + 1 + parkedTag.size()), stem.end(),
+        [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
+// Makes `to` name the file at `from` unless something is there already (EEXIST).
+static int linkWithoutReplacing(const fs::path& from, const fs::path& to)
+{
+    if (::link(from.c_str(), to.c_str()) == 0)
+        return 0;
+    int err = errno;
+    if (err != EPERM && err != EOPNOTSUPP && err != ENOSYS)
+        return err;
+    // A file system without hard links: a rename that refuses to replace.
+    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
+}
+
+Result<fs::path> publishFile(const fs::path& partial, const fs::path& wished, Publish how)
+{
+    if (how == Publish::replacing) {
+        struct stat info {};
+        fs::path parked;
+        if (::lstat(wished.c_str(), &info) == 0 && !S_ISDIR(info.st_mode)) {
+            parked = parkedSibling(wished);
+            if (::link(wished.c_str(), parked.c_str()) != 0)
+                parked.clear();
+        }
+        if (::rename(partial.c_str(), wished.c_str()) != 0) {
+            int err = errno;
+            if (!parked.empty())
+                ::unlink(parked.c_str());
+            return fail(err == EISDIR ? "a folder has that name" : errnoText(err));
+        }
+        if (!parked.empty())
+            ::unlink(parked.c_str());
+        return wished;
+    }
+    const std::string stem = wished.stem().string(), extension = wished.extension().string();
+    for (long n = 1; n <= 9999; ++n) {
+        fs::path name = n == 1 ? fittedName(wished.parent_path(), stem, "", extension)
+                               : fittedName(wished.parent_path(), stem, " " + std::to_string(n), extension);
+        int err = linkWithoutReplacing(partial, name);
+        if (err == EEXIST)
+            continue;
+        if (err != 0)
+            return fail(errnoText(err));
+        std::error_code ignored;
+        if (fs::exists(partial, ignored)) // linked: the partial name goes; renamed: it is gone already
+            ::unlink(partial.c_str());
+        return name;
+    }
+    return fail("every name from " + wished.filename().string() + " to 9999 of it is taken");
 }
 
 Status writeFileAtomic(const fs::path& path, std::string_view bytes)
 {
-    std::string temp = temporarySibling(path);
+    std::string temp = partialSibling(path).string();
     int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
     if (fd < 0)
         return fail("Could not write " + path.string() + " (" + errnoText(errno) + ").");
@@ -150,6 +245,50 @@ Status writeFileAtomic(const fs::path& path, std::string_view bytes)
         ::unlink(temp.c_str());
         return fail("Could not write " + path.string() + " (" + errnoText(err) + ").");
     }
+    return {};
+}
+
+Result<fs::path> fileInsideFolder(const fs::path& folder, std::string_view name)
+{
+    const fs::path relative(name);
+    const bool climbs = std::any_of(relative.begin(), relative.end(), [](const fs::path& part) { return part == ".."; });
+    if (name.empty() || relative.has_root_path() || climbs)
+        return fail("it names a place outside the folder", Error::Kind::refused);
+    std::error_code error;
+    const fs::path root = fs::canonical(folder.empty() ? fs::path(".") : folder, error);
+    if (error)
+        return fail(error.message(), Error::Kind::unreadable);
+    const fs::path target = fs::weakly_canonical(root / relative, error);
+    if (error)
+        return fail(error.message(), Error::Kind::unreadable);
+    auto [inRoot, inTarget] = std::mismatch(root.begin(), root.end(), target.begin(), target.end());
+    if (inRoot != root.end() || inTarget == target.end())
+        return fail("it leads outside the folder", Error::Kind::refused);
+    if (!fs::exists(fs::symlink_status(target, error)))
+        return fail("nothing is there", Error::Kind::missing);
+    return target;
+}
+
+Status refuseOwnFile(const fs::path& output, const fs::path& movie, const std::vector<fs::path>& named,
+    const std::optional<fs::path>& mayReplace)
+{
+    auto same = [](const fs::path& a, const fs::path& b) {
+        std::error_code error;
+        if (fs::weakly_canonical(a, error) == fs::weakly_canonical(b, error) && !error)
+            return true;
+        return fs::exists(a, error) && fs::exists(b, error) && fs::equivalent(a, b, error) && !error;
+    };
+    if (mayReplace && same(output, *mayReplace))
+        return {};
+    std::vector<fs::path> own = named;
+    own.push_back(movie);
+    for (std::string_view suffix : PlimFiles::all)
+        own.push_back(sidecarPath(movie, suffix));
+    for (const fs::path& file : own)
+        if (same(output, file))
+            return fail(output.string() + " is " + (file == movie ? "the plim's own recording" : "one of the plim's own files ("
+                + file.filename().string() + ")") + ", so nothing was written and it was left as it is. Choose another "
+                "name for the output.", Error::Kind::refused);
     return {};
 }
 

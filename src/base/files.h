@@ -4,10 +4,12 @@
 
 #include "base/error.h"
 
+#include <array>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace plim {
 
@@ -31,6 +33,34 @@ bool isOrdinaryFile(const fs::path& path, size_t limit = maxSideFileBytes);
 // On failure nothing at `path` changes and the temporary file is removed.
 Status writeFileAtomic(const fs::path& path, std::string_view bytes);
 
+// A name beside `final` for a file in progress: its stem, "." + `tag`, its extension
+// ("B.partial-1a2b3c4d.mov"), the stem shortened at a character boundary so the name
+// fits the file system's 255 bytes.
+fs::path siblingName(const fs::path& final, std::string_view tag);
+// siblingName with "partial-" and eight random hex digits: where a render or a write is
+// made before it is published.
+fs::path partialSibling(const fs::path& final);
+
+// How a finished file takes its name.
+enum class Publish {
+    replacing,   // over whatever is at the name (the user named it, or it is the render's own)
+    asNewFile,   // never over a file: the name, else "B 2.mp4", "B 3.mp4", ...
+};
+// Gives the finished file at `partial` the name `wished` (in the same folder) and returns
+// the name it took. Replacing parks the file it replaces under parkedSibling() until the
+// new one is in place, so a file is never without a finished version. A new file is made
+// with link(), which fails rather than replace a file that appeared meanwhile, so two
+// publishes of one name both keep their files. On failure `partial` is left for the caller.
+Result<fs::path> publishFile(const fs::path& partial, const fs::path& wished, Publish how);
+// "B.partial-replaced-1a2b3c4d.mov": the one form publishFile parks a replaced file under.
+fs::path parkedSibling(const fs::path& final);
+bool isParkedName(std::string_view name);
+
+// `name`, a file name some side file holds, as a path inside `folder`: it resolves there
+// with every link followed, so no absolute path, "..", or link leading out is taken.
+// Fails `refused` when it would leave the folder, `missing` when nothing is there.
+Result<fs::path> fileInsideFolder(const fs::path& folder, std::string_view name);
+
 // The movie's location with its extension replaced by `suffix` ("cursor.json"):
 // /x/B.mov + "cursor.json" -> /x/B.cursor.json.
 fs::path sidecarPath(const fs::path& movie, std::string_view suffix);
@@ -50,7 +80,16 @@ inline constexpr std::string_view rendered = "rendered.json";
 inline constexpr std::string_view captions = "captions.json";
 inline constexpr std::string_view thumbs = "thumbs.heic";
 inline constexpr std::string_view identity = "id.json";
+inline constexpr std::array<std::string_view, 12> all{
+    camera, staged, reframed, cursor, cursorJournal, keys, edits, stage, rendered, captions, thumbs, identity};
 } // namespace PlimFiles
+
+// Refuses an output that would land on one of the plim's own files: the movie, every file
+// beside it, and `named` (the sound and caption files its edits name), compared with every
+// link followed and, where both exist, as the same file. `mayReplace` is the render's own
+// output, which rendering again replaces. The sentence says nothing was written.
+Status refuseOwnFile(const fs::path& output, const fs::path& movie, const std::vector<fs::path>& named = {},
+    const std::optional<fs::path>& mayReplace = std::nullopt);
 
 // The movie's file name without its extension ("B" for B.mov).
 std::string baseName(const fs::path& movie);

@@ -10,6 +10,7 @@
 #include "library/plim_identity.h"
 #include "library/plim_identity_index.h"
 #include "library/plim_look.h"
+#include "library/plim_plan.h"
 #include "library/plim_record.h"
 #include "library/plim_store.h"
 #include "library/plims_folder_move.h"

@@ -1,10 +1,13 @@
 #include "base/text.h"
 #include "library/look_store.h"
 
+#include "base/files.h"
 #include "base/log.h"
 #include "base/places.h"
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <system_error>
 
 namespace plim {
@@ -22,6 +25,59 @@ std::string joined(const std::vector<std::string>& items)
 } // namespace
 
 fs::path LookStore::defaultFile() { return Places::dataHome() / "plim" / "looks.json"; }
+
+fs::path LookStore::backdropsFolder() { return defaultFile().parent_path() / "backdrops"; }
+
+// An absolute path among Plim's own copies, resolved there; nothing for any other path.
+static std::optional<Result<fs::path>> ownBackdropCopy(const fs::path& path)
+{
+    if (!path.is_absolute())
+        return std::nullopt;
+    const fs::path inOwn = path.lexically_normal().lexically_relative(LookStore::backdropsFolder());
+    if (inOwn.empty() || *inOwn.begin() == ".." || inOwn == ".")
+        return std::nullopt;
+    return fileInsideFolder(LookStore::backdropsFolder(), inOwn.string());
+}
+
+Result<fs::path> LookStore::keepBackdropPicture(const fs::path& picked)
+{
+    const fs::path folder = backdropsFolder();
+    if (auto own = ownBackdropCopy(fs::absolute(picked)); own && *own)
+        return *own;
+    constexpr size_t largestPicture = size_t(256) << 20;
+    auto bytes = readFileBytes(picked, largestPicture);
+    if (!bytes)
+        return fail("The backdrop picture " + escapedText(picked.string()) + " could not be read (" + bytes.error().sentence
+                + "), so nothing was changed. Pick a picture file you can open.",
+            bytes.error().kind);
+    // FNV-1a over the bytes: the same picture keeps one copy.
+    uint64_t hash = 1469598103934665603ull;
+    for (unsigned char c : *bytes)
+        hash = (hash ^ c) * 1099511628211ull;
+    char name[17];
+    std::snprintf(name, sizeof name, "%016llx", static_cast<unsigned long long>(hash));
+    std::string extension = picked.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(), [](unsigned char c) { return std::tolower(c); });
+    if (extension.size() > 8 || !isValidUtf8(extension))
+        extension.clear();
+    const fs::path copy = folder / (name + extension);
+    std::error_code error;
+    if (fs::is_regular_file(copy, error) && fs::file_size(copy, error) == bytes->size())
+        return copy;
+    fs::create_directories(folder, error);
+    if (auto written = writeFileAtomic(copy, *bytes); !written)
+        return fail("The backdrop picture " + escapedText(picked.filename().string()) + " could not be copied into "
+            + folder.string() + " (" + written.error().sentence + "), so nothing was changed. Check that folder can be "
+            "written to and has free space.");
+    return copy;
+}
+
+Result<fs::path> LookStore::backdropPictureFor(const fs::path& plimFolder, const std::string& named)
+{
+    if (auto own = ownBackdropCopy(fs::path(named)))
+        return *own;
+    return fileInsideFolder(plimFolder, named);
+}
 
 LookStore::LookStore(fs::path file)
     : m_file(std::move(file))

@@ -27,6 +27,17 @@ public:
 
     // Places::dataHome()/"plim"/"looks.json".
     static fs::path defaultFile();
+    // Plim's own copies of the backdrop pictures a user picked, beside the looks file, so
+    // a stage look names no file outside Plim's folders.
+    static fs::path backdropsFolder();
+    // Copies a picture picked anywhere into backdropsFolder(), named by its bytes (picking
+    // it again reuses the copy), and returns the copy; a picture already there is returned
+    // as it is. The picked file is only read. Fails with a sentence when it cannot be read
+    // or copied.
+    static Result<fs::path> keepBackdropPicture(const fs::path& picked);
+    // A backdrop picture a stage look beside a plim names: inside `plimFolder`, or one of
+    // Plim's own copies. Fails `refused` for anything else (see fileInsideFolder).
+    static Result<fs::path> backdropPictureFor(const fs::path& plimFolder, const std::string& named);
 
     // Reads the file (absent is an empty store, not a problem).
     explicit LookStore(fs::path file = defaultFile());

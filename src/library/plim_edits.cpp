@@ -105,6 +105,23 @@ std::optional<Json> PlimEdits::readPlim3Stage(const fs::path& movie)
     return *json;
 }
 
+Result<fs::path> PlimEdits::sideFile(const fs::path& besideMovie, std::string_view name, std::string_view label)
+{
+    auto file = fileInsideFolder(besideMovie.parent_path(), name);
+    if (!file && file.error().kind == Error::Kind::refused)
+        return fail(std::string(label) + " names a file outside the plim's folder, so it was left out. Nothing else "
+                                         "changed.",
+            Error::Kind::refused);
+    return file;
+}
+
+std::optional<Result<fs::path>> PlimEdits::captionsPath(const fs::path& besideMovie) const
+{
+    if (!captionsFile)
+        return std::nullopt;
+    return sideFile(besideMovie, *captionsFile, "The captions file");
+}
+
 bool PlimEdits::isAimed(std::string_view zoomID) const
 {
     if (std::find(aimedZooms.begin(), aimedZooms.end(), zoomID) == aimedZooms.end())

@@ -20,7 +20,6 @@ namespace {
 constexpr std::string_view stagedTag = ".staged";
 constexpr std::string_view cameraTag = ".camera";
 constexpr std::string_view identityEnd = ".id.json";
-constexpr std::string_view parkedTag = "partial-replaced";
 
 bool endsWith(std::string_view text, std::string_view end)
 {
@@ -199,7 +198,9 @@ void PlimStore::tidyStranded(const std::set<std::string>& names, const std::set<
 void PlimStore::moveParked(const std::vector<std::string>& names)
 {
     for (const std::string& name : names) {
-        if (name.find(parkedTag) == std::string::npos)
+        // Only the exact names a publish parks a movie under, and only plain files.
+        std::error_code error;
+        if (!isParkedName(name) || !isMovieName(name) || !fs::is_regular_file(fs::symlink_status(m_folder / name, error)))
             continue;
         if (moveToTrash(m_folder / name)) {
             m_notices.push_back(quoted(name) + " is a finished file a publish left parked (the render that was replacing it "

@@ -148,8 +148,7 @@ Status PlimThumbs::store(const Drawn& images, const fs::path& besideMovie)
             heif_context_set_primary_image(context.get(), handle);
     }
 
-    const fs::path partial = besideMovie.parent_path()
-        / (baseName(besideMovie) + ".thumbs.partial-" + makeUuid().substr(0, 8) + ".heic");
+    const fs::path partial = partialSibling(target);
     error = heif_context_write_to_file(context.get(), partial.c_str());
     std::error_code ignored;
     if (error.code != heif_error_Ok) {

@@ -146,11 +146,13 @@ ShareOutcome ShareEngine::share(const fs::path& movie, ShareKind kind, ShareQual
         m_outcome.reset();
         m_progress = ShareProgress::initial(kind == ShareKind::original);
         m_stop = std::stop_source();
+        m_notices.clear();
     }
     publish();
     ShareOutcome outcome = run(movie, kind, quality, to, tuning);
     {
         std::lock_guard lock(m_lock);
+        outcome.notices = std::move(m_notices);
         m_outcome = outcome;
     }
     m_running = false;
@@ -184,6 +186,10 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
     auto read = SharePlim::read(movie);
     if (!read)
         return failStage(ID::read, read.error().sentence);
+    {
+        std::lock_guard lock(m_lock);
+        m_notices = read->notices;
+    }
     if (m_stop.stop_requested())
         return ShareOutcome::stopped();
     StagingJob job = std::move(read->job);
@@ -241,9 +247,9 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
     }
     setStage(ID::write, State::now, std::nullopt, "frame 0 of " + std::to_string(expected));
 
-    // render into a partial file beside the final name
-    const fs::path wished = folder / (baseName(movie) + ShareFiles::extension(kind, movie));
-    job.output = ShareFiles::uniqueURL(wished);
+    // render into a partial file beside the name, published under the next free one
+    job.output = folder / (baseName(movie) + ShareFiles::extension(kind, movie));
+    job.publish = Publish::asNewFile;
     const auto started = std::chrono::steady_clock::now();
     auto rendered = ShareRender::run(
         job,
@@ -288,8 +294,7 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
 ShareOutcome ShareEngine::copyOriginal(const fs::path& movie, const fs::path& folder)
 {
     setStage(ID::copyOriginal, State::now);
-    const fs::path final = ShareFiles::uniqueURL(folder / movie.filename());
-    const fs::path partial = ShareFiles::partialURL(final);
+    const fs::path partial = partialSibling(folder / movie.filename());
     std::error_code ignored;
     if (auto copied = copyFile(movie, partial); !copied) {
         fs::remove(partial, ignored);
@@ -301,24 +306,22 @@ ShareOutcome ShareEngine::copyOriginal(const fs::path& movie, const fs::path& fo
         setStage(ID::copyOriginal, State::failed);
         return ShareOutcome::stopped();
     }
-    // A name taken while copying is not overwritten: link() fails rather than replace it.
-    if (::link(partial.c_str(), final.c_str()) != 0) {
-        const std::string reason = errnoText(errno);
+    auto final = publishFile(partial, folder / movie.filename(), Publish::asNewFile);
+    if (!final) {
         fs::remove(partial, ignored);
-        return failStage(ID::copyOriginal, "The copy could not be named " + final.filename().string() + " (" + reason
-                + "). Nothing was saved; share again.");
+        return failStage(ID::copyOriginal, "The copy could not be named after " + movie.filename().string() + " ("
+                + final.error().sentence + "). Nothing was saved; share again.");
     }
-    fs::remove(partial, ignored);
     setStage(ID::copyOriginal, State::done);
     {
         std::lock_guard lock(m_lock);
         m_progress.fraction = 1;
     }
     std::error_code error;
-    const int64_t bytes = static_cast<int64_t>(fs::file_size(final, error));
+    const int64_t bytes = static_cast<int64_t>(fs::file_size(*final, error));
     return finish(movie, ShareKind::original, ShareQuality::p1080, folder == m_environment.copiesFolder() ? ShareDestination::copy()
                                                                                                        : ShareDestination::save(folder),
-        final, bytes, std::nullopt);
+        *final, bytes, std::nullopt);
 }
 
 ShareOutcome ShareEngine::finish(const fs::path& movie, ShareKind kind, ShareQuality, const ShareDestination& to,

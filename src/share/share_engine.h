@@ -18,6 +18,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <vector>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -39,6 +40,8 @@ struct ShareOutcome {
     std::optional<std::string> note;
     // failed (and stopped: "Stopped. Nothing was saved.")
     std::string sentence;
+    // Said about the plim whatever the outcome: which plan it got, side files left out.
+    std::vector<std::string> notices;
 
     bool operator==(const ShareOutcome&) const = default;
     static ShareOutcome failed(std::string sentence) { return {Kind::failed, {}, 0, 0, false, std::nullopt, std::move(sentence)}; }
@@ -102,6 +105,7 @@ private:
     std::stop_source m_stop;
     mutable std::mutex m_lock;
     ShareProgress m_progress;
+    std::vector<std::string> m_notices; // the plim's, from reading it
     std::optional<ShareOutcome> m_outcome;
 };
 

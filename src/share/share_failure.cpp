@@ -12,10 +12,11 @@ Error unreadable(const std::string& reason)
         Error::Kind::unreadable};
 }
 
-Error writer(const std::string& reason)
+Error writer(const std::string& reason, bool noSpace)
 {
     return {"The file could not be written: " + reason + ". Nothing was saved and your plim is untouched. "
-            "Check there is free space where it saves, then share again.",
+            + (noSpace ? "Check there is free space where it saves, then share again."
+                       : "Check that the folder it saves in can be written to, then share again."),
         Error::Kind::failed};
 }
 

@@ -12,7 +12,7 @@ namespace plim::ShareFailure {
 inline constexpr double defaultStallSeconds = 30.0;
 
 Error unreadable(const std::string& reason);
-Error writer(const std::string& reason);
+Error writer(const std::string& reason, bool noSpace = true);
 Error stopped();
 Error stalled(double stallSeconds = defaultStallSeconds);
 Error emptyEdit();

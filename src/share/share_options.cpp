@@ -135,26 +135,6 @@ fs::path defaultCopiesFolder()
     return caches / "Plim Copies";
 }
 
-fs::path uniqueURL(const fs::path& wished)
-{
-    std::error_code error;
-    if (!fs::exists(fs::symlink_status(wished, error)))
-        return wished;
-    const fs::path folder = wished.parent_path();
-    const std::string stem = wished.stem().string();
-    const std::string extension = wished.extension().string();
-    for (long n = 2;; ++n) {
-        fs::path candidate = folder / (stem + " " + std::to_string(n) + extension);
-        if (!fs::exists(fs::symlink_status(candidate, error)))
-            return candidate;
-    }
-}
-
-fs::path partialURL(const fs::path& final)
-{
-    return final.parent_path() / (final.stem().string() + ".partial-" + makeUuid().substr(0, 8) + final.extension().string());
-}
-
 std::string extension(ShareKind kind, const fs::path& recording)
 {
     switch (kind) {

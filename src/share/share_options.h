@@ -52,11 +52,6 @@ std::string kindFormat(ShareKind kind, Size canvas);
 namespace ShareFiles {
 // $XDG_CACHE_HOME/Plim Copies (the temporary folder's when there is no cache folder).
 fs::path defaultCopiesFolder();
-// `wished` when free; else "clip 2.mp4", "clip 3.mp4"... in the same folder.
-fs::path uniqueURL(const fs::path& wished);
-// Where a render writes before the file gets its name: beside it, a name holding
-// "partial" and eight characters of a fresh UUID, so the library never lists it.
-fs::path partialURL(const fs::path& final);
 // The extension a kind writes: ".mp4", ".gif", or the recording's own for `original`.
 std::string extension(ShareKind kind, const fs::path& recording);
 } // namespace ShareFiles

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "library/library.h"
 #include "share/share_failure.h"
 #include "share/share_options.h"
@@ -27,18 +28,26 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
     StagingJob& job = plim.job;
     job.movie = movie;
     // A recording without a pointer track shares without a pointer; a damaged one is said.
+    bool hasCursor = false;
     if (auto cursor = CursorTrack::read(movie)) {
         job.cursor = std::move(cursor->value);
+        hasCursor = true;
         for (const std::string& notice : cursor->notices)
             logLine(LogArea::share, notice);
     } else if (cursor.error().kind != Error::Kind::missing) {
         return std::unexpected(cursor.error());
     }
-    if (auto keys = KeystrokeTrack::read(movie))
+    bool hasKeys = false;
+    if (auto keys = KeystrokeTrack::read(movie)) {
         job.keys = std::move(keys->value);
+        hasKeys = true;
+    }
 
-    PlimEdits found = PLIM_TRY(PlimEdits::read(movie)).value.value_or(PlimEdits{});
-    job.plan = found.plan;
+    PlimPlan chosen = PlimPlan::choose(movie, hasCursor ? &job.cursor : nullptr, hasKeys ? &job.keys : nullptr,
+        plim.info.duration);
+    plim.notices = chosen.notices;
+    const PlimEdits found = chosen.edits.value_or(PlimEdits{});
+    job.plan = chosen.plan;
     job.look = found.look.value_or(PlimLook{});
     if (auto spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)))
         job.spec = std::move(spec->value);
@@ -47,15 +56,19 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
 
     const ClipTimeline timeline = job.plan.clipTimeline(plim.info.duration);
     for (const PlimEdits::Voiceover& voice : found.voiceovers) {
-        const fs::path file = movie.parent_path() / voice.file;
+        const std::string label = "The voiceover at " + ShareOptions::clock(voice.start);
+        auto file = PlimEdits::sideFile(movie, voice.file, label);
+        if (!file && file.error().kind == Error::Kind::refused) {
+            plim.notices.push_back(file.error().sentence);
+            continue;
+        }
         std::error_code error;
-        if (!fs::is_regular_file(file, error))
-            return fail("The voiceover at " + ShareOptions::clock(voice.start) + " is missing its sound file (" + voice.file
+        if (!file || !fs::is_regular_file(*file, error))
+            return fail(label + " is missing its sound file (" + escapedText(voice.file)
                     + "). Put the file back in the plim's folder, or delete that voiceover in the editor.",
                 Error::Kind::missing);
         const double start = timeline.outputTime(voice.start).value_or(0.0);
-        job.voiceovers.push_back({file, "The voiceover at " + ShareOptions::clock(voice.start),
-            {start, voice.duration, voice.micUnder}});
+        job.voiceovers.push_back({*file, label, {start, voice.duration, voice.micUnder}});
     }
     return plim;
 }

@@ -8,6 +8,8 @@
 #include "stage/stage.h"
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 namespace plim {
 
@@ -15,9 +17,12 @@ struct SharePlim {
     StagingJob job;
     MovieInfo info;
     int captionLines = 0; // caption lines to burn in (none until captions are drawn)
+    // Which plan the plim got and why, and side files left out.
+    std::vector<std::string> notices;
 
-    // Fails with a whole sentence: no movie, a movie with no picture, a track or edits file
-    // that cannot be read, a voiceover whose sound file is missing.
+    // Fails with a whole sentence: no movie, a movie with no picture, a track that cannot
+    // be read, a voiceover whose sound file is missing. A voiceover naming a file outside
+    // the plim's folder is left out with a notice.
     static Result<SharePlim> read(const std::filesystem::path& movie);
 };
 

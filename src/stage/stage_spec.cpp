@@ -1,6 +1,8 @@
 #include "stage/stage_spec.h"
 
+#include "base/files.h"
 #include "base/json.h"
+#include "library/library.h"
 
 
 #include <algorithm>
@@ -438,6 +440,19 @@ Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
     Decoded<StageSpec> out{std::move(decoded.spec), {}};
     for (const std::string& notice : decoded.notices)
         out.notices.push_back(path.filename().string() + ": " + notice);
+    // A backdrop picture is looked for in the plim's folder or among Plim's own copies only.
+    if (auto* image = std::get_if<StageSpec::Backdrop::Image>(&out.value.backdrop.value)) {
+        auto picture = LookStore::backdropPictureFor(path.parent_path(), image->path);
+        if (picture) {
+            image->path = picture->string();
+        } else if (picture.error().kind == Error::Kind::refused) {
+            out.notices.push_back("The backdrop picture in " + path.filename().string()
+                + " names a file outside the plim's folder, so it was left out. Nothing else changed.");
+            out.value.backdrop = StageSpec().backdrop;
+        } else {
+            image->path = (path.parent_path() / image->path).string(); // said when the picture is drawn
+        }
+    }
     return out;
 }
 

@@ -260,7 +260,9 @@ private:
 StagingError writerError(const Error& error, const char* reason)
 {
     logLine(LogArea::main, "the render's writer failed: " + error.sentence);
-    return StagingError::writerFailed(error.kind == Error::Kind::noSpace ? "the disk is full" : reason);
+    if (error.kind == Error::Kind::noSpace)
+        return StagingError::writerFailed("the disk is full", true);
+    return StagingError::writerFailed(reason);
 }
 
 struct DecodedPicture {
@@ -447,32 +449,25 @@ fs::path StagingEngine::defaultOutput(const fs::path& movie, bool reframe)
     return sidecarPath(movie, reframe ? PlimFiles::reframed : PlimFiles::staged);
 }
 
-fs::path StagingEngine::partialPath(const fs::path& output)
-{
-    static std::mutex mutex;
-    static std::mt19937_64 random{std::random_device{}()};
-    uint64_t tag;
-    {
-        std::lock_guard lock(mutex);
-        tag = random();
-    }
-    char hex[9];
-    std::snprintf(hex, sizeof hex, "%08x", static_cast<unsigned>(tag));
-    return output.parent_path() / (output.stem().string() + ".partial-" + hex + output.extension().string());
-}
-
 Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const Progress& progress, StopToken stop)
 {
     using Done = Outcome<Result>;
     if (stop.stop_requested())
         return Done::stopped(stagingStoppedSentence);
+    if (job.output && job.publish == Publish::replacing) { // a new file replaces nothing
+        std::vector<fs::path> voices;
+        for (const auto& voice : job.voiceovers)
+            voices.push_back(voice.file);
+        if (auto own = refuseOwnFile(*job.output, job.movie, voices, defaultOutput(job.movie, job.reframe)); !own)
+            return Done::failed(own.error().sentence);
+    }
     auto setup = prepare(job);
     if (!setup)
         return Done::failed(setup.error().sentence);
     Setup& s = *setup;
 
     const fs::path output = job.output.value_or(defaultOutput(job.movie, job.reframe));
-    const fs::path partial = partialPath(output);
+    const fs::path partial = partialSibling(output);
     const bool sound = !job.gif && (s.info.hasSound || !job.voiceovers.empty());
     // The movie's sound opens before the writer and before any picture is in flight (its
     // probe decodes a picture of its own); sound that cannot be read ends the render here.
@@ -487,7 +482,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
     if (!sink) {
         std::error_code ec;
         fs::remove(partial, ec);
-        return Done::failed(stagingFailure(job, writerError(sink.error(), "the writer failed")).sentence);
+        return Done::failed(stagingFailure(job, writerError(sink.error(), "it could not be created in its folder")).sentence);
     }
 
     std::unique_ptr<ShareAudioMixer> mixer;
@@ -592,13 +587,14 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
             return Done::failed(*sentence);
         return Done::stopped(stagingStoppedSentence);
     }
-    fs::rename(partial, output, ec);
-    if (ec) {
+    auto published = publishFile(partial, output, job.publish);
+    if (!published) {
         fs::remove(partial, ec);
-        return Done::failed(stagingFailure(job, StagingError::writerFailed("the finished file could not be named " + output.string())).sentence);
+        return Done::failed(stagingFailure(job, StagingError::writerFailed("the finished file could not be named "
+            + output.string() + " (" + published.error().sentence + ")")).sentence);
     }
     Result result;
-    result.stagedURL = output;
+    result.stagedURL = *published;
     result.frames = encode.frames;
     result.outputDuration = static_cast<double>(encode.frames) / s.fps;
     result.plan = job.plan;

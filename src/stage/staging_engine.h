@@ -18,6 +18,7 @@
 // (no frame encoded within `stallLimit` seconds) ends the render with its sentence.
 
 #include "base/error.h"
+#include "base/files.h"
 #include "base/image.h"
 #include "capture/capture.h"
 #include "library/library.h"
@@ -47,6 +48,7 @@ struct StagingJob {
     // A canvas of exactly this size instead of the quality's (benchmarks, previews).
     std::optional<RenderRules::PixelSize> canvas;
     std::optional<std::filesystem::path> output; // default: B.staged.mov or B.reframe.mp4
+    Publish publish = Publish::replacing;         // shares never replace a file: asNewFile
     double stallLimit = 30;               // seconds without an encoded frame
     double fps = RenderRules::videoFPS;
     // Makes the sink at the partial path; default VideoSink::movie.
@@ -93,8 +95,6 @@ public:
 
     // B.staged.mov, or B.reframe.mp4 for a reframe.
     static std::filesystem::path defaultOutput(const std::filesystem::path& movie, bool reframe);
-    // Beside `output`, named with "partial" and a random part.
-    static std::filesystem::path partialPath(const std::filesystem::path& output);
 };
 
 } // namespace plim

@@ -22,7 +22,8 @@ std::string StagingError::sentence() const
                           [](const WriterFailed& e) {
                               return "The file could not be written: " + e.reason
                                   + ". Nothing was saved and your plim is untouched. "
-                                    "Check there is free space where it saves, then render again.";
+                                  + (e.noSpace ? "Check there is free space where it saves, then render again."
+                                               : "Check that the folder it saves in can be written to, then render again.");
                           },
                           [](const Stalled& e) {
                               std::ostringstream seconds;

@@ -15,6 +15,7 @@ struct StagingError {
     };
     struct WriterFailed {
         std::string reason; // "the file could not be finished", "the disk is full", ...
+        bool noSpace = false;
         bool operator==(const WriterFailed&) const = default;
     };
     struct Stalled {
@@ -29,7 +30,10 @@ struct StagingError {
     bool operator==(const StagingError&) const = default;
 
     static StagingError unreadable(std::string reason) { return {Unreadable{std::move(reason)}}; }
-    static StagingError writerFailed(std::string reason) { return {WriterFailed{std::move(reason)}}; }
+    static StagingError writerFailed(std::string reason, bool noSpace = false)
+    {
+        return {WriterFailed{std::move(reason), noSpace}};
+    }
     static StagingError stalled(double seconds) { return {Stalled{seconds}}; }
     static StagingError emptyEdit() { return {EmptyEdit{}}; }
 

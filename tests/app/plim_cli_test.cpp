@@ -1,6 +1,7 @@
 // The plim and plimctl executables, run as real processes in a sandboxed home.
 #include "app/app_runtime.h"
 #include "app/stage_cli.h"
+#include "base/json.h"
 #include "capture/capture.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
@@ -143,7 +144,14 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
         {{"--click-style", "sparkle"}, "is not a choice for --click-style"},
         {{"--shape", "4:3"}, "is not a choice for --shape"},
         {{"--frame", "soon", "--png", "x.png"}, "--frame takes a time in seconds"},
+        // Outputs that are the plim's own files, however they are named, are refused first.
+        {{"--output", movie.string()}, "is the plim's own recording, so nothing was written"},
+        {{"--output", (dir / "link.mov").string()}, "is the plim's own recording"},
+        {{"--output", (dir / "sub" / ".." / "B.cursor.json").string()}, "one of the plim's own files (B.cursor.json)"},
+        {{"--frame", "0.2", "--png", (dir / "B.edits.json").string()}, "one of the plim's own files (B.edits.json)"},
     };
+    fs::create_symlink(movie, dir / "link.mov");
+    fs::create_directory(dir / "sub");
     for (const auto& r : refusals) {
         std::vector<std::string> args = {"stage", movie.string()};
         args.insert(args.end(), r.args.begin(), r.args.end());
@@ -152,7 +160,53 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
         EXPECT_THAT(refused.err, HasSubstr(r.says));
     }
     fs::remove_all(dir / "out");
+    fs::remove_all(dir / "sub");
+    fs::remove(dir / "link.mov");
     EXPECT_EQ(folderContents(dir.path()), before);
+}
+
+TEST_F(CliTest, EveryCommandSaysAndUsesThePlanOneRuleGivesAndLeavesAnUnusableEditsFileAlone)
+{
+    TestMovie source;
+    fs::path movie = dir / "B.mov";
+    ASSERT_TRUE(writeTestMovie(movie, source));
+    ASSERT_TRUE(testTrack(source).write(movie));
+    auto noticesOf = [](const std::string& err) {
+        std::vector<std::string> lines;
+        for (size_t at = err.find("notice: "); at != std::string::npos; at = err.find("notice: ", at + 1))
+            lines.push_back(err.substr(at, err.find('\n', at) - at));
+        return lines;
+    };
+    // Saved as UTF-16: not edits this build can read.
+    const std::string utf16("\xFF\xFE{\0}\0", 6);
+    writeText(dir / "B.edits.json", utf16);
+
+    auto plan = ctl({"plan", movie.string(), "--json"});
+    ASSERT_EQ(plan.status, 0) << plan.err;
+    const Json shown = Json::parse(plan.out);
+    EXPECT_EQ(shown["planFromFile"], false);
+    ASSERT_EQ(shown["notices"].size(), 1u);
+    const std::string said = "notice: " + shown["notices"][0].get<std::string>();
+    EXPECT_THAT(said, HasSubstr("falls back to its automatic edit"));
+
+    auto frame = ctl({"stage", movie.string(), "--size", "720", "--frame", "0.2", "--png", (dir / "f.png").string()});
+    ASSERT_EQ(frame.status, 0) << frame.err;
+    EXPECT_EQ(noticesOf(frame.err), std::vector<std::string>{said});
+
+    auto staged = plimRun({"--stage", movie.string()});
+    ASSERT_EQ(staged.status, 0) << staged.err;
+    EXPECT_EQ(noticesOf(staged.err), (std::vector<std::string>{said,
+        "notice: B.edits.json was kept as it is, since it could not be used; the plan this render used is in "
+        "B.rendered.json."}));
+    // It rendered the automatic edit that plan showed (but for the zoom ids each makes
+    // afresh), and left the file's bytes alone.
+    auto withoutIds = [](Json plan) {
+        for (Json& zoom : plan["zooms"])
+            zoom.erase("id");
+        return plan;
+    };
+    EXPECT_EQ(withoutIds(Json::parse(readText(dir / "B.rendered.json"))), withoutIds(shown["plan"]));
+    EXPECT_EQ(readText(dir / "B.edits.json"), utf16);
 }
 
 TEST_F(CliTest, WithoutARenderPlimRunsStartUpAndSaysThereIsNoInterface)

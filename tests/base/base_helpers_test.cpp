@@ -98,6 +98,60 @@ TEST(Files, AtomicWriteReplacesWholeAndLeavesNoTemporary)
     EXPECT_FALSE(fs::exists(dir / "missing"));
 }
 
+TEST(Files, PublishingKeepsEveryFileUnlessAskedToReplaceAndNamesFitTheFileSystem)
+{
+    TempDir dir;
+    // A legal 254-byte name (two-byte letters up to it): its partial and parked names still
+    // fit in 255 bytes, cut where a letter starts, and writing it atomically works.
+    std::string stem;
+    while (stem.size() < 250)
+        stem += "\xC3\xA9";
+    const fs::path longName = dir / (stem + ".mp4");
+    ASSERT_EQ(longName.filename().string().size(), 254u);
+    for (const fs::path& sibling : {partialSibling(longName), parkedSibling(longName)}) {
+        EXPECT_LE(sibling.filename().string().size(), 255u) << sibling;
+        EXPECT_EQ(sibling.extension(), ".mp4");
+        EXPECT_TRUE(isValidUtf8(sibling.filename().string()));
+    }
+    ASSERT_TRUE(writeFileAtomic(longName, "whole")) << "its temporary name must fit too";
+
+    // As a new file: the name when free, else the next free one; a file that took the name
+    // meanwhile is kept, and so is the one published.
+    auto publish = [&](const std::string& bytes, const fs::path& wished, Publish how) {
+        fs::path partial = partialSibling(wished);
+        writeText(partial, bytes);
+        auto named = publishFile(partial, wished, how);
+        EXPECT_FALSE(fs::exists(partial));
+        return named;
+    };
+    writeText(dir / "clip.mp4", "the user's");
+    EXPECT_EQ(publish("one", dir / "clip.mp4", Publish::asNewFile), dir / "clip 2.mp4");
+    EXPECT_EQ(publish("two", dir / "clip.mp4", Publish::asNewFile), dir / "clip 3.mp4");
+    auto longCopy = publish("long", longName, Publish::asNewFile);
+    ASSERT_TRUE(longCopy);
+    EXPECT_LE(longCopy->filename().string().size(), 255u);
+    EXPECT_EQ(readText(*longCopy), "long");
+    EXPECT_EQ(readText(dir / "clip.mp4"), "the user's");
+    EXPECT_EQ(readText(dir / "clip 2.mp4"), "one");
+    EXPECT_EQ(readText(longName), "whole");
+
+    // Replacing: the new file takes the name and nothing is left parked or partial.
+    EXPECT_EQ(publish("three", dir / "clip.mp4", Publish::replacing), dir / "clip.mp4");
+    EXPECT_EQ(readText(dir / "clip.mp4"), "three");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 5);
+    fs::create_directory(dir / "folder.mp4");
+    fs::path partial = partialSibling(dir / "folder.mp4");
+    writeText(partial, "x");
+    EXPECT_FALSE(publishFile(partial, dir / "folder.mp4", Publish::replacing));
+    EXPECT_TRUE(fs::is_directory(dir / "folder.mp4"));
+
+    // Parked names are exactly the form publishing parks under.
+    EXPECT_TRUE(isParkedName(parkedSibling(dir / "Demo.mov").filename().string()));
+    for (const char* name : {"why-partial-replaced-happens.txt", "Demo.partial-replaced.mov",
+             "Demo.partial-replaced-1a2b3c4.mov", "Demo.partial-replaced-1A2B3C4D.mov", "Demo.mov"})
+        EXPECT_FALSE(isParkedName(name)) << name;
+}
+
 TEST(Json, WrittenSortedPrettyAndReadLeniently)
 {
     TempDir dir;

@@ -213,3 +213,23 @@ TEST(PlimEdits, AnOlderStageFileIsReadBesideTheEditsAndNeverWritten)
     EXPECT_TRUE(log.contains("B.stage.json could not be read"));
     EXPECT_EQ(readText(dir / "B.stage.json"), "not json");
 }
+
+TEST(PlimEdits, TheCaptionsFileIsFoundOnlyInsideThePlimsFolder)
+{
+    TempDir dir, elsewhere;
+    writeText(dir / "B.captions.json", "{}");
+    writeText(elsewhere / "private.json", "{}");
+    fs::create_symlink(elsewhere / "private.json", dir / "link.json");
+    PlimEdits edits;
+    EXPECT_FALSE(edits.captionsPath(dir / "B.mov").has_value());
+    edits.captionsFile = "B.captions.json";
+    EXPECT_EQ(edits.captionsPath(dir / "B.mov")->value_or(fs::path()), fs::canonical(dir / "B.captions.json"));
+    for (const std::string& outside : {(elsewhere / "private.json").string(), std::string("../private.json"),
+             std::string("link.json"), std::string("sub/../../private.json")}) {
+        edits.captionsFile = outside;
+        auto found = *edits.captionsPath(dir / "B.mov");
+        ASSERT_FALSE(found) << outside;
+        EXPECT_EQ(found.error().sentence, "The captions file names a file outside the plim's folder, so it was left "
+                                          "out. Nothing else changed.");
+    }
+}

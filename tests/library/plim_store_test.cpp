@@ -1,4 +1,5 @@
 #include "base/clock.h"
+#include "base/files.h"
 #include "library/plim_store.h"
 #include "testkit/testkit.h"
 
@@ -127,18 +128,29 @@ TEST(PlimStore, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)
     EXPECT_TRUE(store.plims().empty());
 }
 
-TEST(PlimStore, ParkedFilesGoToTheTrashWithASentence)
+TEST(PlimStore, OnlyParkedMoviesGoToTheTrashWithASentence)
 {
     XdgSandbox sandbox;
     TempDir dir;
-    writeText(dir / "Demo.partial-replaced.mov", "a finished file");
+    const std::string parked = parkedSibling(dir / "Demo.mov").filename().string();
+    writeText(dir / parked, "a finished file");
+    // Names that only look like it are the user's own and stay.
+    const std::vector<std::string> kept = {"why-partial-replaced-happens.txt", "Demo.partial-replaced.mov",
+        parkedSibling(dir / "notes.txt").filename().string()};
+    for (const auto& name : kept)
+        writeText(dir / name, "the user's");
+    const fs::path photos = parkedSibling(dir / "Photos.mov");
+    fs::create_directory(photos);
     PlimStore store(dir.path());
     store.refresh();
-    EXPECT_FALSE(fs::exists(dir / "Demo.partial-replaced.mov"));
-    EXPECT_EQ(readText(sandbox.home() / ".local/share/Trash/files/Demo.partial-replaced.mov"), "a finished file");
-    EXPECT_EQ(store.takeNotices(), (std::vector<std::string>{"\"Demo.partial-replaced.mov\" is a finished file a publish left "
+    EXPECT_FALSE(fs::exists(dir / parked));
+    EXPECT_EQ(readText(sandbox.home() / ".local/share/Trash/files" / parked), "a finished file");
+    EXPECT_EQ(store.takeNotices(), (std::vector<std::string>{"\"" + parked + "\" is a finished file a publish left "
                                        "parked (the render that was replacing it never landed), so it was moved to the Trash "
                                        "rather than deleted."}));
+    for (const auto& name : kept)
+        EXPECT_EQ(readText(dir / name), "the user's") << name;
+    EXPECT_TRUE(fs::is_directory(photos));
 }
 
 TEST(PlimStore, TheFolderWatchRefreshesTheList)

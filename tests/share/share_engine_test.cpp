@@ -225,12 +225,17 @@ TEST_F(ShareTest, OriginalsAreCopiedByteForByteUnderUniqueNames)
     EXPECT_EQ(progress.stage(ShareStage::ID::copyOriginal)->state, ShareStage::State::done);
     EXPECT_EQ(progress.stage(ShareStage::ID::frames)->state, ShareStage::State::skipped);
 
-    // A video share names itself the same way.
-    writeText(out / "clip.mp4", "taken");
+    // A video share names itself the same way, and never replaces a file that appears at
+    // its name while it renders.
+    engine.onProgress = [&](const ShareProgress& p) {
+        if (p.framesDone > 0 && !fs::exists(out / "clip.mp4"))
+            writeText(out / "clip.mp4", "appeared");
+    };
     ShareOutcome video = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
     ASSERT_EQ(video.kind, ShareOutcome::Kind::finished) << video.sentence;
     EXPECT_EQ(video.url, out / "clip 2.mp4");
-    EXPECT_EQ(readText(out / "clip.mp4"), "taken");
+    EXPECT_EQ(readText(out / "clip.mp4"), "appeared");
+    EXPECT_TRUE(video.note.value_or("").starts_with("Saved clip 2.mp4, ")) << video.note.value_or("");
 }
 
 TEST_F(ShareTest, RefusalsComeBeforeAnythingIsWritten)
@@ -281,10 +286,21 @@ TEST_F(ShareTest, AVoiceoverDucksTheRecordingToMicUnderAndBackOverAFifteenthOfAS
     ASSERT_TRUE(writeTestMovie(plims / "voice.mov", voice));
     PlimEdits edits;
     edits.voiceovers.push_back({makeUuid(), 0.8, 0.6, "voice.mov", 0.2});
+    // Loud sound outside the plim's folder, named by path, by climbing out, and by a link:
+    // left out with a sentence each and never heard.
+    TestMovie loud = recording;
+    loud.duration = 0.6;
+    const fs::path secret = sandbox.home() / "secret.mov";
+    ASSERT_TRUE(writeTestMovie(secret, loud));
+    fs::create_symlink(secret, plims / "link.mov");
+    for (const std::string& name : {secret.string(), fs::relative(secret, plims.path()).string(), std::string("link.mov")})
+        edits.voiceovers.push_back({makeUuid(), 0.1, 0.6, name, 1.0});
     ASSERT_TRUE(edits.write(movie, "test"));
 
     ShareOutcome outcome = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
     ASSERT_EQ(outcome.kind, ShareOutcome::Kind::finished) << outcome.sentence;
+    EXPECT_EQ(outcome.notices, std::vector<std::string>(3, "The voiceover at 0:00 names a file outside the plim's "
+                                                           "folder, so it was left out. Nothing else changed."));
     auto pcm = allSound(outcome.url);
     ASSERT_GE(pcm.size(), size_t(1.9 * soundSampleRate * 2));
     const double full = 0.5 / std::sqrt(2.0);

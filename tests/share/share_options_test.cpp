@@ -40,21 +40,9 @@ TEST(ShareOptions, ClockLabelsAndNotes)
     EXPECT_EQ(ShareOptions::kindFormat(K::video, {1728, 1080}), "1728×1080 · mp4");
 }
 
-TEST(ShareOptions, NamesAreUniqueAndPartialNamesAreHidden)
+TEST(ShareOptions, CopiesGoToTheCacheFolder)
 {
     XdgSandbox sandbox;
-    TempDir dir;
-    EXPECT_EQ(ShareFiles::uniqueURL(dir / "clip.mp4"), dir / "clip.mp4");
-    writeText(dir / "clip.mp4", "one");
-    EXPECT_EQ(ShareFiles::uniqueURL(dir / "clip.mp4"), dir / "clip 2.mp4");
-    writeText(dir / "clip 2.mp4", "two");
-    EXPECT_EQ(ShareFiles::uniqueURL(dir / "clip.mp4"), dir / "clip 3.mp4");
-
-    const fs::path partial = ShareFiles::partialURL(dir / "clip.mp4");
-    EXPECT_EQ(partial.parent_path(), dir.path());
-    EXPECT_NE(partial.filename().string().find("partial"), std::string::npos);
-    EXPECT_EQ(partial.extension(), ".mp4");
-    EXPECT_NE(partial, ShareFiles::partialURL(dir / "clip.mp4"));
     EXPECT_EQ(ShareFiles::defaultCopiesFolder(), sandbox.home() / ".cache" / "Plim Copies");
 }
 

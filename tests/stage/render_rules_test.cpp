@@ -133,8 +133,10 @@ TEST(RenderRules, EveryStagingErrorIsAWholeSentence)
     const Case cases[] = {
         {StagingError::unreadable("it has no picture"),
             {"The plim could not be read: it has no picture.", "Nothing was saved and your plim is untouched."}},
-        {StagingError::writerFailed("the disk is full"),
+        {StagingError::writerFailed("the disk is full", true),
             {"The file could not be written: the disk is full.", "Check there is free space"}},
+        {StagingError::writerFailed("it could not be created in its folder"),
+            {"could not be created in its folder.", "Check that the folder it saves in can be written to"}},
         {StagingError::stalled(30), {"made no progress for 30 seconds", "Nothing was saved"}},
         {StagingError::emptyEdit(), {"This edit removes the whole plim.", "then render again."}},
     };

@@ -2,6 +2,7 @@
 
 #include "base/json.h"
 #include "base/log.h"
+#include "library/library.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
@@ -178,6 +179,43 @@ TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAre)
     EXPECT_TRUE(loaded->notices[0].starts_with("C.stage.json: ")) << loaded->notices[0];
     EXPECT_TRUE(log.lines().empty()); // the caller decides whether to log or show them
     EXPECT_EQ(testkit::readText(dir / "C.stage.json"), partial);
+}
+
+TEST(StageSpecFileTest, ABackdropPictureComesFromThePlimsFolderOrPlimsOwnCopiesOnly)
+{
+    testkit::XdgSandbox sandbox;
+    testkit::TempDir dir, elsewhere;
+    testkit::writeText(elsewhere / "Photo.PNG", "picture bytes");
+    testkit::writeText(dir / "inside.png", "inside");
+    fs::create_symlink(elsewhere / "Photo.PNG", dir / "link.png");
+
+    // A picture picked anywhere becomes Plim's own copy, once, and the original stays.
+    auto kept = LookStore::keepBackdropPicture(elsewhere / "Photo.PNG");
+    ASSERT_TRUE(kept) << kept.error().sentence;
+    EXPECT_EQ(kept->parent_path(), LookStore::backdropsFolder());
+    EXPECT_EQ(kept->extension(), ".png");
+    EXPECT_EQ(testkit::readText(*kept), "picture bytes");
+    EXPECT_EQ(LookStore::keepBackdropPicture(elsewhere / "Photo.PNG").value_or(fs::path()), *kept);
+    EXPECT_EQ(LookStore::keepBackdropPicture(*kept).value_or(fs::path()), *kept);
+    EXPECT_EQ(testkit::readText(elsewhere / "Photo.PNG"), "picture bytes");
+    EXPECT_FALSE(LookStore::keepBackdropPicture(elsewhere / "none.png"));
+
+    auto read = [&](const std::string& path) {
+        StageSpec spec;
+        spec.backdrop = Backdrop::image(path, 0);
+        EXPECT_TRUE(StageSpecFile::write(dir / "B.stage.json", spec));
+        auto back = StageSpecFile::read(dir / "B.stage.json");
+        EXPECT_TRUE(back);
+        return back.value_or(Decoded<StageSpec>{});
+    };
+    EXPECT_EQ(read("inside.png").value.backdrop, Backdrop::image((fs::canonical(dir.path()) / "inside.png").string(), 0));
+    EXPECT_EQ(read(kept->string()).value.backdrop, Backdrop::image(kept->string(), 0));
+    for (const std::string& outside : {(elsewhere / "Photo.PNG").string(), std::string("../x.png"), std::string("link.png")}) {
+        auto back = read(outside);
+        EXPECT_EQ(back.value.backdrop, StageSpec().backdrop) << outside;
+        EXPECT_EQ(back.notices, std::vector<std::string>{"The backdrop picture in B.stage.json names a file outside the "
+                                                         "plim's folder, so it was left out. Nothing else changed."});
+    }
 }
 
 TEST(StageSpecFileTest, FailedWriteGivesASentenceAndKeepsWhatWasThere)
