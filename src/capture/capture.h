@@ -15,4 +15,4 @@
 #include "capture/pointer_source.h"
 #include "capture/track_placement.h"
 #include "capture/window_frame_source.h"
-#include "capture/x11_connection.h"
+#include "capture/x11/x11_connection.h"

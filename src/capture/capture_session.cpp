@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "capture/array_mic.h"
 #include "capture/camera_source.h"
-#include "capture/x11_input.h"
+#include "capture/x11/x11_input.h"
 #include "media/media.h"
 
 extern "C" {

@@ -1,4 +1,4 @@
-#include "capture/x11_connection.h"
+#include "capture/x11/x11_connection.h"
 
 #include <xcb/randr.h>
 #include <xcb/xcb.h>

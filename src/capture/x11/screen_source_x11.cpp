@@ -4,7 +4,7 @@
 // window still shows its own content.
 
 #include "capture/screen_source.h"
-#include "capture/x11_connection.h"
+#include "capture/x11/x11_connection.h"
 
 #include "base/clock.h"
 #include "base/log.h"
