@@ -5,7 +5,7 @@
 #include "base/log.h"
 #include "capture/array_mic.h"
 #include "capture/camera_source.h"
-#include "capture/x11/x11_input.h"
+#include "capture/desktop.h"
 #include "media/media.h"
 
 extern "C" {
@@ -35,18 +35,6 @@ constexpr const char* neverStarted = "The recorder never started.";
 constexpr const char* unknownWriterError = "Unknown writer error.";
 constexpr uint64_t minimumFreeBytes = 256 * 1024;
 constexpr std::chrono::seconds keysFlushInterval{4};
-
-// The X11 inputs behind the recorders' seams.
-struct X11Inputs {
-    std::unique_ptr<X11Input> input;
-    X11PointerSource pointer;
-    X11ClickSource clicks;
-    X11KeySource keys;
-    explicit X11Inputs(std::unique_ptr<X11Input> in)
-        : input(std::move(in)), pointer(*input), clicks(*input), keys(*input)
-    {
-    }
-};
 
 // The tracks (and the cursor journal) of a plim that is not kept.
 void removeTrackFiles(const fs::path& movie)
@@ -142,17 +130,17 @@ using QueueItem = std::variant<VideoItem, AudioItem>;
 Result<CaptureDevices> openDevices(const CaptureSettings& settings)
 {
     CaptureDevices devices;
-    devices.screen = PLIM_TRY(createX11ScreenSource(settings.subject, settings.display));
-    if (auto input = X11Input::open(settings.display)) {
-        auto inputs = std::make_shared<X11Inputs>(std::move(*input));
-        devices.pointer = &inputs->pointer;
-        devices.keyActivity = &inputs->pointer;
-        devices.windowFrames = &inputs->pointer;
-        devices.clicks = &inputs->clicks;
-        devices.keys = &inputs->keys;
-        devices.inputOwner = inputs;
+    auto desktop = PLIM_TRY(Desktop::create(settings.display));
+    devices.screen = PLIM_TRY(desktop->screen(settings.subject));
+    if (auto inputs = desktop->inputs()) {
+        devices.pointer = inputs->pointer;
+        devices.keyActivity = inputs->keyActivity;
+        devices.windowFrames = inputs->windowFrames;
+        devices.clicks = inputs->clicks;
+        devices.keys = inputs->keys;
+        devices.inputOwner = std::move(inputs->owner);
     } else {
-        logLine(LogArea::main, input.error().sentence);
+        logLine(LogArea::main, inputs.error().sentence);
     }
     if (settings.microphone) {
         if (auto mic = createPulseSoundSource(SoundSource::Kind::microphone, settings.microphoneDevice))

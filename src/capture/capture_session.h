@@ -51,8 +51,8 @@ struct CaptureSettings {
     std::optional<std::string> cameraDevice;
 };
 
-// The devices a session reads. openDevices() makes the X11, PulseAudio and Video4Linux2
-// ones; tests may hand in their own. Inputs that are absent are not recorded.
+// The devices a session reads. openDevices() makes the desktop's (desktop.h), PulseAudio and
+// Video4Linux2 ones; tests may hand in their own. Inputs that are absent are not recorded.
 struct CaptureDevices {
     std::unique_ptr<ScreenSource> screen;
     std::shared_ptr<void> inputOwner; // keeps the pointer, key-activity, window-frame, click and key sources alive
