@@ -3,9 +3,8 @@
 // recording decoded, scaled to the canvas and encoded with export's encoder settings, with
 // nothing composed.
 
-#include "app/app.h"
-#include "media/media.h"
-#include "stage/stage.h"
+#include "media/movie_reader.h"
+#include "media/movie_writer.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -2,7 +2,8 @@
 // picture changes on every frame, first with `plimctl record`, then with ffmpeg's x11grab
 // into the same encoder settings (libx264 ultrafast, the recording bit rate, a key frame
 // every 2 s, a fragmented QuickTime movie). Prints delivered against expected frames,
-// dropped frames and the CPU seconds each recorder used.
+// dropped frames and the CPU seconds each recorder used. Plim records twice: at the display's
+// size and at 720p.
 //
 //   capture_bench [seconds]
 
@@ -147,29 +148,36 @@ int main(int argc, char** argv)
                 "libx264 %s at %lld b/s, key frame every 2 s\n",
         seconds, plim::recordingPreset, (long long)bitRate);
 
-    // Plim.
-    int status = 0;
+    // Plim, at the display's size and scaled to 720p (which scales on the writer's thread
+    // and so should deliver as many frames).
     char duration[32];
     std::snprintf(duration, sizeof duration, "%g", seconds);
     ::setenv("PLIM_LOG", "stderr", 1); // the recorder's log says why frames were dropped
-    pid_t plim = spawn({plimctl.string(), "record", "--x-display", display, "--duration", duration, "--no-keys",
-                           "--library", (dir / "plim").string()},
-        (dir / "plim.out").string(), (dir / "plim.err").string());
-    double plimCpu = waitCpu(plim, &status);
-    std::string movie = slurp(dir / "plim.out");
-    movie = movie.substr(0, movie.find('\n'));
-    long plimFrames = countFrames(movie);
-    std::string err = slurp(dir / "plim.err");
-    long reportedDropped = -1;
-    if (auto at = err.find(" frames, "); at != std::string::npos)
-        reportedDropped = std::atol(err.c_str() + at + 9);
-    std::printf("plim    : %ld of %ld frames delivered, %ld dropped (the recorder counted %ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
-        plimFrames, expected, std::max(0L, expected - plimFrames), reportedDropped, plimCpu, 100 * plimCpu / seconds,
-        WEXITSTATUS(status));
-    if (auto at = err.find(" dropped: "); at != std::string::npos) {
-        size_t from = err.rfind('\n', at);
-        from = from == std::string::npos ? 0 : from + 1;
-        std::printf("          %s\n", err.substr(from, err.find('\n', at) - from).c_str());
+    double plimCpu = 0;
+    for (const char* quality : {"native", "720p"}) {
+        int status = 0;
+        const fs::path library = dir / (std::string("plim-") + quality);
+        pid_t plim = spawn({plimctl.string(), "record", "--x-display", display, "--duration", duration, "--no-keys",
+                               "--quality", quality, "--library", library.string()},
+            (dir / "plim.out").string(), (dir / "plim.err").string());
+        double cpu = waitCpu(plim, &status);
+        if (plimCpu == 0)
+            plimCpu = cpu;
+        std::string movie = slurp(dir / "plim.out");
+        movie = movie.substr(0, movie.find('\n'));
+        long plimFrames = countFrames(movie);
+        std::string err = slurp(dir / "plim.err");
+        long reportedDropped = -1;
+        if (auto at = err.find(" frames, "); at != std::string::npos)
+            reportedDropped = std::atol(err.c_str() + at + 9);
+        std::printf("plim %-6s: %ld of %ld frames delivered, %ld dropped (the recorder counted %ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
+            quality, plimFrames, expected, std::max(0L, expected - plimFrames), reportedDropped, cpu, 100 * cpu / seconds,
+            WEXITSTATUS(status));
+        if (auto at = err.find(" dropped: "); at != std::string::npos) {
+            size_t from = err.rfind('\n', at);
+            from = from == std::string::npos ? 0 : from + 1;
+            std::printf("          %s\n", err.substr(from, err.find('\n', at) - from).c_str());
+        }
     }
 
     // ffmpeg x11grab into the same encoder settings.
@@ -180,6 +188,7 @@ int main(int argc, char** argv)
                          "-movflags", "+frag_keyframe+empty_moov+default_base_moof", "-frag_duration", "2000000",
                          ffmovie.string()},
         (dir / "ff.out").string(), (dir / "ff.err").string());
+    int status = 0;
     double ffCpu = waitCpu(ff, &status);
     long ffFrames = countFrames(ffmovie);
     std::string ffErr = slurp(dir / "ff.err");
@@ -193,7 +202,7 @@ int main(int argc, char** argv)
     std::printf("ffmpeg  : %ld of %ld frames delivered, %ld dropped (ffmpeg: dup=%ld drop=%ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
         ffDelivered, expected, std::max(0L, expected - ffDelivered), ffDup, ffDrop, ffCpu, 100 * ffCpu / seconds,
         WEXITSTATUS(status));
-    std::printf("CPU plim / ffmpeg: %.2f\n", ffCpu > 0 ? plimCpu / ffCpu : 0.0);
+    std::printf("CPU plim (native) / ffmpeg: %.2f\n", ffCpu > 0 ? plimCpu / ffCpu : 0.0);
 
     stop = true;
     animator.join();

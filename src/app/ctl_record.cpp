@@ -167,13 +167,13 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         settings.subject = ScreenSubject::areaOf(*rect);
     }
     if (o.has("--pick-window")) {
-        auto x11 = X11Connection::open(settings.display);
-        if (!x11) {
-            err << x11.error().sentence << "\n";
+        auto desktop = Desktop::create(settings.display);
+        if (!desktop) {
+            err << desktop.error().sentence << "\n";
             return 1;
         }
         err << "Click the window to record.\n";
-        auto picked = (*x11)->pickWindow();
+        auto picked = (*desktop)->pickWindow();
         if (!picked) {
             err << picked.error().sentence << "\n";
             return 1;

@@ -5,6 +5,7 @@
 #include "base/dates.h"
 #include "base/json.h"
 #include "base/places.h"
+#include "capture/desktop.h"
 #include "library/library.h"
 #include "media/media.h"
 #include "share/share.h"
@@ -269,7 +270,7 @@ int runThumbsCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         return options->help ? 0 : 1;
     }
     const fs::path movie = options->positional.front();
-    auto drawn = PlimThumbs::draw(movie, currentWallpaper(), options->has("--poster-only"));
+    auto drawn = PlimThumbs::draw(movie, desktopWallpaper(), options->has("--poster-only"));
     if (!drawn) {
         err << "plimctl thumbs: " << drawn.error().sentence << "\n";
         return 1;

@@ -3,6 +3,7 @@
 #include "app/plan_report.h"
 #include "app/interrupt_stop.h"
 #include "app/render_job.h"
+#include "capture/desktop.h"
 #include "stage/stage.h"
 
 #include <cairo.h>
@@ -261,7 +262,7 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         return 1;
     if (std::holds_alternative<StageSpec::Backdrop::Named>(job.spec.backdrop.value)
         && job.spec.backdrop.name() == StageSpec::Backdrop::Named::wallpaper)
-        job.wallpaper = currentWallpaper();
+        job.wallpaper = desktopWallpaper();
 
     auto frameAt = options->last("--frame");
     auto png = options->last("--png");

@@ -1,7 +1,7 @@
 #pragma once
 #include "app/plimctl.h"
-#include "library/library.h"
-#include "stage/stage.h"
+#include "library/plim_look.h"
+#include "stage/stage_spec.h"
 
 #include <optional>
 #include <set>

@@ -2,7 +2,8 @@
 // The demo plim's script: what happens on the synthetic desktop and when. Positions are
 // points of a 1280 × 800 display; the picture is drawn at any pixel size over it.
 
-#include "capture/capture.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
 
 #include <string>
 #include <vector>

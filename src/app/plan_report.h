@@ -2,9 +2,11 @@
 // The plan a render of one plim would use, gathered once and printed by both
 // `plim --stage` (until the renderer exists) and `plimctl plan`.
 
-#include "capture/capture.h"
-#include "library/library.h"
-#include "plan/plan.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "library/plim_edits.h"
+#include "plan/auto_edit.h"
+#include "plan/edit_plan.h"
 
 #include <filesystem>
 #include <iosfwd>

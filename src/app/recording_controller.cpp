@@ -35,9 +35,11 @@ std::vector<std::string> RecordingController::preflightBlockingLines(const std::
     const std::filesystem::path& libraryFolder)
 {
     std::vector<std::string> lines;
-    if (!X11Connection::open(display))
-        lines.push_back("There is no X display to record: DISPLAY is not set or its X server does not answer. "
-                        "Start Plim inside a graphical X session.");
+    if (auto desktop = Desktop::create(display); !desktop)
+        lines.push_back(desktop.error().kind == Error::Kind::missing
+                ? "There is no X display to record: DISPLAY is not set or its X server does not answer. "
+                  "Start Plim inside a graphical X session."
+                : desktop.error().sentence);
     std::error_code ec;
     fs::create_directories(libraryFolder, ec);
     if (ec || ::access(libraryFolder.c_str(), W_OK) != 0)

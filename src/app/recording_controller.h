@@ -10,8 +10,8 @@
 // only hand the news over to the controlling thread.
 
 #include "base/error.h"
-#include "capture/capture.h"
-#include "suite/suite.h"
+#include "capture/capture_session.h"
+#include "suite/beacon.h"
 
 #include <filesystem>
 #include <functional>
@@ -31,7 +31,7 @@ public:
 
     struct Environment {
         std::filesystem::path libraryFolder;
-        // Opens the devices of a recording; the X11, PulseAudio and V4L2 ones by default.
+        // Opens the devices of a recording; the desktop's, PulseAudio and V4L2 ones by default.
         std::function<Result<CaptureDevices>(const CaptureSettings&)> openDevices = plim::openDevices;
         std::function<void(const std::filesystem::path& movie)> ensureIdentity;
         BeaconBroadcaster* beacon = nullptr;  // may be null

@@ -3,7 +3,7 @@
 // `plimctl stage`: tracks and plan from beside the movie, and the look.
 
 #include "app/plan_report.h"
-#include "stage/stage.h"
+#include "stage/staging_engine.h"
 
 #include <iosfwd>
 

@@ -2,6 +2,7 @@
 #include "app/interrupt_stop.h"
 #include "app/render_job.h"
 #include "app/stage_cli.h"
+#include "capture/desktop.h"
 #include "stage/stage.h"
 
 #include <chrono>
@@ -25,7 +26,7 @@ int run(const RenderRequest& request, std::ostream& out, std::ostream& err)
     StageSpec spec;
     spec.backdrop = StageSpec::Backdrop::named(StageSpec::Backdrop::Named::wallpaper);
     StagingJob job = renderJob(*report, spec, request.reframe);
-    job.wallpaper = currentWallpaper();
+    job.wallpaper = desktopWallpaper();
 
     auto outcome = [&] {
         InterruptStop interrupt;

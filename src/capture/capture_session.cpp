@@ -1,55 +1,33 @@
+// The capture session's controls and states: starting in order (writers, recorders, then
+// the sources), pausing, marks, the counts, ending by itself and undoing a start that
+// failed. The writers, the sound routing and finishing are in session/.
+
 #include "capture/capture_session.h"
 
 #include "base/clock.h"
 #include "base/files.h"
 #include "base/log.h"
-#include "capture/array_mic.h"
-#include "capture/camera_source.h"
-#include "capture/x11_input.h"
-#include "media/media.h"
-
-extern "C" {
-#include <libswscale/swscale.h>
-}
+#include "capture/desktop.h"
+#include "capture/session/session_state.h"
 
 #include <sys/statvfs.h>
 
-#include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdio>
-#include <deque>
-#include <mutex>
-#include <thread>
-#include <variant>
-#include <vector>
 
 namespace plim {
 
+using namespace session;
+
 namespace {
 
-constexpr const char* diskFullBeforeFirstFrame =
-    "The disk was full before the first frame could be written. Free at least 2 GB and roll again.";
-constexpr const char* noFrames = "No frames arrived before the plim ended.";
-constexpr const char* neverStarted = "The recorder never started.";
-constexpr const char* unknownWriterError = "Unknown writer error.";
 constexpr uint64_t minimumFreeBytes = 256 * 1024;
-constexpr std::chrono::seconds keysFlushInterval{4};
+// Sound blocks the queue holds besides its pictures: some seconds of the sources' chunks.
+constexpr size_t soundRoom = 4096;
 
-// The X11 inputs behind the recorders' seams.
-struct X11Inputs {
-    std::unique_ptr<X11Input> input;
-    X11PointerSource pointer;
-    X11ClickSource clicks;
-    X11KeySource keys;
-    explicit X11Inputs(std::unique_ptr<X11Input> in)
-        : input(std::move(in)), pointer(*input), clicks(*input), keys(*input)
-    {
-    }
-};
+} // namespace
 
-// The tracks (and the cursor journal) of a plim that is not kept.
-void removeTrackFiles(const fs::path& movie)
+void session::removeTrackFiles(const fs::path& movie)
 {
     std::error_code ignored;
     fs::remove(KeystrokeTrack::fileBeside(movie), ignored);
@@ -57,102 +35,20 @@ void removeTrackFiles(const fs::path& movie)
     fs::remove(CursorTrack::journalBeside(movie), ignored);
 }
 
-// Where the pointer is when no input could be opened: nowhere, so no sample is taken.
-struct StillPointer final : PointerSource {
-    std::optional<Point> position() override { return std::nullopt; }
-};
-
-// Scales (or crops to even) a captured picture to the movie's size.
-class FrameFitter {
-public:
-    FrameFitter(int width, int height) : m_width(width), m_height(height) {}
-    ~FrameFitter()
-    {
-        if (m_sws)
-            sws_freeContext(m_sws);
-    }
-
-    Image fit(const Image& source)
-    {
-        if (source.width == m_width && source.height == m_height)
-            return source;
-        if (source.width >= m_width && source.height >= m_height && source.width - m_width <= 1
-            && source.height - m_height <= 1) {
-            Image view = source; // the same pixels, one column or row fewer
-            view.width = m_width;
-            view.height = m_height;
-            return view;
-        }
-        m_sws = sws_getCachedContext(m_sws, source.width, source.height, AV_PIX_FMT_BGRA, m_width, m_height,
-            AV_PIX_FMT_BGRA, SWS_BILINEAR, nullptr, nullptr, nullptr);
-        Image out = Image::allocate(m_width, m_height);
-        if (!m_sws)
-            return out;
-        const uint8_t* src[1] = {source.pixels.get()};
-        const int srcStride[1] = {static_cast<int>(source.stride)};
-        uint8_t* dst[1] = {out.pixels.get()};
-        const int dstStride[1] = {static_cast<int>(out.stride)};
-        sws_scale(m_sws, src, srcStride, 0, source.height, dst, dstStride);
-        return out;
-    }
-
-private:
-    int m_width, m_height;
-    SwsContext* m_sws = nullptr;
-};
-
-// Pause spans on the uptime clock, to tell whether an instant was paused and how much
-// paused time lies before it. Guarded by the session's lock.
-struct PauseSpans {
-    std::vector<std::pair<double, double>> closed;
-    std::optional<double> open;
-
-    bool pausedAt(double t) const
-    {
-        if (open && t >= *open)
-            return true;
-        for (const auto& [a, b] : closed)
-            if (t >= a && t < b)
-                return true;
-        return false;
-    }
-    double pausedBefore(double t) const
-    {
-        double sum = 0;
-        for (const auto& [a, b] : closed)
-            if (b <= t)
-                sum += b - a;
-        return sum;
-    }
-};
-
-struct VideoItem {
-    Image image;
-    double trackSeconds; // uptime minus paused time before it
-};
-struct AudioItem {
-    int track;
-    std::vector<float> samples;
-    double trackSeconds;
-};
-using QueueItem = std::variant<VideoItem, AudioItem>;
-
-} // namespace
-
 Result<CaptureDevices> openDevices(const CaptureSettings& settings)
 {
     CaptureDevices devices;
-    devices.screen = PLIM_TRY(createX11ScreenSource(settings.subject, settings.display));
-    if (auto input = X11Input::open(settings.display)) {
-        auto inputs = std::make_shared<X11Inputs>(std::move(*input));
-        devices.pointer = &inputs->pointer;
-        devices.keyActivity = &inputs->pointer;
-        devices.windowFrames = &inputs->pointer;
-        devices.clicks = &inputs->clicks;
-        devices.keys = &inputs->keys;
-        devices.inputOwner = inputs;
+    auto desktop = PLIM_TRY(Desktop::create(settings.display));
+    devices.screen = PLIM_TRY(desktop->screen(settings.subject));
+    if (auto inputs = desktop->inputs()) {
+        devices.pointer = inputs->pointer;
+        devices.keyActivity = inputs->keyActivity;
+        devices.windowFrames = inputs->windowFrames;
+        devices.clicks = inputs->clicks;
+        devices.keys = inputs->keys;
+        devices.inputOwner = std::move(inputs->owner);
     } else {
-        logLine(LogArea::main, input.error().sentence);
+        logLine(LogArea::main, inputs.error().sentence);
     }
     if (settings.microphone) {
         if (auto mic = createPulseSoundSource(SoundSource::Kind::microphone, settings.microphoneDevice))
@@ -176,282 +72,76 @@ Result<CaptureDevices> openDevices(const CaptureSettings& settings)
     return devices;
 }
 
-class CaptureSession::Impl {
-public:
-    CaptureSettings settings;
-    CaptureDevices devices;
-    Options options;
-    int width = 0, height = 0;
-    std::unique_ptr<MovieWriter> writer;
-    std::unique_ptr<MovieWriter> cameraWriter;
-    std::unique_ptr<CursorRecorder> cursor;
-    std::unique_ptr<KeystrokeRecorder> keystrokes;
-    std::unique_ptr<FrameFitter> fitter;
-    std::optional<StillPointer> stillPointer; // when no pointer source opened
-    int micTrack = -1, systemTrack = -1;
-    ArrayMic::Treatment treatment;
-
-    mutable std::mutex lock; // guards everything below
-    std::condition_variable wake;
-    std::deque<QueueItem> queue;
-    int videoQueued = 0;
-    PauseSpans pauses;
-    std::optional<double> firstFrameUptime;
-    std::optional<double> firstTrackSeconds;
-    std::optional<double> cameraFirstUptime;
-    std::optional<double> cameraFirstTrack;
-    double lastVideoSeconds = -1;
-    double writtenSeconds = 0;
-    int64_t framesWritten = 0;
-    int64_t framesDropped = 0;
-    bool ended = false;        // no more items are taken
-    bool quitWriter = false;
-    std::optional<std::string> failure; // why it ended by itself
-    bool failureBeforeFirstFrame = false;
-    bool finished = false;
-    bool cameraFailed = false;               // camera thread only
-    std::jthread writerThread;
-    std::jthread flushThread;
-
-    // Writes the keystroke track beside the movie every few seconds while it grows, so a
-    // process killed outright loses at most that much of it (the cursor recorder keeps
-    // its own journal).
-    void flushLoop(std::stop_token stop)
+void CaptureSession::Impl::endWith(std::string headline, bool beforeFirstFrame)
+{
+    std::function<void(const std::string&)> notify;
     {
-        pthread_setname_np(pthread_self(), "plim.capture.fl");
-        size_t written = 0;
-        auto next = std::chrono::steady_clock::now() + keysFlushInterval;
-        while (!stop.stop_requested()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            if (std::chrono::steady_clock::now() < next)
-                continue;
-            next += keysFlushInterval;
-            KeystrokeTrack keys = keystrokes->snapshot();
-            if (keys.events.size() == written)
-                continue;
-            if (keys.write(options.movie))
-                written = keys.events.size();
-        }
-    }
-
-    double trackSecondsAt(double uptime) const { return uptime - pauses.pausedBefore(uptime); }
-
-    void endWith(std::string headline, bool beforeFirstFrame = false)
-    {
-        std::function<void(const std::string&)> notify;
-        {
-            std::lock_guard guard(lock);
-            if (ended)
-                return;
-            ended = true;
-            failure = headline;
-            failureBeforeFirstFrame = beforeFirstFrame;
-            notify = options.onEnded;
-        }
-        wake.notify_all();
-        logLine(LogArea::main, "the recording stopped by itself: " + headline);
-        if (notify)
-            notify(headline);
-    }
-
-    // The window closed ("That window is gone."), or the picture stopped coming.
-    void screenEnded(const Error& error)
-    {
-        if (error.kind == Error::Kind::missing) {
-            endWith(error.sentence);
+        std::lock_guard guard(lock);
+        if (ended)
             return;
-        }
-        logLine(LogArea::main, error.sentence);
-        double recorded;
-        {
-            std::lock_guard guard(lock);
-            recorded = writtenSeconds;
-        }
-        endWith("Recording ended early at " + lengthText(recorded));
+        ended = true;
+        failure = headline;
+        failureBeforeFirstFrame = beforeFirstFrame;
+        notify = options.onEnded;
     }
+    queue->close();
+    logLine(LogArea::main, "the recording stopped by itself: " + headline);
+    if (notify)
+        notify(headline);
+}
 
-    void onFrame(CapturedFrame&& frame)
-    {
-        Image fitted = fitter->fit(frame.image);
-        bool first = false;
-        {
-            std::lock_guard guard(lock);
-            if (ended || pauses.pausedAt(frame.uptime))
-                return;
-            if (videoQueued >= options.queueDepth) {
-                ++framesDropped;
-                return;
-            }
-            if (!firstFrameUptime) {
-                firstFrameUptime = frame.uptime;
-                firstTrackSeconds = trackSecondsAt(frame.uptime);
-                first = true;
-            }
-            queue.push_back(VideoItem{std::move(fitted), trackSecondsAt(frame.uptime)});
-            ++videoQueued;
-        }
-        // The journal learns the offset now, so a track rebuilt after a kill places its
-        // stamps where the final track would.
-        if (first && cursor)
-            cursor->setVideoStartOffsetMS(static_cast<int64_t>((frame.uptime - cursor->startUptime()) * 1000.0));
-        wake.notify_one();
+// The window closed ("That window is gone."), or the picture stopped coming.
+void CaptureSession::Impl::screenEnded(const Error& error)
+{
+    if (error.kind == Error::Kind::missing) {
+        endWith(error.sentence);
+        return;
     }
+    logLine(LogArea::main, error.sentence);
+    double recorded;
+    {
+        std::lock_guard guard(lock);
+        recorded = writtenSeconds;
+    }
+    endWith("Recording ended early at " + lengthText(recorded));
+}
 
-    void onSound(SoundSource::Kind kind, SoundBlock&& block)
-    {
-        int track = kind == SoundSource::Kind::microphone ? micTrack : systemTrack;
-        if (track < 0)
-            return;
-        std::vector<float> samples;
-        if (kind == SoundSource::Kind::microphone) {
-            {
-                std::lock_guard guard(lock);
-                if (pauses.pausedAt(block.uptime))
-                    return; // the treatment's clock stands still while paused
-            }
-            ArrayMic::Buffer buffer{std::move(block.samples), block.channels, block.sampleRate};
-            buffer = treatment.treated(std::move(buffer));
-            samples = buffer.channels == 1 ? std::move(buffer.samples) : ArrayMic::downmixedToMono(buffer).samples;
-        } else {
-            samples = std::move(block.samples);
-        }
-        {
-            std::lock_guard guard(lock);
-            if (ended || pauses.pausedAt(block.uptime))
-                return;
-            queue.push_back(AudioItem{track, std::move(samples), trackSecondsAt(block.uptime)});
-        }
-        wake.notify_one();
-    }
+void CaptureSession::Impl::stopSources()
+{
+    if (devices.screen)
+        devices.screen->stop();
+    if (devices.microphone)
+        devices.microphone->stop();
+    if (devices.systemSound)
+        devices.systemSound->stop();
+    if (devices.camera)
+        devices.camera->stop();
+}
 
-    void onCameraFrame(CapturedFrame&& frame)
+// Undoes a start whose screen would not roll: nothing is left behind.
+void CaptureSession::Impl::undoStart()
+{
+    stopSources();
     {
-        double seconds;
-        {
-            std::lock_guard guard(lock);
-            if (ended || pauses.pausedAt(frame.uptime))
-                return;
-            double track = trackSecondsAt(frame.uptime);
-            if (!cameraFirstUptime) {
-                cameraFirstUptime = frame.uptime;
-                cameraFirstTrack = track;
-            }
-            seconds = track - *cameraFirstTrack;
-        }
-        if (seconds <= 0 && frame.uptime != *cameraFirstUptime)
-            return;
-        // Only this thread writes the camera movie. Frames that come bunched after a stall
-        // would share the writer's tick; the later ones are left out.
-        if (cameraFailed || !cameraWriter->takesPictureAt(seconds))
-            return;
-        if (auto status = cameraWriter->appendVideo(frame.image, seconds); !status) {
-            // The camera is stopped with the other sources, from the session's thread: this
-            // is the camera's own thread, which cannot wait for itself.
-            logLine(LogArea::main, "the camera movie stopped: " + status.error().sentence);
-            cameraFailed = true;
-            return;
-        }
+        std::lock_guard guard(lock);
+        ended = true;
     }
-
-    void writeLoop(std::stop_token)
-    {
-        pthread_setname_np(pthread_self(), "plim.capture.wr");
-        std::vector<AudioItem> early; // sound heard before the first frame's position is known
-        for (;;) {
-            QueueItem item;
-            {
-                std::unique_lock guard(lock);
-                wake.wait(guard, [&] { return quitWriter || (!queue.empty() && !ended); });
-                if (ended || (quitWriter && queue.empty()))
-                    return;
-                item = std::move(queue.front());
-                queue.pop_front();
-                if (std::holds_alternative<VideoItem>(item))
-                    --videoQueued;
-            }
-            Status status;
-            if (auto* video = std::get_if<VideoItem>(&item)) {
-                double first;
-                {
-                    std::lock_guard guard(lock);
-                    first = *firstTrackSeconds;
-                }
-                double t = video->trackSeconds - first;
-                // A frame taken just before a pause and one just after it may fall in the
-                // same tick of the writer. The later one is left out.
-                if (!writer->takesPictureAt(t))
-                    continue;
-                status = writer->appendVideo(video->image, t);
-                if (status) {
-                    lastVideoSeconds = t;
-                    std::lock_guard guard(lock);
-                    ++framesWritten;
-                    writtenSeconds = t;
-                }
-                for (auto& pending : early)
-                    if (status)
-                        status = appendSound(pending, first);
-                early.clear();
-            } else {
-                auto& audio = std::get<AudioItem>(item);
-                std::optional<double> first;
-                {
-                    std::lock_guard guard(lock);
-                    first = framesWritten > 0 ? firstTrackSeconds : std::nullopt;
-                }
-                if (!first)
-                    early.push_back(std::move(audio));
-                else
-                    status = appendSound(audio, *first);
-            }
-            if (!status) {
-                bool none;
-                {
-                    std::lock_guard guard(lock);
-                    none = framesWritten == 0;
-                }
-                const Error& error = status.error();
-                if (error.kind == Error::Kind::noSpace)
-                    endWith(none ? diskFullBeforeFirstFrame : "The disk filled while rolling at " + lengthText(lastVideoSeconds),
-                        none);
-                else
-                    endWith("The plim file could not be written.", none);
-                logLine(LogArea::main, "the screen movie writer said: "
-                        + (error.sentence.empty() ? std::string(unknownWriterError) : error.sentence));
-                return;
-            }
-        }
+    queue->close();
+    if (writerThread.joinable())
+        writerThread.join();
+    if (flushThread.joinable()) {
+        flushThread.request_stop();
+        flushThread.join();
     }
-
-    Status appendSound(const AudioItem& audio, double first)
-    {
-        int channels = audio.track == systemTrack ? 2 : 1;
-        int64_t frames = int64_t(audio.samples.size()) / channels;
-        int64_t start = std::llround((audio.trackSeconds - first) * 48000.0);
-        const float* data = audio.samples.data();
-        if (start < 0) {
-            int64_t skip = std::min(frames, -start);
-            data += skip * channels;
-            frames -= skip;
-            start = 0;
-        }
-        if (frames <= 0)
-            return {};
-        return writer->appendAudio(audio.track, data, frames, start);
-    }
-
-    void stopSources()
-    {
-        if (devices.screen)
-            devices.screen->stop();
-        if (devices.microphone)
-            devices.microphone->stop();
-        if (devices.systemSound)
-            devices.systemSound->stop();
-        if (devices.camera)
-            devices.camera->stop();
-    }
-};
+    cursor->stop();
+    if (keystrokes)
+        keystrokes->stop();
+    writer->cancel();
+    if (cameraWriter)
+        cameraWriter->cancel();
+    removeTrackFiles(options.movie);
+    finished = true;
+}
 
 std::string CaptureSession::lengthText(double seconds)
 {
@@ -487,6 +177,8 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     impl->options = std::move(options);
     Impl& s = *impl;
     s.devices = std::move(devices);
+    const auto depth = size_t(std::max(1, s.options.queueDepth));
+    s.queue = std::make_unique<BoundedQueue<QueueItem>>(depth + soundRoom, depth);
 
     ScreenSource& screen = *s.devices.screen;
     Rect frame = screen.frame();
@@ -500,7 +192,6 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     }
     s.width = int(output.width);
     s.height = int(output.height);
-    s.fitter = std::make_unique<FrameFitter>(s.width, s.height);
 
     const auto& movie = s.options.movie;
     std::error_code ec;
@@ -509,35 +200,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     if (statvfs(movie.parent_path().c_str(), &space) == 0
         && uint64_t(space.f_bavail) * uint64_t(space.f_frsize) < minimumFreeBytes)
         return fail(diskFullBeforeFirstFrame, Error::Kind::noSpace);
-
-    auto ws = MovieWriter::Settings::recording(movie, s.width, s.height, settings.framesPerSecond, settings.bitRateScale);
-    if (s.devices.microphone) {
-        s.micTrack = int(ws.sound.size());
-        ws.sound.push_back(MovieWriter::microphoneTrack());
-    }
-    if (s.devices.systemSound) {
-        s.systemTrack = int(ws.sound.size());
-        ws.sound.push_back(MovieWriter::systemSoundTrack());
-    }
-    auto writer = MovieWriter::create(ws);
-    if (!writer) {
-        if (writer.error().kind == Error::Kind::noSpace)
-            return fail(diskFullBeforeFirstFrame, Error::Kind::noSpace);
-        return std::unexpected(writer.error());
-    }
-    s.writer = std::move(*writer);
-
-    if (s.devices.camera) {
-        auto cs = MovieWriter::Settings::recording(sidecarPath(movie, PlimFiles::camera), s.devices.camera->width() & ~1,
-            s.devices.camera->height() & ~1, s.devices.camera->framesPerSecond(), settings.bitRateScale);
-        if (auto camera = MovieWriter::create(cs))
-            s.cameraWriter = std::move(*camera);
-        else {
-            logLine(LogArea::main, "the camera movie could not be made (" + camera.error().sentence
-                    + "); the plim rolls without the camera.");
-            s.devices.camera.reset();
-        }
-    }
+    PLIM_TRY(s.openWriters());
 
     // The recorders start first, so their clocks run before the first frame.
     PointerSource* pointer = s.devices.pointer;
@@ -558,41 +221,8 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     s.writerThread = std::jthread([&s](std::stop_token stop) { s.writeLoop(stop); });
     if (s.keystrokes)
         s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
-    auto undo = [&s] {
-        s.stopSources();
-        {
-            std::lock_guard guard(s.lock);
-            s.quitWriter = true;
-            s.ended = true;
-        }
-        s.wake.notify_all();
-        if (s.writerThread.joinable())
-            s.writerThread.join();
-        if (s.flushThread.joinable()) {
-            s.flushThread.request_stop();
-            s.flushThread.join();
-        }
-        s.cursor->stop();
-        if (s.keystrokes)
-            s.keystrokes->stop();
-        s.writer->cancel();
-        if (s.cameraWriter)
-            s.cameraWriter->cancel();
-        std::error_code ignored;
-        removeTrackFiles(s.options.movie);
-        s.finished = true;
-    };
 
-    if (s.devices.microphone) {
-        if (auto started = s.devices.microphone->start([&s](SoundBlock&& b) { s.onSound(SoundSource::Kind::microphone, std::move(b)); }); !started) {
-            logLine(LogArea::main, started.error().sentence);
-        }
-    }
-    if (s.devices.systemSound) {
-        if (auto started = s.devices.systemSound->start([&s](SoundBlock&& b) { s.onSound(SoundSource::Kind::systemSound, std::move(b)); }); !started)
-            logLine(LogArea::main, "ScreenCaptureKit refused the system-audio output (" + started.error().sentence
-                    + "); the plim rolls without the computer's sound.");
-    }
+    s.startSound();
     if (s.devices.camera) {
         if (auto started = s.devices.camera->start([&s](CapturedFrame&& f) { s.onCameraFrame(std::move(f)); }); !started) {
             logLine(LogArea::main, started.error().sentence);
@@ -602,7 +232,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     auto started = screen.start(settings.framesPerSecond, [&s](CapturedFrame&& f) { s.onFrame(std::move(f)); },
         [&s](const Error& error) { s.screenEnded(error); });
     if (!started) {
-        undo();
+        s.undoStart();
         return std::unexpected(started.error());
     }
     return std::unique_ptr<CaptureSession>(new CaptureSession(std::move(impl)));
@@ -657,112 +287,6 @@ int64_t CaptureSession::droppedFrames() const
 {
     std::lock_guard guard(m_impl->lock);
     return m_impl->framesDropped + (m_impl->devices.screen ? m_impl->devices.screen->droppedFrames() : 0);
-}
-
-Outcome<RawPlim> CaptureSession::finish()
-{
-    Impl& s = *m_impl;
-    if (s.finished)
-        return Outcome<RawPlim>::failed(neverStarted);
-    s.finished = true;
-    // 1. The cursor recorder stops first and hands over its track, then the sources.
-    CursorTrack track = s.cursor->stop();
-    s.cursor->setFlushMovie(std::nullopt);
-    s.stopSources();
-    if (s.flushThread.joinable()) {
-        s.flushThread.request_stop();
-        s.flushThread.join();
-    }
-    {
-        std::lock_guard guard(s.lock);
-        s.quitWriter = true;
-    }
-    s.wake.notify_all();
-    if (s.writerThread.joinable())
-        s.writerThread.join();
-
-    // The writer finishes.
-    const fs::path& movie = s.options.movie;
-    if (!s.writer) {
-        if (s.keystrokes)
-            s.keystrokes->stop();
-        return Outcome<RawPlim>::failed(neverStarted);
-    }
-    Status finished = s.writer->finish();
-    if (s.cameraWriter) {
-        if (auto camera = s.cameraWriter->finish(); !camera)
-            logLine(LogArea::main, "the camera movie could not be finished: " + camera.error().sentence);
-    }
-
-    RawPlim plim;
-    plim.movie = movie;
-    plim.subject = s.settings.subject;
-    plim.width = s.width;
-    plim.height = s.height;
-    std::optional<double> firstFrame;
-    std::optional<double> cameraStart;
-    {
-        std::lock_guard guard(s.lock);
-        plim.frames = s.framesWritten;
-        plim.droppedFrames = s.framesDropped + s.devices.screen->droppedFrames();
-        if (plim.droppedFrames > 0)
-            logLine(LogArea::main, std::to_string(plim.droppedFrames) + (plim.droppedFrames == 1 ? " frame was" : " frames were") + " dropped: "
-                    + std::to_string(s.devices.screen->droppedFrames()) + " ticks passed while a picture was being taken, "
-                    + std::to_string(s.framesDropped) + " pictures found the encoder's queue full.");
-        plim.seconds = s.framesWritten > 0 ? s.writtenSeconds + 1.0 / s.settings.framesPerSecond : 0;
-        plim.failure = s.failure;
-        firstFrame = s.firstFrameUptime;
-        cameraStart = s.cameraFirstUptime;
-        if (s.failureBeforeFirstFrame) {
-            if (s.keystrokes)
-                s.keystrokes->stop();
-            std::error_code ignored;
-            fs::remove(movie, ignored);
-            removeTrackFiles(movie);
-            return Outcome<RawPlim>::failed(*s.failure);
-        }
-    }
-
-    // 2. No frame: nothing to keep.
-    if (plim.frames == 0) {
-        if (s.keystrokes)
-            s.keystrokes->stop();
-        std::error_code ec;
-        removeTrackFiles(movie);
-        fs::remove(sidecarPath(movie, PlimFiles::camera), ec);
-        if (fs::exists(movie) && !fs::remove(movie, ec))
-            logLine(LogArea::main, "could not remove empty plim file at " + movie.string());
-        return Outcome<RawPlim>::failed(noFrames);
-    }
-    if (!finished) {
-        // A kept fragmented movie still plays up to its last fragment.
-        if (!plim.failure)
-            plim.failure = finished.error().kind == Error::Kind::noSpace
-                ? "The disk filled while rolling at " + lengthText(plim.seconds)
-                : std::string("The plim file could not be written.");
-        logLine(LogArea::main, "finishing the screen movie failed: "
-                + (finished.error().sentence.empty() ? std::string(unknownWriterError) : finished.error().sentence));
-        if (!fs::exists(movie))
-            return Outcome<RawPlim>::failed(finished.error().sentence.empty() ? std::string(unknownWriterError)
-                                                                              : finished.error().sentence);
-    }
-
-    // 3. Offsets, the cursor track, the identity, the keystroke track.
-    track.videoStartOffsetMS = static_cast<int64_t>((*firstFrame - s.cursor->startUptime()) * 1000.0);
-    if (cameraStart && fs::exists(sidecarPath(movie, PlimFiles::camera))) {
-        track.cameraOffsetMS = static_cast<int64_t>((*firstFrame - *cameraStart) * 1000.0);
-        plim.hasCamera = true;
-    }
-    if (auto written = track.write(movie); !written)
-        logLine(LogArea::main, "the cursor track could not be written: " + written.error().sentence);
-    if (s.options.ensureIdentity)
-        s.options.ensureIdentity(movie);
-    if (s.keystrokes) {
-        KeystrokeTrack keys = s.keystrokes->stop();
-        if (auto written = keys.write(movie); !written)
-            logLine(LogArea::main, "the keystroke track could not be written: " + written.error().sentence);
-    }
-    return Outcome<RawPlim>::finished(std::move(plim));
 }
 
 } // namespace plim

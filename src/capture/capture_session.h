@@ -7,11 +7,11 @@
 //
 // Threads: frames arrive on the screen source's thread and sound on each sound source's
 // thread; they are handed through one bounded queue to the session's writer thread
-// ("plim.capture.write"), which alone talks to the MovieWriter. A frame that finds the
-// queue full is dropped and counted. Control calls (setPaused, mark, finish) come from
-// one controlling thread. `onEnded` runs once, on a capture thread, when the recording
-// stops by itself (the window closed, the disk filled, the writer failed); the
-// controller then calls finish().
+// ("plim.capture.write"), which alone talks to the MovieWriter and where pictures are
+// scaled to the movie's size. A frame that finds the queue full is dropped and counted.
+// Control calls (setPaused, mark, finish) come from one controlling thread. `onEnded` runs
+// once, on a capture thread, when the recording stops by itself (the window closed, the
+// disk filled, the writer failed); the controller then calls finish().
 
 #include "base/error.h"
 #include "capture/camera_source.h"
@@ -51,8 +51,8 @@ struct CaptureSettings {
     std::optional<std::string> cameraDevice;
 };
 
-// The devices a session reads. openDevices() makes the X11, PulseAudio and Video4Linux2
-// ones; tests may hand in their own. Inputs that are absent are not recorded.
+// The devices a session reads. openDevices() makes the desktop's (desktop.h), PulseAudio and
+// Video4Linux2 ones; tests may hand in their own. Inputs that are absent are not recorded.
 struct CaptureDevices {
     std::unique_ptr<ScreenSource> screen;
     std::shared_ptr<void> inputOwner; // keeps the pointer, key-activity, window-frame, click and key sources alive

@@ -1,7 +1,7 @@
 #pragma once
 // Where the capture session's frames come from: a display, a window or an area of the
-// screen, delivered as pictures with their capture instants. The X11 backend
-// (screen_source_x11.cpp) reads them through MIT-SHM; a Wayland backend would sit beside it.
+// screen, delivered as pictures with their capture instants. A desktop (desktop.h) makes
+// them; the X11 backend (x11/screen_source_x11.cpp) reads them through MIT-SHM.
 //
 // Contract:
 // - create() resolves the subject and fails with the user's sentence when it cannot be
@@ -82,9 +82,5 @@ inline int64_t ticksLost(double now, double next, double interval)
         return 0;
     return static_cast<int64_t>((now - next) / interval);
 }
-
-// The X11 backend on the display named (else $DISPLAY).
-Result<std::unique_ptr<ScreenSource>> createX11ScreenSource(const ScreenSubject& subject,
-    const std::optional<std::string>& display = std::nullopt);
 
 } // namespace plim

@@ -8,7 +8,7 @@
 #include "base/error.h"
 #include "base/json.h"
 #include "library/plim_look.h"
-#include "plan/plan.h"
+#include "plan/edit_plan.h"
 
 #include <optional>
 #include <string>

@@ -11,7 +11,8 @@
 // stream is tagged with that matrix, its primaries and transfer.
 //
 // Thread and timing contract: one thread calls `appendVideo`, `appendAudio`, `finish` and
-// `cancel` (not concurrently). Colour conversion happens on the caller's thread; encoding
+// `cancel` (not concurrently). Colour conversion (and scaling, for `scalePictures`) happens
+// on the caller's thread; encoding
 // and muxing run on the writer's own thread behind a bounded queue (`queueDepth` pictures),
 // so `appendVideo` blocks when the encoder falls behind. x264 uses its own threads too. An
 // error on the writer's thread is returned by the next call. Video times are seconds from
@@ -80,10 +81,13 @@ public:
         // come out the same, bit for bit.
         bool lookaheadThread = true;
         int timeScale = 600;            // video time base 1/timeScale
+        // Pictures of another size are scaled to the movie's (a picture one column or row
+        // larger loses it); without it they are refused.
+        bool scalePictures = false;
 
         // A recording's movie: fragmented, at recordingBitsPerSecond(width, height,
-        // bitRateScale) with recordingPreset, and no sound track yet (the recording adds
-        // the ones it has).
+        // bitRateScale) with recordingPreset, scaling pictures of another size, and no
+        // sound track yet (the recording adds the ones it has).
         static Settings recording(std::filesystem::path path, int width, int height, double frameRate,
             double bitRateScale = 1.0);
     };
@@ -103,7 +107,8 @@ public:
     // The encoder in use ("libx264").
     virtual std::string encoderName() const = 0;
 
-    // One picture shown from `time` on. Its size must be the writer's; anything else fails.
+    // One picture shown from `time` on. Its size must be the writer's unless the writer
+    // scales pictures; anything else fails.
     virtual Status appendVideo(const Image& image, double time) = 0;
 
     // Whether appendVideo would take a picture at `time`: the times are kept in ticks of

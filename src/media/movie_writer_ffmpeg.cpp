@@ -46,6 +46,7 @@ MovieWriter::Settings MovieWriter::Settings::recording(fs::path path, int width,
     settings.frameRate = frameRate;
     settings.bitsPerSecond = recordingBitsPerSecond(width, height, bitRateScale);
     settings.preset = recordingPreset;
+    settings.scalePictures = true;
     return settings;
 }
 
@@ -94,6 +95,7 @@ public:
 
     std::string encoderName() const override { return m_video ? m_video->codec->name : "libx264"; }
     Status appendVideo(const Image& image, double time) override;
+    bool convert(const Image& image, AVFrame* frame);
     bool takesPictureAt(double time) const override;
     Status appendAudio(int track, const float* interleaved, int64_t frames, int64_t startFrame) override;
     double soundSeconds(int track) const override
@@ -131,6 +133,7 @@ private:
     Settings m_settings;
     std::unique_ptr<AVFormatContext, OutputClose> m_format;
     CodecPtr m_video;
+    SwsPtr m_scaler; // pictures of another size, on the caller's thread
     AVStream* m_videoStream = nullptr;
     std::vector<AudioTrack> m_audio;
     int64_t m_lastPts = AV_NOPTS_VALUE;
@@ -327,7 +330,8 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
         return std::unexpected(failure("the writer was already finished"));
     if (auto e = takeError())
         return std::unexpected(*e);
-    if (image.isEmpty() || image.width != m_settings.width || image.height != m_settings.height)
+    bool sized = image.width == m_settings.width && image.height == m_settings.height;
+    if (image.isEmpty() || (!sized && !m_settings.scalePictures))
         return std::unexpected(failure(concat("a frame was refused: it is ", image.width, " × ", image.height, ", the movie is ", m_settings.width, " × ", m_settings.height)));
     if (!std::isfinite(time) || time < 0)
         return std::unexpected(failure("a frame was refused: its time is not usable"));
@@ -340,8 +344,8 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
     frame->height = m_settings.height;
     if (av_frame_get_buffer(frame.get(), 0) < 0)
         return std::unexpected(failure("a frame buffer could not be made"));
-    bgraToYuv420(image.pixels.get(), image.stride, image.width, image.height, frame->data, frame->linesize,
-        isHD(m_settings.height) ? YuvMatrix::bt709 : YuvMatrix::bt601);
+    if (!convert(image, frame.get()))
+        return std::unexpected(failure(concat("a ", image.width, " × ", image.height, " picture could not be scaled")));
     frame->pts = pts;
     frame->color_range = m_video->color_range;
     frame->color_primaries = m_video->color_primaries;
@@ -358,6 +362,33 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
     if (auto e = takeError())
         return std::unexpected(*e);
     return {};
+}
+
+bool FfmpegMovieWriter::convert(const Image& image, AVFrame* frame)
+{
+    const int width = m_settings.width, height = m_settings.height;
+    const bool hd = isHD(height);
+    const int over = image.width - width, overRows = image.height - height;
+    if (over >= 0 && over <= 1 && overRows >= 0 && overRows <= 1) {
+        // The same pixels less a column or row: an odd-sized subject made even.
+        bgraToYuv420(image.pixels.get(), image.stride, width, height, frame->data, frame->linesize,
+            hd ? YuvMatrix::bt709 : YuvMatrix::bt601);
+        return true;
+    }
+    SwsContext* previous = m_scaler.release();
+    m_scaler.reset(sws_getCachedContext(previous, image.width, image.height, AV_PIX_FMT_BGRA, width, height,
+        AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
+    if (!m_scaler)
+        return false;
+    if (m_scaler.get() != previous) {
+        // Full-range RGB in, limited-range YUV with the movie's matrix out.
+        const int* matrix = sws_getCoefficients(hd ? SWS_CS_ITU709 : SWS_CS_ITU601);
+        sws_setColorspaceDetails(m_scaler.get(), sws_getCoefficients(SWS_CS_DEFAULT), 1, matrix, 0, 0, 1 << 16, 1 << 16);
+    }
+    const uint8_t* source[1] = {image.pixels.get()};
+    const int sourceStride[1] = {static_cast<int>(image.stride)};
+    sws_scale(m_scaler.get(), source, sourceStride, 0, image.height, frame->data, frame->linesize);
+    return true;
 }
 
 bool FfmpegMovieWriter::takesPictureAt(double time) const

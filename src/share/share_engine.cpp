@@ -4,6 +4,7 @@
 #include "base/log.h"
 #include "base/trash.h"
 #include "capture/capture.h"
+#include "capture/desktop.h"
 #include "library/library.h"
 #include "media/media.h"
 #include "share/clipboard.h"
@@ -63,7 +64,7 @@ ShareEngine::Environment ShareEngine::Environment::desktop()
         return {};
     };
     e.copyToClipboard = [](const fs::path& file) { return offerFileOnClipboard(file); };
-    e.wallpaperURL = [] { return currentWallpaper(); };
+    e.wallpaperURL = [] { return desktopWallpaper(); };
     e.copiesFolder = [] { return ShareFiles::defaultCopiesFolder(); };
     e.didShare = [](const std::string& kind, const std::string& path) { logLine(LogArea::share, "shared " + kind + " " + path); };
     return e;

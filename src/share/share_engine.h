@@ -13,7 +13,8 @@
 #include "base/error.h"
 #include "share/share_options.h"
 #include "share/share_progress.h"
-#include "stage/stage.h"
+#include "stage/staging_engine.h"
+#include "stage/video_sink.h"
 
 #include <atomic>
 #include <cstdint>

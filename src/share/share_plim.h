@@ -4,8 +4,8 @@
 // render runs. Reading never changes a file.
 
 #include "base/error.h"
-#include "media/media.h"
-#include "stage/stage.h"
+#include "media/movie_reader.h"
+#include "stage/staging_engine.h"
 
 #include <filesystem>
 #include <string>

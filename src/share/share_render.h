@@ -7,7 +7,9 @@
 // Threads: run() blocks its caller; `progress` is called from the engine's encode thread.
 
 #include "share/share_options.h"
-#include "stage/stage.h"
+#include "stage/staging_engine.h"
+#include "stage/staging_error.h"
+#include "stage/video_sink.h"
 
 namespace plim {
 

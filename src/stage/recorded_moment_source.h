@@ -4,8 +4,11 @@
 // keycaps, caption line and running transition. Built once per render; every lookup is a
 // binary search or a constant-time read, so moments can be asked for in any order.
 
-#include "capture/capture.h"
-#include "plan/plan.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "plan/edit_plan.h"
+#include "plan/zoom_curve.h"
+#include "plan/zoom_state.h"
 #include "stage/cursor_smoother.h"
 #include "stage/stage_moment.h"
 #include "stage/stage_spec.h"

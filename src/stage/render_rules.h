@@ -5,7 +5,7 @@
 // arguments.
 
 #include "base/geometry.h"
-#include "plan/plan.h"
+#include "plan/plim_clip.h"
 
 #include <cstdint>
 #include <optional>

@@ -6,7 +6,7 @@
 //
 // Thread contract: used from one thread (the render thread); the sources too.
 
-#include "media/media.h"
+#include "media/pcm_source.h"
 #include "stage/share_audio_plan.h"
 
 #include <cstdint>

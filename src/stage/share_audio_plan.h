@@ -3,7 +3,7 @@
 // play where (at normal speed, or time-stretched with their pitch kept where the edit
 // speeds them up), and where each voiceover plays and how far it ducks the recording.
 
-#include "plan/plan.h"
+#include "plan/edit_plan.h"
 
 #include <cstdint>
 #include <vector>

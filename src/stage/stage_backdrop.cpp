@@ -1,4 +1,4 @@
-// Backdrop art and pictures, and where the desktop keeps its wallpaper.
+// Backdrop art and pictures.
 
 #include "stage/stage_backdrop.h"
 
@@ -21,78 +21,6 @@
 
 namespace plim {
 namespace {
-
-// file:///a%20b -> /a b; anything else as it stands.
-std::string pathFromUri(std::string text)
-{
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\'' || text.back() == '"' || text.back() == ' '))
-        text.pop_back();
-    size_t start = 0;
-    while (start < text.size() && (text[start] == '\'' || text[start] == '"' || text[start] == ' '))
-        ++start;
-    text = text.substr(start);
-    if (text.starts_with("file://"))
-        text = text.substr(7);
-    return percentDecoded(text);
-}
-
-std::optional<std::filesystem::path> existingFile(const std::string& text)
-{
-    if (text.empty())
-        return std::nullopt;
-    std::error_code ec;
-    std::filesystem::path path(text);
-    if (std::filesystem::is_directory(path, ec)) {
-        // A Plasma wallpaper package: the largest picture it holds.
-        std::optional<std::filesystem::path> best;
-        uintmax_t bestSize = 0;
-        for (const auto& entry : std::filesystem::recursive_directory_iterator(path / "contents" / "images", ec)) {
-            const std::string extension = entry.path().extension().string();
-            if (!entry.is_regular_file(ec) || (extension != ".png" && extension != ".jpg" && extension != ".jpeg" && extension != ".webp"))
-                continue;
-            const uintmax_t size = entry.file_size(ec);
-            if (!ec && size > bestSize) {
-                best = entry.path();
-                bestSize = size;
-            }
-        }
-        return best;
-    }
-    if (std::filesystem::is_regular_file(path, ec))
-        return path;
-    return std::nullopt;
-}
-
-std::optional<std::filesystem::path> gnomeWallpaper()
-{
-    FILE* pipe = popen("gsettings get org.gnome.desktop.background picture-uri 2>/dev/null", "r");
-    if (!pipe)
-        return std::nullopt;
-    std::string text;
-    char buffer[512];
-    while (std::fgets(buffer, sizeof buffer, pipe))
-        text += buffer;
-    pclose(pipe);
-    return existingFile(pathFromUri(text));
-}
-
-std::optional<std::filesystem::path> kdeWallpaper()
-{
-    std::filesystem::path config;
-    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
-        config = xdg;
-    else if (const char* home = std::getenv("HOME"); home && *home)
-        config = std::filesystem::path(home) / ".config";
-    else
-        return std::nullopt;
-    std::ifstream in(config / "plasma-org.kde.plasma.desktop-appletsrc");
-    std::string line;
-    while (std::getline(in, line))
-        if (line.starts_with("Image="))
-            if (auto path = existingFile(pathFromUri(line.substr(6))))
-                return path;
-    return std::nullopt;
-}
 
 void drawArt(Compositor& c, Image& target, const stage_style::BackdropArt& art)
 {
@@ -117,13 +45,6 @@ void drawArt(Compositor& c, Image& target, const stage_style::BackdropArt& art)
 
 } // namespace
 
-std::optional<std::filesystem::path> currentWallpaper()
-{
-    if (auto gnome = gnomeWallpaper())
-        return gnome;
-    return kdeWallpaper();
-}
-
 BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper)
 {
     using Named = StageSpec::Backdrop::Named;
@@ -143,7 +64,7 @@ BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::f
     if (const auto* named = std::get_if<Named>(&value)) {
         choice.art = stage_style::namedBackdrop(*named);
         if (*named == Named::wallpaper)
-            choice.picture = wallpaper ? wallpaper : currentWallpaper();
+            choice.picture = wallpaper;
     } else if (const auto* solid = std::get_if<StageSpec::Backdrop::Solid>(&value)) {
         if (auto colour = Color::fromHex(solid->hex))
             choice.art.stops = {{0, colour->withAlpha(1)}};

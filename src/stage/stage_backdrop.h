@@ -20,7 +20,7 @@ struct BackdropChoice {
 };
 
 // The card look's backdrop name wins over the stage look's own backdrop; `wallpaper` is the desktop
-// picture to use for the wallpaper backdrop (asked from the desktop when absent).
+// picture to use for the wallpaper backdrop (its own art when absent).
 BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper);
 
 // Fills `target` with the backdrop. A picture that cannot be read leaves the art and a

@@ -3,9 +3,9 @@
 // arithmetic on doubles in canvas pixels (origin bottom-left, y upward); lengths named
 // "PX" settings of a look are pixels of a 1280-wide canvas, scaled by width / 1280.
 
-#include "plan/plan.h"
-#include "stage/device_frame.h"
 #include "base/geometry.h"
+#include "plan/zoom_state.h"
+#include "stage/device_frame.h"
 #include "stage/stage_spec.h"
 
 #include <vector>

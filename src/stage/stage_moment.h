@@ -3,8 +3,10 @@
 // keycaps, caption line, transition and camera picture. Made by a moment source (the
 // recorded plim or the live session) and drawn by the stage renderer.
 
-#include "capture/capture.h"
-#include "plan/plan.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
+#include "plan/edit_plan.h"
+#include "plan/zoom_state.h"
 
 #include <cstdint>
 #include <memory>

@@ -17,7 +17,7 @@
 #include "base/error.h"
 #include "base/geometry.h"
 #include "base/image.h"
-#include "library/library.h"
+#include "library/plim_look.h"
 #include "stage/compositor.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"
@@ -56,7 +56,7 @@ struct StageRendererOptions {
     bool zoomBlur = false;                        // blur while the zoom moves
     bool motionSmear = true;                      // streak a fast pointer
     bool hasKeycaps = true;                       // keycaps may appear (vertical layout makes room)
-    // The desktop picture for the `wallpaper` backdrop; absent: asked from the desktop.
+    // The desktop picture for the `wallpaper` backdrop; absent: that backdrop's own art.
     std::optional<std::filesystem::path> wallpaper;
     Compositor::Options compositor;
 };
@@ -94,9 +94,5 @@ struct ClickAnim {
     bool operator==(const ClickAnim&) const = default;
 };
 ClickAnim clickAnim(ClickStyle style, double age);
-
-// The desktop picture GNOME (gsettings picture-uri) or KDE (the Plasma configuration)
-// reports, when it names a file that exists.
-std::optional<std::filesystem::path> currentWallpaper();
 
 } // namespace plim

@@ -7,7 +7,7 @@
 #include "base/error.h"
 #include "base/files.h"
 #include "base/json_fwd.h"
-#include "plan/plan.h"
+#include "plan/zoom_state.h"
 
 #include <array>
 #include <optional>

@@ -4,7 +4,7 @@
 // marked "u" are pixels of a 1280 × 720 canvas, scaled by the canvas's shorter side / 720,
 // so a vertical or square video gets overlays as large as a landscape one of its height.
 
-#include "library/library.h"
+#include "library/plim_look.h"
 #include "stage/compositor.h"
 #include "stage/stage_spec.h"
 

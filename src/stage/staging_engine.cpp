@@ -4,7 +4,7 @@
 #include "base/log.h"
 #include "library/library.h"
 #include "media/media.h"
-#include "stage/bounded_queue.h"
+#include "base/bounded_queue.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/share_audio_mixer.h"
 #include "stage/share_audio_plan.h"

@@ -1,9 +1,11 @@
-// The X11 screen source and the capture session on a real X server: subjects that cannot
-// be recorded are refused with their sentences, an area records at its even size, and a
-// window is followed as it moves until it closes.
+// The X11 desktop and the capture session on a real X server: the desktop lists what it
+// shows, subjects that cannot be recorded are refused with their sentences, an area records
+// at its even size, and a window is followed as it moves until it closes.
 
 #include "base/files.h"
 #include "capture/capture_session.h"
+#include "capture/desktop.h"
+#include "capture/pointer_source.h"
 #include "testing/scripted_camera.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
@@ -11,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <chrono>
@@ -66,31 +69,47 @@ protected:
     std::string headline; // set before `ended`
 };
 
-TEST_F(ScreenCaptureTest, SubjectsThatCannotBeRecordedAreRefusedWithTheirSentences)
+TEST_F(ScreenCaptureTest, TheDesktopListsWhatItShowsAndRefusesWhatCannotBeRecorded)
 {
     TestWindow window(x.display(), 10, 10, 50, 40, 0x00ff00);
+    auto absent = Desktop::create(":999");
+    ASSERT_FALSE(absent.has_value());
+    EXPECT_EQ(absent.error().sentence, "No display is available to record.");
+
+    auto created = Desktop::create(x.display());
+    ASSERT_TRUE(created.has_value()) << created.error().sentence;
+    Desktop& desktop = **created;
+    EXPECT_EQ(desktop.bounds(), (Rect{0, 0, 800, 600}));
+    auto displays = desktop.displays();
+    ASSERT_EQ(displays.size(), 1u);
+    EXPECT_EQ(displays[0].frame, (Rect{0, 0, 800, 600}));
+    auto windows = desktop.windows();
+    auto shown = std::find_if(windows.begin(), windows.end(), [&](const DesktopWindow& w) { return w.id == window.id(); });
+    ASSERT_NE(shown, windows.end());
+    EXPECT_EQ(shown->frame, (Rect{10, 10, 50, 40}));
+    auto inputs = desktop.inputs();
+    ASSERT_TRUE(inputs.has_value()) << inputs.error().sentence;
+    EXPECT_TRUE(inputs->pointer->position().has_value());
+
     struct Case {
         const char* name;
         ScreenSubject subject;
-        std::optional<std::string> display;
         std::string sentence;
     };
     const Case cases[] = {
-        {"no X server", ScreenSubject::display(), ":999", "No display is available to record."},
-        {"an area 1.5 points wide", ScreenSubject::areaOf({0, 0, 1.5, 100}), x.display(),
+        {"an area 1.5 points wide", ScreenSubject::areaOf({0, 0, 1.5, 100}),
             "That subject reports a size of 1.5 x 100 points, which is too small to record."},
-        {"a device", ScreenSubject{ScreenSubject::Kind::device, {}, 0, {}, "iPad"}, x.display(),
-            "A device subject reached the screen path."},
-        {"a window that does not exist", ScreenSubject::window(0x7fffff), x.display(), "That window is gone."},
-        {"an unknown display", ScreenSubject::display("HDMI-9"), x.display(),
+        {"a device", ScreenSubject{ScreenSubject::Kind::device, {}, 0, {}, "iPad"}, "A device subject reached the screen path."},
+        {"a window that does not exist", ScreenSubject::window(0x7fffff), "That window is gone."},
+        {"an unknown display", ScreenSubject::display("HDMI-9"),
             "There is no display called \"HDMI-9\" to record. Nothing was recorded. Pick one of: screen."},
     };
     for (const Case& c : cases) {
-        auto source = createX11ScreenSource(c.subject, c.display);
+        auto source = desktop.screen(c.subject);
         ASSERT_FALSE(source.has_value()) << c.name;
         EXPECT_EQ(source.error().sentence, c.sentence) << c.name;
     }
-    auto two = createX11ScreenSource(ScreenSubject::areaOf({5, 5, 2, 2}), x.display());
+    auto two = desktop.screen(ScreenSubject::areaOf({5, 5, 2, 2}));
     ASSERT_TRUE(two.has_value()) << two.error().sentence;
     EXPECT_EQ((*two)->frame(), (Rect{5, 5, 2, 2}));
 }

@@ -86,13 +86,15 @@ inline void writeMovie(const fs::path& path, const MovieSpec& spec)
 }
 
 // A movie of the given pictures at 30 fps, one per frame, with the default settings.
-inline void writeSolids(const fs::path& path, int width, int height, const std::vector<Image>& pictures)
+inline void writeSolids(const fs::path& path, int width, int height, const std::vector<Image>& pictures,
+    bool scalePictures = false)
 {
     MovieWriter::Settings s;
     s.path = path;
     s.width = width;
     s.height = height;
     s.frameRate = 30;
+    s.scalePictures = scalePictures;
     auto writer = MovieWriter::create(s);
     ASSERT_TRUE(writer) << writer.error().sentence;
     for (size_t n = 0; n < pictures.size(); ++n)

@@ -10,6 +10,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <tuple>
 #include <sstream>
 #include <chrono>
 #include <csignal>
@@ -96,18 +97,19 @@ TEST(MovieWriter, ExportIsFaststartMp4WithItsSettings)
 TEST(MovieWriter, WritesTheMatrixItTags)
 {
     TempDir dir;
-    for (auto [h, expectY] : std::vector<std::pair<int, int>>{{720, 63}, {240, 82}}) {
+    // Pictures twice the movie's size are scaled to it with the same matrix.
+    for (auto [h, expectY, from] : std::vector<std::tuple<int, int, int>>{{720, 63, 1}, {240, 82, 1}, {720, 63, 2}, {240, 82, 2}}) {
         int w = h * 4 / 3;
-        fs::path path = dir / ("red" + std::to_string(h) + ".mp4");
-        Image red = solid(w, h, 0, 0, 255);
-        writeSolids(path, w, h, {red, red, red});
+        fs::path path = dir / ("red" + std::to_string(h) + "from" + std::to_string(from) + ".mp4");
+        Image red = solid(w * from, h * from, 0, 0, 255);
+        writeSolids(path, w, h, {red, red, red}, from != 1);
         fs::path raw = dir / "y.raw";
         auto r = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-i", path.string(), "-frames:v", "1", "-f",
             "rawvideo", "-pix_fmt", "yuv420p", raw.string()});
         ASSERT_EQ(r.status, 0) << r.err;
         std::string y = testkit::readText(raw);
         int centre = static_cast<unsigned char>(y[static_cast<size_t>(h / 2 * w + w / 2)]);
-        EXPECT_NEAR(centre, expectY, 2) << h;
+        EXPECT_NEAR(centre, expectY, 2) << h << " from " << from;
     }
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 // A camera for tests, where none exists: solid pictures whose level steps every frame.
 
-#include "capture/capture.h"
+#include "capture/camera_source.h"
 
 #include <atomic>
 #include <thread>

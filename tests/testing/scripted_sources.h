@@ -2,7 +2,11 @@
 // Scripted stand-ins for the capture seams: they answer what a test sets and deliver what
 // a test presses, on the test's own thread. All are thread-safe.
 
-#include "capture/capture.h"
+#include "capture/click_source.h"
+#include "capture/key_activity_source.h"
+#include "capture/key_source.h"
+#include "capture/pointer_source.h"
+#include "capture/window_frame_source.h"
 #include "testing/scripted_delivery.h"
 
 #include <map>

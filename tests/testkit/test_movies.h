@@ -4,9 +4,10 @@
 // share and app tests link.
 
 #include "base/image.h"
-#include "capture/capture.h"
-#include "media/media.h"
-#include "stage/stage.h"
+#include "capture/cursor_track.h"
+#include "media/movie_writer.h"
+#include "media/sound_reader.h"
+#include "stage/video_sink.h"
 #include "testkit/testkit.h"
 
 #include <cmath>

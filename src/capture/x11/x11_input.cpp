@@ -1,4 +1,4 @@
-#include "capture/x11_input.h"
+#include "capture/x11/x11_input.h"
 
 #include "base/clock.h"
 #include "base/log.h"

@@ -3,8 +3,8 @@
 // leaves undefined). Windows are read from their Composite pixmap, so a covered or moved
 // window still shows its own content.
 
-#include "capture/screen_source.h"
-#include "capture/x11_connection.h"
+#include "capture/x11/desktop_x11.h"
+#include "capture/x11/x11_connection.h"
 
 #include "base/clock.h"
 #include "base/log.h"

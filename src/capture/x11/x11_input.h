@@ -11,7 +11,7 @@
 #include "capture/key_source.h"
 #include "capture/pointer_source.h"
 #include "capture/window_frame_source.h"
-#include "capture/x11_connection.h"
+#include "capture/x11/x11_connection.h"
 
 #include <atomic>
 #include <map>

@@ -5,6 +5,7 @@
 
 #include "base/error.h"
 #include "base/geometry.h"
+#include "capture/desktop.h"
 
 #include <cstdint>
 #include <memory>
@@ -44,6 +45,10 @@ public:
 
     // The window's frame in root coordinates, or nothing when the window is gone.
     std::optional<Rect> windowFrame(uint32_t window) const;
+
+    // Top-level windows that show, front first: the window manager's client list, else
+    // (no window manager) every mapped child of the root.
+    std::vector<DesktopWindow> windows() const;
 
     // The pointer in root coordinates, or nothing when it cannot be read.
     std::optional<Point> pointer() const;

@@ -1,7 +1,8 @@
 #pragma once
-// A queue between two threads of a render, of at most `capacity` items and, with a byte
-// budget, of items holding at most that many bytes together (so small pictures can queue
-// deeper than large ones). An item larger than the whole budget still goes through once
+// A queue between two threads (a render's stages, a recording's sources and its writer), of
+// at most `capacity` items and, with a byte budget, of items holding at most that many bytes
+// together (so small pictures can queue deeper than large ones; a weight of one per item
+// counts items of one kind). An item larger than the whole budget still goes through once
 // the queue is empty. Both ends wait at most a given time, so a caller can look at its
 // stop flag and its stall clock while it waits; `close()` ends the stream and wakes everyone.
 

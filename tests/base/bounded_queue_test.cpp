@@ -1,6 +1,6 @@
 // The queue between a render's threads: its count and byte limits, items larger than the
 // whole budget, and closing while an end waits.
-#include "stage/bounded_queue.h"
+#include "base/bounded_queue.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "capture/x11_connection.h"
+#include "capture/x11/x11_connection.h"
 
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
@@ -127,6 +127,64 @@ std::optional<Rect> X11Connection::windowFrame(uint32_t window) const
     if (!translated)
         return std::nullopt;
     return Rect{double(translated->dst_x), double(translated->dst_y), double(geometry->width), double(geometry->height)};
+}
+
+namespace {
+
+xcb_atom_t atom(xcb_connection_t* c, const char* name)
+{
+    ReplyPtr<xcb_intern_atom_reply_t> reply(
+        xcb_intern_atom_reply(c, xcb_intern_atom(c, 1, static_cast<uint16_t>(std::strlen(name)), name), nullptr));
+    return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+}
+
+// A property's bytes, or nothing when the window lacks it.
+std::optional<std::string> property(xcb_connection_t* c, uint32_t window, xcb_atom_t name, xcb_atom_t type)
+{
+    if (name == XCB_ATOM_NONE)
+        return std::nullopt;
+    ReplyPtr<xcb_get_property_reply_t> reply(
+        xcb_get_property_reply(c, xcb_get_property(c, 0, window, name, type, 0, 1 << 16), nullptr));
+    if (!reply || reply->type == XCB_ATOM_NONE)
+        return std::nullopt;
+    auto* bytes = static_cast<const char*>(xcb_get_property_value(reply.get()));
+    return std::string(bytes, static_cast<size_t>(xcb_get_property_value_length(reply.get())));
+}
+
+} // namespace
+
+std::vector<DesktopWindow> X11Connection::windows() const
+{
+    xcb_connection_t* c = m_connection;
+    std::vector<uint32_t> ids; // bottom to top
+    if (auto list = property(c, root(), atom(c, "_NET_CLIENT_LIST_STACKING"), XCB_ATOM_WINDOW); list && !list->empty()) {
+        ids.resize(list->size() / sizeof(uint32_t));
+        std::memcpy(ids.data(), list->data(), ids.size() * sizeof(uint32_t));
+    } else {
+        ReplyPtr<xcb_query_tree_reply_t> tree(xcb_query_tree_reply(c, xcb_query_tree(c, root()), nullptr));
+        if (tree) {
+            const xcb_window_t* children = xcb_query_tree_children(tree.get());
+            for (int i = 0; i < xcb_query_tree_children_length(tree.get()); ++i) {
+                ReplyPtr<xcb_get_window_attributes_reply_t> attributes(
+                    xcb_get_window_attributes_reply(c, xcb_get_window_attributes(c, children[i]), nullptr));
+                if (attributes && attributes->map_state == XCB_MAP_STATE_VIEWABLE
+                    && attributes->_class == XCB_WINDOW_CLASS_INPUT_OUTPUT)
+                    ids.push_back(children[i]);
+            }
+        }
+    }
+    xcb_atom_t netName = atom(c, "_NET_WM_NAME"), utf8 = atom(c, "UTF8_STRING");
+    std::vector<DesktopWindow> result;
+    for (auto id = ids.rbegin(); id != ids.rend(); ++id) {
+        auto frame = windowFrame(*id);
+        if (!frame || frame->width < 2 || frame->height < 2)
+            continue;
+        auto title = property(c, *id, netName, utf8);
+        if (!title)
+            title = property(c, *id, XCB_ATOM_WM_NAME, XCB_ATOM_STRING);
+        result.push_back({*id, title.value_or(""), *frame});
+    }
+    return result;
 }
 
 std::optional<Point> X11Connection::pointer() const

@@ -1,0 +1,115 @@
+// The desktop of this session, and where it keeps its wallpaper.
+
+#include "capture/desktop.h"
+
+#include "base/text.h"
+#include "capture/x11/desktop_x11.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+
+namespace plim {
+
+namespace {
+
+bool isSet(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value && *value;
+}
+
+// file:///a%20b -> /a b; anything else as it stands.
+std::string pathFromUri(std::string text)
+{
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\'' || text.back() == '"' || text.back() == ' '))
+        text.pop_back();
+    size_t start = 0;
+    while (start < text.size() && (text[start] == '\'' || text[start] == '"' || text[start] == ' '))
+        ++start;
+    text = text.substr(start);
+    if (text.starts_with("file://"))
+        text = text.substr(7);
+    return percentDecoded(text);
+}
+
+std::optional<std::filesystem::path> existingFile(const std::string& text)
+{
+    if (text.empty())
+        return std::nullopt;
+    std::error_code ec;
+    std::filesystem::path path(text);
+    if (std::filesystem::is_directory(path, ec)) {
+        // A Plasma wallpaper package: the largest picture it holds.
+        std::optional<std::filesystem::path> best;
+        uintmax_t bestSize = 0;
+        for (const auto& entry : std::filesystem::recursive_directory_iterator(path / "contents" / "images", ec)) {
+            const std::string extension = entry.path().extension().string();
+            if (!entry.is_regular_file(ec) || (extension != ".png" && extension != ".jpg" && extension != ".jpeg" && extension != ".webp"))
+                continue;
+            const uintmax_t size = entry.file_size(ec);
+            if (!ec && size > bestSize) {
+                best = entry.path();
+                bestSize = size;
+            }
+        }
+        return best;
+    }
+    if (std::filesystem::is_regular_file(path, ec))
+        return path;
+    return std::nullopt;
+}
+
+std::optional<std::filesystem::path> gnomeWallpaper()
+{
+    FILE* pipe = popen("gsettings get org.gnome.desktop.background picture-uri 2>/dev/null", "r");
+    if (!pipe)
+        return std::nullopt;
+    std::string text;
+    char buffer[512];
+    while (std::fgets(buffer, sizeof buffer, pipe))
+        text += buffer;
+    pclose(pipe);
+    return existingFile(pathFromUri(text));
+}
+
+std::optional<std::filesystem::path> kdeWallpaper()
+{
+    std::filesystem::path config;
+    if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg && *xdg)
+        config = xdg;
+    else if (const char* home = std::getenv("HOME"); home && *home)
+        config = std::filesystem::path(home) / ".config";
+    else
+        return std::nullopt;
+    std::ifstream in(config / "plasma-org.kde.plasma.desktop-appletsrc");
+    std::string line;
+    while (std::getline(in, line))
+        if (line.starts_with("Image="))
+            if (auto path = existingFile(pathFromUri(line.substr(6))))
+                return path;
+    return std::nullopt;
+}
+
+} // namespace
+
+Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string>& display)
+{
+    // An X display named outright is recorded as it stands. A Wayland session's X server
+    // (XWayland) sees only the windows of X programs, so its recording would be blank.
+    const char* session = std::getenv("XDG_SESSION_TYPE");
+    if (!display && isSet("WAYLAND_DISPLAY") && session && std::string(session) == "wayland")
+        return fail("This is a Wayland session, which Plim cannot record yet. Nothing was recorded. "
+                    "Log in to an X11 (Xorg) session to record.",
+            Error::Kind::refused);
+    return createX11Desktop(display);
+}
+
+std::optional<std::filesystem::path> desktopWallpaper()
+{
+    if (auto gnome = gnomeWallpaper())
+        return gnome;
+    return kdeWallpaper();
+}
+
+} // namespace plim
