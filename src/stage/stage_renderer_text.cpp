@@ -33,8 +33,10 @@ void CairoStageRenderer::drawKeycaps(Image& out, const StageMoment& moment, doub
     const double h = style::keycapHeight * m_u;
     const double pad = style::keycapPadding * m_u;
     const double gap = style::keycapGap * m_u;
+    // Each cap holds its text layer (its picture is shared, not copied): a new caption can
+    // empty the cache while earlier caps of this frame are still to be drawn.
     struct Cap {
-        const TextLayer* text;
+        TextLayer text;
         double width;
         double alpha;
     };
@@ -47,9 +49,9 @@ void CairoStageRenderer::drawKeycaps(Image& out, const StageMoment& moment, doub
         const double alpha = std::clamp(std::min(age / style::keycapFadeIn + 0.35, left / style::keycapFadeOut), 0.0, 1.0);
         if (alpha <= 0 || key.caption.empty())
             continue;
-        const TextLayer& text = keycapText(key.caption);
+        TextLayer text = keycapText(key.caption);
         const double width = std::max(h, text.logical.width + 2 * pad);
-        caps.push_back({&text, width, alpha});
+        caps.push_back({std::move(text), width, alpha});
         total += width + (caps.size() > 1 ? gap : 0);
     }
     double bottom = style::keycapBottom * m_u + m_bottom.keycapInset;
@@ -63,7 +65,7 @@ void CairoStageRenderer::drawKeycaps(Image& out, const StageMoment& moment, doub
         m_c->fill(out, style::keycapFill.withAlpha(style::keycapFill.a * cap.alpha), shape);
         m_c->strokePath(out, Path().addRoundedRect({shape.rect.outset(-0.5, -0.5), shape.radius - 0.5}),
             style::keycapEdge.withAlpha(style::keycapEdge.a * cap.alpha), 1);
-        const Image& img = cap.text->image;
+        const Image& img = cap.text.image;
         const double tx = x + (cap.width - img.width) / 2;
         const double ty = y + rise + (h - img.height) / 2;
         m_c->draw(out, img, Affine::translation(tx, ty), std::nullopt, cap.alpha);

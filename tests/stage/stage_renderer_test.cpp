@@ -407,6 +407,17 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
     // Long after their linger they are gone.
     m.keycapTime = 9;
     EXPECT_EQ(changed(r->render(source, m), bare, 0, 0, 640, 360), 0);
+
+    // A hundred distinct shortcuts, two new in each frame: the renderer's text cache fills
+    // and is emptied along the way, and every frame still matches a fresh renderer's.
+    for (int n = 0; n < 100; n += 2) {
+        StageMoment many;
+        many.keycaps = {{n * 100, "⌃" + std::to_string(n)}, {n * 100 + 50, "⌥" + std::to_string(n + 1)}};
+        many.keycapTime = n * 0.1 + 0.3;
+        const Image drawn = r->render(source, many);
+        const Image fresh = renderer(StageSpec{}, {640, 360}, {320, 180})->render(source, many);
+        ASSERT_EQ(changed(drawn, fresh, 0, 0, 640, 360, 0), 0) << "shortcuts " << n << " and " << n + 1;
+    }
 }
 
 TEST(StageRenderer, CaptionInEachLookAndPlace)
@@ -579,6 +590,7 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
     EXPECT_NEAR(mean(frame, 54, 74) / mean(plain, 54, 74), 1, 0.06);
     EXPECT_LT(mean(frame, 280, 300) / mean(plain, 280, 300), 0.6);
 }
+
 
 TEST(StageRenderer, FastPointerStreaksAndPressShrinks)
 {
