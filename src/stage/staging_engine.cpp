@@ -6,6 +6,7 @@
 #include "media/media.h"
 #include "stage/bounded_queue.h"
 #include "stage/recorded_moment_source.h"
+#include "stage/stage_preview.h"
 #include "stage/stage_renderer.h"
 #include "stage/staging_error.h"
 #include "stage/staging_setup.h"
@@ -380,23 +381,16 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
 
 plim::Result<Image> StagingEngine::frame(const StagingJob& job, double outputTime)
 {
-    auto frames = PLIM_TRY(StagingEngine::frames(job, {outputTime}));
-    return std::move(frames.front());
+    auto preview = PLIM_TRY(StagePreview::open(job));
+    return preview->frame(outputTime);
 }
 
 plim::Result<std::vector<Image>> StagingEngine::frames(const StagingJob& job, const std::vector<double>& outputTimes)
 {
-    auto s = PLIM_TRY(prepareStaging(job));
+    auto preview = PLIM_TRY(StagePreview::open(job));
     std::vector<Image> out;
-    for (double outputTime : outputTimes) {
-        double raw = s.timeline.rawTime(std::max(0.0, outputTime)).value_or(0.0);
-        PLIM_TRY(s.reader->seek(raw));
-        auto next = PLIM_TRY(s.reader->next());
-        if (!next)
-            return std::unexpected(stagingFailure(job, StagingError::unreadable("no frame of it could be drawn")));
-        int64_t slot = RenderRules::slotOf(outputTime, s.fps);
-        out.push_back(s.compose(next->image, raw, s.dtAtSlot(slot)));
-    }
+    for (double outputTime : outputTimes)
+        out.push_back(PLIM_TRY(preview->frame(outputTime)));
     return out;
 }
 
