@@ -6,6 +6,31 @@
 
 namespace plim::cairo_backend {
 
+namespace {
+
+// The control key's ⌃, which fonts draw as a small raised caret, half as large again and
+// lowered onto the middle of the letters beside it, as a keycap shows it.
+void enlargeCarets(PangoLayout* layout, std::string_view text, double size)
+{
+    static constexpr std::string_view caret = "\u2303";
+    PangoAttrList* attributes = nullptr;
+    for (auto at = text.find(caret); at != std::string_view::npos; at = text.find(caret, at + caret.size())) {
+        if (!attributes)
+            attributes = pango_attr_list_new();
+        for (PangoAttribute* a : {pango_attr_scale_new(1.45), pango_attr_rise_new(static_cast<int>(-0.2 * size * PANGO_SCALE))}) {
+            a->start_index = static_cast<guint>(at);
+            a->end_index = static_cast<guint>(at + caret.size());
+            pango_attr_list_insert(attributes, a);
+        }
+    }
+    if (attributes) {
+        pango_layout_set_attributes(layout, attributes);
+        pango_attr_list_unref(attributes);
+    }
+}
+
+} // namespace
+
 TextLayer CairoCompositor::text(std::string_view text, const TextStyle& style)
 {
     TextLayer layer;
@@ -22,6 +47,7 @@ TextLayer CairoCompositor::text(std::string_view text, const TextStyle& style)
     pango_layout_set_font_description(layout, font);
     pango_font_description_free(font);
     pango_layout_set_text(layout, text.data(), static_cast<int>(text.size()));
+    enlargeCarets(layout, text, std::max(1.0, style.size));
     if (style.maxWidth > 0) {
         pango_layout_set_width(layout, static_cast<int>(style.maxWidth * PANGO_SCALE));
         pango_layout_set_wrap(layout, PANGO_WRAP_WORD_CHAR);
