@@ -36,12 +36,14 @@ CameraBubble CameraBubble::from(const EditPlan& plan, PlimLook::BubbleCorner loo
 namespace stage_draw {
 
 // The parts of `whole` outside `hole`: bands above and below it, and left and right of it.
+// The hole's edges are rounded to whole pixels, so that bands drawn one by one meet without
+// a blended seam between them.
 std::vector<Rect> around(const Rect& whole, const Rect& hole)
 {
-    const double top = std::clamp(hole.minY(), whole.minY(), whole.maxY());
-    const double bottom = std::clamp(hole.maxY(), top, whole.maxY());
-    const double left = std::clamp(hole.minX(), whole.minX(), whole.maxX());
-    const double right = std::clamp(hole.maxX(), left, whole.maxX());
+    const double top = std::clamp(std::round(hole.minY()), whole.minY(), whole.maxY());
+    const double bottom = std::clamp(std::round(hole.maxY()), top, whole.maxY());
+    const double left = std::clamp(std::round(hole.minX()), whole.minX(), whole.maxX());
+    const double right = std::clamp(std::round(hole.maxX()), left, whole.maxX());
     std::vector<Rect> parts;
     for (const Rect& r : {Rect{whole.x, whole.y, whole.width, top - whole.y},
              Rect{whole.x, bottom, whole.width, whole.maxY() - bottom}, Rect{whole.x, top, left - whole.x, bottom - top},

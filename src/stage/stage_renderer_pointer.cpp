@@ -118,7 +118,9 @@ void CairoStageRenderer::drawSpotlight(Image& out, Point at)
     // radial falloff, scaled with the zoom.
     const double k = std::sqrt(m_zoom);
     const double outer = style::spotlightOuter * m_u * k;
-    const Rect square{at.x - outer, at.y - outer, 2 * outer, 2 * outer};
+    // On whole pixels, so the falloff meets the dimmed bands without a seam.
+    const double side = std::max(1.0, std::round(2 * outer));
+    const Rect square{std::round(at.x - side / 2), std::round(at.y - side / 2), side, side};
     const Color dim{0, 0, 0, style::spotlightDim};
     for (const Rect& band : around({0, 0, m_canvas.width, m_canvas.height}, square))
         m_c->fill(out, dim, RoundedRect{band, 0});

@@ -591,6 +591,39 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
     EXPECT_LT(mean(frame, 280, 300) / mean(plain, 280, 300), 0.6);
 }
 
+// Plain, zoomed and spotlit frames over a smooth backdrop: every pixel opaque, and down the
+// backdrop at the left edge no row stands out from the rows beside it (a seam where bands of
+// the frame meet).
+TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
+{
+    StageSpec spec;
+    spec.cursorSpotlight = true;
+    auto r = renderer(spec, {640, 360}, {320, 200});
+    const Image source = solid(320, 200, {200, 200, 200, 255});
+    StageMoment zoomed;
+    zoomed.zoom = {1.23, 0.437, 0.611};
+    StageMoment lit;
+    lit.cursor = StageMoment::Cursor{0.313, 0.571, 0.313, 0.571, 0, 0};
+    StageMoment both = zoomed;
+    both.cursor = lit.cursor;
+    for (const auto& [name, moment] : {std::pair{"plain", StageMoment{}}, {"zoomed", zoomed}, {"lit", lit}, {"both", both}}) {
+        for (int pass = 0; pass < 3; ++pass) { // fresh frames, then reused ones
+            const Image frame = r->render(source, moment);
+            save(frame, std::string("opaque_") + name);
+            int translucent = 0;
+            for (int y = 0; y < frame.height; ++y)
+                for (int x = 0; x < frame.width; ++x)
+                    translucent += at(frame, x, y).a != 255;
+            EXPECT_EQ(translucent, 0) << name;
+            for (int y = 1; y + 1 < frame.height; ++y)
+                for (int x = 0; x < 6; ++x) {
+                    const Rgba above = at(frame, x, y - 1), here = at(frame, x, y), below = at(frame, x, y + 1);
+                    ASSERT_LE(std::abs(2 * here.luma() - above.luma() - below.luma()), 4)
+                        << name << ": row " << y << " at x " << x << " differs from its neighbours";
+                }
+        }
+    }
+}
 
 TEST(StageRenderer, FastPointerStreaksAndPressShrinks)
 {
