@@ -4,6 +4,7 @@
 // Usage: media_bench [seconds of source, default 2]
 
 #include "media/media.h"
+#include "plan/plan.h"
 #include "stage/stage.h"
 
 #include <chrono>
@@ -171,8 +172,8 @@ int main(int argc, char** argv)
         for (size_t i = 0; i < tone.size() / 2; ++i)
             tone[2 * i] = tone[2 * i + 1] = 0.3f * static_cast<float>(std::sin(2 * M_PI * 440.0 * i / 48000));
         EditPlan edit{.skips = {{{20, 40}, false, 4.0}}};
-        ShareAudioPlan plan = ShareAudioPlan::plan(edit, 60, {{5, 10, 0.2}}, true, 48000);
-        ShareAudioMixer mixer(plan, std::make_shared<ArrayPCMSource>(tone),
+        SoundMix plan = planShareAudio(edit, 60, {{5, 10, 0.2}}, true, 48000);
+        SoundMixer mixer(plan, std::make_shared<ArrayPCMSource>(tone),
             {{0, std::make_shared<ArrayPCMSource>(tone)}});
         auto start = SteadyClock::now();
         int64_t mixed = 0;

@@ -2,8 +2,10 @@
 // (2560 x 1600, 60 fps, 20 s) to a 1920 x 1080, 60 fps staged movie with the zooms of its
 // automatic edit and every frame kept, then transcodes the same recording to the same size
 // with the same encoder settings (decode, scale, encode, nothing composed). Then the peak
-// memory of staging a 3840 x 2160 recording. Each measurement runs in a fresh process of
-// this program, which reports its own peak resident memory (VmHWM, which starts afresh at exec).
+// memory of staging a 3840 x 2160 recording, and the time a stage preview takes to draw a
+// frame at a random time against opening one for every frame. Each render runs in a fresh
+// process of this program, which reports its own peak resident memory (VmHWM, which starts
+// afresh at exec).
 //
 //   stage_bench [folder]   (default: a folder under /tmp, reused between runs)
 
@@ -21,8 +23,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <algorithm>
 #include <filesystem>
+#include <random>
 #include <string>
+#include <vector>
 
 using namespace plim;
 namespace fs = std::filesystem;
@@ -56,7 +61,7 @@ fs::path ensureDemo(const fs::path& folder, int width, int height)
     return movie;
 }
 
-Figures staged(const fs::path& movie, RenderRules::PixelSize canvas)
+StagingJob demoJob(const fs::path& movie, RenderRules::PixelSize canvas)
 {
     auto report = gatherPlan(movie);
     if (!report) {
@@ -72,6 +77,12 @@ Figures staged(const fs::path& movie, RenderRules::PixelSize canvas)
     job.keys = report->keys.value_or(KeystrokeTrack{});
     job.plan = plan;
     job.canvas = canvas;
+    return job;
+}
+
+Figures staged(const fs::path& movie, RenderRules::PixelSize canvas)
+{
+    StagingJob job = demoJob(movie, canvas);
     job.output = movie.parent_path() / "bench.staged.mp4";
     auto start = Clock::now();
     auto outcome = StagingEngine::stage(job, {}, {});
@@ -87,6 +98,40 @@ Figures bare(const fs::path& movie, RenderRules::PixelSize canvas)
     auto start = Clock::now();
     int64_t frames = plim::bench::bareTranscode(movie, canvas.width, canvas.height, movie.parent_path() / "bench.bare.mp4");
     return {std::chrono::duration<double>(Clock::now() - start).count(), frames};
+}
+
+// Milliseconds a frame at a random output time takes: through one preview kept open, and
+// through StagingEngine::frame, which opens the movie and builds a renderer for each.
+void previewSeeks(const fs::path& movie, RenderRules::PixelSize canvas)
+{
+    StagingJob job = demoJob(movie, canvas);
+    auto preview = StagePreview::open(job);
+    if (!preview) {
+        std::fprintf(stderr, "stage_bench: %s\n", preview.error().sentence.c_str());
+        std::exit(1);
+    }
+    std::mt19937 random(7);
+    std::uniform_real_distribution<double> anywhere(0, (*preview)->outputDuration());
+    auto timed = [](auto&& draw) {
+        auto start = Clock::now();
+        if (!draw())
+            std::exit(1);
+        return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    };
+    std::vector<double> kept, opened;
+    for (int i = 0; i < 20; ++i) {
+        const double t = anywhere(random);
+        kept.push_back(timed([&] { return (*preview)->frame(t).has_value(); }));
+        if (i < 5)
+            opened.push_back(timed([&] { return StagingEngine::frame(job, t).has_value(); }));
+    }
+    auto median = [](std::vector<double> v) {
+        std::sort(v.begin(), v.end());
+        return v[v.size() / 2];
+    };
+    std::printf("preview 1920x1080, a random seek: median %.0f ms, slowest %.0f ms (%zu seeks); "
+                "opened for each frame: median %.0f ms\n",
+        median(kept), *std::max_element(kept.begin(), kept.end()), kept.size(), median(opened));
 }
 
 // Runs this program again with `mode` and `movie` and returns the figures it prints and its
@@ -152,6 +197,8 @@ int main(int argc, char** argv)
         static_cast<long long>(plain.frames), plain.seconds, plain.frames / plain.seconds, plain.cpuSeconds, plainMB);
     std::printf("staged / bare: %.2f in time, %.2f in CPU (target at most 1.3, aim 1.1)\n",
         stage.seconds / plain.seconds, stage.cpuSeconds / plain.cpuSeconds);
+
+    previewSeeks(movie, hd);
 
     fs::path uhd = ensureDemo(folder / "uhd", 3840, 2160);
     auto [big, bigMB] = measured(argv[0], "staged", uhd);

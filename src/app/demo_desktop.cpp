@@ -24,7 +24,9 @@ constexpr Box editorText{100, 196, 560, 320};
 constexpr Box saveButton{596, 118, 76, 30};
 constexpr Box files{760, 120, 440, 560};
 constexpr Box listView{760, 196, 440, 484};
-constexpr Box toast{490, 700, 300, 52};
+// Top right, below the bar as the desktop shows notifications: the bottom centre is where
+// a staged movie shows its keycaps.
+constexpr Box toast{950, 40, 300, 52};
 constexpr double rowHeight = 34;
 constexpr int rowCount = 48;
 constexpr double lineHeight = 26;

@@ -6,4 +6,6 @@
 #include "media/movie_reader.h"
 #include "media/movie_writer.h"
 #include "media/pcm_source.h"
+#include "media/sound_mix.h"
+#include "media/sound_mixer.h"
 #include "media/sound_reader.h"

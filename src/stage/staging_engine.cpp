@@ -6,10 +6,11 @@
 #include "media/media.h"
 #include "base/bounded_queue.h"
 #include "stage/recorded_moment_source.h"
-#include "stage/share_audio_mixer.h"
-#include "stage/share_audio_plan.h"
+#include "stage/stage_preview.h"
 #include "stage/stage_renderer.h"
 #include "stage/staging_error.h"
+#include "stage/staging_setup.h"
+#include "stage/staging_sound.h"
 
 #include <atomic>
 #include <chrono>
@@ -30,7 +31,6 @@ using SteadyClock = std::chrono::steady_clock;
 
 constexpr auto waitStep = 50ms;          // how often a waiting stage looks at the stop flag
 constexpr double soundLead = 0.5;        // seconds of sound written ahead of the pictures
-constexpr int64_t soundBlock = 4800;     // frames per mixer block (0.1 s)
 // Pictures waiting between the stages. Two keep every stage busy on a 2-core machine; each
 // more costs a picture. Decoded ones wait in the decoder's own YUV and become BGRA only when
 // they are composed; their budget lets two 2560 x 1600 ones wait but only one 3840 x 2160
@@ -38,196 +38,6 @@ constexpr int64_t soundBlock = 4800;     // frames per mixer block (0.1 s)
 constexpr std::size_t decodedDepth = 2;  // between the decoder and the compositor
 constexpr std::size_t decodedBudget = 16u << 20;
 constexpr std::size_t composedDepth = 2; // between the compositor and the encoder
-
-Error stagingFailure(const StagingJob& job, const StagingError& error)
-{
-    Error out = error.error();
-    if (job.describe)
-        out.sentence = job.describe(error);
-    return out;
-}
-
-// The recording's camera movie, read along with the screen. A camera that fails is left
-// out with a logged line; the render goes on without the bubble.
-class CameraFeed {
-public:
-    static std::unique_ptr<CameraFeed> open(const fs::path& movie, const CursorTrack& cursor)
-    {
-        fs::path path = sidecarPath(movie, PlimFiles::camera);
-        std::error_code ec;
-        if (!cursor.cameraOffsetMS || !fs::exists(path, ec))
-            return nullptr;
-        auto reader = MovieReader::create(path);
-        if (!reader) {
-            logLine(LogArea::main, "the camera movie is left out of the render: " + reader.error().sentence);
-            return nullptr;
-        }
-        auto feed = std::make_unique<CameraFeed>();
-        feed->m_reader = std::move(*reader);
-        feed->m_offset = static_cast<double>(*cursor.cameraOffsetMS) / 1000.0;
-        return feed;
-    }
-
-    // The camera picture showing at screen-movie time `t`.
-    std::optional<Image> at(double t)
-    {
-        if (m_failed)
-            return std::nullopt;
-        double ct = t + m_offset;
-        if (m_current && ct < m_current->time - 1e-6) {
-            if (!m_reader->seek(ct))
-                return failed("it could not be positioned");
-            m_current.reset();
-            m_pending.reset();
-            m_ended = false;
-        }
-        while (!m_ended) {
-            if (!m_pending) {
-                auto next = m_reader->next();
-                if (!next)
-                    return failed(next.error().sentence);
-                if (!*next) {
-                    m_ended = true;
-                    break;
-                }
-                m_pending = std::move(**next);
-            }
-            if (m_current && m_pending->time > ct)
-                break;
-            m_current = std::move(m_pending);
-            m_pending.reset();
-        }
-        if (!m_current)
-            return std::nullopt;
-        return m_current->image;
-    }
-
-private:
-    std::optional<Image> failed(const std::string& why)
-    {
-        logLine(LogArea::main, "the camera movie stopped being read and is left out from here on: " + why);
-        m_failed = true;
-        return std::nullopt;
-    }
-
-    std::unique_ptr<MovieReader> m_reader;
-    double m_offset = 0;
-    std::optional<VideoFrame> m_current;
-    std::optional<VideoFrame> m_pending;
-    bool m_ended = false;
-    bool m_failed = false;
-};
-
-// Everything a render is made of, prepared before any file is written.
-struct Setup {
-    std::unique_ptr<MovieReader> reader;
-    MovieInfo info;
-    double rawDuration = 0;
-    ClipTimeline timeline;
-    int64_t expected = 0;
-    RenderRules::PixelSize canvas;
-    std::unique_ptr<StageRenderer> renderer;
-    std::optional<RecordedMomentSource> moments;
-    std::unique_ptr<CameraFeed> camera;
-    double fps = 60;
-    double sourceFPS = 60;
-    std::optional<double> pictureEnd; // set by the decoder when the pictures end early
-
-    // Output frames in all: the expected count, less what the last frame would be held
-    // past the end of the pictures.
-    int64_t frameCount(int64_t drawn) const
-    {
-        if (!pictureEnd || timeline.pieces.empty() || timeline.pieces.back().rawEnd <= *pictureEnd)
-            return std::max(drawn, expected);
-        double end = RenderRules::pacedOutputTime(timeline, timeline.pieces.size() - 1, *pictureEnd);
-        return std::max(drawn, std::min(expected, static_cast<int64_t>(std::llround(end * fps))));
-    }
-
-    double rawAtSlot(int64_t slot) const
-    {
-        return timeline.rawTime(static_cast<double>(slot) / fps).value_or(0.0);
-    }
-    // Source seconds between this output frame and the next.
-    double dtAtSlot(int64_t slot) const
-    {
-        double dt = rawAtSlot(slot + 1) - rawAtSlot(slot);
-        return std::isfinite(dt) && dt > 0 ? dt : 1.0 / fps;
-    }
-    Image compose(const Image& picture, double raw, double dt)
-    {
-        StageMoment moment = moments->moment(raw, dt);
-        std::optional<Image> cameraPicture = camera ? camera->at(raw) : std::nullopt;
-        return renderer->render(picture, moment, std::nullopt, cameraPicture);
-    }
-};
-
-RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
-{
-    auto even = [](int side) { return std::max(2, side / 2 * 2); };
-    if (job.reframe)
-        return {even(info.width), even(info.height)};
-    if (job.canvas)
-        return {even(job.canvas->width), even(job.canvas->height)};
-    int shortSide = static_cast<int>(job.quality);
-    if (job.gif)
-        shortSide = even(static_cast<int>(shortSide * 0.6));
-    switch (job.look.shape) {
-    case PlimLook::Shape::vertical:
-    case PlimLook::Shape::iPhone:
-        return {shortSide, even(static_cast<int>(shortSide * 16.0 / 9.0))};
-    case PlimLook::Shape::square:
-        return {shortSide, shortSide};
-    case PlimLook::Shape::landscape:
-        break;
-    }
-    return RenderRules::canvasSize(job.quality, job.gif, Size{static_cast<double>(info.width), static_cast<double>(info.height)});
-}
-
-Result<Setup> prepare(const StagingJob& job)
-{
-    Setup s;
-    s.fps = job.fps > 0 && std::isfinite(job.fps) ? job.fps : RenderRules::videoFPS;
-    // Each decoder thread holds frames of its own; past a few threads a 4K source costs
-    // memory faster than it gains speed.
-    MovieReader::Options decoding;
-    decoding.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
-    auto reader = MovieReader::create(job.movie, decoding);
-    if (!reader) {
-        logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
-        std::string reason = reader.error().kind == Error::Kind::missing ? "there is no movie at " + job.movie.string()
-                                                                         : "it could not be opened";
-        return std::unexpected(stagingFailure(job, StagingError::unreadable(reason)));
-    }
-    s.reader = std::move(*reader);
-    s.info = s.reader->info();
-    s.rawDuration = s.info.duration;
-    if (!(s.rawDuration > 0) || s.info.width < 2 || s.info.height < 2)
-        return std::unexpected(stagingFailure(job, StagingError::unreadable("it holds no picture to show")));
-    s.sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
-    s.timeline = job.plan.clipTimeline(s.rawDuration);
-    s.expected = RenderRules::expectedFrames(s.timeline, s.sourceFPS, s.fps);
-    if (s.expected == 0)
-        return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
-
-    s.canvas = canvasFor(job, s.info);
-    s.camera = job.reframe ? nullptr : CameraFeed::open(job.movie, job.cursor);
-    StageRenderer::Options options;
-    options.content = Size{static_cast<double>(s.info.width), static_cast<double>(s.info.height)};
-    options.shape = job.look.shape;
-    options.deviceFramed = job.cursor.subjectKind == "device";
-    options.reframe = job.reframe;
-    if (s.camera && job.look.cameraBubble)
-        options.camera = CameraBubble::from(job.plan, job.look.bubbleCorner);
-    options.zoomBlur = job.look.zoomBlur;
-    options.hasKeycaps = job.look.keys;
-    options.wallpaper = job.wallpaper;
-    s.renderer = PLIM_TRY(StageRenderer::create(job.spec, Size{static_cast<double>(s.canvas.width),
-                                                             static_cast<double>(s.canvas.height)}, options));
-    RecordedMomentSource::Options momentOptions;
-    momentOptions.keycaps = job.look.keys;
-    s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration, {}, momentOptions));
-    return s;
-}
 
 // The first failure of any stage wins and stops the others.
 class FirstFailure {
@@ -256,14 +66,6 @@ private:
     mutable std::mutex m_mutex;
     std::optional<std::string> m_sentence;
 };
-
-StagingError writerError(const Error& error, const char* reason)
-{
-    logLine(LogArea::main, "the render's writer failed: " + error.sentence);
-    if (error.kind == Error::Kind::noSpace)
-        return StagingError::writerFailed("the disk is full", true);
-    return StagingError::writerFailed(reason);
-}
 
 struct DecodedPicture {
     RawVideoFrame picture;
@@ -296,7 +98,7 @@ bool deliver(BoundedQueue<T>& queue, T item, StopToken stop, const std::function
 
 // Reads every pass of the timeline and hands the frames the pacing rule takes to the
 // compositor, each with its output slot.
-void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, FirstFailure& failure)
+void decodeStage(StagingSetup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, FirstFailure& failure)
 {
     double lastFrameTime = -1;
     int64_t nextSlot = 0;
@@ -356,9 +158,9 @@ void decodeStage(Setup& s, BoundedQueue<DecodedPicture>& out, StopToken stop, Fi
 
 // Writes composed frames and the mixed sound to the sink, then finishes it.
 struct EncodeStage {
-    Setup& s;
+    StagingSetup& s;
     VideoSink& sink;
-    ShareAudioMixer* mixer;
+    StagingSound* sound;
     BoundedQueue<Composed>& in;
     StopSource& stopAll;
     FirstFailure& failure;
@@ -368,32 +170,15 @@ struct EncodeStage {
     bool finished = false;
     std::atomic<bool> over{false};
 
-    bool feedSound(double upTo)
+    // Sound up to output second `upTo` (all of it when absent); false once it failed.
+    bool feedSound(std::optional<double> upTo)
     {
-        return !mixer || feedSoundUntil(static_cast<int64_t>(std::ceil(upTo * soundSampleRate)));
-    }
-
-    bool feedSoundUntil(int64_t until)
-    {
-        if (!mixer)
+        if (!sound)
             return true;
-        while (mixer->framesMixed() < until) {
-            auto block = mixer->next(std::min(soundBlock, until - mixer->framesMixed()));
-            if (!block) {
-                failure.set(block.error().sentence);
-                return false;
-            }
-            if (!*block)
-                return true;
-            const auto& samples = (*block)->samples;
-            auto appended = sink.appendAudio(samples.data(), static_cast<int64_t>(samples.size() / soundChannels),
-                (*block)->start);
-            if (!appended) {
-                failure.set(writerError(appended.error(), "the sound was refused"));
-                return false;
-            }
-        }
-        return true;
+        auto fed = upTo ? sound->feedUntil(sink, *upTo) : sound->feedAll(sink);
+        if (!fed)
+            failure.set(fed.error().sentence);
+        return fed.has_value();
     }
 
     void run()
@@ -430,7 +215,7 @@ struct EncodeStage {
                 break;
         }
         in.close();
-        if (stopAll.stop_requested() || !feedSoundUntil(mixer ? mixer->plan().totalFrames : 0))
+        if (stopAll.stop_requested() || !feedSound(std::nullopt))
             return;
         if (auto done = sink.finish(); !done) {
             failure.set(writerError(done.error(), "the file could not be finished"));
@@ -461,40 +246,23 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
         if (auto own = refuseOwnFile(*job.output, job.movie, voices, defaultOutput(job.movie, job.reframe)); !own)
             return Done::failed(own.error().sentence);
     }
-    auto setup = prepare(job);
+    auto setup = prepareStaging(job);
     if (!setup)
         return Done::failed(setup.error().sentence);
-    Setup& s = *setup;
+    StagingSetup& s = *setup;
 
     const fs::path output = job.output.value_or(defaultOutput(job.movie, job.reframe));
     const fs::path partial = partialSibling(output);
-    const bool sound = !job.gif && (s.info.hasSound || !job.voiceovers.empty());
-    // The movie's sound opens before the writer and before any picture is in flight (its
-    // probe decodes a picture of its own); sound that cannot be read ends the render here.
-    std::shared_ptr<AssetPCMSource> movieSound;
-    if (sound && s.info.hasSound) {
-        movieSound = std::make_shared<AssetPCMSource>(job.movie, "The plim's sound");
-        if (auto opened = movieSound->open(); !opened)
-            return Done::failed(opened.error().sentence);
-    }
+    auto soundPath = StagingSound::open(job, s);
+    if (!soundPath)
+        return Done::failed(soundPath.error().sentence);
+    const bool sound = *soundPath != nullptr;
     VideoSink::Settings settings{partial, s.canvas.width, s.canvas.height, s.fps, sound, 0};
     auto sink = job.makeSink ? job.makeSink(settings) : VideoSink::movie(settings);
     if (!sink) {
         std::error_code ec;
         fs::remove(partial, ec);
         return Done::failed(stagingFailure(job, writerError(sink.error(), "it could not be created in its folder")).sentence);
-    }
-
-    std::unique_ptr<ShareAudioMixer> mixer;
-    if (sound) {
-        std::vector<ShareAudioPlan::VoiceInput> inputs;
-        std::map<int, std::shared_ptr<PCMSource>> voices;
-        for (const auto& voice : job.voiceovers) {
-            voices[static_cast<int>(inputs.size())] = std::make_shared<AssetPCMSource>(voice.file, voice.label);
-            inputs.push_back(voice.input);
-        }
-        auto plan = ShareAudioPlan::plan(job.plan, s.rawDuration, inputs, s.info.hasSound, soundSampleRate);
-        mixer = std::make_unique<ShareAudioMixer>(std::move(plan), std::move(movieSound), std::move(voices));
     }
 
     if (progress)
@@ -510,7 +278,7 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
         decodeStage(s, decoded, stopAll.get_token(), failure);
         decoded.close();
     });
-    EncodeStage encode{s, **sink, mixer.get(), composed, stopAll, failure, progress, lastProgress};
+    EncodeStage encode{s, **sink, soundPath->get(), composed, stopAll, failure, progress, lastProgress};
     std::jthread encoder([&] { encode.run(); });
 
     // Composing runs here. A stall is measured from the last frame the encoder accepted.
@@ -607,23 +375,16 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
 
 plim::Result<Image> StagingEngine::frame(const StagingJob& job, double outputTime)
 {
-    auto frames = PLIM_TRY(StagingEngine::frames(job, {outputTime}));
-    return std::move(frames.front());
+    auto preview = PLIM_TRY(StagePreview::open(job));
+    return preview->frame(outputTime);
 }
 
 plim::Result<std::vector<Image>> StagingEngine::frames(const StagingJob& job, const std::vector<double>& outputTimes)
 {
-    auto s = PLIM_TRY(prepare(job));
+    auto preview = PLIM_TRY(StagePreview::open(job));
     std::vector<Image> out;
-    for (double outputTime : outputTimes) {
-        double raw = s.timeline.rawTime(std::max(0.0, outputTime)).value_or(0.0);
-        PLIM_TRY(s.reader->seek(raw));
-        auto next = PLIM_TRY(s.reader->next());
-        if (!next)
-            return std::unexpected(stagingFailure(job, StagingError::unreadable("no frame of it could be drawn")));
-        int64_t slot = RenderRules::slotOf(outputTime, s.fps);
-        out.push_back(s.compose(next->image, raw, s.dtAtSlot(slot)));
-    }
+    for (double outputTime : outputTimes)
+        out.push_back(PLIM_TRY(preview->frame(outputTime)));
     return out;
 }
 

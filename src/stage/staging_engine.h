@@ -7,7 +7,7 @@
 // plan's clip timeline; a slot the recording has no frame for shows the frame before it
 // with the moment of its own time. Three stages run at once, joined by bounded queues:
 // decoding (its own thread) -> composing (the calling thread) -> encoding (its own thread,
-// which also mixes the sound through ShareAudioPlan and ShareAudioMixer).
+// which also mixes the sound: the plan's share sound through the media SoundMixer).
 //
 // Files: the movie is written under a name holding "partial" beside the final one and
 // renamed when finished, so a failed or stopped render leaves nothing under the final name
@@ -26,7 +26,6 @@
 #include "library/plim_look.h"
 #include "plan/edit_plan.h"
 #include "stage/render_rules.h"
-#include "stage/share_audio_plan.h"
 #include "stage/stage_spec.h"
 #include "stage/staging_error.h"
 #include "stage/video_sink.h"
@@ -61,7 +60,7 @@ struct StagingJob {
     struct Voiceover {
         std::filesystem::path file;       // its sound file
         std::string label;                // names it in sentences
-        ShareAudioPlan::VoiceInput input; // where it plays, in output time
+        VoiceoverSlot input;              // where it plays, in output time
     };
     std::vector<Voiceover> voiceovers;
     // Words a failure for the user; default StagingError::sentence.

@@ -407,6 +407,17 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
     // Long after their linger they are gone.
     m.keycapTime = 9;
     EXPECT_EQ(changed(r->render(source, m), bare, 0, 0, 640, 360), 0);
+
+    // A hundred distinct shortcuts, two new in each frame: the renderer's text cache fills
+    // and is emptied along the way, and every frame still matches a fresh renderer's.
+    for (int n = 0; n < 100; n += 2) {
+        StageMoment many;
+        many.keycaps = {{n * 100, "⌃" + std::to_string(n)}, {n * 100 + 50, "⌥" + std::to_string(n + 1)}};
+        many.keycapTime = n * 0.1 + 0.3;
+        const Image drawn = r->render(source, many);
+        const Image fresh = renderer(StageSpec{}, {640, 360}, {320, 180})->render(source, many);
+        ASSERT_EQ(changed(drawn, fresh, 0, 0, 640, 360, 0), 0) << "shortcuts " << n << " and " << n + 1;
+    }
 }
 
 TEST(StageRenderer, CaptionInEachLookAndPlace)
@@ -578,6 +589,40 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
     };
     EXPECT_NEAR(mean(frame, 54, 74) / mean(plain, 54, 74), 1, 0.06);
     EXPECT_LT(mean(frame, 280, 300) / mean(plain, 280, 300), 0.6);
+}
+
+// Plain, zoomed and spotlit frames over a smooth backdrop: every pixel opaque, and down the
+// backdrop at the left edge no row stands out from the rows beside it (a seam where bands of
+// the frame meet).
+TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
+{
+    StageSpec spec;
+    spec.cursorSpotlight = true;
+    auto r = renderer(spec, {640, 360}, {320, 200});
+    const Image source = solid(320, 200, {200, 200, 200, 255});
+    StageMoment zoomed;
+    zoomed.zoom = {1.23, 0.437, 0.611};
+    StageMoment lit;
+    lit.cursor = StageMoment::Cursor{0.313, 0.571, 0.313, 0.571, 0, 0};
+    StageMoment both = zoomed;
+    both.cursor = lit.cursor;
+    for (const auto& [name, moment] : {std::pair{"plain", StageMoment{}}, {"zoomed", zoomed}, {"lit", lit}, {"both", both}}) {
+        for (int pass = 0; pass < 3; ++pass) { // fresh frames, then reused ones
+            const Image frame = r->render(source, moment);
+            save(frame, std::string("opaque_") + name);
+            int translucent = 0;
+            for (int y = 0; y < frame.height; ++y)
+                for (int x = 0; x < frame.width; ++x)
+                    translucent += at(frame, x, y).a != 255;
+            EXPECT_EQ(translucent, 0) << name;
+            for (int y = 1; y + 1 < frame.height; ++y)
+                for (int x = 0; x < 6; ++x) {
+                    const Rgba above = at(frame, x, y - 1), here = at(frame, x, y), below = at(frame, x, y + 1);
+                    ASSERT_LE(std::abs(2 * here.luma() - above.luma() - below.luma()), 4)
+                        << name << ": row " << y << " at x " << x << " differs from its neighbours";
+                }
+        }
+    }
 }
 
 TEST(StageRenderer, FastPointerStreaksAndPressShrinks)

@@ -1,6 +1,7 @@
 // The staging engine on real movies: what comes out is checked with ffprobe and by its
 // pixels and sound; failures leave no file and the plim as it was.
 #include "media/media.h"
+#include "stage/stage_preview.h"
 #include "stage/staging_engine.h"
 #include "testkit/test_movies.h"
 
@@ -136,6 +137,22 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     const uint8_t* middle = frame->row(360) + 576 * 4;
     EXPECT_GT(middle[2], 150);
     EXPECT_LT(middle[1], 80);
+}
+
+TEST_F(StagingEngineTest, APreviewDrawsTimesInAnyOrderFromTheRightPicture)
+{
+    // Back, far ahead (a seek) and a little ahead (read on), across the cut at 1 .. 1.5 s.
+    auto j = job({.cuts = {{"C1", 1, 1.5, {}}}});
+    auto preview = StagePreview::open(j);
+    ASSERT_TRUE(preview) << preview.error().sentence;
+    EXPECT_NEAR((*preview)->outputDuration(), 2.5, 1e-9);
+    auto timeline = j.plan.clipTimeline(3.0);
+    for (double t : {1.2, 0.3, 2.4, 0.2, 0.6, 0.9, 1.6, 1.8, 0.0}) {
+        auto frame = (*preview)->frame(t);
+        ASSERT_TRUE(frame) << frame.error().sentence;
+        const double raw = *timeline.rawTime(t);
+        EXPECT_EQ(dominant(*frame), expectedChannel(colorAt(source, raw))) << "output " << t << " raw " << raw;
+    }
 }
 
 // Pixels of the picture's bottom-right quarter within 40 of a colour in every channel.

@@ -1,4 +1,4 @@
-#include "stage/share_audio_mixer.h"
+#include "media/sound_mixer.h"
 
 #include <rubberband/RubberBandStretcher.h>
 
@@ -79,15 +79,34 @@ std::vector<float> timeStretch(const std::vector<float>& input, int64_t outFrame
 
 } // namespace
 
+int64_t SoundMix::frames(double seconds, double sampleRate)
+{
+    double f = std::round(seconds * sampleRate);
+    return std::isfinite(f) ? static_cast<int64_t>(f) : 0;
+}
+
+int64_t SoundMix::rampFrames() const
+{
+    return std::max<int64_t>(frames(0.15, sampleRate), 1);
+}
+
+bool SoundMix::touchesAVoice(int64_t from, int64_t to) const
+{
+    int64_t margin = rampFrames();
+    return std::any_of(voices.begin(), voices.end(), [&](const Voice& v) {
+        return v.outStart - margin < to && from < v.outStart + v.count + margin;
+    });
+}
+
 // The stretched sound of one segment of one sped-up stretch, kept while blocks use it.
-struct ShareAudioMixer::StretchCache {
+struct SoundMixer::StretchCache {
     std::size_t stretch = SIZE_MAX;
     int64_t segment = -1;
     int64_t outStart = 0; // output frame of samples[0]
     std::vector<float> samples;
 };
 
-ShareAudioMixer::ShareAudioMixer(ShareAudioPlan plan, std::shared_ptr<PCMSource> plimSound,
+SoundMixer::SoundMixer(SoundMix plan, std::shared_ptr<PCMSource> plimSound,
     std::map<int, std::shared_ptr<PCMSource>> voices)
     : m_plan(std::move(plan))
     , m_plimSound(std::move(plimSound))
@@ -96,12 +115,12 @@ ShareAudioMixer::ShareAudioMixer(ShareAudioPlan plan, std::shared_ptr<PCMSource>
 {
 }
 
-ShareAudioMixer::~ShareAudioMixer() = default;
+SoundMixer::~SoundMixer() = default;
 
-Result<const std::vector<float>*> ShareAudioMixer::stretched(std::size_t index, int64_t frame)
+Result<const std::vector<float>*> SoundMixer::stretched(std::size_t index, int64_t frame)
 {
     const auto& s = m_plan.stretches[index];
-    int64_t segmentRaw = std::max<int64_t>(ShareAudioPlan::frames(stretchSegmentSeconds, m_plan.sampleRate), 1);
+    int64_t segmentRaw = std::max<int64_t>(SoundMix::frames(stretchSegmentSeconds, m_plan.sampleRate), 1);
     // Output frame where raw offset `raw` of the stretch lands.
     auto outOf = [&](int64_t raw) {
         return s.rawCount > 0 ? static_cast<int64_t>(std::llround(double(raw) * s.count / s.rawCount)) : 0;
@@ -125,7 +144,7 @@ Result<const std::vector<float>*> ShareAudioMixer::stretched(std::size_t index, 
     return &cache.samples;
 }
 
-Result<std::optional<ShareAudioMixer::Block>> ShareAudioMixer::next(int64_t maxFrames)
+Result<std::optional<SoundMixer::Block>> SoundMixer::next(int64_t maxFrames)
 {
     if (m_framesMixed >= m_plan.totalFrames || maxFrames <= 0)
         return std::optional<Block>{};

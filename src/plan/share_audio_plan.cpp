@@ -1,4 +1,4 @@
-#include "stage/share_audio_plan.h"
+#include "plan/share_audio_plan.h"
 
 #include "plan/plan.h"
 
@@ -18,21 +18,13 @@ bool changesSpeed(const RemapStep& step)
 
 } // namespace
 
-int64_t ShareAudioPlan::frames(double seconds, double sampleRate)
+SoundMix planShareAudio(const EditPlan& editPlan, double rawDuration, const std::vector<VoiceoverSlot>& voiceovers,
+    bool includesPlimSound, double sampleRate)
 {
-    double f = std::round(seconds * sampleRate);
-    return std::isfinite(f) ? static_cast<int64_t>(f) : 0;
-}
-
-int64_t ShareAudioPlan::rampFrames() const
-{
-    return std::max<int64_t>(frames(0.15, sampleRate), 1);
-}
-
-ShareAudioPlan ShareAudioPlan::plan(const EditPlan& editPlan, double rawDuration,
-    const std::vector<VoiceInput>& voiceovers, bool includesPlimSound, double sampleRate)
-{
-    ShareAudioPlan out;
+    using Piece = SoundMix::Piece;
+    using Stretch = SoundMix::Stretch;
+    using Voice = SoundMix::Voice;
+    SoundMix out;
     out.sampleRate = sampleRate;
     ClipTimeline timeline = editPlan.clipTimeline(rawDuration);
 
@@ -44,7 +36,7 @@ ShareAudioPlan ShareAudioPlan::plan(const EditPlan& editPlan, double rawDuration
             idleRate.push_back(step.mode.r);
         }
 
-    auto at = [&](double seconds) { return frames(seconds, sampleRate); };
+    auto at = [&](double seconds) { return SoundMix::frames(seconds, sampleRate); };
     for (std::size_t p = 0; includesPlimSound && p < timeline.pieces.size(); ++p) {
         const auto& piece = timeline.pieces[p];
         int64_t pieceEnd = at(piece.outEnd);
@@ -84,14 +76,6 @@ ShareAudioPlan ShareAudioPlan::plan(const EditPlan& editPlan, double rawDuration
     }
     out.totalFrames = at(timeline.outputDuration());
     return out;
-}
-
-bool ShareAudioPlan::touchesAVoice(int64_t from, int64_t to) const
-{
-    int64_t margin = rampFrames();
-    return std::any_of(voices.begin(), voices.end(), [&](const Voice& v) {
-        return v.outStart - margin < to && from < v.outStart + v.count + margin;
-    });
 }
 
 } // namespace plim

@@ -1,7 +1,5 @@
 #include "media/media.h"
-#include "stage/share_audio_mixer.h"
-#include "stage/share_audio_plan.h"
-#include "stage/stage.h"
+#include "plan/plan.h"
 #include "testkit/test_movies.h"
 
 #include <gtest/gtest.h>
@@ -9,17 +7,17 @@
 #include <cmath>
 
 using namespace plim;
-using Piece = ShareAudioPlan::Piece;
-using Stretch = ShareAudioPlan::Stretch;
-using Voice = ShareAudioPlan::Voice;
-using VoiceInput = ShareAudioPlan::VoiceInput;
+using Piece = SoundMix::Piece;
+using Stretch = SoundMix::Stretch;
+using Voice = SoundMix::Voice;
+using VoiceInput = VoiceoverSlot;
 
 namespace {
 
 CutRange cut(double start, double end) { return CutRange{"7A4E0C11-0000-4000-8000-000000000001", start, end, {}}; }
 
 // Mixes the whole plan in blocks of `block` frames; returns interleaved stereo.
-std::vector<float> mixAll(ShareAudioMixer& mixer, int64_t block)
+std::vector<float> mixAll(SoundMixer& mixer, int64_t block)
 {
     std::vector<float> out;
     int64_t expectStart = 0;
@@ -51,7 +49,7 @@ TEST(ShareAudioPlan, PiecesStretchesVoicesAndLength)
         double raw;
         std::vector<VoiceInput> voices;
         bool withSound;
-        ShareAudioPlan want;
+        SoundMix want;
     };
     const std::vector<Case> cases = {
         {"untouched", {}, 2, {}, true, {{{0, 0, 96000}}, {}, {}, 96000, 48000}},
@@ -71,12 +69,12 @@ TEST(ShareAudioPlan, PiecesStretchesVoicesAndLength)
             {{}, {}, {{0, 24000, 48000, 0.2f}, {1, 60000, 12000, 0.0f}}, 72000, 48000}},
     };
     for (const auto& c : cases)
-        EXPECT_EQ(ShareAudioPlan::plan(c.edit, c.raw, c.voices, c.withSound, 48000), c.want) << c.name;
+        EXPECT_EQ(planShareAudio(c.edit, c.raw, c.voices, c.withSound, 48000), c.want) << c.name;
 }
 
 TEST(ShareAudioPlan, TouchesAVoiceWithinItsRamp)
 {
-    ShareAudioPlan plan = ShareAudioPlan::plan({}, 4, {{0.5, 1.0, 0.2}}, true, 48000);
+    SoundMix plan = planShareAudio({}, 4, {{0.5, 1.0, 0.2}}, true, 48000);
     ASSERT_EQ(plan.rampFrames(), 7200);
     struct Case {
         int64_t from, to;
@@ -86,19 +84,19 @@ TEST(ShareAudioPlan, TouchesAVoiceWithinItsRamp)
     for (auto c : std::vector<Case>{{0, 16800, false}, {0, 16801, true}, {30000, 31000, true},
              {79199, 90000, true}, {79200, 90000, false}, {100000, 120000, false}})
         EXPECT_EQ(plan.touchesAVoice(c.from, c.to), c.touches) << c.from << " ..< " << c.to;
-    EXPECT_EQ(ShareAudioPlan{.sampleRate = 1}.rampFrames(), 1);
+    EXPECT_EQ(SoundMix{.sampleRate = 1}.rampFrames(), 1);
 }
 
 // micUnder 0.2: the recording sits at 0.2 inside the voice and rises linearly to 1 over
 // 0.15 s (7,200 frames) on both sides; where voices overlap the lower gain wins.
-TEST(ShareAudioMixer, DucksUnderVoicesWithLinearRamps)
+TEST(SoundMixer, DucksUnderVoicesWithLinearRamps)
 {
     std::vector<VoiceInput> voices = {{1.0, 1.0, 0.2}, {2.5, 1.0, 0.5}, {3.0, 1.0, 0.1}};
-    ShareAudioPlan plan = ShareAudioPlan::plan({}, 5, voices, true, 48000);
+    SoundMix plan = planShareAudio({}, 5, voices, true, 48000);
     std::map<int, std::shared_ptr<PCMSource>> silentVoices;
     for (int i = 0; i < 3; ++i)
         silentVoices[i] = std::make_shared<ArrayPCMSource>(std::vector<float>{});
-    ShareAudioMixer mixer(plan, constant(0.5f, 5 * 48000), silentVoices);
+    SoundMixer mixer(plan, constant(0.5f, 5 * 48000), silentVoices);
     auto mixed = mixAll(mixer, 1000);
     ASSERT_EQ(mixed.size(), 2u * 5 * 48000);
     auto gainAt = [&](int64_t f) { return mixed[static_cast<size_t>(2 * f)] / 0.5; };
@@ -123,13 +121,13 @@ TEST(ShareAudioMixer, DucksUnderVoicesWithLinearRamps)
     }
 }
 
-TEST(ShareAudioMixer, ClipsTheSumInsteadOfWrapping)
+TEST(SoundMixer, ClipsTheSumInsteadOfWrapping)
 {
-    ShareAudioPlan plan = ShareAudioPlan::plan({}, 1, {{0.0, 1.0, 1.0}}, true, 48000);
+    SoundMix plan = planShareAudio({}, 1, {{0.0, 1.0, 1.0}}, true, 48000);
     std::vector<float> loud(2 * 48000);
     for (size_t i = 0; i < loud.size(); ++i)
         loud[i] = (i / 2) % 2 ? -0.8f : 0.8f;
-    ShareAudioMixer mixer(plan, std::make_shared<ArrayPCMSource>(loud),
+    SoundMixer mixer(plan, std::make_shared<ArrayPCMSource>(loud),
         {{0, std::make_shared<ArrayPCMSource>(loud)}});
     auto mixed = mixAll(mixer, 4096);
     ASSERT_EQ(mixed.size(), loud.size());
@@ -140,10 +138,10 @@ TEST(ShareAudioMixer, ClipsTheSumInsteadOfWrapping)
     EXPECT_FALSE(mixer.next(100).value().has_value()) << "nothing after the last frame";
 }
 
-TEST(ShareAudioMixer, WithoutThePlimsSoundOnlyVoicesPlay)
+TEST(SoundMixer, WithoutThePlimsSoundOnlyVoicesPlay)
 {
-    ShareAudioPlan plan = ShareAudioPlan::plan({}, 1, {{0.5, 0.25, 0.0}}, false, 48000);
-    ShareAudioMixer mixer(plan, constant(0.5f, 48000), {{0, constant(0.25f, 12000)}});
+    SoundMix plan = planShareAudio({}, 1, {{0.5, 0.25, 0.0}}, false, 48000);
+    SoundMixer mixer(plan, constant(0.5f, 48000), {{0, constant(0.25f, 12000)}});
     auto mixed = mixAll(mixer, 5000);
     ASSERT_EQ(mixed.size(), 2u * 48000);
     EXPECT_EQ(mixed[2 * 1000], 0.0f);
@@ -195,7 +193,7 @@ double frequency(const std::vector<float>& stereo, int64_t from, int64_t to)
 
 } // namespace
 
-TEST(ShareAudioMixerMovie, BurstsLandWhereTheEditPutsThemAtTheirPitch)
+TEST(SoundMixerMovie, BurstsLandWhereTheEditPutsThemAtTheirPitch)
 {
     testkit::TempDir dir;
     fs::path movie = dir / "tones.mp4";
@@ -203,11 +201,11 @@ TEST(ShareAudioMixerMovie, BurstsLandWhereTheEditPutsThemAtTheirPitch)
 
     EditPlan edit{.skips = {{{3.0, 5.0}, false, 4.0}},
         .cuts = {CutRange{"7A4E0C11-0000-4000-8000-000000000001", 0.5, 1.5, {}}}};
-    ShareAudioPlan plan = ShareAudioPlan::plan(edit, 6.0, {}, true, rate);
+    SoundMix plan = planShareAudio(edit, 6.0, {}, true, rate);
     ASSERT_EQ(plan.totalFrames, 7 * rate / 2); // 6 s less 1 s cut, less 1.5 s saved by the speed-up
     ASSERT_EQ(plan.stretches.size(), 1u);
 
-    ShareAudioMixer mixer(plan, std::make_shared<AssetPCMSource>(movie, "The plim's sound"), {});
+    SoundMixer mixer(plan, std::make_shared<AssetPCMSource>(movie, "The plim's sound"), {});
     std::vector<float> mixed = mixAll(mixer, 4096);
     ASSERT_EQ(mixed.size(), 7u * rate);
 

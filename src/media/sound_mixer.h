@@ -1,13 +1,14 @@
 #pragma once
-// Mixes a ShareAudioPlan into blocks of output sound: the recording's pieces at normal
+// Mixes a SoundMix into blocks of output sound: the recording's pieces at normal
 // speed, its sped-up stretches time-stretched with librubberband (pitch kept), voiceovers
 // at unit gain with the recording ducked under them (linear ramps of rampFrames() on both
 // sides; where voices overlap the lower gain wins), every sample clamped to [-1, 1].
 //
 // Thread contract: used from one thread (the render thread); the sources too.
 
+#include "base/error.h"
 #include "media/pcm_source.h"
-#include "stage/share_audio_plan.h"
+#include "media/sound_mix.h"
 
 #include <cstdint>
 #include <map>
@@ -17,7 +18,7 @@
 
 namespace plim {
 
-class ShareAudioMixer {
+class SoundMixer {
 public:
     struct Block {
         int64_t start = 0;          // first output frame
@@ -25,25 +26,25 @@ public:
     };
 
     // `plimSound` is null when the recording's sound is not included.
-    ShareAudioMixer(ShareAudioPlan plan, std::shared_ptr<PCMSource> plimSound,
+    SoundMixer(SoundMix plan, std::shared_ptr<PCMSource> plimSound,
         std::map<int, std::shared_ptr<PCMSource>> voices);
-    ~ShareAudioMixer();
-    ShareAudioMixer(const ShareAudioMixer&) = delete;
-    ShareAudioMixer& operator=(const ShareAudioMixer&) = delete;
+    ~SoundMixer();
+    SoundMixer(const SoundMixer&) = delete;
+    SoundMixer& operator=(const SoundMixer&) = delete;
 
     // The next block of at most `maxFrames` frames; nothing once totalFrames are mixed. A
     // source that fails gives its sentence.
     Result<std::optional<Block>> next(int64_t maxFrames);
 
     int64_t framesMixed() const { return m_framesMixed; }
-    const ShareAudioPlan& plan() const { return m_plan; }
+    const SoundMix& plan() const { return m_plan; }
 
 private:
     struct StretchCache;
     // The stretched sound of the segment of stretch `index` that holds output `frame`.
     Result<const std::vector<float>*> stretched(std::size_t index, int64_t frame);
 
-    ShareAudioPlan m_plan;
+    SoundMix m_plan;
     std::shared_ptr<PCMSource> m_plimSound;
     std::map<int, std::shared_ptr<PCMSource>> m_voices;
     int64_t m_framesMixed = 0;

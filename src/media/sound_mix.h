@@ -1,17 +1,15 @@
 #pragma once
-// The sound of a share, planned in output frames: which stretches of the recording's sound
-// play where (at normal speed, or time-stretched with their pitch kept where the edit
-// speeds them up), and where each voiceover plays and how far it ducks the recording.
-
-#include "plan/edit_plan.h"
+// What a mix plays, in output frames: which stretches of a recording's sound play where (at
+// normal speed, or time-stretched with their pitch kept where they are sped up), and where
+// each voiceover plays and how far it ducks the recording. Plain data; SoundMixer plays it.
 
 #include <cstdint>
 #include <vector>
 
 namespace plim {
 
-struct ShareAudioPlan {
-    // A stretch of recorded sound that survives the edit, played at normal speed.
+struct SoundMix {
+    // A stretch of recorded sound played at normal speed.
     struct Piece {
         int64_t rawStart = 0; // first frame in the recording's sound
         int64_t outStart = 0; // first frame in the output
@@ -38,28 +36,16 @@ struct ShareAudioPlan {
         bool operator==(const Voice&) const = default;
     };
 
-    // Input to planning: a voiceover in output time.
-    struct VoiceInput {
-        double start = 0;     // seconds, output time
-        double duration = 0;  // seconds
-        double micUnder = 1;
-    };
-
     std::vector<Piece> pieces;
     std::vector<Stretch> stretches;
     std::vector<Voice> voices;
     int64_t totalFrames = 0;
     double sampleRate = 48000;
 
-    bool operator==(const ShareAudioPlan&) const = default;
+    bool operator==(const SoundMix&) const = default;
 
     // Seconds × rate rounded to the nearest whole frame.
     static int64_t frames(double seconds, double sampleRate);
-
-    // The plan for an edit of a recording `rawDuration` seconds long. Without the plim's
-    // sound there are no pieces and no stretches.
-    static ShareAudioPlan plan(const EditPlan& editPlan, double rawDuration, const std::vector<VoiceInput>& voiceovers,
-        bool includesPlimSound, double sampleRate);
 
     // Ducking ramps last this many frames: max(round(rate × 0.15), 1).
     int64_t rampFrames() const;

@@ -1,0 +1,134 @@
+#include "stage/staging_setup.h"
+
+#include "base/files.h"
+#include "base/log.h"
+#include "library/library.h"
+
+#include <algorithm>
+#include <cmath>
+#include <thread>
+
+namespace plim {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
+{
+    auto even = [](int side) { return std::max(2, side / 2 * 2); };
+    if (job.reframe)
+        return {even(info.width), even(info.height)};
+    if (job.canvas)
+        return {even(job.canvas->width), even(job.canvas->height)};
+    int shortSide = static_cast<int>(job.quality);
+    if (job.gif)
+        shortSide = even(static_cast<int>(shortSide * 0.6));
+    switch (job.look.shape) {
+    case PlimLook::Shape::vertical:
+    case PlimLook::Shape::iPhone:
+        return {shortSide, even(static_cast<int>(shortSide * 16.0 / 9.0))};
+    case PlimLook::Shape::square:
+        return {shortSide, shortSide};
+    case PlimLook::Shape::landscape:
+        break;
+    }
+    return RenderRules::canvasSize(job.quality, job.gif, Size{static_cast<double>(info.width), static_cast<double>(info.height)});
+}
+
+} // namespace
+
+Error stagingFailure(const StagingJob& job, const StagingError& error)
+{
+    Error out = error.error();
+    if (job.describe)
+        out.sentence = job.describe(error);
+    return out;
+}
+
+StagingError writerError(const Error& error, const char* reason)
+{
+    logLine(LogArea::main, "the render's writer failed: " + error.sentence);
+    if (error.kind == Error::Kind::noSpace)
+        return StagingError::writerFailed("the disk is full", true);
+    return StagingError::writerFailed(reason);
+}
+
+std::unique_ptr<CameraFeed> CameraFeed::open(const fs::path& movie, const CursorTrack& cursor)
+{
+    fs::path path = sidecarPath(movie, PlimFiles::camera);
+    std::error_code ec;
+    if (!cursor.cameraOffsetMS || !fs::exists(path, ec))
+        return nullptr;
+    auto reader = MovieReader::create(path);
+    if (!reader) {
+        logLine(LogArea::main, "the camera movie is left out of the render: " + reader.error().sentence);
+        return nullptr;
+    }
+    return std::unique_ptr<CameraFeed>(
+        new CameraFeed(std::move(*reader), static_cast<double>(*cursor.cameraOffsetMS) / 1000.0));
+}
+
+std::optional<Image> CameraFeed::at(double t)
+{
+    if (m_failed)
+        return std::nullopt;
+    auto picture = m_playhead.at(t + m_offset);
+    if (!picture) {
+        logLine(LogArea::main,
+            "the camera movie stopped being read and is left out from here on: " + picture.error().sentence);
+        m_failed = true;
+        return std::nullopt;
+    }
+    if (!*picture)
+        return std::nullopt;
+    return (*picture)->image;
+}
+
+Result<StagingSetup> prepareStaging(const StagingJob& job)
+{
+    StagingSetup s;
+    s.fps = job.fps > 0 && std::isfinite(job.fps) ? job.fps : RenderRules::videoFPS;
+    // Each decoder thread holds frames of its own; past a few threads a 4K source costs
+    // memory faster than it gains speed.
+    MovieReader::Options decoding;
+    decoding.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+    auto reader = MovieReader::create(job.movie, decoding);
+    if (!reader) {
+        logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
+        std::string reason = reader.error().kind == Error::Kind::missing ? "there is no movie at " + job.movie.string()
+                                                                         : "it could not be opened";
+        return std::unexpected(stagingFailure(job, StagingError::unreadable(reason)));
+    }
+    s.reader = std::move(*reader);
+    s.info = s.reader->info();
+    s.rawDuration = s.info.duration;
+    if (!(s.rawDuration > 0) || s.info.width < 2 || s.info.height < 2)
+        return std::unexpected(stagingFailure(job, StagingError::unreadable("it holds no picture to show")));
+    s.sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
+    s.timeline = job.plan.clipTimeline(s.rawDuration);
+    s.expected = RenderRules::expectedFrames(s.timeline, s.sourceFPS, s.fps);
+    if (s.expected == 0)
+        return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
+
+    s.canvas = canvasFor(job, s.info);
+    s.camera = job.reframe ? nullptr : CameraFeed::open(job.movie, job.cursor);
+    StageRenderer::Options options;
+    options.content = Size{static_cast<double>(s.info.width), static_cast<double>(s.info.height)};
+    options.shape = job.look.shape;
+    options.deviceFramed = job.cursor.subjectKind == "device";
+    options.reframe = job.reframe;
+    if (s.camera && job.look.cameraBubble)
+        options.camera = CameraBubble::from(job.plan, job.look.bubbleCorner);
+    options.zoomBlur = job.look.zoomBlur;
+    options.hasKeycaps = job.look.keys;
+    options.wallpaper = job.wallpaper;
+    s.renderer = PLIM_TRY(StageRenderer::create(job.spec, Size{static_cast<double>(s.canvas.width),
+                                                             static_cast<double>(s.canvas.height)}, options));
+    RecordedMomentSource::Options momentOptions;
+    momentOptions.keycaps = job.look.keys;
+    s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration, {}, momentOptions));
+    return s;
+}
+
+} // namespace plim
