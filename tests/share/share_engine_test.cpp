@@ -208,7 +208,7 @@ TEST_F(ShareTest, AStopHalfWayAndAStalledWriterLeaveNoFile)
     EXPECT_TRUE(outFiles().empty());
 }
 
-TEST_F(ShareTest, OriginalsAreCopiedByteForByteUnderUniqueNames)
+TEST_F(ShareTest, OriginalsCopyByteForByteAndAStillVideoComesOutAtTheSizeSaidBeforeIt)
 {
     const fs::path movie = smallPlim("clip.mov");
     const std::string bytes = readText(movie);
@@ -225,12 +225,20 @@ TEST_F(ShareTest, OriginalsAreCopiedByteForByteUnderUniqueNames)
     EXPECT_EQ(progress.stage(ShareStage::ID::copyOriginal)->state, ShareStage::State::done);
     EXPECT_EQ(progress.stage(ShareStage::ID::frames)->state, ShareStage::State::skipped);
 
-    // A video share names itself the same way.
+    // A video share names itself the same way. Its size is said before the first frame,
+    // and a still picture, which needs far fewer bits than its rate, still comes out at it.
     writeText(out / "clip.mp4", "taken");
+    std::string before;
+    engine.onProgress = [&](const ShareProgress& p) {
+        if (p.framesDone == 0 && p.stage(ShareStage::ID::write)->state == ShareStage::State::now)
+            before = p.stage(ShareStage::ID::write)->detail;
+    };
     ShareOutcome video = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
     ASSERT_EQ(video.kind, ShareOutcome::Kind::finished) << video.sentence;
     EXPECT_EQ(video.url, out / "clip 2.mp4");
     EXPECT_EQ(readText(out / "clip.mp4"), "taken");
+    EXPECT_TRUE(before.ends_with(" · about " + ShareOptions::sizeText(video.estimate))) << before;
+    EXPECT_NEAR(double(video.bytes), double(video.estimate), 0.15 * double(video.estimate));
 }
 
 TEST_F(ShareTest, RefusalsComeBeforeAnythingIsWritten)
