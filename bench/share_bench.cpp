@@ -17,6 +17,7 @@
 #include "share/share.h"
 
 #include "bare_transcode.h"
+#include "stopwatch.h"
 
 #include <sys/resource.h>
 
@@ -152,10 +153,29 @@ int gifOnly(const fs::path& reference, GIFSink::Options options)
     return 0;
 }
 
+// A 4K MP4 share in a process of its own (its peak memory is its own, VmHWM): prints the
+// bytes, the estimate, the seconds and the peak in MB.
+int fourK(const fs::path& movie, const fs::path& out)
+{
+    ShareEngine::Environment desk;
+    desk.keepOriginal = [] { return true; };
+    desk.wallpaperURL = [] { return std::nullopt; };
+    ShareEngine engine(desk);
+    auto start = Steady::now();
+    ShareOutcome shared = engine.share(movie, ShareKind::video, ShareQuality::p4K, ShareDestination::save(out));
+    if (shared.kind != ShareOutcome::Kind::finished)
+        die(shared.sentence);
+    std::printf("%lld %lld %.3f %.1f\n", static_cast<long long>(shared.bytes), static_cast<long long>(shared.estimate), since(start),
+        plim::bench::peakResidentMB());
+    return 0;
+}
+
 int main(int argc, char** argv)
 {
     if (argc == 6 && std::string(argv[1]) == "--gif")
         return gifOnly(argv[2], {12, std::atoi(argv[3]), float(std::atof(argv[4])), std::atoi(argv[5])});
+    if (argc == 4 && std::string(argv[1]) == "--4k")
+        return fourK(argv[2], argv[3]);
     const fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path() / "plim-share-bench";
     const fs::path demo = folder / "demo";
     const fs::path out = folder / "out";
@@ -193,6 +213,8 @@ int main(int argc, char** argv)
                 "share / bare = %.2f wall, %.2f CPU (target at most 1.3)\n",
         width, height, static_cast<long long>(mp4.bytes), mp4Seconds, mp4CPU, static_cast<long long>(bareFrames), bareSeconds,
         bareCPU, mp4Seconds / bareSeconds, mp4CPU / bareCPU);
+    std::printf("mp4 1080p share: estimate said before rendering %lld bytes; file / estimate %.3f (target 0.85 to 1.15)\n",
+        static_cast<long long>(mp4.estimate), double(mp4.bytes) / double(std::max<int64_t>(mp4.estimate, 1)));
     // The share shows the edit (its skips sped up), so it writes fewer frames than the bare
     // transcode of the whole recording; per frame written, the two compare like this.
     const long long shareFrames = std::atoll(
@@ -211,6 +233,18 @@ int main(int argc, char** argv)
     const double cliSeconds = since(start), cliCPU = cpu() - cpuStart;
     std::printf("ffmpeg CLI transcode %.1f s (%.1f s CPU); share / ffmpeg = %.2f wall, %.2f CPU\n", cliSeconds, cliCPU,
         mp4Seconds / cliSeconds, mp4CPU / cliCPU);
+
+    // A 4K share in a fresh process.
+    {
+        const std::string line = run(shellQuoted(fs::read_symlink("/proc/self/exe")) + " --4k " + shellQuoted(movie) + " "
+            + shellQuoted(out));
+        long long fileBytes = 0, estimate = 0;
+        double seconds = 0, peak = 0;
+        if (std::sscanf(line.c_str(), "%lld %lld %lf %lf", &fileBytes, &estimate, &seconds, &peak) != 4)
+            die("the 4K share printed " + line);
+        std::printf("mp4 4K share: %lld bytes (estimate %lld, file / estimate %.3f), %.1f s, peak %.0f MB (target under 600 MB)\n",
+            fileBytes, estimate, double(fileBytes) / double(std::max(estimate, 1LL)), seconds, peak);
+    }
 
     // Medium GIF share.
     start = Steady::now();

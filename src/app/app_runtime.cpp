@@ -2,6 +2,8 @@
 
 #include "app/stage_cli.h"
 
+#include <malloc.h>
+
 #include <filesystem>
 #include <system_error>
 
@@ -10,6 +12,8 @@
 #endif
 
 namespace plim::AppRuntime {
+
+void keepPicturesOutOfTheHeap() { ::mallopt(M_MMAP_THRESHOLD, 1 << 20); }
 
 std::string executablePath()
 {

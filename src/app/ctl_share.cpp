@@ -4,6 +4,7 @@
 #include "app/ctl_stage.h"
 #include "base/dates.h"
 #include "base/json.h"
+#include "base/log.h"
 #include "base/places.h"
 #include "capture/desktop.h"
 #include "library/library.h"
@@ -235,25 +236,35 @@ int runListCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     store.refresh();
     for (const std::string& notice : store.takeNotices())
         err << "notice: " << notice << "\n";
-    Json list = Json::array();
+    // Each record is printed as soon as its movie is known, so a listing that has to open
+    // many movies shows them as it goes; the cache spares opening movies seen before.
+    ListingCache cache;
+    const bool json = options->has("--json");
+    bool first = true;
+    if (json)
+        out << "[";
     for (const PlimRecord& record : store.plims()) {
         const fs::path movie = record.rawURL ? *record.rawURL : *record.stagedURL;
-        double length = 0;
-        if (auto reader = MovieReader::create(movie))
-            length = (*reader)->info().duration;
+        const double length = cache.facts(movie).value_or(ListingCache::Facts{}).duration;
         const int64_t bytes = record.rawBytes + record.stagedBytes + record.cameraBytes;
-        if (options->has("--json")) {
-            list.push_back(Json{{"name", record.id}, {"date", iso8601(record.createdAt)}, {"length", length},
-                {"bytes", bytes}, {"staged", record.stagedURL.has_value()}, {"camera", record.cameraURL.has_value()},
-                {"movie", movie.string()}, {"identity", record.identity ? Json(*record.identity) : Json(nullptr)}});
+        if (json) {
+            out << (first ? "\n  " : ",\n  ")
+                << Json{{"name", record.id}, {"date", iso8601(record.createdAt)}, {"length", length}, {"bytes", bytes},
+                       {"staged", record.stagedURL.has_value()}, {"camera", record.cameraURL.has_value()},
+                       {"movie", movie.string()}, {"identity", record.identity ? Json(*record.identity) : Json(nullptr)}}
+                       .dump();
         } else {
             out << record.id << "  " << iso8601(record.createdAt) << "  " << ShareOptions::clock(length) << "  "
                 << ShareOptions::sizeText(bytes) << (record.stagedURL ? "  staged" : "") << (record.cameraURL ? "  camera" : "")
                 << "\n";
         }
+        out << std::flush;
+        first = false;
     }
-    if (options->has("--json"))
-        out << list.dump(2) << "\n";
+    if (json)
+        out << (first ? "]\n" : "\n]\n");
+    if (auto saved = cache.save(); !saved)
+        logLine("Plim: the listing cache could not be saved (" + saved.error().sentence + "); the next listing opens the movies again.");
     return 0;
 }
 

@@ -3,6 +3,7 @@
 // permanent identities, the records the library lists, remembered locations, and the
 // edits document with its looks.
 
+#include "library/listing_cache.h"
 #include "library/look_store.h"
 #include "library/plim4_migration.h"
 #include "library/plim_document.h"

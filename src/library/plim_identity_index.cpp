@@ -2,7 +2,7 @@
 
 #include "library/plim_record.h"
 
-#include <set>
+#include <map>
 
 namespace plim {
 
@@ -71,10 +71,17 @@ std::optional<std::string> PlimIdentityIndex::base(const std::string& id) const
     return it == basesByUUID.end() ? std::nullopt : std::optional(it->second);
 }
 
-PlimIdentityIndex PlimIdentityIndex::reconcile(const std::vector<std::string>& bases, const fs::path& folder, SystemTime now)
+PlimIdentityIndex PlimIdentityIndex::reconcile(const std::vector<std::string>& movies, const fs::path& folder, SystemTime now)
 {
     PlimIdentityIndex index;
-    auto movieFor = [&](const std::string& base) { return folder / (base + movieExtension); };
+    std::vector<std::string> bases;
+    std::map<std::string, std::string> movieNames;
+    for (const std::string& movie : movies) {
+        std::string base = fs::path(movie).stem().string();
+        if (movieNames.emplace(base, movie).second)
+            bases.push_back(std::move(base));
+    }
+    auto movieFor = [&](const std::string& base) { return folder / movieNames.at(base); };
     auto join = [&](const std::string& base, const std::string& id) {
         index.basesByUUID[id] = base;
         index.uuidsByBase[base] = id;
@@ -99,10 +106,7 @@ PlimIdentityIndex PlimIdentityIndex::reconcile(const std::vector<std::string>& b
         PlimIdentity identity;
     };
     std::vector<Held> held;
-    std::set<std::string> seen;
     for (const std::string& base : bases) {
-        if (!seen.insert(base).second)
-            continue;
         auto reading = PlimIdentity::read(base, folder);
         if (reading)
             held.push_back({base, *reading});
@@ -154,7 +158,7 @@ PlimIdentityIndex PlimIdentityIndex::reconcile(const std::vector<std::string>& b
         // Ids keep whole seconds, so compare at that resolution.
         auto createdSecond = std::chrono::floor<std::chrono::seconds>(*created);
         if (createdSecond > *entry->identity.mintedAt)
-            index.report.mismatched[entry->base] = {*entry->identity.mintedAt, *created};
+            index.report.mismatched[entry->base] = {*entry->identity.mintedAt, *created, movieNames.at(entry->base)};
     }
     return index;
 }
@@ -201,7 +205,7 @@ std::vector<std::string> PlimIdentityIndex::Report::sentences() const
               "read or removed.");
 
     for (const auto& [base, mismatch] : mismatched)
-        out.push_back("\"" + base + movieExtension + "\" was created on " + readableDate(mismatch.movieCreatedAt)
+        out.push_back(quoted(mismatch.movie) + " was created on " + readableDate(mismatch.movieCreatedAt)
             + ", after the id in \"" + base + idSuffix + "\" was minted on " + readableDate(mismatch.mintedAt) + ", so "
             "that id was not minted for this movie. That is what renaming plim files in "
             "the file manager leaves behind: the id stays with the name while the footage moves. "

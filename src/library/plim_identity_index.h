@@ -16,6 +16,7 @@ struct PlimIdentityIndex {
     struct Mismatch {
         SystemTime mintedAt;
         SystemTime movieCreatedAt;
+        std::string movie; // the movie's file name
         bool operator==(const Mismatch&) const = default;
     };
 
@@ -40,14 +41,13 @@ struct PlimIdentityIndex {
         bool operator==(const Report&) const = default;
     };
 
-    static constexpr const char* movieExtension = ".mov";
-
     std::map<std::string, std::string> basesByUUID;
     std::map<std::string, std::string> uuidsByBase;
     Report report;
 
-    // For the base names of the raw movies in `folder` (B for B.mov), in library order.
-    static PlimIdentityIndex reconcile(const std::vector<std::string>& bases, const fs::path& folder,
+    // For the file names of the raw movies in `folder` (B.mov, B.mp4), in library order;
+    // each is known by its base name B. A base name given twice counts once.
+    static PlimIdentityIndex reconcile(const std::vector<std::string>& movies, const fs::path& folder,
         SystemTime now = std::chrono::system_clock::now());
 
     // The name that keeps a shared id: the first name that every other name contains,

@@ -81,8 +81,17 @@ std::map<std::string, PlimStore::MovieGroup> PlimStore::groupMovies(const std::v
             MovieGroup& group = groups[stem.substr(0, stem.size() - cameraTag.size())];
             group.camera = folder / name;
             group.cameraBytes = sizeOf(group.camera);
-        } else if (!groups[stem].raw) {
-            groups[stem].raw = folder / name;
+        } else {
+            MovieGroup& group = groups[stem];
+            const fs::path movie = folder / name;
+            if (!group.raw) {
+                group.raw = movie;
+            } else if (movie.extension() == ".mov" && group.raw->extension() != ".mov") {
+                group.shadowed.push_back(*group.raw);
+                group.raw = movie;
+            } else {
+                group.shadowed.push_back(movie);
+            }
         }
     }
     for (auto& [base, group] : groups) {
@@ -117,7 +126,14 @@ void PlimStore::refreshLocked()
     // 2-3. One record per group that has a movie to play.
     std::vector<PlimRecord> records;
     std::vector<std::string> rawBases;
+    std::vector<std::string> shadowed;
     for (auto& [base, group] : groupMovies(names, m_folder)) {
+        for (const fs::path& other : group.shadowed)
+            shadowed.push_back(quoted(other.filename().string()) + " has the same name as " + quoted(group.raw->filename().string())
+                + ", so the two would share their edits, tracks and permanent id; the library lists "
+                + quoted(group.raw->filename().string()) + " and leaves " + quoted(other.filename().string())
+                + " out. Nothing was changed or lost: rename " + quoted(other.filename().string())
+                + " (to " + quoted(base + " 2" + other.extension().string()) + ", for example) and it is listed as a plim of its own.");
         if (!group.raw && !group.staged)
             continue; // a camera movie alone is not a plim
         PlimRecord record;
@@ -145,8 +161,8 @@ void PlimStore::refreshLocked()
     if (fingerprint != m_lastIdentityFingerprint) {
         std::vector<std::string> ordered;
         for (const PlimRecord& record : records)
-            if (record.rawURL && record.rawURL->extension() == PlimIdentityIndex::movieExtension)
-                ordered.push_back(record.id);
+            if (record.rawURL)
+                ordered.push_back(record.rawURL->filename().string());
         m_identities = PlimIdentityIndex::reconcile(ordered, m_folder);
         ++m_reconciles;
         // Minting wrote identity files; what the folder now holds is the fingerprint.
@@ -161,6 +177,11 @@ void PlimStore::refreshLocked()
     }
     for (PlimRecord& record : records)
         record.identity = m_identities.uuid(record.id);
+
+    if (shadowed != m_lastSaidShadowed) {
+        m_notices.insert(m_notices.end(), shadowed.begin(), shadowed.end());
+        m_lastSaidShadowed = shadowed;
+    }
 
     // 6. Identity files whose movie is gone.
     tidyStranded(fingerprint, {rawBases.begin(), rawBases.end()});

@@ -36,6 +36,7 @@ public:
         bool displayIsRawMaster = false; // the raw movie is there
         std::optional<fs::path> raw, staged, camera;
         int64_t cameraBytes = 0;
+        std::vector<fs::path> shadowed; // other raw movies with this base name, left out
     };
 
     explicit PlimStore(fs::path folder, const Clock& clock = UptimeClock::shared());
@@ -66,7 +67,9 @@ public:
 
     // Groups the movie files among `names` (sorted) by base name: "B.staged.mov" is B's
     // staged movie, "B.camera.mov" its camera, any other movie its raw movie. Names
-    // holding "partial" are renders in progress and never listed.
+    // holding "partial" are renders in progress and never listed. Two raw movies with one
+    // base name (B.mov, B.mp4) would share every side file, so only one is the plim:
+    // B.mov when there is one, else the first by name; the others are `shadowed`.
     static std::map<std::string, MovieGroup> groupMovies(const std::vector<std::string>& names, const fs::path& folder);
     static bool isMovieName(const std::string& name);
 
@@ -81,6 +84,7 @@ private:
     std::vector<PlimRecord> m_plims;
     PlimIdentityIndex m_identities;
     std::vector<std::string> m_lastSaidIdentityReport;
+    std::vector<std::string> m_lastSaidShadowed;
     std::optional<std::set<std::string>> m_lastIdentityFingerprint;
     std::map<std::string, double> m_strandedSince; // base name -> uptime first seen
     std::vector<std::string> m_notices;

@@ -200,40 +200,61 @@ Status FfmpegMovieWriter::open()
     const AVCodec* x264 = avcodec_find_encoder_by_name("libx264");
     if (!x264)
         return refuse("this build has no H.264 encoder (libx264)");
-    m_video.reset(avcodec_alloc_context3(x264));
-    AVCodecContext* v = m_video.get();
-    v->width = s.width;
-    v->height = s.height;
-    v->pix_fmt = AV_PIX_FMT_YUV420P;
-    v->time_base = AVRational{1, s.timeScale};
-    v->framerate = av_d2q(s.frameRate, 100000);
-    v->gop_size = std::max(1, static_cast<int>(std::lround(fragmentSeconds * s.frameRate)));
-    v->bit_rate = s.bitsPerSecond > 0 ? s.bitsPerSecond : exportBitsPerSecond(s.width, s.height);
-    if (s.constantRate) {
-        // A one-second buffer at the average rate: short clips land on the rate too.
-        v->rc_max_rate = v->bit_rate;
-        v->rc_buffer_size = static_cast<int>(std::min<int64_t>(v->bit_rate, INT32_MAX));
+    const int64_t bitRate = s.bitsPerSecond > 0 ? s.bitsPerSecond : exportBitsPerSecond(s.width, s.height);
+    auto open = [&](bool constant) {
+        m_video.reset(avcodec_alloc_context3(x264));
+        AVCodecContext* v = m_video.get();
+        v->width = s.width;
+        v->height = s.height;
+        v->pix_fmt = AV_PIX_FMT_YUV420P;
+        v->time_base = AVRational{1, s.timeScale};
+        v->framerate = av_d2q(s.frameRate, 100000);
+        v->gop_size = std::max(1, static_cast<int>(std::lround(fragmentSeconds * s.frameRate)));
+        v->bit_rate = bitRate;
+        if (constant) {
+            // A one-second buffer at the average rate: short clips land on the rate too.
+            v->rc_max_rate = v->bit_rate;
+            v->rc_buffer_size = static_cast<int>(std::min<int64_t>(v->bit_rate, INT32_MAX));
+        }
+        v->thread_count = s.threads;
+        bool hd = isHD(s.height);
+        v->color_range = AVCOL_RANGE_MPEG;
+        v->color_primaries = hd ? AVCOL_PRI_BT709 : AVCOL_PRI_SMPTE170M;
+        v->color_trc = hd ? AVCOL_TRC_BT709 : AVCOL_TRC_SMPTE170M;
+        v->colorspace = hd ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
+        if (m_format->oformat->flags & AVFMT_GLOBALHEADER)
+            v->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "preset", s.preset.c_str(), 0);
+        av_dict_set(&options, "profile", "high", 0);
+        av_dict_set(&options, "forced-idr", "1", 0);
+        // The constant rate is held with filler where still pictures need fewer bits, so
+        // the file comes out at the size its rate promises.
+        if (constant)
+            av_dict_set(&options, "nal-hrd", "cbr", 0);
+        if (s.container == Container::fragmentedMov)
+            av_dict_set(&options, "bf", "0", 0); // no reordering delay, so no negative decode times
+        std::string params = s.lookaheadThread ? "" : "sync-lookahead=0";
+        if (s.fewerFramesInFlight) {
+            params += std::string(params.empty() ? "" : ":") + "rc-lookahead=5:bframes=1";
+            if (s.threads == 0)
+                v->thread_count = 2;
+        }
+        if (!params.empty())
+            av_dict_set(&options, "x264-params", params.c_str(), 0);
+        int opened = avcodec_open2(v, x264, &options);
+        av_dict_free(&options);
+        return opened;
+    };
+    rc = open(s.constantRate);
+    if (rc < 0 && s.constantRate) {
+        logLine(LogArea::main, concat("the H.264 encoder would not write at a constant ", bitRate, " bps (", errorText(rc),
+                                   "); writing at that rate on average, so the file may come out under the estimate."));
+        rc = open(false);
     }
-    v->thread_count = s.threads;
-    bool hd = isHD(s.height);
-    v->color_range = AVCOL_RANGE_MPEG;
-    v->color_primaries = hd ? AVCOL_PRI_BT709 : AVCOL_PRI_SMPTE170M;
-    v->color_trc = hd ? AVCOL_TRC_BT709 : AVCOL_TRC_SMPTE170M;
-    v->colorspace = hd ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
-    if (m_format->oformat->flags & AVFMT_GLOBALHEADER)
-        v->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "preset", s.preset.c_str(), 0);
-    av_dict_set(&options, "profile", "high", 0);
-    av_dict_set(&options, "forced-idr", "1", 0);
-    if (s.container == Container::fragmentedMov)
-        av_dict_set(&options, "bf", "0", 0); // no reordering delay, so no negative decode times
-    if (!s.lookaheadThread)
-        av_dict_set(&options, "x264-params", "sync-lookahead=0", 0);
-    rc = avcodec_open2(v, x264, &options);
-    av_dict_free(&options);
     if (rc < 0)
         return refuse(concat("the H.264 encoder would not open at ", s.width, " × ", s.height, " with preset \"", s.preset, "\" (", errorText(rc), ")"));
+    AVCodecContext* v = m_video.get();
     m_videoStream = avformat_new_stream(m_format.get(), nullptr);
     avcodec_parameters_from_context(m_videoStream->codecpar, v);
     m_videoStream->time_base = v->time_base;

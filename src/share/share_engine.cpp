@@ -32,11 +32,15 @@ std::string seconds1(double seconds, const char* format)
     return text;
 }
 
-int64_t estimateBytes(ShareKind kind, RenderRules::PixelSize canvas, int64_t frames, double seconds)
+// A movie's pictures are written at a constant rate and its sound at the AAC encoder's
+// rate or under it (silence costs little), so a movie comes out at its estimate or a
+// little under. A GIF's size depends on how much of the screen moves; this is a guess.
+int64_t estimateBytes(ShareKind kind, RenderRules::PixelSize canvas, int64_t frames, double seconds, bool sound)
 {
     if (kind == ShareKind::gif) // a mostly still screen: about a twentieth of a byte a pixel a frame
         return static_cast<int64_t>(static_cast<double>(canvas.width) * canvas.height * std::max<int64_t>(frames, 1) * 0.05);
-    const double bits = static_cast<double>(exportBitsPerSecond(canvas.width, canvas.height)) + 160000.0;
+    const double bits = static_cast<double>(exportBitsPerSecond(canvas.width, canvas.height))
+        + (sound ? static_cast<double>(MovieWriter::exportTrack().bitsPerSecond) : 0.0);
     return static_cast<int64_t>(bits * std::max(seconds, 0.0) / 8);
 }
 
@@ -224,7 +228,10 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
     ShareRender::prepare(job, kind);
     const RenderRules::PixelSize canvas = RenderRules::canvasSize(job.quality, gif, Size{double(info.width), double(info.height)});
     const double outputSeconds = timeline.outputDuration();
-    const int64_t estimate = estimateBytes(kind, canvas, expected, outputSeconds);
+    const bool sound = !gif && (info.hasSound || !job.voiceovers.empty());
+    const int64_t estimate = estimateBytes(kind, canvas, expected, outputSeconds, sound);
+    // Said before the first frame is drawn, and beside every count after it.
+    const std::string about = gif ? "" : " · about " + ShareOptions::sizeText(estimate);
     std::vector<int> zoomStarts;
     for (const auto& zoom : job.plan.zooms)
         if (auto out = timeline.outputTime(zoom.start))
@@ -246,7 +253,7 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
         captions->skips = true;
         captions->state = State::skipped;
     }
-    setStage(ID::write, State::now, std::nullopt, "frame 0 of " + std::to_string(expected));
+    setStage(ID::write, State::now, std::nullopt, "frame 0 of " + std::to_string(expected) + about);
 
     // render into a partial file beside the name, published under the next free one
     job.output = folder / (baseName(movie) + ShareFiles::extension(kind, movie));
@@ -261,7 +268,7 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
                 m_progress.framesDone = static_cast<int>(p.frames);
                 m_progress.framesTotal = static_cast<int>(p.expected);
                 m_progress.fraction = std::min(1.0, static_cast<double>(p.frames) / static_cast<double>(total));
-                m_progress.stage(ID::write)->detail = "frame " + std::to_string(p.frames) + " of " + std::to_string(p.expected);
+                m_progress.stage(ID::write)->detail = "frame " + std::to_string(p.frames) + " of " + std::to_string(p.expected) + about;
                 m_progress.stage(ID::frames)->title = ShareStage::framesTitle(zoomStarts, static_cast<int>(p.frames));
                 const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
                 const double left = p.frames > 0 ? elapsed * static_cast<double>(total - p.frames) / static_cast<double>(p.frames) : 0;

@@ -38,6 +38,7 @@ Result<std::unique_ptr<VideoSink>> VideoSink::movie(const Settings& settings)
     writer.threads = settings.threads;
     writer.queueDepth = 2; // the engine queues composed frames itself
     writer.lookaheadThread = false; // the engine's own threads keep the cores busy
+    writer.fewerFramesInFlight = int64_t(settings.width) * settings.height > 2 * 1920 * 1080; // a 4K share's memory
     if (settings.sound)
         writer.sound.push_back(MovieWriter::exportTrack());
     auto made = PLIM_TRY(MovieWriter::create(std::move(writer)));

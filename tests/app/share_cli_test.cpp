@@ -118,6 +118,19 @@ TEST_F(ShareCliTest, ListsTheLibraryAndDrawsThumbnails)
     EXPECT_EQ(json[1]["name"], "First");
     auto plain = ctl({"list", "--folder", library.path().string()});
     EXPECT_TRUE(plain.out.starts_with("Second  ")) << plain.out;
+    // The lengths come from the listing cache now; a movie that changed is opened again,
+    // and a damaged cache is only a cache.
+    EXPECT_TRUE(fs::exists(sandbox.home() / ".cache/plim/listing.txt"));
+    movie("Second.mov", 3.0);
+    writeText(sandbox.home() / ".cache/plim/listing.txt", "plim listing cache 1\n12\tx\n\t\t\n");
+    for (int i = 0; i < 2; ++i) {
+        auto again = ctl({"list", "--folder", library.path().string(), "--json"});
+        ASSERT_EQ(again.status, 0) << again.err;
+        auto relisted = nlohmann::json::parse(again.out);
+        ASSERT_EQ(relisted.size(), 2u);
+        EXPECT_NEAR(relisted[0]["length"].get<double>(), 3.0, 0.1);
+        EXPECT_EQ(relisted[1], json[1]);
+    }
 
     auto thumbs = ctl({"thumbs", second.string()});
     ASSERT_EQ(thumbs.status, 0) << thumbs.err;

@@ -26,7 +26,10 @@ struct Library {
     std::string onDisk(const std::string& base) const { return PlimIdentity::read(base, folder.path()).value_or(PlimIdentity{}).uuid; }
     PlimIdentityIndex reconcile(const std::vector<std::string>& bases) const
     {
-        return PlimIdentityIndex::reconcile(bases, folder.path());
+        std::vector<std::string> movies;
+        for (const std::string& base : bases)
+            movies.push_back(base + ".mov");
+        return PlimIdentityIndex::reconcile(movies, folder.path());
     }
 };
 
@@ -94,7 +97,7 @@ TEST(PlimIdentityIndex, ReconcilesOnceReportsInOrderAndLeavesWhatItCannotReadAlo
     const auto created = fileCreationDate(lib.folder / "M.mov");
     ASSERT_TRUE(created);
     EXPECT_EQ(index.report.mismatched, (std::map<std::string, PlimIdentityIndex::Mismatch>{
-                                           {"M", {*parseIso8601("2020-02-03T04:05:06Z"), *created}}}));
+                                           {"M", {*parseIso8601("2020-02-03T04:05:06Z"), *created, "M.mov"}}}));
 
     EXPECT_EQ(index.report.sentences(), (std::vector<std::string>{
         "Plim gave \"A\" a permanent id so projects can keep pointing at it after a rename.",

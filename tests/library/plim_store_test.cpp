@@ -1,5 +1,6 @@
 #include "base/clock.h"
 #include "base/files.h"
+#include "library/plim_identity.h"
 #include "library/plim_store.h"
 #include "testkit/testkit.h"
 
@@ -89,6 +90,34 @@ TEST(PlimStore, ListsNewestFirstWithSizesCameraAndIdentities)
     store.refresh();
     EXPECT_EQ(ids(store.plims()), ids(plims));
     fs::rename(dir.path().string() + ".away", dir.path());
+}
+
+TEST(PlimStore, EveryRawMovieGetsAnIdentityAndASharedNameIsSaid)
+{
+    TempDir dir;
+    for (const char* name : {"C.mp4", "C.mov", "H.mp4", "I.MOV"})
+        writeText(dir / name, name);
+    ManualClock clock;
+    PlimStore store(dir.path(), clock);
+    store.refresh();
+    auto plims = store.plims();
+    ASSERT_EQ(plims.size(), 3u);
+    for (const PlimRecord& record : plims) {
+        ASSERT_TRUE(record.identity) << record.id;
+        EXPECT_EQ(PlimIdentity::read(record.id, dir.path()).value_or(PlimIdentity{}).uuid, *record.identity);
+    }
+    auto c = std::find_if(plims.begin(), plims.end(), [](const PlimRecord& r) { return r.id == "C"; });
+    ASSERT_NE(c, plims.end());
+    EXPECT_EQ(c->rawURL, dir / "C.mov");
+    const auto notices = store.takeNotices();
+    EXPECT_EQ(std::count(notices.begin(), notices.end(),
+                  "\"C.mp4\" has the same name as \"C.mov\", so the two would share their edits, tracks and permanent id; "
+                  "the library lists \"C.mov\" and leaves \"C.mp4\" out. Nothing was changed or lost: rename \"C.mp4\" (to "
+                  "\"C 2.mp4\", for example) and it is listed as a plim of its own."),
+        1);
+    store.refresh();
+    EXPECT_TRUE(store.takeNotices().empty());
+    EXPECT_TRUE(fs::exists(dir / "C.mp4"));
 }
 
 TEST(PlimStore, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)

@@ -208,7 +208,7 @@ TEST_F(ShareTest, AStopHalfWayAndAStalledWriterLeaveNoFile)
     EXPECT_TRUE(outFiles().empty());
 }
 
-TEST_F(ShareTest, OriginalsAreCopiedByteForByteUnderUniqueNames)
+TEST_F(ShareTest, OriginalsCopyByteForByteAndAStillVideoComesOutAtTheSizeSaidBeforeIt)
 {
     const fs::path movie = smallPlim("clip.mov");
     const std::string bytes = readText(movie);
@@ -226,8 +226,12 @@ TEST_F(ShareTest, OriginalsAreCopiedByteForByteUnderUniqueNames)
     EXPECT_EQ(progress.stage(ShareStage::ID::frames)->state, ShareStage::State::skipped);
 
     // A video share names itself the same way, and never replaces a file that appears at
-    // its name while it renders.
+    // its name while it renders. Its size is said before the first frame, and a still
+    // picture, which needs far fewer bits than its rate, still comes out at it.
+    std::string before;
     engine.onProgress = [&](const ShareProgress& p) {
+        if (p.framesDone == 0 && p.stage(ShareStage::ID::write)->state == ShareStage::State::now)
+            before = p.stage(ShareStage::ID::write)->detail;
         if (p.framesDone > 0 && !fs::exists(out / "clip.mp4"))
             writeText(out / "clip.mp4", "appeared");
     };
@@ -236,6 +240,8 @@ TEST_F(ShareTest, OriginalsAreCopiedByteForByteUnderUniqueNames)
     EXPECT_EQ(video.url, out / "clip 2.mp4");
     EXPECT_EQ(readText(out / "clip.mp4"), "appeared");
     EXPECT_TRUE(video.note.value_or("").starts_with("Saved clip 2.mp4, ")) << video.note.value_or("");
+    EXPECT_TRUE(before.ends_with(" · about " + ShareOptions::sizeText(video.estimate))) << before;
+    EXPECT_NEAR(double(video.bytes), double(video.estimate), 0.15 * double(video.estimate));
 }
 
 TEST_F(ShareTest, RefusalsComeBeforeAnythingIsWritten)
