@@ -1,4 +1,6 @@
 #include "app/ctl_share.h"
+
+#include "base/text.h"
 #include "app/interrupt_stop.h"
 
 #include "app/ctl_stage.h"
@@ -240,11 +242,14 @@ int runListCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
             length = (*reader)->info().duration;
         const int64_t bytes = record.rawBytes + record.stagedBytes + record.cameraBytes;
         if (options->has("--json")) {
-            list.push_back(Json{{"name", record.id}, {"date", iso8601(record.createdAt)}, {"length", length},
+            // JSON holds only UTF-8: a name that is not goes out with its odd bytes escaped.
+            auto text = [](const std::string& s) { return isValidUtf8(s) ? s : escapedText(s); };
+            list.push_back(Json{{"name", text(record.id)}, {"date", iso8601(record.createdAt)}, {"length", length},
                 {"bytes", bytes}, {"staged", record.stagedURL.has_value()}, {"camera", record.cameraURL.has_value()},
-                {"movie", movie.string()}, {"identity", record.identity ? Json(*record.identity) : Json(nullptr)}});
+                {"movie", text(movie.string())},
+                {"identity", record.identity ? Json(text(*record.identity)) : Json(nullptr)}});
         } else {
-            out << record.id << "  " << iso8601(record.createdAt) << "  " << ShareOptions::clock(length) << "  "
+            out << escapedText(record.id) << "  " << iso8601(record.createdAt) << "  " << ShareOptions::clock(length) << "  "
                 << ShareOptions::sizeText(bytes) << (record.stagedURL ? "  staged" : "") << (record.cameraURL ? "  camera" : "")
                 << "\n";
         }

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "library/library.h"
 #include "media/media.h"
 #include "stage/bounded_queue.h"
@@ -194,9 +195,7 @@ Result<Setup> prepare(const StagingJob& job)
     auto reader = MovieReader::create(job.movie, decoding);
     if (!reader) {
         logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
-        std::string reason = reader.error().kind == Error::Kind::missing ? "there is no movie at " + job.movie.string()
-                                                                         : "it could not be opened";
-        return std::unexpected(stagingFailure(job, StagingError::unreadable(reason)));
+        return std::unexpected(stagingFailure(job, StagingError::unusable(reader.error().sentence)));
     }
     s.reader = std::move(*reader);
     s.info = s.reader->info();
@@ -619,7 +618,13 @@ plim::Result<std::vector<Image>> StagingEngine::frames(const StagingJob& job, co
 {
     auto s = PLIM_TRY(prepare(job));
     std::vector<Image> out;
+    const double length = s.timeline.outputDuration();
     for (double outputTime : outputTimes) {
+        if (!(outputTime <= length))
+            return fail("The output is " + numberText(length, 1) + " s long, so it has no frame at "
+                    + numberText(outputTime, 1) + " s. Pick a time from 0 to " + numberText(length, 1)
+                    + "; nothing was drawn.",
+                Error::Kind::refused);
         double raw = s.timeline.rawTime(std::max(0.0, outputTime)).value_or(0.0);
         PLIM_TRY(s.reader->seek(raw));
         auto next = PLIM_TRY(s.reader->next());

@@ -143,6 +143,11 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
         {{"--click-style", "sparkle"}, "is not a choice for --click-style"},
         {{"--shape", "4:3"}, "is not a choice for --shape"},
         {{"--frame", "soon", "--png", "x.png"}, "--frame takes a time in seconds"},
+        {{"--frame", "1000", "--png", "x.png"}, "The output is 0.5 s long, so it has no frame at 1000.0 s."},
+        {{"--padding", "100000"}, "Use a whole number from 0 to 400"},
+        {{"--backdrop", "#zzzzzz"}, "the backdrop \"#zzzzzz\" cannot be used. \"#zzzzzz\" is not a colour"},
+        {{"--backdrop", "#000000,#12"}, "\"#12\" is not a colour"},
+        {{"--backdrop", "image:" + (dir / "gone.png").string()}, "gone.png is not there."},
     };
     for (const auto& r : refusals) {
         std::vector<std::string> args = {"stage", movie.string()};
@@ -287,6 +292,8 @@ TEST(StageCLI, SummaryLineAndTrimSuffix)
         "render: 3.2s for 60.0s of plim · out 41.5s · 3 zooms · 2 skips · 1 cuts · trim 0.0–12.0s");
     EXPECT_EQ(StageCLI::trimSuffix(2.5, std::nullopt, 60), " · trim 2.5–60.0s");
     EXPECT_EQ(StageCLI::trimSuffix(std::nullopt, std::nullopt, 60), "");
+    s.outputDuration = 2e9;
+    EXPECT_THAT(StageCLI::summaryLine(s), HasSubstr(" · out 2e+09s · "));
     EXPECT_EQ(StageCLI::failureLine("staging", "The movie is gone."), "staging failed: The movie is gone.");
 }
 
