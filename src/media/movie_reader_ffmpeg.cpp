@@ -212,6 +212,9 @@ Status FfmpegMovieReader::open()
             if (raw->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(static_cast<int>(i)))
                 m_stream = static_cast<int>(i);
     }
+    if (m_stream < 0 && raw->nb_streams == 0)
+        return fail(looksLikeMovie() ? endsEarly("it holds no tracks") : notAMovie("it holds no tracks"),
+            Error::Kind::corrupt);
     if (m_stream < 0)
         return fail(concat(name(), " has no picture track (", m_info.hasSound ? "only sound" : "nothing that plays",
                         "), so there is nothing to show. Pick a movie that shows a picture; the file was left as it is."),

@@ -140,7 +140,7 @@ std::vector<RemapStep> EditPlan::steps(const std::vector<SkipDecision>& skips, c
         }
         for (const auto& piece : pieces)
             if (piece.end - piece.start > epsilon)
-                out.push_back({piece, RemapMode::rate(playableRate(skip.rate))});
+                out.push_back({piece, RemapMode::rate(skip.rate > 0 ? playableRate(skip.rate) : skip.rate)});
     }
 
     std::stable_sort(out.begin(), out.end(),

@@ -189,7 +189,8 @@ struct EditPlan {
     // The plan as time-remap steps, sorted by span start.
     std::vector<RemapStep> steps(double rawDuration) const;
     // The core: removed spans from cuts and trims, merged into cut steps, and the active
-    // skips cut apart by them into rate steps, each rate within the speed range.
+    // skips cut apart by them into rate steps, each positive rate within the speed range (a
+    // rate of 0 stays, and the time remap plays it at 1).
     static std::vector<RemapStep> steps(const std::vector<SkipDecision>& skips,
         const std::vector<IdleSpan>& cuts, std::optional<double> trimIn, std::optional<double> trimOut,
         double rawDuration);

@@ -205,6 +205,12 @@ Result<Setup> prepare(const StagingJob& job)
     s.sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
     s.timeline = job.plan.clipTimeline(s.rawDuration);
     s.expected = RenderRules::expectedFrames(s.timeline, s.sourceFPS, s.fps);
+    if (s.expected == 0 && s.timeline.outputDuration() > 0)
+        return std::unexpected(stagingFailure(job,
+            StagingError::unusable(job.movie.filename().string() + " holds " + numberText(s.sourceFPS, 1)
+                + " pictures a second, and none of them falls inside the " + numberText(s.timeline.outputDuration(), 2)
+                + " s this edit keeps, so there is nothing to show. Keep a longer stretch, or record the plim again "
+                  "at a higher frame rate.")));
     if (s.expected == 0)
         return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 
