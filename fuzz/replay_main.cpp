@@ -1,12 +1,14 @@
 // Without libFuzzer, a harness is a program that feeds it every file under the folders
 // it is given: the seeds run as a test, under whatever sanitizers the build has. With
 // `--mutate SECONDS` it then keeps feeding it mutants of the seeds for that long (random
-// byte edits, JSON tokens, splices; no coverage guidance), so CI fuzzes every reader a
+// byte edits, JSON tokens, splices, and numbers and names at the edge put in place of a
+// JSON value; no coverage guidance), so CI fuzzes every reader a
 // little on every run. `--seed N` repeats a run. An input that brings the program down is
 // written to crash-<harness>-<seed> in the working folder first.
 //
 //   <harness> [--mutate SECONDS] [--seed N] FOLDER...
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdint>
@@ -74,13 +76,73 @@ constexpr std::string_view tokens[] = {"{", "}", "[", "]", "\"", ":", ",", "null
     "-1e-400", "18446744073709551616", "9223372036854775807", "0.1", "\\u0000", "\\ud800", "\xc3\xa9", "\xff", "\n",
     "\t", "\"version\"", "\"t\"", "\"x\"", "\"samples\"", "2038-01-19T03:14:08Z", "9999-12-31T23:59:60.999Z"};
 
+// Values at the edge that stay valid JSON: numbers no reader should trust, and names no
+// reader knows.
+constexpr std::string_view extremeNumbers[] = {"1e308", "-1e308", "1e-300", "1e-9", "0", "-1", "1e9", "100000",
+    "4294967296", "-2147483649", "0.5"};
+constexpr std::string_view unknownNames[] = {"\"wipe\"", "\"\"", "\"Ring\"", "\"\u00e9\"", "\"image:\"",
+    "\"#zzzzzz\"", "\"#12\""};
+
+// Start and length of each number and each string after a colon, found outside strings.
+struct Tokens {
+    std::vector<std::pair<size_t, size_t>> numbers;
+    std::vector<std::pair<size_t, size_t>> values;
+};
+
+Tokens scan(const std::string& s)
+{
+    Tokens found;
+    char before = 0; // the last structural character outside strings
+    for (size_t i = 0; i < s.size();) {
+        const char c = s[i];
+        if (c == '"') {
+            size_t end = i + 1;
+            while (end < s.size() && s[end] != '"')
+                end += s[end] == '\\' ? 2 : 1;
+            end = std::min(end + 1, s.size());
+            if (before == ':')
+                found.values.push_back({i, end - i});
+            before = 0;
+            i = end;
+        } else if (c == '-' || (c >= '0' && c <= '9')) {
+            size_t end = i + 1;
+            while (end < s.size() && std::string_view("0123456789.eE+-").find(s[end]) != std::string_view::npos)
+                ++end;
+            found.numbers.push_back({i, end - i});
+            i = end;
+        } else {
+            if (c == ':' || c == ',' || c == '[' || c == '{')
+                before = c;
+            ++i;
+        }
+    }
+    return found;
+}
+
+// One number or one string value of a JSON text replaced by a value at the edge.
+void replaceValue(std::string& s, std::mt19937_64& random)
+{
+    const Tokens found = scan(s);
+    const bool number = found.values.empty() || (!found.numbers.empty() && random() % 2 == 0);
+    const auto& spots = number ? found.numbers : found.values;
+    if (spots.empty())
+        return;
+    const auto [at, length] = spots[random() % spots.size()];
+    s.replace(at, length,
+        number ? extremeNumbers[random() % std::size(extremeNumbers)] : unknownNames[random() % std::size(unknownNames)]);
+}
+
 std::string mutant(const std::vector<std::string>& pool, std::mt19937_64& random)
 {
     std::string s = pool[random() % pool.size()];
     const int edits = 1 + static_cast<int>(random() % 8);
     for (int e = 0; e < edits; ++e) {
         const size_t at = s.empty() ? 0 : random() % (s.size() + 1);
-        switch (random() % 7) {
+        switch (random() % 9) {
+        case 7: // a value at the edge, keeping the text valid JSON
+        case 8:
+            replaceValue(s, random);
+            break;
         case 0: // change a byte
             if (!s.empty())
                 s[at % s.size()] = static_cast<char>(random());

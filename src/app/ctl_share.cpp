@@ -1,4 +1,6 @@
 #include "app/ctl_share.h"
+
+#include "base/text.h"
 #include "app/interrupt_stop.h"
 
 #include "app/ctl_stage.h"
@@ -248,13 +250,16 @@ int runListCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         const double length = cache.facts(movie).value_or(ListingCache::Facts{}).duration;
         const int64_t bytes = record.rawBytes + record.stagedBytes + record.cameraBytes;
         if (json) {
+            // JSON holds only UTF-8: a name that is not goes out with its odd bytes escaped.
+            auto text = [](const std::string& s) { return isValidUtf8(s) ? s : escapedText(s); };
             out << (first ? "\n  " : ",\n  ")
-                << Json{{"name", record.id}, {"date", iso8601(record.createdAt)}, {"length", length}, {"bytes", bytes},
-                       {"staged", record.stagedURL.has_value()}, {"camera", record.cameraURL.has_value()},
-                       {"movie", movie.string()}, {"identity", record.identity ? Json(*record.identity) : Json(nullptr)}}
+                << Json{{"name", text(record.id)}, {"date", iso8601(record.createdAt)}, {"length", length},
+                       {"bytes", bytes}, {"staged", record.stagedURL.has_value()}, {"camera", record.cameraURL.has_value()},
+                       {"movie", text(movie.string())},
+                       {"identity", record.identity ? Json(text(*record.identity)) : Json(nullptr)}}
                        .dump();
         } else {
-            out << record.id << "  " << iso8601(record.createdAt) << "  " << ShareOptions::clock(length) << "  "
+            out << escapedText(record.id) << "  " << iso8601(record.createdAt) << "  " << ShareOptions::clock(length) << "  "
                 << ShareOptions::sizeText(bytes) << (record.stagedURL ? "  staged" : "") << (record.cameraURL ? "  camera" : "")
                 << "\n";
         }

@@ -4,6 +4,7 @@
 #include "app/interrupt_stop.h"
 #include "app/render_job.h"
 #include "capture/desktop.h"
+#include "base/text.h"
 #include "stage/stage.h"
 
 #include <cairo.h>
@@ -117,6 +118,10 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
         auto backdrop = backdropFromOption(*v);
         if (!backdrop)
             return bad("--backdrop", *v, "a backdrop name, #RRGGBB, #RRGGBB,#RRGGBB or image:PATH");
+        if (auto usable = checkBackdrop(*backdrop); !usable)
+            return Problem{"plimctl " + command + ": the backdrop \"" + escapedText(*v) + "\" cannot be used. "
+                + usable.error().sentence + " Nothing was rendered; choose a backdrop name, a colour or a PNG, JPEG "
+                  "or WebP picture."};
         spec.backdrop = *backdrop;
         // A picture from anywhere is drawn from Plim's own copy of it.
         if (auto* image = std::get_if<StageSpec::Backdrop::Image>(&spec.backdrop.value)) {
@@ -129,13 +134,15 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
     struct Number {
         const char* option;
         int* field;
+        int largest;
     };
-    for (auto [option, field] : {Number{"--padding", &spec.paddingPX}, Number{"--corners", &spec.cornersPX},
-             Number{"--shadow", &spec.shadowPercent}}) {
+    for (auto [option, field, largest] : {Number{"--padding", &spec.paddingPX, StageSpec::largestPaddingPX},
+             Number{"--corners", &spec.cornersPX, StageSpec::largestCornersPX},
+             Number{"--shadow", &spec.shadowPercent, StageSpec::largestShadowPercent}}) {
         if (auto v = options.last(option)) {
             auto n = wholeNumber(*v);
-            if (!n)
-                return bad(option, *v, "a whole number of 0 or more");
+            if (!n || *n > largest)
+                return bad(option, *v, "a whole number from 0 to " + std::to_string(largest));
             *field = *n;
             spec.card.reset(); // the pixel settings win over a proportional card look
         }

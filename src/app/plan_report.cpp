@@ -9,12 +9,7 @@
 
 namespace plim {
 
-static std::string seconds(double s)
-{
-    char buffer[32];
-    std::snprintf(buffer, sizeof buffer, "%.3fs", s);
-    return buffer;
-}
+static std::string seconds(double s) { return numberText(s, 3) + "s"; }
 
 // The recording's length as the pointer track knows it: its last sample, clock-aligned to
 // the movie by the video start offset.
@@ -77,22 +72,17 @@ void printPlan(const PlanReport& r, std::ostream& out)
         out << "cut: " << seconds(cut.start) << " to " << seconds(cut.end)
             << (cut.transition ? " with " + std::string(TransitionSpec::rawValue(cut.transition->kind)) : "") << "\n";
     for (auto& skip : plan.activeSegments()) {
-        char rate[32];
-        std::snprintf(rate, sizeof rate, "%gx", skip.rate);
-        out << "skip: " << seconds(skip.span.start) << " to " << seconds(skip.span.end) << " at " << rate << "\n";
+        out << "skip: " << seconds(skip.span.start) << " to " << seconds(skip.span.end) << " at "
+            << numberText(skip.rate, 2) << "x\n";
     }
-    for (auto& zoom : plan.zooms) {
-        char line[160];
-        std::snprintf(line, sizeof line, "zoom: %.3fs to %.3fs, %.2fx at (%.3f, %.3f)", zoom.start, zoom.end, zoom.scale,
-            zoom.centerX, zoom.centerY);
-        out << line << (zoom.style ? ", " + *zoom.style : "") << "\n";
-    }
-    for (auto& mask : plan.masks) {
-        char line[160];
-        std::snprintf(line, sizeof line, "mask: %.3fs to %.3fs, %s at (%.3f, %.3f) %.3f x %.3f", mask.start, mask.end,
-            std::string(MaskRegion::rawValue(mask.style)).c_str(), mask.x, mask.y, mask.w, mask.h);
-        out << line << "\n";
-    }
+    for (auto& zoom : plan.zooms)
+        out << "zoom: " << seconds(zoom.start) << " to " << seconds(zoom.end) << ", " << numberText(zoom.scale, 2)
+            << "x at (" << numberText(zoom.centerX, 3) << ", " << numberText(zoom.centerY, 3) << ")"
+            << (zoom.style ? ", " + escapedText(*zoom.style) : "") << "\n";
+    for (auto& mask : plan.masks)
+        out << "mask: " << seconds(mask.start) << " to " << seconds(mask.end) << ", " << MaskRegion::rawValue(mask.style)
+            << " at (" << numberText(mask.x, 3) << ", " << numberText(mask.y, 3) << ") " << numberText(mask.w, 3)
+            << " x " << numberText(mask.h, 3) << "\n";
     out << "output: " << seconds(TimeRemap::of(plan, r.rawDuration).outputDuration(r.rawDuration)) << "\n";
     for (auto& notice : r.notices)
         out << "notice: " << notice << "\n";

@@ -1,5 +1,7 @@
 #include "app/stage_cli.h"
 
+#include "base/text.h"
+
 #include <cmath>
 #include <cstdio>
 
@@ -30,25 +32,18 @@ std::string progressLine(const std::string& label, double progress)
     return label + " " + std::to_string(percent) + "%";
 }
 
-static std::string format(const char* pattern, auto... values)
-{
-    char buffer[256];
-    std::snprintf(buffer, sizeof buffer, pattern, values...);
-    return buffer;
-}
-
 std::string trimSuffix(std::optional<double> trimIn, std::optional<double> trimOut, double movieDuration)
 {
     if (!trimIn && !trimOut)
         return {};
-    return format(" · trim %.1f–%.1fs", trimIn.value_or(0.0), trimOut.value_or(movieDuration));
+    return " · trim " + numberText(trimIn.value_or(0.0), 1) + "–" + numberText(trimOut.value_or(movieDuration), 1) + "s";
 }
 
 std::string summaryLine(const RenderSummary& s)
 {
-    return format("render: %.1fs for %.1fs of plim · out %.1fs · %d zooms · %d skips · %d cuts", s.wallSeconds,
-               s.movieDuration, s.outputDuration, s.zooms, s.activeSkips, s.cuts)
-        + trimSuffix(s.trimIn, s.trimOut, s.movieDuration);
+    return "render: " + numberText(s.wallSeconds, 1) + "s for " + numberText(s.movieDuration, 1) + "s of plim · out "
+        + numberText(s.outputDuration, 1) + "s · " + std::to_string(s.zooms) + " zooms · " + std::to_string(s.activeSkips)
+        + " skips · " + std::to_string(s.cuts) + " cuts" + trimSuffix(s.trimIn, s.trimOut, s.movieDuration);
 }
 
 std::string failureLine(const std::string& label, const std::string& sentence) { return label + " failed: " + sentence; }

@@ -47,7 +47,7 @@ bool isOrdinaryFile(const fs::path& path, size_t limit)
     return ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode) && static_cast<uint64_t>(info.st_size) <= limit;
 }
 
-Result<std::string> readFileBytes(const fs::path& path, size_t limit)
+Result<int> openOrdinaryFile(const fs::path& path)
 {
     // Non-blocking, so a pipe in the file's place cannot hold the reader forever.
     int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
@@ -67,6 +67,25 @@ Result<std::string> readFileBytes(const fs::path& path, size_t limit)
         ::close(fd);
         return fail(S_ISDIR(info.st_mode) ? "it is a folder, not a file" : "it is not an ordinary file",
             Error::Kind::unreadable);
+    }
+    return fd;
+}
+
+Status checkOrdinaryFile(const fs::path& path)
+{
+    int fd = PLIM_TRY(openOrdinaryFile(path));
+    ::close(fd);
+    return {};
+}
+
+Result<std::string> readFileBytes(const fs::path& path, size_t limit)
+{
+    int fd = PLIM_TRY(openOrdinaryFile(path));
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) {
+        int err = errno;
+        ::close(fd);
+        return fail(errnoText(err), Error::Kind::unreadable);
     }
     if (info.st_size > 0 && static_cast<uint64_t>(info.st_size) > limit) {
         ::close(fd);

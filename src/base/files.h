@@ -25,6 +25,15 @@ inline constexpr size_t maxSideFileBytes = size_t(1) << 30;
 // put in brackets inside their own sentence: "Permission denied", "it is a folder".
 Result<std::string> readFileBytes(const fs::path& path, size_t limit = maxSideFileBytes);
 
+// Opens an existing file for reading only when it is an ordinary file, never blocking on a
+// pipe or a device: the descriptor (close it), or `missing` when nothing is there and
+// `unreadable` with a short reason otherwise ("it is a folder, not a file", "it is not
+// an ordinary file" for a pipe or a device, "Permission denied").
+Result<int> openOrdinaryFile(const fs::path& path);
+
+// The same check without keeping the file open, for readers that open it themselves.
+Status checkOrdinaryFile(const fs::path& path);
+
 // An ordinary file of a size a side file can have (not a folder, pipe, device or giant),
 // following links; false when it cannot be looked at.
 bool isOrdinaryFile(const fs::path& path, size_t limit = maxSideFileBytes);

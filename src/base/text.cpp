@@ -1,6 +1,8 @@
 #include "base/text.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
 #include <utf8proc.h>
 
@@ -113,6 +115,21 @@ std::string escapedText(std::string_view text)
         }
     }
     return out;
+}
+
+std::string numberText(double value, int decimals)
+{
+    if (std::isnan(value))
+        return "not a number";
+    if (std::isinf(value))
+        return value > 0 ? "infinity" : "minus infinity";
+    char text[48];
+    const int places = std::clamp(decimals, 0, 6);
+    if (std::abs(value) < 1e9 && (value == 0 || std::abs(value) >= 1e-4))
+        std::snprintf(text, sizeof text, "%.*f", places, value);
+    else
+        std::snprintf(text, sizeof text, "%.3g", value);
+    return text;
 }
 
 std::string percentEncoded(std::string_view path)

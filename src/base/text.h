@@ -34,6 +34,11 @@ char32_t lowerCase(char32_t c);
 // else is kept as it is.
 std::string escapedText(std::string_view text);
 
+// A number as people read it: `decimals` places below a billion, up to three significant
+// digits and an exponent from there on ("2.1e+12") and below 0.0001 ("1e-09"), "infinity" or "not a number" for values that are not finite. Never
+// longer than a dozen characters or so.
+std::string numberText(double value, int decimals);
+
 // A path as URLs and desktop files write it: every byte outside the unreserved set and "/"
 // becomes %XX ("/a b" -> "/a%20b").
 std::string percentEncoded(std::string_view path);

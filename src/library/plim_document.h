@@ -28,10 +28,10 @@ public:
     static constexpr double newZoomLength = 2.0;
     static constexpr double newZoomLevel = 1.8;
     static constexpr double newBlurLength = 3.0;
-    static constexpr double minimumZoomLevel = 1.0;
-    static constexpr double maximumZoomLevel = 4.0;
-    static constexpr double minimumPauseSpeed = 1.0;
-    static constexpr double maximumPauseSpeed = 16.0;
+    static constexpr double minimumZoomLevel = plan_limits::minZoomScale;
+    static constexpr double maximumZoomLevel = plan_limits::maxZoomScale;
+    static constexpr double minimumPauseSpeed = plan_limits::minSkipRate;
+    static constexpr double maximumPauseSpeed = plan_limits::maxSkipRate;
 
 
     struct OpenResult {

@@ -109,9 +109,9 @@ PlimLook::Decoded PlimLook::fromJson(const Json& value)
         else
             drop(key);
     };
-    auto readFraction = [&](const char* key, double& field) {
+    auto readFraction = [&](const char* key, double& field, double most) {
         auto d = jsonNumber(value, key);
-        if (d && *d >= 0)
+        if (d && *d >= 0 && *d <= most)
             field = *d;
         else
             drop(key);
@@ -131,12 +131,12 @@ PlimLook::Decoded PlimLook::fromJson(const Json& value)
     readBool("cameraBubble", look.cameraBubble);
     readBool("captions", look.captions);
     readBool("clickRings", look.clickRings);
-    readFraction("corners", look.corners);
+    readFraction("corners", look.corners, 0.5);
     readBool("cursorGlide", look.cursorGlide);
     readBool("deadAir", look.deadAir);
     readBool("keys", look.keys);
-    readFraction("padding", look.padding);
-    readFraction("shadow", look.shadow);
+    readFraction("padding", look.padding, 1);
+    readFraction("shadow", look.shadow, 100);
     readEnum("shape", look.shape, shapeFromText);
     readBool("spotlight", look.spotlight);
     readBool("zoomBlur", look.zoomBlur);

@@ -24,6 +24,15 @@
 
 namespace plim {
 
+// The largest picture Plim decodes: 36 million pixels (6000 × 6000, an 8K frame fits),
+// which holds 144 MB as BGRA. A movie or backdrop picture past it is refused with a
+// sentence before its pixels are decoded, so a small file cannot ask for gigabytes.
+inline constexpr int64_t largestPicturePixels = 36'000'000;
+inline constexpr int largestPictureSide = 16384;
+
+// Whether a picture of that size can be decoded; the sentence names `name` (a file).
+Status checkPictureSize(const std::string& name, int64_t width, int64_t height);
+
 struct MovieInfo {
     double duration = 0;   // seconds; the longest of the container's and the picture track's
     double frameRate = 0;  // the picture track's average frame rate (frames a second)
@@ -79,10 +88,11 @@ public:
         int threads = 0;
     };
 
-    // Opens the movie and its first picture track. Fails with a sentence, of kind
-    // `missing` (no file), `unreadable` (no permission, or a picture codec this build
-    // cannot decode), `corrupt` (not a movie, or cut short before its index) or `refused`
-    // (a movie without a picture).
+    // Opens the movie and its first picture track, never blocking on a pipe. Fails with a
+    // sentence naming the cause and what to do, of kind `missing` (no file), `unreadable`
+    // (a folder, pipe or device, no permission, or a picture codec this build cannot
+    // decode), `corrupt` (not a movie, or cut short before its index) or `refused` (a
+    // movie without a picture track, or pictures larger than Plim decodes).
     static Result<std::unique_ptr<MovieReader>> create(const std::filesystem::path& path, Options options);
     static Result<std::unique_ptr<MovieReader>> create(const std::filesystem::path& path)
     {

@@ -4,11 +4,13 @@
 
 #include "media/ffmpeg_support.h"
 
+#include "base/files.h"
 #include "base/image_pool.h"
 
 #include <algorithm>
 #include <cmath>
 #include <system_error>
+#include <unistd.h>
 
 namespace plim {
 
@@ -51,6 +53,16 @@ bool isYuv(int format)
 }
 
 } // namespace
+
+Status checkPictureSize(const std::string& name, int64_t width, int64_t height)
+{
+    if (width <= largestPictureSide && height <= largestPictureSide && width * height <= largestPicturePixels)
+        return {};
+    return fail(concat(name, " holds pictures of ", width, " × ", height, ", more than the ", largestPicturePixels / 1'000'000,
+                    " million pixels Plim decodes (one such picture would take ", (width * height * 4) >> 20,
+                    " MB). Scale it down to 6000 × 6000 or less and use it again; the file was left as it is."),
+        Error::Kind::refused);
+}
 
 struct RawVideoFrame::Data {
     FramePtr frame;
@@ -115,6 +127,19 @@ public:
 
 private:
     std::string name() const { return m_path.filename().string(); }
+    // Whether the file starts as a QuickTime or MPEG-4 movie does.
+    bool looksLikeMovie() const;
+    std::string notAMovie(const std::string& why) const
+    {
+        return concat(name(), " is not a movie Plim can read (", why,
+            "). Name a plim's movie (a .mov or .mp4 Plim wrote); the file was left as it is.");
+    }
+    std::string endsEarly(const std::string& why) const
+    {
+        return concat(name(), " ends early, inside its header (", why,
+            "): the recording was cut short, perhaps by a crash or a full disk, before it was finished. Nothing in "
+            "it can be played; the file was left as it is. Record the plim again.");
+    }
     double frameTime(const AVFrame* frame) const;
     // The next decoded frame, or nothing at the end of the stream.
     Result<FramePtr> decodeOne();
@@ -143,33 +168,60 @@ private:
 Status FfmpegMovieReader::open()
 {
     quietLogs();
-    std::error_code ec;
-    if (!fs::exists(m_path, ec))
-        return fail(concat("There is no movie at ", m_path.string(), ". Check that the file is still there."),
-            Error::Kind::missing);
+    if (auto file = checkOrdinaryFile(m_path); !file) {
+        if (file.error().kind == Error::Kind::missing)
+            return fail(concat("There is no movie at ", m_path.string(), ". Check that the file is still there."),
+                Error::Kind::missing);
+        if (file.error().sentence == errnoText(EACCES) || file.error().sentence == errnoText(EPERM))
+            return fail(concat("Plim has no permission to read ", name(), ". Give your user read access to it (or "
+                               "open it as its owner); the file was left as it is."),
+                Error::Kind::unreadable);
+        return fail(concat(m_path.string(), " is not a movie file (", file.error().sentence,
+                        "). Name the plim's movie itself; nothing was read or changed."),
+            Error::Kind::unreadable);
+    }
     AVFormatContext* raw = nullptr;
     int rc = avformat_open_input(&raw, m_path.c_str(), nullptr, nullptr);
-    if (rc < 0)
-        return fail(concat(name(), " is not a movie Plim can read, or it was cut short before it was finished (",
-                        errorText(rc), "). It was left as it is."),
-            rc == AVERROR(EACCES) || rc == AVERROR(EPERM) ? Error::Kind::unreadable : Error::Kind::corrupt);
+    if (rc < 0) {
+        if (rc == AVERROR(EACCES) || rc == AVERROR(EPERM))
+            return fail(concat("Plim has no permission to read ", name(), ". Give your user read access to it; the "
+                               "file was left as it is."),
+                Error::Kind::unreadable);
+        return fail(looksLikeMovie() ? endsEarly(errorText(rc)) : notAMovie(errorText(rc)), Error::Kind::corrupt);
+    }
     m_format.reset(raw);
+    // Sizes from the header, before any picture is decoded to find the rest.
+    for (unsigned i = 0; i < raw->nb_streams; ++i)
+        if (const AVCodecParameters* par = raw->streams[i]->codecpar; par->codec_type == AVMEDIA_TYPE_VIDEO)
+            PLIM_TRY(checkPictureSize(name(), par->width, par->height));
     rc = avformat_find_stream_info(raw, nullptr);
     if (rc < 0)
-        return fail(concat(name(), " could not be read as a movie (", errorText(rc), "). It was left as it is."),
-            Error::Kind::corrupt);
+        return fail(looksLikeMovie() ? endsEarly(errorText(rc)) : notAMovie(errorText(rc)), Error::Kind::corrupt);
 
     for (unsigned i = 0; i < raw->nb_streams; ++i)
         if (raw->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO)
             ++m_info.soundTracks;
     m_info.hasSound = m_info.soundTracks > 0;
 
+    // A cover picture is not a picture track.
+    auto isCover = [&](int i) { return (raw->streams[i]->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0; };
     m_stream = av_find_best_stream(raw, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (m_stream >= 0 && isCover(m_stream)) {
+        m_stream = -1;
+        for (unsigned i = 0; i < raw->nb_streams && m_stream < 0; ++i)
+            if (raw->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO && !isCover(static_cast<int>(i)))
+                m_stream = static_cast<int>(i);
+    }
+    if (m_stream < 0 && raw->nb_streams == 0)
+        return fail(looksLikeMovie() ? endsEarly("it holds no tracks") : notAMovie("it holds no tracks"),
+            Error::Kind::corrupt);
     if (m_stream < 0)
-        return fail(concat(name(), " has no picture in it. Pick a movie that shows a picture."),
+        return fail(concat(name(), " has no picture track (", m_info.hasSound ? "only sound" : "nothing that plays",
+                        "), so there is nothing to show. Pick a movie that shows a picture; the file was left as it is."),
             Error::Kind::refused);
     AVStream* stream = raw->streams[m_stream];
     const AVCodecParameters* par = stream->codecpar;
+    PLIM_TRY(checkPictureSize(name(), par->width, par->height));
     m_info.codec = avcodec_get_name(par->codec_id);
     m_info.width = par->width;
     m_info.height = par->height;
@@ -204,6 +256,20 @@ Status FfmpegMovieReader::open()
         if (static_cast<int>(i) != m_stream)
             raw->streams[i]->discard = AVDISCARD_ALL;
     return {};
+}
+
+bool FfmpegMovieReader::looksLikeMovie() const
+{
+    auto fd = openOrdinaryFile(m_path);
+    if (!fd)
+        return false;
+    unsigned char head[8] = {};
+    const ssize_t n = ::read(*fd, head, sizeof head);
+    ::close(*fd);
+    if (n < 8)
+        return false;
+    const std::string box(reinterpret_cast<const char*>(head + 4), 4);
+    return box == "ftyp" || box == "moov" || box == "mdat" || box == "wide" || box == "free" || box == "skip";
 }
 
 double FfmpegMovieReader::frameTime(const AVFrame* frame) const

@@ -5,6 +5,8 @@
 
 #include "media/ffmpeg_support.h"
 
+#include "base/files.h"
+
 #include <algorithm>
 #include <cmath>
 #include <deque>
@@ -58,9 +60,11 @@ private:
 Status FfmpegSoundReader::open()
 {
     quietLogs();
-    std::error_code ec;
-    if (!fs::exists(m_path, ec))
-        return fail("there is no file at " + m_path.string(), Error::Kind::missing);
+    if (auto file = checkOrdinaryFile(m_path); !file) {
+        if (file.error().kind == Error::Kind::missing)
+            return fail("there is no file at " + m_path.string(), Error::Kind::missing);
+        return fail("it cannot be read as a file: " + file.error().sentence, Error::Kind::unreadable);
+    }
     AVFormatContext* raw = nullptr;
     int rc = avformat_open_input(&raw, m_path.c_str(), nullptr, nullptr);
     if (rc < 0)

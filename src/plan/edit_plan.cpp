@@ -40,6 +40,15 @@ std::vector<IdleSpan> uncoveredSpans(const std::vector<PlimClip>& clips, double 
     return out;
 }
 
+// A rate the remap cannot play (0, negative, not finite) plays at 1; others within the
+// speed range.
+double playableRate(double rate)
+{
+    if (!std::isfinite(rate) || rate <= 0)
+        return 1.0;
+    return std::clamp(rate, plan_limits::minSkipRate, plan_limits::maxSkipRate);
+}
+
 // Half-width or length of a transition from its stored duration.
 double transitionLength(double duration)
 {
@@ -131,7 +140,7 @@ std::vector<RemapStep> EditPlan::steps(const std::vector<SkipDecision>& skips, c
         }
         for (const auto& piece : pieces)
             if (piece.end - piece.start > epsilon)
-                out.push_back({piece, RemapMode::rate(skip.rate)});
+                out.push_back({piece, RemapMode::rate(skip.rate > 0 ? playableRate(skip.rate) : skip.rate)});
     }
 
     std::stable_sort(out.begin(), out.end(),
@@ -164,7 +173,7 @@ std::vector<EditPlan::RateSegment> EditPlan::activeSegments() const
     std::vector<RateSegment> out;
     for (const auto& skip : skips)
         if (!skip.keep)
-            out.push_back({skip.span, finite(skip.rate) && skip.rate > 0 ? skip.rate : 1.0});
+            out.push_back({skip.span, playableRate(skip.rate)});
     return out;
 }
 

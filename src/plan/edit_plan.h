@@ -19,6 +19,19 @@
 
 namespace plim {
 
+// The ranges that make sense for the plan's numbers, shared by the editor and the readers:
+// a file's value outside its range is read as the nearer end, and the time remap plays
+// no stretch faster or slower than the speed range, so an output never lasts longer than
+// the recording.
+namespace plan_limits {
+inline constexpr double minZoomScale = 1.0;
+inline constexpr double maxZoomScale = 4.0;
+inline constexpr double minSkipRate = 1.0;
+inline constexpr double maxSkipRate = 16.0;
+inline constexpr double minCameraScale = 0.4;
+inline constexpr double maxCameraScale = 2.5;
+} // namespace plan_limits
+
 // An idle stretch found by the automatic edit and what to do with it.
 struct SkipDecision {
     IdleSpan span;
@@ -146,6 +159,7 @@ struct EditPlan {
     struct DecodeReport {
         std::vector<std::string> droppedKeys; // in field order
         std::vector<std::string> droppedCuts; // labels: "cut 3"
+        std::vector<std::string> clampedValues; // "zoom 2's scale 1e+09 as 4"
         bool operator==(const DecodeReport&) const = default;
     };
 
@@ -175,7 +189,8 @@ struct EditPlan {
     // The plan as time-remap steps, sorted by span start.
     std::vector<RemapStep> steps(double rawDuration) const;
     // The core: removed spans from cuts and trims, merged into cut steps, and the active
-    // skips cut apart by them into rate steps.
+    // skips cut apart by them into rate steps, each positive rate within the speed range (a
+    // rate of 0 stays, and the time remap plays it at 1).
     static std::vector<RemapStep> steps(const std::vector<SkipDecision>& skips,
         const std::vector<IdleSpan>& cuts, std::optional<double> trimIn, std::optional<double> trimOut,
         double rawDuration);
@@ -183,7 +198,8 @@ struct EditPlan {
     // Spans of the skips that are not kept, in stored order.
     std::vector<IdleSpan> activeSkips() const;
     // The same skips with the rate they play at: a rate the time remap cannot play (0,
-    // negative, not finite) is left alone by it, so that stretch is reported at 1.
+    // negative, not finite) is left alone by it, so that stretch is reported at 1; others
+    // are brought within the speed range.
     std::vector<RateSegment> activeSegments() const;
     // The complement of the removed spans in [0, rawDuration], each longer than 1e-6 s.
     std::vector<Segment> segments(double rawDuration) const;
@@ -228,6 +244,7 @@ std::string unreadable(std::string_view source, std::string_view systemError, bo
 std::string undecodable(std::string_view source, std::string_view fileError);
 std::string droppedFields(std::string_view source, const std::vector<std::string>& keys);
 std::string droppedCuts(std::string_view source, const std::vector<std::string>& labels);
+std::string clampedValues(std::string_view source, const std::vector<std::string>& labels);
 } // namespace plan_notices
 
 } // namespace plim

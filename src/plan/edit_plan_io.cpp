@@ -34,6 +34,15 @@ std::string joined(const std::vector<std::string>& items, std::string_view separ
     return out;
 }
 
+// The first five labels, and how many more there are.
+std::string fewOf(const std::vector<std::string>& labels)
+{
+    std::string list = joined(labels, ", ", 5);
+    if (labels.size() > 5)
+        list += " and " + std::to_string(labels.size() - 5) + " more";
+    return list;
+}
+
 template<typename T>
 Json arrayOf(const std::vector<T>& items)
 {
@@ -41,6 +50,37 @@ Json arrayOf(const std::vector<T>& items)
     for (const auto& item : items)
         out.push_back(item.toJson());
     return out;
+}
+
+// Brings each number of the plan that has a sensible range into it, naming each one
+// changed ("zoom 2's scale 1e+09 as 4").
+std::vector<std::string> boundNumbers(EditPlan& plan)
+{
+    std::vector<std::string> changed;
+    auto bound = [&](double& value, double lo, double hi, const std::string& what) {
+        if (value >= lo && value <= hi)
+            return;
+        const double was = value;
+        value = std::isfinite(value) ? std::clamp(value, lo, hi) : lo;
+        changed.push_back(what + " " + numberText(was, 2) + " as " + numberText(value, 2));
+    };
+    auto boundOptional = [&](std::optional<double>& value, double lo, double hi, const std::string& what) {
+        if (value)
+            bound(*value, lo, hi, what);
+    };
+    for (std::size_t i = 0; i < plan.zooms.size(); ++i) {
+        const std::string zoom = "zoom " + std::to_string(i + 1) + "'s ";
+        bound(plan.zooms[i].scale, plan_limits::minZoomScale, plan_limits::maxZoomScale, zoom + "scale");
+        bound(plan.zooms[i].centerX, 0, 1, zoom + "centerX");
+        bound(plan.zooms[i].centerY, 0, 1, zoom + "centerY");
+    }
+    for (std::size_t i = 0; i < plan.skips.size(); ++i)
+        bound(plan.skips[i].rate, plan_limits::minSkipRate, plan_limits::maxSkipRate,
+            "skip " + std::to_string(i + 1) + "'s rate");
+    boundOptional(plan.cameraScale, plan_limits::minCameraScale, plan_limits::maxCameraScale, "cameraScale");
+    boundOptional(plan.cameraX, 0, 1, "cameraX");
+    boundOptional(plan.cameraY, 0, 1, "cameraY");
+    return changed;
 }
 
 } // namespace
@@ -320,12 +360,16 @@ Result<Decoded<EditPlan>> EditPlan::fromJson(const Json& value, std::optional<st
             plan.clips = std::move(clips);
     }
 
+    dropped.clampedValues = boundNumbers(plan);
+
     std::string source = sourceName ? *sourceName : std::string(defaultSource);
     std::vector<std::string> notices;
     if (!dropped.droppedKeys.empty())
         notices.push_back(plan_notices::droppedFields(source, dropped.droppedKeys));
     if (!dropped.droppedCuts.empty())
         notices.push_back(plan_notices::droppedCuts(source, dropped.droppedCuts));
+    if (!dropped.clampedValues.empty())
+        notices.push_back(plan_notices::clampedValues(source, dropped.clampedValues));
     if (report)
         *report = std::move(dropped);
     return Decoded<EditPlan>{std::move(plan), std::move(notices)};
@@ -425,11 +469,17 @@ std::string droppedCuts(std::string_view source, const std::vector<std::string>&
     if (labels.size() == 1)
         return std::string(source) + ": " + labels.front()
             + " is missing one of its times and was left out. Every other edit was kept.";
-    std::string list = joined(labels, ", ", 5);
-    if (labels.size() > 5)
-        list += " and " + std::to_string(labels.size() - 5) + " more";
+    std::string list = fewOf(labels);
     return std::string(source) + ": " + std::to_string(labels.size())
         + " cuts are missing one of their times and were left out (" + list + "). Every other edit was kept.";
+}
+
+std::string clampedValues(std::string_view source, const std::vector<std::string>& labels)
+{
+    std::string list = fewOf(labels);
+    return std::string(source) + ": " + (labels.size() == 1 ? "a number lies" : "numbers lie")
+        + " outside what Plim can show, so this render reads " + list
+        + ". The file was left as it is; set those values in the editor to keep them.";
 }
 
 } // namespace plan_notices

@@ -176,9 +176,11 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
 
     if (kind == ShareKind::original) {
         setStage(ID::read, State::now);
-        std::error_code error;
-        if (!fs::is_regular_file(movie, error))
-            return failStage(ID::read, "There is no movie at " + movie.string() + ". Nothing was saved; check the path and share again.");
+        if (auto file = checkOrdinaryFile(movie); !file)
+            return failStage(ID::read, file.error().kind == Error::Kind::missing
+                    ? "There is no movie at " + movie.string() + ". Nothing was saved; check the path and share again."
+                    : movie.string() + " cannot be copied (" + file.error().sentence
+                        + "). Nothing was saved; name the plim's movie file and share again.");
         setStage(ID::read, State::done);
         for (ID id : {ID::edit, ID::frames, ID::captions, ID::write})
             setStage(id, State::skipped);

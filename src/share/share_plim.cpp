@@ -18,7 +18,7 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
         if (reader.error().kind == Error::Kind::missing)
             return fail("There is no movie at " + movie.string() + ". Nothing was saved; check the path and share again.",
                 Error::Kind::missing);
-        return std::unexpected(ShareFailure::unreadable("it could not be opened"));
+        return fail(reader.error().sentence + " Nothing was saved.", reader.error().kind);
     }
     SharePlim plim;
     plim.info = (*reader)->info();

@@ -35,6 +35,7 @@ std::string describe(const StagingError& error)
 {
     return std::visit(Cases{
                           [](const StagingError::Unreadable& e) { return ShareFailure::unreadable(e.reason).sentence; },
+                          [&](const StagingError::Unusable&) { return error.sentence(); },
                           [](const StagingError::WriterFailed& e) { return ShareFailure::writer(e.reason, e.noSpace).sentence; },
                           [](const StagingError::Stalled& e) { return ShareFailure::stalled(e.seconds).sentence; },
                           [](const StagingError::EmptyEdit&) { return ShareFailure::emptyEdit().sentence; },

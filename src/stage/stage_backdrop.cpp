@@ -10,6 +10,8 @@
 
 #include <cairo.h>
 
+#include <unistd.h>
+
 #include <cctype>
 #include <cmath>
 #include <cstdio>
@@ -85,30 +87,95 @@ BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::f
 
 namespace {
 
+// A reader for a picture that is not a PNG; a picture too large keeps the reader's sentence.
+Result<std::unique_ptr<MovieReader>> pictureReader(const std::filesystem::path& path)
+{
+    auto reader = MovieReader::create(path);
+    if (!reader && reader.error().kind != Error::Kind::refused)
+        return fail("The backdrop picture " + path.filename().string() + " could not be read as a picture.",
+            reader.error().kind);
+    return reader;
+}
+
 Result<Image> readThroughFFmpeg(const std::filesystem::path& path)
 {
-    const std::string name = path.filename().string();
-    auto reader = MovieReader::create(path);
-    if (!reader)
-        return fail("The backdrop picture " + name + " could not be read as a picture.", reader.error().kind);
-    auto frame = (*reader)->next();
+    auto reader = PLIM_TRY(pictureReader(path));
+    auto frame = reader->next();
     if (!frame || !*frame || (**frame).image.isEmpty())
-        return fail("The backdrop picture " + name + " could not be read as a picture.", Error::Kind::corrupt);
+        return fail("The backdrop picture " + path.filename().string() + " could not be read as a picture.",
+            Error::Kind::corrupt);
     return (**frame).image.clone(); // its own pixels, not the reader's
+}
+
+bool isPng(const std::filesystem::path& path)
+{
+    std::string extension = path.extension().string();
+    for (char& c : extension)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return extension == ".png";
+}
+
+// The picture file opened as an ordinary file; a PNG's size read from its header.
+Status checkPictureFile(const std::filesystem::path& path)
+{
+    const std::string name = path.filename().string();
+    auto fd = openOrdinaryFile(path);
+    if (!fd)
+        return fail(fd.error().kind == Error::Kind::missing
+                ? "The backdrop picture " + path.string() + " is not there."
+                : "The backdrop picture " + path.string() + " cannot be read (" + fd.error().sentence + ").",
+            fd.error().kind);
+    unsigned char head[24] = {};
+    const ssize_t n = ::read(*fd, head, sizeof head);
+    ::close(*fd);
+    if (!isPng(path))
+        return {};
+    static constexpr unsigned char signature[] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1a, '\n'};
+    if (n < 24 || std::memcmp(head, signature, sizeof signature) != 0 || std::memcmp(head + 12, "IHDR", 4) != 0)
+        return fail("The backdrop picture " + name + " is not a PNG picture.", Error::Kind::corrupt);
+    auto word = [&](int at) {
+        return (int64_t(head[at]) << 24) | (int64_t(head[at + 1]) << 16) | (int64_t(head[at + 2]) << 8) | head[at + 3];
+    };
+    auto size = checkPictureSize("The backdrop picture " + name, word(16), word(20));
+    if (!size)
+        return fail(size.error().sentence, Error::Kind::refused);
+    return {};
 }
 
 } // namespace
 
+Status checkBackdrop(const StageSpec::Backdrop& backdrop)
+{
+    auto colour = [](const std::string& hex) -> Status {
+        if (Color::fromHex(hex))
+            return {};
+        return fail("\"" + escapedText(hex) + "\" is not a colour (write it as #RRGGBB).", Error::Kind::refused);
+    };
+    if (const auto* solid = std::get_if<StageSpec::Backdrop::Solid>(&backdrop.value))
+        return colour(solid->hex);
+    if (const auto* duo = std::get_if<StageSpec::Backdrop::Duo>(&backdrop.value)) {
+        PLIM_TRY(colour(duo->a));
+        return colour(duo->b);
+    }
+    const auto* image = std::get_if<StageSpec::Backdrop::Image>(&backdrop.value);
+    if (!image)
+        return {};
+    if (image->path.empty())
+        return fail("The image backdrop names no picture file.", Error::Kind::missing);
+    PLIM_TRY(checkPictureFile(image->path));
+    if (isPng(image->path))
+        return {};
+    if (auto reader = pictureReader(image->path); !reader)
+        return std::unexpected(reader.error());
+    return {};
+}
+
 Result<Image> readPicture(const std::filesystem::path& path)
 {
     const std::string name = path.filename().string();
-    std::error_code ec;
-    if (!std::filesystem::is_regular_file(path, ec))
-        return fail("The backdrop picture " + name + " is not there.", Error::Kind::missing);
-    std::string extension = path.extension().string();
-    for (char& c : extension)
-        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    if (extension != ".png")
+    if (auto file = checkPictureFile(path); !file)
+        return std::unexpected(file.error());
+    if (!isPng(path))
         return readThroughFFmpeg(path);
     cairo_surface_t* surface = cairo_image_surface_create_from_png(path.c_str());
     if (const cairo_status_t status = cairo_surface_status(surface); status != CAIRO_STATUS_SUCCESS) {

@@ -28,7 +28,8 @@ BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::f
 void drawBackdrop(Compositor& compositor, Image& target, const BackdropChoice& choice);
 
 // Reads a picture file: PNG through cairo (keeping its transparency), anything else FFmpeg
-// decodes (JPEG, WebP, ...) as a movie of one frame. A sentence when it cannot.
+// decodes (JPEG, WebP, ...) as a movie of one frame. A sentence when it cannot, or when
+// the picture is larger than Plim decodes (checked from its header first).
 Result<Image> readPicture(const std::filesystem::path& path);
 
 } // namespace plim

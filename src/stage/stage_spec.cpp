@@ -141,8 +141,6 @@ constexpr std::array<StageSpec::CaptionSize, 3> allCaptionSizes = {
 constexpr std::array<StageSpec::CaptionPlace, 2> allCaptionPlaces = {
     StageSpec::CaptionPlace::bottom, StageSpec::CaptionPlace::top};
 
-constexpr int largestLength = 100000;
-
 } // namespace
 
 std::string_view clickStyleText(ClickStyle style)
@@ -293,9 +291,9 @@ Result<StageSpec::Backdrop> StageSpec::Backdrop::fromJson(const Json& json)
         int blur = 0;
         if (const Json* value = jsonField(json, "blur")) {
             auto radius = jsonAsInteger(*value);
-            if (!radius || *radius < 0 || *radius > largestLength)
+            if (!radius || *radius < 0 || *radius > largestImageBlur)
                 return fail("The image backdrop's \"blur\" is not a whole number from 0 to "
-                    + std::to_string(largestLength) + ".");
+                    + std::to_string(largestImageBlur) + ".");
             blur = static_cast<int>(*radius);
         }
         return Backdrop::image(*path, blur);
@@ -379,10 +377,10 @@ StageSpec::Decoded StageSpec::fromJson(const Json& json)
             notices->push_back("The stage look's \"backdrop\" could not be used ("
                 + withoutFinalStop(backdrop.error().sentence) + "), so it keeps the gradient backdrop.");
     }
-    reader.integer("paddingPX", spec.paddingPX, 0, largestLength);
-    reader.integer("cornersPX", spec.cornersPX, 0, largestLength);
-    reader.integer("shadowPercent", spec.shadowPercent, 0, 100);
-    reader.integer("cursorSize", spec.cursorSize, 1, largestLength);
+    reader.integer("paddingPX", spec.paddingPX, 0, largestPaddingPX);
+    reader.integer("cornersPX", spec.cornersPX, 0, largestCornersPX);
+    reader.integer("shadowPercent", spec.shadowPercent, 0, largestShadowPercent);
+    reader.integer("cursorSize", spec.cursorSize, smallestCursorSize, largestCursorSize);
     reader.boolean("cursorHideWhenIdle", spec.cursorHideWhenIdle);
     reader.boolean("cursorSpotlight", spec.cursorSpotlight);
     if (const Json* value = jsonField(json, "card")) {
@@ -437,6 +435,10 @@ Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
             Error::Kind::unreadable);
     }
     auto decoded = StageSpec::fromJson(*json);
+    if (auto usable = checkBackdrop(decoded.spec.backdrop); !usable)
+        decoded.notices.push_back("The stage look's \"backdrop\" cannot be drawn. " + usable.error().sentence
+            + " This render uses the gradient backdrop; the file was left as it is, so choose the backdrop again to "
+              "replace it.");
     Decoded<StageSpec> out{std::move(decoded.spec), {}};
     for (const std::string& notice : decoded.notices)
         out.notices.push_back(path.filename().string() + ": " + notice);

@@ -103,6 +103,14 @@ struct StageSpec {
         Json toJson() const;
     };
 
+    // The ranges of the look's whole numbers, shared by the file reader and the command line.
+    static constexpr int largestPaddingPX = 400; // of a 1280-wide canvas
+    static constexpr int largestCornersPX = 400;
+    static constexpr int largestShadowPercent = 100;
+    static constexpr int smallestCursorSize = 1;
+    static constexpr int largestCursorSize = 400;
+    static constexpr int largestImageBlur = 200;
+
     Backdrop backdrop;
     int paddingPX = 56;
     int cornersPX = 10;
@@ -134,6 +142,12 @@ struct StageSpec::Decoded {
     std::vector<std::string> notices; // one sentence per key that fell back to its default
 };
 
+// Whether the backdrop can be drawn as chosen: its colours read as #RGB, #RRGGBB or
+// #RRGGBBAA, and its picture is an ordinary file Plim can read as a picture of a size it
+// decodes (only its header is read). Otherwise a sentence saying what is wrong with it,
+// without advice, for the caller's own.
+Status checkBackdrop(const StageSpec::Backdrop& backdrop);
+
 std::string_view backdropNameText(StageSpec::Backdrop::Named name);
 std::optional<StageSpec::Backdrop::Named> backdropNameFromText(std::string_view text);
 std::string_view captionLookText(StageSpec::CaptionLook look);
@@ -147,7 +161,8 @@ std::optional<StageSpec::CaptionPlace> captionPlaceFromText(std::string_view tex
 struct StageSpecFile {
     // Reads and never modifies the file. A missing file fails with kind `missing`, one that
     // cannot be read or parsed with kind `unreadable` (the sentence says the default look
-    // is used); the notices name the file and the keys that fell back to their defaults.
+    // is used); the notices name the file, the keys that fell back to their defaults and
+    // a backdrop that cannot be drawn.
     static Result<Decoded<StageSpec>> read(const fs::path& path);
     static Status write(const fs::path& path, const StageSpec& spec);
 };

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "library/library.h"
 #include "media/media.h"
 #include "base/bounded_queue.h"
@@ -383,8 +384,15 @@ plim::Result<std::vector<Image>> StagingEngine::frames(const StagingJob& job, co
 {
     auto preview = PLIM_TRY(StagePreview::open(job));
     std::vector<Image> out;
-    for (double outputTime : outputTimes)
+    const double length = preview->outputDuration();
+    for (double outputTime : outputTimes) {
+        if (!(outputTime <= length))
+            return fail("The output is " + numberText(length, 1) + " s long, so it has no frame at "
+                    + numberText(outputTime, 1) + " s. Pick a time from 0 to " + numberText(length, 1)
+                    + "; nothing was drawn.",
+                Error::Kind::refused);
         out.push_back(PLIM_TRY(preview->frame(outputTime)));
+    }
     return out;
 }
 

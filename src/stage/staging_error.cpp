@@ -19,6 +19,7 @@ std::string StagingError::sentence() const
                                   + ". Nothing was saved and your plim is untouched. "
                                     "Render again; if it keeps happening, record the plim again.";
                           },
+                          [](const Unusable& e) { return e.sentence + " Nothing was saved."; },
                           [](const WriterFailed& e) {
                               return "The file could not be written: " + e.reason
                                   + ". Nothing was saved and your plim is untouched. "
@@ -43,7 +44,7 @@ std::string StagingError::sentence() const
 Error StagingError::error() const
 {
     Error::Kind kind = Error::Kind::failed;
-    if (std::holds_alternative<Unreadable>(value))
+    if (std::holds_alternative<Unreadable>(value) || std::holds_alternative<Unusable>(value))
         kind = Error::Kind::unreadable;
     return Error{sentence(), kind};
 }

@@ -13,6 +13,11 @@ struct StagingError {
         std::string reason; // "it could not be opened", "it has no picture", ...
         bool operator==(const Unreadable&) const = default;
     };
+    // A movie the render cannot use at all; the sentence says why and what to do.
+    struct Unusable {
+        std::string sentence;
+        bool operator==(const Unusable&) const = default;
+    };
     struct WriterFailed {
         std::string reason; // "the file could not be finished", "the disk is full", ...
         bool noSpace = false;
@@ -26,10 +31,11 @@ struct StagingError {
         bool operator==(const EmptyEdit&) const = default;
     };
 
-    std::variant<Unreadable, WriterFailed, Stalled, EmptyEdit> value;
+    std::variant<Unreadable, Unusable, WriterFailed, Stalled, EmptyEdit> value;
     bool operator==(const StagingError&) const = default;
 
     static StagingError unreadable(std::string reason) { return {Unreadable{std::move(reason)}}; }
+    static StagingError unusable(std::string sentence) { return {Unusable{std::move(sentence)}}; }
     static StagingError writerFailed(std::string reason, bool noSpace = false)
     {
         return {WriterFailed{std::move(reason), noSpace}};

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "library/library.h"
 
 #include <algorithm>
@@ -96,9 +97,7 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
     auto reader = MovieReader::create(job.movie, decoding);
     if (!reader) {
         logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
-        std::string reason = reader.error().kind == Error::Kind::missing ? "there is no movie at " + job.movie.string()
-                                                                         : "it could not be opened";
-        return std::unexpected(stagingFailure(job, StagingError::unreadable(reason)));
+        return std::unexpected(stagingFailure(job, StagingError::unusable(reader.error().sentence)));
     }
     s.reader = std::move(*reader);
     s.info = s.reader->info();
@@ -108,6 +107,12 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
     s.sourceFPS = s.info.frameRate > 0 && std::isfinite(s.info.frameRate) ? s.info.frameRate : RenderRules::assumedSourceFPS;
     s.timeline = job.plan.clipTimeline(s.rawDuration);
     s.expected = RenderRules::expectedFrames(s.timeline, s.sourceFPS, s.fps);
+    if (s.expected == 0 && s.timeline.outputDuration() > 0)
+        return std::unexpected(stagingFailure(job,
+            StagingError::unusable(job.movie.filename().string() + " holds " + numberText(s.sourceFPS, 1)
+                + " pictures a second, and none of them falls inside the " + numberText(s.timeline.outputDuration(), 2)
+                + " s this edit keeps, so there is nothing to show. Keep a longer stretch, or record the plim again "
+                  "at a higher frame rate.")));
     if (s.expected == 0)
         return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 

@@ -58,13 +58,13 @@ void ChainedLineReader::closeCurrent()
 bool ChainedLineReader::openNext()
 {
     while (m_index < m_reports.size()) {
-        int fd = ::open(m_reports[m_index].path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd >= 0) {
-            m_fd = fd;
+        auto fd = openOrdinaryFile(m_reports[m_index].path);
+        if (fd) {
+            m_fd = *fd;
             return true;
         }
-        if (errno != ENOENT)
-            m_reports[m_index].unreadable = errnoText(errno);
+        if (fd.error().kind != Error::Kind::missing)
+            m_reports[m_index].unreadable = fd.error().sentence;
         ++m_index;
     }
     return false;

@@ -149,6 +149,11 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
         {{"--output", (dir / "link.mov").string()}, "is the plim's own recording"},
         {{"--output", (dir / "sub" / ".." / "B.cursor.json").string()}, "one of the plim's own files (B.cursor.json)"},
         {{"--frame", "0.2", "--png", (dir / "B.edits.json").string()}, "one of the plim's own files (B.edits.json)"},
+        {{"--frame", "1000", "--png", "x.png"}, "The output is 0.5 s long, so it has no frame at 1000.0 s."},
+        {{"--padding", "100000"}, "Use a whole number from 0 to 400"},
+        {{"--backdrop", "#zzzzzz"}, "the backdrop \"#zzzzzz\" cannot be used. \"#zzzzzz\" is not a colour"},
+        {{"--backdrop", "#000000,#12"}, "\"#12\" is not a colour"},
+        {{"--backdrop", "image:" + (dir / "gone.png").string()}, "gone.png is not there."},
     };
     fs::create_symlink(movie, dir / "link.mov");
     fs::create_directory(dir / "sub");
@@ -341,6 +346,8 @@ TEST(StageCLI, SummaryLineAndTrimSuffix)
         "render: 3.2s for 60.0s of plim · out 41.5s · 3 zooms · 2 skips · 1 cuts · trim 0.0–12.0s");
     EXPECT_EQ(StageCLI::trimSuffix(2.5, std::nullopt, 60), " · trim 2.5–60.0s");
     EXPECT_EQ(StageCLI::trimSuffix(std::nullopt, std::nullopt, 60), "");
+    s.outputDuration = 2e9;
+    EXPECT_THAT(StageCLI::summaryLine(s), HasSubstr(" · out 2e+09s · "));
     EXPECT_EQ(StageCLI::failureLine("staging", "The movie is gone."), "staging failed: The movie is gone.");
 }
 

@@ -104,6 +104,8 @@ TEST_F(ShareCliTest, TerminatingAStageRemovesItsPartialMovie)
 
 TEST_F(ShareCliTest, ListsTheLibraryAndDrawsThumbnails)
 {
+    movie("Caf\xe9\x1b[2J.mov"); // Latin-1 with a terminal escape: printed escaped in both forms
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     movie("First.mov");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     const fs::path second = movie("Second.mov", 2.0);
@@ -111,13 +113,15 @@ TEST_F(ShareCliTest, ListsTheLibraryAndDrawsThumbnails)
     auto listed = ctl({"list", "--folder", library.path().string(), "--json"});
     ASSERT_EQ(listed.status, 0) << listed.err;
     auto json = nlohmann::json::parse(listed.out);
-    ASSERT_EQ(json.size(), 2u);
+    ASSERT_EQ(json.size(), 3u);
     EXPECT_EQ(json[0]["name"], "Second");
     EXPECT_NEAR(json[0]["length"].get<double>(), 2.0, 0.1);
     EXPECT_EQ(json[0]["staged"], false);
     EXPECT_EQ(json[1]["name"], "First");
+    EXPECT_EQ(json[2]["name"], "Caf\\xe9\\x1b[2J");
     auto plain = ctl({"list", "--folder", library.path().string()});
     EXPECT_TRUE(plain.out.starts_with("Second  ")) << plain.out;
+    EXPECT_NE(plain.out.find("\nCaf\\xe9\\x1b[2J  "), std::string::npos) << plain.out;
     // The lengths come from the listing cache now; a movie that changed is opened again,
     // and a damaged cache is only a cache.
     EXPECT_TRUE(fs::exists(sandbox.home() / ".cache/plim/listing.txt"));
@@ -127,7 +131,7 @@ TEST_F(ShareCliTest, ListsTheLibraryAndDrawsThumbnails)
         auto again = ctl({"list", "--folder", library.path().string(), "--json"});
         ASSERT_EQ(again.status, 0) << again.err;
         auto relisted = nlohmann::json::parse(again.out);
-        ASSERT_EQ(relisted.size(), 2u);
+        ASSERT_EQ(relisted.size(), 3u);
         EXPECT_NEAR(relisted[0]["length"].get<double>(), 3.0, 0.1);
         EXPECT_EQ(relisted[1], json[1]);
     }

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <future>
@@ -204,6 +206,14 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     fs::copy_file(movie(), cut);
     fs::resize_file(cut, fs::file_size(cut) * 6 / 10);
 
+    // Cut inside its header; a pipe and a folder where the movie belongs.
+    fs::path header = s_dir / "header.mp4";
+    fs::copy_file(movie(), header);
+    fs::resize_file(header, 40);
+    fs::path pipe = s_dir / "pipe.mov";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    fs::create_directory(s_dir / "folder.mov");
+
     struct Case {
         fs::path path;
         Error::Kind kind;
@@ -212,16 +222,19 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     for (const auto& c : std::vector<Case>{
              {s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
              {text, Error::Kind::corrupt, "notes.mp4 is not a movie Plim can read"},
-             {soundOnly, Error::Kind::refused, "sound.m4a has no picture in it."},
+             {soundOnly, Error::Kind::refused, "sound.m4a has no picture track (only sound)"},
+             {header, Error::Kind::corrupt, "header.mp4 ends early, inside its header"},
+             {pipe, Error::Kind::unreadable, "pipe.mov is not a movie file (it is not an ordinary file)"},
+             {s_dir / "folder.mov", Error::Kind::unreadable, "folder.mov is not a movie file (it is a folder, not a file)"},
              {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
          }) {
-        std::string before = fs::exists(c.path) ? testkit::readText(c.path) : "";
+        std::string before = fs::is_regular_file(c.path) ? testkit::readText(c.path) : "";
         auto reader = MovieReader::create(c.path);
         ASSERT_FALSE(reader) << c.path;
         EXPECT_EQ(reader.error().kind, c.kind) << reader.error().sentence;
         EXPECT_NE(reader.error().sentence.find(c.sentence), std::string::npos) << reader.error().sentence;
         EXPECT_EQ(reader.error().sentence.back(), '.');
-        if (fs::exists(c.path)) {
+        if (fs::is_regular_file(c.path)) {
             EXPECT_EQ(testkit::readText(c.path), before);
         }
     }

@@ -2,6 +2,7 @@
 // notices, and files that cannot be read, which are never touched.
 
 #include "plan/edit_plan.h"
+#include "plan/time_remap.h"
 
 #include "base/json.h"
 #include "base/log.h"
@@ -212,6 +213,29 @@ TEST(EditPlanDecode, SeveralDroppedFieldsGetBothAdvices)
         "was kept; re-apply your edits in the editor to rewrite the file. zooms and skips are detected by "
         "Plim rather than authored, so they are not lost work in themselves; any tuning you gave them by "
         "hand went with them."});
+}
+
+TEST(EditPlanDecode, NumbersOutsideTheirRangesAreReadAtTheNearerEndAndTheOutputStaysBounded)
+{
+    // A skip rate of 1e-9 once gave a 2e9-s output; a zoom of 1e9 a pointer sprite too large to allocate.
+    Json zoom = fullPlan().zooms[0].toJson();
+    zoom["scale"] = 1e9;
+    auto decoded = EditPlan::fromJson(Json{{"zooms", Json::array({zoom})},
+                                          {"skips", Json::array({Json{{"span", {{"start", 2}, {"end", 18}}}, {"rate", 1e-9}}})},
+                                          {"cameraScale", 1e300}, {"cameraX", 0.5}},
+        std::string("B.edits.json"));
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(decoded->value.zooms[0].scale, plan_limits::maxZoomScale);
+    EXPECT_EQ(decoded->value.skips[0].rate, plan_limits::minSkipRate);
+    EXPECT_EQ(decoded->value.cameraScale, plan_limits::maxCameraScale);
+    EXPECT_EQ(decoded->notices, std::vector<std::string>{
+        "B.edits.json: numbers lie outside what Plim can show, so this render reads zoom 1's scale 1e+09 as "
+        "4.00, skip 1's rate 1e-09 as 1.00, cameraScale 1e+300 as 2.50. The file was left as it is; set those "
+        "values in the editor to keep them."});
+    // A plan made in memory is bounded where it plays.
+    EditPlan slow;
+    slow.skips = {{{2, 18}, false, 1e-9}};
+    EXPECT_DOUBLE_EQ(TimeRemap::of(slow, 20).outputDuration(20), 20);
 }
 
 TEST(EditPlanDecode, EachDecodeCarriesItsOwnNoticesWhateverCameBefore)

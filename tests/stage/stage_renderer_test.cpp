@@ -535,7 +535,7 @@ TEST(StageRenderer, BackdropsOfEveryKind)
     auto r = renderer(broken, {160, 90}, {160, 90});
     auto d = renderer(StageSpec{}, {160, 90}, {160, 90});
     EXPECT_LT(distance(at(r->ground(), 1, 1), at(d->ground(), 1, 1)), 4);
-    EXPECT_TRUE(log.contains("broken.png could not be read"));
+    EXPECT_TRUE(log.contains("broken.png is not a PNG picture."));
     EXPECT_EQ(testkit::readText(dir / "broken.png"), "not a picture");
 
     // JPEG and WebP pictures are read through FFmpeg.

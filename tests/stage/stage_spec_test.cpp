@@ -50,11 +50,10 @@ TEST(StageSpecJson, MalformedKeysKeepTheirDefaultsWithASentenceEach)
 {
     auto decoded = StageSpec::fromJson(parse(R"({
         "backdrop": "marble", "paddingPX": "wide", "cornersPX": 12.5, "shadowPercent": 140,
-        "cursorSize": 120, "cursorHideWhenIdle": "yes", "cursorSpotlight": true,
+        "cursorSize": 100000, "cursorHideWhenIdle": "yes", "cursorSpotlight": true,
         "card": [1, 2], "clickStyle": "sparkle", "clickTint": 3, "zoomStyle": "bouncy",
         "captionLook": "bold", "captionSize": null, "captionPlace": "middle", "unknownKey": 1})"));
     StageSpec expected;
-    expected.cursorSize = 120;
     expected.cursorSpotlight = true;
     expected.zoomStyle = ZoomStyle::bouncy;
     expected.captionLook = StageSpec::CaptionLook::bold;
@@ -63,9 +62,10 @@ TEST(StageSpecJson, MalformedKeysKeepTheirDefaultsWithASentenceEach)
     EXPECT_EQ(decoded.notices,
         (std::vector<std::string>{look + "\"backdrop\" could not be used (Unknown backdrop \"marble\"), so it "
                                          "keeps the gradient backdrop.",
-            look + "\"paddingPX\" is not a whole number from 0 to 100000, so it keeps its default of 56.",
-            look + "\"cornersPX\" is not a whole number from 0 to 100000, so it keeps its default of 10.",
+            look + "\"paddingPX\" is not a whole number from 0 to 400, so it keeps its default of 56.",
+            look + "\"cornersPX\" is not a whole number from 0 to 400, so it keeps its default of 10.",
             look + "\"shadowPercent\" is not a whole number from 0 to 100, so it keeps its default of 35.",
+            look + "\"cursorSize\" is not a whole number from 1 to 400, so it keeps its default of 100.",
             look + "\"cursorHideWhenIdle\" is not true or false, so it keeps its default of true.",
             look + "\"card\" is not an object, so it was left out.",
             look + "\"clickStyle\" is not one of \"none\", \"ring\", \"pulse\", \"spotlight\" or \"highlight\", "
@@ -115,7 +115,9 @@ TEST(StageSpecBackdrop, FormsRoundTripAndBadOnesFailWithASentence)
         {R"({"kind": "duo", "a": "#000000"})", "The duo backdrop needs two colours, \"a\" and \"b\"."},
         {R"({"kind": "image", "path": 4})", "The image backdrop has no \"path\"."},
         {R"({"kind": "image", "path": "a.png", "blur": -1})",
-            "The image backdrop's \"blur\" is not a whole number from 0 to 100000."},
+            "The image backdrop's \"blur\" is not a whole number from 0 to 200."},
+        {R"({"kind": "image", "path": "a.png", "blur": 40000})",
+            "The image backdrop's \"blur\" is not a whole number from 0 to 200."},
         {R"({"hex": "#000000"})", "The backdrop has no \"kind\" of \"solid\", \"duo\" or \"image\"."},
         {"12", notObject}, {R"(["solid"])", notObject}, {"true", notObject}};
     for (const auto& [text, sentence] : failures) {
@@ -179,6 +181,27 @@ TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAre)
     EXPECT_TRUE(loaded->notices[0].starts_with("C.stage.json: ")) << loaded->notices[0];
     EXPECT_TRUE(log.lines().empty()); // the caller decides whether to log or show them
     EXPECT_EQ(testkit::readText(dir / "C.stage.json"), partial);
+
+    // Backdrops that cannot be drawn: a notice each, the file kept. The PNG's header says
+    // 20000 x 20000, which is refused before a pixel is decoded.
+    testkit::writeText(dir / "notes.png", "not a picture");
+    std::string huge("\x89PNG\r\n\x1a\n\0\0\0\x0dIHDR\0\0\x4e\x20\0\0\x4e\x20\x08\x06\0\0\0", 29);
+    testkit::writeText(dir / "huge.png", huge);
+    for (const auto& [backdrop, why] : std::vector<std::pair<std::string, std::string>>{
+             {R"({"kind": "solid", "hex": "#zzzzzz"})", "\"#zzzzzz\" is not a colour"},
+             {R"({"kind": "duo", "a": "#000000", "b": "#12"})", "\"#12\" is not a colour"},
+             {R"({"kind": "image", "path": ")" + (dir / "gone.png").string() + "\"}", "gone.png is not there."},
+             {R"({"kind": "image", "path": ")" + (dir / "notes.png").string() + "\"}", "notes.png is not a PNG picture."},
+             {R"({"kind": "image", "path": ")" + (dir / "huge.png").string() + "\"}", "of 20000 × 20000, more than"}}) {
+        const std::string text = R"({"backdrop": )" + backdrop + "}";
+        testkit::writeText(dir / "D.stage.json", text);
+        auto read = StageSpecFile::read(dir / "D.stage.json");
+        ASSERT_TRUE(read) << text;
+        ASSERT_EQ(read->notices.size(), 1u) << text;
+        EXPECT_NE(read->notices[0].find(why), std::string::npos) << read->notices[0];
+        EXPECT_TRUE(read->notices[0].ends_with("the file was left as it is, so choose the backdrop again to replace it."));
+        EXPECT_EQ(testkit::readText(dir / "D.stage.json"), text);
+    }
 }
 
 TEST(StageSpecFileTest, ABackdropPictureComesFromThePlimsFolderOrPlimsOwnCopiesOnly)

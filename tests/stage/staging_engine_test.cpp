@@ -216,7 +216,7 @@ TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
     const Case cases[] = {
         {"a file that is not a movie",
             [&](StagingJob&) { writeText(movie, "this is not a movie"); },
-            "The plim could not be read: it could not be opened."},
+            "B.mov is not a movie Plim can read ("},
         {"sound without a picture",
             [&](StagingJob&) {
                 // A WAV file: 0.1 s of 8 kHz 8-bit silence.
@@ -231,7 +231,7 @@ TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
                 wav += std::string(800, '\x80');
                 writeText(movie, wav);
             },
-            "The plim could not be read:"},
+            "B.mov has no picture track (only sound)"},
         {"an edit that removes everything", [&](StagingJob& j) { j.plan = {.cuts = {{"C1", 0, 3, {}}}}; },
             "This edit removes the whole plim."},
         {"a sink that accepts nothing",
