@@ -35,6 +35,7 @@ constexpr const char* neverStarted = "The recorder never started.";
 constexpr const char* unknownWriterError = "Unknown writer error.";
 constexpr uint64_t minimumFreeBytes = 256 * 1024;
 constexpr std::chrono::seconds keysFlushInterval{4};
+constexpr std::chrono::seconds soundStartWait{3}; // a monitor of an idle sink may take two
 
 // The X11 inputs behind the recorders' seams.
 struct X11Inputs {
@@ -60,6 +61,24 @@ void removeTrackFiles(const fs::path& movie)
 // Where the pointer is when no input could be opened: nowhere, so no sample is taken.
 struct StillPointer final : PointerSource {
     std::optional<Point> position() override { return std::nullopt; }
+};
+
+// A recorded window that grows or shrinks keeps its first size in the movie, cropped or
+// padded from its top-left corner, so what the movie shows is that size at the window's
+// corner: the frame keys say so, and the pointer lands where the picture shows it.
+struct ShownWindowFrames final : WindowFrameSource {
+    WindowFrameSource& window;
+    Size shown;
+    ShownWindowFrames(WindowFrameSource& w, Size s) : window(w), shown(s) {}
+    std::optional<Rect> windowFrame(uint32_t windowID) override
+    {
+        auto frame = window.windowFrame(windowID);
+        if (frame && frame->width > 0 && frame->height > 0) {
+            frame->width = shown.width;
+            frame->height = shown.height;
+        }
+        return frame;
+    }
 };
 
 // Scales (or crops to even) a captured picture to the movie's size.
@@ -134,6 +153,19 @@ struct AudioItem {
     int track;
     std::vector<float> samples;
     double trackSeconds;
+    bool joins; // follows the track's previous block with no break
+};
+
+// Where a sound track's blocks go in the movie. A block that joins the one before goes
+// right after it, so sound is never padded or cut for the jitter of its stamps; the
+// drift between its stamp and that place is taken up one frame a block (a repeated or
+// skipped frame is inaudible). A block that does not join, or strays further than a
+// break would, goes where its stamp says: the writer fills a gap with silence and drops
+// an overlap.
+struct SoundPlacement {
+    static constexpr double breakFrames = 0.040 * 48000;
+    int64_t next = 0; // the frame after the last one placed
+    bool placed = false;
 };
 using QueueItem = std::variant<VideoItem, AudioItem>;
 
@@ -158,20 +190,19 @@ Result<CaptureDevices> openDevices(const CaptureSettings& settings)
         if (auto mic = createPulseSoundSource(SoundSource::Kind::microphone, settings.microphoneDevice))
             devices.microphone = std::move(*mic);
         else
-            logLine(LogArea::main, mic.error().sentence);
+            devices.missing.push_back(mic.error().sentence);
     }
     if (settings.systemSound) {
         if (auto sound = createPulseSoundSource(SoundSource::Kind::systemSound, settings.systemSoundDevice))
             devices.systemSound = std::move(*sound);
         else
-            logLine(LogArea::main, "ScreenCaptureKit refused the system-audio output (" + sound.error().sentence
-                    + "); the plim rolls without the computer's sound.");
+            devices.missing.push_back(sound.error().sentence);
     }
     if (settings.camera) {
         if (auto camera = createV4l2CameraSource(settings.cameraDevice))
             devices.camera = std::move(*camera);
         else
-            logLine(LogArea::main, camera.error().sentence);
+            devices.missing.push_back(camera.error().sentence);
     }
     return devices;
 }
@@ -188,8 +219,10 @@ public:
     std::unique_ptr<KeystrokeRecorder> keystrokes;
     std::unique_ptr<FrameFitter> fitter;
     std::optional<StillPointer> stillPointer; // when no pointer source opened
+    std::optional<ShownWindowFrames> shownFrames;
     int micTrack = -1, systemTrack = -1;
     ArrayMic::Treatment treatment;
+    SoundPlacement placements[2]; // by track; writer thread only
 
     mutable std::mutex lock; // guards everything below
     std::condition_variable wake;
@@ -200,6 +233,10 @@ public:
     std::optional<double> firstTrackSeconds;
     std::optional<double> cameraFirstUptime;
     std::optional<double> cameraFirstTrack;
+    int soundsFlowing = 0;        // sound sources that delivered a block
+    bool soundBroken[2] = {};     // by track: a block was left out (a pause)
+    bool soundFlowed[2] = {};     // by track
+    std::condition_variable soundStarted;
     double lastVideoSeconds = -1;
     double writtenSeconds = 0;
     int64_t framesWritten = 0;
@@ -235,6 +272,14 @@ public:
     }
 
     double trackSecondsAt(double uptime) const { return uptime - pauses.pausedBefore(uptime); }
+
+    // Says that something asked for is not being recorded.
+    void missing(const std::string& sentence)
+    {
+        logLine(LogArea::main, sentence);
+        if (options.onMissing)
+            options.onMissing(sentence);
+    }
 
     void endWith(std::string headline, bool beforeFirstFrame = false)
     {
@@ -306,8 +351,10 @@ public:
         if (kind == SoundSource::Kind::microphone) {
             {
                 std::lock_guard guard(lock);
-                if (pauses.pausedAt(block.uptime))
+                if (pauses.pausedAt(block.uptime)) {
+                    soundBroken[track] = true;
                     return; // the treatment's clock stands still while paused
+                }
             }
             ArrayMic::Buffer buffer{std::move(block.samples), block.channels, block.sampleRate};
             buffer = treatment.treated(std::move(buffer));
@@ -315,12 +362,22 @@ public:
         } else {
             samples = std::move(block.samples);
         }
+        bool first = false;
         {
             std::lock_guard guard(lock);
-            if (ended || pauses.pausedAt(block.uptime))
-                return;
-            queue.push_back(AudioItem{track, std::move(samples), trackSecondsAt(block.uptime)});
+            if (!std::exchange(soundFlowed[track], true)) {
+                ++soundsFlowing;
+                first = true;
+            }
+            if (ended || pauses.pausedAt(block.uptime)) {
+                soundBroken[track] = true;
+            } else {
+                bool joins = block.joinsPrevious && !std::exchange(soundBroken[track], false);
+                queue.push_back(AudioItem{track, std::move(samples), trackSecondsAt(block.uptime), joins});
+            }
         }
+        if (first)
+            soundStarted.notify_all();
         wake.notify_one();
     }
 
@@ -347,7 +404,7 @@ public:
         if (auto status = cameraWriter->appendVideo(frame.image, seconds); !status) {
             // The camera is stopped with the other sources, from the session's thread: this
             // is the camera's own thread, which cannot wait for itself.
-            logLine(LogArea::main, "the camera movie stopped: " + status.error().sentence);
+            missing(status.error().sentence + " The rest of the plim goes on without the camera.");
             cameraFailed = true;
             return;
         }
@@ -427,8 +484,23 @@ public:
     {
         int channels = audio.track == systemTrack ? 2 : 1;
         int64_t frames = int64_t(audio.samples.size()) / channels;
-        int64_t start = std::llround((audio.trackSeconds - first) * 48000.0);
         const float* data = audio.samples.data();
+        SoundPlacement& place = placements[audio.track];
+        double wanted = (audio.trackSeconds - first) * 48000.0;
+        int64_t start = std::llround(wanted);
+        std::vector<float> longer;
+        if (place.placed && audio.joins && std::fabs(wanted - double(place.next)) <= SoundPlacement::breakFrames) {
+            start = place.next;
+            if (wanted - double(start) >= 2 && frames > 0) { // running late: repeat the first frame
+                longer.assign(data, data + channels);
+                longer.insert(longer.end(), data, data + frames * channels);
+                data = longer.data();
+                ++frames;
+            } else if (wanted - double(start) <= -2 && frames > 1) { // running early: skip one
+                data += channels;
+                --frames;
+            }
+        }
         if (start < 0) {
             int64_t skip = std::min(frames, -start);
             data += skip * channels;
@@ -437,6 +509,8 @@ public:
         }
         if (frames <= 0)
             return {};
+        place.next = std::max(place.next, start + frames);
+        place.placed = true;
         return writer->appendAudio(audio.track, data, frames, start);
     }
 
@@ -533,20 +607,41 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         if (auto camera = MovieWriter::create(cs))
             s.cameraWriter = std::move(*camera);
         else {
-            logLine(LogArea::main, "the camera movie could not be made (" + camera.error().sentence
-                    + "); the plim rolls without the camera.");
+            s.devices.missing.push_back(camera.error().sentence + " The plim rolls without the camera.");
             s.devices.camera.reset();
         }
     }
 
-    // The recorders start first, so their clocks run before the first frame.
+    for (const auto& sentence : s.devices.missing)
+        s.missing(sentence);
+    // The sound streams start first and the recorders and the picture only once they flow
+    // (or a few seconds have passed), so the sound covers the movie from its first frame
+    // and the tracks' clocks start just before it. Their blocks wait in the queue.
+    int soundsStarted = 0;
+    for (auto* sound : {s.devices.microphone.get(), s.devices.systemSound.get()}) {
+        if (!sound)
+            continue;
+        auto kind = sound->kind();
+        if (auto started = sound->start([&s, kind](SoundBlock&& b) { s.onSound(kind, std::move(b)); }))
+            ++soundsStarted;
+        else
+            s.missing(started.error().sentence);
+    }
+    {
+        std::unique_lock guard(s.lock);
+        s.soundStarted.wait_for(guard, soundStartWait, [&] { return s.soundsFlowing >= soundsStarted; });
+    }
+    // The recorders start next, so their clocks run before the first frame.
     PointerSource* pointer = s.devices.pointer;
     if (!pointer) {
         s.stillPointer.emplace();
         pointer = &*s.stillPointer;
     }
     CursorRecorder::Display display{frame, screen.scale()};
-    CursorRecorder::Sources sources{pointer, s.devices.keyActivity, s.devices.windowFrames, s.devices.clicks};
+    WindowFrameSource* windowFrames = s.devices.windowFrames;
+    if (windowFrames)
+        windowFrames = &s.shownFrames.emplace(*windowFrames, frame.size());
+    CursorRecorder::Sources sources{pointer, s.devices.keyActivity, windowFrames, s.devices.clicks};
     s.cursor = std::make_unique<CursorRecorder>(display, screen.windowID(), sources);
     s.cursor->setFlushMovie(movie);
     s.cursor->start();
@@ -583,19 +678,9 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         s.finished = true;
     };
 
-    if (s.devices.microphone) {
-        if (auto started = s.devices.microphone->start([&s](SoundBlock&& b) { s.onSound(SoundSource::Kind::microphone, std::move(b)); }); !started) {
-            logLine(LogArea::main, started.error().sentence);
-        }
-    }
-    if (s.devices.systemSound) {
-        if (auto started = s.devices.systemSound->start([&s](SoundBlock&& b) { s.onSound(SoundSource::Kind::systemSound, std::move(b)); }); !started)
-            logLine(LogArea::main, "ScreenCaptureKit refused the system-audio output (" + started.error().sentence
-                    + "); the plim rolls without the computer's sound.");
-    }
     if (s.devices.camera) {
         if (auto started = s.devices.camera->start([&s](CapturedFrame&& f) { s.onCameraFrame(std::move(f)); }); !started) {
-            logLine(LogArea::main, started.error().sentence);
+            s.missing(started.error().sentence);
             s.devices.camera.reset();
         }
     }
@@ -653,6 +738,8 @@ int64_t CaptureSession::frames() const
     return m_impl->framesWritten;
 }
 
+Rect CaptureSession::subjectFrame() const { return m_impl->devices.screen->frame(); }
+
 int64_t CaptureSession::droppedFrames() const
 {
     std::lock_guard guard(m_impl->lock);
@@ -691,7 +778,7 @@ Outcome<RawPlim> CaptureSession::finish()
     Status finished = s.writer->finish();
     if (s.cameraWriter) {
         if (auto camera = s.cameraWriter->finish(); !camera)
-            logLine(LogArea::main, "the camera movie could not be finished: " + camera.error().sentence);
+            s.missing(camera.error().sentence + " The plim is kept without its camera.");
     }
 
     RawPlim plim;
@@ -754,13 +841,18 @@ Outcome<RawPlim> CaptureSession::finish()
         plim.hasCamera = true;
     }
     if (auto written = track.write(movie); !written)
-        logLine(LogArea::main, "the cursor track could not be written: " + written.error().sentence);
+        s.missing(written.error().sentence
+            + (fs::exists(CursorTrack::journalBeside(movie))
+                    ? " The movie is kept, and its pointer, clicks and marks as far as their journal reached;"
+                    : " The movie is kept, but the pointer, clicks and marks of this plim are lost;")
+            + " free some disk space before the next recording.");
     if (s.options.ensureIdentity)
         s.options.ensureIdentity(movie);
     if (s.keystrokes) {
         KeystrokeTrack keys = s.keystrokes->stop();
         if (auto written = keys.write(movie); !written)
-            logLine(LogArea::main, "the keystroke track could not be written: " + written.error().sentence);
+            s.missing(written.error().sentence + " The movie is kept, but the keys pressed in this plim are lost;"
+                      " free some disk space before the next recording.");
     }
     return Outcome<RawPlim>::finished(std::move(plim));
 }
