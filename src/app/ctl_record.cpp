@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <charconv>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <mutex>
@@ -112,7 +113,9 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
                "       [--camera [--camera-device PATH]] [--no-keys] [--quality native|2160p|1440p|1080p|720p]\n"
                "       [--fps 30|60] [--countdown SECONDS] [--duration SECONDS] [--library FOLDER]\n"
                "Stops after --duration, on Ctrl-C or SIGTERM. While rolling, p or SIGUSR1 pauses and resumes,\n"
-               "m or SIGUSR2 sets a mark, q stops.\n";
+               "m or SIGUSR2 sets a mark, q stops. Exits 0 when everything asked for was recorded, 1 when\n"
+               "nothing was or the recording ended early, 2 when the plim was kept without an input or\n"
+               "side file that was asked for (standard error says which).\n";
         return 0;
     }
 
@@ -129,8 +132,14 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         }
         settings.quality = CaptureQualityRules::parse(*q);
     }
-    if (auto fps = o.last("--fps"))
-        settings.framesPerSecond = CaptureQualityRules::frameRate(parseNumber(*fps));
+    if (auto fps = o.last("--fps")) {
+        auto value = parseNumber(*fps);
+        if (value != 30.0 && value != 60.0) {
+            err << "plimctl record: --fps takes 30 or 60, not \"" << *fps << "\". Nothing was recorded.\n";
+            return 1;
+        }
+        settings.framesPerSecond = int(*value);
+    }
     settings.keycaps = !o.has("--no-keys");
     settings.microphone = o.has("--mic") || o.last("--mic-device").has_value();
     settings.microphoneDevice = o.last("--mic-device");
@@ -183,7 +192,7 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     std::optional<double> duration;
     if (auto d = o.last("--duration")) {
         duration = parseNumber(*d);
-        if (!duration || !(*duration > 0)) {
+        if (!duration || !(*duration > 0) || !std::isfinite(*duration)) {
             err << "plimctl record: --duration takes a number of seconds above 0, not \"" << *d
                 << "\". Nothing was recorded.\n";
             return 1;
@@ -203,16 +212,35 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     RecordingController::Environment env;
     env.libraryFolder = o.last("--library").has_value() ? fs::path(*o.last("--library"))
                                                         : StorageRoot::direct(Places::home()).folder();
-    env.ensureIdentity = [](const fs::path& movie) {
-        auto ensured = PlimIdentity::ensure(movie);
-        if (!ensured)
-            logLine(LogArea::main, "the plim's identity could not be made: " + ensured.error().sentence);
-    };
     std::mutex endedLock;
     std::optional<std::string> endedEarly;
+    std::vector<std::string> missing; // sentences not yet shown
+    bool anyMissing = false;
     env.onEndedEarly = [&](const std::string& headline) {
         std::lock_guard guard(endedLock);
         endedEarly = headline;
+    };
+    auto noteMissing = [&](const std::string& sentence) {
+        std::lock_guard guard(endedLock);
+        missing.push_back(sentence);
+    };
+    env.onInputMissing = noteMissing;
+    env.ensureIdentity = [noteMissing](const fs::path& movie) {
+        if (auto ensured = PlimIdentity::ensure(movie); !ensured) {
+            std::string sentence = ensured.error().sentence + " The movie is kept without its identity file.";
+            logLine(LogArea::main, sentence);
+            noteMissing(sentence);
+        }
+    };
+    // Shows what is not being recorded where the user looks, on lines of their own.
+    auto showMissing = [&](bool midLine) {
+        std::lock_guard guard(endedLock);
+        for (const auto& sentence : missing)
+            err << (midLine ? "\n" : "") << sentence << "\n";
+        if (!missing.empty())
+            err << std::flush;
+        anyMissing = anyMissing || !missing.empty();
+        missing.clear();
     };
     env.onCountdown = [&](int left) { err << "Rolling in " << left << "...\n" << std::flush; };
 
@@ -251,12 +279,18 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     });
     auto started = controller.record(settings, countdown, cancel.get_token());
     watcher.request_stop();
+    showMissing(false);
     if (!started) {
         err << started.error().sentence << "\n";
         return 1;
     }
-    err << "Recording " << RecordingController::subjectDescription(settings.subject) << " into "
-        << controller.movie()->string() << "\n" << std::flush;
+    // An area reaching past the screen is recorded clipped; say what is recorded.
+    ScreenSubject recorded = settings.subject;
+    if (recorded.kind == ScreenSubject::Kind::area && controller.session())
+        recorded.area = controller.session()->subjectFrame();
+    err << "Recording " << RecordingController::subjectDescription(recorded)
+        << (recorded.area == settings.subject.area ? "" : " (the part of the asked area that is on the screen)")
+        << " into " << controller.movie()->string() << "\n" << std::flush;
 
     TerminalKeys keys;
     std::optional<std::string> early;
@@ -268,6 +302,7 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         }
         if (early)
             break;
+        showMissing(true);
         int pauses = pauseRequests.exchange(0), marks = markRequests.exchange(0);
         while (auto key = keys.next()) {
             if (*key == 'p' || *key == ' ')
@@ -297,6 +332,7 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     }
     err << "\n";
     auto outcome = controller.finishRolling(early);
+    showMissing(false);
     if (!outcome.isFinished()) {
         err << outcome.sentence << "\n";
         return 1;
@@ -311,6 +347,10 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         const std::string& headline = *plim.failure;
         err << headline << (headline.ends_with('.') ? "" : ".") << " What was recorded up to then is kept.\n";
         return 1;
+    }
+    if (anyMissing) {
+        err << "Something asked for was not recorded; the lines above say what.\n";
+        return 2;
     }
     return 0;
 }

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <thread>
 
@@ -35,11 +36,17 @@ std::vector<std::string> RecordingController::preflightBlockingLines(const std::
     const std::filesystem::path& libraryFolder)
 {
     std::vector<std::string> lines;
-    if (auto desktop = Desktop::create(display); !desktop)
-        lines.push_back(desktop.error().kind == Error::Kind::missing
-                ? "There is no X display to record: DISPLAY is not set or its X server does not answer. "
-                  "Start Plim inside a graphical X session."
-                : desktop.error().sentence);
+    if (auto desktop = Desktop::create(display); !desktop) {
+        const char* named = display ? display->c_str() : std::getenv("DISPLAY");
+        if (desktop.error().kind != Error::Kind::missing)
+            lines.push_back(desktop.error().sentence);
+        else if (named && *named)
+            lines.push_back(std::string("There is no X display to record: the X server of display ") + named
+                + " does not answer. Start it, or record a display whose X server is running.");
+        else
+            lines.push_back("There is no X display to record: DISPLAY is not set. Start Plim inside a graphical X "
+                            "session.");
+    }
     std::error_code ec;
     fs::create_directories(libraryFolder, ec);
     if (ec || ::access(libraryFolder.c_str(), W_OK) != 0)
@@ -130,6 +137,7 @@ Status RecordingController::startCapture()
     options.movie = *m_movie;
     options.ensureIdentity = m_env.ensureIdentity;
     options.onEnded = m_env.onEndedEarly;
+    options.onMissing = m_env.onInputMissing;
     auto session = CaptureSession::start(*m_settings, std::move(*devices), std::move(options));
     if (!session)
         return failWith(session.error());

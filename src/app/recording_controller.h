@@ -37,6 +37,9 @@ public:
         BeaconBroadcaster* beacon = nullptr;  // may be null
         SuiteGraphWriter* moments = nullptr;  // may be null
         std::function<void(const std::string& headline)> onEndedEarly;
+        // Something asked for (the microphone, the camera, a side file) is not recorded:
+        // one whole sentence. Runs on any thread, like onEndedEarly.
+        std::function<void(const std::string& sentence)> onInputMissing;
         std::function<void(int secondsLeft)> onCountdown;
         // Receives the finished raw plim and the failure it came with, if any.
         std::function<void(const RawPlim&, const std::optional<std::string>& failure)> onPlimFinished;

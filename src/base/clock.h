@@ -27,7 +27,7 @@ public:
     explicit ManualClock(double start = 1000.0) : m_now(start) {}
     double uptime() const override { return m_now.load(); }
     void set(double seconds) { m_now.store(seconds); }
-    void advance(double seconds) { m_now.store(m_now.load() + seconds); }
+    void advance(double seconds) { m_now.fetch_add(seconds); }
 
 private:
     std::atomic<double> m_now;

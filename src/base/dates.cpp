@@ -1,6 +1,9 @@
 #include "base/dates.h"
 
+#include <sys/random.h>
+
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <random>
@@ -121,12 +124,21 @@ std::string readableDate(SystemTime instant)
 
 std::string makeUuid()
 {
-    static thread_local std::mt19937_64 random{std::random_device{}()};
+    // 122 random bits from the kernel's generator (which waits only until its pool is
+    // first seeded, early in boot); each fresh, never drawn from a seeded sequence.
     unsigned char bytes[16];
-    for (int i = 0; i < 16; i += 8) {
-        uint64_t r = random();
-        for (int j = 0; j < 8; ++j)
-            bytes[i + j] = static_cast<unsigned char>(r >> (8 * j));
+    size_t got = 0;
+    while (got < sizeof bytes) {
+        ssize_t n = getrandom(bytes + got, sizeof bytes - got, 0);
+        if (n > 0)
+            got += size_t(n);
+        else if (errno != EINTR)
+            break;
+    }
+    if (got < sizeof bytes) { // a kernel without getrandom: the device, 32 bits a draw
+        std::random_device device;
+        for (size_t i = 0; i < sizeof bytes; ++i)
+            bytes[i] = static_cast<unsigned char>(device());
     }
     bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0f) | 0x40);
     bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3f) | 0x80);

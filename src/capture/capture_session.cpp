@@ -24,6 +24,7 @@ namespace {
 constexpr uint64_t minimumFreeBytes = 256 * 1024;
 // Sound blocks the queue holds besides its pictures: some seconds of the sources' chunks.
 constexpr size_t soundRoom = 4096;
+constexpr std::chrono::seconds soundStartWait{3}; // a monitor of an idle sink may take two
 
 } // namespace
 
@@ -54,20 +55,19 @@ Result<CaptureDevices> openDevices(const CaptureSettings& settings)
         if (auto mic = createPulseSoundSource(SoundSource::Kind::microphone, settings.microphoneDevice))
             devices.microphone = std::move(*mic);
         else
-            logLine(LogArea::main, mic.error().sentence);
+            devices.missing.push_back(mic.error().sentence);
     }
     if (settings.systemSound) {
         if (auto sound = createPulseSoundSource(SoundSource::Kind::systemSound, settings.systemSoundDevice))
             devices.systemSound = std::move(*sound);
         else
-            logLine(LogArea::main, "ScreenCaptureKit refused the system-audio output (" + sound.error().sentence
-                    + "); the plim rolls without the computer's sound.");
+            devices.missing.push_back(sound.error().sentence);
     }
     if (settings.camera) {
         if (auto camera = createV4l2CameraSource(settings.cameraDevice))
             devices.camera = std::move(*camera);
         else
-            logLine(LogArea::main, camera.error().sentence);
+            devices.missing.push_back(camera.error().sentence);
     }
     return devices;
 }
@@ -202,14 +202,23 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
         return fail(diskFullBeforeFirstFrame, Error::Kind::noSpace);
     PLIM_TRY(s.openWriters());
 
-    // The recorders start first, so their clocks run before the first frame.
+    for (const auto& sentence : s.devices.missing)
+        s.missing(sentence);
+    // The sound streams start first and the recorders and the picture only once they flow
+    // (or a few seconds have passed), so the sound covers the movie from its first frame
+    // and the tracks' clocks start just before it. Their blocks wait in the queue.
+    s.startSound(soundStartWait);
+    // The recorders start next, so their clocks run before the first frame.
     PointerSource* pointer = s.devices.pointer;
     if (!pointer) {
         s.stillPointer.emplace();
         pointer = &*s.stillPointer;
     }
     CursorRecorder::Display display{frame, screen.scale()};
-    CursorRecorder::Sources sources{pointer, s.devices.keyActivity, s.devices.windowFrames, s.devices.clicks};
+    WindowFrameSource* windowFrames = s.devices.windowFrames;
+    if (windowFrames)
+        windowFrames = &s.shownFrames.emplace(*windowFrames, frame.size());
+    CursorRecorder::Sources sources{pointer, s.devices.keyActivity, windowFrames, s.devices.clicks};
     s.cursor = std::make_unique<CursorRecorder>(display, screen.windowID(), sources);
     s.cursor->setFlushMovie(movie);
     s.cursor->start();
@@ -222,10 +231,9 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     if (s.keystrokes)
         s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
 
-    s.startSound();
     if (s.devices.camera) {
         if (auto started = s.devices.camera->start([&s](CapturedFrame&& f) { s.onCameraFrame(std::move(f)); }); !started) {
-            logLine(LogArea::main, started.error().sentence);
+            s.missing(started.error().sentence);
             s.devices.camera.reset();
         }
     }
@@ -282,6 +290,8 @@ int64_t CaptureSession::frames() const
     std::lock_guard guard(m_impl->lock);
     return m_impl->framesWritten;
 }
+
+Rect CaptureSession::subjectFrame() const { return m_impl->devices.screen->frame(); }
 
 int64_t CaptureSession::droppedFrames() const
 {

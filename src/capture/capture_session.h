@@ -31,6 +31,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace plim {
 
@@ -64,10 +65,12 @@ struct CaptureDevices {
     std::unique_ptr<SoundSource> microphone;
     std::unique_ptr<SoundSource> systemSound;
     std::unique_ptr<CameraSource> camera;
+    // A sentence for each input asked for that could not open; the session reports them.
+    std::vector<std::string> missing;
 };
 
 // Opens what the settings ask for. The screen must open (its sentence is the failure); an
-// input that cannot open is logged with its sentence and left out.
+// input that cannot open is left out, with its sentence in `missing`.
 Result<CaptureDevices> openDevices(const CaptureSettings& settings);
 
 // What a finished recording left in the library folder.
@@ -93,6 +96,10 @@ public:
         // after the cursor track is written. A failure is logged, never fatal.
         std::function<void(const std::filesystem::path& movie)> ensureIdentity;
         std::function<void(const std::string& headline)> onEnded;
+        // An input or side file that was asked for is not being recorded: one whole
+        // sentence, also logged. Runs on the starting thread, a capture thread or the
+        // finishing thread; it should only hand the sentence over.
+        std::function<void(const std::string& sentence)> onMissing;
         int queueDepth = 6;
     };
 
@@ -112,6 +119,8 @@ public:
     double elapsed() const;
     int64_t frames() const;
     int64_t droppedFrames() const;
+    // The subject's rectangle on the screen as recorded (an area is clipped to the screen).
+    Rect subjectFrame() const;
 
     // Stops everything and finalises in order: cursor track taken, writer finished,
     // offsets set, cursor track written, identity made, keystroke track written. Once only.

@@ -7,10 +7,15 @@
 // Contract:
 // - create() connects and resolves the device; it fails with a sentence when the sound
 //   server or the device cannot be reached (the caller logs it and rolls without sound).
-// - start() delivers blocks on the source's own thread (about every 10 ms). A block's
-//   `uptime` is corrected for the server's latency and follows the sample count, so
-//   consecutive blocks join up; it is re-anchored when the two part by more than 5 ms.
-//   The handler must return quickly.
+// - start() returns once the stream records; blocks then come on the source's own thread
+//   (about every 10 ms). The sample count carries the time: a block's `uptime` is the
+//   previous block's plus its length, so consecutive blocks join up exactly, while the
+//   stream's own timing (its position and latency at the server) pulls that timeline
+//   slowly, at most 0.5 ms a second, toward the instants the server reports once they
+//   part by more than 8 ms on average; only when
+//   the two part by more than 40 ms (samples lost, a stall) is the timeline set afresh,
+//   and that block says it does not join the one before. The first block is stamped by
+//   the capture instant of its first sample. The handler must return quickly.
 // - stop() may be called from any thread but the source's own; when it returns no
 //   handler runs. Losing the server mid-recording ends delivery quietly; the track then
 //   holds silence from there on.
@@ -31,6 +36,7 @@ struct SoundBlock {
     int channels = 1;
     int sampleRate = 48000;
     double uptime = 0; // when the first frame was heard
+    bool joinsPrevious = false; // begins where the previous block ended, with no break
     int64_t frames() const { return channels > 0 ? int64_t(samples.size()) / channels : 0; }
 };
 

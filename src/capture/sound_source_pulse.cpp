@@ -1,5 +1,6 @@
 // Sound through the PulseAudio client library on a threaded main loop: one record stream
-// of 32-bit float at 48 kHz, read about every 10 ms.
+// of 32-bit float at 48 kHz, read about every 10 ms, timed by the stream's own timing
+// information.
 
 #include "capture/sound_source.h"
 
@@ -10,15 +11,20 @@
 
 #include <algorithm>
 #include <cmath>
-#include <mutex>
+#include <optional>
 
 namespace plim {
 
 namespace {
 
 constexpr int rate = 48000;
-constexpr double reanchorAfter = 0.005;
-constexpr double maxSourceLatency = 0.05;
+// Measured instants jitter by a few milliseconds around the sample clock, which itself
+// drifts from the uptime clock by some parts per million: the timeline follows only the
+// smoothed difference, beyond a dead band, at a rate no ear or lip-sync notices.
+constexpr double errorSmoothing = 0.02;  // per block of about 10 ms
+constexpr double driftDeadband = 0.008;
+constexpr double maxSlew = 0.0005;       // seconds per second of sound
+constexpr double reanchorBeyond = 0.040;
 
 class PulseSoundSource final : public SoundSource {
 public:
@@ -93,14 +99,16 @@ public:
         pa_stream_set_read_callback(m_stream, [](pa_stream*, size_t, void* self) {
             static_cast<PulseSoundSource*>(self)->read();
         }, this);
+        pa_stream_set_latency_update_callback(m_stream, [](pa_stream*, void* self) {
+            static_cast<PulseSoundSource*>(self)->read();
+        }, this);
         pa_stream_set_state_callback(m_stream, [](pa_stream*, void* loop) {
             pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
         }, m_loop);
         pa_buffer_attr attr{};
         attr.maxlength = uint32_t(-1);
         attr.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(10000, &spec));
-        auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING
-            | PA_STREAM_AUTO_TIMING_UPDATE);
+        auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE);
         if (pa_stream_connect_record(m_stream, m_device.c_str(), &attr, flags) < 0) {
             pa_threaded_mainloop_unlock(m_loop);
             return fail(whatFailed());
@@ -126,6 +134,7 @@ public:
         pa_threaded_mainloop_lock(m_loop);
         if (m_stream) {
             pa_stream_set_read_callback(m_stream, nullptr, nullptr);
+            pa_stream_set_latency_update_callback(m_stream, nullptr, nullptr);
             pa_stream_disconnect(m_stream);
             pa_stream_unref(m_stream);
             m_stream = nullptr;
@@ -159,7 +168,8 @@ private:
             std::string defaultSink, defaultSource;
             int channels = 0;
             std::string name;
-        } ask{m_loop, {}, {}, 0, {}};
+            bool monitor = false;
+        } ask{m_loop, {}, {}, 0, {}, false};
         wait(m_loop, pa_context_get_server_info(m_context, [](pa_context*, const pa_server_info* info, void* data) {
             auto* a = static_cast<Ask*>(data);
             if (info) {
@@ -185,6 +195,7 @@ private:
                 if (info && eol == 0) {
                     a->channels = info->sample_spec.channels;
                     a->name = info->name;
+                    a->monitor = info->monitor_of_sink != PA_INVALID_INDEX;
                 }
                 pa_threaded_mainloop_signal(a->loop, 0);
             }, &ask));
@@ -194,29 +205,90 @@ private:
                 + " is not recorded. The recording rolls without it.");
         if (m_kind == Kind::microphone)
             m_channels = std::clamp(ask.channels, 1, 8);
+        m_monitor = ask.monitor;
         return {};
     }
 
-    // On the main loop's thread.
+    // The instant at which the sample at the read position was heard, from the latest
+    // timing information the server sent while the stream flowed: the last sample it had
+    // written into the stream was captured the source's latency before that moment, and
+    // what a monitor records (rendered by its sink ahead of playing) sounds the sink's
+    // latency after it was written. Absent until
+    // such information arrives.
+    std::optional<double> readPositionInstant() const
+    {
+        const pa_timing_info* t = pa_stream_get_timing_info(m_stream);
+        if (!t || t->write_index <= 0 || t->write_index_corrupt || t->read_index_corrupt)
+            return std::nullopt;
+        const double bytesPerSecond = double(rate) * m_channels * sizeof(float);
+        double taken = systemUptime() - double(pa_timeval_age(&t->timestamp)) / 1e6;
+        double instant = taken - double(t->source_usec) / 1e6 - double(t->write_index - t->read_index) / bytesPerSecond;
+        if (m_monitor)
+            instant += double(t->sink_usec) / 1e6;
+        return instant;
+    }
+
+    // Asks the server for fresh timing information; read() runs again when it comes.
+    void askForTiming()
+    {
+        if (m_timingAsked)
+            return;
+        m_timingAsked = true;
+        if (pa_operation* op = pa_stream_update_timing_info(m_stream, [](pa_stream*, int, void* self) {
+                auto* source = static_cast<PulseSoundSource*>(self);
+                source->m_timingAsked = false;
+                source->read();
+            }, this))
+            pa_operation_unref(op);
+    }
+
+    // The uptime of the block starting at stream frame `m_position`: the sample count
+    // carries time from the anchor, which follows the measured instants slowly.
+    double stamp(double measured, int64_t frames, bool& joins)
+    {
+        double predicted = m_anchor + double(m_position - m_anchorFrame) / rate;
+        double error = measured - predicted;
+        m_error += errorSmoothing * (error - m_error);
+        joins = m_anchored && std::fabs(m_error) <= reanchorBeyond;
+        if (!joins) {
+            m_anchor = measured;
+            m_anchorFrame = m_position;
+            m_error = 0;
+            m_anchored = true;
+            return measured;
+        }
+        if (std::fabs(m_error) > driftDeadband) {
+            double limit = maxSlew * double(frames) / rate;
+            double nudge = std::clamp(m_error, -limit, limit);
+            m_anchor += nudge;
+            m_error -= nudge;
+            predicted += nudge;
+        }
+        return predicted;
+    }
+
+    // On the main loop's thread, also when fresh timing information arrives.
     void read()
     {
+        if (!m_stream)
+            return;
         const void* data = nullptr;
         size_t bytes = 0;
         while (pa_stream_readable_size(m_stream) > 0) {
+            // The first samples wait in the stream until timing taken while they flowed
+            // tells their capture instant.
+            std::optional<double> measured = readPositionInstant();
+            if (!measured && !m_anchored) {
+                const double bytesPerSecond = double(rate) * m_channels * sizeof(float);
+                double waiting = double(pa_stream_readable_size(m_stream)) / bytesPerSecond;
+                if (waiting < 0.5) {
+                    askForTiming();
+                    return;
+                }
+                measured = systemUptime() - waiting; // no timing from this server: the samples' arrival
+            }
             if (pa_stream_peek(m_stream, &data, &bytes) < 0 || bytes == 0)
                 return;
-            double now = systemUptime();
-            // A microphone's chunk was heard over the time before it arrived: what waits unread
-            // (this chunk included) plus the source's own latency. A monitor's chunk is
-            // rendered as the sink starts playing it, so only what waits behind it counts.
-            const double bytesPerSecond = double(rate) * m_channels * sizeof(float);
-            double delay = double(pa_stream_readable_size(m_stream)) / bytesPerSecond;
-            if (m_kind == Kind::microphone) {
-                if (const pa_timing_info* timing = pa_stream_get_timing_info(m_stream))
-                    delay += std::min(double(timing->source_usec) / 1e6, maxSourceLatency);
-            } else {
-                delay = std::max(0.0, delay - double(bytes) / bytesPerSecond);
-            }
             SoundBlock block;
             block.channels = m_channels;
             block.sampleRate = rate;
@@ -229,17 +301,10 @@ private:
                 block.samples.assign(count, 0.0f); // a hole in the stream
             }
             pa_stream_drop(m_stream);
-            // The oldest sample not yet read was heard `delay` ago.
-            double measured = now - delay;
-            double predicted = m_anchor + double(m_framesSinceAnchor) / rate;
-            if (!m_anchored || std::fabs(measured - predicted) > reanchorAfter) {
-                m_anchor = measured;
-                m_framesSinceAnchor = 0;
-                m_anchored = true;
-                predicted = measured;
-            }
-            block.uptime = predicted;
-            m_framesSinceAnchor += block.frames();
+            int64_t frames = block.frames();
+            double predicted = m_anchor + double(m_position - m_anchorFrame) / rate;
+            block.uptime = stamp(measured.value_or(predicted), frames, block.joinsPrevious);
+            m_position += frames;
             if (m_onBlock && !block.samples.empty())
                 m_onBlock(std::move(block));
         }
@@ -248,13 +313,18 @@ private:
     Kind m_kind;
     std::string m_device;
     int m_channels = 1;
+    bool m_monitor = false; // the device is a sink's monitor
     pa_threaded_mainloop* m_loop = nullptr;
     pa_context* m_context = nullptr;
     pa_stream* m_stream = nullptr;
     BlockHandler m_onBlock;
+    // The block timeline; main loop's thread only.
     bool m_anchored = false;
-    double m_anchor = 0;
-    int64_t m_framesSinceAnchor = 0;
+    double m_anchor = 0;       // uptime of stream frame m_anchorFrame
+    int64_t m_anchorFrame = 0;
+    int64_t m_position = 0;    // frames read so far
+    bool m_timingAsked = false;
+    double m_error = 0;        // measured minus predicted, smoothed
 };
 
 } // namespace

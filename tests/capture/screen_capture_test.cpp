@@ -1,11 +1,12 @@
 // The X11 desktop and the capture session on a real X server: the desktop lists what it
 // shows, subjects that cannot be recorded are refused with their sentences, an area records
-// at its even size, and a window is followed as it moves until it closes.
+// at its even size, and a window is followed as it moves and resizes until it closes.
 
 #include "base/files.h"
 #include "capture/capture_session.h"
 #include "capture/desktop.h"
 #include "capture/pointer_source.h"
+#include "capture/track_placement.h"
 #include "testing/scripted_camera.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <chrono>
@@ -99,6 +101,9 @@ TEST_F(ScreenCaptureTest, TheDesktopListsWhatItShowsAndRefusesWhatCannotBeRecord
     const Case cases[] = {
         {"an area 1.5 points wide", ScreenSubject::areaOf({0, 0, 1.5, 100}),
             "That subject reports a size of 1.5 x 100 points, which is too small to record."},
+        {"an area off the screen", ScreenSubject::areaOf({900, 700, 100, 100}),
+            "The area 900,700 100x100 lies off the screen, which is 800 x 600 pixels, so nothing was recorded. "
+            "Pick an area on the screen."},
         {"a device", ScreenSubject{ScreenSubject::Kind::device, {}, 0, {}, "iPad"}, "A device subject reached the screen path."},
         {"a window that does not exist", ScreenSubject::window(0x7fffff), "That window is gone."},
         {"an unknown display", ScreenSubject::display("HDMI-9"),
@@ -153,16 +158,24 @@ TEST_F(ScreenCaptureTest, AnAreaIsRecordedAtItsEvenSizeWithTheCameraBeside)
     EXPECT_LT(*track->value.cameraOffsetMS, 500);
 }
 
-TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
+TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesAndResizesUntilItIsGone)
 {
     TestWindow backdrop(x.display(), 0, 0, 800, 600, 0x000000);
     TestWindow window(x.display(), 50, 60, 200, 100, 0xff0000);
     auto session = startNotingTheEnd(ScreenSubject::window(window.id()), "Window.mov");
     ASSERT_TRUE(session);
+    const std::vector<std::string> env{"DISPLAY=" + x.display()};
+    const std::string id = std::to_string(window.id());
     std::this_thread::sleep_for(700ms);
-    ASSERT_EQ(runCommand({"xdotool", "windowmove", std::to_string(window.id()), "300", "200"},
-                  {"DISPLAY=" + x.display()}).status, 0);
-    std::this_thread::sleep_for(1200ms);
+    ASSERT_EQ(runCommand({"xdotool", "windowmove", id, "300", "200"}, env).status, 0);
+    // The window grows, then shrinks, with the pointer inside it each time (at 150,80 and
+    // then 50,30 from its corner); each holds for more than a frame key's half second.
+    ASSERT_EQ(runCommand({"xdotool", "windowsize", id, "400", "200", "mousemove", "450", "280"}, env).status, 0);
+    std::this_thread::sleep_for(900ms);
+    double grownAt = session->elapsed();
+    ASSERT_EQ(runCommand({"xdotool", "windowsize", id, "100", "50", "mousemove", "350", "230"}, env).status, 0);
+    std::this_thread::sleep_for(900ms);
+    double shrunkAt = session->elapsed();
     window.close();
     ASSERT_TRUE(endsWithin(2000ms));
     EXPECT_EQ(headline, "That window is gone.");
@@ -172,18 +185,40 @@ TEST_F(ScreenCaptureTest, AWindowIsFollowedAsItMovesUntilItIsGone)
     EXPECT_EQ(outcome.value.width, 200);
     EXPECT_EQ(outcome.value.height, 100);
 
-    // The window's own red content all along, moved or not; its frame keys follow it.
+    // The movie keeps the window's first size from its corner, and its frame keys say so:
+    // they follow the corner at that size, so the pointer lands where the picture shows it.
     auto track = CursorTrack::read(folder / "Window.mov");
     ASSERT_TRUE(track.has_value());
     EXPECT_EQ(track->value.displayX, 50);
     ASSERT_FALSE(track->value.frames.empty());
     EXPECT_EQ(track->value.frames.front().x, 300);
     EXPECT_EQ(track->value.frames.front().y, 200);
-    auto last = runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.3", "-i", (folder / "Window.mov").string(), "-frames:v", "1",
-        "-vf", "crop=2:2:100:50", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"});
-    ASSERT_EQ(last.out.size(), 12u) << last.err;
-    EXPECT_GT(uint8_t(last.out[0]), 200);
-    EXPECT_LT(uint8_t(last.out[1]), 60);
+    for (const auto& key : track->value.frames)
+        EXPECT_EQ(Size(key.w, key.h), Size(200, 100));
+    const TrackPlacement place(track->value);
+    auto pointerAt = [&](double movieSeconds) {
+        int64_t t = int64_t(movieSeconds * 1000) + track->value.videoStartOffsetMS;
+        const CursorSample* at = nullptr;
+        for (const auto& sample : track->value.samples)
+            if (sample.t <= t)
+                at = &sample;
+        return at ? place.unitPoint(at->x, at->y, at->t) : Point{-1, -1};
+    };
+    EXPECT_EQ(pointerAt(grownAt), Point(0.75, 0.8));
+    EXPECT_EQ(pointerAt(shrunkAt), Point(0.25, 0.3));
+    // Still the window's red where it is, black where the shrunk window left the picture.
+    auto pixel = [&](int px, int py) {
+        auto last = runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.3", "-i", (folder / "Window.mov").string(),
+            "-frames:v", "1", "-vf", "crop=2:2:" + std::to_string(px) + ":" + std::to_string(py), "-f", "rawvideo",
+            "-pix_fmt", "rgb24", "-"});
+        EXPECT_EQ(last.out.size(), 12u) << last.err;
+        return last.out.size() < 3 ? std::array<int, 3>{-1, -1, -1}
+                                   : std::array<int, 3>{uint8_t(last.out[0]), uint8_t(last.out[1]), uint8_t(last.out[2])};
+    };
+    auto red = pixel(40, 20), black = pixel(150, 70);
+    EXPECT_GT(red[0], 200);
+    EXPECT_LT(red[1], 60);
+    EXPECT_LT(black[0], 40);
 }
 
 TEST_F(ScreenCaptureTest, AServerThatGoesAwayEndsTheRecordingEarlyAndKeepsWhatWasRecorded)

@@ -45,7 +45,7 @@ Outcome<RawPlim> CaptureSession::finish()
     Status finished = s.writer->finish();
     if (s.cameraWriter) {
         if (auto camera = s.cameraWriter->finish(); !camera)
-            logLine(LogArea::main, "the camera movie could not be finished: " + camera.error().sentence);
+            s.missing(camera.error().sentence + " The plim is kept without its camera.");
     }
 
     RawPlim plim;
@@ -110,13 +110,18 @@ Outcome<RawPlim> CaptureSession::finish()
         plim.hasCamera = true;
     }
     if (auto written = track.write(movie); !written)
-        logLine(LogArea::main, "the cursor track could not be written: " + written.error().sentence);
+        s.missing(written.error().sentence
+            + (fs::exists(CursorTrack::journalBeside(movie))
+                    ? " The movie is kept, and its pointer, clicks and marks as far as their journal reached;"
+                    : " The movie is kept, but the pointer, clicks and marks of this plim are lost;")
+            + " free some disk space before the next recording.");
     if (s.options.ensureIdentity)
         s.options.ensureIdentity(movie);
     if (s.keystrokes) {
         KeystrokeTrack keys = s.keystrokes->stop();
         if (auto written = keys.write(movie); !written)
-            logLine(LogArea::main, "the keystroke track could not be written: " + written.error().sentence);
+            s.missing(written.error().sentence + " The movie is kept, but the keys pressed in this plim are lost;"
+                      " free some disk space before the next recording.");
     }
     return Outcome<RawPlim>::finished(std::move(plim));
 }

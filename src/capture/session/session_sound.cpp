@@ -10,18 +10,27 @@ namespace plim {
 
 using namespace session;
 
-void CaptureSession::Impl::startSound()
+void CaptureSession::Impl::missing(const std::string& sentence)
 {
-    if (devices.microphone) {
-        if (auto started = devices.microphone->start([this](SoundBlock&& b) { onSound(SoundSource::Kind::microphone, std::move(b)); }); !started) {
-            logLine(LogArea::main, started.error().sentence);
-        }
+    logLine(LogArea::main, sentence);
+    if (options.onMissing)
+        options.onMissing(sentence);
+}
+
+void CaptureSession::Impl::startSound(std::chrono::steady_clock::duration wait)
+{
+    int soundsStarted = 0;
+    for (auto* sound : {devices.microphone.get(), devices.systemSound.get()}) {
+        if (!sound)
+            continue;
+        auto kind = sound->kind();
+        if (auto started = sound->start([this, kind](SoundBlock&& b) { onSound(kind, std::move(b)); }))
+            ++soundsStarted;
+        else
+            missing(started.error().sentence);
     }
-    if (devices.systemSound) {
-        if (auto started = devices.systemSound->start([this](SoundBlock&& b) { onSound(SoundSource::Kind::systemSound, std::move(b)); }); !started)
-            logLine(LogArea::main, "ScreenCaptureKit refused the system-audio output (" + started.error().sentence
-                    + "); the plim rolls without the computer's sound.");
-    }
+    std::unique_lock guard(lock);
+    soundStarted.wait_for(guard, wait, [&] { return soundsFlowing >= soundsStarted; });
 }
 
 void CaptureSession::Impl::onSound(SoundSource::Kind kind, SoundBlock&& block)
@@ -33,8 +42,10 @@ void CaptureSession::Impl::onSound(SoundSource::Kind kind, SoundBlock&& block)
     if (kind == SoundSource::Kind::microphone) {
         {
             std::lock_guard guard(lock);
-            if (pauses.pausedAt(block.uptime))
+            if (pauses.pausedAt(block.uptime)) {
+                soundBroken[track] = true;
                 return; // the treatment's clock stands still while paused
+            }
         }
         ArrayMic::Buffer buffer{std::move(block.samples), block.channels, block.sampleRate};
         buffer = treatment.treated(std::move(buffer));
@@ -43,13 +54,26 @@ void CaptureSession::Impl::onSound(SoundSource::Kind kind, SoundBlock&& block)
         samples = std::move(block.samples);
     }
     double trackSeconds;
+    bool first = false, joins = false, keep = false;
     {
         std::lock_guard guard(lock);
-        if (ended || pauses.pausedAt(block.uptime))
-            return;
+        if (!std::exchange(soundFlowed[track], true)) {
+            ++soundsFlowing;
+            first = true;
+        }
+        if (ended || pauses.pausedAt(block.uptime)) {
+            soundBroken[track] = true;
+        } else {
+            joins = block.joinsPrevious && !std::exchange(soundBroken[track], false);
+            keep = true;
+        }
         trackSeconds = trackSecondsAt(block.uptime);
     }
-    QueueItem item = AudioItem{track, std::move(samples), trackSeconds};
+    if (first)
+        soundStarted.notify_all();
+    if (!keep)
+        return;
+    QueueItem item = AudioItem{track, std::move(samples), trackSeconds, joins};
     if (queue->push(item, std::chrono::milliseconds(0), 0) != BoundedQueue<QueueItem>::Wait::done) {
         std::lock_guard guard(lock);
         if (!ended)

@@ -11,6 +11,7 @@
 #include "media/movie_writer.h"
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -60,12 +61,43 @@ struct AudioItem {
     int track;
     std::vector<float> samples;
     double trackSeconds;
+    bool joins; // follows the track's previous block with no break
+};
+
+// Where a sound track's blocks go in the movie. A block that joins the one before goes
+// right after it, so sound is never padded or cut for the jitter of its stamps; the
+// drift between its stamp and that place is taken up one frame a block (a repeated or
+// skipped frame is inaudible). A block that does not join, or strays further than a
+// break would, goes where its stamp says: the writer fills a gap with silence and drops
+// an overlap.
+struct SoundPlacement {
+    static constexpr double breakFrames = 0.040 * 48000;
+    int64_t next = 0; // the frame after the last one placed
+    bool placed = false;
 };
 using QueueItem = std::variant<VideoItem, AudioItem>;
 
 // Where the pointer is when no input could be opened: nowhere, so no sample is taken.
 struct StillPointer final : PointerSource {
     std::optional<Point> position() override { return std::nullopt; }
+};
+
+// A recorded window that grows or shrinks keeps its first size in the movie, cropped or
+// padded from its top-left corner, so what the movie shows is that size at the window's
+// corner: the frame keys say so, and the pointer lands where the picture shows it.
+struct ShownWindowFrames final : WindowFrameSource {
+    WindowFrameSource& window;
+    Size shown;
+    ShownWindowFrames(WindowFrameSource& w, Size s) : window(w), shown(s) {}
+    std::optional<Rect> windowFrame(uint32_t windowID) override
+    {
+        auto frame = window.windowFrame(windowID);
+        if (frame && frame->width > 0 && frame->height > 0) {
+            frame->width = shown.width;
+            frame->height = shown.height;
+        }
+        return frame;
+    }
 };
 
 // The tracks (and the cursor journal) of a plim that is not kept.
@@ -84,8 +116,10 @@ public:
     std::unique_ptr<CursorRecorder> cursor;
     std::unique_ptr<KeystrokeRecorder> keystrokes;
     std::optional<session::StillPointer> stillPointer; // when no pointer source opened
+    std::optional<session::ShownWindowFrames> shownFrames;
     int micTrack = -1, systemTrack = -1;
     ArrayMic::Treatment treatment;
+    session::SoundPlacement placements[2]; // by track; writer thread only
     // Frames weigh one each against a budget of queueDepth (a full queue drops the frame);
     // sound weighs nothing and is held by the count alone.
     std::unique_ptr<BoundedQueue<session::QueueItem>> queue;
@@ -96,6 +130,10 @@ public:
     std::optional<double> firstTrackSeconds;
     std::optional<double> cameraFirstUptime;
     std::optional<double> cameraFirstTrack;
+    int soundsFlowing = 0;        // sound sources that delivered a block
+    bool soundBroken[2] = {};     // by track: a block was left out (a pause)
+    bool soundFlowed[2] = {};     // by track
+    std::condition_variable soundStarted;
     double lastVideoSeconds = -1;
     double writtenSeconds = 0;
     int64_t framesWritten = 0;
@@ -110,6 +148,8 @@ public:
     std::jthread flushThread;
 
     double trackSecondsAt(double uptime) const { return uptime - pauses.pausedBefore(uptime); }
+    // Says that something asked for is not being recorded.
+    void missing(const std::string& sentence);
 
     // State (capture_session.cpp).
     void endWith(std::string headline, bool beforeFirstFrame = false);
@@ -125,8 +165,8 @@ public:
     Status appendSound(const session::AudioItem& audio, double first);
     void flushLoop(std::stop_token stop);
 
-    // Sound (session_sound.cpp).
-    void startSound();
+    // Sound (session_sound.cpp): starts the sound streams and waits up to `wait` for them to flow.
+    void startSound(std::chrono::steady_clock::duration wait);
     void onSound(SoundSource::Kind kind, SoundBlock&& block);
 };
 

@@ -45,8 +45,7 @@ Status CaptureSession::Impl::openWriters()
         if (auto camera = MovieWriter::create(cs))
             cameraWriter = std::move(*camera);
         else {
-            logLine(LogArea::main, "the camera movie could not be made (" + camera.error().sentence
-                    + "); the plim rolls without the camera.");
+            devices.missing.push_back(camera.error().sentence + " The plim rolls without the camera.");
             devices.camera.reset();
         }
     }
@@ -110,7 +109,7 @@ void CaptureSession::Impl::onCameraFrame(CapturedFrame&& frame)
     if (auto status = cameraWriter->appendVideo(frame.image, seconds); !status) {
         // The camera is stopped with the other sources, from the session's thread: this
         // is the camera's own thread, which cannot wait for itself.
-        logLine(LogArea::main, "the camera movie stopped: " + status.error().sentence);
+        missing(status.error().sentence + " The rest of the plim goes on without the camera.");
         cameraFailed = true;
         return;
     }
@@ -190,8 +189,23 @@ Status CaptureSession::Impl::appendSound(const AudioItem& audio, double first)
 {
     int channels = audio.track == systemTrack ? 2 : 1;
     int64_t frames = int64_t(audio.samples.size()) / channels;
-    int64_t start = std::llround((audio.trackSeconds - first) * 48000.0);
     const float* data = audio.samples.data();
+    SoundPlacement& place = placements[audio.track];
+    double wanted = (audio.trackSeconds - first) * 48000.0;
+    int64_t start = std::llround(wanted);
+    std::vector<float> longer;
+    if (place.placed && audio.joins && std::fabs(wanted - double(place.next)) <= SoundPlacement::breakFrames) {
+        start = place.next;
+        if (wanted - double(start) >= 2 && frames > 0) { // running late: repeat the first frame
+            longer.assign(data, data + channels);
+            longer.insert(longer.end(), data, data + frames * channels);
+            data = longer.data();
+            ++frames;
+        } else if (wanted - double(start) <= -2 && frames > 1) { // running early: skip one
+            data += channels;
+            --frames;
+        }
+    }
     if (start < 0) {
         int64_t skip = std::min(frames, -start);
         data += skip * channels;
@@ -200,6 +214,8 @@ Status CaptureSession::Impl::appendSound(const AudioItem& audio, double first)
     }
     if (frames <= 0)
         return {};
+    place.next = std::max(place.next, start + frames);
+    place.placed = true;
     return writer->appendAudio(audio.track, data, frames, start);
 }
 

@@ -378,6 +378,13 @@ Result<std::unique_ptr<ScreenSource>> createX11ScreenSource(const ScreenSubject&
         double x1 = std::min(root.maxX(), std::floor(subject.area.maxX()));
         double y1 = std::min(root.maxY(), std::floor(subject.area.maxY()));
         frame = {x0, y0, std::max(0.0, x1 - x0), std::max(0.0, y1 - y0)};
+        if (!(frame.width >= 2) || !(frame.height >= 2)) {
+            char text[256];
+            std::snprintf(text, sizeof text, "The area %g,%g %gx%g lies off the screen, which is %g x %g pixels, so "
+                "nothing was recorded. Pick an area on the screen.", subject.area.x, subject.area.y,
+                subject.area.width, subject.area.height, root.width, root.height);
+            return fail(text, Error::Kind::refused);
+        }
         break;
     }
     case ScreenSubject::Kind::device:
