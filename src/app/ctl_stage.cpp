@@ -3,8 +3,9 @@
 #include "app/plan_report.h"
 #include "app/interrupt_stop.h"
 #include "app/render_job.h"
-#include "capture/desktop.h"
 #include "base/text.h"
+#include "capture/desktop.h"
+#include "library/look_store.h"
 #include "stage/stage.h"
 
 #include <cairo.h>

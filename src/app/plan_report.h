@@ -5,6 +5,7 @@
 #include "capture/cursor_track.h"
 #include "capture/keystroke_track.h"
 #include "library/plim_edits.h"
+#include "library/plim_plan.h"
 #include "plan/auto_edit.h"
 #include "plan/edit_plan.h"
 

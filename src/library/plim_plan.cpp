@@ -1,5 +1,7 @@
 #include "library/plim_plan.h"
 
+#include "plan/plan.h"
+
 #include "base/files.h"
 
 namespace plim {

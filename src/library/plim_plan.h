@@ -8,9 +8,10 @@
 
 #include "base/decoded.h"
 #include "base/error.h"
-#include "capture/capture.h"
+#include "capture/cursor_track.h"
+#include "capture/keystroke_track.h"
 #include "library/plim_edits.h"
-#include "plan/plan.h"
+#include "plan/edit_plan.h"
 
 #include <filesystem>
 #include <optional>

@@ -2,7 +2,7 @@
 // The sound of a share under its edit: the recording's sound cut with the picture, its
 // sped-up stretches time-stretched, and the voiceovers where they play.
 
-#include "media/media.h"
+#include "media/sound_mix.h"
 #include "plan/edit_plan.h"
 
 #include <vector>

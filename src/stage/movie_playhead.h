@@ -5,7 +5,7 @@
 // Threads: used from one thread at a time, as the reader it owns.
 
 #include "base/error.h"
-#include "media/media.h"
+#include "media/movie_reader.h"
 
 #include <memory>
 #include <optional>

@@ -435,10 +435,6 @@ Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
             Error::Kind::unreadable);
     }
     auto decoded = StageSpec::fromJson(*json);
-    if (auto usable = checkBackdrop(decoded.spec.backdrop); !usable)
-        decoded.notices.push_back("The stage look's \"backdrop\" cannot be drawn. " + usable.error().sentence
-            + " This render uses the gradient backdrop; the file was left as it is, so choose the backdrop again to "
-              "replace it.");
     Decoded<StageSpec> out{std::move(decoded.spec), {}};
     for (const std::string& notice : decoded.notices)
         out.notices.push_back(path.filename().string() + ": " + notice);
@@ -452,9 +448,14 @@ Result<Decoded<StageSpec>> StageSpecFile::read(const fs::path& path)
                 + " names a file outside the plim's folder, so it was left out. Nothing else changed.");
             out.value.backdrop = StageSpec().backdrop;
         } else {
-            image->path = (path.parent_path() / image->path).string(); // said when the picture is drawn
+            image->path = (path.parent_path() / image->path).string();
         }
     }
+    if (auto usable = checkBackdrop(out.value.backdrop); !usable)
+        out.notices.push_back(path.filename().string() + ": The stage look's \"backdrop\" cannot be drawn. "
+            + usable.error().sentence
+            + " This render uses the gradient backdrop; the file was left as it is, so choose the backdrop again to "
+              "replace it.");
     return out;
 }
 

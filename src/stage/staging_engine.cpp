@@ -376,8 +376,8 @@ Outcome<StagingEngine::Result> StagingEngine::stage(const StagingJob& job, const
 
 plim::Result<Image> StagingEngine::frame(const StagingJob& job, double outputTime)
 {
-    auto preview = PLIM_TRY(StagePreview::open(job));
-    return preview->frame(outputTime);
+    auto one = PLIM_TRY(frames(job, {outputTime}));
+    return std::move(one.front());
 }
 
 plim::Result<std::vector<Image>> StagingEngine::frames(const StagingJob& job, const std::vector<double>& outputTimes)

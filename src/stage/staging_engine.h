@@ -25,6 +25,7 @@
 #include "library/plim_edits.h"
 #include "library/plim_look.h"
 #include "plan/edit_plan.h"
+#include "plan/share_audio_plan.h"
 #include "stage/render_rules.h"
 #include "stage/stage_spec.h"
 #include "stage/staging_error.h"

@@ -3,7 +3,7 @@
 // movie, the clip timeline, the canvas, the renderer, the moments and the camera feed.
 // Shared by the streaming engine and the preview. Private to stage/.
 
-#include "media/media.h"
+#include "media/movie_reader.h"
 #include "stage/movie_playhead.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/stage_renderer.h"

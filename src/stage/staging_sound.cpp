@@ -1,5 +1,6 @@
 #include "stage/staging_sound.h"
 
+#include "media/media.h"
 #include "plan/plan.h"
 #include "stage/staging_setup.h"
 

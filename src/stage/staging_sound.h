@@ -5,7 +5,7 @@
 // Threads: open() runs on the caller's thread before the writer starts; feedUntil() then
 // runs on the encode thread only.
 
-#include "media/media.h"
+#include "media/sound_mixer.h"
 #include "stage/staging_engine.h"
 #include "stage/video_sink.h"
 

@@ -112,7 +112,7 @@ TEST_F(CtlSuite, MomentsListsTheMergedHistoryWithTheQuerysFiltersAndNamesWhatItS
     EXPECT_EQ(listed.status, 1);
     EXPECT_EQ(listed.out, "2026-11-14T10:00:00.000Z  tovan  mark  Mark  [person: Ada]\n");
     EXPECT_EQ(listed.err, "Could not read the moment stream " + sorvel.string()
-            + " (Is a directory); its moments are left out and the file was left as it is.\nSkipped 1 line of the "
+            + " (it is a folder, not a file); its moments are left out and the file was left as it is.\nSkipped 1 line of the "
               "moment stream " + tovan.string()
             + " that are not whole moments; the file was left as it is and its other moments are shown.\n");
     EXPECT_EQ(readText(tovan), torn);

@@ -104,7 +104,7 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
     auto before = folderContents(dir.path());
     auto failed = plimRun({"--reframe", (dir / "A.mov").string()});
     EXPECT_EQ(failed.status, 1);
-    EXPECT_TRUE(lastLine(failed.err).starts_with("reframing failed: The plim could not be read: it could not be opened."))
+    EXPECT_TRUE(lastLine(failed.err).starts_with("reframing failed: A.mov is not a movie Plim can read ("))
         << failed.err;
     EXPECT_EQ(folderContents(dir.path()), before);
 }

@@ -257,4 +257,20 @@ TEST(ScreenSourceTicks, ALateFrameIsTakenAtOnceAndOnlyWholeLostPeriodsCount)
     EXPECT_EQ(ticksLost(std::nan(""), 1000.0, period), 0);
 }
 
+TEST(Desktop, WallpaperFromThePlasmaConfiguration)
+{
+    testkit::XdgSandbox sandbox;
+    const auto picture = sandbox.home() / "my wall.png";
+    testkit::writeText(picture, "x");
+    std::filesystem::create_directories(sandbox.home() / ".config");
+    testkit::writeText(sandbox.home() / ".config" / "plasma-org.kde.plasma.desktop-appletsrc",
+        "[Containments][1][Wallpaper][org.kde.image][General]\nImage=file://" + (sandbox.home() / "my%20wall.png").string() + "\n");
+    testkit::ScopedEnv config("XDG_CONFIG_HOME", (sandbox.home() / ".config").string());
+    // Without gsettings on the path GNOME has nothing to say, so Plasma's answer counts.
+    testkit::ScopedEnv path("PATH", "/nonexistent");
+    const auto found = desktopWallpaper();
+    ASSERT_TRUE(found.has_value());
+    EXPECT_EQ(*found, picture);
+}
+
 } // namespace plim

@@ -17,7 +17,7 @@ TEST(PlimLook, EveryKeyRoundTripsAndADamagedKeyKeepsItsDefault)
     for (const auto& [key, value] : defaults.items()) {
         Json changed = defaults;
         changed[key] = value.is_boolean() ? Json(!value.get<bool>())
-            : value.is_number()           ? Json(value.get<double>() + 0.5)
+            : value.is_number()           ? Json(value.get<double>() + 0.25)
                                           : Json(key == "shape" ? "1:1" : key == "backdrop" ? "desk" : "tl");
         auto decoded = PlimLook::fromJson(changed);
         EXPECT_EQ(decoded.look.toJson(), changed) << key;

@@ -713,22 +713,6 @@ TEST(StageRenderer, CameraChoicesComeFromThePlan)
     }
 }
 
-TEST(StageRenderer, WallpaperFromThePlasmaConfiguration)
-{
-    testkit::XdgSandbox sandbox;
-    const auto picture = sandbox.home() / "my wall.png";
-    testkit::writeText(picture, "x");
-    std::filesystem::create_directories(sandbox.home() / ".config");
-    testkit::writeText(sandbox.home() / ".config" / "plasma-org.kde.plasma.desktop-appletsrc",
-        "[Containments][1][Wallpaper][org.kde.image][General]\nImage=file://" + (sandbox.home() / "my%20wall.png").string() + "\n");
-    testkit::ScopedEnv config("XDG_CONFIG_HOME", (sandbox.home() / ".config").string());
-    // Without gsettings on the path GNOME has nothing to say, so Plasma's answer counts.
-    testkit::ScopedEnv path("PATH", "/nonexistent");
-    const auto found = currentWallpaper();
-    ASSERT_TRUE(found.has_value());
-    EXPECT_EQ(*found, picture);
-}
-
 TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSize)
 {
     StageRenderer::Options options;
