@@ -165,7 +165,9 @@ constexpr std::string_view parkedTag = "partial-replaced-";
 
 fs::path siblingName(const fs::path& final, std::string_view tag)
 {
-    return fittedName(final.parent_path(), final.stem().string(), "." + std::string(tag), final.extension().string());
+    std::string middle = ".";
+    middle.append(tag);
+    return fittedName(final.parent_path(), final.stem().string(), middle, final.extension().string());
 }
 
 fs::path partialSibling(const fs::path& final) { return siblingName(final, "partial-" + randomHex(8)); }
@@ -216,8 +218,10 @@ Result<fs::path> publishFile(const fs::path& partial, const fs::path& wished, Pu
     }
     const std::string stem = wished.stem().string(), extension = wished.extension().string();
     for (long n = 1; n <= 9999; ++n) {
-        fs::path name = n == 1 ? fittedName(wished.parent_path(), stem, "", extension)
-                               : fittedName(wished.parent_path(), stem, " " + std::to_string(n), extension);
+        std::string middle;
+        if (n > 1)
+            middle.append(" ").append(std::to_string(n));
+        fs::path name = fittedName(wished.parent_path(), stem, middle, extension);
         int err = linkWithoutReplacing(partial, name);
         if (err == EEXIST)
             continue;
