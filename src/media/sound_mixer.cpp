@@ -36,6 +36,18 @@ std::vector<float> timeStretch(const std::vector<float>& input, int64_t outFrame
         stretcher.setExpectedInputDuration(static_cast<size_t>(inFrames));
         stretcher.setMaxProcessSize(static_cast<size_t>(stretchBlock));
         std::vector<float> left(static_cast<size_t>(stretchBlock)), right(static_cast<size_t>(stretchBlock));
+        // Interleaves whatever the stretcher has ready onto `out`.
+        auto drain = [&] {
+            for (int ready; (ready = stretcher.available()) > 0;) {
+                std::vector<float> l(static_cast<size_t>(ready)), r(static_cast<size_t>(ready));
+                float* outs[2] = {l.data(), r.data()};
+                size_t got = stretcher.retrieve(outs, static_cast<size_t>(ready));
+                for (size_t i = 0; i < got; ++i) {
+                    out.push_back(l[i]);
+                    out.push_back(r[i]);
+                }
+            }
+        };
         auto feed = [&](bool study) {
             for (int64_t at = 0; at < inFrames; at += stretchBlock) {
                 int64_t n = std::min(stretchBlock, inFrames - at);
@@ -50,28 +62,13 @@ std::vector<float> timeStretch(const std::vector<float>& input, int64_t outFrame
                 else
                     stretcher.process(planes, static_cast<size_t>(n), final);
                 // Take what is ready as it comes, so the stretcher's buffers stay small.
-                for (int ready; !study && (ready = stretcher.available()) > 0;) {
-                    std::vector<float> l(static_cast<size_t>(ready)), r(static_cast<size_t>(ready));
-                    float* outs[2] = {l.data(), r.data()};
-                    size_t got = stretcher.retrieve(outs, static_cast<size_t>(ready));
-                    for (size_t i = 0; i < got; ++i) {
-                        out.push_back(l[i]);
-                        out.push_back(r[i]);
-                    }
-                }
+                if (!study)
+                    drain();
             }
         };
         feed(true);
         feed(false);
-        for (int ready; (ready = stretcher.available()) > 0;) {
-            std::vector<float> l(static_cast<size_t>(ready)), r(static_cast<size_t>(ready));
-            float* outs[2] = {l.data(), r.data()};
-            size_t got = stretcher.retrieve(outs, static_cast<size_t>(ready));
-            for (size_t i = 0; i < got; ++i) {
-                out.push_back(l[i]);
-                out.push_back(r[i]);
-            }
-        }
+        drain();
     }
     out.resize(2 * static_cast<size_t>(outFrames), 0.0f);
     return out;

@@ -113,24 +113,22 @@ private:
     X11Input& m_input;
 };
 
-class X11ClickSource final : public ClickSource {
+// A click or key seam over the X11Input's handlers of that kind.
+template <class Source, auto install_, auto remove_>
+class X11EventSource final : public Source {
 public:
-    explicit X11ClickSource(X11Input& input) : m_input(input) {}
-    Result<Token> install(Handler handler) override { return m_input.installClicks(std::move(handler)); }
-    void remove(Token token) override { m_input.removeClicks(token); }
+    explicit X11EventSource(X11Input& input) : m_input(input) {}
+    Result<typename Source::Token> install(typename Source::Handler handler) override
+    {
+        return (m_input.*install_)(std::move(handler));
+    }
+    void remove(typename Source::Token token) override { (m_input.*remove_)(token); }
 
 private:
     X11Input& m_input;
 };
 
-class X11KeySource final : public KeySource {
-public:
-    explicit X11KeySource(X11Input& input) : m_input(input) {}
-    Result<Token> install(Handler handler) override { return m_input.installKeys(std::move(handler)); }
-    void remove(Token token) override { m_input.removeKeys(token); }
-
-private:
-    X11Input& m_input;
-};
+using X11ClickSource = X11EventSource<ClickSource, &X11Input::installClicks, &X11Input::removeClicks>;
+using X11KeySource = X11EventSource<KeySource, &X11Input::installKeys, &X11Input::removeKeys>;
 
 } // namespace plim
