@@ -149,7 +149,7 @@ Affine StageGeometry::sourceFit(const Rect& source, const Rect& target)
 std::vector<StageSpec::CardLook::ShadowLayer> StageGeometry::shadowLayers(const StageSpec& spec) const
 {
     auto layers = spec.shadowLayers();
-    const double length = screenRect.width;
+    const double length = window ? window->width : screenRect.width;
     for (auto& layer : layers) {
         layer.y *= length;
         layer.blur *= length;

@@ -61,7 +61,7 @@ struct StageGeometry {
     static Affine sourceFit(const Rect& source, const Rect& target);
 
     // The card's shadow passes with offsets and blur radii in canvas pixels (fractions of
-    // the screen card's width); alpha stays an opacity.
+    // the screen card's width, or the window's); alpha stays an opacity.
     std::vector<StageSpec::CardLook::ShadowLayer> shadowLayers(const StageSpec& spec) const;
 };
 

@@ -125,7 +125,7 @@ void CairoStageRenderer::prepareGround()
     else
         drawBackdrop(*m_c, m_backdrop, resolveBackdrop(m_spec, m_options.wallpaper));
     m_ground = m_backdrop.clone();
-    const Rect body = m_device ? m_device->body : m_content;
+    const Rect body = m_device ? m_device->body : m_geometry.window.value_or(m_content);
     const double bodyCorner = m_device ? m_device->bodyCorner : m_radius;
     // The card's two shadows: each its own shape, offset down, blurred and faded.
     for (const auto& layer : m_geometry.shadowLayers(m_spec)) {
