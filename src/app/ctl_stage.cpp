@@ -124,6 +124,8 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
                 + usable.error().sentence + " Nothing was rendered; choose a backdrop name, a colour or a PNG, JPEG "
                   "or WebP picture."};
         spec.backdrop = *backdrop;
+        if (spec.card)
+            spec.card->backdrop.reset(); // the backdrop asked for wins over the look's
         // A picture from anywhere is drawn from Plim's own copy of it.
         if (auto* image = std::get_if<StageSpec::Backdrop::Image>(&spec.backdrop.value)) {
             auto kept = LookStore::keepBackdropPicture(image->path);

@@ -15,8 +15,10 @@ StagingJob renderJob(const PlanReport& report, StageSpec spec, bool reframe)
     job.keys = report.keys.value_or(KeystrokeTrack{});
     job.plan = report.plan;
     job.spec = std::move(spec);
-    if (report.chosen.edits && report.chosen.edits->look)
+    if (report.chosen.edits && report.chosen.edits->look) {
         job.look = *report.chosen.edits->look;
+        job.spec = wearing(std::move(job.spec), job.look);
+    }
     job.reframe = reframe;
     return job;
 }

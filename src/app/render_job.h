@@ -9,8 +9,8 @@
 
 namespace plim {
 
-// The job for a gathered plim: its plan, its look from the edits (default otherwise) and
-// `spec`.
+// The job for a gathered plim: its plan and `spec`, worn in the look its edits carry (the
+// look's card, backdrop, spotlight and clicks over `spec`; shape and switches as they are).
 StagingJob renderJob(const PlanReport& report, StageSpec spec, bool reframe);
 
 // Progress on one line per whole percent: "staging 42%".

@@ -228,7 +228,7 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
     if (tuning.adjustJob)
         tuning.adjustJob(job);
     ShareRender::prepare(job, kind);
-    const RenderRules::PixelSize canvas = RenderRules::canvasSize(job.quality, gif, Size{double(info.width), double(info.height)});
+    const RenderRules::PixelSize canvas = StagingEngine::canvas(job, Size{double(info.width), double(info.height)});
     const double outputSeconds = timeline.outputDuration();
     const bool sound = !gif && (info.hasSound || !job.voiceovers.empty());
     const int64_t estimate = estimateBytes(kind, canvas, expected, outputSeconds, sound);

@@ -53,6 +53,8 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
         job.spec = std::move(spec->value);
     else if (spec.error().kind != Error::Kind::missing)
         logLine(LogArea::share, spec.error().sentence);
+    if (found.look)
+        job.spec = wearing(std::move(job.spec), *found.look);
 
     const ClipTimeline timeline = job.plan.clipTimeline(plim.info.duration);
     for (const PlimEdits::Voiceover& voice : found.voiceovers) {

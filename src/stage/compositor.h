@@ -131,6 +131,7 @@ struct TextLayer {
     Image image;
     double baseline = 0; // pixels from the picture's top to the baseline
     Size logical;        // advance width × line height in pixels
+    Rect ink;            // the drawn pixels' box in the picture
 };
 
 class Compositor {

@@ -29,12 +29,12 @@ std::vector<CursorSmoother::Sample> CursorSmoother::samplesOf(const CursorTrack&
     return out;
 }
 
-CursorSmoother::CursorSmoother(const CursorTrack& track, double until)
-    : CursorSmoother(smoothing(samplesOf(track), until))
+CursorSmoother::CursorSmoother(const CursorTrack& track, double until, bool glide)
+    : CursorSmoother(smoothing(samplesOf(track), until, glide))
 {
 }
 
-CursorSmoother CursorSmoother::smoothing(std::vector<Sample> samples, double until)
+CursorSmoother CursorSmoother::smoothing(std::vector<Sample> samples, double until, bool glide)
 {
     std::erase_if(samples, [](const Sample& s) {
         return !std::isfinite(s.t) || !std::isfinite(s.x) || !std::isfinite(s.y);
@@ -63,8 +63,19 @@ CursorSmoother CursorSmoother::smoothing(std::vector<Sample> samples, double unt
         double tick = smoother.start + static_cast<double>(k) * h;
         while (held + 1 < samples.size() && samples[held + 1].t <= tick)
             ++held;
-        CursorSpring::tick(px, vx, samples[held].x);
-        CursorSpring::tick(py, vy, samples[held].y);
+        if (glide) {
+            CursorSpring::tick(px, vx, samples[held].x);
+            CursorSpring::tick(py, vy, samples[held].y);
+        } else if (held + 1 < samples.size() && tick >= samples[held].t) {
+            const Sample& a = samples[held];
+            const Sample& b = samples[held + 1];
+            const double f = b.t > a.t ? (tick - a.t) / (b.t - a.t) : 0;
+            px = a.x + (b.x - a.x) * f;
+            py = a.y + (b.y - a.y) * f;
+        } else {
+            px = samples[held].x;
+            py = samples[held].y;
+        }
         smoother.xs[k] = px;
         smoother.ys[k] = py;
     }

@@ -37,11 +37,13 @@ struct CursorSmoother {
     CursorSmoother() = default;
     // Smooths the track's samples, positioned in the recorded region of their time. Ticks
     // stop one step after the last sample, or after `until` source seconds when earlier.
-    explicit CursorSmoother(const CursorTrack& track, double until = std::numeric_limits<double>::infinity());
+    // Without `glide` the pointer goes where it was recorded, straight between samples.
+    explicit CursorSmoother(const CursorTrack& track, double until = std::numeric_limits<double>::infinity(),
+        bool glide = true);
     // Smooths samples already in source seconds and picture fractions, in any order.
     // Samples with a non-finite value are left out.
     static CursorSmoother smoothing(std::vector<Sample> samples,
-        double until = std::numeric_limits<double>::infinity());
+        double until = std::numeric_limits<double>::infinity(), bool glide = true);
 
     // The track's samples in movie seconds and fractions of the region the movie showed at
     // their stamp, both through TrackPlacement. Samples with a non-finite position are left

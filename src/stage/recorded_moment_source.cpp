@@ -74,8 +74,8 @@ RecordedMomentSource RecordedMomentSource::forPlim(const CursorTrack& cursor, co
     Parts parts;
     parts.curve = ZoomCurve(plan.zooms, look.zoomStyle);
     if (!device)
-        parts.smoother = CursorSmoother(cursor, isFinite(rawDuration) && rawDuration > 0 ? rawDuration
-                                                                                       : CursorSmoother::longestSpan);
+        parts.smoother = CursorSmoother(cursor,
+            isFinite(rawDuration) && rawDuration > 0 ? rawDuration : CursorSmoother::longestSpan, options.glide);
     parts.plan = plan;
     const TrackPlacement place(cursor);
     if (options.keycaps) {

@@ -24,6 +24,7 @@ struct CursorTrack;
 struct RecordedMomentOptions {
     bool motionBlur = true; // report previous pointer positions and zoom speed
     bool keycaps = true;    // show the keystroke track's keycaps
+    bool glide = true;      // the pointer glides on a spring; otherwise drawn where recorded
     bool operator==(const RecordedMomentOptions&) const = default;
 };
 

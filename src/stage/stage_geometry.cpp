@@ -21,7 +21,7 @@ double finiteOr(double value, double fallback)
 
 } // namespace
 
-StageGeometry::StageGeometry(Size canvasSize, Size content, const StageSpec& spec, bool deviceFramed)
+StageGeometry::StageGeometry(Size canvasSize, Size content, const StageSpec& spec, bool deviceFramed, bool vertical)
     : canvas(canvasSize)
 {
     cardCamera = spec.card.has_value();
@@ -45,6 +45,19 @@ StageGeometry::StageGeometry(Size canvasSize, Size content, const StageSpec& spe
     cameraCard = screenRect;
     if (spec.card && deviceFramed)
         cameraCard = DeviceFrameGeometry(canvas, content, spec).screen;
+
+    if (!vertical || deviceFramed || H <= W)
+        return;
+    const double bottom = H * verticalWindowBottom;
+    const Rect view{padding, bottom, W - 2 * padding, H - padding - bottom};
+    if (!view.size().isUsable() || content.width / content.height <= view.width / view.height)
+        return;
+    // The picture is wider than the window: fitted to its height it covers it.
+    const double k = view.height / content.height;
+    window = view;
+    screenRect = {view.midX() - content.width * k / 2, view.y, content.width * k, view.height};
+    cornerRadius = std::max(finiteOr(spec.card ? view.width * spec.card->corners : W / 1280 * spec.cornersPX, 0), 0.0);
+    cameraCard = view;
 }
 
 Point StageGeometry::focusOn(const Rect& card, const ZoomState& zoom)
@@ -66,9 +79,25 @@ Rect StageGeometry::screenRectOf(const Rect& fractions) const
         fractions.height * screenRect.height};
 }
 
-Affine StageGeometry::zoomTransform(const ZoomState& zoom) const
+Affine StageGeometry::zoomTransform(const ZoomState& zoom, std::optional<Point> follow) const
 {
     const double s = zoom.scale;
+    if (window) {
+        const double z = std::isfinite(s) && s > noZoom ? s : 1.0;
+        double fx = finiteOr(zoom.centerX, 0.5);
+        double fy = finiteOr(zoom.centerY, 0.5);
+        if (follow && std::isfinite(follow->x) && std::isfinite(follow->y)) {
+            const double w = std::clamp((z - 1) / verticalFocusHandOver, 0.0, 1.0);
+            fx = follow->x + (fx - follow->x) * w;
+            fy = follow->y + (fy - follow->y) * w;
+        }
+        fx = std::clamp(fx, 0.0, 1.0);
+        fy = std::clamp(fy, 0.0, 1.0);
+        const Rect& r = screenRect;
+        const Rect& v = *window;
+        return {z, 0, 0, z, v.x - fx * (z * r.width - v.width) - z * r.x,
+            v.maxY() + fy * (z * r.height - v.height) - z * r.maxY()};
+    }
     if (!std::isfinite(s) || s <= noZoom || !canvas.isUsable())
         return Affine::identity();
     if (cardCamera)
@@ -120,7 +149,7 @@ Affine StageGeometry::sourceFit(const Rect& source, const Rect& target)
 std::vector<StageSpec::CardLook::ShadowLayer> StageGeometry::shadowLayers(const StageSpec& spec) const
 {
     auto layers = spec.shadowLayers();
-    const double length = screenRect.width;
+    const double length = window ? window->width : screenRect.width;
     for (auto& layer : layers) {
         layer.y *= length;
         layer.blur *= length;

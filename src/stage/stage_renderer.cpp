@@ -66,7 +66,8 @@ CairoStageRenderer::CairoStageRenderer(const StageSpec& spec, Size canvas, const
         m_spec.shadowPercent = 0;
         m_spec.card.reset();
     }
-    m_geometry = StageGeometry(canvas, options.content, m_spec, options.deviceFramed && !options.reframe);
+    m_geometry = StageGeometry(canvas, options.content, m_spec, options.deviceFramed && !options.reframe,
+        options.shape == PlimLook::Shape::vertical && !options.reframe);
     m_content = m_geometry.screenRect;
     m_radius = m_geometry.cornerRadius;
     if (options.deviceFramed && !options.reframe) {
@@ -84,7 +85,8 @@ Image CairoStageRenderer::render(const Image& source, const StageMoment& moment,
     const std::optional<Image>& camera)
 {
     Image out = nextFrame();
-    Affine stage = m_geometry.zoomTransform(moment.zoom);
+    Affine stage = m_geometry.zoomTransform(
+        moment.zoom, moment.cursor ? std::optional<Point>({moment.cursor->x, moment.cursor->y}) : std::nullopt);
     if (stageTransform)
         stage = stage.then(*stageTransform);
     m_stagePic = m_flip(stage);
@@ -123,7 +125,7 @@ void CairoStageRenderer::prepareGround()
     else
         drawBackdrop(*m_c, m_backdrop, resolveBackdrop(m_spec, m_options.wallpaper));
     m_ground = m_backdrop.clone();
-    const Rect body = m_device ? m_device->body : m_content;
+    const Rect body = m_device ? m_device->body : m_geometry.window.value_or(m_content);
     const double bodyCorner = m_device ? m_device->bodyCorner : m_radius;
     // The card's two shadows: each its own shape, offset down, blurred and faded.
     for (const auto& layer : m_geometry.shadowLayers(m_spec)) {
@@ -153,9 +155,20 @@ Point CairoStageRenderer::pictureOf(double fx, double fy) const
     return m_stagePic.apply(m_flip(canvasPoint));
 }
 
+bool CairoStageRenderer::inView(Point p) const
+{
+    if (!m_geometry.window)
+        return true;
+    const Rect view = m_flip(*m_geometry.window);
+    return p.x >= view.minX() && p.x <= view.maxX() && p.y >= view.minY() && p.y <= view.maxY();
+}
+
 void CairoStageRenderer::drawScreenCard(Image& out, const Image& source, const Affine& stage)
 {
-    const RoundedRect card = transformed({m_flip(m_content), m_radius}, m_stagePic);
+    // A vertical layout's window stays put; the picture and the zoom move inside it.
+    const RoundedRect card = m_geometry.window ? RoundedRect{m_flip(*m_geometry.window), m_radius}
+                                               : transformed({m_flip(m_content), m_radius}, m_stagePic);
+    const Affine groundPic = m_geometry.window ? Affine::identity() : m_stagePic;
     const Rect whole{0, 0, m_canvas.width, m_canvas.height};
     const Affine sourceFlip{1, 0, 0, -1, 0, double(source.height)};
     const Affine fit = StageGeometry::sourceFit({0, 0, double(source.width), double(source.height)}, m_content);
@@ -170,15 +183,15 @@ void CairoStageRenderer::drawScreenCard(Image& out, const Image& source, const A
         const std::optional<Rect> hole = fills && !m_device
             ? std::optional<Rect>(card.rect.outset(-1, -card.radius - 1))
             : std::nullopt;
-        if (m_stagePic.isIdentity()) {
+        if (groundPic.isIdentity()) {
             m_c->copy(out, m_ground, hole);
         } else {
-            if (!m_stagePic.apply(whole).contains(whole, 1e-6))
+            if (!groundPic.apply(whole).contains(whole, 1e-6))
                 m_c->clear(out, {0, 0, 0, 1});
             // The magnified ground only around the card: four bands about the hole.
             const std::vector<Rect> parts = hole ? around(whole, *hole) : std::vector<Rect>{whole};
             for (const Rect& part : parts)
-                m_c->draw(out, m_ground, m_stagePic, RoundedRect{part, 0});
+                m_c->draw(out, m_ground, groundPic, RoundedRect{part, 0});
         }
     }
     if (source.isEmpty()) {
@@ -201,7 +214,15 @@ void CairoStageRenderer::drawMasks(Image& out, const StageMoment& moment)
             continue;
         const Point a = pictureOf(f.x, f.y);
         const Point b = pictureOf(f.x + f.width, f.y + f.height);
-        const Rect box{std::min(a.x, b.x), std::min(a.y, b.y), std::abs(b.x - a.x), std::abs(b.y - a.y)};
+        Rect box{std::min(a.x, b.x), std::min(a.y, b.y), std::abs(b.x - a.x), std::abs(b.y - a.y)};
+        if (m_geometry.window) { // only the part the window shows
+            const Rect view = m_flip(*m_geometry.window);
+            const double x0 = std::max(box.minX(), view.minX()), x1 = std::min(box.maxX(), view.maxX());
+            const double y0 = std::max(box.minY(), view.minY()), y1 = std::min(box.maxY(), view.maxY());
+            if (x1 <= x0 || y1 <= y0)
+                continue;
+            box = {x0, y0, x1 - x0, y1 - y0};
+        }
         const double shorter = std::min(box.width, box.height);
         if (mask.style == MaskRegion::Style::blur)
             m_c->blur(out, box, std::max(0.14 * shorter, 10.0));

@@ -67,6 +67,9 @@ private:
 
     // A position in fractions of the recorded picture, on the output picture.
     Point pictureOf(double fx, double fy) const;
+    // Whether a point of the output picture shows the recording: outside a vertical
+    // layout's window the pointer and clicks are not drawn.
+    bool inView(Point p) const;
 
     void drawScreenCard(Image& out, const Image& source, const Affine& stage);
 

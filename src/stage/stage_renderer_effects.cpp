@@ -44,6 +44,8 @@ void CairoStageRenderer::drawClicks(Image& out, const StageMoment& moment)
         if (anim.alpha <= 0)
             continue;
         const Point at = pictureOf(click.x, click.y);
+        if (!inView(at))
+            continue;
         switch (m_spec.clickStyle) {
         case ClickStyle::none: break;
         case ClickStyle::ring: {

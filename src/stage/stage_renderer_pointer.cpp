@@ -53,6 +53,8 @@ void CairoStageRenderer::drawPointer(Image& out, const StageMoment::Cursor& curs
         return;
     const double k = height / arrowUnits;
     const Point tip = pictureOf(cursor.x, cursor.y);
+    if (!inView(tip))
+        return;
     const double alpha = std::clamp(cursor.alpha, 0.0, 1.0);
     if (m_options.motionSmear) {
         const Point was = pictureOf(cursor.previousX, cursor.previousY);

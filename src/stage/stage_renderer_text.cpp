@@ -50,13 +50,14 @@ void CairoStageRenderer::drawKeycaps(Image& out, const StageMoment& moment, doub
         if (alpha <= 0 || key.caption.empty())
             continue;
         TextLayer text = keycapText(key.caption);
-        const double width = std::max(h, text.logical.width + 2 * pad);
+        const double width = std::max(h, text.ink.width + 2 * pad);
         caps.push_back({std::move(text), width, alpha});
         total += width + (caps.size() > 1 ? gap : 0);
     }
     double bottom = style::keycapBottom * m_u + m_bottom.keycapInset;
     if (captionHeight > 0 && m_spec.captionPlace == StageSpec::CaptionPlace::bottom)
         bottom = std::max(bottom, style::captionMargin * m_u + m_bottom.captionInset + captionHeight + gap * 1.5);
+    constexpr double capHeight = 0.714; // of the text size, in Noto Sans
     double x = (m_canvas.width - total) / 2;
     const double y = m_canvas.height - bottom - h;
     for (const Cap& cap : caps) {
@@ -66,8 +67,9 @@ void CairoStageRenderer::drawKeycaps(Image& out, const StageMoment& moment, doub
         m_c->strokePath(out, Path().addRoundedRect({shape.rect.outset(-0.5, -0.5), shape.radius - 0.5}),
             style::keycapEdge.withAlpha(style::keycapEdge.a * cap.alpha), 1);
         const Image& img = cap.text.image;
-        const double tx = x + (cap.width - img.width) / 2;
-        const double ty = y + rise + (h - img.height) / 2;
+        const double tx = x + (cap.width - cap.text.ink.width) / 2 - cap.text.ink.x;
+        // The capitals centred on the cap, whatever line height a fallback font gives the layer.
+        const double ty = y + rise + h / 2 + capHeight * style::keycapText * m_u / 2 - cap.text.baseline;
         m_c->draw(out, img, Affine::translation(tx, ty), std::nullopt, cap.alpha);
         x += cap.width + gap;
     }

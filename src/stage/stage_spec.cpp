@@ -3,6 +3,7 @@
 #include "base/files.h"
 #include "base/json.h"
 #include "library/library.h"
+#include "library/plim_look.h"
 
 
 #include <algorithm>
@@ -356,6 +357,18 @@ double StageSpec::shadowStrength() const
     if (card)
         return card->shadow;
     return shadowPercent / 100.0;
+}
+
+StageSpec wearing(StageSpec base, const PlimLook& look)
+{
+    base.card = StageSpec::CardLook{look.padding, look.corners, look.shadow,
+        std::string(PlimLook::backdropText(look.backdrop))};
+    base.cursorSpotlight = look.spotlight;
+    if (!look.clickRings)
+        base.clickStyle = ClickStyle::none;
+    else if (base.clickStyle == ClickStyle::none)
+        base.clickStyle = ClickStyle::ring;
+    return base;
 }
 
 StageSpec::Decoded StageSpec::fromJson(const Json& json)

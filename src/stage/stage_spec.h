@@ -18,6 +18,8 @@
 
 namespace plim {
 
+struct PlimLook;
+
 // Raw values are the JSON strings, in declaration order.
 enum class ClickStyle { none, ring, pulse, spotlight, highlight };
 enum class ClickTint { white, cobalt, amber, green, magenta };
@@ -141,6 +143,11 @@ struct StageSpec::Decoded {
     StageSpec spec;
     std::vector<std::string> notices; // one sentence per key that fell back to its default
 };
+
+// The stage look of a plim whose edits carry `look`: the look's card (padding, corners,
+// shadow and backdrop), its spotlight and its click switch over `base`. Clicks switched on
+// keep the base's style unless it draws none, then they are rings.
+StageSpec wearing(StageSpec base, const PlimLook& look);
 
 // Whether the backdrop can be drawn as chosen: its colours read as #RGB, #RRGGBB or
 // #RRGGBBAA, and its picture is an ordinary file Plim can read as a picture of a size it

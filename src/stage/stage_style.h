@@ -170,7 +170,8 @@ inline constexpr double punchFlash = 0.18;
 inline constexpr double zoomBlurPerVelocity = 0.015;
 inline constexpr double zoomBlurMax = 0.03;
 
-// Typeface of keycaps and captions.
-inline constexpr const char* fontFamily = "Noto Sans";
+// Typeface of keycaps and captions; the key symbols Noto Sans lacks (⌃ ⌥ ⇧ ⌘) come from
+// DejaVu Sans, which draws them at the capitals' size on the baseline, all but ⌃.
+inline constexpr const char* fontFamily = "Noto Sans, DejaVu Sans";
 
 } // namespace plim::stage_style

@@ -95,6 +95,10 @@ public:
     // Several, from one opening of the movie and one renderer (thumbnails).
     static plim::Result<std::vector<Image>> frames(const StagingJob& job, const std::vector<double>& outputTimes);
 
+    // The output canvas of the job for a recording of `recorded` pixels: its own size for a
+    // reframe, else the job's canvas, else the quality's in the look's shape.
+    static RenderRules::PixelSize canvas(const StagingJob& job, Size recorded);
+
     // B.staged.mov, or B.reframe.mp4 for a reframe.
     static std::filesystem::path defaultOutput(const std::filesystem::path& movie, bool reframe);
 };

@@ -13,13 +13,11 @@ namespace plim {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
+RenderRules::PixelSize StagingEngine::canvas(const StagingJob& job, Size recorded)
 {
     auto even = [](int side) { return std::max(2, side / 2 * 2); };
     if (job.reframe)
-        return {even(info.width), even(info.height)};
+        return {even(static_cast<int>(recorded.width)), even(static_cast<int>(recorded.height))};
     if (job.canvas)
         return {even(job.canvas->width), even(job.canvas->height)};
     int shortSide = static_cast<int>(job.quality);
@@ -34,10 +32,8 @@ RenderRules::PixelSize canvasFor(const StagingJob& job, const MovieInfo& info)
     case PlimLook::Shape::landscape:
         break;
     }
-    return RenderRules::canvasSize(job.quality, job.gif, Size{static_cast<double>(info.width), static_cast<double>(info.height)});
+    return RenderRules::canvasSize(job.quality, job.gif, recorded);
 }
-
-} // namespace
 
 Error stagingFailure(const StagingJob& job, const StagingError& error)
 {
@@ -116,7 +112,7 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
     if (s.expected == 0)
         return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 
-    s.canvas = canvasFor(job, s.info);
+    s.canvas = StagingEngine::canvas(job, Size{static_cast<double>(s.info.width), static_cast<double>(s.info.height)});
     s.camera = job.reframe ? nullptr : CameraFeed::open(job.movie, job.cursor);
     StageRenderer::Options options;
     options.content = Size{static_cast<double>(s.info.width), static_cast<double>(s.info.height)};
@@ -132,6 +128,7 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
                                                              static_cast<double>(s.canvas.height)}, options));
     RecordedMomentSource::Options momentOptions;
     momentOptions.keycaps = job.look.keys;
+    momentOptions.glide = job.look.cursorGlide;
     s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration, {}, momentOptions));
     return s;
 }

@@ -168,6 +168,16 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
     fs::remove_all(dir / "sub");
     fs::remove(dir / "link.mov");
     EXPECT_EQ(folderContents(dir.path()), before);
+
+    // The look an edits file carries dresses the frame: two paddings, two pictures.
+    auto dressed = [&](const std::string& padding) {
+        writeText(dir / "B.edits.json", R"({"trimIn": 2, "trimOut": 2.5, "look": {"padding": )" + padding + "}}");
+        const fs::path png = dir / ("padding" + padding + ".png");
+        auto run = ctl({"stage", movie.string(), "--size", "720", "--frame", "0.2", "--png", png.string()});
+        EXPECT_EQ(run.status, 0) << run.err;
+        return readText(png);
+    };
+    EXPECT_NE(dressed("0.3"), dressed("0.02"));
 }
 
 TEST_F(CliTest, EveryCommandSaysAndUsesThePlanOneRuleGivesAndLeavesAnUnusableEditsFileAlone)

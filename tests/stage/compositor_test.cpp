@@ -2,9 +2,11 @@
 // means, sub-pixel placement, shrink filtering, copies around a hole, text and colours.
 
 #include "stage/compositor.h"
+#include "stage/stage_style.h"
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 
 namespace plim {
@@ -123,6 +125,41 @@ TEST(Compositor, TextIsSetWithItsBaseline)
     EXPECT_LE(wrapped.logical.width, 124);
     EXPECT_GT(wrapped.logical.height, 2 * one.logical.height);
     EXPECT_TRUE(c->text("", style).image.isEmpty());
+
+    // In the keycaps' typeface every key symbol stands on the letters' baseline at about
+    // their height: the ink of the symbol's columns against the S's.
+    style = TextStyle{};
+    style.family = stage_style::fontFamily;
+    style.size = 40;
+    for (const char* symbol : {"⌃", "⌥", "⇧", "⌘"}) {
+        const TextLayer cap = c->text(std::string(symbol) + "S", style);
+        const Image& img = cap.image;
+        ASSERT_FALSE(img.isEmpty()) << symbol;
+        // Ink rows of the columns up to the first blank one after ink, and of the rest.
+        int split = -1;
+        bool inked = false;
+        std::array<int, 2> top{img.height, img.height}, bottom{-1, -1};
+        for (int x = 0; x < img.width; ++x) {
+            bool any = false;
+            for (int y = 0; y < img.height; ++y) {
+                if (img.row(y)[x * 4 + 3] < 100)
+                    continue;
+                any = true;
+                const int part = split < 0 ? 0 : 1;
+                top[part] = std::min(top[part], y);
+                bottom[part] = std::max(bottom[part], y);
+            }
+            if (any)
+                inked = true;
+            else if (inked && split < 0)
+                split = x;
+        }
+        ASSERT_GE(bottom[1], 0) << symbol << ": the symbol and the S should not touch";
+        EXPECT_NEAR(bottom[0], bottom[1], 2) << symbol << " stands on the baseline";
+        const double ratio = double(bottom[0] - top[0]) / (bottom[1] - top[1]);
+        EXPECT_GT(ratio, 0.65) << symbol << " is about as tall as the letter";
+        EXPECT_LT(ratio, 1.3) << symbol;
+    }
 }
 
 TEST(Compositor, ColoursFromHex)

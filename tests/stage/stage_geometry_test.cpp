@@ -154,6 +154,44 @@ TEST(StageGeometryZoom, KeepsTheFocusButNeverUncoversTheOutput)
     EXPECT_EQ(card.zoomTransform(zoom), StageGeometry::cardCameraTransform(1.6, focus, card.cameraCard, card.canvas));
 }
 
+// A portrait canvas for a landscape recording: the card is a window over the top of the
+// canvas; at every zoom and focus the picture covers it, and both the pointer (at rest) and
+// the zoom's centre (zoomed in) show in the window where they sit in the picture.
+TEST(StageGeometryZoom, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
+{
+    const Size canvas{720, 1280};
+    for (const StageSpec& spec : {StageSpec{}, cardSpec(0.06, 0.02)}) {
+        StageGeometry g(canvas, {2560, 1600}, spec, false, true);
+        ASSERT_TRUE(g.window);
+        const Rect& w = *g.window;
+        EXPECT_NEAR(w.minY(), 0.3 * canvas.height, eps);
+        EXPECT_NEAR(w.midX(), canvas.width / 2, eps);
+        EXPECT_GT(w.width * w.height, 0.55 * canvas.width * canvas.height);
+        EXPECT_EQ(g.cameraCard, w);
+        // In the window's place at rest, as a fraction of it.
+        auto inWindow = [&](const Affine& t, double fx, double fy) {
+            const Point p = t.apply(g.screenPoint(fx, fy));
+            return Point{(p.x - w.x) / w.width, (w.maxY() - p.y) / w.height};
+        };
+        for (double z : {1.0, 1.1, 1.37, 2.0, 3.2})
+            for (double fx : {0.0, 0.12, 0.5, 0.83, 1.0})
+                for (double fy : {0.0, 0.4, 1.0}) {
+                    const Affine t = g.zoomTransform({z, fx, fy}, Point{1 - fx, 0.5});
+                    EXPECT_TRUE(t.apply(g.screenRect).contains(w, eps)) << z << " " << fx << " " << fy;
+                    const bool zoomed = z >= 1 + StageGeometry::verticalFocusHandOver;
+                    if (z == 1.0 || zoomed) {
+                        const Point f = zoomed ? Point{fx, fy} : Point{1 - fx, 0.5};
+                        expectPointNear(inWindow(t, f.x, f.y), f);
+                    }
+                }
+    }
+    // Where the canvas is not portrait, the recording not wider than the window, or the
+    // picture sits in a phone body, the card is fitted as usual.
+    EXPECT_FALSE(StageGeometry({1280, 720}, {2560, 1600}, StageSpec{}, false, true).window);
+    EXPECT_FALSE(StageGeometry(canvas, {1080, 1920}, StageSpec{}, false, true).window);
+    EXPECT_FALSE(StageGeometry(canvas, {2560, 1600}, StageSpec{}, true, true).window);
+}
+
 TEST(StageGeometryCardCamera, ViewBlendsFromTheCanvasToTheCard)
 {
     const Size canvas{1920, 1080};

@@ -591,36 +591,70 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
     EXPECT_LT(mean(frame, 280, 300) / mean(plain, 280, 300), 0.6);
 }
 
-// Plain, zoomed and spotlit frames over a smooth backdrop: every pixel opaque, and down the
-// backdrop at the left edge no row stands out from the rows beside it (a seam where bands of
-// the frame meet).
+// Plain, zoomed and spotlit frames over a smooth backdrop, in the pixel look, a card look
+// and the vertical layout, at fractional zooms and centres (the demo's own among them):
+// every pixel opaque, and down the backdrop at the left edge no row stands out from the rows
+// beside it (a seam where bands of the frame meet).
 TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
 {
-    StageSpec spec;
-    spec.cursorSpotlight = true;
-    auto r = renderer(spec, {640, 360}, {320, 200});
+    StageSpec pixels;
+    pixels.cursorSpotlight = true;
+    StageSpec card = pixels;
+    card.card = StageSpec::CardLook{0.06, 0.02, 1.0, "dawn"};
+    struct Look {
+        const char* name;
+        StageSpec spec;
+        Size canvas;
+        PlimLook::Shape shape;
+    };
     const Image source = solid(320, 200, {200, 200, 200, 255});
-    StageMoment zoomed;
-    zoomed.zoom = {1.23, 0.437, 0.611};
-    StageMoment lit;
-    lit.cursor = StageMoment::Cursor{0.313, 0.571, 0.313, 0.571, 0, 0};
-    StageMoment both = zoomed;
-    both.cursor = lit.cursor;
-    for (const auto& [name, moment] : {std::pair{"plain", StageMoment{}}, {"zoomed", zoomed}, {"lit", lit}, {"both", both}}) {
-        for (int pass = 0; pass < 3; ++pass) { // fresh frames, then reused ones
-            const Image frame = r->render(source, moment);
-            save(frame, std::string("opaque_") + name);
-            int translucent = 0;
-            for (int y = 0; y < frame.height; ++y)
-                for (int x = 0; x < frame.width; ++x)
-                    translucent += at(frame, x, y).a != 255;
-            EXPECT_EQ(translucent, 0) << name;
-            for (int y = 1; y + 1 < frame.height; ++y)
-                for (int x = 0; x < 6; ++x) {
-                    const Rgba above = at(frame, x, y - 1), here = at(frame, x, y), below = at(frame, x, y + 1);
-                    ASSERT_LE(std::abs(2 * here.luma() - above.luma() - below.luma()), 4)
-                        << name << ": row " << y << " at x " << x << " differs from its neighbours";
-                }
+    for (const Look& look : {Look{"pixels", pixels, {432, 270}, PlimLook::Shape::landscape},
+             Look{"card", card, {432, 270}, PlimLook::Shape::landscape},
+             Look{"card_odd", card, {641, 359}, PlimLook::Shape::landscape},
+             Look{"vertical", card, {270, 480}, PlimLook::Shape::vertical}}) {
+        StageRenderer::Options options;
+        options.shape = look.shape;
+        auto r = renderer(look.spec, look.canvas, {320, 200}, options);
+        std::vector<std::pair<std::string, StageMoment>> moments{{"plain", {}}};
+        // The demo's three zoom centres on their way in to 2.4, and others near the edges.
+        for (ZoomState zoom : {ZoomState{1.07, 0.221875, 0.2975}, ZoomState{1.55, 0.768359375, 0.46875},
+                 ZoomState{2.4, 0.4953125, 0.15625}, ZoomState{1.23, 0.437, 0.611}, ZoomState{1.337, 0.9, 0.07},
+                 ZoomState{2.071, 0.13, 0.88}}) {
+            StageMoment m;
+            m.zoom = zoom;
+            moments.emplace_back("zoom" + std::to_string(zoom.scale), m);
+        }
+        StageMoment lit;
+        lit.cursor = StageMoment::Cursor{0.313, 0.571, 0.313, 0.571, 0, 0};
+        moments.emplace_back("lit", lit);
+        StageMoment both = moments[1].second;
+        both.cursor = lit.cursor;
+        moments.emplace_back("both", both);
+        for (const auto& [name, moment] : moments) {
+            for (int pass = 0; pass < 2; ++pass) { // a fresh frame, then a reused one
+                const Image frame = r->render(source, moment);
+                save(frame, std::string("opaque_") + look.name + "_" + name);
+                int translucent = 0;
+                for (int y = 0; y < frame.height; ++y)
+                    for (int x = 0; x < frame.width; ++x)
+                        translucent += at(frame, x, y).a != 255;
+                EXPECT_EQ(translucent, 0) << look.name << " " << name;
+                // The card on the picture, with its edge's blend: no backdrop there.
+                const StageGeometry& g = r->geometry();
+                const Rect onCanvas = g.window ? *g.window : g.zoomTransform(moment.zoom).apply(g.screenRect);
+                const Rect cardRows{onCanvas.x - 2, frame.height - onCanvas.maxY() - 2, onCanvas.width + 4,
+                    onCanvas.height + 4};
+                for (int y = 1; y + 1 < frame.height; ++y)
+                    for (int x = 0; x < 6; ++x) {
+                        if (x + 1 >= cardRows.minX() && x <= cardRows.maxX() && y + 1 >= cardRows.minY()
+                            && y - 1 <= cardRows.maxY())
+                            continue;
+                        const Rgba above = at(frame, x, y - 1), here = at(frame, x, y), below = at(frame, x, y + 1);
+                        ASSERT_LE(std::abs(2 * here.luma() - above.luma() - below.luma()), 4)
+                            << look.name << " " << name << ": row " << y << " at x " << x
+                            << " differs from its neighbours";
+                    }
+            }
         }
     }
 }
@@ -681,6 +715,51 @@ TEST(StageRenderer, ShapesFramingAndPhoneBody)
     EXPECT_LT(distance(at(base, edge, 90), {30, 160, 220, 255}), 6);
     EXPECT_GT(distance(at(moved, edge, 90), {30, 160, 220, 255}), 60);
     EXPECT_LT(distance(at(moved, edge + 40, 90), {30, 160, 220, 255}), 6);
+}
+
+// A landscape recording in a 9:16 canvas fills a window over the top of the canvas, shows
+// the part of the picture where the pointer is, and a zoom magnifies the picture inside the
+// window while the backdrop around it stays as it was.
+TEST(StageRenderer, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
+{
+    StageRenderer::Options options;
+    options.shape = PlimLook::Shape::vertical;
+    auto r = renderer(StageSpec{}, {180, 320}, {320, 200}, options);
+    ASSERT_TRUE(r->geometry().window);
+    constexpr Rgba blue{220, 40, 40, 255};
+    const Image source = picture(320, 200, [](int x, int) { return x < 160 ? red : blue; });
+    StageMoment left, right;
+    left.cursor = StageMoment::Cursor{0.1, 0.5, 0.1, 0.5, 0, 0}; // faded out: not drawn
+    right.cursor = StageMoment::Cursor{0.9, 0.5, 0.9, 0.5, 0, 0};
+    StageMoment zoomed = right;
+    zoomed.zoom = {2, 0.75, 0.5};
+    const Image atLeft = r->render(source, left), atRight = r->render(source, right);
+    const Image magnified = r->render(source, zoomed);
+    save(atRight, "vertical_plain");
+    save(magnified, "vertical_zoomed");
+    const Rect& w = *r->geometry().window;
+    const int top = static_cast<int>(std::ceil(320 - w.maxY())) + 4, bottom = static_cast<int>(320 - w.minY()) - 4;
+    const int x0 = static_cast<int>(std::ceil(w.minX())) + 4, x1 = static_cast<int>(w.maxX()) - 4;
+    auto count = [&](const Image& f, Rgba c) {
+        int n = 0;
+        for (int y = 0; y < f.height; ++y)
+            for (int x = 0; x < f.width; ++x)
+                n += distance(at(f, x, y), c) < 20;
+        return n;
+    };
+    EXPECT_GT(count(atRight, red) + count(atRight, blue), 180 * 320 / 2);
+    EXPECT_LT(distance(at(atLeft, 90, (top + bottom) / 2), red), 20);
+    EXPECT_LT(distance(at(atRight, 90, (top + bottom) / 2), blue), 20);
+    EXPECT_GT(count(atRight, red), 0) << "the view reaches past the middle of the picture";
+    EXPECT_EQ(count(magnified, red), 0) << "zoomed in on the right quarter";
+    EXPECT_EQ(changed(atRight, magnified, 0, bottom + 8, 180, 320, 4), 0);
+    EXPECT_EQ(changed(atRight, magnified, 0, 0, 180, top - 8, 4), 0);
+    int uncovered = 0;
+    for (int y = top; y < bottom; ++y)
+        for (int x = x0; x < x1; ++x)
+            uncovered += distance(at(magnified, x, y), blue) >= 20;
+    EXPECT_EQ(uncovered, 0) << "inside the window the magnified picture covers all";
+    EXPECT_GT(changed(atLeft, atRight, x0, top, x1, bottom), 0);
 }
 
 TEST(StageRenderer, CameraChoicesComeFromThePlan)

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstring>
 
 using namespace plim;
@@ -153,6 +154,113 @@ TEST_F(StagingEngineTest, APreviewDrawsTimesInAnyOrderFromTheRightPicture)
         const double raw = *timeline.rawTime(t);
         EXPECT_EQ(dominant(*frame), expectedChannel(colorAt(source, raw))) << "output " << t << " raw " << raw;
     }
+}
+
+// Every look field an edits file carries reaches the staged frame: each changed alone from
+// the default look changes the frame where it says.
+TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
+{
+    const double t = 1.6; // the pointer sweeps right along the middle; the click at 1.5 s rings
+    auto staged = [&](const PlimLook& look) {
+        StagingJob j = job({}, false);
+        j.look = look;
+        j.spec = wearing(StageSpec{}, look);
+        j.canvas = RenderRules::PixelSize{640, 400};
+        auto preview = StagePreview::open(j);
+        EXPECT_TRUE(preview) << preview.error().sentence;
+        auto frame = preview ? (*preview)->frame(t) : Result<Image>(Image{});
+        EXPECT_TRUE(frame) << frame.error().sentence;
+        return frame ? *frame : Image{};
+    };
+    auto px = [](const Image& f, int x, int y) {
+        const uint8_t* p = f.row(y) + x * 4;
+        return std::array<int, 3>{p[2], p[1], p[0]};
+    };
+    auto luma = [&](const Image& f, int x, int y) {
+        auto [r, g, b] = px(f, x, y);
+        return (3 * r + 6 * g + b) / 10;
+    };
+    auto green = [&](const Image& f, int x, int y) {
+        auto [r, g, b] = px(f, x, y);
+        return g > 150 && r < 90 && b < 90;
+    };
+    // The card's edges, found by where the green recording shows on the middle row and column.
+    struct Card {
+        int left = -1, right = -1, top = -1, bottom = -1;
+    };
+    auto card = [&](const Image& f) {
+        Card c;
+        for (int x = 0; x < f.width; ++x)
+            if (green(f, x, f.height / 2)) {
+                c.right = x;
+                if (c.left < 0)
+                    c.left = x;
+            }
+        for (int y = 0; y < f.height; ++y)
+            if (green(f, f.width / 2 - 60, y)) {
+                c.bottom = y;
+                if (c.top < 0)
+                    c.top = y;
+            }
+        return c;
+    };
+    auto changed = [&](const Image& a, const Image& b, int x0, int y0, int x1, int y1) {
+        int n = 0;
+        for (int y = y0; y < y1; ++y)
+            for (int x = x0; x < x1; ++x) {
+                auto p = px(a, x, y), q = px(b, x, y);
+                n += std::abs(p[0] - q[0]) + std::abs(p[1] - q[1]) + std::abs(p[2] - q[2]) > 30;
+            }
+        return n;
+    };
+    // The leftmost dark pointer pixel just below its tip, on the card's middle row.
+    auto pointerX = [&](const Image& f, int row) {
+        for (int x = 0; x < f.width; ++x)
+            if (luma(f, x, row) < 50)
+                return x;
+        return -1;
+    };
+
+    const PlimLook plain;
+    const Image base = staged(plain);
+    ASSERT_FALSE(base.isEmpty());
+    const Card c = card(base);
+    ASSERT_GT(c.left, 0);
+    ASSERT_GT(c.top, 0);
+    const int cx = (c.left + c.right) / 2, cy = (c.top + c.bottom) / 2;
+    auto with = [&](auto change) {
+        PlimLook look = plain;
+        change(look);
+        return staged(look);
+    };
+
+    // Backdrop: the corner takes the chosen art's colour (graphite is dark, dawn is light).
+    const Image graphite = with([](PlimLook& l) { l.backdrop = PlimLook::Backdrop::graphite; });
+    EXPECT_LT(luma(graphite, 4, 4) + 60, luma(base, 4, 4));
+    // Padding: the card shrinks toward the middle.
+    const Card padded = card(with([](PlimLook& l) { l.padding = 0.15; }));
+    EXPECT_GT(padded.left, c.left + 30);
+    EXPECT_GT(padded.top, c.top + 30);
+    // Corners: just inside the card's top-left corner the backdrop shows through.
+    const Image round = with([](PlimLook& l) { l.corners = 0.25; });
+    EXPECT_TRUE(green(base, c.left + 6, c.top + 6));
+    EXPECT_FALSE(green(round, c.left + 6, c.top + 6));
+    // Shadow: without it the backdrop under the card is lighter.
+    const Image flat = with([](PlimLook& l) { l.shadow = 0; });
+    EXPECT_GT(luma(flat, cx, c.bottom + 8), luma(base, cx, c.bottom + 8) + 8);
+    // Spotlight: the card away from the pointer is dimmed, beside it not.
+    const Image lit = with([](PlimLook& l) { l.spotlight = true; });
+    EXPECT_LT(luma(lit, c.left + 20, c.top + 20), luma(base, c.left + 20, c.top + 20) * 8 / 10);
+    EXPECT_NEAR(luma(lit, cx - 4, cy - 24), luma(base, cx - 4, cy - 24), 12);
+    // Click rings: off, the ring above the click goes; the rest of the frame stays.
+    const Image quiet = with([](PlimLook& l) { l.clickRings = false; });
+    EXPECT_GT(changed(base, quiet, cx - 20, cy - 24, cx + 20, cy - 3), 8);
+    EXPECT_EQ(changed(base, quiet, 0, 0, base.width, cy - 40), 0);
+    // Glide: off, the pointer is where it was recorded; on, it trails behind on its spring.
+    const Image direct = with([](PlimLook& l) { l.cursorGlide = false; });
+    const double recorded = c.left + (0.2 + 0.6 * t / source.duration) * (c.right - c.left + 1);
+    EXPECT_NEAR(pointerX(direct, cy + 6), recorded, 5);
+    EXPECT_LT(pointerX(base, cy + 6), recorded - 8);
 }
 
 // Pixels of the picture's bottom-right quarter within 40 of a colour in every channel.
