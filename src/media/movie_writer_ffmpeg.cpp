@@ -64,7 +64,6 @@ struct AudioTrack {
     FifoPtr fifo;
     int64_t accepted = 0; // frames handed to appendAudio (caller's thread)
     int64_t encoded = 0;  // frames sent to the encoder (writer's thread)
-    int64_t skip = 0;     // frames still to drop from the start (writer's thread)
 };
 
 // One unit of work for the writer's thread, in the order it was appended.
@@ -285,16 +284,6 @@ Status FfmpegMovieWriter::open()
         m_audio.push_back(std::move(track));
     }
 
-    // Fragments carry no edit list, so the sound encoder's priming (its packets start that
-    // far before 0) cannot be hidden: a fragmented track drops that many frames from its
-    // start and lets the priming stand in for them, so the first packet sits at 0 and each
-    // later sound frame lands at its own time.
-    if (s.container == Container::fragmentedMov)
-        for (auto& track : m_audio) {
-            track.skip = track.encoder->initial_padding;
-            track.encoded = track.skip;
-        }
-
     std::error_code ec;
     fs::create_directories(s.path.parent_path(), ec);
     rc = avio_open(&m_format->pb, s.path.c_str(), AVIO_FLAG_WRITE);
@@ -308,7 +297,10 @@ Status FfmpegMovieWriter::open()
     if (s.container == Container::mp4) {
         av_dict_set(&mux, "movflags", "+faststart", 0);
     } else {
-        av_dict_set(&mux, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
+        // The index waits for the first fragment, so it can carry the edit lists that
+        // hide the sound encoder's priming: its packets start that far before 0, and the
+        // first sound frame plays at 0. Before that fragment there is nothing to keep.
+        av_dict_set(&mux, "movflags", "+frag_keyframe+empty_moov+delay_moov+default_base_moof", 0);
         // Each packet reaches the file at once, so a kill loses at most the fragment in progress.
         m_format->flush_packets = 1;
         av_dict_set(&mux, "frag_duration", std::to_string(static_cast<int64_t>(fragmentSeconds * 1e6)).c_str(), 0);
@@ -533,14 +525,10 @@ void FfmpegMovieWriter::run()
             what = "the writer failed";
         } else {
             AudioTrack& track = m_audio[job.track];
-            int64_t size = static_cast<int64_t>(job.planes[0].size());
-            int64_t dropped = std::min(track.skip, size);
-            track.skip -= dropped;
             std::vector<void*> planes;
             for (auto& plane : job.planes)
-                planes.push_back(plane.data() + dropped);
-            if (size > dropped)
-                av_audio_fifo_write(track.fifo.get(), planes.data(), static_cast<int>(size - dropped));
+                planes.push_back(plane.data());
+            av_audio_fifo_write(track.fifo.get(), planes.data(), static_cast<int>(job.planes[0].size()));
             rc = encodeAudio(track, false);
             what = "the sound was refused";
         }
