@@ -229,7 +229,12 @@ Status FfmpegMovieReader::open()
     m_info.frameRate = rate.num && rate.den ? av_q2d(rate) : 0;
 
     m_origin = movieOrigin(raw);
-    double container = raw->duration != AV_NOPTS_VALUE ? raw->duration / double(AV_TIME_BASE) : 0;
+    // The container's end on the movie's clock: its sound may begin before the first
+    // picture, by the sound encoder's priming.
+    double container = 0;
+    if (raw->duration != AV_NOPTS_VALUE)
+        container = (raw->duration + (raw->start_time != AV_NOPTS_VALUE ? raw->start_time : 0)) / double(AV_TIME_BASE)
+            - m_origin;
     if (stream->duration != AV_NOPTS_VALUE) {
         double start = stream->start_time != AV_NOPTS_VALUE ? stream->start_time * av_q2d(stream->time_base) : m_origin;
         m_streamEnd = start + stream->duration * av_q2d(stream->time_base) - m_origin;

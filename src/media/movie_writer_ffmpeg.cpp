@@ -1,11 +1,11 @@
 // MovieWriter over libavformat/libavcodec: libx264 pictures, AAC sound, MPEG-4 or
-// fragmented QuickTime.
+// fragmented QuickTime. This file holds the writer itself: the settings' checks, the file
+// and its muxer, the queue to the writer's thread and the finishing; the encoders are its
+// siblings (movie_writer_ffmpeg.h).
 
-#include "media/movie_writer.h"
+#include "media/movie_writer_ffmpeg.h"
 
 #include "base/log.h"
-#include "media/colour_convert.h"
-#include "media/ffmpeg_support.h"
 
 #include <algorithm>
 #include <cmath>
@@ -50,28 +50,31 @@ MovieWriter::Settings MovieWriter::Settings::recording(fs::path path, int width,
     return settings;
 }
 
+int ffmpeg::drainEncoder(AVCodecContext* encoder, AVStream* stream, AVFormatContext* format)
+{
+    PacketPtr packet(av_packet_alloc());
+    for (;;) {
+        int rc = avcodec_receive_packet(encoder, packet.get());
+        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF)
+            return 0;
+        if (rc < 0)
+            return rc;
+        av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
+        packet->stream_index = stream->index;
+        rc = av_interleaved_write_frame(format, packet.get());
+        if (rc < 0)
+            return rc;
+    }
+}
+
 namespace {
 
-constexpr double fragmentSeconds = 2.0;
-
-// HD pictures carry BT.709, smaller ones BT.601.
-bool isHD(int height) { return height >= 720; }
-
-struct AudioTrack {
-    MovieWriter::SoundTrack settings;
-    CodecPtr encoder;
-    AVStream* stream = nullptr;
-    FifoPtr fifo;
-    int64_t accepted = 0; // frames handed to appendAudio (caller's thread)
-    int64_t encoded = 0;  // frames sent to the encoder (writer's thread)
-    int64_t skip = 0;     // frames still to drop from the start (writer's thread)
-};
-
-// One unit of work for the writer's thread, in the order it was appended.
+// One unit of work for the writer's thread, in the order it was appended: a picture, or
+// sound for a track.
 struct Job {
     FramePtr video;
     int track = -1;
-    std::vector<std::vector<float>> planes; // sound, one plane per channel
+    SoundPlanes planes;
 };
 
 class FfmpegMovieWriter final : public MovieWriter {
@@ -93,16 +96,15 @@ public:
 
     Status open();
 
-    std::string encoderName() const override { return m_video ? m_video->codec->name : "libx264"; }
+    std::string encoderName() const override { return m_picture ? m_picture->name() : "libx264"; }
     Status appendVideo(const Image& image, double time) override;
-    bool convert(const Image& image, AVFrame* frame);
-    bool takesPictureAt(double time) const override;
+    bool takesPictureAt(double time) const override { return m_picture && m_picture->takesPictureAt(time); }
     Status appendAudio(int track, const float* interleaved, int64_t frames, int64_t startFrame) override;
     double soundSeconds(int track) const override
     {
-        if (track < 0 || track >= static_cast<int>(m_audio.size()))
+        if (track < 0 || track >= static_cast<int>(m_sound.size()))
             return 0;
-        return static_cast<double>(m_audio[track].accepted) / m_audio[track].settings.sampleRate;
+        return m_sound[track].seconds();
     }
     Status finish() override;
     void cancel() override;
@@ -120,24 +122,22 @@ private:
     std::string fileName() const { return m_settings.path.filename().string(); }
     Error writeError(int code, const std::string& what) const;
     Error failure(const std::string& reason, Error::Kind kind = Error::Kind::failed) const;
+    std::unexpected<Error> refuse(const std::string& why) const
+    {
+        return fail(concat("The movie ", fileName(), " could not be started: ", why, ". Nothing was written."));
+    }
+    Status openFile();
 
     void push(Job job);
     void run();
-    int encodeVideo(AVFrame* frame);
-    int encodeAudio(AudioTrack& track, bool flush);
-    int drain(AVCodecContext* encoder, AVStream* stream);
     void stopThread(bool abandon);
     std::optional<Error> takeError();
     void removeFile();
 
     Settings m_settings;
     std::unique_ptr<AVFormatContext, OutputClose> m_format;
-    CodecPtr m_video;
-    SwsPtr m_scaler; // pictures of another size, on the caller's thread
-    AVStream* m_videoStream = nullptr;
-    std::vector<AudioTrack> m_audio;
-    int64_t m_lastPts = AV_NOPTS_VALUE;
-    int64_t m_nextKeyPts = 0;
+    std::optional<PictureEncoder> m_picture;
+    std::vector<SoundEncoder> m_sound;
     bool m_done = false;
     bool m_created = false; // the file at `path` is ours to remove
 
@@ -175,9 +175,6 @@ Status FfmpegMovieWriter::open()
 {
     quietLogs();
     const Settings& s = m_settings;
-    auto refuse = [&](const std::string& why) {
-        return fail(concat("The movie ", fileName(), " could not be started: ", why, ". Nothing was written."));
-    };
     if (s.width < 2 || s.height < 2 || s.width % 2 || s.height % 2)
         return refuse(concat("its size ", s.width, " × ", s.height, " is not an even size of at least 2 × 2"));
     if (!std::isfinite(s.frameRate) || s.frameRate <= 0 || s.frameRate > 1000)
@@ -197,107 +194,28 @@ Status FfmpegMovieWriter::open()
         return refuse(concat("the ", format, " writer is missing from this build"));
     m_format.reset(raw);
 
-    const AVCodec* x264 = avcodec_find_encoder_by_name("libx264");
-    if (!x264)
-        return refuse("this build has no H.264 encoder (libx264)");
-    const int64_t bitRate = s.bitsPerSecond > 0 ? s.bitsPerSecond : exportBitsPerSecond(s.width, s.height);
-    auto open = [&](bool constant) {
-        m_video.reset(avcodec_alloc_context3(x264));
-        AVCodecContext* v = m_video.get();
-        v->width = s.width;
-        v->height = s.height;
-        v->pix_fmt = AV_PIX_FMT_YUV420P;
-        v->time_base = AVRational{1, s.timeScale};
-        v->framerate = av_d2q(s.frameRate, 100000);
-        v->gop_size = std::max(1, static_cast<int>(std::lround(fragmentSeconds * s.frameRate)));
-        v->bit_rate = bitRate;
-        if (constant) {
-            // A one-second buffer at the average rate: short clips land on the rate too.
-            v->rc_max_rate = v->bit_rate;
-            v->rc_buffer_size = static_cast<int>(std::min<int64_t>(v->bit_rate, INT32_MAX));
-        }
-        v->thread_count = s.threads;
-        bool hd = isHD(s.height);
-        v->color_range = AVCOL_RANGE_MPEG;
-        v->color_primaries = hd ? AVCOL_PRI_BT709 : AVCOL_PRI_SMPTE170M;
-        v->color_trc = hd ? AVCOL_TRC_BT709 : AVCOL_TRC_SMPTE170M;
-        v->colorspace = hd ? AVCOL_SPC_BT709 : AVCOL_SPC_SMPTE170M;
-        if (m_format->oformat->flags & AVFMT_GLOBALHEADER)
-            v->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        AVDictionary* options = nullptr;
-        av_dict_set(&options, "preset", s.preset.c_str(), 0);
-        av_dict_set(&options, "profile", "high", 0);
-        av_dict_set(&options, "forced-idr", "1", 0);
-        // The constant rate is held with filler where still pictures need fewer bits, so
-        // the file comes out at the size its rate promises.
-        if (constant)
-            av_dict_set(&options, "nal-hrd", "cbr", 0);
-        if (s.container == Container::fragmentedMov)
-            av_dict_set(&options, "bf", "0", 0); // no reordering delay, so no negative decode times
-        std::string params = s.lookaheadThread ? "" : "sync-lookahead=0";
-        if (s.fewerFramesInFlight) {
-            params += std::string(params.empty() ? "" : ":") + "rc-lookahead=5:bframes=1";
-            if (s.threads == 0)
-                v->thread_count = 2;
-        }
-        if (!params.empty())
-            av_dict_set(&options, "x264-params", params.c_str(), 0);
-        int opened = avcodec_open2(v, x264, &options);
-        av_dict_free(&options);
-        return opened;
-    };
-    rc = open(s.constantRate);
-    if (rc < 0 && s.constantRate) {
-        logLine(LogArea::main, concat("the H.264 encoder would not write at a constant ", bitRate, " bps (", errorText(rc),
-                                   "); writing at that rate on average, so the file may come out under the estimate."));
-        rc = open(false);
-    }
-    if (rc < 0)
-        return refuse(concat("the H.264 encoder would not open at ", s.width, " × ", s.height, " with preset \"", s.preset, "\" (", errorText(rc), ")"));
-    AVCodecContext* v = m_video.get();
-    m_videoStream = avformat_new_stream(m_format.get(), nullptr);
-    avcodec_parameters_from_context(m_videoStream->codecpar, v);
-    m_videoStream->time_base = v->time_base;
-    m_videoStream->avg_frame_rate = v->framerate;
-
-    const AVCodec* aac = avcodec_find_encoder(AV_CODEC_ID_AAC);
+    auto picture = PictureEncoder::open(s, m_format.get());
+    if (!picture)
+        return refuse(picture.error().sentence);
+    m_picture = std::move(*picture);
     for (const auto& t : s.sound) {
-        if (!aac)
-            return refuse("this build has no AAC encoder");
-        AudioTrack track;
-        track.settings = t;
-        track.encoder.reset(avcodec_alloc_context3(aac));
-        AVCodecContext* a = track.encoder.get();
-        a->sample_fmt = AV_SAMPLE_FMT_FLTP;
-        a->sample_rate = t.sampleRate;
-        av_channel_layout_default(&a->ch_layout, t.channels);
-        a->bit_rate = t.bitsPerSecond;
-        a->time_base = AVRational{1, t.sampleRate};
-        if (m_format->oformat->flags & AVFMT_GLOBALHEADER)
-            a->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-        rc = avcodec_open2(a, aac, nullptr);
-        if (rc < 0)
-            return refuse(concat("the sound track was refused by the encoder (", errorText(rc), ")"));
-        track.stream = avformat_new_stream(m_format.get(), nullptr);
-        avcodec_parameters_from_context(track.stream->codecpar, a);
-        track.stream->time_base = a->time_base;
-        track.fifo.reset(av_audio_fifo_alloc(AV_SAMPLE_FMT_FLTP, t.channels, a->frame_size * 4));
-        m_audio.push_back(std::move(track));
+        auto sound = SoundEncoder::open(t, m_format.get());
+        if (!sound)
+            return refuse(sound.error().sentence);
+        m_sound.push_back(std::move(*sound));
     }
+    PLIM_TRY(openFile());
+    m_thread = std::thread([this] { run(); });
+    return {};
+}
 
-    // Fragments carry no edit list, so the sound encoder's priming (its packets start that
-    // far before 0) cannot be hidden: a fragmented track drops that many frames from its
-    // start and lets the priming stand in for them, so the first packet sits at 0 and each
-    // later sound frame lands at its own time.
-    if (s.container == Container::fragmentedMov)
-        for (auto& track : m_audio) {
-            track.skip = track.encoder->initial_padding;
-            track.encoded = track.skip;
-        }
-
+// Creates the file and writes the container's header.
+Status FfmpegMovieWriter::openFile()
+{
+    const Settings& s = m_settings;
     std::error_code ec;
     fs::create_directories(s.path.parent_path(), ec);
-    rc = avio_open(&m_format->pb, s.path.c_str(), AVIO_FLAG_WRITE);
+    int rc = avio_open(&m_format->pb, s.path.c_str(), AVIO_FLAG_WRITE);
     if (rc < 0) {
         if (isNoSpace(rc))
             return std::unexpected(writeError(rc, "the file could not be created"));
@@ -308,7 +226,10 @@ Status FfmpegMovieWriter::open()
     if (s.container == Container::mp4) {
         av_dict_set(&mux, "movflags", "+faststart", 0);
     } else {
-        av_dict_set(&mux, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
+        // The index waits for the first fragment, so it can carry the edit lists that
+        // hide the sound encoder's priming: its packets start that far before 0, and the
+        // first sound frame plays at 0. Before that fragment there is nothing to keep.
+        av_dict_set(&mux, "movflags", "+frag_keyframe+empty_moov+delay_moov+default_base_moof", 0);
         // Each packet reaches the file at once, so a kill loses at most the fragment in progress.
         m_format->flush_packets = 1;
         av_dict_set(&mux, "frag_duration", std::to_string(static_cast<int64_t>(fragmentSeconds * 1e6)).c_str(), 0);
@@ -321,8 +242,6 @@ Status FfmpegMovieWriter::open()
         return std::unexpected(e);
     }
     avio_flush(m_format->pb);
-
-    m_thread = std::thread([this] { run(); });
     return {};
 }
 
@@ -358,64 +277,13 @@ Status FfmpegMovieWriter::appendVideo(const Image& image, double time)
         return std::unexpected(failure("a frame was refused: its time is not usable"));
     if (!takesPictureAt(time))
         return std::unexpected(failure(concat("a frame was refused: its time ", time, " s does not come after the one before it")));
-    int64_t pts = std::llround(time * m_settings.timeScale);
-    FramePtr frame(av_frame_alloc());
-    frame->format = AV_PIX_FMT_YUV420P;
-    frame->width = m_settings.width;
-    frame->height = m_settings.height;
-    if (av_frame_get_buffer(frame.get(), 0) < 0)
-        return std::unexpected(failure("a frame buffer could not be made"));
-    if (!convert(image, frame.get()))
-        return std::unexpected(failure(concat("a ", image.width, " × ", image.height, " picture could not be scaled")));
-    frame->pts = pts;
-    frame->color_range = m_video->color_range;
-    frame->color_primaries = m_video->color_primaries;
-    frame->color_trc = m_video->color_trc;
-    frame->colorspace = m_video->colorspace;
-    // A key frame opens every 2 seconds of movie time, so fragments start on them.
-    if (pts >= m_nextKeyPts) {
-        frame->pict_type = AV_PICTURE_TYPE_I;
-        int64_t step = static_cast<int64_t>(fragmentSeconds * m_settings.timeScale);
-        m_nextKeyPts = (pts / step + 1) * step;
-    }
-    m_lastPts = pts;
-    push(Job{std::move(frame), -1, {}});
+    auto frame = m_picture->picture(image, time);
+    if (!frame)
+        return std::unexpected(failure(frame.error().sentence));
+    push(Job{std::move(*frame), -1, {}});
     if (auto e = takeError())
         return std::unexpected(*e);
     return {};
-}
-
-bool FfmpegMovieWriter::convert(const Image& image, AVFrame* frame)
-{
-    const int width = m_settings.width, height = m_settings.height;
-    const bool hd = isHD(height);
-    const int over = image.width - width, overRows = image.height - height;
-    if (over >= 0 && over <= 1 && overRows >= 0 && overRows <= 1) {
-        // The same pixels less a column or row: an odd-sized subject made even.
-        bgraToYuv420(image.pixels.get(), image.stride, width, height, frame->data, frame->linesize,
-            hd ? YuvMatrix::bt709 : YuvMatrix::bt601);
-        return true;
-    }
-    SwsContext* previous = m_scaler.release();
-    m_scaler.reset(sws_getCachedContext(previous, image.width, image.height, AV_PIX_FMT_BGRA, width, height,
-        AV_PIX_FMT_YUV420P, SWS_BILINEAR, nullptr, nullptr, nullptr));
-    if (!m_scaler)
-        return false;
-    if (m_scaler.get() != previous) {
-        // Full-range RGB in, limited-range YUV with the movie's matrix out.
-        const int* matrix = sws_getCoefficients(hd ? SWS_CS_ITU709 : SWS_CS_ITU601);
-        sws_setColorspaceDetails(m_scaler.get(), sws_getCoefficients(SWS_CS_DEFAULT), 1, matrix, 0, 0, 1 << 16, 1 << 16);
-    }
-    const uint8_t* source[1] = {image.pixels.get()};
-    const int sourceStride[1] = {static_cast<int>(image.stride)};
-    sws_scale(m_scaler.get(), source, sourceStride, 0, image.height, frame->data, frame->linesize);
-    return true;
-}
-
-bool FfmpegMovieWriter::takesPictureAt(double time) const
-{
-    return std::isfinite(time) && time >= 0
-        && (m_lastPts == AV_NOPTS_VALUE || std::llround(time * m_settings.timeScale) > m_lastPts);
 }
 
 Status FfmpegMovieWriter::appendAudio(int trackIndex, const float* interleaved, int64_t frames, int64_t startFrame)
@@ -424,90 +292,16 @@ Status FfmpegMovieWriter::appendAudio(int trackIndex, const float* interleaved, 
         return std::unexpected(failure("the writer was already finished"));
     if (auto e = takeError())
         return std::unexpected(*e);
-    if (trackIndex < 0 || trackIndex >= static_cast<int>(m_audio.size()))
+    if (trackIndex < 0 || trackIndex >= static_cast<int>(m_sound.size()))
         return std::unexpected(failure(concat("the sound was refused: there is no sound track ", trackIndex)));
     if (frames <= 0)
         return {};
     if (!interleaved || startFrame < 0)
         return std::unexpected(failure("a block of sound could not be prepared"));
-    AudioTrack& track = m_audio[trackIndex];
-    int channels = track.settings.channels;
-    int64_t skip = std::max<int64_t>(0, track.accepted - startFrame); // already given
-    int64_t gap = std::max<int64_t>(0, startFrame - track.accepted);  // silence to fill
-    if (skip >= frames)
-        return {};
-    int64_t count = gap + frames - skip;
-    Job job;
-    job.track = trackIndex;
-    job.planes.assign(channels, std::vector<float>(static_cast<size_t>(count), 0.0f));
-    for (int64_t i = skip; i < frames; ++i)
-        for (int c = 0; c < channels; ++c)
-            job.planes[c][gap + i - skip] = interleaved[i * channels + c];
-    track.accepted += count;
-    push(std::move(job));
+    SoundPlanes planes = m_sound[trackIndex].accept(interleaved, frames, startFrame);
+    if (!planes.empty())
+        push(Job{nullptr, trackIndex, std::move(planes)});
     return {};
-}
-
-int FfmpegMovieWriter::drain(AVCodecContext* encoder, AVStream* stream)
-{
-    PacketPtr packet(av_packet_alloc());
-    for (;;) {
-        int rc = avcodec_receive_packet(encoder, packet.get());
-        if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF)
-            return 0;
-        if (rc < 0)
-            return rc;
-        av_packet_rescale_ts(packet.get(), encoder->time_base, stream->time_base);
-        packet->stream_index = stream->index;
-        rc = av_interleaved_write_frame(m_format.get(), packet.get());
-        if (rc < 0)
-            return rc;
-    }
-}
-
-int FfmpegMovieWriter::encodeVideo(AVFrame* frame)
-{
-    int rc = avcodec_send_frame(m_video.get(), frame);
-    if (rc < 0 && rc != AVERROR_EOF)
-        return rc;
-    return drain(m_video.get(), m_videoStream);
-}
-
-int FfmpegMovieWriter::encodeAudio(AudioTrack& track, bool flush)
-{
-    AVCodecContext* a = track.encoder.get();
-    int frameSize = a->frame_size > 0 ? a->frame_size : 1024;
-    for (;;) {
-        int available = av_audio_fifo_size(track.fifo.get());
-        if (available == 0 || (available < frameSize && !flush))
-            break;
-        int n = std::min(available, frameSize);
-        FramePtr frame(av_frame_alloc());
-        frame->format = a->sample_fmt;
-        av_channel_layout_copy(&frame->ch_layout, &a->ch_layout);
-        frame->sample_rate = a->sample_rate;
-        // The last block is padded with silence unless the encoder takes a short one.
-        bool shortOk = a->codec->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME;
-        frame->nb_samples = (n < frameSize && !shortOk) ? frameSize : n;
-        if (av_frame_get_buffer(frame.get(), 0) < 0)
-            return AVERROR(ENOMEM);
-        av_samples_set_silence(frame->data, 0, frame->nb_samples, a->ch_layout.nb_channels, a->sample_fmt);
-        av_audio_fifo_read(track.fifo.get(), reinterpret_cast<void**>(frame->data), n);
-        frame->pts = track.encoded;
-        track.encoded += frame->nb_samples;
-        int rc = avcodec_send_frame(a, frame.get());
-        if (rc < 0)
-            return rc;
-        if ((rc = drain(a, track.stream)) < 0)
-            return rc;
-    }
-    if (flush) {
-        int rc = avcodec_send_frame(a, nullptr);
-        if (rc < 0 && rc != AVERROR_EOF)
-            return rc;
-        return drain(a, track.stream);
-    }
-    return 0;
 }
 
 void FfmpegMovieWriter::run()
@@ -526,27 +320,11 @@ void FfmpegMovieWriter::run()
             if (m_error)
                 continue;
         }
-        int rc = 0;
-        std::string what;
-        if (job.video) {
-            rc = encodeVideo(job.video.get());
-            what = "the writer failed";
-        } else {
-            AudioTrack& track = m_audio[job.track];
-            int64_t size = static_cast<int64_t>(job.planes[0].size());
-            int64_t dropped = std::min(track.skip, size);
-            track.skip -= dropped;
-            std::vector<void*> planes;
-            for (auto& plane : job.planes)
-                planes.push_back(plane.data() + dropped);
-            if (size > dropped)
-                av_audio_fifo_write(track.fifo.get(), planes.data(), static_cast<int>(size - dropped));
-            rc = encodeAudio(track, false);
-            what = "the sound was refused";
-        }
+        int rc = job.video ? m_picture->encode(job.video.get(), m_format.get())
+                           : m_sound[job.track].encode(job.planes, m_format.get());
         if (rc < 0) {
             std::lock_guard lock(m_mutex);
-            m_error = writeError(rc, what);
+            m_error = writeError(rc, job.video ? "the writer failed" : "the sound was refused");
             m_wake.notify_all();
         }
     }
@@ -583,10 +361,10 @@ Status FfmpegMovieWriter::finish()
     m_done = true;
     std::optional<Error> error = takeError();
     if (!error) {
-        int rc = encodeVideo(nullptr);
-        for (auto& track : m_audio)
+        int rc = m_picture->encode(nullptr, m_format.get());
+        for (auto& track : m_sound)
             if (rc >= 0)
-                rc = encodeAudio(track, true);
+                rc = track.flush(m_format.get());
         if (rc >= 0)
             rc = av_write_trailer(m_format.get());
         if (rc >= 0 && m_format->pb) {

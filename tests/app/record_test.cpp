@@ -267,7 +267,7 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     EXPECT_EQ(keys->value.events[0].caption, "⌘K");
 }
 
-TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
+TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineKeepsWhatWasWrittenAndNamesTheFilesLost)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "mounting a small tmpfs needs root";
@@ -306,6 +306,18 @@ TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineAndKeepsWhatWasWritten)
     EXPECT_NE(err.find("The disk filled while rolling at 0:0"), std::string::npos) << err;
     fs::path movie = onlyMovie(folder);
     ASSERT_FALSE(movie.empty()) << err;
+    // The files written beside it as it finishes find no room either; each is named on
+    // standard error with what is kept.
+    for (const std::string& sentence :
+        {"Could not write " + sidecarPath(movie, "cursor.json").string() + " (No space left on device). The movie is "
+         "kept, and its pointer, clicks and marks as far as their journal reached; free some disk space before the next "
+         "recording.\n",
+            "Could not write " + sidecarPath(movie, "keys.json").string() + " (No space left on device). The movie is kept, "
+            "but the keys pressed in this plim are lost; free some disk space before the next recording.\n",
+            std::string(" The movie is kept without its identity file.\n")})
+        EXPECT_NE(err.find(sentence), std::string::npos) << sentence << " in:\n" << err;
+    EXPECT_FALSE(fs::exists(sidecarPath(movie, "cursor.json")));
+    EXPECT_FALSE(fs::exists(sidecarPath(movie, "keys.json")));
     EXPECT_GT(std::atof(probe(movie, "", "format=duration").c_str()), 1.5);
 }
 

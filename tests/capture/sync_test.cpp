@@ -4,7 +4,8 @@
 // system-sound track must agree: the click within about a frame of the first frame that
 // shows it, every tone there, each within 20 ms of the picture (plus the frame's own
 // 16.7 ms grain). Continuity: a tone that plays all along is in both sound tracks from the
-// first frame to the last, without a hole or a jump.
+// first frame to the last, without a hole or a jump, and a sound device whose clock runs
+// fast or slow keeps the picture's time without one.
 
 #include "base/clock.h"
 #include "base/files.h"
@@ -142,6 +143,48 @@ void sleepUntil(double uptime)
         std::this_thread::sleep_for(std::chrono::duration<double>(wait));
 }
 
+// The computer's sound from a device whose sample clock runs `rate` times as fast as the
+// uptime clock: 10 ms blocks of a steady 220 Hz tone, each stamped with the uptime instant
+// its first sample was heard and handed over then, except for two blocks of silence that
+// mark sample counts `marks`.
+class DriftingSound final : public SoundSource {
+public:
+    static constexpr int64_t block = 480;
+    static constexpr double hz = 220;
+    static constexpr int64_t marks[2] = {48000, 7 * 48000};
+
+    explicit DriftingSound(double rate) : m_rate(rate) {}
+    Kind kind() const override { return Kind::systemSound; }
+    std::string deviceName() const override { return "drifting"; }
+    int channels() const override { return 2; }
+    int sampleRate() const override { return 48000; }
+    Status start(BlockHandler onBlock) override
+    {
+        m_thread = std::jthread([this, onBlock = std::move(onBlock)](std::stop_token stop) {
+            const double start = systemUptime();
+            for (int64_t n = 0; !stop.stop_requested(); ++n) {
+                SoundBlock b;
+                b.channels = 2;
+                b.uptime = start + double(n * block) / (48000 * m_rate);
+                b.joinsPrevious = n > 0;
+                bool marked = std::ranges::any_of(marks, [&](int64_t m) { return n * block == m; });
+                for (int64_t i = n * block; i < (n + 1) * block; ++i) {
+                    float v = marked ? 0.0f : toneLevel * float(std::sin(2 * M_PI * hz * double(i) / 48000));
+                    b.samples.insert(b.samples.end(), {v, v});
+                }
+                sleepUntil(b.uptime);
+                onBlock(std::move(b));
+            }
+        });
+        return {};
+    }
+    void stop() override { m_thread = std::jthread(); } // stops and joins the running one
+
+private:
+    double m_rate;
+    std::jthread m_thread;
+};
+
 // Servers for one test, with this process's DISPLAY and Pulse variables pointing at them.
 class SoundTest : public ::testing::Test {
 protected:
@@ -156,11 +199,12 @@ protected:
         }
     }
 
-    // One sound track of the movie as mono samples.
+    // One sound track of the movie as mono samples, as a player sounds them from the
+    // movie's time 0 (the encoder's priming lies before it).
     static std::vector<float> soundTrack(const fs::path& movie, int track)
     {
-        auto decoded = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-map",
-            "0:a:" + std::to_string(track), "-ac", "1", "-f", "f32le", "-"});
+        auto decoded = runCommand({"ffmpeg", "-v", "error", "-copyts", "-i", movie.string(), "-map",
+            "0:a:" + std::to_string(track), "-af", "atrim=start=0", "-ac", "1", "-f", "f32le", "-"});
         std::vector<float> samples(decoded.out.size() / 4);
         std::memcpy(samples.data(), decoded.out.data(), samples.size() * 4);
         return samples;
@@ -327,11 +371,10 @@ TEST_F(SoundTest, ASteadyToneIsRecordedWholeFromTheFirstFrameOnBothTracks)
 
     // A pure tone obeys x[i+1] = 2 cos(w) x[i] - x[i-1]: what breaks that by more than the
     // codec's noise is a jump (samples lost, repeated or moved), and two samples in a row
-    // near zero are a hole (the tone crosses zero between single samples). A fragmented
-    // movie has no edit list, so its first AAC frame (1024 samples) is the encoder's silent
-    // priming standing in for the sound's first frames, and the codec shapes the next one
-    // out of that silence: the tone must sound right after the priming and be whole from
-    // the third frame to the last.
+    // near zero are a hole (the tone crosses zero between single samples). The recording
+    // begins in the middle of the tone, an edge the codec shapes over its first few
+    // milliseconds: the tone must sound from the first sample and be whole from the 256th
+    // to the last frame.
     const double twoCos = 2 * std::cos(2 * M_PI * toneHz / 48000);
     for (int track : {0, 1}) {
         auto samples = soundTrack(options.movie, track);
@@ -342,11 +385,11 @@ TEST_F(SoundTest, ASteadyToneIsRecordedWholeFromTheFirstFrameOnBothTracks)
         for (float& sample : samples)
             sample *= toneLevel / peak; // the stereo track is folded to one channel louder
         auto firstLoud = std::ranges::find_if(samples, [](float v) { return std::fabs(v) > 0.2f; }) - samples.begin();
-        EXPECT_LT(firstLoud, 1024 + 48) << "track " << track;
+        EXPECT_LT(firstLoud, 48) << "track " << track;
         size_t end = samples.size() - 1024; // the codec's last frame fades out
         size_t holes = 0, jumps = 0, firstBreak = 0;
         double worst = 0;
-        for (size_t i = 2048; i < end; ++i) {
+        for (size_t i = 256; i < end; ++i) {
             double miss = std::fabs(samples[i + 1] - twoCos * samples[i] + samples[i - 1]);
             worst = std::max(worst, miss);
             bool hole = std::fabs(samples[i]) < 0.02f && std::fabs(samples[i + 1]) < 0.02f;
@@ -360,6 +403,56 @@ TEST_F(SoundTest, ASteadyToneIsRecordedWholeFromTheFirstFrameOnBothTracks)
             track, samples.size(), firstLoud, holes, jumps, worst);
         EXPECT_EQ(holes, 0u) << "track " << track << ", first break at " << double(firstBreak) / 48000 << " s";
         EXPECT_EQ(jumps, 0u) << "track " << track << ", first break at " << double(firstBreak) / 48000 << " s";
+    }
+}
+
+// The writer keeps the sound on the picture's clock by repeating or leaving out one
+// sample a block: the stretch between the two marks lasts the uptime between them, not
+// the device's sample count, and the tone has no hole and no jump larger than a sample's
+// step (a sample left out moves a 220 Hz tone by at most 0.015 at this level).
+TEST_F(SoundTest, ASoundClockRunningFastOrSlowKeepsThePicturesTimeWithoutABreak)
+{
+    for (double rate : {1.001, 0.999}) {
+        SCOPED_TRACE(rate);
+        CaptureSettings settings;
+        settings.keycaps = false;
+        settings.framesPerSecond = 30;
+        auto devices = openDevices(settings);
+        ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
+        devices->systemSound = std::make_unique<DriftingSound>(rate);
+        CaptureSession::Options options;
+        options.movie = folder / ("Drift" + std::to_string(rate) + ".mov");
+        auto session = CaptureSession::start(settings, std::move(*devices), options);
+        ASSERT_TRUE(session.has_value()) << session.error().sentence;
+        std::this_thread::sleep_for(8500ms);
+        auto outcome = (*session)->finish();
+        ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
+
+        auto samples = soundTrack(options.movie, 0);
+        // The marks: runs of silence longer than the tone's own crossings of zero, and
+        // ended by the tone (the codec's last frame ends in silence).
+        std::vector<std::pair<size_t, size_t>> quiet;
+        for (size_t i = 0, from = 0; i < samples.size(); ++i) {
+            if (std::fabs(samples[i]) < 0.05f)
+                continue;
+            if (i - from > 200)
+                quiet.emplace_back(from, i);
+            from = i + 1;
+        }
+        ASSERT_EQ(quiet.size(), 2u) << "the two marks, and no hole";
+        double apart = double(quiet[1].first - quiet[0].first);
+        double span = double(DriftingSound::marks[1] - DriftingSound::marks[0]);
+        std::printf("rate %.3f: marks %.0f samples apart for %.0f given\n", rate, apart, span);
+        EXPECT_NEAR(apart, span / rate, 24);
+
+        const double twoCos = 2 * std::cos(2 * M_PI * DriftingSound::hz / 48000);
+        size_t jumps = 0, firstJump = 0;
+        for (size_t i = 2048; i + 1 < samples.size() - 1024; ++i) { // past the codec's onset
+            bool nearMark = std::ranges::any_of(quiet, [&](auto run) { return i + 1200 > run.first && i < run.second + 1200; });
+            if (!nearMark && std::fabs(samples[i + 1] - twoCos * samples[i] + samples[i - 1]) > 0.03 && !jumps++)
+                firstJump = i;
+        }
+        EXPECT_EQ(jumps, 0u) << "first at " << double(firstJump) / 48000 << " s";
     }
 }
 
