@@ -18,6 +18,7 @@ StagingJob renderJob(const PlanReport& report, StageSpec spec, bool reframe)
     if (report.chosen.edits && report.chosen.edits->look) {
         job.look = *report.chosen.edits->look;
         job.spec = wearing(std::move(job.spec), job.look);
+        job.plan = job.plan.playing(job.look.deadAir);
     }
     job.reframe = reframe;
     return job;

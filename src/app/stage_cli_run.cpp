@@ -37,7 +37,8 @@ int run(const RenderRequest& request, std::ostream& out, std::ostream& err)
         return 1;
     }
     const auto& result = outcome.value;
-    if (auto kept = report->chosen.keepPlanUsed(report->movie, result.plan); !kept)
+    // The plan as the user made it goes back, whatever the look played of it.
+    if (auto kept = report->chosen.keepPlanUsed(report->movie, report->plan); !kept)
         err << "notice: " << kept.error().sentence << "\n";
     else if (!kept->empty())
         err << "notice: " << *kept << "\n";

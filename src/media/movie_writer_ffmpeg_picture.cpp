@@ -62,9 +62,10 @@ Result<PictureEncoder> PictureEncoder::open(const MovieWriter::Settings& s, AVFo
             av_dict_set(&options, "bf", "0", 0); // no reordering delay, so no negative decode times
         std::string params = s.lookaheadThread ? "" : "sync-lookahead=0";
         if (s.fewerFramesInFlight) {
-            params += std::string(params.empty() ? "" : ":") + "rc-lookahead=5:bframes=1";
+            // At 3840 x 2160 each frame x264 keeps holds some 40 MB with its interpolated planes.
+            params += std::string(params.empty() ? "" : ":") + "rc-lookahead=3:bframes=0";
             if (s.threads == 0)
-                v->thread_count = 2;
+                v->thread_count = 1;
         }
         if (!params.empty())
             av_dict_set(&options, "x264-params", params.c_str(), 0);

@@ -311,4 +311,13 @@ EditPlan EditPlan::suspending(std::string_view zoomID) const
     return copy;
 }
 
+EditPlan EditPlan::playing(bool deadAirSpedUp) const
+{
+    EditPlan copy = *this;
+    if (!deadAirSpedUp)
+        for (SkipDecision& skip : copy.skips)
+            skip.keep = true;
+    return copy;
+}
+
 } // namespace plim

@@ -212,6 +212,9 @@ struct EditPlan {
     std::optional<TransitionPhase> transition(double atRaw, double rawDuration) const;
     // A copy without the zoom block of that id.
     EditPlan suspending(std::string_view zoomID) const;
+    // The plan as it plays: with dead air not sped up, every skip plays at normal speed
+    // (the skips themselves, and what the user chose for each, stay as they are).
+    EditPlan playing(bool deadAirSpedUp) const;
     // The clips (or, without clips, the kept segments) laid out with the skip rates.
     ClipTimeline clipTimeline(double rawDuration) const;
 

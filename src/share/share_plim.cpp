@@ -47,8 +47,8 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
         plim.info.duration);
     plim.notices = chosen.notices;
     const PlimEdits found = chosen.edits.value_or(PlimEdits{});
-    job.plan = chosen.plan;
     job.look = found.look.value_or(PlimLook{});
+    job.plan = chosen.plan.playing(job.look.deadAir);
     if (auto spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)))
         job.spec = std::move(spec->value);
     else if (spec.error().kind != Error::Kind::missing)

@@ -99,6 +99,16 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
     EXPECT_THAT(readText(dir / "B.edits.json"), HasSubstr("\"trimOut\": 0.5"));
     EXPECT_THAT(readText(dir / "B.edits.json"), HasSubstr("\"writtenBy\""));
 
+    // A look that does not speed up dead air plays the skip at normal speed, and the skip
+    // goes back into the edits as the user left it.
+    writeText(dir / "B.edits.json",
+        R"({"skips": [{"span": {"start": 0.5, "end": 2.5}, "keep": false, "rate": 4}], "look": {"deadAir": false}})");
+    auto slow = plimRun({"--stage", (dir / "B.mov").string()});
+    ASSERT_EQ(slow.status, 0) << slow.err;
+    EXPECT_THAT(slow.out, HasSubstr(" out 3.0s · 0 zooms · 0 skips"));
+    EXPECT_EQ(ffprobe(dir / "B.staged.mov").frames, 180);
+    EXPECT_THAT(readText(dir / "B.edits.json"), HasSubstr("\"keep\": false"));
+
     // A movie that cannot be read: the failure form, and the plim exactly as it was.
     writeText(dir / "A.mov", "not a movie");
     auto before = folderContents(dir.path());
