@@ -13,7 +13,7 @@ static const char* planUsage =
     "their rates, zoom blocks, masks, the output duration and any notices about the edits\n"
     "file. A plim without an edits file, or whose edits file cannot be used, gets its automatic\n"
     "edit, as every render does; an edits file is never changed unless --write asks.\n\n"
-    "  --duration SECONDS  the recording's length (default: from the cursor track)\n"
+    "  --duration SECONDS  the recording's length (default: the movie's, else from the cursor track)\n"
     "  --auto              propose the automatic edit even when the plim has edits\n"
     "  --write             save the plan shown as the plim's edits (B.edits.json)\n"
     "  --json              print the plan as JSON\n";
@@ -45,7 +45,7 @@ int runPlanCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         if (value > longestRecordingSeconds) {
             err << "plimctl plan: " << *text << " seconds is longer than a recording can be (at most "
                 << longestRecordingSeconds / 3600 << " hours), so nothing was planned. Give --duration the "
-                << "recording's length in seconds, or leave it out to take it from the cursor track.\n";
+                << "recording's length in seconds, or leave it out to take the movie's.\n";
             return 1;
         }
         duration = value;

@@ -2,6 +2,7 @@
 #include "base/text.h"
 
 #include "capture/capture.h"
+#include "media/movie_reader.h"
 #include "plan/plan.h"
 
 #include <cstdio>
@@ -42,9 +43,15 @@ Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<
         appendNotices(report.notices, std::move(keys->notices));
     }
 
+    // The movie's own length when it can be read: a pointer track may run longer than the
+    // movie (or belong to another take), and an automatic edit sized by it trims past the end.
+    auto reader = duration ? nullptr : MovieReader::create(movie).value_or(nullptr);
     if (duration) {
         report.rawDuration = *duration;
         report.durationSource = "given";
+    } else if (reader && reader->info().duration > 0) {
+        report.rawDuration = reader->info().duration;
+        report.durationSource = "from the movie";
     } else {
         report.rawDuration = durationFromTrack(report.track);
         report.durationSource = "from the cursor track";

@@ -30,8 +30,8 @@ struct PlanReport {
 
 // Reads the cursor track (required), the keystroke track and the plan the plim gets
 // (PlimPlan::choose; its notices follow the tracks'). The recording's length comes from
-// `duration` when given, else from the cursor track's last sample. Fails with the
-// track's sentence.
+// `duration` when given, else from the movie, else (a movie that cannot be read) from the
+// cursor track's last sample. Fails with the track's sentence.
 Result<PlanReport> gatherPlan(const std::filesystem::path& movie, std::optional<double> duration = std::nullopt);
 
 // Human-readable lines: trims, cuts, active skips with rates, zoom blocks, masks, the

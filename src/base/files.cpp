@@ -5,10 +5,13 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <stdio.h>
+#include <iterator>
 #include <random>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace plim {
@@ -271,12 +274,19 @@ Status writeFileAtomic(const fs::path& path, std::string_view bytes)
     return {};
 }
 
+// An empty name, an absolute one or one that climbs with "..": outside whatever the folder.
+static Status nameStaysInside(const fs::path& relative)
+{
+    const bool climbs = std::any_of(relative.begin(), relative.end(), [](const fs::path& part) { return part == ".."; });
+    if (relative.empty() || relative.has_root_path() || climbs)
+        return fail("it names a place outside the folder", Error::Kind::refused);
+    return {};
+}
+
 Result<fs::path> fileInsideFolder(const fs::path& folder, std::string_view name)
 {
     const fs::path relative(name);
-    const bool climbs = std::any_of(relative.begin(), relative.end(), [](const fs::path& part) { return part == ".."; });
-    if (name.empty() || relative.has_root_path() || climbs)
-        return fail("it names a place outside the folder", Error::Kind::refused);
+    PLIM_TRY(nameStaysInside(relative));
     std::error_code error;
     const fs::path root = fs::canonical(folder.empty() ? fs::path(".") : folder, error);
     if (error)
@@ -290,6 +300,73 @@ Result<fs::path> fileInsideFolder(const fs::path& folder, std::string_view name)
     if (!fs::exists(fs::symlink_status(target, error)))
         return fail("nothing is there", Error::Kind::missing);
     return target;
+}
+
+HeldFile::~HeldFile()
+{
+    if (m_fd >= 0)
+        ::close(m_fd);
+}
+
+fs::path HeldFile::reopenPath() const { return "/proc/self/fd/" + std::to_string(m_fd); }
+
+// Without openat2 (kernels before 5.6, some sandboxes): each step opened without following a
+// link, so a link anywhere on the way is refused, even one that stays inside.
+static int openWithoutLinks(int folder, const fs::path& relative, int flags)
+{
+    int at = ::dup(folder);
+    for (auto part = relative.begin(); at >= 0 && part != relative.end(); ++part) {
+        const bool last = std::next(part) == relative.end();
+        struct stat info {};
+        int next = -1;
+        if (::fstatat(at, part->c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(info.st_mode))
+            errno = EXDEV;
+        else
+            next = ::openat(at, part->c_str(), last ? flags | O_NOFOLLOW : O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int err = errno;
+        ::close(at);
+        errno = err;
+        at = next;
+    }
+    return at;
+}
+
+Result<HeldFile> openInsideFolder(const fs::path& folder, std::string_view name)
+{
+    const fs::path relative(name);
+    PLIM_TRY(nameStaysInside(relative));
+    const fs::path root = folder.empty() ? fs::path(".") : folder;
+    int dir = ::open(root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0)
+        return fail(errnoText(errno), Error::Kind::unreadable);
+    // Non-blocking, so a pipe in the file's place cannot hold the reader.
+    const int flags = O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
+    open_how how{};
+    how.flags = flags;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+    int fd = -1;
+    do
+        fd = static_cast<int>(::syscall(SYS_openat2, dir, relative.c_str(), &how, sizeof how));
+    while (fd < 0 && errno == EAGAIN);
+    if (fd < 0 && (errno == ENOSYS || errno == EPERM))
+        fd = openWithoutLinks(dir, relative, flags);
+    const int err = errno;
+    ::close(dir);
+    if (fd < 0) {
+        if (err == EXDEV || err == ELOOP)
+            return fail("it leads outside the folder", Error::Kind::refused);
+        if (err == ENOENT || err == ENOTDIR)
+            return fail("nothing is there", Error::Kind::missing);
+        return fail(err == EISDIR ? "it is a folder, not a file" : errnoText(err), Error::Kind::unreadable);
+    }
+    HeldFile held(fd, root / relative);
+    struct stat info {};
+    if (::fstat(fd, &info) != 0)
+        return fail(errnoText(errno), Error::Kind::unreadable);
+    if (!S_ISREG(info.st_mode))
+        return fail(S_ISDIR(info.st_mode) ? "it is a folder, not a file" : "it is not an ordinary file",
+            Error::Kind::unreadable);
+    return held;
 }
 
 Status refuseOwnFile(const fs::path& output, const fs::path& movie, const std::vector<fs::path>& named,

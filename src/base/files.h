@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace plim {
@@ -69,6 +70,32 @@ bool isParkedName(std::string_view name);
 // with every link followed, so no absolute path, "..", or link leading out is taken.
 // Fails `refused` when it would leave the folder, `missing` when nothing is there.
 Result<fs::path> fileInsideFolder(const fs::path& folder, std::string_view name);
+
+// An ordinary file held open by its descriptor, so that what a library reads later is the
+// file that was checked, whatever is put at its name meanwhile. Closed when destroyed.
+class HeldFile {
+public:
+    HeldFile(int fd, fs::path path) : m_fd(fd), m_path(std::move(path)) {}
+    HeldFile(HeldFile&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)), m_path(std::move(other.m_path)) {}
+    HeldFile& operator=(HeldFile&&) = delete;
+    HeldFile(const HeldFile&) = delete;
+    ~HeldFile();
+    int descriptor() const { return m_fd; }
+    // Where it was found, for sentences and comparisons.
+    const fs::path& path() const { return m_path; }
+    // "/proc/self/fd/N": a name that opens this very file again, for libraries that only take names.
+    fs::path reopenPath() const;
+
+private:
+    int m_fd = -1;
+    fs::path m_path;
+};
+
+// Opens `name` inside `folder` like fileInsideFolder, but without a race: every step of the
+// walk stays beneath the folder (a link may point within it, never out), and the file that
+// opens is the one held. Fails `refused` when it would leave the folder, `missing` when
+// nothing is there, `unreadable` with a short reason for a folder, pipe or device.
+Result<HeldFile> openInsideFolder(const fs::path& folder, std::string_view name);
 
 // The movie's location with its extension replaced by `suffix` ("cursor.json"):
 // /x/B.mov + "cursor.json" -> /x/B.cursor.json.

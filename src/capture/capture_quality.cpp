@@ -1,6 +1,8 @@
 #include "capture/capture_quality.h"
 
 #include "base/json.h"
+#include "base/log.h"
+#include "base/text.h"
 
 #include <cmath>
 
@@ -80,15 +82,41 @@ Size CaptureQualityRules::evenSize(Size size)
 
 int CaptureQualityRules::frameRate(std::optional<double> setting) { return setting && *setting == 30 ? 30 : 60; }
 
+namespace {
+
+// A setting Plim cannot use is read as its default, and said.
+void noteUnusable(std::string_view key, const Json& value, std::string_view takes, std::string_view used)
+{
+    std::string held = value.dump(-1, ' ', false, Json::error_handler_t::replace);
+    if (held.size() > 40)
+        held = held.substr(0, 40) + "...";
+    held = escapedText(held);
+    logLine(LogArea::main, "The setting " + std::string(key) + " holds " + held + ", but it takes " + std::string(takes)
+            + ", so recordings use " + std::string(used)
+            + ". The settings file was left as it is; choose the setting again to replace it.");
+}
+
+} // namespace
+
 CaptureQuality CaptureQualityRules::fromSettings(const SettingsStore& settings)
 {
-    return parse(settings.string(settingKey, "native"));
+    auto value = settings.value(settingKey);
+    if (!value)
+        return CaptureQuality::native;
+    const CaptureQuality quality = parse(value->is_string() ? value->get<std::string>() : "");
+    if (quality == CaptureQuality::native && *value != "native")
+        noteUnusable(settingKey, *value, "native, 2160p, 1440p, 1080p or 720p", "the screen's own size");
+    return quality;
 }
 
 int CaptureQualityRules::frameRateFromSettings(const SettingsStore& settings)
 {
     auto value = settings.value(frameRateKey);
-    return frameRate(value && value->is_number() ? std::optional<double>(value->get<double>()) : std::nullopt);
+    if (!value)
+        return frameRate(std::nullopt);
+    if (!value->is_number() || (*value != 30 && *value != 60))
+        noteUnusable(frameRateKey, *value, "30 or 60", "60 frames a second");
+    return frameRate(value->is_number() ? std::optional<double>(value->get<double>()) : std::nullopt);
 }
 
 } // namespace plim

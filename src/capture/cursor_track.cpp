@@ -1,6 +1,7 @@
 #include "capture/cursor_track.h"
 
 #include "base/json.h"
+#include "base/text.h"
 #include "capture/cursor_track_reader.h"
 
 #include <algorithm>
@@ -101,6 +102,17 @@ Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::s
                   "Restore the file from a backup, or record the plim again to get a new pointer track.",
             Error::Kind::unreadable);
 
+    std::vector<std::string> repairs;
+    using namespace track_limits;
+    const double lowest[5] = {-farthestPoint, -farthestPoint, smallestDisplay, smallestDisplay, smallestScale};
+    const double highest[5] = {farthestPoint, farthestPoint, farthestPoint, farthestPoint, largestScale};
+    for (size_t i = 0; i < trackGeometryKeys.size(); ++i) {
+        const double was = geometry[i];
+        geometry[i] = std::clamp(was, lowest[i], highest[i]);
+        if (geometry[i] != was)
+            repairs.push_back(std::string(trackGeometryKeys[i]) + " " + numberText(was, 2) + " read as "
+                + numberText(geometry[i], 2));
+    }
     CursorTrack track;
     track.displayX = geometry[0];
     track.displayY = geometry[1];
@@ -108,7 +120,6 @@ Result<Decoded<CursorTrack>> finishTrack(CursorTrackFields& fields, const std::s
     track.displayHeight = geometry[3];
     track.scale = geometry[4];
 
-    std::vector<std::string> repairs;
     if (fields.videoStartOffsetMS.kind != TrackValue::Kind::absent) {
         if (auto v = trackTime(fields.videoStartOffsetMS))
             track.videoStartOffsetMS = *v;

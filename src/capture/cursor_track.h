@@ -24,6 +24,17 @@ namespace plim {
 inline constexpr double longestRecordingSeconds = 24 * 3600;
 inline constexpr int64_t longestRecordingMS = 24 * 3600 * 1000;
 
+// The ranges a track's numbers are read in. Positions and window frames lie within a
+// million points of the origin (X11 screens end at 32767 pixels); the display is at least
+// a point across and its scale that of a real screen. An entry outside is dropped and a
+// geometry value brought to the nearer end, each with a notice.
+namespace track_limits {
+inline constexpr double farthestPoint = 1'000'000;
+inline constexpr double smallestDisplay = 1;
+inline constexpr double smallestScale = 0.25;
+inline constexpr double largestScale = 8;
+} // namespace track_limits
+
 struct CursorSample {
     int64_t t = 0;
     double x = 0; // rounded to one decimal

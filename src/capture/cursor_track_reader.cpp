@@ -23,6 +23,14 @@ std::optional<double> trackNumber(const TrackValue& value)
     }
 }
 
+std::optional<double> trackPoint(const TrackValue& value)
+{
+    auto number = trackNumber(value);
+    if (!number || std::fabs(*number) > track_limits::farthestPoint)
+        return std::nullopt;
+    return number;
+}
+
 std::optional<int64_t> trackInteger(const TrackValue& value)
 {
     switch (value.kind) {
@@ -62,8 +70,8 @@ int trackTypingFlag(const TrackValue& value)
 std::optional<CursorSample> TrackEntry<CursorSample>::make(const TrackValue&, const std::array<TrackValue, 4>& at)
 {
     auto t = trackTime(at[0]);
-    auto x = trackNumber(at[1]);
-    auto y = trackNumber(at[2]);
+    auto x = trackPoint(at[1]);
+    auto y = trackPoint(at[2]);
     if (!t || !x || !y)
         return std::nullopt;
     return CursorSample{*t, *x, *y, trackTypingFlag(at[3])};
@@ -72,8 +80,8 @@ std::optional<CursorSample> TrackEntry<CursorSample>::make(const TrackValue&, co
 std::optional<ClickEvent> TrackEntry<ClickEvent>::make(const TrackValue&, const std::array<TrackValue, 3>& at)
 {
     auto t = trackTime(at[0]);
-    auto x = trackNumber(at[1]);
-    auto y = trackNumber(at[2]);
+    auto x = trackPoint(at[1]);
+    auto y = trackPoint(at[2]);
     if (!t || !x || !y)
         return std::nullopt;
     return ClickEvent{*t, *x, *y};
@@ -93,10 +101,10 @@ std::optional<CursorTrack::FrameKey> TrackEntry<CursorTrack::FrameKey>::make(
     const TrackValue&, const std::array<TrackValue, 5>& at)
 {
     auto t = trackTime(at[0]);
-    auto x = trackNumber(at[1]);
-    auto y = trackNumber(at[2]);
-    auto w = trackNumber(at[3]);
-    auto h = trackNumber(at[4]);
+    auto x = trackPoint(at[1]);
+    auto y = trackPoint(at[2]);
+    auto w = trackPoint(at[3]);
+    auto h = trackPoint(at[4]);
     if (!t || !x || !y || !w || !h)
         return std::nullopt;
     return CursorTrack::FrameKey{*t, *x, *y, *w, *h};

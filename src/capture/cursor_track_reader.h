@@ -29,6 +29,8 @@ struct TrackValue {
 
 // Any finite number.
 std::optional<double> trackNumber(const TrackValue& value);
+// A finite number at most track_limits::farthestPoint from 0: a position or a size.
+std::optional<double> trackPoint(const TrackValue& value);
 // An integer, or a number with no fractional part that fits 64 bits.
 std::optional<int64_t> trackInteger(const TrackValue& value);
 // A whole number of milliseconds at most longestRecordingMS from 0.

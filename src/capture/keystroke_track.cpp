@@ -1,6 +1,7 @@
 #include "capture/keystroke_track.h"
 
 #include "base/json.h"
+#include "capture/cursor_track.h"
 #include "base/text.h"
 
 #include <algorithm>
@@ -124,7 +125,7 @@ KeystrokeTrack::Sanitized KeystrokeTrack::sanitized(const std::vector<KeyEvent>&
     Sanitized out;
     out.events.reserve(events.size());
     for (const auto& event : events) {
-        if (event.t < 0) {
+        if (event.t < 0 || event.t > longestRecordingMS) {
             ++out.dropped;
             continue;
         }

@@ -29,7 +29,7 @@ struct KeystrokeTrack {
     // What sanitizing kept, and how much it had to repair.
     struct Sanitized {
         std::vector<KeyEvent> events;
-        int dropped = 0;   // negative times, captions that are only white space
+        int dropped = 0;   // times before 0 or past a day, captions that are only white space
         int shortened = 0; // captions trimmed or cut to 5 characters
         bool operator==(const Sanitized&) const = default;
     };
@@ -55,7 +55,7 @@ struct KeystrokeTrack {
     // memory, with the repair as a notice. Never writes the file.
     static Result<Decoded<KeystrokeTrack>> read(const fs::path& movie);
 
-    // Drops negative times and blank captions, trims captions, cuts long ones, and sorts
+    // Drops times before 0 or past longestRecordingMS and blank captions, trims captions, cuts long ones, and sorts
     // stably by time.
     static Sanitized sanitized(const std::vector<KeyEvent>& events);
 

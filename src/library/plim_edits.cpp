@@ -105,9 +105,9 @@ std::optional<Json> PlimEdits::readPlim3Stage(const fs::path& movie)
     return *json;
 }
 
-Result<fs::path> PlimEdits::sideFile(const fs::path& besideMovie, std::string_view name, std::string_view label)
+Result<HeldFile> PlimEdits::sideFile(const fs::path& besideMovie, std::string_view name, std::string_view label)
 {
-    auto file = fileInsideFolder(besideMovie.parent_path(), name);
+    auto file = openInsideFolder(besideMovie.parent_path(), name);
     if (!file && file.error().kind == Error::Kind::refused)
         return fail(std::string(label) + " names a file outside the plim's folder, so it was left out. Nothing else "
                                          "changed.",
@@ -115,7 +115,7 @@ Result<fs::path> PlimEdits::sideFile(const fs::path& besideMovie, std::string_vi
     return file;
 }
 
-std::optional<Result<fs::path>> PlimEdits::captionsPath(const fs::path& besideMovie) const
+std::optional<Result<HeldFile>> PlimEdits::captionsFileOpened(const fs::path& besideMovie) const
 {
     if (!captionsFile)
         return std::nullopt;
@@ -234,11 +234,11 @@ Result<Decoded<std::optional<PlimEdits>>> PlimEdits::read(const fs::path& beside
     fs::path path = sidecarPath(besideMovie, PlimFiles::edits);
     std::string name = path.filename().string();
     auto decoded = [&]() -> Result<Decoded<std::optional<PlimEdits>>> {
-        auto bytes = readFileBytes(path);
+        auto bytes = readFileBytes(path, plan_limits::largestFileBytes);
         if (!bytes) {
             if (bytes.error().kind == Error::Kind::missing)
                 return Decoded<std::optional<PlimEdits>>{};
-            return fail(plan_notices::unreadable(name, bytes.error().sentence, isOrdinaryFile(path)),
+            return fail(plan_notices::unreadable(name, bytes.error().sentence, isOrdinaryFile(path, plan_limits::largestFileBytes)),
                 Error::Kind::unreadable);
         }
         if (bytes->empty())

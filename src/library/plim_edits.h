@@ -77,13 +77,14 @@ struct PlimEdits {
     // not finite or the write fails.
     Status write(const fs::path& besideMovie, std::string_view writtenBy) const;
 
-    // A file name the edits hold (a voiceover's, the captions file) as a path inside the
-    // plim's folder, every link followed. Fails `refused` with "<label> names a file outside
-    // the plim's folder, so it was left out. Nothing else changed.", `missing` when nothing
-    // is there. The edits file is not touched.
-    static Result<fs::path> sideFile(const fs::path& besideMovie, std::string_view name, std::string_view label);
-    // The captions file in use, found the same way; nothing when none is named.
-    std::optional<Result<fs::path>> captionsPath(const fs::path& besideMovie) const;
+    // A file name the edits hold (a voiceover's, the captions file), opened inside the
+    // plim's folder and held open, so a link put at its name later is not followed. Fails
+    // `refused` with "<label> names a file outside the plim's folder, so it was left out.
+    // Nothing else changed.", `missing` when nothing is there, `unreadable` for a folder,
+    // pipe or device. The edits file is not touched.
+    static Result<HeldFile> sideFile(const fs::path& besideMovie, std::string_view name, std::string_view label);
+    // The captions file in use, opened the same way; nothing when none is named.
+    std::optional<Result<HeldFile>> captionsFileOpened(const fs::path& besideMovie) const;
 
     // Zoom ids aimed by hand that still name a zoom block.
     bool isAimed(std::string_view zoomID) const;

@@ -12,6 +12,7 @@
 #include "plan/remap_step.h"
 #include "plan/zoom_block.h"
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -30,6 +31,14 @@ inline constexpr double minSkipRate = 1.0;
 inline constexpr double maxSkipRate = 16.0;
 inline constexpr double minCameraScale = 0.4;
 inline constexpr double maxCameraScale = 2.5;
+// The most entries one of the plan's lists (zooms, skips, masks, cuts, taps, splits, clips)
+// holds: far past what anyone edits by hand, and few enough that the plan is worked out at
+// once. A file holding more is refused as a whole.
+inline constexpr std::size_t mostEntries = 10'000;
+// The longest the clips may add up to: a day, as long as a recording may last.
+inline constexpr double longestClipsSeconds = 24 * 3600;
+// The largest edits file read: ten thousand entries in every list fit several times over.
+inline constexpr std::size_t largestFileBytes = std::size_t(16) << 20;
 } // namespace plan_limits
 
 // An idle stretch found by the automatic edit and what to do with it.

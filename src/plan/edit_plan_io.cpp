@@ -83,6 +83,30 @@ std::vector<std::string> boundNumbers(EditPlan& plan)
     return changed;
 }
 
+// Refuses a plan too large to work out: a list past plan_limits::mostEntries, or clips that
+// add up to more than a day.
+Status checkSize(const Json& value)
+{
+    for (const char* key : {"zooms", "skips", "masks", "cuts", "taps", "splits", "clips"}) {
+        const Json* field = jsonField(value, key);
+        if (field && field->is_array() && field->size() > plan_limits::mostEntries)
+            return fail("It holds " + std::to_string(field->size()) + " " + key + ", more than the "
+                + std::to_string(plan_limits::mostEntries) + " a plan may hold.");
+    }
+    double clipsLength = 0;
+    if (const Json* clips = jsonField(value, "clips"); clips && clips->is_array())
+        for (const Json& clip : *clips) {
+            auto start = jsonNumber(clip, "start");
+            auto end = jsonNumber(clip, "end");
+            if (start && end && *end > *start)
+                clipsLength += *end - *start;
+        }
+    if (clipsLength > plan_limits::longestClipsSeconds)
+        return fail("Its clips add up to " + numberText(clipsLength / 3600, 1) + " hours, more than the "
+            + numberText(plan_limits::longestClipsSeconds / 3600, 0) + " hours a plim may last.");
+    return {};
+}
+
 } // namespace
 
 // --- Nested values ---
@@ -253,6 +277,7 @@ Result<Decoded<EditPlan>> EditPlan::fromJson(const Json& value, std::optional<st
     if (!value.is_object())
         return fail(std::string("It holds a JSON ") + value.type_name() + " where an object of edits belongs.");
 
+    PLIM_TRY(checkSize(value));
     EditPlan plan;
     DecodeReport dropped;
 
@@ -379,10 +404,10 @@ Decoded<std::optional<EditPlan>> EditPlan::decode(const fs::path& path)
 {
     std::string source = path.filename().string();
     auto refused = [](std::string notice) { return Decoded<std::optional<EditPlan>>{std::nullopt, {std::move(notice)}}; };
-    auto bytes = readFileBytes(path);
+    auto bytes = readFileBytes(path, plan_limits::largestFileBytes);
     if (!bytes) {
         if (bytes.error().kind == Error::Kind::unreadable)
-            return refused(plan_notices::unreadable(source, bytes.error().sentence, isOrdinaryFile(path)));
+            return refused(plan_notices::unreadable(source, bytes.error().sentence, isOrdinaryFile(path, plan_limits::largestFileBytes)));
         return {};
     }
     if (trimmed(*bytes).empty())

@@ -64,13 +64,13 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
             plim.notices.push_back(file.error().sentence);
             continue;
         }
-        std::error_code error;
-        if (!file || !fs::is_regular_file(*file, error))
+        if (!file)
             return fail(label + " is missing its sound file (" + escapedText(voice.file)
                     + "). Put the file back in the plim's folder, or delete that voiceover in the editor.",
                 Error::Kind::missing);
         const double start = timeline.outputTime(voice.start).value_or(0.0);
-        job.voiceovers.push_back({*file, label, {start, voice.duration, voice.micUnder}});
+        auto held = std::make_shared<const HeldFile>(std::move(*file));
+        job.voiceovers.push_back({held->path(), label, {start, voice.duration, voice.micUnder}, held});
     }
     return plim;
 }

@@ -62,6 +62,7 @@ struct StagingJob {
         std::filesystem::path file;       // its sound file
         std::string label;                // names it in sentences
         VoiceoverSlot input;              // where it plays, in output time
+        std::shared_ptr<const HeldFile> held; // when set, the sound is read from this open file
     };
     std::vector<Voiceover> voiceovers;
     // Words a failure for the user; default StagingError::sentence.

@@ -109,6 +109,16 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
                 + " pictures a second, and none of them falls inside the " + numberText(s.timeline.outputDuration(), 2)
                 + " s this edit keeps, so there is nothing to show. Keep a longer stretch, or record the plim again "
                   "at a higher frame rate.")));
+    // An edit made for a longer recording: it starts (or all its clips do) past this movie's end.
+    const auto& clips = job.plan.clips;
+    const bool startsPastEnd = clips && !clips->empty()
+        ? std::all_of(clips->begin(), clips->end(), [&](const PlimClip& c) { return c.start >= s.rawDuration; })
+        : job.plan.trimIn.value_or(0) >= s.rawDuration;
+    if (s.expected == 0 && startsPastEnd)
+        return std::unexpected(stagingFailure(job,
+            StagingError::unusable(job.movie.filename().string() + " lasts " + numberText(s.rawDuration, 2)
+                + " s, and this edit keeps only what would come after that, as if it were made for a longer "
+                  "recording. Move the trim handles or clips inside the recording, then render again.")));
     if (s.expected == 0)
         return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 

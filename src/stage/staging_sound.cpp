@@ -27,7 +27,8 @@ Result<std::unique_ptr<StagingSound>> StagingSound::open(const StagingJob& job, 
     std::vector<VoiceoverSlot> slots;
     std::map<int, std::shared_ptr<PCMSource>> voices;
     for (const auto& voice : job.voiceovers) {
-        voices[static_cast<int>(slots.size())] = std::make_shared<AssetPCMSource>(voice.file, voice.label);
+        voices[static_cast<int>(slots.size())] =
+            std::make_shared<AssetPCMSource>(voice.held ? voice.held->reopenPath() : voice.file, voice.label);
         slots.push_back(voice.input);
     }
     auto mix = planShareAudio(job.plan, s.rawDuration, slots, s.info.hasSound, soundSampleRate);

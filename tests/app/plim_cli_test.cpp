@@ -190,6 +190,35 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
     EXPECT_NE(dressed("0.3"), dressed("0.02"));
 }
 
+TEST_F(CliTest, AOneFrameASecondMovieUnderALongerPointerTrackStagesWhole)
+{
+    // Two pictures a second apart, and a pointer track that runs on for 20 s: the pointer
+    // jiggles in place (busy, never idle), sets off at 5 s and clicks at 6 s. Sized by the
+    // track, the automatic edit would trim everything before 4.7 s, the whole movie.
+    fs::path movie = dir / "B.mov";
+    ASSERT_EQ(runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=rate=1:size=320x200:duration=2",
+                  "-c:v", "libx264", "-pix_fmt", "yuv420p", movie.string()})
+                  .status,
+        0);
+    CursorTrack track{.displayWidth = 320, .displayHeight = 200};
+    for (int i = 0; i <= 1200; ++i)
+        track.samples.push_back({std::llround(i * 1000.0 / 60), i < 300 ? 160.0 + (i % 12 < 6) * 5 : i - 135.0, 100, 0});
+    track.clicks.push_back({6000, 200, 100});
+    ASSERT_TRUE(track.write(movie));
+    auto staged = ctl({"stage", movie.string(), "--size", "720", "--output", (dir / "s.mp4").string()});
+    ASSERT_EQ(staged.status, 0) << staged.err;
+    auto probe = ffprobe(dir / "s.mp4");
+    EXPECT_NEAR(probe.duration, 2, 0.05);
+    EXPECT_EQ(probe.frames, 120);
+
+    // An edit made for a longer recording says so.
+    writeText(dir / "B.edits.json", R"({"trimIn": 5, "trimOut": 8})");
+    auto past = ctl({"stage", movie.string(), "--size", "720", "--output", (dir / "t.mp4").string()});
+    EXPECT_EQ(past.status, 1);
+    EXPECT_THAT(past.err, HasSubstr("B.mov lasts 2.00 s, and this edit keeps only what would come after that"));
+    EXPECT_FALSE(fs::exists(dir / "t.mp4"));
+}
+
 TEST_F(CliTest, EveryCommandSaysAndUsesThePlanOneRuleGivesAndLeavesAnUnusableEditsFileAlone)
 {
     TestMovie source;

@@ -128,9 +128,10 @@ TEST(CursorTrack, ReadFailuresSayWhatHappenedAndLeaveTheFileAsItIs)
 TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
 {
     TempDir dir;
-    std::string bytes = R"({"displayX": 0, "displayY": 0, "displayWidth": 100, "displayHeight": 100, "scale": 1,
+    std::string bytes = R"({"displayX": 0, "displayY": 0, "displayWidth": 100, "displayHeight": 100, "scale": 1e9,
         "videoStartOffsetMS": "soon",
         "samples": [{"t": 20, "x": 1, "y": 2, "k": 1}, {"t": 10, "x": 3, "y": 4}, {"x": 5, "y": 6}, {"t": 1.5, "x": 0, "y": 0},
+            {"t": 30, "x": 1e300, "y": 0},
             {"t": 86400001, "x": 0, "y": 0}, {"t": -86400001, "x": 0, "y": 0}, {"t": 86400000, "x": 7, "y": 8}],
         "clicks": [{"t": 5, "x": 1}],
         "marks": "none",
@@ -139,12 +140,12 @@ TEST(CursorTrack, UnusableEntriesAreDroppedAndDisorderRepairedWithANotice)
     LogCapture log;
     auto track = CursorTrack::read(dir / "B.mov");
     ASSERT_TRUE(track) << track.error().sentence;
-    EXPECT_EQ(track->value, (CursorTrack{.displayWidth = 100, .displayHeight = 100,
+    EXPECT_EQ(track->value, (CursorTrack{.displayWidth = 100, .displayHeight = 100, .scale = track_limits::largestScale,
         .samples = {{10, 3, 4, 0}, {20, 1, 2, 1}, {86400000, 7, 8, 0}}, .frames = {{3, 0, 0, 50, 50}}}));
     EXPECT_TRUE(log.lines().empty()); // the caller decides whether to log or show it
     EXPECT_EQ(track->notices, std::vector<std::string>{
-        "B.cursor.json is not shaped the way Plim writes it: an unusable videoStartOffsetMS read as 0, "
-        "4 unusable samples and 1 unusable click dropped, marks is not a list and was read as empty, "
+        "B.cursor.json is not shaped the way Plim writes it: scale 1e+09 read as 8.00, an unusable videoStartOffsetMS "
+        "read as 0, 5 unusable samples and 1 unusable click dropped, marks is not a list and was read as empty, "
         "its samples put back in time order. The pointer is drawn from what was left; the file itself was not changed."});
     EXPECT_EQ(readText(dir / "B.cursor.json"), bytes);
 }

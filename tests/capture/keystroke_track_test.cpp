@@ -51,9 +51,9 @@ TEST(KeystrokeTrack, RepairsInMemoryWithTheNoticeWordForWord)
 {
     const std::vector<std::tuple<std::string, std::vector<KeyEvent>, std::string>> rows = {
         {R"({"events": [{"t": 10, "caption": "⌃⌥⇧⌘K→X"}, {"t": -5, "caption": "⌘A"},
-            {"t": 20, "caption": "123456789"}, {"t": 30, "caption": "⌘Z"}]})",
+            {"t": 20, "caption": "123456789"}, {"t": 30, "caption": "⌘Z"}, {"t": 86400001, "caption": "⌘B"}]})",
             {{10, "⌃⌥⇧⌘K"}, {20, "12345"}, {30, "⌘Z"}},
-            "1 unusable event dropped, 2 captions longer than any real shortcut shortened to 5 characters"},
+            "2 unusable events dropped, 2 captions longer than any real shortcut shortened to 5 characters"},
         // Out of order: sorted stably, with its own notice.
         {R"({"events": [{"t": 30, "caption": "⌘C"}, {"t": 10, "caption": "⌘A"}, {"t": 30, "caption": "⌘V"}]})",
             {{10, "⌘A"}, {30, "⌘C"}, {30, "⌘V"}}, "its events put back in time order"},

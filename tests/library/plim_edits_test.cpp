@@ -214,22 +214,37 @@ TEST(PlimEdits, AnOlderStageFileIsReadBesideTheEditsAndNeverWritten)
     EXPECT_EQ(readText(dir / "B.stage.json"), "not json");
 }
 
-TEST(PlimEdits, TheCaptionsFileIsFoundOnlyInsideThePlimsFolder)
+TEST(PlimEdits, TheCaptionsFileIsOpenedOnlyInsideThePlimsFolderAndHeldOpen)
 {
     TempDir dir, elsewhere;
-    writeText(dir / "B.captions.json", "{}");
-    writeText(elsewhere / "private.json", "{}");
+    writeText(dir / "B.captions.json", R"({"lines": []})");
+    writeText(elsewhere / "private.json", "private");
     fs::create_symlink(elsewhere / "private.json", dir / "link.json");
+    fs::create_directory(dir / "sub");
+    fs::create_symlink("../B.captions.json", dir / "sub" / "inside.json");
     PlimEdits edits;
-    EXPECT_FALSE(edits.captionsPath(dir / "B.mov").has_value());
-    edits.captionsFile = "B.captions.json";
-    EXPECT_EQ(edits.captionsPath(dir / "B.mov")->value_or(fs::path()), fs::canonical(dir / "B.captions.json"));
+    EXPECT_FALSE(edits.captionsFileOpened(dir / "B.mov").has_value());
+    for (const char* inside : {"B.captions.json", "sub/inside.json"}) {
+        edits.captionsFile = inside;
+        auto held = *edits.captionsFileOpened(dir / "B.mov");
+        ASSERT_TRUE(held) << inside << ": " << held.error().sentence;
+        EXPECT_EQ(readText(held->reopenPath()), R"({"lines": []})");
+    }
     for (const std::string& outside : {(elsewhere / "private.json").string(), std::string("../private.json"),
              std::string("link.json"), std::string("sub/../../private.json")}) {
         edits.captionsFile = outside;
-        auto found = *edits.captionsPath(dir / "B.mov");
+        auto found = *edits.captionsFileOpened(dir / "B.mov");
         ASSERT_FALSE(found) << outside;
         EXPECT_EQ(found.error().sentence, "The captions file names a file outside the plim's folder, so it was left "
                                           "out. Nothing else changed.");
     }
+
+    // A link swapped in at the name once the file is open is never followed: the held file is read.
+    edits.captionsFile = "B.captions.json";
+    auto held = *edits.captionsFileOpened(dir / "B.mov");
+    ASSERT_TRUE(held);
+    fs::create_symlink(elsewhere / "private.json", dir / "swap.json");
+    fs::rename(dir / "swap.json", dir / "B.captions.json");
+    EXPECT_EQ(readText(held->reopenPath()), R"({"lines": []})");
+    EXPECT_EQ(edits.captionsFileOpened(dir / "B.mov")->error().kind, Error::Kind::refused);
 }

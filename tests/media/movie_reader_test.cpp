@@ -214,6 +214,13 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     fs::create_directory(s_dir / "folder.mov");
 
+    // 30 KB that would decode to 16000 × 16000 (one-bit PNG pictures, cheap to make).
+    fs::path huge = s_dir / "huge.mov";
+    ASSERT_EQ(testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+                  "color=c=black:s=16000x16000,format=monob", "-frames:v", "1", "-c:v", "png", huge.string()})
+                  .status,
+        0);
+
     struct Case {
         fs::path path;
         Error::Kind kind;
@@ -227,6 +234,8 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
              {pipe, Error::Kind::unreadable, "pipe.mov is not a movie file (it is not an ordinary file)"},
              {s_dir / "folder.mov", Error::Kind::unreadable, "folder.mov is not a movie file (it is a folder, not a file)"},
              {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
+             {huge, Error::Kind::refused, "huge.mov holds pictures of 16000 × 16000, more than the 36 million pixels "
+                                          "Plim decodes (one such picture would take 976 MB). Scale it down"},
          }) {
         std::string before = fs::is_regular_file(c.path) ? testkit::readText(c.path) : "";
         auto reader = MovieReader::create(c.path);

@@ -262,12 +262,24 @@ TEST(EditPlanDecode, FilesThatCannotBeDecodedAreReportedAndLeftByteForByte)
         EXPECT_TRUE(absent.notices.empty());
     }
 
+    auto repeated = [](const std::string& text, int times) {
+        std::string out;
+        for (int i = 0; i < times; ++i)
+            out += text;
+        return out;
+    };
+    const std::string clip = R"({"id": ")" + PlimClip::idForNumber(1) + R"(", "start": 0, "end": 1000})";
     // Name, bytes, and what the notice says of the file where the parser's words are not its own.
     const std::vector<std::array<std::string, 3>> files = {
         {"truncated.edits.json", "{\n  \"cuts\": [\n    {\"start\": 1,", ""},
         {"array.edits.json", "[1, 2, 3]\n", "It holds a JSON array where an object of edits belongs."},
         {"empty.edits.json", "", "The file is empty."},
         {"binary.edits.json", std::string("\x89PNG\r\n\x1a\n\0\0", 10), ""},
+        // Plans too large to work out at once: a list past its bound, clips that add up to more than a day.
+        {"many.edits.json", "{\"splits\": [0" + repeated(",0", 10'000) + "]}",
+            "It holds 10001 splits, more than the 10000 a plan may hold."},
+        {"long.edits.json", "{\"clips\": [" + clip + repeated("," + clip, 99) + "]}",
+            "Its clips add up to 27.8 hours, more than the 24 hours a plim may last."},
     };
     for (const auto& [name, bytes, says] : files) {
         SCOPED_TRACE(name);
@@ -311,6 +323,18 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
         EXPECT_EQ(decoded.notices[0].find("download"), std::string::npos);
     }
     EXPECT_EQ(readText(folder / "inside"), "kept");
+
+    // A million cuts are not parsed at all: the file is larger than any plan needs.
+    fs::path huge = dir / "H.edits.json";
+    std::string cuts = R"({"cuts": [)";
+    for (int i = 0; i < 1'000'000; ++i)
+        cuts += R"({"start": 1, "end": 2},)";
+    writeText(huge, cuts + "{}]}");
+    auto decoded = EditPlan::decode(huge);
+    EXPECT_FALSE(decoded.value);
+    EXPECT_EQ(decoded.notices, std::vector<std::string>{plan_notices::unreadable("H.edits.json",
+        "it holds 21.9 MB, far more than such a file can", false)});
+    EXPECT_EQ(fs::file_size(huge), cuts.size() + 4);
 }
 
 TEST(EditPlanDecode, AFileWithoutReadPermissionIsReportedAndLeftAlone)
