@@ -28,6 +28,8 @@ struct SwsFree { void operator()(SwsContext* c) const { sws_freeContext(c); } };
 struct SwrFree { void operator()(SwrContext* c) const { swr_free(&c); } };
 struct FifoFree { void operator()(AVAudioFifo* f) const { av_audio_fifo_free(f); } };
 struct InputClose { void operator()(AVFormatContext* c) const { avformat_close_input(&c); } };
+// The pool goes once the last buffer taken from it comes back.
+struct PoolFree { void operator()(AVBufferPool* p) const { av_buffer_pool_uninit(&p); } };
 
 using FramePtr = std::unique_ptr<AVFrame, FrameFree>;
 using PacketPtr = std::unique_ptr<AVPacket, PacketFree>;
@@ -36,6 +38,7 @@ using SwsPtr = std::unique_ptr<SwsContext, SwsFree>;
 using SwrPtr = std::unique_ptr<SwrContext, SwrFree>;
 using FifoPtr = std::unique_ptr<AVAudioFifo, FifoFree>;
 using InputPtr = std::unique_ptr<AVFormatContext, InputClose>;
+using PoolPtr = std::unique_ptr<AVBufferPool, PoolFree>;
 
 // FFmpeg's text for an error code, starting in lower case ("no space left on device").
 inline std::string errorText(int code)

@@ -100,11 +100,21 @@ Result<FramePtr> PictureEncoder::picture(const Image& image, double time)
 {
     const AVCodecContext* v = m_codec.get();
     int64_t pts = std::llround(time * m_timeScale);
+    constexpr int align = 64;
+    if (!m_pictures) {
+        const int bytes = av_image_get_buffer_size(AV_PIX_FMT_YUV420P, v->width, v->height, align);
+        if (bytes > 0)
+            m_pictures.reset(av_buffer_pool_init(static_cast<size_t>(bytes), nullptr));
+    }
     FramePtr frame(av_frame_alloc());
+    if (!frame || !m_pictures || !(frame->buf[0] = av_buffer_pool_get(m_pictures.get())))
+        return fail("a frame buffer could not be made");
     frame->format = AV_PIX_FMT_YUV420P;
     frame->width = v->width;
     frame->height = v->height;
-    if (av_frame_get_buffer(frame.get(), 0) < 0)
+    if (av_image_fill_arrays(frame->data, frame->linesize, frame->buf[0]->data, AV_PIX_FMT_YUV420P, v->width,
+            v->height, align)
+        < 0)
         return fail("a frame buffer could not be made");
     if (!convert(image, frame.get()))
         return fail(concat("a ", image.width, " × ", image.height, " picture could not be scaled"));
