@@ -52,20 +52,24 @@ size_t graphemeCount(std::string_view text)
 {
     size_t count = 0;
     utf8proc_int32_t state = 0;
-    std::optional<char32_t> previous;
+    // The code point before, when the one before was one (a plain value: GCC 12 at -O3
+    // thinks an optional's value may be read uninitialised here).
+    char32_t previous = 0;
+    bool hasPrevious = false;
     for (size_t at = 0; at < text.size();) {
         auto c = utf8Decode(text, at);
         if (!c) {
             ++at;
             ++count;
-            previous.reset();
+            hasPrevious = false;
             state = 0;
             continue;
         }
-        if (!previous || utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(*previous),
-                             static_cast<utf8proc_int32_t>(*c), &state))
+        if (!hasPrevious || utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(previous),
+                                static_cast<utf8proc_int32_t>(*c), &state))
             ++count;
-        previous = c;
+        previous = *c;
+        hasPrevious = true;
     }
     return count;
 }
