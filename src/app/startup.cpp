@@ -24,7 +24,7 @@ void runStartupSteps(const std::vector<std::string>& argv)
         logLine("Plim: automatic updates are off in this process because " + *hold + ".");
 }
 
-int plimMain(const std::vector<std::string>& argv, std::ostream& out, std::ostream& err)
+int plimMain(const std::vector<std::string>& argv, std::ostream& out, std::ostream& err, InteractiveMain interactive)
 {
     if (auto request = StageCLI::requestedRender(argv)) {
         if (auto hold = AppRuntime::updaterHold(argv))
@@ -32,7 +32,9 @@ int plimMain(const std::vector<std::string>& argv, std::ostream& out, std::ostre
         return StageCLI::run(*request, out, err);
     }
     runStartupSteps(argv);
-    out << "Plim's desktop interface is not part of this build yet, so there is nothing to show. "
+    if (interactive)
+        return interactive(argv);
+    out << "Plim's desktop interface is not part of this build (it was built without Qt), so there is nothing to show. "
            "Render a plim with plim --stage <movie>, or see plimctl --help for the command-line tools.\n";
     return 0;
 }

@@ -29,6 +29,7 @@ const std::map<std::string, std::set<std::string>> allowed = {
     {"share", {"base", "media", "capture", "plan", "library", "stage"}},
     {"suite", {"base", "media"}},
     {"app", {"base", "media", "capture", "plan", "library", "stage", "share", "suite"}},
+    {"ui", {"base", "media", "capture", "plan", "library", "stage", "share", "suite", "app"}},
 };
 
 // Why `target` ("plan/edit_plan.h") may not be included from a file whose own folder is
@@ -121,6 +122,8 @@ TEST(IncludeDirection, RulesFollowTheDataPath)
              {"fuzz", "capture/x11/desktop_x11.h", false, false},
              {"mystery", "base/error.h", false, false},
              {"app", "testkit/testkit.h", true, true},
+             {"ui", "app/startup.h", true, true},
+             {"app", "ui/ui.h", false, false},
          })
         EXPECT_EQ(problem(k.from, k.target, k.header).empty(), k.ok) << k.from << " -> " << k.target;
 }
@@ -132,4 +135,22 @@ TEST(IncludeDirection, TheTreeKeepsTheRules)
     for (const auto& v : found)
         listed += v + "\n";
     EXPECT_TRUE(found.empty()) << listed;
+}
+
+// Qt belongs to the desktop interface alone: a headless build links no Qt at all.
+TEST(IncludeDirection, OnlyTheInterfaceIncludesQt)
+{
+    static const std::regex qtInclude(R"re(^\s*#\s*include\s*<Q[A-Za-z]*(/|>))re");
+    std::vector<std::string> found;
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(PLIM_SOURCE_DIR) / "src")) {
+        fs::path relative = fs::relative(entry.path(), fs::path(PLIM_SOURCE_DIR) / "src");
+        if (!entry.is_regular_file() || *relative.begin() == "ui")
+            continue;
+        std::ifstream in(entry.path());
+        std::string line;
+        for (int number = 1; std::getline(in, line); ++number)
+            if (std::regex_search(line, qtInclude))
+                found.push_back(relative.string() + ":" + std::to_string(number));
+    }
+    EXPECT_TRUE(found.empty()) << found.front();
 }
