@@ -1,0 +1,60 @@
+// The remembered record choice: what the panel opens on and what --toggle records.
+
+#include "app/record_choice.h"
+#include "base/json.h"
+#include "base/settings.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+
+using namespace plim;
+using namespace plim::testkit;
+
+TEST(RecordChoice, RoundTripsAndTurnsIntoCaptureSettings)
+{
+    MemorySettingsStore settings;
+    RecordChoice choice;
+    choice.subject = RecordChoice::Subject::area;
+    choice.area = Rect{10, 20, 640, 360};
+    choice.microphone = true;
+    choice.microphoneDevice = "alsa_input.usb";
+    choice.keys = false;
+    choice.countdownSeconds = 5;
+    ASSERT_TRUE(choice.save(settings));
+    EXPECT_EQ(RecordChoice::load(settings), choice);
+
+    ASSERT_TRUE(settings.setValue("captureFrameRate", 30));
+    CaptureSettings capture = choice.captureSettings(settings);
+    EXPECT_EQ(capture.subject.kind, ScreenSubject::Kind::area);
+    EXPECT_EQ(capture.subject.area, (Rect{10, 20, 640, 360}));
+    EXPECT_EQ(capture.framesPerSecond, 30);
+    EXPECT_EQ(capture.microphoneDevice, std::optional<std::string>("alsa_input.usb"));
+    EXPECT_FALSE(capture.keycaps);
+
+    // A device cleared in the panel is forgotten, not kept from before.
+    choice.microphoneDevice.reset();
+    ASSERT_TRUE(choice.save(settings));
+    EXPECT_FALSE(RecordChoice::load(settings).microphoneDevice);
+
+    // An area or window subject with nothing to point at records the display.
+    choice.area.reset();
+    choice.subject = RecordChoice::Subject::window;
+    EXPECT_EQ(choice.captureSettings(settings).subject.kind, ScreenSubject::Kind::display);
+}
+
+TEST(RecordChoice, OddStoredValuesReadAsDefaultsAndADamagedFileIsLeftAlone)
+{
+    MemorySettingsStore settings;
+    ASSERT_TRUE(settings.setValue("recordArea", Json::array({0, 0, -5, 100})));
+    ASSERT_TRUE(settings.setValue("countdownSeconds", 99));
+    ASSERT_TRUE(settings.setValue("recordWindow", -1));
+    ASSERT_TRUE(settings.setValue("recordSubject", "everything"));
+    RecordChoice read = RecordChoice::load(settings);
+    EXPECT_EQ(read, RecordChoice{});
+
+    TempDir dir;
+    writeText(dir / "settings.json", "{ not json");
+    FileSettingsStore file(dir / "settings.json");
+    EXPECT_FALSE(RecordChoice{}.save(file));
+    EXPECT_EQ(readText(dir / "settings.json"), "{ not json");
+}
