@@ -1,5 +1,6 @@
 // The remembered record choice: what the panel opens on and what --toggle records.
 
+#include "app/control_verbs.h"
 #include "app/record_choice.h"
 #include "base/json.h"
 #include "base/settings.h"
@@ -57,4 +58,14 @@ TEST(RecordChoice, OddStoredValuesReadAsDefaultsAndADamagedFileIsLeftAlone)
     FileSettingsStore file(dir / "settings.json");
     EXPECT_FALSE(RecordChoice{}.save(file));
     EXPECT_EQ(readText(dir / "settings.json"), "{ not json");
+}
+
+TEST(ControlVerbs, TheFirstVerbAfterTheProgramNameIsTheAction)
+{
+    EXPECT_EQ(requestedAction({"plim", "--verbose", "--record-area", "--stop"}), std::optional<std::string>("record-area"));
+    EXPECT_EQ(requestedAction({"--toggle"}), std::nullopt); // the program's own name is not a verb
+    EXPECT_EQ(requestedAction({"plim", "toggle"}), std::nullopt);
+    ASSERT_NE(controlVerb("pause"), nullptr);
+    EXPECT_STREQ(controlVerb("pause")->option, "--pause");
+    EXPECT_EQ(controlVerb("--pause"), nullptr);
 }
