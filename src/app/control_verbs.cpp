@@ -6,7 +6,7 @@ namespace plim {
 
 namespace {
 
-constexpr ControlVerb verbs[] = {
+constexpr ShortcutVerb verbs[] = {
     {"--toggle", "toggle", "Start a recording with the last settings, or stop the one rolling"},
     {"--stop", "stop", "Stop the recording"},
     {"--pause", "pause", "Pause or resume the recording"},
@@ -17,7 +17,7 @@ constexpr ControlVerb verbs[] = {
 
 } // namespace
 
-std::span<const ControlVerb> controlVerbs() { return verbs; }
+std::span<const ShortcutVerb> controlVerbs() { return verbs; }
 
 std::optional<std::string> requestedAction(const std::vector<std::string>& argv)
 {
@@ -28,9 +28,9 @@ std::optional<std::string> requestedAction(const std::vector<std::string>& argv)
     return std::nullopt;
 }
 
-const ControlVerb* controlVerb(const std::string& action)
+const ShortcutVerb* controlVerb(const std::string& action)
 {
-    auto found = std::ranges::find_if(verbs, [&](const ControlVerb& v) { return action == v.action; });
+    auto found = std::ranges::find_if(verbs, [&](const ShortcutVerb& v) { return action == v.action; });
     return found == std::end(verbs) ? nullptr : found;
 }
 

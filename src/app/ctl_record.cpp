@@ -1,6 +1,7 @@
 #include "app/ctl_record.h"
 #include "app/plimctl.h"
 #include "app/recording_controller.h"
+#include "app/recording_services.h"
 
 #include "base/log.h"
 #include "base/places.h"
@@ -225,13 +226,6 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         missing.push_back(sentence);
     };
     env.onInputMissing = noteMissing;
-    env.ensureIdentity = [noteMissing](const fs::path& movie) {
-        if (auto ensured = PlimIdentity::ensure(movie); !ensured) {
-            std::string sentence = ensured.error().sentence + " The movie is kept without its identity file.";
-            logLine(LogArea::main, sentence);
-            noteMissing(sentence);
-        }
-    };
     // Shows what is not being recorded where the user looks, on lines of their own.
     auto showMissing = [&](bool midLine) {
         std::lock_guard guard(endedLock);
@@ -244,17 +238,8 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     };
     env.onCountdown = [&](int left) { err << "Rolling in " << left << "...\n" << std::flush; };
 
-    std::optional<SuiteBus> bus;
-    std::unique_ptr<BeaconBroadcaster> beacon;
-    if (auto connected = SuiteBus::connectSession()) {
-        bus.emplace(std::move(*connected));
-        beacon = std::make_unique<BeaconBroadcaster>(SuiteApp::plim, bus->beaconPoster());
-        env.beacon = beacon.get();
-    }
-    std::unique_ptr<SuiteGraphWriter> moments;
-    if (auto writer = SuiteGraphWriter::create("plim"))
-        moments = std::move(*writer);
-    env.moments = moments.get();
+    RecordingServices services;
+    services.attach(env, noteMissing);
 
     stopRequested = false;
     pauseRequests = 0;

@@ -1,12 +1,66 @@
 #include "ui/ui.h"
 
-#include <QApplication>
-#include <QLabel>
+#include "app/control_verbs.h"
+#include "base/log.h"
+#include "base/places.h"
+#include "library/library.h"
+#include "ui/app_shell.h"
+#include "ui/application_bus.h"
 
+#include <QApplication>
+#include <QSocketNotifier>
+#include <QUrl>
+
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace plim {
+
+namespace {
+
+int quitPipe[2] = {-1, -1};
+
+void onQuitSignal(int)
+{
+    char byte = 1;
+    [[maybe_unused]] auto written = ::write(quitPipe[1], &byte, 1);
+}
+
+// SIGTERM and SIGINT (a logout, kill, Ctrl-C in a terminal) quit the way the Quit item does,
+// so a recording under way is finished on disk first.
+void quitOnSignals(QObject* owner)
+{
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, quitPipe) != 0)
+        return;
+    auto* notifier = new QSocketNotifier(quitPipe[0], QSocketNotifier::Read, owner);
+    QObject::connect(notifier, &QSocketNotifier::activated, owner, [] {
+        char byte = 0;
+        [[maybe_unused]] auto got = ::read(quitPipe[0], &byte, 1);
+        QCoreApplication::quit();
+    });
+    struct sigaction action{};
+    action.sa_handler = onQuitSignal;
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+}
+
+// A second start hands its verb to the Plim already running; true when that one took it.
+std::optional<int> forwardIfRunning(const std::optional<std::string>& action, std::ostream& err)
+{
+    auto forwarded = forwardToRunningInstance(action);
+    if (forwarded.result != Forwarded::delivered)
+        return std::nullopt;
+    if (forwarded.failure) {
+        err << *forwarded.failure << "\n";
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace
 
 int runDesktopApp(const std::vector<std::string>& argv)
 {
@@ -21,9 +75,40 @@ int runDesktopApp(const std::vector<std::string>& argv)
     for (const auto& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
     int argc = int(args.size());
+    const auto action = requestedAction(argv);
+    {
+        // No window and no display connection for a start that only hands its verb over.
+        QCoreApplication probe(argc, args.data());
+        if (auto status = forwardIfRunning(action, std::cerr))
+            return *status;
+    }
+
     QApplication app(argc, args.data());
-    QLabel home("Plim");
-    home.show();
+    QApplication::setApplicationName("Plim");
+    QApplication::setDesktopFileName("app.plim.Plim");
+    QApplication::setQuitOnLastWindowClosed(false);
+    quitOnSignals(&app);
+
+    AppShell shell(StorageRoot::direct(Places::home()).folder());
+    ApplicationBus bus;
+    switch (bus.claim()) {
+    case ApplicationBus::Claim::owned: break;
+    case ApplicationBus::Claim::taken:
+        // Another Plim started at the same moment and won the name.
+        if (auto status = forwardIfRunning(action, std::cerr))
+            return *status;
+        break;
+    case ApplicationBus::Claim::noBus:
+        logLine(LogArea::main, "there is no session bus, so a second start of Plim (plim --toggle and the other "
+                               "verbs) cannot reach this one and would start a Plim of its own.");
+        break;
+    }
+    bus.onAction = [&shell](const QString& name) { shell.perform(name); };
+    bus.onOpen = [&shell](const QStringList& uris) {
+        for (const QString& uri : uris)
+            shell.openInEditor(QUrl(uri).toLocalFile().toStdString());
+    };
+    shell.start(action);
     return app.exec();
 }
 

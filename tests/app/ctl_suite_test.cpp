@@ -2,7 +2,7 @@
 
 #include "base/json.h"
 #include "suite/suite.h"
-#include "suite/test_session_bus.h"
+#include "testkit/session_bus.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
 #include "suite/graph_writer.h"
 
 #include "suite/graph_reader.h"
-#include "suite/test_session_bus.h"
+#include "testkit/session_bus.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 #include "suite/suite_bus.h"
 
-#include "suite/test_session_bus.h"
+#include "testkit/session_bus.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,336 @@
+#include "ui/app_shell.h"
+
+#include "base/log.h"
+#include "base/settings.h"
+#include "capture/capture.h"
+#include "ui/file_manager.h"
+#include "ui/live_bar.h"
+#include "ui/main_menu.h"
+#include "ui/plim_window.h"
+#include "ui/subject_overlays.h"
+#include "ui/tray_item.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QGuiApplication>
+#include <QKeyEvent>
+#include <QMessageBox>
+#include <QScreen>
+
+#include <cstdlib>
+
+namespace plim {
+
+namespace {
+
+// Where the subject lies on the screen, in global points: the countdown is drawn over it.
+Rect subjectRect(const CaptureSettings& settings)
+{
+    QRect primary = QGuiApplication::primaryScreen() ? QGuiApplication::primaryScreen()->geometry() : QRect(0, 0, 800, 600);
+    Rect fallback{double(primary.x()), double(primary.y()), double(primary.width()), double(primary.height())};
+    const ScreenSubject& subject = settings.subject;
+    if (subject.kind == ScreenSubject::Kind::area)
+        return subject.area;
+    auto desktop = Desktop::create(settings.display);
+    if (!desktop)
+        return fallback;
+    if (subject.kind == ScreenSubject::Kind::window) {
+        for (const auto& window : (*desktop)->windows())
+            if (window.id == subject.windowID)
+                return window.frame;
+        return fallback;
+    }
+    for (const auto& display : (*desktop)->displays())
+        if (display.name == subject.displayName || (subject.displayName.empty() && display.primary))
+            return display.frame;
+    return fallback;
+}
+
+std::vector<Rect> displayFrames()
+{
+    std::vector<Rect> frames;
+    if (auto desktop = Desktop::create())
+        for (const auto& display : (*desktop)->displays())
+            frames.push_back(display.frame);
+    return frames;
+}
+
+} // namespace
+
+AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
+    : QObject(parent), m_driver(std::make_unique<RecordingDriver>(std::move(libraryFolder)))
+{
+    makeActions();
+    m_router = std::make_unique<WindowRouter>(m_actions);
+    m_router->setFactory(WindowRouter::Destination::stagedMoment, [this](const WindowRouter::Request& request) -> QWidget* {
+        if (!request.movie)
+            return nullptr;
+        return new PlimWindow({*request.movie, request.stagedMoment, request.notice},
+            [this](const std::filesystem::path& movie) {
+                m_router->show(WindowRouter::Destination::share, WindowRouter::Request{.movie = movie});
+            });
+    });
+    m_outline = std::make_unique<RegionOutline>();
+    m_liveBar = std::make_unique<LiveBar>(m_actions, [this] { m_driver->replim(); });
+    connect(m_driver.get(), &RecordingDriver::stateChanged, this, &AppShell::onState);
+    connect(m_driver.get(), &RecordingDriver::elapsedChanged, this, [this] { refresh(); });
+    connect(m_driver.get(), &RecordingDriver::marksChanged, this, [this] { refresh(); });
+    connect(m_driver.get(), &RecordingDriver::failed, this, &AppShell::showFailure);
+    connect(m_driver.get(), &RecordingDriver::inputNotice, this, [this](const QString& sentence) {
+        logLine(LogArea::main, sentence.toStdString());
+        m_liveBar->addNotice(sentence);
+        if (m_tray)
+            m_tray->say("Plim", sentence);
+    });
+    m_driver->onPlimFinished = [this](const RawPlim& plim, const std::optional<std::string>& failure) {
+        onPlimFinished(plim, failure);
+    };
+    // Every way out of the application (the menu, the session ending, SIGTERM) finishes the
+    // recording on disk first.
+    connect(qApp, &QCoreApplication::aboutToQuit, this, [this] {
+        m_quitting = true;
+        cancelCountdown();
+        m_driver->finishBeforeQuit();
+    });
+    refresh();
+}
+
+AppShell::~AppShell() = default;
+
+void AppShell::makeActions()
+{
+    auto action = [this](const QString& text, auto slot) {
+        auto* a = new QAction(text, this);
+        connect(a, &QAction::triggered, this, slot);
+        return a;
+    };
+    m_actions.record = action("Record", [this] { toggle(); });
+    m_actions.record->setObjectName("record");
+    m_actions.record->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R));
+    m_actions.recordArea = action("Record Area…", [this] { recordArea(); });
+    m_actions.stop = action("Stop", [this] { perform("stop"); });
+    m_actions.stop->setObjectName("stop");
+    m_actions.pause = action("Pause", [this] { m_driver->togglePause(); });
+    m_actions.mark = action("Mark", [this] { m_driver->mark(); });
+    m_actions.openLibrary = action("Open Library", [this] { m_router->show(WindowRouter::Destination::home); });
+    m_actions.showFolder = action("Show Library Folder", [this] {
+        if (auto failure = showInFileManager(m_driver->libraryFolder()))
+            showFailure(QString::fromStdString(*failure));
+    });
+    m_actions.settings = action("Settings…", [this] { m_router->show(WindowRouter::Destination::settings); });
+    m_actions.quit = action("Quit Plim", [] { QCoreApplication::quit(); });
+    m_actions.quit->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_Q));
+}
+
+void AppShell::start(const std::optional<std::string>& action)
+{
+    if (TrayItem::isAvailable()) {
+        m_tray = std::make_unique<TrayItem>(m_actions);
+        connect(m_tray.get(), &TrayItem::activated, this, [this] { m_router->show(WindowRouter::Destination::home); });
+        m_tray->show();
+        refresh();
+    } else {
+        const QString sentence = "There is no tray on this desktop, so Plim keeps this window instead. Reach Plim from a "
+                                 "terminal or your desktop's keyboard shortcuts: plim --toggle records or stops, plim "
+                                 "--pause, plim --mark, plim --stop, and plim --show brings this window back.";
+        logLine(LogArea::main, sentence.toStdString());
+        m_router->setHomeNotice(sentence);
+    }
+    if (!action || *action == "show" || std::getenv("PLIM_PROBE_MAIN_MENU"))
+        m_router->show(WindowRouter::Destination::home);
+    if (m_router->home())
+        probeMainMenuIfAsked(m_router->home());
+    if (action && *action != "show")
+        perform(QString::fromStdString(*action));
+}
+
+void AppShell::perform(const QString& action)
+{
+    const bool rolling = m_driver->isRolling();
+    if (action.isEmpty() || action == "show")
+        m_router->show(WindowRouter::Destination::home);
+    else if (action == "toggle")
+        toggle();
+    else if (action == "stop") {
+        if (m_countdown)
+            cancelCountdown();
+        else if (rolling)
+            m_driver->stop();
+    } else if (action == "pause") {
+        if (rolling)
+            m_driver->togglePause();
+    } else if (action == "mark") {
+        if (rolling)
+            m_driver->mark();
+    } else if (action == "record-area")
+        recordArea();
+    else if (action == "quit")
+        QCoreApplication::quit();
+    else
+        logLine(LogArea::main, "the action \"" + action.toStdString() + "\" is not one Plim knows; nothing was done.");
+}
+
+void AppShell::toggle()
+{
+    switch (m_driver->state()) {
+    case RecordingDriver::State::rolling:
+    case RecordingDriver::State::paused: m_driver->stop(); break;
+    case RecordingDriver::State::starting: cancelCountdown(); break;
+    case RecordingDriver::State::staging: break; // the last plim is still being finished
+    case RecordingDriver::State::idle: record(RecordChoice::load(FileSettingsStore::shared())); break;
+    }
+}
+
+void AppShell::recordArea()
+{
+    if (m_driver->state() != RecordingDriver::State::idle)
+        return;
+    auto picked = [this](const Rect& area) {
+        RecordChoice choice = RecordChoice::load(FileSettingsStore::shared());
+        choice.subject = RecordChoice::Subject::area;
+        choice.area = area;
+        if (auto saved = choice.save(FileSettingsStore::shared()); !saved)
+            logLine(LogArea::main, saved.error().sentence);
+        record(choice);
+    };
+    if (m_areaPicker) {
+        if (QWidget* picker = m_areaPicker(picked)) {
+            picker->show();
+            picker->raise();
+            picker->activateWindow();
+        }
+        return;
+    }
+    auto* placeholder = new QWidget;
+    placeholder->setAttribute(Qt::WA_DeleteOnClose);
+    placeholder->setWindowTitle("Area Picker");
+    placeholder->resize(420, 260);
+    placeholder->show();
+}
+
+void AppShell::record(const RecordChoice& choice)
+{
+    CaptureSettings settings = choice.captureSettings(FileSettingsStore::shared());
+    auto blocking = RecordingController::preflightBlockingLines(settings.display, m_driver->libraryFolder());
+    if (!blocking.empty()) {
+        QString lines;
+        for (const auto& line : blocking)
+            lines += (lines.isEmpty() ? "" : "\n") + QString::fromStdString(line);
+        showFailure(lines);
+        return;
+    }
+    if (choice.countdownSeconds <= 0) {
+        m_driver->start(settings);
+        return;
+    }
+    m_countdown = new CountdownOverlay(subjectRect(settings), choice.countdownSeconds);
+    connect(m_countdown, &CountdownOverlay::finished, this, [this, settings] { m_driver->start(settings); });
+    connect(m_countdown, &CountdownOverlay::cancelled, this, [this] {
+        logLine(LogArea::main, "The recording was cancelled before it started. Nothing was recorded.");
+        m_driver->noteCountdown(false);
+    });
+    m_driver->noteCountdown(true);
+    m_countdown->begin();
+}
+
+void AppShell::cancelCountdown()
+{
+    if (!m_countdown)
+        return;
+    // Closing without Esc: the same as Esc.
+    QKeyEvent escape(QEvent::KeyPress, Qt::Key_Escape, Qt::NoModifier);
+    QCoreApplication::sendEvent(m_countdown, &escape);
+}
+
+void AppShell::showFailure(const QString& sentence)
+{
+    logLine(LogArea::main, sentence.toStdString());
+    if (m_quitting)
+        return;
+    auto* box = new QMessageBox(QMessageBox::Warning, "Plim", sentence, QMessageBox::Ok);
+    box->setObjectName("failureAlert");
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setModal(false);
+    box->show();
+}
+
+void AppShell::onState(RecordingDriver::State state)
+{
+    if (state == RecordingDriver::State::rolling && !m_liveBar->isVisible())
+        showRollingChrome();
+    if (state == RecordingDriver::State::idle || state == RecordingDriver::State::staging) {
+        m_liveBar->hide();
+        m_outline->hide();
+    }
+    refresh();
+}
+
+void AppShell::showRollingChrome()
+{
+    m_liveBar->clearNotices();
+    const Rect frame = m_driver->subjectFrame();
+    const bool wholeDisplay = m_driver->subject().kind == ScreenSubject::Kind::display;
+    if (!wholeDisplay)
+        m_outline->showAround(frame);
+    m_liveBar->adjustSize();
+    auto place = liveBarPlace(frame, wholeDisplay, displayFrames(), m_liveBar->width(), m_liveBar->height());
+    if (!place) {
+        logLine(LogArea::main, "the live bar stays hidden while the only display is recorded, so it is not in the plim; "
+                               "the tray item and plim --stop control the recording.");
+        return;
+    }
+    m_liveBar->move(int(place->x), int(place->y));
+    m_liveBar->show();
+}
+
+void AppShell::refresh()
+{
+    using State = RecordingDriver::State;
+    const State state = m_driver->state();
+    const bool rolling = m_driver->isRolling();
+    m_actions.record->setEnabled(state == State::idle);
+    m_actions.recordArea->setEnabled(state == State::idle);
+    m_actions.stop->setEnabled(rolling || state == State::starting);
+    m_actions.pause->setEnabled(rolling);
+    m_actions.pause->setText(state == State::paused ? "Resume" : "Pause");
+    m_actions.mark->setEnabled(state == State::rolling);
+    if (m_tray)
+        m_tray->update(state, m_driver->elapsed());
+    m_liveBar->update(state, m_driver->elapsed(), m_driver->markCount());
+}
+
+void AppShell::onPlimFinished(const RawPlim& plim, const std::optional<std::string>& failure)
+{
+    m_liveBar->hide();
+    m_outline->hide();
+    if (m_quitting)
+        return;
+    std::optional<std::string> notice;
+    if (failure)
+        notice = *failure + (failure->ends_with('.') ? "" : ".") + " What was recorded up to then is kept.";
+    m_router->show(WindowRouter::Destination::stagedMoment,
+        WindowRouter::Request{.movie = plim.movie, .stagedMoment = true, .notice = notice});
+}
+
+void AppShell::openInEditor(const std::filesystem::path& movie)
+{
+    m_router->show(WindowRouter::Destination::stagedMoment, WindowRouter::Request{.movie = movie});
+}
+
+void AppShell::showRecoveredRecordings(const std::vector<std::string>& sentences)
+{
+    if (sentences.empty())
+        return;
+    QString text;
+    for (const auto& sentence : sentences) {
+        logLine(LogArea::main, sentence);
+        text += (text.isEmpty() ? "" : "\n\n") + QString::fromStdString(sentence);
+    }
+    auto* box = new QMessageBox(QMessageBox::Information, "Plim", text, QMessageBox::Ok);
+    box->setObjectName("recoveredRecordings");
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setModal(false);
+    box->show();
+}
+
+} // namespace plim

@@ -1,0 +1,81 @@
+#pragma once
+// The running application: the recording driver, the tray item, the countdown, the live bar
+// and outline while rolling, the stop flow, the router's windows, and the control verbs
+// that arrive over the session bus.
+//
+// Threads: GUI thread.
+
+#include "app/record_choice.h"
+#include "ui/recording_driver.h"
+#include "ui/shell_actions.h"
+#include "ui/window_router.h"
+
+#include <QObject>
+#include <QPointer>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace plim {
+
+class CountdownOverlay;
+class LiveBar;
+class RegionOutline;
+class TrayItem;
+
+class AppShell : public QObject {
+    Q_OBJECT
+public:
+    explicit AppShell(std::filesystem::path libraryFolder, QObject* parent = nullptr);
+    ~AppShell() override;
+
+    // The tray item (or the home window where there is no tray), the first window and the
+    // command line's action; `action` is a control verb's action name.
+    void start(const std::optional<std::string>& action);
+
+    // A control verb's action ("toggle", "stop", "pause", "mark", "record-area", "show",
+    // "quit"); empty for a plain activation, which shows the home window.
+    void perform(const QString& action);
+
+    // Opens a plim for editing: today its window with the poster, play, share and folder.
+    void openInEditor(const std::filesystem::path& movie);
+
+    // Tells the user what was recovered of recordings an earlier run left unfinished.
+    void showRecoveredRecordings(const std::vector<std::string>& sentences);
+
+    // The area picker: shows itself and calls `picked` with the area (global points) when
+    // the user confirms; says nothing when cancelled.
+    using AreaPickerFactory = std::function<QWidget*(std::function<void(const Rect&)> picked)>;
+    void setAreaPicker(AreaPickerFactory factory) { m_areaPicker = std::move(factory); }
+
+    WindowRouter& router() { return *m_router; }
+    RecordingDriver& driver() { return *m_driver; }
+
+private:
+    void makeActions();
+    void toggle();
+    void recordArea();
+    void record(const RecordChoice& choice);
+    void cancelCountdown();
+    void showFailure(const QString& sentence);
+    void onState(RecordingDriver::State state);
+    void refresh();
+    void showRollingChrome();
+    void onPlimFinished(const RawPlim& plim, const std::optional<std::string>& failure);
+
+    ShellActions m_actions;
+    std::unique_ptr<RecordingDriver> m_driver;
+    std::unique_ptr<WindowRouter> m_router;
+    std::unique_ptr<TrayItem> m_tray;
+    std::unique_ptr<LiveBar> m_liveBar;
+    std::unique_ptr<RegionOutline> m_outline;
+    QPointer<CountdownOverlay> m_countdown;
+    AreaPickerFactory m_areaPicker;
+    bool m_quitting = false;
+};
+
+} // namespace plim

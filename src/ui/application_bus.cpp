@@ -1,0 +1,91 @@
+#include "ui/application_bus.h"
+
+#include <QDBusAbstractAdaptor>
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QVariantList>
+#include <QVariantMap>
+
+namespace plim {
+
+namespace {
+
+constexpr const char* applicationInterface = "org.freedesktop.Application";
+
+class ApplicationAdaptor : public QDBusAbstractAdaptor {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Application")
+public:
+    explicit ApplicationAdaptor(ApplicationBus* owner) : QDBusAbstractAdaptor(owner), m_owner(owner) {}
+
+public slots:
+    void Activate(const QVariantMap&)
+    {
+        if (m_owner->onAction)
+            m_owner->onAction(QString());
+    }
+    void Open(const QStringList& uris, const QVariantMap&)
+    {
+        if (m_owner->onOpen)
+            m_owner->onOpen(uris);
+    }
+    void ActivateAction(const QString& name, const QVariantList&, const QVariantMap&)
+    {
+        if (m_owner->onAction)
+            m_owner->onAction(name);
+    }
+
+private:
+    ApplicationBus* m_owner;
+};
+
+} // namespace
+
+ApplicationBus::ApplicationBus(QObject* parent) : QObject(parent) { new ApplicationAdaptor(this); }
+
+ApplicationBus::Claim ApplicationBus::claim()
+{
+    QDBusConnection bus = QDBusConnection::sessionBus();
+    if (!bus.isConnected())
+        return Claim::noBus;
+    bus.registerObject(applicationObjectPath, this, QDBusConnection::ExportAdaptors);
+    if (!bus.registerService(applicationBusName)) {
+        bus.unregisterObject(applicationObjectPath);
+        return Claim::taken;
+    }
+    return Claim::owned;
+}
+
+ForwardOutcome forwardToRunningInstance(const std::optional<std::string>& action)
+{
+    // A connection of its own, closed at the end: the start may go on to be the instance.
+    const QString name = "plim-forward";
+    struct Closer {
+        QString name;
+        ~Closer() { QDBusConnection::disconnectFromBus(name); }
+    } closer{name};
+    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, name);
+    if (!bus.isConnected())
+        return {Forwarded::noBus, std::nullopt};
+    if (!bus.interface()->isServiceRegistered(applicationBusName).value())
+        return {Forwarded::noInstance, std::nullopt};
+    QDBusMessage call = QDBusMessage::createMethodCall(applicationBusName, applicationObjectPath, applicationInterface,
+        action ? "ActivateAction" : "Activate");
+    if (action)
+        call << QString::fromStdString(*action) << QVariantList() << QVariantMap();
+    else
+        call << QVariantMap();
+    QDBusMessage reply = bus.call(call, QDBus::Block, 10000);
+    if (reply.type() == QDBusMessage::ErrorMessage) {
+        std::string what = action ? "--" + *action : std::string("the request to show its window");
+        return {Forwarded::delivered,
+            "The Plim already running did not take " + what + " (" + reply.errorMessage().toStdString()
+                + "). Nothing was changed; quit Plim from its tray menu and start it again."};
+    }
+    return {Forwarded::delivered, std::nullopt};
+}
+
+} // namespace plim
+
+#include "application_bus.moc"

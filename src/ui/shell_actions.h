@@ -1,0 +1,21 @@
+#pragma once
+// The commands the tray menu, the home window's menus and the live bar share, made once
+// by the shell so that each shows the same enabled state and text.
+
+class QAction;
+
+namespace plim {
+
+struct ShellActions {
+    QAction* record = nullptr;
+    QAction* recordArea = nullptr;
+    QAction* stop = nullptr;
+    QAction* pause = nullptr; // "Pause" or "Resume"
+    QAction* mark = nullptr;
+    QAction* openLibrary = nullptr;
+    QAction* showFolder = nullptr;
+    QAction* settings = nullptr;
+    QAction* quit = nullptr;
+};
+
+} // namespace plim

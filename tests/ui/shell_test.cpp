@@ -1,0 +1,198 @@
+// The plim program as the running desktop application: one instance on the session bus,
+// the control verbs, the countdown, the tray item's menu and the main menu, each test with
+// its own X server, session bus and home folder.
+
+#include "testkit/servers.h"
+#include "testkit/session_bus.h"
+#include "testkit/testkit.h"
+#include "ui/live_bar.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
+
+#include <mutex>
+#include <regex>
+#include <thread>
+
+using namespace plim;
+using namespace plim::testkit;
+using ::testing::HasSubstr;
+
+namespace {
+
+// Stands in for a desktop's tray host: the StatusNotifierWatcher Qt looks for when it starts,
+// noting the items that register with it.
+class TrayWatcher {
+public:
+    TrayWatcher()
+    {
+        const char* interface = "org.kde.StatusNotifierWatcher";
+        m_connection = sdbus::createSessionBusConnection(interface);
+        m_object = sdbus::createObject(*m_connection, "/StatusNotifierWatcher");
+        m_object->registerMethod("RegisterStatusNotifierItem").onInterface(interface).implementedAs(
+            [this](const std::string& service) {
+                std::lock_guard guard(m_lock);
+                m_items.push_back(service);
+            });
+        m_object->registerMethod("RegisterStatusNotifierHost").onInterface(interface).implementedAs(
+            [](const std::string&) {});
+        m_object->registerProperty("IsStatusNotifierHostRegistered").onInterface(interface).withGetter([] {
+            return true;
+        });
+        m_object->registerProperty("ProtocolVersion").onInterface(interface).withGetter([] { return int32_t(0); });
+        m_object->registerProperty("RegisteredStatusNotifierItems").onInterface(interface).withGetter([this] {
+            return items();
+        });
+        m_object->finishRegistration();
+        m_connection->enterEventLoopAsync();
+    }
+    ~TrayWatcher() { m_connection->leaveEventLoop(); }
+    std::vector<std::string> items() const
+    {
+        std::lock_guard guard(m_lock);
+        return m_items;
+    }
+
+private:
+    std::unique_ptr<sdbus::IConnection> m_connection;
+    std::unique_ptr<sdbus::IObject> m_object;
+    mutable std::mutex m_lock;
+    std::vector<std::string> m_items;
+};
+
+class Shell : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(xvfb.isUp());
+        ASSERT_TRUE(bus.ready()) << bus.daemonErrors();
+    }
+
+    void rememberCountdown(int seconds)
+    {
+        fs::create_directories(sandbox.home() / ".config/plim");
+        writeText(sandbox.home() / ".config/plim/settings.json",
+            "{\"countdownSeconds\": " + std::to_string(seconds) + "}");
+    }
+    std::vector<std::string> env() const { return {"DISPLAY=" + xvfb.display(), "PLIM_LOG=stderr"}; }
+
+    // The application, its output kept for the failure messages.
+    std::unique_ptr<ChildProcess> startApp(std::vector<std::string> args = {})
+    {
+        args.insert(args.begin(), builtExecutable("plim").string());
+        return std::make_unique<ChildProcess>(args, env(), logs / "out", logs / "err");
+    }
+    CommandResult plim(const std::string& verb) { return runCommand({builtExecutable("plim").string(), verb}, env()); }
+    std::string appErrors() const { return readText(logs / "err"); }
+
+    std::vector<fs::path> files(const std::string& ending) const
+    {
+        std::vector<fs::path> found;
+        std::error_code ec;
+        for (auto it = fs::recursive_directory_iterator(sandbox.videos(), ec); !ec && it != fs::end(it); ++it)
+            if (it->path().string().ends_with(ending))
+                found.push_back(it->path());
+        return found;
+    }
+    // Waits for the stop flow's automatic edit, written once the movie is finished.
+    void expectFinishedPlim(size_t count)
+    {
+        ASSERT_TRUE(eventually([&] { return files(".edits.json").size() == count; }, 90)) << appErrors();
+        for (const auto& movie : files(".mov")) {
+            EXPECT_EQ(probe(movie, "v:0", "stream=width,height"), "1280,720") << movie;
+            EXPECT_GT(std::stod(probe(movie, "", "format=duration")), 0.3) << movie;
+        }
+    }
+
+    XdgSandbox sandbox;
+    XvfbServer xvfb;
+    TestSessionBus bus;
+    TempDir logs;
+};
+
+TEST_F(Shell, ToggleStartsTheAppAndRecordsAndASecondToggleStopsIt)
+{
+    rememberCountdown(0);
+    auto app = startApp({"--toggle"});
+    ASSERT_TRUE(eventually([&] { return files(".mov").size() == 1; }, 60)) << appErrors();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    auto second = plim("--toggle");
+    EXPECT_EQ(second.status, 0) << second.err;
+    expectFinishedPlim(1);
+}
+
+TEST_F(Shell, EscapeDuringTheCountdownRecordsNothing)
+{
+    rememberCountdown(5);
+    auto app = startApp({"--toggle"});
+    ASSERT_TRUE(eventually([&] {
+        return runCommand({"xdotool", "search", "--name", "Plim countdown"}, env()).status == 0;
+    }, 60)) << appErrors();
+    EXPECT_EQ(runCommand({"xdotool", "key", "Escape"}, env()).status, 0);
+    std::this_thread::sleep_for(std::chrono::seconds(6));
+    EXPECT_TRUE(files(".mov").empty());
+    EXPECT_THAT(appErrors(), HasSubstr("The recording was cancelled before it started. Nothing was recorded."));
+    // Still running, and still answering its verbs.
+    EXPECT_EQ(plim("--show").status, 0);
+}
+
+TEST_F(Shell, MainMenuProbePrintsEveryItemAndExits)
+{
+    auto result = runCommand({builtExecutable("plim").string()},
+        {"DISPLAY=" + xvfb.display(), "PLIM_PROBE_MAIN_MENU=1"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    for (const char* line : {"Plim ▸ Quit Plim\n", "File ▸ Record\n", "File ▸ Close Window\n",
+             "View ▸ Enter Full Screen\n", "Window ▸ Minimize\n"})
+        EXPECT_THAT(result.out, HasSubstr(line));
+}
+
+// Desktop trays drive the item's menu over com.canonical.dbusmenu: read its layout, click.
+TEST_F(Shell, TrayMenuRecordsAndStopsWhenItsItemsAreClicked)
+{
+    rememberCountdown(0);
+    TrayWatcher watcher;
+    auto app = startApp();
+    ASSERT_TRUE(eventually([&] { return !watcher.items().empty(); }, 60)) << appErrors();
+    const std::string item = watcher.items().front();
+    auto layout = runCommand({"gdbus", "call", "--session", "--dest", item, "--object-path", "/MenuBar", "--method",
+        "com.canonical.dbusmenu.GetLayout", "--", "0", "-1", "[]"});
+    ASSERT_EQ(layout.status, 0) << layout.err;
+    // Each item reads (id, {'label': <'Record'>, ...}, ...).
+    std::map<std::string, std::string> ids;
+    std::regex entry(R"(\((\d+), \{[^}]*'label': <'([^']*)'>)");
+    for (std::sregex_iterator it(layout.out.begin(), layout.out.end(), entry), end; it != end; ++it)
+        ids[(*it)[2]] = (*it)[1];
+    for (const char* label : {"Record", "Stop", "Pause", "Mark", "Open Library", "Settings…", "Quit Plim"})
+        EXPECT_TRUE(ids.contains(label)) << label << " is not in " << layout.out;
+    auto click = [&](const std::string& label) {
+        return runCommand({"gdbus", "call", "--session", "--dest", item, "--object-path", "/MenuBar", "--method",
+            "com.canonical.dbusmenu.Event", "--", ids[label], "clicked", "<0>", "0"});
+    };
+    ASSERT_EQ(click("Record").status, 0);
+    ASSERT_TRUE(eventually([&] { return files(".mov").size() == 1; }, 60)) << appErrors();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    ASSERT_EQ(click("Stop").status, 0);
+    expectFinishedPlim(1);
+}
+
+TEST(LiveBarPlace, StaysOnADisplayAndOutOfTheRecordedPicture)
+{
+    const std::vector<Rect> one{{0, 0, 1280, 720}}, two{{0, 0, 1280, 720}, {1280, 0, 1920, 1080}};
+    auto below = liveBarPlace({100, 100, 400, 300}, false, one, 420, 40);
+    ASSERT_TRUE(below);
+    EXPECT_EQ(*below, (Rect{90, 412, 420, 40}));
+    // No room below: above. At the display's left edge the bar is pulled onto the display.
+    auto above = liveBarPlace({0, 400, 100, 320}, false, one, 420, 40);
+    ASSERT_TRUE(above);
+    EXPECT_EQ(*above, (Rect{0, 348, 420, 40}));
+    // An area filling its display, or a whole display, leaves only another display.
+    for (bool wholeDisplay : {false, true}) {
+        auto other = liveBarPlace({0, 0, 1280, 720}, wholeDisplay, two, 420, 40);
+        ASSERT_TRUE(other);
+        EXPECT_GE(other->x, 1280);
+    }
+    EXPECT_FALSE(liveBarPlace({0, 0, 1280, 720}, true, one, 420, 40));
+}
+
+} // namespace
