@@ -6,7 +6,9 @@
 // Threads: made, used and destroyed on the controller's controlling thread.
 
 #include "app/recording_controller.h"
-#include "suite/suite.h"
+#include "suite/beacon.h"
+#include "suite/graph_writer.h"
+#include "suite/suite_bus.h"
 
 #include <functional>
 #include <memory>

@@ -20,23 +20,27 @@ public:
     explicit ApplicationAdaptor(ApplicationBus* owner) : QDBusAbstractAdaptor(owner), m_owner(owner) {}
 
 public slots:
-    void Activate(const QVariantMap&)
-    {
-        if (m_owner->onAction)
-            m_owner->onAction(QString());
-    }
+    // Each answers at once and acts afterwards, so the start that sent it ends without
+    // waiting for a window or the recording.
+    void Activate(const QVariantMap&) { ActivateAction(QString(), {}, {}); }
     void Open(const QStringList& uris, const QVariantMap&)
     {
-        if (m_owner->onOpen)
-            m_owner->onOpen(uris);
+        later([owner = m_owner, uris] {
+            if (owner->onOpen)
+                owner->onOpen(uris);
+        });
     }
     void ActivateAction(const QString& name, const QVariantList&, const QVariantMap&)
     {
-        if (m_owner->onAction)
-            m_owner->onAction(name);
+        later([owner = m_owner, name] {
+            if (owner->onAction)
+                owner->onAction(name);
+        });
     }
 
 private:
+    void later(std::function<void()> work) { QMetaObject::invokeMethod(m_owner, std::move(work), Qt::QueuedConnection); }
+
     ApplicationBus* m_owner;
 };
 

@@ -158,6 +158,7 @@ PlimWindow::PlimWindow(Opening opening, std::function<void(const std::filesystem
     });
     if (opening.notice)
         showLine(QString::fromStdString(*opening.notice), true);
+    resize(760, 600);
 
     const bool fresh = !fs::exists(sidecarPath(m_movie, PlimFiles::edits));
     if (opening.stagedMoment && opening.notice)
