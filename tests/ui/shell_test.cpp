@@ -148,7 +148,7 @@ TEST_F(Shell, MainMenuProbePrintsEveryItemAndExits)
 }
 
 // Desktop trays drive the item's menu over com.canonical.dbusmenu: read its layout, click.
-TEST_F(Shell, TrayMenuRecordsAndStopsWhenItsItemsAreClicked)
+TEST_F(Shell, TrayMenuRecordsStopsAndQuitsWhenItsItemsAreClicked)
 {
     rememberCountdown(0);
     TrayWatcher watcher;
@@ -174,6 +174,16 @@ TEST_F(Shell, TrayMenuRecordsAndStopsWhenItsItemsAreClicked)
     std::this_thread::sleep_for(std::chrono::seconds(1));
     ASSERT_EQ(click("Stop").status, 0);
     expectFinishedPlim(1);
+
+    // Quitting while rolling finishes the plim on disk before the process ends.
+    ASSERT_EQ(click("Record").status, 0);
+    ASSERT_TRUE(eventually([&] { return files(".mov").size() == 2; }, 60)) << appErrors();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    ASSERT_EQ(click("Quit Plim").status, 0);
+    EXPECT_EQ(app->wait(), 0) << appErrors();
+    EXPECT_EQ(files(".cursor.json").size(), 2u);
+    for (const auto& movie : files(".mov"))
+        EXPECT_GT(std::stod(probe(movie, "", "format=duration")), 0.3) << movie;
 }
 
 TEST(LiveBarPlace, StaysOnADisplayAndOutOfTheRecordedPicture)
