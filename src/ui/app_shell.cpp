@@ -308,13 +308,20 @@ void AppShell::onPlimFinished(const RawPlim& plim, const std::optional<std::stri
     std::optional<std::string> notice;
     if (failure)
         notice = *failure + (failure->ends_with('.') ? "" : ".") + " What was recorded up to then is kept.";
-    m_router->show(WindowRouter::Destination::stagedMoment,
-        WindowRouter::Request{.movie = plim.movie, .stagedMoment = true, .notice = notice});
+    m_arrivals[plim.movie.string()] = notice;
+    openInEditor(plim.movie);
 }
 
 void AppShell::openInEditor(const std::filesystem::path& movie)
 {
-    m_router->show(WindowRouter::Destination::stagedMoment, WindowRouter::Request{.movie = movie});
+    WindowRouter::Request request{.movie = movie};
+    // A plim just recorded arrives with the staged moment, or with why it stopped early.
+    if (auto arrival = m_arrivals.find(movie.string()); arrival != m_arrivals.end()) {
+        request.stagedMoment = true;
+        request.notice = arrival->second;
+        m_arrivals.erase(arrival);
+    }
+    m_router->show(WindowRouter::Destination::stagedMoment, request);
 }
 
 void AppShell::showRecoveredRecordings(const std::vector<std::string>& sentences)

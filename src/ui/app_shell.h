@@ -15,6 +15,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,7 +42,8 @@ public:
     // "quit"); empty for a plain activation, which shows the home window.
     void perform(const QString& action);
 
-    // Opens a plim for editing: today its window with the poster, play, share and folder.
+    // Opens a plim for editing: today its window with the poster, play, share and folder. The
+    // stop flow comes through here too, so a plim just recorded gets its staged moment.
     void openInEditor(const std::filesystem::path& movie);
 
     // Tells the user what was recovered of recordings an earlier run left unfinished.
@@ -75,6 +77,8 @@ private:
     std::unique_ptr<RegionOutline> m_outline;
     QPointer<CountdownOverlay> m_countdown;
     AreaPickerFactory m_areaPicker;
+    // Plims the stop flow is handing over, with why each stopped early if it did.
+    std::map<std::string, std::optional<std::string>> m_arrivals;
     bool m_quitting = false;
 };
 

@@ -36,10 +36,10 @@ RecordingDriver::RecordingDriver(std::filesystem::path libraryFolder, QObject* p
         m_services = std::make_unique<RecordingServices>();
         m_services->attach(env, notice);
         m_controller = std::make_unique<RecordingController>(std::move(env));
-        auto* ticker = new QTimer(m_worker);
-        ticker->setInterval(250);
-        QObject::connect(ticker, &QTimer::timeout, m_worker, [this] { tickOnWorker(); });
-        ticker->start();
+        // Ticks only while a recording rolls, so an idle Plim stays asleep.
+        m_ticker = new QTimer(m_worker);
+        m_ticker->setInterval(250);
+        QObject::connect(m_ticker, &QTimer::timeout, m_worker, [this] { tickOnWorker(); });
     });
 }
 
@@ -100,6 +100,7 @@ void RecordingDriver::reportStart(const Status& started)
         });
         return;
     }
+    m_ticker->start();
     Rect frame = m_controller->session()->subjectFrame();
     onGui([this, frame] {
         m_subjectFrame = frame;
@@ -131,6 +132,7 @@ void RecordingDriver::finishOnWorker(std::optional<std::string> early)
     if (!m_controller || !m_controller->session())
         return;
     onGui([this] { setState(State::staging); });
+    m_ticker->stop();
     auto outcome = m_controller->finishRolling(early);
     m_controller->dismissFailure();
     std::optional<std::string> failure;

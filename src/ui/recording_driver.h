@@ -11,12 +11,13 @@
 #include <QObject>
 #include <QThread>
 
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+
+class QTimer;
 
 namespace plim {
 
@@ -80,6 +81,7 @@ private:
     // Worker-thread side.
     std::unique_ptr<RecordingController> m_controller;
     std::unique_ptr<RecordingServices> m_services;
+    QTimer* m_ticker = nullptr;
     bool m_quitting = false;
     // GUI-thread side.
     State m_state = State::idle;
