@@ -16,6 +16,7 @@
 #include <QKeyEvent>
 #include <QMessageBox>
 #include <QScreen>
+#include <QUrl>
 
 #include <cstdlib>
 
@@ -249,6 +250,7 @@ void AppShell::showFailure(const QString& sentence)
         return;
     auto* box = new QMessageBox(QMessageBox::Warning, "Plim", sentence, QMessageBox::Ok);
     box->setObjectName("failureAlert");
+    box->setTextFormat(Qt::PlainText);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setModal(false);
     box->show();
@@ -324,6 +326,19 @@ void AppShell::openInEditor(const std::filesystem::path& movie)
     m_router->show(WindowRouter::Destination::stagedMoment, request);
 }
 
+void AppShell::openFile(const QString& uri)
+{
+    QUrl url(uri);
+    std::filesystem::path movie = url.isLocalFile() ? url.toLocalFile().toStdString() : std::string();
+    std::error_code ec;
+    if (movie.empty() || !std::filesystem::is_regular_file(movie, ec)) {
+        showFailure("Plim could not open " + uri
+            + ": it is not a movie file on this computer. Nothing was changed; open a plim from the library.");
+        return;
+    }
+    openInEditor(movie);
+}
+
 void AppShell::showRecoveredRecordings(const std::vector<std::string>& sentences)
 {
     if (sentences.empty())
@@ -335,6 +350,7 @@ void AppShell::showRecoveredRecordings(const std::vector<std::string>& sentences
     }
     auto* box = new QMessageBox(QMessageBox::Information, "Plim", text, QMessageBox::Ok);
     box->setObjectName("recoveredRecordings");
+    box->setTextFormat(Qt::PlainText);
     box->setAttribute(Qt::WA_DeleteOnClose);
     box->setModal(false);
     box->show();

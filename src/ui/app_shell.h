@@ -46,6 +46,9 @@ public:
     // stop flow comes through here too, so a plim just recorded gets its staged moment.
     void openInEditor(const std::filesystem::path& movie);
 
+    // A plim named by a file URI (a file manager's Open With); anything else gets a sentence.
+    void openFile(const QString& uri);
+
     // Tells the user what was recovered of recordings an earlier run left unfinished.
     void showRecoveredRecordings(const std::vector<std::string>& sentences);
 

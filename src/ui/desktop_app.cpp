@@ -9,7 +9,6 @@
 
 #include <QApplication>
 #include <QSocketNotifier>
-#include <QUrl>
 
 #include <csignal>
 #include <cstdlib>
@@ -106,7 +105,7 @@ int runDesktopApp(const std::vector<std::string>& argv)
     bus.onAction = [&shell](const QString& name) { shell.perform(name); };
     bus.onOpen = [&shell](const QStringList& uris) {
         for (const QString& uri : uris)
-            shell.openInEditor(QUrl(uri).toLocalFile().toStdString());
+            shell.openFile(uri);
     };
     shell.start(action);
     return app.exec();
