@@ -41,6 +41,12 @@ void CountdownOverlay::begin()
     raise();
     activateWindow();
     grabKeyboard();
+    // A window manager may map the window a moment later, and X refuses a grab on a window
+    // not yet viewable: grab again once it shows.
+    QTimer::singleShot(200, this, [this] {
+        if (!m_ended)
+            grabKeyboard();
+    });
     m_tick.start();
 }
 
