@@ -78,10 +78,11 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
     connect(m_driver.get(), &RecordingDriver::marksChanged, this, [this] { refresh(); });
     connect(m_driver.get(), &RecordingDriver::failed, this, &AppShell::showFailure);
     connect(m_driver.get(), &RecordingDriver::inputNotice, this, [this](const QString& sentence) {
-        logLine(LogArea::main, sentence.toStdString());
-        m_liveBar->addNotice(sentence);
+        m_liveBar->addNotice(sentence); // the capture has logged it
         if (m_tray)
             m_tray->say("Plim", sentence);
+        else if (!m_liveBar->isVisible())
+            m_router->setHomeNotice(sentence);
     });
     m_driver->onPlimFinished = [this](const RawPlim& plim, const std::optional<std::string>& failure) {
         onPlimFinished(plim, failure);
@@ -177,7 +178,13 @@ void AppShell::toggle()
     case RecordingDriver::State::rolling:
     case RecordingDriver::State::paused: m_driver->stop(); break;
     case RecordingDriver::State::starting: cancelCountdown(); break;
-    case RecordingDriver::State::staging: break; // the last plim is still being finished
+    case RecordingDriver::State::staging: {
+        const QString sentence = "Plim is still finishing the last plim, so nothing new was started. Try again in a moment.";
+        logLine(LogArea::main, sentence.toStdString());
+        if (m_tray)
+            m_tray->say("Plim", sentence);
+        break;
+    }
     case RecordingDriver::State::idle: record(RecordChoice::load(FileSettingsStore::shared())); break;
     }
 }
