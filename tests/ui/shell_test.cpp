@@ -69,11 +69,11 @@ protected:
         ASSERT_TRUE(bus.ready()) << bus.daemonErrors();
     }
 
-    void rememberCountdown(int seconds)
+    void rememberChoice(int countdownSeconds, const std::string& more = "")
     {
         fs::create_directories(sandbox.home() / ".config/plim");
         writeText(sandbox.home() / ".config/plim/settings.json",
-            "{\"countdownSeconds\": " + std::to_string(seconds) + "}");
+            "{\"countdownSeconds\": " + std::to_string(countdownSeconds) + more + "}");
     }
     std::vector<std::string> env() const { return {"DISPLAY=" + xvfb.display(), "PLIM_LOG=stderr"}; }
 
@@ -96,11 +96,11 @@ protected:
         return found;
     }
     // Waits for the stop flow's automatic edit, written once the movie is finished.
-    void expectFinishedPlim(size_t count)
+    void expectFinishedPlim(size_t count, const std::string& size = "1280,720")
     {
         ASSERT_TRUE(eventually([&] { return files(".edits.json").size() == count; }, 90)) << appErrors();
         for (const auto& movie : files(".mov")) {
-            EXPECT_EQ(probe(movie, "v:0", "stream=width,height"), "1280,720") << movie;
+            EXPECT_EQ(probe(movie, "v:0", "stream=width,height"), size) << movie;
             EXPECT_GT(std::stod(probe(movie, "", "format=duration")), 0.3) << movie;
         }
     }
@@ -113,18 +113,32 @@ protected:
 
 TEST_F(Shell, ToggleStartsTheAppAndRecordsAndASecondToggleStopsIt)
 {
-    rememberCountdown(0);
+    // The remembered area; the outline and the live bar stay outside the recorded picture.
+    rememberChoice(0, ", \"recordSubject\": \"area\", \"recordArea\": [200, 120, 640, 400]");
     auto app = startApp({"--toggle"});
     ASSERT_TRUE(eventually([&] { return files(".mov").size() == 1; }, 60)) << appErrors();
     std::this_thread::sleep_for(std::chrono::seconds(1));
     auto second = plim("--toggle");
     EXPECT_EQ(second.status, 0) << second.err;
-    expectFinishedPlim(1);
+    expectFinishedPlim(1, "640,400");
+
+    // The last frame has none of the outline's red in it.
+    const fs::path frame = logs / "last.rgb";
+    ASSERT_EQ(runCommand({"ffmpeg", "-v", "error", "-sseof", "-0.5", "-i", files(".mov").front().string(),
+                  "-frames:v", "1", "-f", "rawvideo", "-pix_fmt", "rgb24", frame.string()})
+                  .status,
+        0);
+    const std::string pixels = readText(frame);
+    ASSERT_EQ(pixels.size(), 640u * 400u * 3u);
+    size_t red = 0;
+    for (size_t i = 0; i + 2 < pixels.size(); i += 3)
+        red += uint8_t(pixels[i]) > 150 && uint8_t(pixels[i + 1]) < 90 && uint8_t(pixels[i + 2]) < 90;
+    EXPECT_EQ(red, 0u);
 }
 
 TEST_F(Shell, EscapeDuringTheCountdownRecordsNothing)
 {
-    rememberCountdown(5);
+    rememberChoice(5);
     auto app = startApp({"--toggle"});
     ASSERT_TRUE(eventually([&] {
         return runCommand({"xdotool", "search", "--name", "Plim countdown"}, env()).status == 0;
@@ -150,7 +164,7 @@ TEST_F(Shell, MainMenuProbePrintsEveryItemAndExits)
 // Desktop trays drive the item's menu over com.canonical.dbusmenu: read its layout, click.
 TEST_F(Shell, TrayMenuRecordsStopsAndQuitsWhenItsItemsAreClicked)
 {
-    rememberCountdown(0);
+    rememberChoice(0);
     TrayWatcher watcher;
     auto app = startApp();
     ASSERT_TRUE(eventually([&] { return !watcher.items().empty(); }, 60)) << appErrors();
