@@ -22,16 +22,19 @@ public:
 public slots:
     // Each answers at once and acts afterwards, so the start that sent it ends without
     // waiting for a window or the recording.
-    void Activate(const QVariantMap&) { ActivateAction(QString(), {}, {}); }
-    void Open(const QStringList& uris, const QVariantMap&)
+    void Activate(const QVariantMap& platform_data) { ActivateAction(QString(), {}, platform_data); }
+    void Open(const QStringList& uris, const QVariantMap& platform_data)
     {
+        Q_UNUSED(platform_data);
         later([owner = m_owner, uris] {
             if (owner->onOpen)
                 owner->onOpen(uris);
         });
     }
-    void ActivateAction(const QString& name, const QVariantList&, const QVariantMap&)
+    void ActivateAction(const QString& name, const QVariantList& parameter, const QVariantMap& platform_data)
     {
+        Q_UNUSED(parameter);
+        Q_UNUSED(platform_data);
         later([owner = m_owner, name] {
             if (owner->onAction)
                 owner->onAction(name);

@@ -159,6 +159,12 @@ TEST_F(Shell, MainMenuProbePrintsEveryItemAndExits)
     for (const char* line : {"Plim ▸ Quit Plim\n", "File ▸ Record\n", "File ▸ Close Window\n",
              "View ▸ Enter Full Screen\n", "Window ▸ Minimize\n"})
         EXPECT_THAT(result.out, HasSubstr(line));
+
+    // Only the exact value probes.
+    ChildProcess running({builtExecutable("plim").string()}, {"DISPLAY=" + xvfb.display(), "PLIM_PROBE_MAIN_MENU=true"},
+        logs / "out", logs / "err");
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    EXPECT_EQ(readText(logs / "out"), "") << appErrors();
 }
 
 // Desktop trays drive the item's menu over com.canonical.dbusmenu: read its layout, click.
