@@ -16,6 +16,7 @@
 #include <QKeyEvent>
 #include <QMessageBox>
 #include <QScreen>
+#include <QThreadPool>
 #include <QUrl>
 
 #include <cstdlib>
@@ -93,6 +94,8 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
         m_quitting = true;
         cancelCountdown();
         m_driver->finishBeforeQuit();
+        // An automatic edit or poster under way is written whole before the process ends.
+        QThreadPool::globalInstance()->waitForDone();
     });
     refresh();
 }
