@@ -3,7 +3,7 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "capture/capture.h"
-#include "ui/file_manager.h"
+#include "ui/desktop_services.h"
 #include "ui/live_bar.h"
 #include "ui/main_menu.h"
 #include "ui/plim_window.h"
@@ -119,8 +119,8 @@ void AppShell::makeActions()
     m_actions.mark = action("Mark", [this] { m_driver->mark(); });
     m_actions.openLibrary = action("Open Library", [this] { m_router->show(WindowRouter::Destination::home); });
     m_actions.showFolder = action("Show Library Folder", [this] {
-        if (auto failure = showInFileManager(m_driver->libraryFolder()))
-            showFailure(QString::fromStdString(*failure));
+        if (auto shown = showInFileManager(m_driver->libraryFolder()); !shown)
+            showFailure(QString::fromStdString(shown.error().sentence));
     });
     m_actions.settings = action("Settings…", [this] { m_router->show(WindowRouter::Destination::settings); });
     m_actions.quit = action("Quit Plim", [] { QCoreApplication::quit(); });

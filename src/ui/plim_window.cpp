@@ -7,18 +7,16 @@
 #include "capture/capture.h"
 #include "media/movie_reader.h"
 #include "share/plim_thumbs.h"
-#include "ui/file_manager.h"
+#include "ui/desktop_services.h"
 
 #include <QApplication>
 #include <QBoxLayout>
-#include <QDesktopServices>
 #include <QLabel>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPointer>
 #include <QPushButton>
 #include <QThreadPool>
-#include <QUrl>
 
 namespace plim {
 
@@ -40,15 +38,6 @@ void inBackground(Window* window, Work work, Done done)
 }
 
 } // namespace
-
-QImage toQImage(const Image& image)
-{
-    if (image.isEmpty())
-        return {};
-    return QImage(image.pixels.get(), image.width, image.height, qsizetype(image.stride),
-        QImage::Format_ARGB32_Premultiplied)
-        .copy();
-}
 
 StagedCard::StagedCard(QWidget* parent) : QWidget(parent)
 {
@@ -143,18 +132,16 @@ PlimWindow::PlimWindow(Opening opening, std::function<void(const std::filesystem
     buttons->addStretch(1);
     buttons->addWidget(folder);
     connect(play, &QPushButton::clicked, this, [this] {
-        if (!QDesktopServices::openUrl(QUrl::fromLocalFile(QString::fromStdString(m_movie.string()))))
-            showLine("No video player is set up on this desktop to play " + QString::fromStdString(m_movie.string())
-                    + ". The plim is untouched; install a player (Videos, VLC, mpv) or open it from the folder.",
-                true);
+        if (auto opened = openInDesktop(m_movie); !opened)
+            showLine(QString::fromStdString(opened.error().sentence), true);
     });
     connect(shareButton, &QPushButton::clicked, this, [this] {
         if (m_share)
             m_share(m_movie);
     });
     connect(folder, &QPushButton::clicked, this, [this] {
-        if (auto failure = showInFileManager(m_movie))
-            showLine(QString::fromStdString(*failure), true);
+        if (auto shown = showInFileManager(m_movie); !shown)
+            showLine(QString::fromStdString(shown.error().sentence), true);
     });
     if (opening.notice)
         showLine(QString::fromStdString(*opening.notice), true);

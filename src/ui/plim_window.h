@@ -19,8 +19,6 @@ class QLabel;
 
 namespace plim {
 
-struct Image;
-
 // The picture on its card: `lift()` animates a full-size frame down onto a card.
 class StagedCard : public QWidget {
     Q_OBJECT
@@ -66,8 +64,5 @@ private:
     QLabel* m_notice = nullptr;
     std::function<void(const std::filesystem::path&)> m_share;
 };
-
-// The BGRA picture as a QImage of its own.
-QImage toQImage(const Image& image);
 
 } // namespace plim
