@@ -1,0 +1,47 @@
+#include "ui/desktop_services.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusMessage>
+#include <QDesktopServices>
+#include <QUrl>
+
+namespace plim {
+
+Status openInDesktop(const std::filesystem::path& file)
+{
+    if (!std::filesystem::exists(file))
+        return fail("\"" + file.filename().string() + "\" is not there any more, so it could not be opened. Nothing was changed.");
+    if (!QDesktopServices::openUrl(QUrl::fromLocalFile(toQString(file))))
+        return fail("No application on this computer opened \"" + file.filename().string()
+            + "\". The file is untouched; open it from the file manager.");
+    return {};
+}
+
+Status showInFileManager(const std::filesystem::path& file)
+{
+    auto bus = QDBusConnection::sessionBus();
+    const QString service = QStringLiteral("org.freedesktop.FileManager1");
+    if (bus.isConnected() && bus.interface() && bus.interface()->isServiceRegistered(service).value()) {
+        auto call = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/FileManager1"), service,
+            QStringLiteral("ShowItems"));
+        call << QStringList{QUrl::fromLocalFile(toQString(file)).toString()} << QString();
+        if (bus.call(call, QDBus::Block, 3000).type() == QDBusMessage::ReplyMessage)
+            return {};
+    }
+    const auto folder = std::filesystem::is_directory(file) ? file : file.parent_path();
+    if (!QDesktopServices::openUrl(QUrl::fromLocalFile(toQString(folder))))
+        return fail("No file manager answered, so " + folder.string() + " could not be shown. Nothing was changed.");
+    return {};
+}
+
+QImage toQImage(const Image& image)
+{
+    if (image.isEmpty())
+        return {};
+    QImage wrapped(image.pixels.get(), image.width, image.height, static_cast<qsizetype>(image.stride),
+        QImage::Format_ARGB32_Premultiplied);
+    return wrapped.copy();
+}
+
+} // namespace plim

@@ -1,0 +1,30 @@
+#pragma once
+// Small services the windows share: opening a file in its application, showing it in the
+// file manager, and turning Plim's pictures into Qt's.
+//
+// Threads: call from the GUI thread; toQImage() from any thread.
+
+#include "base/error.h"
+#include "base/image.h"
+
+#include <QImage>
+#include <QString>
+
+#include <filesystem>
+
+namespace plim {
+
+// Opens the file with the desktop's application for it. A sentence when nothing opened.
+Status openInDesktop(const std::filesystem::path& file);
+
+// Selects the file in the file manager (org.freedesktop.FileManager1.ShowItems on the
+// session bus); where no file manager answers there, opens the folder that holds it.
+Status showInFileManager(const std::filesystem::path& file);
+
+// A copy of a BGRA premultiplied picture.
+QImage toQImage(const Image& image);
+
+inline QString toQString(const std::filesystem::path& path) { return QString::fromStdString(path.string()); }
+inline std::filesystem::path toPath(const QString& text) { return std::filesystem::path(text.toStdString()); }
+
+} // namespace plim
