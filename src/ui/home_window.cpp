@@ -325,6 +325,9 @@ HomeWindow::HomeWindow(fs::path libraryFolder, QWidget* parent)
     layout->addWidget(m_pages, 1);
     layout->addWidget(m_message);
 
+    // A new user's library folder does not exist until the first recording; watch it from now.
+    std::error_code ec;
+    fs::create_directories(m_folder, ec);
     m_store->refresh();
     reload();
     auto watching = m_store->startWatching([this] {
@@ -448,6 +451,9 @@ void HomeWindow::trashPlim(const PlimRecord& plim)
     say(trashed ? QStringLiteral("\"%1\" was moved to the Trash; the file manager can put it back.")
                       .arg(QString::fromStdString(plim.id))
                 : QString::fromStdString(trashed.error().sentence));
+    // A new user's library folder does not exist until the first recording; watch it from now.
+    std::error_code ec;
+    fs::create_directories(m_folder, ec);
     m_store->refresh();
     reload();
 }

@@ -32,6 +32,7 @@ namespace plim {
 namespace {
 
 constexpr int thumbWidth = 160;
+constexpr int frameRole = Qt::UserRole + 1; // a display's frame in global points
 
 // The picture of a display as it looks now, small.
 QPixmap displayThumbnail(const Rect& frame)
@@ -51,31 +52,36 @@ QPixmap displayThumbnail(const Rect& frame)
     return blank;
 }
 
-// A device combo: the default, the remembered device, and what `found` lists.
+// A device combo: the default, then each device by its description, and the remembered
+// device even while it is not plugged in.
 void fillDevices(QComboBox* box, const QString& defaultText, const std::optional<std::string>& remembered,
-    const QStringList& found)
+    const std::vector<SoundDevice>& found)
 {
     box->clear();
     box->addItem(defaultText, QString());
-    QStringList devices = found;
-    if (remembered && !devices.contains(QString::fromStdString(*remembered)))
-        devices.prepend(QString::fromStdString(*remembered));
-    for (const QString& device : devices)
-        box->addItem(device, device);
-    if (remembered)
-        box->setCurrentIndex(std::max(0, box->findData(QString::fromStdString(*remembered))));
+    for (const SoundDevice& device : found)
+        box->addItem(QString::fromStdString(device.description), QString::fromStdString(device.name));
+    if (!remembered)
+        return;
+    const QString name = QString::fromStdString(*remembered);
+    if (box->findData(name) < 0)
+        box->addItem(name + QStringLiteral(" (not connected)"), name);
+    box->setCurrentIndex(box->findData(name));
 }
 
 std::optional<std::string> chosenDevice(const QComboBox* box)
 {
-    const QString typed = box->currentText().trimmed();
-    if (box->currentIndex() == 0 && (typed.isEmpty() || typed == box->itemText(0)))
-        return std::nullopt;
-    const QString data = box->currentData().toString();
-    const QString name = box->itemText(box->currentIndex()) == typed && !data.isEmpty() ? data : typed;
+    const QString name = box->currentData().toString();
     return name.isEmpty() ? std::nullopt : std::optional(name.toStdString());
 }
 
+// What the sound server lists; nothing when it does not answer (the tooltip says why).
+std::vector<SoundDevice> soundDevices(SoundSource::Kind kind, QComboBox* box)
+{
+    auto devices = listPulseSoundDevices(kind);
+    box->setToolTip(devices ? QString() : QString::fromStdString(devices.error().sentence));
+    return devices ? *devices : std::vector<SoundDevice>{};
+}
 
 } // namespace
 
@@ -105,7 +111,10 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     m_displays->setMovement(QListView::Static);
     m_displays->setFlow(QListView::LeftToRight);
     m_displays->setWrapping(false);
-    m_displays->setFixedHeight(thumbWidth * 9 / 16 + 48);
+    m_displays->setSpacing(4);
+    m_displays->setFrameShape(QFrame::NoFrame);
+    m_displays->viewport()->setAutoFillBackground(false);
+    m_displays->setFixedHeight(thumbWidth * 9 / 16 + 36);
     m_windows = new QComboBox;
     m_windows->setObjectName(QStringLiteral("windows"));
     m_windows->setSizeAdjustPolicy(QComboBox::AdjustToMinimumContentsLengthWithIcon);
@@ -134,8 +143,6 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     m_microphone->setObjectName(QStringLiteral("microphone"));
     m_microphoneDevice = new QComboBox;
     m_microphoneDevice->setObjectName(QStringLiteral("microphoneDevice"));
-    m_microphoneDevice->setEditable(true);
-    m_microphoneDevice->setToolTip(QStringLiteral("The sound server's name of the microphone; the default one when left as it is"));
     m_meter = new QProgressBar;
     m_meter->setObjectName(QStringLiteral("level"));
     m_meter->setRange(0, 100);
@@ -144,11 +151,12 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     m_meter->setFixedHeight(8);
     m_systemSound = new QCheckBox(QStringLiteral("Computer sound"));
     m_systemSound->setObjectName(QStringLiteral("systemSound"));
+    m_systemSoundDevice = new QComboBox;
+    m_systemSoundDevice->setObjectName(QStringLiteral("systemSoundDevice"));
     m_camera = new QCheckBox(QStringLiteral("Camera"));
     m_camera->setObjectName(QStringLiteral("camera"));
     m_cameraDevice = new QComboBox;
     m_cameraDevice->setObjectName(QStringLiteral("cameraDevice"));
-    m_cameraDevice->setEditable(true);
     m_keys = new QCheckBox(QStringLiteral("Keys pressed"));
     m_keys->setObjectName(QStringLiteral("keys"));
     auto* inputs = new QGridLayout;
@@ -157,6 +165,7 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     inputs->addWidget(m_microphoneDevice, 0, 1);
     inputs->addWidget(m_meter, 0, 2);
     inputs->addWidget(m_systemSound, 1, 0);
+    inputs->addWidget(m_systemSoundDevice, 1, 1);
     inputs->addWidget(m_camera, 2, 0);
     inputs->addWidget(m_cameraDevice, 2, 1);
     inputs->addWidget(m_keys, 3, 0);
@@ -217,10 +226,13 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     m_camera->setChecked(m_choice.camera);
     m_keys->setChecked(m_choice.keys);
     m_countdown->setValue(m_choice.countdownSeconds);
-    fillDevices(m_microphoneDevice, QStringLiteral("Default microphone"), m_choice.microphoneDevice, {});
-    QStringList cameras;
+    fillDevices(m_microphoneDevice, QStringLiteral("Default microphone"), m_choice.microphoneDevice,
+        soundDevices(SoundSource::Kind::microphone, m_microphoneDevice));
+    fillDevices(m_systemSoundDevice, QStringLiteral("Default output"), m_choice.systemSoundDevice,
+        soundDevices(SoundSource::Kind::systemSound, m_systemSoundDevice));
+    std::vector<SoundDevice> cameras;
     for (const QString& name : QDir(QStringLiteral("/dev")).entryList({QStringLiteral("video*")}, QDir::System, QDir::Name))
-        cameras << QStringLiteral("/dev/") + name;
+        cameras.push_back({"/dev/" + name.toStdString(), "/dev/" + name.toStdString()});
     fillDevices(m_cameraDevice, QStringLiteral("Default camera"), m_choice.cameraDevice, cameras);
     if (m_choice.area)
         setArea(*m_choice.area);
@@ -234,7 +246,7 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     connect(m_displays, &QListWidget::itemClicked, displayChoice, [displayChoice] { displayChoice->setChecked(true); });
     connect(m_windows, &QComboBox::activated, windowChoice, [windowChoice] { windowChoice->setChecked(true); });
     connect(m_microphone, &QCheckBox::toggled, this, [this](bool on) { listenToMicrophone(on && isVisible()); });
-    connect(m_microphoneDevice, &QComboBox::currentTextChanged, this, [this] {
+    connect(m_microphoneDevice, &QComboBox::currentIndexChanged, this, [this] {
         if (m_listening)
             listenToMicrophone(false), listenToMicrophone(true);
     });
@@ -242,6 +254,15 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     m_meterTimer = new QTimer(this);
     m_meterTimer->setInterval(50);
     connect(m_meterTimer, &QTimer::timeout, this, &RecordPanel::updateMeter);
+    // The displays' pictures follow what they show while the panel is open.
+    m_thumbTimer = new QTimer(this);
+    m_thumbTimer->setInterval(2000);
+    connect(m_thumbTimer, &QTimer::timeout, this, [this] {
+        for (int i = 0; i < m_displays->count(); ++i) {
+            const QRectF f = m_displays->item(i)->data(frameRole).toRectF();
+            m_displays->item(i)->setIcon(QIcon(displayThumbnail(Rect{f.x(), f.y(), f.width(), f.height()})));
+        }
+    });
 
     if (auto desktop = Desktop::create())
         m_desktop = std::move(*desktop);
@@ -261,6 +282,7 @@ void RecordPanel::refresh()
             auto* item = new QListWidgetItem(QIcon(displayThumbnail(d.frame)),
                 QStringLiteral("%1 · %2 × %3").arg(QString::fromStdString(d.name)).arg(d.frame.width).arg(d.frame.height));
             item->setData(Qt::UserRole, d.primary ? QString() : QString::fromStdString(d.name));
+            item->setData(frameRole, QRectF(d.frame.x, d.frame.y, d.frame.width, d.frame.height));
             m_displays->addItem(item);
             if ((m_choice.display.empty() && d.primary) || m_choice.display == d.name)
                 m_displays->setCurrentItem(item);
@@ -306,6 +328,7 @@ RecordChoice RecordPanel::choice() const
     c.microphone = m_microphone->isChecked();
     c.microphoneDevice = chosenDevice(m_microphoneDevice);
     c.systemSound = m_systemSound->isChecked();
+    c.systemSoundDevice = chosenDevice(m_systemSoundDevice);
     c.camera = m_camera->isChecked();
     c.cameraDevice = chosenDevice(m_cameraDevice);
     c.keys = m_keys->isChecked();
@@ -346,11 +369,13 @@ void RecordPanel::showEvent(QShowEvent* event)
     QWidget::showEvent(event);
     refresh();
     listenToMicrophone(m_microphone->isChecked());
+    m_thumbTimer->start();
 }
 
 void RecordPanel::hideEvent(QHideEvent* event)
 {
     listenToMicrophone(false);
+    m_thumbTimer->stop();
     QWidget::hideEvent(event);
 }
 

@@ -77,6 +77,7 @@ private:
     QComboBox* m_microphoneDevice = nullptr;
     QProgressBar* m_meter = nullptr;
     QCheckBox* m_systemSound = nullptr;
+    QComboBox* m_systemSoundDevice = nullptr;
     QCheckBox* m_camera = nullptr;
     QComboBox* m_cameraDevice = nullptr;
     QCheckBox* m_keys = nullptr;
@@ -85,6 +86,7 @@ private:
     QLabel* m_message = nullptr;
     QPushButton* m_record = nullptr;
     QTimer* m_meterTimer = nullptr;
+    QTimer* m_thumbTimer = nullptr;
 
     std::unique_ptr<SoundSource> m_listening;
     std::shared_ptr<std::atomic<float>> m_peak = std::make_shared<std::atomic<float>>(0.0f);

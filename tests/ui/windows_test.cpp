@@ -5,6 +5,7 @@
 #include "base/settings.h"
 #include "library/look_store.h"
 #include "share/plim_thumbs.h"
+#include "testkit/servers.h"
 #include "testkit/test_movies.h"
 #include "ui/area_picker.h"
 #include "ui/home_window.h"
@@ -19,6 +20,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QSpinBox>
 #include <QTest>
@@ -226,6 +228,11 @@ TEST(RecordPanel, RecordsThePickedAreaWithTheInputsChosenAndShowsWhatBlocksAReco
 {
     XdgSandbox sandbox;
     TempDir library;
+    PulseServer pulse;
+    ASSERT_TRUE(pulse.isUp());
+    std::vector<std::unique_ptr<ScopedEnv>> pulseEnv;
+    for (const std::string& pair : pulse.environment())
+        pulseEnv.push_back(std::make_unique<ScopedEnv>(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1)));
     MemorySettingsStore settings;
     RecordPanel panel(settings, library.path());
     std::optional<std::pair<CaptureSettings, int>> asked;
@@ -238,6 +245,22 @@ TEST(RecordPanel, RecordsThePickedAreaWithTheInputsChosenAndShowsWhatBlocksAReco
     QTest::mouseClick(child<QPushButton>(panel, "pickArea"), Qt::LeftButton);
     EXPECT_EQ(child<QLabel>(panel, "areaText")->text(), QStringLiteral("300 × 200 at 10, 20"));
     QTest::mouseClick(child<QCheckBox>(panel, "keys"), Qt::LeftButton, {}, QPoint(8, 8));
+    // The microphone's meter follows what it hears: here the null output's monitor, fed a tone.
+    QTest::mouseClick(child<QCheckBox>(panel, "microphone"), Qt::LeftButton, {}, QPoint(8, 8));
+    auto* level = child<QProgressBar>(panel, "level");
+    QTest::qWait(300);
+    EXPECT_LT(level->value(), 10);
+    ASSERT_EQ(runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "sine=frequency=440:duration=3", "-y",
+                  (library / "tone.wav").string()}).status, 0);
+    ChildProcess tone({"paplay", "--device=plimsink", (library / "tone.wav").string()}, pulse.environment());
+    EXPECT_TRUE(waitUntil([&] { return level->value() > 50; }, 5)) << level->value();
+    QTest::mouseClick(child<QCheckBox>(panel, "microphone"), Qt::LeftButton, {}, QPoint(8, 8));
+    // The computer's sound from the server's one output.
+    auto* output = child<QComboBox>(panel, "systemSoundDevice");
+    ASSERT_EQ(output->count(), 2);
+    output->setFocus();
+    QTest::keyClick(output, Qt::Key_Down);
+    QTest::mouseClick(child<QCheckBox>(panel, "systemSound"), Qt::LeftButton, {}, QPoint(8, 8));
     auto* rate = child<QComboBox>(panel, "frameRate");
     rate->setFocus();
     QTest::keyClick(rate, Qt::Key_Down);
@@ -253,6 +276,9 @@ TEST(RecordPanel, RecordsThePickedAreaWithTheInputsChosenAndShowsWhatBlocksAReco
     EXPECT_EQ(asked->first.subject.area, (Rect{10, 20, 300, 200}));
     EXPECT_FALSE(asked->first.keycaps);
     EXPECT_EQ(asked->first.framesPerSecond, 30);
+    EXPECT_TRUE(asked->first.systemSound);
+    EXPECT_EQ(asked->first.systemSoundDevice, "plimsink");
+    EXPECT_FALSE(asked->first.microphone);
     EXPECT_EQ(asked->second, 5);
     // The next panel opens on this choice.
     EXPECT_EQ(RecordChoice::load(settings), panel.choice());
