@@ -354,7 +354,9 @@ void HomeWindow::reload()
         if (entries[i].record.id == selected)
             m_grid->setCurrentIndex(m_model->index(int(i)));
     m_pages->setCurrentIndex(entries.empty() ? 1 : 0);
-    m_count->setText(entries.size() == 1 ? QStringLiteral("1 plim") : QStringLiteral("%1 plims").arg(entries.size()));
+    m_count->setText(entries.empty() ? QString()
+            : entries.size() == 1    ? QStringLiteral("1 plim")
+                                     : QStringLiteral("%1 plims").arg(entries.size()));
     QStringList notices;
     for (const auto& notice : m_store->takeNotices())
         notices << QString::fromStdString(notice);

@@ -114,6 +114,7 @@ SettingsWindow::SettingsWindow(SettingsStore& settings, StorageRoot root, fs::pa
         hideIcons->setEnabled(false);
         auto* note = secondaryLabel(QStringLiteral("Not available here: this desktop offers no way for Plim to hide its icons."));
         note->setObjectName(QStringLiteral("hideIconsNote"));
+        note->setWordWrap(false); // a wrapped label keeps its one-line height in this form
         form->addRow(QString(), note);
     }
 

@@ -134,6 +134,7 @@ TEST(HomeWindow, ShowsAPlimCopiedInRenamesItByKeysAndDropsItWhenRemoved)
     auto* empty = child<QWidget>(home, "emptyLibrary");
     EXPECT_TRUE(empty->isVisible());
     EXPECT_FALSE(grid->isVisible());
+    keepShot(home, "home-empty");
 
     fs::copy_file(source / "Clip.mov", library / "Clip.mov");
     ASSERT_TRUE(waitUntil([&] { return grid->model()->rowCount() == 1; })) << "the copied plim never appeared";
@@ -308,4 +309,20 @@ TEST(SettingsWindow, SaysWhereIconsCannotBeHiddenAndCopiesEachVerbsCommand)
     QTest::mouseClick(child<QCheckBox>(window, "captions"), Qt::LeftButton, {}, QPoint(8, 8));
     EXPECT_TRUE(LookStore(sandbox.home() / "looks.json").newPlimLook().value_or(PlimLook{}).captions);
     keepShot(window, "settings");
+
+    // A library still in the older Videos/Plims moves to Videos/Plim at the user's word.
+    fs::create_directories(sandbox.videos() / "Plims");
+    writeText(sandbox.videos() / "Plims" / "Old.mov", "a recording");
+    SettingsWindow legacy(settings, StorageRoot{sandbox.videos(), StorageRoot::legacyName}, sandbox.home() / "looks.json");
+    std::optional<fs::path> movedTo;
+    legacy.onLibraryMoved = [&](const fs::path& folder) { movedTo = folder; };
+    legacy.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&legacy));
+    auto* move = child<QPushButton>(legacy, "moveLibrary");
+    ASSERT_TRUE(move->isVisible());
+    QTest::mouseClick(move, Qt::LeftButton);
+    EXPECT_EQ(movedTo, sandbox.videos() / "Plim");
+    EXPECT_EQ(readText(sandbox.videos() / "Plim" / "Old.mov"), "a recording");
+    EXPECT_FALSE(move->isVisible());
+    EXPECT_EQ(child<QLabel>(legacy, "libraryFolder")->text().toStdString(), (sandbox.videos() / "Plim").string());
 }
