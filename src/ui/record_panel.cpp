@@ -5,6 +5,7 @@
 #include "capture/desktop.h"
 #include "capture/sound_source.h"
 #include "ui/capture_choices.h"
+#include "ui/desktop_services.h"
 #include "ui/labels.h"
 
 #include <QButtonGroup>
@@ -26,8 +27,14 @@
 #include <QVBoxLayout>
 
 #include <cmath>
+#include <mutex>
 
 namespace plim {
+
+struct RecordPanel::LatestPicture {
+    std::mutex lock;
+    QImage picture; // null once shown
+};
 
 namespace {
 
@@ -166,9 +173,15 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     inputs->addWidget(m_meter, 0, 2);
     inputs->addWidget(m_systemSound, 1, 0);
     inputs->addWidget(m_systemSoundDevice, 1, 1);
+    m_preview = new QLabel;
+    m_preview->setObjectName(QStringLiteral("cameraPreview"));
+    m_preview->setFixedSize(thumbWidth, thumbWidth * 9 / 16);
+    m_preview->setAlignment(Qt::AlignCenter);
+    m_preview->hide();
     inputs->addWidget(m_camera, 2, 0);
     inputs->addWidget(m_cameraDevice, 2, 1);
-    inputs->addWidget(m_keys, 3, 0);
+    inputs->addWidget(m_preview, 3, 1, Qt::AlignLeft);
+    inputs->addWidget(m_keys, 4, 0);
     inputs->setColumnStretch(1, 1);
 
     // How.
@@ -250,6 +263,18 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
         if (m_listening)
             listenToMicrophone(false), listenToMicrophone(true);
     });
+    connect(m_camera, &QCheckBox::toggled, this, [this](bool on) { watchCamera(on && isVisible()); });
+    connect(m_cameraDevice, &QComboBox::currentIndexChanged, this, [this] {
+        if (m_watching)
+            watchCamera(false), watchCamera(true);
+    });
+    m_previewTimer = new QTimer(this);
+    m_previewTimer->setInterval(66);
+    connect(m_previewTimer, &QTimer::timeout, this, [this] {
+        std::lock_guard lock(m_latest->lock);
+        if (!m_latest->picture.isNull())
+            m_preview->setPixmap(QPixmap::fromImage(std::exchange(m_latest->picture, QImage())));
+    });
     connect(m_record, &QPushButton::clicked, this, &RecordPanel::record);
     m_meterTimer = new QTimer(this);
     m_meterTimer->setInterval(50);
@@ -271,7 +296,11 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     refresh();
 }
 
-RecordPanel::~RecordPanel() { listenToMicrophone(false); }
+RecordPanel::~RecordPanel()
+{
+    listenToMicrophone(false);
+    watchCamera(false);
+}
 
 void RecordPanel::refresh()
 {
@@ -354,6 +383,7 @@ void RecordPanel::record()
     if (auto saved = c.save(m_settings); !saved)
         say(QString::fromStdString(saved.error().sentence));
     listenToMicrophone(false);
+    watchCamera(false);
     if (onRecord)
         onRecord(c.captureSettings(m_settings), c.countdownSeconds);
 }
@@ -369,12 +399,14 @@ void RecordPanel::showEvent(QShowEvent* event)
     QWidget::showEvent(event);
     refresh();
     listenToMicrophone(m_microphone->isChecked());
+    watchCamera(m_camera->isChecked());
     m_thumbTimer->start();
 }
 
 void RecordPanel::hideEvent(QHideEvent* event)
 {
     listenToMicrophone(false);
+    watchCamera(false);
     m_thumbTimer->stop();
     QWidget::hideEvent(event);
 }
@@ -413,6 +445,38 @@ void RecordPanel::listenToMicrophone(bool on)
     m_meter->setToolTip(QString::fromStdString((*source)->deviceName()));
     m_listening = std::move(*source);
     m_meterTimer->start();
+}
+
+void RecordPanel::watchCamera(bool on)
+{
+    if (m_watching) {
+        m_watching->stop();
+        m_watching.reset();
+    }
+    m_previewTimer->stop();
+    m_preview->clear();
+    m_preview->setVisible(on);
+    if (!on)
+        return;
+    auto camera = openCamera ? openCamera(chosenDevice(m_cameraDevice)) : fail("There is no camera to show.");
+    if (!camera) {
+        m_preview->hide();
+        say(QString::fromStdString(camera.error().sentence));
+        return;
+    }
+    m_latest = std::make_shared<LatestPicture>();
+    auto started = (*camera)->start([latest = m_latest](CapturedFrame&& frame) {
+        QImage small = toQImage(frame.image).scaled(thumbWidth, thumbWidth * 9 / 16, Qt::KeepAspectRatio, Qt::FastTransformation);
+        std::lock_guard lock(latest->lock);
+        latest->picture = std::move(small);
+    });
+    if (!started) {
+        m_preview->hide();
+        say(QString::fromStdString(started.error().sentence));
+        return;
+    }
+    m_watching = std::move(*camera);
+    m_previewTimer->start();
 }
 
 void RecordPanel::updateMeter()

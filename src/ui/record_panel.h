@@ -7,9 +7,12 @@
 //
 // Threads: construct, call and destroy on the GUI thread. The microphone's level comes
 // from a sound source of its own while the panel is shown with the microphone on; its
-// blocks arrive on the source's thread and are only read from a timer here.
+// blocks arrive on the source's thread and are only read from a timer here. The camera's
+// preview works the same way: pictures are made small on the camera's thread and the
+// latest one is shown from a timer.
 
 #include "app/record_choice.h"
+#include "capture/camera_source.h"
 #include "capture/capture_session.h"
 
 #include <QWidget>
@@ -43,6 +46,9 @@ public:
 
     std::function<void(const CaptureSettings& settings, int countdownSeconds)> onRecord;
     std::function<void()> onPickArea;
+    // Opens the camera for its preview; Video4Linux2 unless a test gives its own.
+    std::function<Result<std::unique_ptr<CameraSource>>(const std::optional<std::string>& device)> openCamera =
+        [](const std::optional<std::string>& device) { return createV4l2CameraSource(device); };
 
     // The area the picker returned: the subject becomes that area.
     void setArea(const Rect& area);
@@ -61,6 +67,7 @@ protected:
 private:
     void updateMeter();
     void listenToMicrophone(bool on);
+    void watchCamera(bool on);
     void say(const QString& sentence);
 
     SettingsStore& m_settings;
@@ -87,9 +94,14 @@ private:
     QPushButton* m_record = nullptr;
     QTimer* m_meterTimer = nullptr;
     QTimer* m_thumbTimer = nullptr;
+    QLabel* m_preview = nullptr;
+    QTimer* m_previewTimer = nullptr;
 
     std::unique_ptr<SoundSource> m_listening;
     std::shared_ptr<std::atomic<float>> m_peak = std::make_shared<std::atomic<float>>(0.0f);
+    std::unique_ptr<CameraSource> m_watching;
+    struct LatestPicture;
+    std::shared_ptr<LatestPicture> m_latest;
 };
 
 } // namespace plim

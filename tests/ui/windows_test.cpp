@@ -5,6 +5,7 @@
 #include "base/settings.h"
 #include "library/look_store.h"
 #include "share/plim_thumbs.h"
+#include "testing/scripted_camera.h"
 #include "testkit/servers.h"
 #include "testkit/test_movies.h"
 #include "ui/area_picker.h"
@@ -256,6 +257,16 @@ TEST(RecordPanel, RecordsThePickedAreaWithTheInputsChosenAndShowsWhatBlocksAReco
     ChildProcess tone({"paplay", "--device=plimsink", (library / "tone.wav").string()}, pulse.environment());
     EXPECT_TRUE(waitUntil([&] { return level->value() > 50; }, 5)) << level->value();
     QTest::mouseClick(child<QCheckBox>(panel, "microphone"), Qt::LeftButton, {}, QPoint(8, 8));
+    // The camera's preview shows its pictures.
+    panel.openCamera = [](const std::optional<std::string>&) -> Result<std::unique_ptr<CameraSource>> {
+        return std::make_unique<ScriptedCameraSource>(320, 180, 30);
+    };
+    QTest::mouseClick(child<QCheckBox>(panel, "camera"), Qt::LeftButton, {}, QPoint(8, 8));
+    auto* preview = child<QLabel>(panel, "cameraPreview");
+    ASSERT_TRUE(waitUntil([&] { return !preview->pixmap().isNull(); }, 5));
+    EXPECT_EQ(preview->pixmap().size(), QSize(160, 90));
+    QTest::mouseClick(child<QCheckBox>(panel, "camera"), Qt::LeftButton, {}, QPoint(8, 8));
+    EXPECT_FALSE(preview->isVisible());
     // The computer's sound from the server's one output.
     auto* output = child<QComboBox>(panel, "systemSoundDevice");
     ASSERT_EQ(output->count(), 2);
