@@ -1,5 +1,6 @@
-// The ui tests' main: one X server (Xvfb) for the process and one QApplication on it, so
-// every test drives real windows in process. Listing the tests needs neither.
+// The ui tests' main: one X server (Xvfb) and one session bus (dbus-daemon) for the process,
+// and one QApplication on them, so every test drives real windows in process and nothing
+// reaches the desktop the tests run in. Listing the tests needs none of them.
 
 #include "testkit/servers.h"
 
@@ -7,9 +8,12 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
+#include <thread>
 
 int main(int argc, char** argv)
 {
@@ -21,6 +25,18 @@ int main(int argc, char** argv)
         std::fprintf(stderr, "ui_tests: no X server could be started (Xvfb); the window tests cannot run.\n");
         return 1;
     }
+    // Qt connects to the session bus once, as it starts.
+    plim::testkit::TempDir busFolder;
+    const std::string busAddress = "unix:path=" + (busFolder / "bus").string();
+    plim::testkit::ChildProcess bus({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + busAddress}, {},
+        "/dev/null", "/dev/null");
+    for (int i = 0; i < 100 && !std::filesystem::exists(busFolder / "bus"); ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    if (!std::filesystem::exists(busFolder / "bus")) {
+        std::fprintf(stderr, "ui_tests: no session bus could be started (dbus-daemon); the window tests cannot run.\n");
+        return 1;
+    }
+    setenv("DBUS_SESSION_BUS_ADDRESS", busAddress.c_str(), 1);
     setenv("DISPLAY", xvfb->display().c_str(), 1);
     unsetenv("WAYLAND_DISPLAY");
     setenv("QT_QPA_PLATFORM", "xcb", 1);

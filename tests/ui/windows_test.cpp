@@ -15,6 +15,10 @@
 #include "ui/share_sheet.h"
 
 #include <QAbstractItemModel>
+#include <QDBusConnection>
+#include <QMutex>
+#include <QThread>
+#include <QUrl>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
@@ -37,6 +41,28 @@ using namespace plim::testkit;
 using ::testing::HasSubstr;
 
 namespace {
+
+// The desktop's file manager as the session bus offers it, answering on a thread of its own.
+class FakeFileManager : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
+public:
+    QStringList shown() const
+    {
+        QMutexLocker lock(&m_lock);
+        return m_shown;
+    }
+public slots:
+    void ShowItems(const QStringList& uris, const QString&)
+    {
+        QMutexLocker lock(&m_lock);
+        m_shown += uris;
+    }
+
+private:
+    mutable QMutex m_lock;
+    QStringList m_shown;
+};
 
 // Runs the event loop until `done` holds or `seconds` pass; returns whether it holds.
 template <typename F>
@@ -154,6 +180,24 @@ TEST(HomeWindow, ShowsAPlimCopiedInRenamesItByKeysAndDropsItWhenRemoved)
     ASSERT_TRUE(waitUntil([&] { return fs::exists(PlimThumbs::pathFor(library / "Intro.mov")); }, 60));
     QTest::qWait(100);
     keepShot(home, "home");
+    {
+        // Show in File Manager asks the desktop's file manager to select the movie.
+        QThread thread;
+        thread.start();
+        FakeFileManager fileManager;
+        fileManager.moveToThread(&thread);
+        auto bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("file-manager"));
+        ASSERT_TRUE(bus.registerObject(QStringLiteral("/org/freedesktop/FileManager1"), &fileManager, QDBusConnection::ExportAllSlots));
+        ASSERT_TRUE(bus.registerService(QStringLiteral("org.freedesktop.FileManager1")));
+        home.showPlimInFileManager(home.plims().at(1));
+        EXPECT_EQ(fileManager.shown(), QStringList{QUrl::fromLocalFile(QString::fromStdString((library / "Clip.mov").string())).toString()});
+        EXPECT_FALSE(child<QLabel>(home, "message")->text().contains(QStringLiteral("could not be shown")));
+        bus.unregisterService(QStringLiteral("org.freedesktop.FileManager1"));
+        bus.unregisterObject(QStringLiteral("/org/freedesktop/FileManager1"));
+        QDBusConnection::disconnectFromBus(QStringLiteral("file-manager"));
+        thread.quit();
+        thread.wait();
+    }
     fs::remove(library / "Intro.mov");
     ASSERT_TRUE(waitUntil([&] { return grid->model()->rowCount() == 1; })) << "the removed plim stayed in the grid";
 
@@ -337,3 +381,5 @@ TEST(SettingsWindow, SaysWhereIconsCannotBeHiddenAndCopiesEachVerbsCommand)
     EXPECT_FALSE(move->isVisible());
     EXPECT_EQ(child<QLabel>(legacy, "libraryFolder")->text().toStdString(), (sandbox.videos() / "Plim").string());
 }
+
+#include "windows_test.moc"
