@@ -44,6 +44,7 @@ struct Details {
     QImage poster;
     std::optional<double> seconds;
     QString problem;
+    bool read = false; // the worker has been at it
 };
 
 fs::path movieOf(const PlimRecord& plim)
@@ -67,7 +68,7 @@ QString dateText(SystemTime instant)
 
 } // namespace
 
-enum PlimRole { lineRole = Qt::UserRole + 1, posterRole };
+enum PlimRole { lineRole = Qt::UserRole + 1, posterRole, posterReadRole };
 
 // The plims as the grid shows them; posters and lengths arrive later from the worker.
 class PlimGridModel final : public QAbstractListModel {
@@ -102,6 +103,8 @@ public:
         }
         case posterRole:
             return e.details.poster;
+        case posterReadRole:
+            return e.details.read;
         default:
             return {};
         }
@@ -207,7 +210,8 @@ public:
                 fitted);
         } else {
             p->setPen(QColor(0x9a, 0x9d, 0xa6));
-            p->drawText(poster, Qt::AlignCenter, QStringLiteral("Drawing poster…"));
+            p->drawText(poster, Qt::AlignCenter,
+                index.data(posterReadRole).toBool() ? QStringLiteral("No picture") : QStringLiteral("Drawing poster…"));
         }
         p->setClipping(false);
         QFont bold = option.font;
@@ -391,6 +395,7 @@ void HomeWindow::requestDetails()
             if (!alive->load())
                 return;
             Details d;
+            d.read = true;
             if (auto reader = MovieReader::create(movie))
                 d.seconds = (*reader)->info().duration;
             std::optional<PlimThumbs::Drawn> thumbs;

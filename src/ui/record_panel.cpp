@@ -304,6 +304,8 @@ RecordPanel::~RecordPanel()
 
 void RecordPanel::refresh()
 {
+    // What the user has picked so far stays picked.
+    const RecordChoice picked = m_displays->count() > 0 ? choice() : m_choice;
     m_displays->clear();
     m_windows->clear();
     if (m_desktop) {
@@ -313,7 +315,7 @@ void RecordPanel::refresh()
             item->setData(Qt::UserRole, d.primary ? QString() : QString::fromStdString(d.name));
             item->setData(frameRole, QRectF(d.frame.x, d.frame.y, d.frame.width, d.frame.height));
             m_displays->addItem(item);
-            if ((m_choice.display.empty() && d.primary) || m_choice.display == d.name)
+            if ((picked.display.empty() && d.primary) || picked.display == d.name)
                 m_displays->setCurrentItem(item);
         }
         if (!m_displays->currentItem() && m_displays->count() > 0)
@@ -322,7 +324,7 @@ void RecordPanel::refresh()
             if (w.title.empty())
                 continue;
             m_windows->addItem(QString::fromStdString(w.title), QVariant::fromValue(uint(w.id)));
-            if (w.id == m_choice.window)
+            if (w.id == picked.window)
                 m_windows->setCurrentIndex(m_windows->count() - 1);
         }
     }
