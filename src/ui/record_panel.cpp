@@ -261,12 +261,12 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     connect(m_microphone, &QCheckBox::toggled, this, [this](bool on) { listenToMicrophone(on && isVisible()); });
     connect(m_microphoneDevice, &QComboBox::currentIndexChanged, this, [this] {
         if (m_listening)
-            listenToMicrophone(false), listenToMicrophone(true);
+            listenToMicrophone(true); // again, on the device now chosen
     });
     connect(m_camera, &QCheckBox::toggled, this, [this](bool on) { watchCamera(on && isVisible()); });
     connect(m_cameraDevice, &QComboBox::currentIndexChanged, this, [this] {
         if (m_watching)
-            watchCamera(false), watchCamera(true);
+            watchCamera(true); // again, on the device now chosen
     });
     m_previewTimer = new QTimer(this);
     m_previewTimer->setInterval(66);
