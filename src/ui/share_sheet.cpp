@@ -359,7 +359,10 @@ void ShareSheet::apply(const ShareProgress& progress)
         row->setVisible(shown);
         if (!shown)
             continue;
-        const ShareStage& stage = progress.stages[size_t(i)];
+        ShareStage stage = progress.stages[size_t(i)];
+        // A share that ended early leaves the stages it was in without an end of their own.
+        if (m_outcome && m_outcome->kind != ShareOutcome::Kind::finished && stage.state == ShareStage::State::now)
+            stage.state = ShareStage::State::failed;
         row->setObjectName(QStringLiteral("stage_") + QString::fromUtf8(ShareStage::name(stage.id).data()));
         auto* title = row->findChild<QLabel*>(QStringLiteral("stageTitle"));
         QFont font = title->font();
