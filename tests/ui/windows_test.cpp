@@ -10,6 +10,7 @@
 #include "testkit/test_movies.h"
 #include "ui/area_picker.h"
 #include "ui/home_window.h"
+#include "ui/plim_files.h"
 #include "ui/record_panel.h"
 #include "ui/settings_window.h"
 #include "ui/share_sheet.h"
@@ -380,6 +381,29 @@ TEST(SettingsWindow, SaysWhereIconsCannotBeHiddenAndCopiesEachVerbsCommand)
     EXPECT_EQ(readText(sandbox.videos() / "Plim" / "Old.mov"), "a recording");
     EXPECT_FALSE(move->isVisible());
     EXPECT_EQ(child<QLabel>(legacy, "libraryFolder")->text().toStdString(), (sandbox.videos() / "Plim").string());
+}
+
+TEST(PlimFiles, ARenameNeverReplacesAnotherPlimsFileAndTakesEverySideFileAlong)
+{
+    TempDir library;
+    for (const char* name : {"A.mov", "A.cursor.json", "A.id.json", "B.mov", "B.keys.json", "A 2.mov"})
+        writeText(library / name, name);
+    PlimRecord a;
+    a.id = "A";
+    a.rawURL = library / "A.mov";
+    // B's movie is in the way, so none of A's files move.
+    auto refused = renamePlim(a, "B");
+    ASSERT_FALSE(refused);
+    EXPECT_THAT(refused.error().sentence, HasSubstr("\"B.mov\" is already in the library. Nothing was changed"));
+    EXPECT_EQ(readText(library / "B.mov"), "B.mov");
+    EXPECT_EQ(readText(library / "A.cursor.json"), "A.cursor.json");
+    ASSERT_TRUE(renamePlim(a, "C"));
+    EXPECT_EQ(readText(library / "C.mov"), "A.mov");
+    EXPECT_EQ(readText(library / "C.cursor.json"), "A.cursor.json");
+    EXPECT_EQ(readText(library / "C.id.json"), "A.id.json");
+    // "A 2" shares A's first letters but is another plim: it stays.
+    EXPECT_EQ(readText(library / "A 2.mov"), "A 2.mov");
+    EXPECT_FALSE(renamePlim(a, "../D"));
 }
 
 #include "windows_test.moc"
