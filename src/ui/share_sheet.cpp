@@ -42,7 +42,8 @@ fs::path defaultFolder(const SettingsStore& settings)
     std::error_code ec;
     if (!remembered.empty() && fs::is_directory(remembered, ec))
         return remembered;
-    return Places::videosDir().value_or(Places::home() / "Videos");
+    const fs::path videos = Places::videosDir().value_or(Places::home() / "Videos");
+    return fs::is_directory(videos, ec) ? videos : Places::home();
 }
 
 } // namespace
