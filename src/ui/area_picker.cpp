@@ -61,7 +61,7 @@ protected:
         p.fillRect(rect(), QColor(0, 0, 0, 120));
         p.setClipping(false);
         if (area.isEmpty()) {
-            hint(p, QStringLiteral("Drag over the area to record  ·  Enter records it  ·  Esc cancels"),
+            hint(p, QStringLiteral("Drag over the area to record  ·  Enter or a double click records it  ·  Esc cancels"),
                 QPoint(width() / 2, 48));
             return;
         }
@@ -142,6 +142,12 @@ protected:
         }
     }
 
+    void mouseDoubleClickEvent(QMouseEvent* event) override
+    {
+        if (event->button() == Qt::LeftButton && m_picker.selection().contains(event->globalPosition().toPoint()))
+            m_picker.accept();
+    }
+
     void mouseReleaseEvent(QMouseEvent* event) override
     {
         if (event->button() == Qt::LeftButton)
@@ -158,6 +164,25 @@ protected:
         case Qt::Key_Enter:
             m_picker.accept();
             return;
+        case Qt::Key_Left:
+        case Qt::Key_Right:
+        case Qt::Key_Up:
+        case Qt::Key_Down: {
+            // Arrows nudge the area by a pixel, ten with Shift; with Alt they grow or shrink it.
+            const int step = event->modifiers() & Qt::ShiftModifier ? 10 : 1;
+            const int dx = event->key() == Qt::Key_Left ? -step : event->key() == Qt::Key_Right ? step : 0;
+            const int dy = event->key() == Qt::Key_Up ? -step : event->key() == Qt::Key_Down ? step : 0;
+            QRect area = m_picker.selection();
+            if (area.isEmpty())
+                return;
+            if (event->modifiers() & Qt::AltModifier)
+                area.setSize(QSize(std::max(AreaPicker::smallestSide, area.width() + dx), std::max(AreaPicker::smallestSide, area.height() + dy)));
+            else
+                area.translate(dx, dy);
+            if (m_picker.m_bounds.contains(area))
+                m_picker.setSelection(area);
+            return;
+        }
         default:
             QWidget::keyPressEvent(event);
         }

@@ -1,8 +1,9 @@
 #pragma once
 // The area picker: every display is covered by an overlay showing a snapshot of that display
 // taken just before, dimmed except for the area being chosen. The user drags an area (across
-// displays if they like), moves it or adjusts it with its handles while its size is shown
-// beside it; Enter records it, Esc cancels. It opens on the last area picked.
+// displays if they like), moves it or adjusts it with its handles or the arrow keys while
+// its size is shown beside it; Enter or a double click inside records it, Esc cancels. It
+// opens on the last area picked.
 //
 // A snapshot rather than a translucent window: without a compositor (common on X11) a
 // translucent window shows black.

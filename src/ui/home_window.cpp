@@ -17,12 +17,14 @@
 #include <QLineEdit>
 #include <QListView>
 #include <QMenu>
+#include <QMimeData>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QStyledItemDelegate>
 #include <QThreadPool>
+#include <QUrl>
 #include <QVBoxLayout>
 
 #include <algorithm>
@@ -112,7 +114,20 @@ public:
 
     Qt::ItemFlags flags(const QModelIndex& index) const override
     {
-        return QAbstractListModel::flags(index) | Qt::ItemIsEditable;
+        return QAbstractListModel::flags(index) | Qt::ItemIsEditable | Qt::ItemIsDragEnabled;
+    }
+
+    // A card dragged out of the window is its movie, for a file manager or a chat to take.
+    QStringList mimeTypes() const override { return {QStringLiteral("text/uri-list")}; }
+    QMimeData* mimeData(const QModelIndexList& indexes) const override
+    {
+        QList<QUrl> urls;
+        for (const QModelIndex& index : indexes)
+            if (index.isValid() && index.row() < int(m_entries.size()))
+                urls << QUrl::fromLocalFile(toQString(m_entries[size_t(index.row())].movie));
+        auto* data = new QMimeData;
+        data->setUrls(urls);
+        return data;
     }
 
     bool setData(const QModelIndex& index, const QVariant& value, int role) override
@@ -290,6 +305,9 @@ HomeWindow::HomeWindow(fs::path libraryFolder, QWidget* parent)
     m_grid->setSelectionMode(QAbstractItemView::SingleSelection);
     m_grid->setEditTriggers(QAbstractItemView::EditKeyPressed);
     m_grid->setFrameShape(QFrame::NoFrame);
+    m_grid->setDragEnabled(true);
+    m_grid->setDragDropMode(QAbstractItemView::DragOnly);
+    m_grid->setDefaultDropAction(Qt::CopyAction);
     m_grid->setItemDelegate(new PlimCardDelegate(m_grid));
     m_grid->setModel(m_model);
     m_grid->setContextMenuPolicy(Qt::CustomContextMenu);

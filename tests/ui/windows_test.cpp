@@ -123,17 +123,20 @@ TEST(AreaPicker, GivesExactlyTheDraggedAndAdjustedAreaAndNothingOnEsc)
         ASSERT_TRUE(waitUntil([&] { return picker.selection() == QRect(100, 80, 320, 250); }));
         xdotool({"mousemove", "200", "200", "mousedown", "1", "mousemove", "220", "210", "mousemove", "250", "230", "mouseup", "1"});
         ASSERT_TRUE(waitUntil([&] { return picker.selection() == QRect(150, 110, 320, 250); }));
+        // Shift and an arrow nudge it by ten pixels.
+        xdotool({"key", "shift+Right"});
+        ASSERT_TRUE(waitUntil([&] { return picker.selection() == QRect(160, 110, 320, 250); }));
         keepShot(*overlay, "area-picker");
         xdotool({"key", "Return"});
         ASSERT_TRUE(waitUntil([&] { return picked.has_value(); }));
     }
     ASSERT_TRUE(picked->has_value());
-    EXPECT_EQ(**picked, (Rect{150, 110, 320, 250}));
+    EXPECT_EQ(**picked, (Rect{160, 110, 320, 250}));
 
     // The next pick opens on the last area; Esc ends it with nothing.
     picked.reset();
-    AreaPicker again(Rect{150, 110, 320, 250});
-    EXPECT_EQ(again.selection(), QRect(150, 110, 320, 250));
+    AreaPicker again(Rect{160, 110, 320, 250});
+    EXPECT_EQ(again.selection(), QRect(160, 110, 320, 250));
     again.onPicked = [&](std::optional<Rect> area) { picked = area; };
     again.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(again.overlays().front()));
