@@ -63,4 +63,16 @@ public:
 Result<std::unique_ptr<SoundSource>> createPulseSoundSource(SoundSource::Kind kind,
     const std::optional<std::string>& device = std::nullopt);
 
+// A device as the sound server names it (what `device` above takes) and describes it.
+struct SoundDevice {
+    std::string name;
+    std::string description;
+    bool operator==(const SoundDevice&) const = default;
+};
+
+// The microphones (sources that are no output's monitor), or for the computer's sound the
+// outputs, of the sound server. Blocks for one round trip; fails with the sentence of a
+// server that does not answer.
+Result<std::vector<SoundDevice>> listPulseSoundDevices(SoundSource::Kind kind);
+
 } // namespace plim

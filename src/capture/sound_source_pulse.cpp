@@ -42,7 +42,8 @@ public:
             pa_threaded_mainloop_free(m_loop);
     }
 
-    Status connect(const std::optional<std::string>& device)
+    // Connects and resolves `device`; or, given `list`, fills it with the devices instead.
+    Status connect(const std::optional<std::string>& device, std::vector<SoundDevice>* list = nullptr)
     {
         const std::string unreachable = m_kind == Kind::microphone
             ? "The sound server did not answer, so the microphone is not recorded. The recording rolls without it."
@@ -73,7 +74,7 @@ public:
             }
             pa_threaded_mainloop_wait(m_loop);
         }
-        Status found = resolve(device);
+        Status found = list ? listDevices(*list) : resolve(device);
         pa_threaded_mainloop_unlock(m_loop);
         return found;
     }
@@ -159,6 +160,35 @@ private:
         while (pa_operation_get_state(op) == PA_OPERATION_RUNNING)
             pa_threaded_mainloop_wait(loop);
         pa_operation_unref(op);
+    }
+
+    // Microphones are the sources that monitor no output; the computer's sound is heard
+    // from an output (sink). Runs with the main loop locked.
+    Status listDevices(std::vector<SoundDevice>& list)
+    {
+        struct Ask {
+            pa_threaded_mainloop* loop;
+            std::vector<SoundDevice>* list;
+        } ask{m_loop, &list};
+        if (m_kind == Kind::microphone)
+            wait(m_loop, pa_context_get_source_info_list(m_context,
+                [](pa_context*, const pa_source_info* info, int eol, void* data) {
+                    auto* a = static_cast<Ask*>(data);
+                    if (info && eol == 0 && info->monitor_of_sink == PA_INVALID_INDEX)
+                        a->list->push_back({info->name, info->description ? info->description : info->name});
+                    if (eol)
+                        pa_threaded_mainloop_signal(a->loop, 0);
+                }, &ask));
+        else
+            wait(m_loop, pa_context_get_sink_info_list(m_context,
+                [](pa_context*, const pa_sink_info* info, int eol, void* data) {
+                    auto* a = static_cast<Ask*>(data);
+                    if (info && eol == 0)
+                        a->list->push_back({info->name, info->description ? info->description : info->name});
+                    if (eol)
+                        pa_threaded_mainloop_signal(a->loop, 0);
+                }, &ask));
+        return {};
     }
 
     Status resolve(const std::optional<std::string>& device)
@@ -334,6 +364,14 @@ Result<std::unique_ptr<SoundSource>> createPulseSoundSource(SoundSource::Kind ki
     auto source = std::make_unique<PulseSoundSource>(kind);
     PLIM_TRY(source->connect(device));
     return std::unique_ptr<SoundSource>(std::move(source));
+}
+
+Result<std::vector<SoundDevice>> listPulseSoundDevices(SoundSource::Kind kind)
+{
+    PulseSoundSource server(kind);
+    std::vector<SoundDevice> devices;
+    PLIM_TRY(server.connect(std::nullopt, &devices));
+    return devices;
 }
 
 } // namespace plim

@@ -112,6 +112,8 @@ void AppShell::makeActions()
     m_actions.record = action("Record", [this] { toggle(); });
     m_actions.record->setObjectName("record");
     m_actions.record->setShortcut(QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_R));
+    m_actions.newRecording = action("New Recording…", [this] { m_router->show(WindowRouter::Destination::recordPanel); });
+    m_actions.newRecording->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_N));
     m_actions.recordArea = action("Record Area…", [this] { recordArea(); });
     m_actions.stop = action("Stop", [this] { perform("stop"); });
     m_actions.stop->setObjectName("stop");
@@ -204,19 +206,8 @@ void AppShell::recordArea()
             logLine(LogArea::main, saved.error().sentence);
         record(choice);
     };
-    if (m_areaPicker) {
-        if (QWidget* picker = m_areaPicker(picked)) {
-            picker->show();
-            picker->raise();
-            picker->activateWindow();
-        }
-        return;
-    }
-    auto* placeholder = new QWidget;
-    placeholder->setAttribute(Qt::WA_DeleteOnClose);
-    placeholder->setWindowTitle("Area Picker");
-    placeholder->resize(420, 260);
-    placeholder->show();
+    if (m_areaPicker)
+        m_areaPicker(picked);
 }
 
 void AppShell::record(const RecordChoice& choice)
@@ -302,6 +293,7 @@ void AppShell::refresh()
     const bool rolling = m_driver->isRolling();
     m_actions.record->setEnabled(state == State::idle);
     m_actions.recordArea->setEnabled(state == State::idle);
+    m_actions.newRecording->setEnabled(state == State::idle);
     m_actions.stop->setEnabled(rolling || state == State::starting);
     m_actions.pause->setEnabled(rolling);
     m_actions.pause->setText(state == State::paused ? "Resume" : "Pause");

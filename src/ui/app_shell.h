@@ -52,10 +52,13 @@ public:
     // Tells the user what was recovered of recordings an earlier run left unfinished.
     void showRecoveredRecordings(const std::vector<std::string>& sentences);
 
-    // The area picker: shows itself and calls `picked` with the area (global points) when
-    // the user confirms; says nothing when cancelled.
-    using AreaPickerFactory = std::function<QWidget*(std::function<void(const Rect&)> picked)>;
-    void setAreaPicker(AreaPickerFactory factory) { m_areaPicker = std::move(factory); }
+    // Shows the area picker, which calls `picked` with the area (global points) when the
+    // user confirms and nothing when cancelled.
+    using AreaPickerLauncher = std::function<void(std::function<void(const Rect&)> picked)>;
+    void setAreaPicker(AreaPickerLauncher launcher) { m_areaPicker = std::move(launcher); }
+
+    // Runs the preflight, the countdown of the choice and the recording.
+    void record(const RecordChoice& choice);
 
     WindowRouter& router() { return *m_router; }
     RecordingDriver& driver() { return *m_driver; }
@@ -64,7 +67,6 @@ private:
     void makeActions();
     void toggle();
     void recordArea();
-    void record(const RecordChoice& choice);
     void cancelCountdown();
     void showFailure(const QString& sentence);
     void onState(RecordingDriver::State state);
@@ -79,7 +81,7 @@ private:
     std::unique_ptr<LiveBar> m_liveBar;
     std::unique_ptr<RegionOutline> m_outline;
     QPointer<CountdownOverlay> m_countdown;
-    AreaPickerFactory m_areaPicker;
+    AreaPickerLauncher m_areaPicker;
     // Plims the stop flow is handing over, with why each stopped early if it did.
     std::map<std::string, std::optional<std::string>> m_arrivals;
     bool m_quitting = false;

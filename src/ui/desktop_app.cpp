@@ -5,6 +5,7 @@
 #include "base/places.h"
 #include "library/library.h"
 #include "ui/app_shell.h"
+#include "ui/app_windows.h"
 #include "ui/application_bus.h"
 
 #include <QApplication>
@@ -89,6 +90,7 @@ int runDesktopApp(const std::vector<std::string>& argv)
     quitOnSignals(&app);
 
     AppShell shell(StorageRoot::direct(Places::home()).folder());
+    installWindows(shell);
     ApplicationBus bus;
     switch (bus.claim()) {
     case ApplicationBus::Claim::owned: break;

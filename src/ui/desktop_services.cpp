@@ -10,47 +10,38 @@ namespace plim {
 
 Status openInDesktop(const std::filesystem::path& file)
 {
-    std::error_code ec;
-    if (!std::filesystem::is_regular_file(file, ec))
-        return fail(file.string() + " is not there any more, so it could not be opened. Nothing was changed.",
-            Error::Kind::missing);
+    if (!std::filesystem::exists(file))
+        return fail("\"" + file.filename().string() + "\" is not there any more, so it could not be opened. Nothing was changed.");
     if (!QDesktopServices::openUrl(QUrl::fromLocalFile(toQString(file))))
-        return fail("No application on this desktop is set up to open " + file.string()
-                + ". The file is untouched; install a player (Videos, VLC, mpv) or open it from the file manager.",
-            Error::Kind::unreadable);
+        return fail("No application on this computer opened \"" + file.filename().string()
+            + "\". The file is untouched; open it from the file manager.");
     return {};
 }
 
 Status showInFileManager(const std::filesystem::path& file)
 {
-    QDBusConnection bus = QDBusConnection::sessionBus();
-    const QString service = "org.freedesktop.FileManager1";
-    // A file manager that is running, or one the bus can start; the call is not waited for.
-    if (bus.isConnected()
-        && (bus.interface()->isServiceRegistered(service).value()
-            || bus.interface()->activatableServiceNames().value().contains(service))) {
-        QDBusMessage call = QDBusMessage::createMethodCall(service, "/org/freedesktop/FileManager1", service, "ShowItems");
+    auto bus = QDBusConnection::sessionBus();
+    const QString service = QStringLiteral("org.freedesktop.FileManager1");
+    if (bus.isConnected() && bus.interface() && bus.interface()->isServiceRegistered(service).value()) {
+        auto call = QDBusMessage::createMethodCall(service, QStringLiteral("/org/freedesktop/FileManager1"), service,
+            QStringLiteral("ShowItems"));
         call << QStringList{QUrl::fromLocalFile(toQString(file)).toString()} << QString();
-        if (bus.send(call))
+        if (bus.call(call, QDBus::Block, 3000).type() == QDBusMessage::ReplyMessage)
             return {};
     }
-    std::error_code ec;
-    const auto folder = std::filesystem::is_directory(file, ec) ? file : file.parent_path();
-    if (QDesktopServices::openUrl(QUrl::fromLocalFile(toQString(folder))))
-        return {};
-    return fail("Plim could not show " + folder.string()
-            + ": this desktop has no file manager set up to open it. Nothing was changed; open the folder from a "
-              "file manager or a terminal.",
-        Error::Kind::unreadable);
+    const auto folder = std::filesystem::is_directory(file) ? file : file.parent_path();
+    if (!QDesktopServices::openUrl(QUrl::fromLocalFile(toQString(folder))))
+        return fail("No file manager answered, so " + folder.string() + " could not be shown. Nothing was changed.");
+    return {};
 }
 
 QImage toQImage(const Image& image)
 {
     if (image.isEmpty())
         return {};
-    return QImage(image.pixels.get(), image.width, image.height, qsizetype(image.stride),
-        QImage::Format_ARGB32_Premultiplied)
-        .copy();
+    QImage wrapped(image.pixels.get(), image.width, image.height, static_cast<qsizetype>(image.stride),
+        QImage::Format_ARGB32_Premultiplied);
+    return wrapped.copy();
 }
 
 } // namespace plim

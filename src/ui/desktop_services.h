@@ -1,9 +1,8 @@
 #pragma once
-// What the windows ask of the desktop: a file opened in its application, a file shown in
-// the file manager (org.freedesktop.FileManager1.ShowItems, else its folder opened), and
-// Plim's pictures as Qt's.
+// Small services the windows share: opening a file in its application, showing it in the
+// file manager, and turning Plim's pictures into Qt's.
 //
-// Threads: GUI thread, except toQImage(), which any thread may call.
+// Threads: call from the GUI thread; toQImage() from any thread.
 
 #include "base/error.h"
 #include "base/image.h"
@@ -15,13 +14,14 @@
 
 namespace plim {
 
-// A sentence when no application opened it.
+// Opens the file with the desktop's application for it. A sentence when nothing opened.
 Status openInDesktop(const std::filesystem::path& file);
 
-// A sentence when neither the file manager nor the folder could be shown.
+// Selects the file in the file manager (org.freedesktop.FileManager1.ShowItems on the
+// session bus); where no file manager answers there, opens the folder that holds it.
 Status showInFileManager(const std::filesystem::path& file);
 
-// A copy of a BGRA premultiplied picture; empty for an empty one.
+// A copy of a BGRA premultiplied picture.
 QImage toQImage(const Image& image);
 
 inline QString toQString(const std::filesystem::path& path) { return QString::fromStdString(path.string()); }

@@ -62,6 +62,7 @@ void buildMainMenu(QMainWindow* window, const ShellActions& actions)
     plim->addSeparator();
     plim->addAction(actions.quit);
     QMenu* file = bar->addMenu("&File");
+    file->addAction(actions.newRecording);
     file->addAction(actions.record);
     file->addAction(actions.recordArea);
     file->addAction(actions.stop);

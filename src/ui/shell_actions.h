@@ -7,7 +7,8 @@ class QAction;
 namespace plim {
 
 struct ShellActions {
-    QAction* record = nullptr;
+    QAction* record = nullptr;      // records the last choice at once
+    QAction* newRecording = nullptr; // opens the record panel
     QAction* recordArea = nullptr;
     QAction* stop = nullptr;
     QAction* pause = nullptr; // "Pause" or "Resume"

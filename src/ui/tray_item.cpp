@@ -14,6 +14,7 @@ TrayItem::TrayItem(const ShellActions& actions, QObject* parent) : QObject(paren
 {
     m_menu = new QMenu;
     m_menu->addAction(actions.record);
+    m_menu->addAction(actions.newRecording);
     m_menu->addAction(actions.stop);
     m_menu->addAction(actions.pause);
     m_menu->addAction(actions.mark);

@@ -1,0 +1,31 @@
+#pragma once
+// The files that make up one plim in the library folder, renamed or moved to the Trash
+// together so that its side files and identity stay with its movie.
+//
+// Threads: plain file operations, callable from any thread; each blocks for the time the
+// file system takes (renames and moves within one volume).
+
+#include "base/error.h"
+#include "library/plim_record.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace plim {
+
+// The plim's files that exist: its movies first, then its side files (B.cursor.json,
+// B.id.json, B.thumbs.heic ...).
+std::vector<std::filesystem::path> plimFiles(const PlimRecord& plim);
+
+// Gives every file of the plim the base name `newName`. Refuses a name that is empty, holds
+// a '/', starts with '.', or would land on a file that exists; a rename that fails part way
+// puts the files already renamed back. The sentence says what happened.
+Status renamePlim(const PlimRecord& plim, const std::string& newName);
+
+// Moves every file of the plim to the Trash. A file that could not be moved is left where
+// it is and named in the sentence; the ones moved stay in the Trash, where the file manager
+// can put them back.
+Status trashPlim(const PlimRecord& plim);
+
+} // namespace plim
