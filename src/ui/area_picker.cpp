@@ -38,6 +38,7 @@ public:
           m_picker(picker), m_screen(screen), m_snapshot(screen->grabWindow(0))
     {
         setObjectName(QStringLiteral("areaPicker"));
+        setWindowTitle(QStringLiteral("Plim area picker"));
         setAttribute(Qt::WA_NoSystemBackground);
         setCursor(Qt::CrossCursor);
         setMouseTracking(true);

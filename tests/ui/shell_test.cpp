@@ -151,6 +151,25 @@ TEST_F(Shell, EscapeDuringTheCountdownRecordsNothing)
     EXPECT_EQ(plim("--show").status, 0);
 }
 
+// The verb's whole path: the picker over the screen, a drag with the real pointer, Enter,
+// and a movie of exactly the dragged size.
+TEST_F(Shell, RecordAreaRecordsExactlyTheDraggedArea)
+{
+    rememberChoice(0);
+    auto app = startApp({"--record-area"});
+    ASSERT_TRUE(eventually([&] {
+        return runCommand({"xdotool", "search", "--onlyvisible", "--name", "Plim area picker"}, env()).status == 0;
+    }, 60)) << appErrors();
+    auto drag = runCommand({"xdotool", "mousemove", "100", "80", "mousedown", "1", "mousemove", "300", "200",
+                               "mousemove", "580", "400", "mouseup", "1", "key", "Return"},
+        env());
+    ASSERT_EQ(drag.status, 0) << drag.err;
+    ASSERT_TRUE(eventually([&] { return files(".mov").size() == 1; }, 60)) << appErrors();
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(plim("--stop").status, 0);
+    expectFinishedPlim(1, "480,320");
+}
+
 TEST_F(Shell, MainMenuProbePrintsEveryItemAndExits)
 {
     auto result = runCommand({builtExecutable("plim").string()},
