@@ -67,6 +67,8 @@ std::string recover(const fs::path& movie, const RecordingMarker& written)
                     : "Its pointer, clicks and marks could not be recovered: " + folded.error().sentence);
         } else {
             lost.push_back(lostPointer);
+            if (!fs::exists(sidecarPath(movie, PlimFiles::camera), ec))
+                folded->track.value.cameraOffsetMS.reset();
             Status saved = folded->damagedLines == 0
                 ? folded->track.value.write(movie)
                 : writeFileAtomic(CursorTrack::fileBeside(movie), folded->track.value.encoded());

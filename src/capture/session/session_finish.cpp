@@ -114,6 +114,8 @@ Outcome<RawPlim> CaptureSession::finish()
     if (cameraStart && fs::exists(sidecarPath(movie, PlimFiles::camera))) {
         track.cameraOffsetMS = static_cast<int64_t>((*firstFrame - *cameraStart) * 1000.0);
         plim.hasCamera = true;
+    } else {
+        track.cameraOffsetMS.reset();
     }
     if (auto written = track.write(movie); !written)
         s.missing(written.error().sentence

@@ -82,13 +82,30 @@ void CaptureSession::Impl::onFrame(CapturedFrame&& frame)
     }
     // The journal learns the offset now, so a track rebuilt after a kill places its
     // stamps where the final track would.
-    if (first && cursor)
+    if (first && cursor) {
         cursor->setVideoStartOffsetMS(static_cast<int64_t>((frame.uptime - cursor->startUptime()) * 1000.0));
+        journalCameraOffset();
+    }
+}
+
+// Once both the screen and the camera have their first frame, the journal learns how far
+// apart they started, as the finished track would.
+void CaptureSession::Impl::journalCameraOffset()
+{
+    std::optional<double> screenFirst, cameraFirst;
+    {
+        std::lock_guard guard(lock);
+        screenFirst = firstFrameUptime;
+        cameraFirst = cameraFirstUptime;
+    }
+    if (screenFirst && cameraFirst && cursor)
+        cursor->setCameraOffsetMS(static_cast<int64_t>((*screenFirst - *cameraFirst) * 1000.0));
 }
 
 void CaptureSession::Impl::onCameraFrame(CapturedFrame&& frame)
 {
     double seconds;
+    bool first = false;
     {
         std::lock_guard guard(lock);
         if (ended || pauses.pausedAt(frame.uptime))
@@ -97,9 +114,12 @@ void CaptureSession::Impl::onCameraFrame(CapturedFrame&& frame)
         if (!cameraFirstUptime) {
             cameraFirstUptime = frame.uptime;
             cameraFirstTrack = track;
+            first = true;
         }
         seconds = track - *cameraFirstTrack;
     }
+    if (first)
+        journalCameraOffset();
     if (seconds <= 0 && frame.uptime != *cameraFirstUptime)
         return;
     // Only this thread writes the camera movie. Frames that come bunched after a stall
