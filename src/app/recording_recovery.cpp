@@ -6,7 +6,10 @@
 #include "capture/cursor_track.h"
 #include "capture/recording_marker.h"
 #include "library/plim_identity.h"
+#include "media/movie_fragments.h"
 #include "media/movie_reader.h"
+
+#include <unistd.h>
 
 #include <algorithm>
 
@@ -53,11 +56,22 @@ std::string recover(const fs::path& movie, const RecordingMarker& written)
             + " Its files were left as they are in " + folder
             + ": move them out of the library folder to keep them, or delete them.";
     }
-    const double seconds = (*reader)->info().duration;
     reader->reset();
+    std::vector<std::string> notes;
+    // A fragment cut off while it was being written leaves the movie ending inside a box,
+    // which readers report as damage; the movie then ends with the fragment before it.
+    if (auto unfinished = unfinishedFragmentStart(movie); unfinished && *unfinished) {
+        if (::truncate(movie.c_str(), static_cast<off_t>(**unfinished)) == 0)
+            notes.push_back("Its last fragment, cut off while it was being written, was taken off the movie.");
+        else
+            notes.push_back("Its last fragment, cut off while it was being written, could not be taken off the movie ("
+                + errnoText(errno) + "), so some of Plim's views may stop at its end.");
+    }
+    double seconds = 0;
+    if (auto reopened = MovieReader::create(movie))
+        seconds = (*reopened)->info().duration;
 
     std::vector<std::string> lost{lostPicture};
-    std::vector<std::string> notes;
     if (!fs::exists(CursorTrack::fileBeside(movie), ec)) {
         const std::string journalName = CursorTrack::journalBeside(movie).filename().string();
         auto folded = CursorTrack::readJournal(movie);

@@ -6,6 +6,8 @@
 #include "base/files.h"
 #include "capture/cursor_track.h"
 #include "capture/recording_marker.h"
+#include "media/movie_reader.h"
+#include "media/movie_writer.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
@@ -67,6 +69,45 @@ TEST(RecordingRecovery, LeavesRollingAndUnrecoverableRecordingsAsTheyAre)
     for (const auto& entry : fs::directory_iterator(library.path()))
         after[entry.path().filename().string()] = readText(entry.path());
     EXPECT_EQ(after, before);
+}
+
+TEST(RecordingRecovery, AFragmentCutOffWhileBeingWrittenIsTakenOffTheMovie)
+{
+    TempDir library;
+    const fs::path movie = library / "Cut.mov";
+    {
+        auto writer = MovieWriter::create(MovieWriter::Settings::recording(movie, 320, 200, 30));
+        ASSERT_TRUE(writer) << writer.error().sentence;
+        Image grey = Image::allocate(320, 200);
+        std::fill(grey.row(0), grey.row(0) + grey.stride * grey.height, uint8_t(0x80));
+        for (int i = 0; i < 150; ++i)
+            ASSERT_TRUE((*writer)->appendVideo(grey, i / 30.0));
+    } // dropped unfinished, as a kill leaves it: the whole fragments stay
+    const std::string whole = readText(movie);
+    const size_t lastFragment = whole.rfind("moof") - 4;
+    writeText(movie, whole + whole.substr(lastFragment, (whole.size() - lastFragment) / 2));
+    RecordingMarker marker = RecordingMarker::ofThisProcess(false);
+    marker.bootID = "another-boot";
+    ASSERT_TRUE(marker.write(movie));
+
+    auto sentences = recoverAbandonedRecordings(library.path());
+    ASSERT_EQ(sentences.size(), 1u);
+    EXPECT_EQ(sentences[0], "Plim was closed while recording \"Cut\"; the 0:04 recorded up to then were saved. Lost "
+                            "with the closing were up to 2 seconds of picture and sound. Its last fragment, cut off "
+                            "while it was being written, was taken off the movie. Its pointer, clicks and marks had not "
+                            "been saved yet, so it has none.");
+    EXPECT_EQ(readText(movie), whole);
+    auto reader = MovieReader::create(movie);
+    ASSERT_TRUE(reader);
+    int pictures = 0;
+    while (auto picture = (*reader)->next()) {
+        if (!*picture)
+            break;
+        ++pictures;
+    }
+    EXPECT_EQ(pictures, 120);
+    EXPECT_FALSE((*reader)->wasCutShort());
+    EXPECT_FALSE(fs::exists(RecordingMarker::fileBeside(movie)));
 }
 
 } // namespace
