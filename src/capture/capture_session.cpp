@@ -237,8 +237,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     }
 
     s.writerThread = std::jthread([&s](std::stop_token stop) { s.writeLoop(stop); });
-    if (s.keystrokes)
-        s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
+    s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
 
     if (s.devices.camera) {
         if (auto started = s.devices.camera->start([&s](CapturedFrame&& f) { s.onCameraFrame(std::move(f)); }); !started) {
