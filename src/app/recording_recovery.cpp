@@ -138,8 +138,8 @@ std::vector<std::string> recoverAbandonedRecordings(const fs::path& libraryFolde
             if (written.error().kind == Error::Kind::missing)
                 continue; // finished meanwhile
             sentence = "Plim could not tell whether " + quoted(baseName(movie)) + " is still being recorded, because "
-                + marker.filename().string() + " could not be read (" + written.error().sentence
-                + "); it was left as it is, and its movie plays up to where it was cut off.";
+                + marker.filename().string() + " could not be read (" + written.error().sentence + "); it was left as it is"
+                + (fs::exists(movie, ec) ? ", and the movie plays up to where it was cut off." : ".");
         } else if (written->processIsAlive()) {
             continue;
         } else {

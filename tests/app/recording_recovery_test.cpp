@@ -61,8 +61,7 @@ TEST(RecordingRecovery, LeavesRollingAndUnrecoverableRecordingsAsTheyAre)
     EXPECT_EQ(sentences[2], "The recording \"Gone\" was cut off before its movie was made, or the movie has been moved "
                             "away since; there was nothing to recover.");
     EXPECT_EQ(sentences[3], "Plim could not tell whether \"Odd\" is still being recorded, because Odd.rolling.json could "
-                            "not be read (it names no process); it was left as it is, and its movie plays up to where "
-                            "it was cut off.");
+                            "not be read (it names no process); it was left as it is.");
     // Only the marker of the movie that was never made is gone; every other byte stays.
     before.erase("Gone.rolling.json");
     std::map<std::string, std::string> after;
