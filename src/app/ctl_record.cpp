@@ -1,6 +1,7 @@
 #include "app/ctl_record.h"
 #include "app/plimctl.h"
 #include "app/recording_controller.h"
+#include "app/recording_recovery.h"
 #include "app/recording_services.h"
 
 #include "base/log.h"
@@ -213,6 +214,8 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     RecordingController::Environment env;
     env.libraryFolder = o.last("--library").has_value() ? fs::path(*o.last("--library"))
                                                         : StorageRoot::direct(Places::home()).folder();
+    for (const auto& sentence : recoverAbandonedRecordings(env.libraryFolder))
+        err << sentence << "\n";
     std::mutex endedLock;
     std::optional<std::string> endedEarly;
     std::vector<std::string> missing; // sentences not yet shown

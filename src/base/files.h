@@ -116,8 +116,9 @@ inline constexpr std::string_view rendered = "rendered.json";
 inline constexpr std::string_view captions = "captions.json";
 inline constexpr std::string_view thumbs = "thumbs.heic";
 inline constexpr std::string_view identity = "id.json";
-inline constexpr std::array<std::string_view, 12> all{
-    camera, staged, reframed, cursor, cursorJournal, keys, edits, stage, rendered, captions, thumbs, identity};
+inline constexpr std::string_view rolling = "rolling.json";
+inline constexpr std::array<std::string_view, 13> all{
+    camera, staged, reframed, cursor, cursorJournal, keys, edits, stage, rendered, captions, thumbs, identity, rolling};
 } // namespace PlimFiles
 
 // Refuses an output that would land on one of the plim's own files: the movie, every file

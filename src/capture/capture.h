@@ -15,5 +15,6 @@
 #include "capture/keystroke_recorder.h"
 #include "capture/keystroke_track.h"
 #include "capture/pointer_source.h"
+#include "capture/recording_marker.h"
 #include "capture/track_placement.h"
 #include "capture/window_frame_source.h"

@@ -8,6 +8,7 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "capture/desktop.h"
+#include "capture/recording_marker.h"
 #include "capture/session/session_state.h"
 
 #include <sys/statvfs.h>
@@ -140,6 +141,7 @@ void CaptureSession::Impl::undoStart()
     if (cameraWriter)
         cameraWriter->cancel();
     removeTrackFiles(options.movie);
+    RecordingMarker::remove(options.movie);
     finished = true;
 }
 
@@ -200,7 +202,14 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     if (statvfs(movie.parent_path().c_str(), &space) == 0
         && uint64_t(space.f_bavail) * uint64_t(space.f_frsize) < minimumFreeBytes)
         return fail(diskFullBeforeFirstFrame, Error::Kind::noSpace);
-    PLIM_TRY(s.openWriters());
+    // The marker goes first, so no movie of a rolling recording is ever without it.
+    if (auto marked = RecordingMarker::ofThisProcess(settings.keycaps && s.devices.keys).write(movie); !marked)
+        logLine(LogArea::main, "the recording's marker could not be written (" + marked.error().sentence
+                + "); a kill would leave the plim for the user to find");
+    if (auto opened = s.openWriters(); !opened) {
+        RecordingMarker::remove(movie);
+        return std::unexpected(opened.error());
+    }
 
     for (const auto& sentence : s.devices.missing)
         s.missing(sentence);
@@ -228,8 +237,7 @@ Result<std::unique_ptr<CaptureSession>> CaptureSession::start(const CaptureSetti
     }
 
     s.writerThread = std::jthread([&s](std::stop_token stop) { s.writeLoop(stop); });
-    if (s.keystrokes)
-        s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
+    s.flushThread = std::jthread([&s](std::stop_token stop) { s.flushLoop(stop); });
 
     if (s.devices.camera) {
         if (auto started = s.devices.camera->start([&s](CapturedFrame&& f) { s.onCameraFrame(std::move(f)); }); !started) {

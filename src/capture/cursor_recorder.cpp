@@ -138,6 +138,12 @@ void CursorRecorder::setVideoStartOffsetMS(int64_t offsetMS)
     m_track.videoStartOffsetMS = offsetMS;
 }
 
+void CursorRecorder::setCameraOffsetMS(int64_t offsetMS)
+{
+    std::lock_guard lock(m_lock);
+    m_track.cameraOffsetMS = offsetMS;
+}
+
 Status CursorRecorder::journalOnce()
 {
     std::lock_guard journal(m_journalLock);
@@ -150,7 +156,8 @@ Status CursorRecorder::journalOnce()
             return {};
         movie = *m_flushMovie;
         const CursorTrack& t = m_track;
-        upTo = {t.samples.size(), t.clicks.size(), t.marks.size(), t.frames.size(), t.videoStartOffsetMS, true};
+        upTo = {t.samples.size(), t.clicks.size(), t.marks.size(), t.frames.size(), t.videoStartOffsetMS,
+            t.cameraOffsetMS, true};
         if (upTo == m_journaled)
             return {}; // nothing new since the last line
         chunk = CursorTrack{t.displayX, t.displayY, t.displayWidth, t.displayHeight, t.scale, t.videoStartOffsetMS,

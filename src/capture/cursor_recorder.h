@@ -85,6 +85,8 @@ public:
     // The movie's first frame came this long after start: kept in the track and carried
     // by the next journal line.
     void setVideoStartOffsetMS(int64_t offsetMS);
+    // The same for the camera movie's start (first frame minus the camera's first frame).
+    void setCameraOffsetMS(int64_t offsetMS);
 
     // One journal step: appends what was added since the last one (the journal thread's
     // work; tests call it directly). Costs in proportion to what is new. A failed append
@@ -133,6 +135,7 @@ private:
     struct Journaled {
         size_t samples = 0, clicks = 0, marks = 0, frames = 0;
         int64_t videoStartOffsetMS = 0;
+        std::optional<int64_t> cameraOffsetMS;
         bool started = false; // the journal has its first line
         bool operator==(const Journaled&) const = default;
     } m_journaled;

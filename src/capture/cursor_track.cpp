@@ -391,7 +391,7 @@ namespace {
 
 // The track a journal's lines make: the geometry of the last good line and every line's
 // entries in order, with a notice saying the track was rebuilt.
-Result<Decoded<CursorTrack>> foldJournal(std::string_view text, const std::string& journalName,
+Result<CursorJournalFold> foldJournal(std::string_view text, const std::string& journalName,
     const std::string& trackName)
 {
     std::optional<CursorTrack> folded;
@@ -436,10 +436,23 @@ Result<Decoded<CursorTrack>> foldJournal(std::string_view text, const std::strin
     if (damaged)
         notice += ", leaving out " + std::to_string(damaged) + (damaged == 1 ? " damaged line" : " damaged lines");
     notice += ". The last moment or so of pointer movement may be missing; the files were not changed.";
-    return Decoded<CursorTrack>{std::move(*folded), {std::move(notice)}};
+    return CursorJournalFold{{std::move(*folded), {std::move(notice)}}, damaged};
 }
 
 } // namespace
+
+Result<CursorJournalFold> CursorTrack::readJournal(const fs::path& movie)
+{
+    const fs::path journal = journalBeside(movie);
+    const std::string name = journal.filename().string();
+    auto bytes = readFileBytes(journal);
+    if (!bytes)
+        return fail(bytes.error().kind == Error::Kind::missing ? name + " is missing."
+                                                               : "Plim could not read " + name + " (" + bytes.error().sentence
+                    + "); it was left as it is.",
+            bytes.error().kind);
+    return foldJournal(*bytes, name, fileBeside(movie).filename().string());
+}
 
 Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
 {
@@ -449,8 +462,10 @@ Result<Decoded<CursorTrack>> CursorTrack::read(const fs::path& movie)
     if (!bytes) {
         if (bytes.error().kind == Error::Kind::missing) {
             const fs::path journal = journalBeside(movie);
-            if (auto journalBytes = readFileBytes(journal))
-                return foldJournal(*journalBytes, journal.filename().string(), name);
+            if (auto journalBytes = readFileBytes(journal)) {
+                auto folded = PLIM_TRY(foldJournal(*journalBytes, journal.filename().string(), name));
+                return std::move(folded.track);
+            }
             return fail("There is no pointer track beside " + movie.filename().string() + " (" + name
                     + " is missing), so the pointer cannot be drawn. Nothing was changed. "
                       "Put the file back beside the movie, or record the plim again.",

@@ -57,6 +57,8 @@ struct Mark {
     bool operator==(const Mark&) const = default;
 };
 
+struct CursorJournalFold;
+
 struct CursorTrack {
     // From `t` on, the recorded window occupies this rectangle.
     struct FrameKey {
@@ -122,6 +124,17 @@ struct CursorTrack {
     // off), the track is rebuilt from the journal's lines, with a notice saying so; a
     // damaged line is skipped. Fails with kind `missing` when neither is there.
     static Result<Decoded<CursorTrack>> read(const fs::path& movie);
+
+    // The track rebuilt from the journal beside the movie alone, as read() does, with the
+    // count of damaged lines it left out. Fails with a whole sentence: `missing` when there
+    // is no journal, `unreadable` when it or every line of it cannot be read.
+    static Result<CursorJournalFold> readJournal(const fs::path& movie);
+};
+
+// A track rebuilt from its journal, and the damaged lines it left out.
+struct CursorJournalFold {
+    Decoded<CursorTrack> track;
+    size_t damagedLines = 0;
 };
 
 // Rounds to one decimal: the value times 10 rounded half away from zero, divided by 10.

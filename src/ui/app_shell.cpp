@@ -350,7 +350,8 @@ void AppShell::showRecoveredRecordings(const std::vector<std::string>& sentences
         logLine(LogArea::main, sentence);
         text += (text.isEmpty() ? "" : "\n\n") + QString::fromStdString(sentence);
     }
-    auto* box = new QMessageBox(QMessageBox::Information, "Plim", text, QMessageBox::Ok);
+    auto* box = new QMessageBox(QMessageBox::Information,
+        sentences.size() == 1 ? "Recovered Recording" : "Recovered Recordings", text, QMessageBox::Ok);
     box->setObjectName("recoveredRecordings");
     box->setTextFormat(Qt::PlainText);
     box->setAttribute(Qt::WA_DeleteOnClose);

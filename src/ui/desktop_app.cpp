@@ -1,6 +1,7 @@
 #include "ui/ui.h"
 
 #include "app/control_verbs.h"
+#include "app/recording_recovery.h"
 #include "base/log.h"
 #include "base/places.h"
 #include "library/library.h"
@@ -109,7 +110,10 @@ int runDesktopApp(const std::vector<std::string>& argv)
         for (const QString& uri : uris)
             shell.openFile(uri);
     };
+    // Recordings a killed run left are whole plims again before anything new records.
+    auto recovered = recoverAbandonedRecordings(shell.driver().libraryFolder());
     shell.start(action);
+    shell.showRecoveredRecordings(recovered);
     return app.exec();
 }
 

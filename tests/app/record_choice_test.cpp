@@ -8,6 +8,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+
 using namespace plim;
 using namespace plim::testkit;
 
@@ -68,4 +71,24 @@ TEST(ControlVerbs, TheFirstVerbAfterTheProgramNameIsTheAction)
     ASSERT_NE(controlVerb("pause"), nullptr);
     EXPECT_STREQ(controlVerb("pause")->option, "--pause");
     EXPECT_EQ(controlVerb("--pause"), nullptr);
+}
+
+TEST(ControlVerbs, TheMenuEntrysActionsSendTheVerbsTheyAreNamedAfter)
+{
+    std::istringstream entry(readText(fs::path(PLIM_SOURCE_DIR) / "packaging" / "app.plim.Plim.desktop"));
+    std::string line, listed, group;
+    std::vector<std::string> actions;
+    while (std::getline(entry, line)) {
+        if (line.starts_with("Actions="))
+            listed = line.substr(8);
+        else if (line.starts_with("[Desktop Action "))
+            group = line.substr(16, line.size() - 17);
+        else if (line.starts_with("Exec=") && !group.empty()) {
+            std::istringstream words(line.substr(5));
+            std::vector<std::string> argv{std::istream_iterator<std::string>(words), {}};
+            EXPECT_EQ(requestedAction(argv), std::optional<std::string>(group)) << line;
+            actions.push_back(group + ";");
+        }
+    }
+    EXPECT_EQ(listed, actions.at(0) + actions.at(1));
 }

@@ -4,6 +4,7 @@
 #include "base/files.h"
 #include "base/json.h"
 #include "capture/capture.h"
+#include "library/plim_identity.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"
@@ -265,6 +266,31 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     ASSERT_TRUE(keys.has_value());
     ASSERT_EQ(keys->value.events.size(), 1u);
     EXPECT_EQ(keys->value.events[0].caption, "⌘K");
+
+    // The next recording's start makes it a whole plim and says so; its own marker goes
+    // when it finishes.
+    const fs::path marker = RecordingMarker::fileBeside(movie);
+    ASSERT_TRUE(fs::exists(marker));
+    const std::string moviePicture = probe(movie, "", "format=duration");
+    auto next = record({"--area", "0,0,640,360", "--duration", "1", "--no-keys"}, library);
+    EXPECT_EQ(next->wait(), 0);
+    const std::string said = readText(sandbox.home() / "err.txt");
+    EXPECT_NE(said.find("Plim was closed while recording \"" + baseName(movie) + "\"; the 0:0"), std::string::npos)
+        << said;
+    EXPECT_NE(said.find("were saved. Lost with the closing were up to 2 seconds of picture and sound, up to 1 second "
+                        "of the pointer and up to 4 seconds of the keys pressed.\n"),
+        std::string::npos)
+        << said;
+    EXPECT_FALSE(fs::exists(marker));
+    EXPECT_FALSE(fs::exists(CursorTrack::journalBeside(movie)));
+    EXPECT_EQ(probe(movie, "", "format=duration"), moviePicture);
+    auto kept = CursorTrack::read(movie);
+    ASSERT_TRUE(kept.has_value());
+    EXPECT_TRUE(kept->notices.empty());
+    EXPECT_EQ(kept->value.samples.size(), track->value.samples.size());
+    EXPECT_TRUE(PlimIdentity::read(baseName(movie), library).has_value());
+    for (const auto& entry : fs::directory_iterator(library))
+        EXPECT_FALSE(RecordingMarker::movieOf(entry.path())) << entry.path();
 }
 
 TEST_F(RecordTest, AFullDiskStopsWithItsHeadlineKeepsWhatWasWrittenAndNamesTheFilesLost)

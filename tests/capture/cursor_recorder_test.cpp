@@ -194,6 +194,10 @@ TEST(CursorRecorder, TheJournalTakesWhatIsNewAndTheFinalWriteFoldsItIn)
     rig.recorder.setVideoStartOffsetMS(250);
     ASSERT_TRUE(rig.recorder.journalOnce());
     EXPECT_GT(fs::file_size(journal), first + second);
+    auto third = fs::file_size(journal);
+    rig.recorder.setCameraOffsetMS(40); // and so is the camera's
+    ASSERT_TRUE(rig.recorder.journalOnce());
+    EXPECT_GT(fs::file_size(journal), third);
 
     // Killed now, the track is rebuilt from the journal, with a notice; nothing is changed.
     std::string bytes = readText(journal);
@@ -201,6 +205,7 @@ TEST(CursorRecorder, TheJournalTakesWhatIsNewAndTheFinalWriteFoldsItIn)
     ASSERT_TRUE(rebuilt) << rebuilt.error().sentence;
     EXPECT_EQ(rebuilt->value, rig.recorder.snapshot());
     EXPECT_EQ(rebuilt->value.videoStartOffsetMS, 250);
+    EXPECT_EQ(rebuilt->value.cameraOffsetMS, 40);
     ASSERT_EQ(rebuilt->notices.size(), 1u);
     EXPECT_TRUE(rebuilt->notices[0].starts_with("B.cursor.json was never finished")) << rebuilt->notices[0];
     EXPECT_EQ(readText(journal), bytes);

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <csignal>
 #include <mutex>
 #include <regex>
 #include <thread>
@@ -168,6 +169,29 @@ TEST_F(Shell, RecordAreaRecordsExactlyTheDraggedArea)
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(plim("--stop").status, 0);
     expectFinishedPlim(1, "480,320");
+}
+
+TEST_F(Shell, ARecordingCutOffByAKillIsRecoveredAtTheNextStart)
+{
+    rememberChoice(0, ", \"recordSubject\": \"area\", \"recordArea\": [0, 0, 640, 360]");
+    auto app = startApp({"--toggle"});
+    ASSERT_TRUE(eventually([&] { return files(".rolling.json").size() == 1; }, 60)) << appErrors();
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    ::kill(app->pid(), SIGKILL);
+    EXPECT_EQ(app->wait(), 128 + SIGKILL);
+    ASSERT_EQ(files(".mov").size(), 1u);
+    EXPECT_TRUE(files(".cursor.json").empty());
+
+    app = startApp({"--show"});
+    ASSERT_TRUE(eventually([&] { return files(".rolling.json").empty(); }, 60)) << appErrors();
+    EXPECT_TRUE(eventually([&] { return appErrors().find("Plim was closed while recording") != std::string::npos; }, 10))
+        << appErrors();
+    EXPECT_EQ(files(".cursor.json").size(), 1u);
+    const fs::path movie = files(".mov").front();
+    EXPECT_EQ(probe(movie, "v:0", "stream=width,height"), "640,360");
+    EXPECT_GT(std::stod(probe(movie, "", "format=duration")), 1.5);
+    // The plim shows as recovered to the user, in a window of its own.
+    EXPECT_EQ(runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Recovered Recording$"}, env()).status, 0);
 }
 
 TEST_F(Shell, MainMenuProbePrintsEveryItemAndExits)

@@ -5,6 +5,7 @@
 #include "capture/session/session_state.h"
 
 #include "base/log.h"
+#include "capture/recording_marker.h"
 
 namespace plim {
 
@@ -23,6 +24,11 @@ Outcome<RawPlim> CaptureSession::finish()
     if (s.finished)
         return Outcome<RawPlim>::failed(neverStarted);
     s.finished = true;
+    // Whatever the outcome, the plim is no longer rolling once finishing returns.
+    struct Unmark {
+        const fs::path& movie;
+        ~Unmark() { RecordingMarker::remove(movie); }
+    } unmark{s.options.movie};
     // 1. The cursor recorder stops first and hands over its track, then the sources.
     CursorTrack track = s.cursor->stop();
     s.cursor->setFlushMovie(std::nullopt);
@@ -108,6 +114,8 @@ Outcome<RawPlim> CaptureSession::finish()
     if (cameraStart && fs::exists(sidecarPath(movie, PlimFiles::camera))) {
         track.cameraOffsetMS = static_cast<int64_t>((*firstFrame - *cameraStart) * 1000.0);
         plim.hasCamera = true;
+    } else {
+        track.cameraOffsetMS.reset();
     }
     if (auto written = track.write(movie); !written)
         s.missing(written.error().sentence

@@ -161,6 +161,7 @@ public:
     Status openWriters();
     void onFrame(CapturedFrame&& frame);
     void onCameraFrame(CapturedFrame&& frame);
+    void journalCameraOffset();
     void writeLoop(std::stop_token stop);
     Status appendSound(const session::AudioItem& audio, double first);
     void flushLoop(std::stop_token stop);

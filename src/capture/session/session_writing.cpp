@@ -1,12 +1,15 @@
 // The session's writers: the screen movie with its sound tracks, fed through the queue by
 // the writer thread, the camera movie written on the camera's thread, and the keystroke
-// track flushed while it grows.
+// track flushed (and the movies synced to the disk) while they grow.
 
 #include "capture/session/session_state.h"
 
 #include "base/log.h"
 
 #include <cmath>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace plim {
 
@@ -82,13 +85,30 @@ void CaptureSession::Impl::onFrame(CapturedFrame&& frame)
     }
     // The journal learns the offset now, so a track rebuilt after a kill places its
     // stamps where the final track would.
-    if (first && cursor)
+    if (first && cursor) {
         cursor->setVideoStartOffsetMS(static_cast<int64_t>((frame.uptime - cursor->startUptime()) * 1000.0));
+        journalCameraOffset();
+    }
+}
+
+// Once both the screen and the camera have their first frame, the journal learns how far
+// apart they started, as the finished track would.
+void CaptureSession::Impl::journalCameraOffset()
+{
+    std::optional<double> screenFirst, cameraFirst;
+    {
+        std::lock_guard guard(lock);
+        screenFirst = firstFrameUptime;
+        cameraFirst = cameraFirstUptime;
+    }
+    if (screenFirst && cameraFirst && cursor)
+        cursor->setCameraOffsetMS(static_cast<int64_t>((*screenFirst - *cameraFirst) * 1000.0));
 }
 
 void CaptureSession::Impl::onCameraFrame(CapturedFrame&& frame)
 {
     double seconds;
+    bool first = false;
     {
         std::lock_guard guard(lock);
         if (ended || pauses.pausedAt(frame.uptime))
@@ -97,9 +117,12 @@ void CaptureSession::Impl::onCameraFrame(CapturedFrame&& frame)
         if (!cameraFirstUptime) {
             cameraFirstUptime = frame.uptime;
             cameraFirstTrack = track;
+            first = true;
         }
         seconds = track - *cameraFirstTrack;
     }
+    if (first)
+        journalCameraOffset();
     if (seconds <= 0 && frame.uptime != *cameraFirstUptime)
         return;
     // Only this thread writes the camera movie. Frames that come bunched after a stall
@@ -221,10 +244,15 @@ Status CaptureSession::Impl::appendSound(const AudioItem& audio, double first)
 
 // Writes the keystroke track beside the movie every few seconds while it grows, so a
 // process killed outright loses at most that much of it (the cursor recorder keeps its own
-// journal).
+// journal), and puts the movies' fragments written so far on the disk, so a power loss
+// loses little more than a kill.
 void CaptureSession::Impl::flushLoop(std::stop_token stop)
 {
     pthread_setname_np(pthread_self(), "plim.capture.fl");
+    std::vector<int> movies;
+    for (const fs::path& path : {options.movie, sidecarPath(options.movie, PlimFiles::camera)})
+        if (int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC); fd >= 0)
+            movies.push_back(fd);
     size_t written = 0;
     auto next = std::chrono::steady_clock::now() + keysFlushInterval;
     while (!stop.stop_requested()) {
@@ -232,12 +260,18 @@ void CaptureSession::Impl::flushLoop(std::stop_token stop)
         if (std::chrono::steady_clock::now() < next)
             continue;
         next += keysFlushInterval;
+        for (int fd : movies)
+            ::fdatasync(fd);
+        if (!keystrokes)
+            continue;
         KeystrokeTrack keys = keystrokes->snapshot();
         if (keys.events.size() == written)
             continue;
         if (keys.write(options.movie))
             written = keys.events.size();
     }
+    for (int fd : movies)
+        ::close(fd);
 }
 
 } // namespace plim
