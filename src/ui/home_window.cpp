@@ -1,6 +1,7 @@
 #include "ui/home_window.h"
 
 #include "capture/desktop.h"
+#include "capture/recording_marker.h"
 #include "library/plim_store.h"
 #include "media/movie_reader.h"
 #include "share/plim_thumbs.h"
@@ -370,7 +371,17 @@ void HomeWindow::reload()
     std::string selected = std::exchange(m_renamedTo, {});
     if (auto plim = current(); selected.empty() && plim)
         selected = plim->id;
-    m_model->setPlims(m_store->plims());
+    // A movie still being recorded (its marker's process runs) is listed once it is finished.
+    std::vector<PlimRecord> listed;
+    for (auto& plim : m_store->plims()) {
+        if (plim.rawURL) {
+            auto marker = RecordingMarker::read(RecordingMarker::fileBeside(*plim.rawURL));
+            if (marker && marker->processIsAlive())
+                continue;
+        }
+        listed.push_back(std::move(plim));
+    }
+    m_model->setPlims(listed);
     const auto& entries = m_model->entries();
     for (size_t i = 0; i < entries.size(); ++i)
         if (entries[i].record.id == selected)

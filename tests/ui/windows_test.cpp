@@ -3,6 +3,7 @@
 // changing under it, the share sheet by its buttons.
 
 #include "base/settings.h"
+#include "capture/recording_marker.h"
 #include "library/look_store.h"
 #include "share/plim_thumbs.h"
 #include "testing/scripted_camera.h"
@@ -230,6 +231,15 @@ TEST(HomeWindow, ShowsAPlimCopiedInRenamesItByKeysAndDropsItWhenRemoved)
     EXPECT_TRUE(fs::exists(sandbox.home() / ".local/share/Trash/files/Launch demo.thumbs.heic"));
     for (const auto& left : fs::directory_iterator(library.path()))
         EXPECT_FALSE(left.path().filename().string().starts_with("Launch demo")) << left.path();
+
+    // A movie still being recorded by a running process is listed once it is finished.
+    ASSERT_TRUE(RecordingMarker::ofThisProcess(false).write(library / "Rolling.mov"));
+    fs::copy_file(source / "Intro.mov", library / "Rolling.mov");
+    fs::copy_file(source / "Clip.mov", library / "Other.mov");
+    ASSERT_TRUE(waitUntil([&] { return grid->model()->rowCount() == 1; }));
+    EXPECT_EQ(grid->model()->index(0, 0).data().toString(), QStringLiteral("Other"));
+    RecordingMarker::remove(library / "Rolling.mov");
+    EXPECT_TRUE(waitUntil([&] { return grid->model()->rowCount() == 2; })) << "the finished recording never appeared";
 }
 
 TEST(ShareSheet, WritesTheMP4IntoTheChosenFolderAndShowsTheOutcome)
