@@ -458,8 +458,12 @@ void RecordPanel::watchCamera(bool on)
     m_previewTimer->stop();
     m_preview->clear();
     m_preview->setVisible(on);
-    if (!on)
+    if (!on) {
+        // The preview's room goes with it.
+        if (isVisible())
+            QTimer::singleShot(0, this, [this] { adjustSize(); });
         return;
+    }
     auto camera = openCamera ? openCamera(chosenDevice(m_cameraDevice)) : fail("There is no camera to show.");
     if (!camera) {
         m_preview->hide();

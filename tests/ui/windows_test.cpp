@@ -319,12 +319,14 @@ TEST(RecordPanel, RecordsThePickedAreaWithTheInputsChosenAndShowsWhatBlocksAReco
     panel.openCamera = [](const std::optional<std::string>&) -> Result<std::unique_ptr<CameraSource>> {
         return std::make_unique<ScriptedCameraSource>(320, 180, 30);
     };
+    const int heightWithoutPreview = panel.height();
     QTest::mouseClick(child<QCheckBox>(panel, "camera"), Qt::LeftButton, {}, QPoint(8, 8));
     auto* preview = child<QLabel>(panel, "cameraPreview");
     ASSERT_TRUE(waitUntil([&] { return !preview->pixmap().isNull(); }, 5));
     EXPECT_EQ(preview->pixmap().size(), QSize(160, 90));
     QTest::mouseClick(child<QCheckBox>(panel, "camera"), Qt::LeftButton, {}, QPoint(8, 8));
     EXPECT_FALSE(preview->isVisible());
+    EXPECT_TRUE(waitUntil([&] { return panel.height() <= heightWithoutPreview; })) << "the preview's room stayed";
     // The computer's sound from the server's one output.
     auto* output = child<QComboBox>(panel, "systemSoundDevice");
     ASSERT_EQ(output->count(), 2);
