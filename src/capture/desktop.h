@@ -13,6 +13,7 @@
 
 #include "base/error.h"
 #include "base/geometry.h"
+#include "base/image.h"
 #include "capture/screen_source.h"
 
 #include <cstdint>
@@ -65,6 +66,9 @@ public:
     virtual std::vector<DesktopDisplay> displays() const = 0;
     // Windows a user would pick, front to back where the desktop says.
     virtual std::vector<DesktopWindow> windows() const = 0;
+    // The window's icon, the smallest of its sizes at least `size` pixels wide (else its
+    // largest); nothing when it has none.
+    virtual std::optional<Image> windowIcon(uint32_t id, int size) const = 0;
     // Where an area may lie: all displays together.
     virtual Rect bounds() const = 0;
 

@@ -323,7 +323,10 @@ void RecordPanel::refresh()
         for (const DesktopWindow& w : m_desktop->windows()) {
             if (w.title.empty())
                 continue;
-            m_windows->addItem(QString::fromStdString(w.title), QVariant::fromValue(uint(w.id)));
+            QIcon icon;
+            if (auto picture = m_desktop->windowIcon(w.id, 32))
+                icon = QIcon(QPixmap::fromImage(toQImage(*picture)));
+            m_windows->addItem(icon, QString::fromStdString(w.title), QVariant::fromValue(uint(w.id)));
             if (w.id == picked.window)
                 m_windows->setCurrentIndex(m_windows->count() - 1);
         }

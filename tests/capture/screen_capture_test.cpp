@@ -7,18 +7,21 @@
 #include "capture/desktop.h"
 #include "capture/pointer_source.h"
 #include "capture/track_placement.h"
+#include "capture/x11/x11_connection.h"
 #include "testing/scripted_camera.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+#include <xcb/xcb.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cmath>
 #include <chrono>
+#include <cstring>
 #include <thread>
 
 namespace plim {
@@ -89,6 +92,41 @@ TEST_F(ScreenCaptureTest, TheDesktopListsWhatItShowsAndRefusesWhatCannotBeRecord
     auto shown = std::find_if(windows.begin(), windows.end(), [&](const DesktopWindow& w) { return w.id == window.id(); });
     ASSERT_NE(shown, windows.end());
     EXPECT_EQ(shown->frame, (Rect{10, 10, 50, 40}));
+
+    // Its icon: the smallest size at least as wide as asked, else the largest, premultiplied.
+    EXPECT_FALSE(desktop.windowIcon(window.id(), 32));
+    std::vector<uint32_t> icon = {16, 16};
+    icon.insert(icon.end(), 16 * 16, 0xffff0000);  // opaque red
+    icon.insert(icon.end(), {32, 32});
+    icon.insert(icon.end(), 32 * 32, 0x800000ff);  // half-covering blue
+    {
+        xcb_connection_t* c = xcb_connect(x.display().c_str(), nullptr);
+        const char* name = "_NET_WM_ICON";
+        auto* reply = xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, uint16_t(std::strlen(name)), name), nullptr);
+        ASSERT_NE(reply, nullptr);
+        xcb_change_property(c, XCB_PROP_MODE_REPLACE, window.id(), reply->atom, XCB_ATOM_CARDINAL, 32,
+            uint32_t(icon.size()), icon.data());
+        free(reply);
+        free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr)); // the change has landed
+        xcb_disconnect(c);
+    }
+    auto large = desktop.windowIcon(window.id(), 24), small = desktop.windowIcon(window.id(), 8);
+    auto largest = desktop.windowIcon(window.id(), 64);
+    ASSERT_TRUE(large && small && largest);
+    EXPECT_EQ(large->width, 32);
+    EXPECT_EQ(small->width, 16);
+    EXPECT_EQ(largest->width, 32);
+    const uint8_t* blue = large->row(5) + 5 * 4;
+    EXPECT_EQ((std::array<int, 4>{blue[0], blue[1], blue[2], blue[3]}), (std::array<int, 4>{128, 0, 0, 128}));
+    const uint8_t* red = small->row(0);
+    EXPECT_EQ((std::array<int, 4>{red[0], red[1], red[2], red[3]}), (std::array<int, 4>{0, 0, 255, 255}));
+    // An entry claiming more pixels than the property holds ends the list.
+    icon[0] = 1000;
+    EXPECT_FALSE(iconFromWords(icon, 16));
+    icon.resize(2 + 16 * 16 + 2 + 100);
+    icon[0] = 16;
+    EXPECT_EQ(iconFromWords(icon, 64)->width, 16);
+
     auto inputs = desktop.inputs();
     ASSERT_TRUE(inputs.has_value()) << inputs.error().sentence;
     EXPECT_TRUE(inputs->pointer->position().has_value());

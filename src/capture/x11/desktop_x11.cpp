@@ -37,6 +37,7 @@ public:
     }
 
     std::vector<DesktopWindow> windows() const override { return m_x11->windows(); }
+    std::optional<Image> windowIcon(uint32_t id, int size) const override { return m_x11->windowIcon(id, size); }
 
     Rect bounds() const override
     {

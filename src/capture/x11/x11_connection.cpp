@@ -187,6 +187,52 @@ std::vector<DesktopWindow> X11Connection::windows() const
     return result;
 }
 
+std::optional<Image> X11Connection::windowIcon(uint32_t window, int size) const
+{
+    xcb_atom_t name = atom(m_connection, "_NET_WM_ICON");
+    if (name == XCB_ATOM_NONE)
+        return std::nullopt;
+    // Up to 4 MB: every size a window offers, 256 px and more among them.
+    ReplyPtr<xcb_get_property_reply_t> reply(xcb_get_property_reply(
+        m_connection, xcb_get_property(m_connection, 0, window, name, XCB_ATOM_CARDINAL, 0, 1 << 20), nullptr));
+    if (!reply || reply->format != 32)
+        return std::nullopt;
+    const auto* words = static_cast<const uint32_t*>(xcb_get_property_value(reply.get()));
+    return iconFromWords(std::span(words, size_t(xcb_get_property_value_length(reply.get())) / 4), size);
+}
+
+std::optional<Image> iconFromWords(std::span<const uint32_t> words, int size)
+{
+    // Entries of width, height and width × height ARGB pixels, one after another.
+    std::optional<std::pair<size_t, uint32_t>> chosen; // offset and width
+    for (size_t at = 0; at + 2 <= words.size();) {
+        const uint32_t width = words[at], height = words[at + 1];
+        if (width == 0 || height == 0 || width > 1024 || height > 1024 || uint64_t(width) * height > words.size() - at - 2)
+            break;
+        const bool fits = int(width) >= size;
+        if (!chosen || (fits && (int(chosen->second) < size || width < chosen->second))
+            || (!fits && int(chosen->second) < size && width > chosen->second))
+            chosen = std::pair{at, width};
+        at += 2 + size_t(width) * height;
+    }
+    if (!chosen)
+        return std::nullopt;
+    const uint32_t width = words[chosen->first], height = words[chosen->first + 1];
+    Image icon = Image::uninitialized(int(width), int(height));
+    const uint32_t* pixel = words.data() + chosen->first + 2;
+    for (uint32_t y = 0; y < height; ++y) {
+        uint8_t* out = icon.row(int(y));
+        for (uint32_t x = 0; x < width; ++x, ++pixel, out += 4) {
+            const uint32_t argb = *pixel, a = argb >> 24;
+            out[0] = uint8_t((argb & 0xff) * a / 255);
+            out[1] = uint8_t(((argb >> 8) & 0xff) * a / 255);
+            out[2] = uint8_t(((argb >> 16) & 0xff) * a / 255);
+            out[3] = uint8_t(a);
+        }
+    }
+    return icon;
+}
+
 std::optional<Point> X11Connection::pointer() const
 {
     ReplyPtr<xcb_query_pointer_reply_t> reply(

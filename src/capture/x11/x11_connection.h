@@ -5,11 +5,13 @@
 
 #include "base/error.h"
 #include "base/geometry.h"
+#include "base/image.h"
 #include "capture/desktop.h"
 
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -50,6 +52,10 @@ public:
     // (no window manager) every mapped child of the root.
     std::vector<DesktopWindow> windows() const;
 
+    // The window's icon (_NET_WM_ICON): the smallest of its sizes at least `size` pixels
+    // wide, else its largest, premultiplied BGRA; nothing when it has none that reads.
+    std::optional<Image> windowIcon(uint32_t window, int size) const;
+
     // The pointer in root coordinates, or nothing when it cannot be read.
     std::optional<Point> pointer() const;
 
@@ -69,5 +75,9 @@ private:
     xcb_screen_t* m_screen = nullptr;
     std::string m_name;
 };
+
+// The icon in a _NET_WM_ICON property's words (see X11Connection::windowIcon); nothing when
+// no entry reads. An entry claiming more pixels than there are ends the list.
+std::optional<Image> iconFromWords(std::span<const uint32_t> words, int size);
 
 } // namespace plim
