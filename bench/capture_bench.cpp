@@ -8,6 +8,7 @@
 //   capture_bench [seconds]
 
 #include "base/clock.h"
+#include "processes.h"
 #include "media/media.h"
 
 #include <xcb/xcb.h>
@@ -31,30 +32,11 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
+using plim::bench::spawn;
 using namespace std::chrono_literals;
-
-pid_t spawn(const std::vector<std::string>& argv, const std::string& out, const std::string& err)
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    std::vector<char*> args;
-    for (const auto& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
 
 // Waits for the child and gives its CPU seconds (user + system).
 double waitCpu(pid_t pid, int* status)

@@ -7,6 +7,7 @@
 //
 //   ui_start [plim executable] [warm starts]
 
+#include "processes.h"
 #include "stopwatch.h"
 
 #include <xcb/xcb.h>
@@ -31,31 +32,12 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 namespace fs = std::filesystem;
+using plim::bench::spawn;
 using namespace std::chrono_literals;
 using plim::bench::Steady;
-
-pid_t spawn(const std::vector<std::string>& argv, const std::string& log = "/dev/null")
-{
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-    std::vector<char*> args;
-    for (const auto& a : argv)
-        args.push_back(const_cast<char*>(a.c_str()));
-    args.push_back(nullptr);
-    pid_t pid = -1;
-    if (posix_spawnp(&pid, args[0], &actions, nullptr, args.data(), environ) != 0)
-        pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
 
 void stop(pid_t pid)
 {
@@ -211,7 +193,7 @@ int main(int argc, char** argv)
         std::vector<double> starts;
         for (int run = 0; run <= warmStarts; ++run) {
             auto start = Steady::now();
-            pid_t app = spawn({plim, "--show"}, log);
+            pid_t app = spawn({plim, "--show"}, "/dev/null", log);
             auto window = waitForWindow(c, title, 20s);
             double ms = plim::bench::millisecondsSince(start);
             stop(app);
@@ -231,7 +213,7 @@ int main(int argc, char** argv)
 
             pid_t tray = spawn({"trayer", "--edge", "top", "--align", "right", "--widthtype", "pixel", "--width", "120"});
             std::this_thread::sleep_for(500ms);
-            pid_t app = spawn({plim, "--show"}, log);
+            pid_t app = spawn({plim, "--show"}, "/dev/null", log);
             if (auto window = waitForWindow(c, title, 20s)) {
                 std::this_thread::sleep_for(2s);
                 std::vector<double> panels;
@@ -267,7 +249,7 @@ int main(int argc, char** argv)
                 std::vector<double> forwards;
                 for (int i = 0; i < 5; ++i) {
                     auto start = Steady::now();
-                    pid_t second = spawn({plim, "--mark"}, log);
+                    pid_t second = spawn({plim, "--mark"}, "/dev/null", log);
                     int exitStatus = -1;
                     waitpid(second, &exitStatus, 0);
                     if (exitStatus == 0)
