@@ -66,9 +66,14 @@ public:
     virtual std::vector<DesktopDisplay> displays() const = 0;
     // Windows a user would pick, front to back where the desktop says.
     virtual std::vector<DesktopWindow> windows() const = 0;
+    // Where the window lies now, or nothing when it is gone.
+    virtual std::optional<Rect> windowFrame(uint32_t id) const = 0;
     // The window's icon, the smallest of its sizes at least `size` pixels wide (else its
     // largest); nothing when it has none.
     virtual std::optional<Image> windowIcon(uint32_t id, int size) const = 0;
+    // A still of `area` (global points) as the screen shows it now: a display's thumbnail.
+    // Fails with a sentence when the desktop hands out no picture.
+    virtual Result<Image> picture(const Rect& area) const = 0;
     // Where an area may lie: all displays together.
     virtual Rect bounds() const = 0;
 

@@ -3,6 +3,7 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "capture/capture.h"
+#include "ui/desktop_icons.h"
 #include "ui/desktop_services.h"
 #include "ui/live_bar.h"
 #include "ui/main_menu.h"
@@ -17,6 +18,7 @@
 #include <QMessageBox>
 #include <QScreen>
 #include <QThreadPool>
+#include <QTimer>
 #include <QUrl>
 
 #include <cstdlib>
@@ -73,6 +75,10 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
             });
     });
     m_outline = std::make_unique<RegionOutline>();
+    m_icons = std::make_unique<DesktopIcons>(FileSettingsStore::shared());
+    m_follow = new QTimer(this);
+    m_follow->setInterval(200);
+    connect(m_follow, &QTimer::timeout, this, &AppShell::followWindow);
     m_liveBar = std::make_unique<LiveBar>(m_actions, [this] { m_driver->replim(); });
     connect(m_driver.get(), &RecordingDriver::stateChanged, this, &AppShell::onState);
     connect(m_driver.get(), &RecordingDriver::elapsedChanged, this, [this] { refresh(); });
@@ -94,13 +100,22 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
         m_quitting = true;
         cancelCountdown();
         m_driver->finishBeforeQuit();
+        showDesktopIcons();
         // An automatic edit or poster under way is written whole before the process ends.
         QThreadPool::globalInstance()->waitForDone();
     });
+    // Icons a killed Plim left hidden come back.
+    showDesktopIcons();
     refresh();
 }
 
 AppShell::~AppShell() = default;
+
+void AppShell::showDesktopIcons()
+{
+    if (auto shown = m_icons->restore(); !shown)
+        showFailure(QString::fromStdString(shown.error().sentence));
+}
 
 void AppShell::makeActions()
 {
@@ -259,11 +274,16 @@ void AppShell::showFailure(const QString& sentence)
 
 void AppShell::onState(RecordingDriver::State state)
 {
-    if (state == RecordingDriver::State::rolling && !m_liveBar->isVisible())
+    if (state == RecordingDriver::State::rolling && !m_liveBar->isVisible()) {
+        if (auto hidden = m_icons->hide(); !hidden)
+            logLine(LogArea::main, hidden.error().sentence);
         showRollingChrome();
+    }
     if (state == RecordingDriver::State::idle || state == RecordingDriver::State::staging) {
         m_liveBar->hide();
         m_outline->hide();
+        m_follow->stop();
+        showDesktopIcons();
     }
     refresh();
 }
@@ -275,6 +295,9 @@ void AppShell::showRollingChrome()
     const bool wholeDisplay = m_driver->subject().kind == ScreenSubject::Kind::display;
     if (!wholeDisplay)
         m_outline->showAround(frame);
+    m_followed = frame;
+    if (m_driver->subject().kind == ScreenSubject::Kind::window)
+        m_follow->start();
     m_liveBar->adjustSize();
     auto place = liveBarPlace(frame, wholeDisplay, displayFrames(), m_liveBar->width(), m_liveBar->height());
     if (!place) {
@@ -284,6 +307,24 @@ void AppShell::showRollingChrome()
     }
     m_liveBar->move(int(place->x), int(place->y));
     m_liveBar->show();
+}
+
+void AppShell::followWindow()
+{
+    if (!m_desktop) {
+        auto desktop = Desktop::create();
+        if (!desktop)
+            return;
+        m_desktop = std::move(*desktop);
+    }
+    auto frame = m_desktop->windowFrame(m_driver->subject().windowID);
+    if (!frame) {
+        m_outline->hide(); // the window is gone; the recording says so itself
+        return;
+    }
+    if (*frame != m_followed)
+        m_outline->showAround(*frame);
+    m_followed = *frame;
 }
 
 void AppShell::refresh()
@@ -307,6 +348,7 @@ void AppShell::onPlimFinished(const RawPlim& plim, const std::optional<std::stri
 {
     m_liveBar->hide();
     m_outline->hide();
+    m_follow->stop();
     if (m_quitting)
         return;
     std::optional<std::string> notice;

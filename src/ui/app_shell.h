@@ -13,6 +13,8 @@
 #include <QObject>
 #include <QPointer>
 
+class QTimer;
+
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -24,6 +26,8 @@
 namespace plim {
 
 class CountdownOverlay;
+class Desktop;
+class DesktopIcons;
 class LiveBar;
 class RegionOutline;
 class TrayItem;
@@ -72,6 +76,10 @@ private:
     void onState(RecordingDriver::State state);
     void refresh();
     void showRollingChrome();
+    // Keeps the outline around a recorded window that moves or resizes.
+    void followWindow();
+    // Puts back desktop icons hidden for a recording, saying so when the desktop refuses.
+    void showDesktopIcons();
     void onPlimFinished(const RawPlim& plim, const std::optional<std::string>& failure);
 
     ShellActions m_actions;
@@ -80,6 +88,10 @@ private:
     std::unique_ptr<TrayItem> m_tray;
     std::unique_ptr<LiveBar> m_liveBar;
     std::unique_ptr<RegionOutline> m_outline;
+    QTimer* m_follow = nullptr;
+    std::unique_ptr<Desktop> m_desktop; // asked where a recorded window lies
+    std::unique_ptr<DesktopIcons> m_icons;
+    Rect m_followed;
     QPointer<CountdownOverlay> m_countdown;
     AreaPickerLauncher m_areaPicker;
     // Plims the stop flow is handing over, with why each stopped early if it did.

@@ -15,14 +15,16 @@
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QGuiApplication>
+#include <QHash>
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QListWidget>
+#include <QPointer>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QRadioButton>
-#include <QScreen>
 #include <QSpinBox>
+#include <QThreadPool>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -42,21 +44,23 @@ constexpr int thumbWidth = 160;
 constexpr int frameRole = Qt::UserRole + 1; // a display's frame in global points
 
 // The picture of a display as it looks now, small.
-QPixmap displayThumbnail(const Rect& frame)
+// The last thumbnail of each display, by its frame, so a panel opens with pictures at once.
+QHash<QString, QImage>& lastThumbnails()
 {
-    for (QScreen* screen : QGuiApplication::screens()) {
-        const QRect g = screen->geometry();
-        const QRect wanted(int(frame.x), int(frame.y), int(frame.width), int(frame.height));
-        if (!g.intersects(wanted))
-            continue;
-        const QRect part = g.intersected(wanted);
-        QPixmap shot = screen->grabWindow(0, part.x() - g.x(), part.y() - g.y(), part.width(), part.height());
-        if (!shot.isNull())
-            return shot.scaledToWidth(thumbWidth, Qt::SmoothTransformation);
+    static QHash<QString, QImage> thumbnails;
+    return thumbnails;
+}
+
+QString frameKey(const QRectF& f) { return QStringLiteral("%1,%2,%3,%4").arg(f.x()).arg(f.y()).arg(f.width()).arg(f.height()); }
+
+QIcon thumbnailIcon(const QRectF& frame)
+{
+    QImage picture = lastThumbnails().value(frameKey(frame));
+    if (picture.isNull()) {
+        picture = QImage(thumbWidth, thumbWidth * 9 / 16, QImage::Format_RGB32);
+        picture.fill(QColor(0x2b, 0x2d, 0x33));
     }
-    QPixmap blank(thumbWidth, thumbWidth * 9 / 16);
-    blank.fill(QColor(0x2b, 0x2d, 0x33));
-    return blank;
+    return QIcon(QPixmap::fromImage(picture));
 }
 
 // A device combo: the default, then each device by its description, and the remembered
@@ -282,12 +286,7 @@ RecordPanel::RecordPanel(SettingsStore& settings, fs::path libraryFolder, QWidge
     // The displays' pictures follow what they show while the panel is open.
     m_thumbTimer = new QTimer(this);
     m_thumbTimer->setInterval(2000);
-    connect(m_thumbTimer, &QTimer::timeout, this, [this] {
-        for (int i = 0; i < m_displays->count(); ++i) {
-            const QRectF f = m_displays->item(i)->data(frameRole).toRectF();
-            m_displays->item(i)->setIcon(QIcon(displayThumbnail(Rect{f.x(), f.y(), f.width(), f.height()})));
-        }
-    });
+    connect(m_thumbTimer, &QTimer::timeout, this, &RecordPanel::updateThumbnails);
 
     if (auto desktop = Desktop::create())
         m_desktop = std::move(*desktop);
@@ -310,7 +309,7 @@ void RecordPanel::refresh()
     m_windows->clear();
     if (m_desktop) {
         for (const DesktopDisplay& d : m_desktop->displays()) {
-            auto* item = new QListWidgetItem(QIcon(displayThumbnail(d.frame)),
+            auto* item = new QListWidgetItem(thumbnailIcon(QRectF(d.frame.x, d.frame.y, d.frame.width, d.frame.height)),
                 QStringLiteral("%1 · %2 × %3").arg(QString::fromStdString(d.name)).arg(d.frame.width).arg(d.frame.height));
             item->setData(Qt::UserRole, d.primary ? QString() : QString::fromStdString(d.name));
             item->setData(frameRole, QRectF(d.frame.x, d.frame.y, d.frame.width, d.frame.height));
@@ -343,6 +342,32 @@ void RecordPanel::refresh()
     m_preflight->setText(lines.join(QLatin1Char('\n')));
     m_preflight->setVisible(!lines.isEmpty());
     m_record->setEnabled(lines.isEmpty());
+}
+
+void RecordPanel::updateThumbnails()
+{
+    if (!m_desktop || m_thumbsInFlight || m_displays->count() == 0)
+        return;
+    std::vector<QRectF> frames;
+    for (int i = 0; i < m_displays->count(); ++i)
+        frames.push_back(m_displays->item(i)->data(frameRole).toRectF());
+    m_thumbsInFlight = true;
+    QPointer<RecordPanel> guard(this);
+    QThreadPool::globalInstance()->start([guard, desktop = m_desktop, frames = std::move(frames)] {
+        std::vector<std::pair<QRectF, QImage>> taken;
+        for (const QRectF& f : frames)
+            if (auto picture = desktop->picture(Rect{f.x(), f.y(), f.width(), f.height()}))
+                taken.emplace_back(f, toQImage(*picture).scaledToWidth(thumbWidth, Qt::SmoothTransformation));
+        QMetaObject::invokeMethod(qApp, [guard, taken = std::move(taken)] {
+            for (const auto& [frame, picture] : taken)
+                lastThumbnails().insert(frameKey(frame), picture);
+            if (!guard)
+                return;
+            guard->m_thumbsInFlight = false;
+            for (int i = 0; i < guard->m_displays->count(); ++i)
+                guard->m_displays->item(i)->setIcon(thumbnailIcon(guard->m_displays->item(i)->data(frameRole).toRectF()));
+        });
+    });
 }
 
 void RecordPanel::setArea(const Rect& area)
@@ -405,6 +430,7 @@ void RecordPanel::showEvent(QShowEvent* event)
     refresh();
     listenToMicrophone(m_microphone->isChecked());
     watchCamera(m_camera->isChecked());
+    updateThumbnails();
     m_thumbTimer->start();
 }
 

@@ -9,7 +9,8 @@
 // from a sound source of its own while the panel is shown with the microphone on; its
 // blocks arrive on the source's thread and are only read from a timer here. The camera's
 // preview works the same way: pictures are made small on the camera's thread and the
-// latest one is shown from a timer.
+// latest one is shown from a timer. The displays' thumbnails are taken and scaled on the
+// global thread pool, so the panel shows at once with the last ones it had.
 
 #include "app/record_choice.h"
 #include "capture/camera_source.h"
@@ -69,11 +70,13 @@ private:
     void listenToMicrophone(bool on);
     void watchCamera(bool on);
     void say(const QString& sentence);
+    // Takes fresh pictures of the listed displays off the GUI thread; one round at a time.
+    void updateThumbnails();
 
     SettingsStore& m_settings;
     std::filesystem::path m_folder;
     RecordChoice m_choice;
-    std::unique_ptr<Desktop> m_desktop;
+    std::shared_ptr<Desktop> m_desktop; // shared with the thumbnail round in flight
     QString m_desktopProblem;
 
     QButtonGroup* m_subjects = nullptr;
@@ -94,6 +97,7 @@ private:
     QPushButton* m_record = nullptr;
     QTimer* m_meterTimer = nullptr;
     QTimer* m_thumbTimer = nullptr;
+    bool m_thumbsInFlight = false;
     QLabel* m_preview = nullptr;
     QTimer* m_previewTimer = nullptr;
 

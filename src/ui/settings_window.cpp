@@ -7,14 +7,13 @@
 #include "library/look_store.h"
 #include "library/plims_folder_move.h"
 #include "ui/capture_choices.h"
+#include "ui/desktop_icons.h"
 #include "ui/desktop_services.h"
 #include "ui/labels.h"
 
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
 #include <QFormLayout>
 #include <QGuiApplication>
 #include <QHBoxLayout>
@@ -28,9 +27,7 @@ namespace plim {
 
 bool SettingsWindow::desktopIconsCanHide()
 {
-    auto bus = QDBusConnection::sessionBus();
-    return bus.isConnected() && bus.interface()
-        && bus.interface()->isServiceRegistered(QStringLiteral("com.rastersoft.ding")).value();
+    return DesktopIcons::present() != DesktopIcons::Desktop::none;
 }
 
 SettingsWindow::SettingsWindow(SettingsStore& settings, StorageRoot root, fs::path looksFile, QWidget* parent)

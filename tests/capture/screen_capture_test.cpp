@@ -93,6 +93,16 @@ TEST_F(ScreenCaptureTest, TheDesktopListsWhatItShowsAndRefusesWhatCannotBeRecord
     ASSERT_NE(shown, windows.end());
     EXPECT_EQ(shown->frame, (Rect{10, 10, 50, 40}));
 
+    // A still of an area straddling the window's corner, and one off every display.
+    auto still = desktop.picture(Rect{0, 0, 20, 20});
+    ASSERT_TRUE(still.has_value()) << still.error().sentence;
+    ASSERT_EQ(still->width, 20);
+    const uint8_t* inside = still->row(15) + 15 * 4;
+    const uint8_t* outside = still->row(5) + 5 * 4;
+    EXPECT_EQ((std::array<int, 4>{inside[0], inside[1], inside[2], inside[3]}), (std::array<int, 4>{0, 255, 0, 255}));
+    EXPECT_NE(outside[1], 255);
+    EXPECT_FALSE(desktop.picture(Rect{900, 700, 10, 10}).has_value());
+
     // Its icon: the smallest size at least as wide as asked, else the largest, premultiplied.
     EXPECT_FALSE(desktop.windowIcon(window.id(), 32));
     std::vector<uint32_t> icon = {16, 16};

@@ -4,6 +4,7 @@
 
 #include "testkit/servers.h"
 #include "testkit/session_bus.h"
+#include "testkit/test_window.h"
 #include "testkit/testkit.h"
 #include "ui/live_bar.h"
 
@@ -14,6 +15,7 @@
 #include <csignal>
 #include <mutex>
 #include <regex>
+#include <sstream>
 #include <thread>
 
 using namespace plim;
@@ -169,6 +171,26 @@ TEST_F(Shell, RecordAreaRecordsExactlyTheDraggedArea)
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(plim("--stop").status, 0);
     expectFinishedPlim(1, "480,320");
+}
+
+TEST_F(Shell, TheOutlineFollowsARecordedWindowThatMoves)
+{
+    TestWindow window(xvfb.display(), 100, 100, 320, 200, 0x3060c0);
+    rememberChoice(0, ", \"recordSubject\": \"window\", \"recordWindow\": " + std::to_string(window.id()));
+    auto app = startApp({"--toggle"});
+    // The edge above the window starts 3 pixels above and left of it, and moves with it.
+    auto topEdgeAt = [&](const std::string& place) {
+        std::istringstream found(runCommand({"xdotool", "search", "--onlyvisible", "--name", "Plim outline"}, env()).out);
+        for (std::string id; std::getline(found, id);)
+            if (runCommand({"xdotool", "getwindowgeometry", id}, env()).out.find("Position: " + place) != std::string::npos)
+                return true;
+        return false;
+    };
+    ASSERT_TRUE(eventually([&] { return topEdgeAt("97,97"); }, 60)) << appErrors();
+    ASSERT_EQ(runCommand({"xdotool", "windowmove", std::to_string(window.id()), "300", "250"}, env()).status, 0);
+    EXPECT_TRUE(eventually([&] { return topEdgeAt("297,247"); }, 10)) << appErrors();
+    EXPECT_EQ(plim("--stop").status, 0);
+    expectFinishedPlim(1, "320,200");
 }
 
 TEST_F(Shell, ARecordingCutOffByAKillIsRecoveredAtTheNextStart)

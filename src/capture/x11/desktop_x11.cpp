@@ -37,7 +37,9 @@ public:
     }
 
     std::vector<DesktopWindow> windows() const override { return m_x11->windows(); }
+    std::optional<Rect> windowFrame(uint32_t id) const override { return m_x11->windowFrame(id); }
     std::optional<Image> windowIcon(uint32_t id, int size) const override { return m_x11->windowIcon(id, size); }
+    Result<Image> picture(const Rect& area) const override { return m_x11->picture(area); }
 
     Rect bounds() const override
     {

@@ -4,7 +4,10 @@
 #include <xcb/xcb.h>
 #include <xcb/xproto.h>
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <immintrin.h>
 #include <cstdlib>
 #include <thread>
 #include <cstring>
@@ -185,6 +188,47 @@ std::vector<DesktopWindow> X11Connection::windows() const
         result.push_back({*id, title.value_or(""), *frame});
     }
     return result;
+}
+
+void copyOpaqueRow(uint8_t* dst, const uint8_t* src, int width)
+{
+    const __m128i alpha = _mm_set1_epi32(static_cast<int>(0xff000000u));
+    int x = 0;
+    for (; x + 16 <= width; x += 16) {
+        for (int k = 0; k < 4; ++k) {
+            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + (x + 4 * k) * 4));
+            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + (x + 4 * k) * 4), _mm_or_si128(v, alpha));
+        }
+    }
+    for (; x < width; ++x) {
+        uint32_t p;
+        std::memcpy(&p, src + x * 4, 4);
+        p |= 0xff000000u;
+        std::memcpy(dst + x * 4, &p, 4);
+    }
+}
+
+Result<Image> X11Connection::picture(const Rect& area) const
+{
+    const Size whole = rootSize();
+    const int x = std::clamp(int(std::floor(area.x)), 0, int(whole.width));
+    const int y = std::clamp(int(std::floor(area.y)), 0, int(whole.height));
+    const int width = std::clamp(int(std::ceil(area.x + area.width)), x, int(whole.width)) - x;
+    const int height = std::clamp(int(std::ceil(area.y + area.height)), y, int(whole.height)) - y;
+    if (width < 1 || height < 1)
+        return fail("That part of the screen lies outside every display, so there is no picture of it.", Error::Kind::missing);
+    auto cookie = xcb_get_image(m_connection, XCB_IMAGE_FORMAT_Z_PIXMAP, root(), int16_t(x), int16_t(y), uint16_t(width),
+        uint16_t(height), ~0u);
+    std::unique_ptr<xcb_get_image_reply_t, decltype(&std::free)> reply(
+        xcb_get_image_reply(m_connection, cookie, nullptr), &std::free);
+    const size_t rowBytes = size_t(width) * 4;
+    if (!reply || reply->depth < 24 || size_t(xcb_get_image_data_length(reply.get())) < rowBytes * size_t(height))
+        return fail("The X server did not hand out a picture of the screen.");
+    Image image = Image::uninitialized(width, height);
+    const uint8_t* data = xcb_get_image_data(reply.get());
+    for (int row = 0; row < height; ++row)
+        copyOpaqueRow(image.row(row), data + size_t(row) * rowBytes, width);
+    return image;
 }
 
 std::optional<Image> X11Connection::windowIcon(uint32_t window, int size) const

@@ -56,6 +56,10 @@ public:
     // wide, else its largest, premultiplied BGRA; nothing when it has none that reads.
     std::optional<Image> windowIcon(uint32_t window, int size) const;
 
+    // A still of `area` (root coordinates, kept inside the root) as the screen shows it now,
+    // opaque BGRA. Fails with a sentence when the server hands out no picture.
+    Result<Image> picture(const Rect& area) const;
+
     // The pointer in root coordinates, or nothing when it cannot be read.
     std::optional<Point> pointer() const;
 
@@ -75,6 +79,9 @@ private:
     xcb_screen_t* m_screen = nullptr;
     std::string m_name;
 };
+
+// Copies one row of X pixels (BGRX) into BGRA with the alpha byte set.
+void copyOpaqueRow(uint8_t* dst, const uint8_t* src, int width);
 
 // The icon in a _NET_WM_ICON property's words (see X11Connection::windowIcon); nothing when
 // no entry reads. An entry claiming more pixels than there are ends the list.
