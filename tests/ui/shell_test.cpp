@@ -173,8 +173,13 @@ TEST_F(Shell, RecordAreaRecordsExactlyTheDraggedArea)
     expectFinishedPlim(1, "480,320");
 }
 
+// Under a window manager that frames and moves the window itself.
 TEST_F(Shell, TheOutlineFollowsARecordedWindowThatMoves)
 {
+    ChildProcess windowManager({"openbox", "--sm-disable"}, env(), logs / "wm.out", logs / "wm.err");
+    ASSERT_TRUE(eventually([&] {
+        return runCommand({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}, env()).out.find("window id") != std::string::npos;
+    }, 20)) << readText(logs / "wm.err");
     TestWindow window(xvfb.display(), 100, 100, 320, 200, 0x3060c0);
     rememberChoice(0, ", \"recordSubject\": \"window\", \"recordWindow\": " + std::to_string(window.id()));
     auto app = startApp({"--toggle"});
