@@ -55,7 +55,7 @@ std::vector<Rect> displayFrames()
     std::vector<Rect> frames;
     if (auto desktop = Desktop::create())
         for (const auto& display : (*desktop)->displays())
-            frames.push_back(display.frame);
+            frames.push_back(toWindowPoints(display.frame));
     return frames;
 }
 
@@ -299,7 +299,7 @@ void AppShell::showRollingChrome()
     if (m_driver->subject().kind == ScreenSubject::Kind::window)
         m_follow->start();
     m_liveBar->adjustSize();
-    auto place = liveBarPlace(frame, wholeDisplay, displayFrames(), m_liveBar->width(), m_liveBar->height());
+    auto place = liveBarPlace(toWindowPoints(frame), wholeDisplay, displayFrames(), m_liveBar->width(), m_liveBar->height());
     if (!place) {
         logLine(LogArea::main, "the live bar stays hidden while the only display is recorded, so it is not in the plim; "
                                "the tray item and plim --stop control the recording.");

@@ -1,5 +1,7 @@
 #include "ui/area_picker.h"
 
+#include "ui/desktop_services.h"
+
 #include <QGuiApplication>
 #include <QKeyEvent>
 #include <QMouseEvent>
@@ -248,9 +250,7 @@ AreaPicker::AreaPicker(std::optional<Rect> last, QObject* parent) : QObject(pare
     for (QScreen* screen : QGuiApplication::screens())
         m_bounds |= screen->geometry();
     if (last && last->width >= smallestSide && last->height >= smallestSide) {
-        const qreal dpr = QGuiApplication::primaryScreen() ? QGuiApplication::primaryScreen()->devicePixelRatio() : 1.0;
-        const QRect area(int(std::lround(last->x / dpr)), int(std::lround(last->y / dpr)), int(std::lround(last->width / dpr)),
-            int(std::lround(last->height / dpr)));
+        const QRect area = toWindowRect(*last);
         if (m_bounds.contains(area))
             m_selection = area;
     }

@@ -4,7 +4,11 @@
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
 #include <QDesktopServices>
+#include <QGuiApplication>
+#include <QScreen>
 #include <QUrl>
+
+#include <cmath>
 
 namespace plim {
 
@@ -33,6 +37,19 @@ Status showInFileManager(const std::filesystem::path& file)
     if (!QDesktopServices::openUrl(QUrl::fromLocalFile(toQString(folder))))
         return fail("No file manager answered, so " + folder.string() + " could not be shown. Nothing was changed.");
     return {};
+}
+
+Rect toWindowPoints(const Rect& pixels)
+{
+    const QScreen* screen = QGuiApplication::primaryScreen();
+    const double dpr = screen ? screen->devicePixelRatio() : 1.0;
+    return Rect{pixels.x / dpr, pixels.y / dpr, pixels.width / dpr, pixels.height / dpr};
+}
+
+QRect toWindowRect(const Rect& pixels)
+{
+    const Rect r = toWindowPoints(pixels);
+    return QRect(int(std::lround(r.x)), int(std::lround(r.y)), int(std::lround(r.width)), int(std::lround(r.height)));
 }
 
 QImage toQImage(const Image& image)

@@ -5,9 +5,11 @@
 // Threads: call from the GUI thread; toQImage() from any thread.
 
 #include "base/error.h"
+#include "base/geometry.h"
 #include "base/image.h"
 
 #include <QImage>
+#include <QRect>
 #include <QString>
 
 #include <filesystem>
@@ -23,6 +25,11 @@ Status showInFileManager(const std::filesystem::path& file);
 
 // A copy of a BGRA premultiplied picture.
 QImage toQImage(const Image& image);
+
+// The desktop counts in X pixels, Qt's windows in its own points: on a screen scaled by 2,
+// the pixel rectangle (200, 100, 640, 400) is the window rectangle (100, 50, 320, 200).
+QRect toWindowRect(const Rect& pixels);
+Rect toWindowPoints(const Rect& pixels);
 
 inline QString toQString(const std::filesystem::path& path) { return QString::fromStdString(path.string()); }
 inline std::filesystem::path toPath(const QString& text) { return std::filesystem::path(text.toStdString()); }

@@ -1,5 +1,7 @@
 #include "ui/subject_overlays.h"
 
+#include "ui/desktop_services.h"
+
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -11,8 +13,6 @@ namespace {
 constexpr Qt::WindowFlags overlayFlags =
     Qt::Window | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::X11BypassWindowManagerHint;
 
-QRect toQRect(const Rect& r) { return QRect(int(r.x), int(r.y), int(r.width), int(r.height)); }
-
 } // namespace
 
 CountdownOverlay::CountdownOverlay(const Rect& subject, int seconds) : QWidget(nullptr, overlayFlags), m_left(seconds)
@@ -21,7 +21,7 @@ CountdownOverlay::CountdownOverlay(const Rect& subject, int seconds) : QWidget(n
     setWindowTitle("Plim countdown");
     setAttribute(Qt::WA_DeleteOnClose);
     const int side = 220;
-    QRect area = toQRect(subject);
+    QRect area = toWindowRect(subject);
     setGeometry(area.center().x() - side / 2, area.center().y() - side / 2, side, side);
     QPainterPath round;
     round.addRoundedRect(QRectF(0, 0, side, side), 36, 36);
@@ -110,7 +110,7 @@ RegionOutline::~RegionOutline() = default;
 void RegionOutline::showAround(const Rect& area)
 {
     const int t = 3;
-    QRect r = toQRect(area);
+    QRect r = toWindowRect(area);
     QRect rects[4] = {
         QRect(r.left() - t, r.top() - t, r.width() + 2 * t, t), // above
         QRect(r.left() - t, r.top() + r.height(), r.width() + 2 * t, t), // below

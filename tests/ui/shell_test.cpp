@@ -78,7 +78,12 @@ protected:
         writeText(sandbox.home() / ".config/plim/settings.json",
             "{\"countdownSeconds\": " + std::to_string(countdownSeconds) + more + "}");
     }
-    std::vector<std::string> env() const { return {"DISPLAY=" + xvfb.display(), "PLIM_LOG=stderr"}; }
+    std::vector<std::string> env() const
+    {
+        std::vector<std::string> all = {"DISPLAY=" + xvfb.display(), "PLIM_LOG=stderr"};
+        all.insert(all.end(), extraEnv.begin(), extraEnv.end());
+        return all;
+    }
 
     // The application, its output kept for the failure messages.
     std::unique_ptr<ChildProcess> startApp(std::vector<std::string> args = {})
@@ -108,6 +113,7 @@ protected:
         }
     }
 
+    std::vector<std::string> extraEnv;
     XdgSandbox sandbox;
     XvfbServer xvfb;
     TestSessionBus bus;
@@ -173,9 +179,10 @@ TEST_F(Shell, RecordAreaRecordsExactlyTheDraggedArea)
     expectFinishedPlim(1, "480,320");
 }
 
-// Under a window manager that frames and moves the window itself.
+// Under a window manager that frames and moves the window itself, on a screen scaled by 2.
 TEST_F(Shell, TheOutlineFollowsARecordedWindowThatMoves)
 {
+    extraEnv = {"QT_SCALE_FACTOR=2"};
     ChildProcess windowManager({"openbox", "--sm-disable"}, env(), logs / "wm.out", logs / "wm.err");
     ASSERT_TRUE(eventually([&] {
         return runCommand({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"}, env()).out.find("window id") != std::string::npos;
@@ -183,7 +190,7 @@ TEST_F(Shell, TheOutlineFollowsARecordedWindowThatMoves)
     TestWindow window(xvfb.display(), 100, 100, 320, 200, 0x3060c0);
     rememberChoice(0, ", \"recordSubject\": \"window\", \"recordWindow\": " + std::to_string(window.id()));
     auto app = startApp({"--toggle"});
-    // The edge above the window starts 3 pixels above and left of it, and moves with it.
+    // The edge above the window starts 3 points (6 pixels) above and left of it, and moves with it.
     auto topEdgeAt = [&](const std::string& place) {
         std::istringstream found(runCommand({"xdotool", "search", "--onlyvisible", "--name", "Plim outline"}, env()).out);
         for (std::string id; std::getline(found, id);)
@@ -191,9 +198,9 @@ TEST_F(Shell, TheOutlineFollowsARecordedWindowThatMoves)
                 return true;
         return false;
     };
-    ASSERT_TRUE(eventually([&] { return topEdgeAt("97,97"); }, 60)) << appErrors();
+    ASSERT_TRUE(eventually([&] { return topEdgeAt("94,94"); }, 60)) << appErrors();
     ASSERT_EQ(runCommand({"xdotool", "windowmove", std::to_string(window.id()), "300", "250"}, env()).status, 0);
-    EXPECT_TRUE(eventually([&] { return topEdgeAt("297,247"); }, 10)) << appErrors();
+    EXPECT_TRUE(eventually([&] { return topEdgeAt("294,244"); }, 10)) << appErrors();
     EXPECT_EQ(plim("--stop").status, 0);
     expectFinishedPlim(1, "320,200");
 }
