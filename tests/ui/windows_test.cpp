@@ -182,6 +182,9 @@ TEST(HomeWindow, ShowsAPlimCopiedInRenamesItByKeysAndDropsItWhenRemoved)
     ASSERT_TRUE(waitUntil([&] { return grid->model()->rowCount() == 2; }));
     EXPECT_EQ(grid->model()->index(0, 0).data().toString(), QStringLiteral("Intro"));
     EXPECT_EQ(grid->model()->index(1, 0).data().toString(), QStringLiteral("Clip"));
+    // A card dragged out is its movie, as a file manager or a chat takes it.
+    std::unique_ptr<QMimeData> dragged(grid->model()->mimeData({grid->model()->index(1, 0)}));
+    EXPECT_EQ(dragged->urls(), QList<QUrl>{QUrl::fromLocalFile(QString::fromStdString((library / "Clip.mov").string()))});
     ASSERT_TRUE(waitUntil([&] { return fs::exists(PlimThumbs::pathFor(library / "Intro.mov")); }, 60));
     QTest::qWait(100);
     keepShot(home, "home");
