@@ -289,12 +289,6 @@ TEST_F(CliTest, PlanCommandReportsNoticesAndLeavesADamagedFileAlone)
     EXPECT_THAT(result.out, HasSubstr("output: 30.000s"));
     EXPECT_THAT(result.out, HasSubstr("notice: "));
     EXPECT_EQ(readText(dir / "B.edits.json"), damaged);
-
-    writeText(dir / "B.edits.json", "{ not json");
-    auto unreadable = ctl({"plan", movie.string(), "--json"});
-    EXPECT_EQ(unreadable.status, 0);
-    EXPECT_THAT(unreadable.out, HasSubstr("\"planFromFile\": false"));
-    EXPECT_EQ(readText(dir / "B.edits.json"), "{ not json");
 }
 
 TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)
@@ -366,8 +360,6 @@ TEST_F(CliTest, PlimctlRefusesUnknownCommandsAndBadOptionsWithASentence)
 TEST(StageCLI, RequestedRenderPrefersStageAndIgnoresATrailingOption)
 {
     using Args = std::vector<std::string>;
-    EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--reframe", "a.mov", "--stage", "b.mov"}),
-        (RenderRequest{"b.mov", false}));
     EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--reframe", "a.mov"}), (RenderRequest{"a.mov", true}));
     EXPECT_EQ(StageCLI::requestedRender(Args{"plim", "--stage"}), std::nullopt);
     // A lone trailing --stage does not hide a usable --reframe before it.
@@ -378,16 +370,9 @@ TEST(StageCLI, RequestedRenderPrefersStageAndIgnoresATrailingOption)
         (RenderRequest{"first.mov", false}));
 }
 
-TEST(StageCLI, ProgressTruncatesTowardZero)
+TEST(StageCLI, ProgressTruncatesTowardZeroSummaryLineAndTrimSuffix)
 {
     EXPECT_EQ(StageCLI::progressLine("staging", 0.999), "staging 99%");
-    EXPECT_EQ(StageCLI::progressLine("staging", 0.42), "staging 42%");
-    EXPECT_EQ(StageCLI::progressLine("reframing", 1.0), "reframing 100%");
-    EXPECT_EQ(StageCLI::progressLine("reframing", 0.0), "reframing 0%");
-}
-
-TEST(StageCLI, SummaryLineAndTrimSuffix)
-{
     RenderSummary s;
     s.wallSeconds = 3.24;
     s.movieDuration = 60;
@@ -403,10 +388,9 @@ TEST(StageCLI, SummaryLineAndTrimSuffix)
     EXPECT_EQ(StageCLI::trimSuffix(std::nullopt, std::nullopt, 60), "");
     s.outputDuration = 2e9;
     EXPECT_THAT(StageCLI::summaryLine(s), HasSubstr(" · out 2e+09s · "));
-    EXPECT_EQ(StageCLI::failureLine("staging", "The movie is gone."), "staging failed: The movie is gone.");
 }
 
-TEST(AppRuntime, InstalledOnlyFromThePrefixBinFolder)
+TEST(AppRuntime, InstalledOnlyFromThePrefixBinFolderAndUpdaterHoldReasonsInOrder)
 {
     EXPECT_TRUE(AppRuntime::isBundledExecutable("/usr/local/bin/plim", "/usr/local"));
     EXPECT_FALSE(AppRuntime::isBundledExecutable("/work/main/build/src/plim", "/usr/local"));
@@ -414,15 +398,10 @@ TEST(AppRuntime, InstalledOnlyFromThePrefixBinFolder)
     EXPECT_FALSE(AppRuntime::isBundledExecutable("", "/usr/local"));
     // The test binary itself is a build-tree binary.
     EXPECT_FALSE(AppRuntime::isBundledApp());
-}
-
-TEST(AppRuntime, UpdaterHoldReasonsInOrder)
-{
+    // Why the updater holds, a headless render named first.
     EXPECT_EQ(AppRuntime::updaterHold(true, true, "/usr/bin/plim"),
         "this process is a headless render (--stage / --reframe)");
     EXPECT_EQ(AppRuntime::updaterHold(false, true, "/usr/bin/plim"), std::nullopt);
     EXPECT_EQ(AppRuntime::updaterHold(false, false, "/tmp/b/plim"),
         "this process is not the installed app (the executable is /tmp/b/plim)");
-    EXPECT_EQ(AppRuntime::updaterHold(std::vector<std::string>{"plim", "--stage", "x.mov"}),
-        "this process is a headless render (--stage / --reframe)");
 }

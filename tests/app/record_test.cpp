@@ -63,17 +63,6 @@ protected:
         return movies.size() == 1 ? movies[0] : fs::path();
     }
 
-    // Waits up to 10 s for the recording's movie to appear.
-    static fs::path awaitMovie(const fs::path& folder)
-    {
-        for (int i = 0; i < 200; ++i) {
-            if (auto movie = onlyMovie(folder); !movie.empty())
-                return movie;
-            std::this_thread::sleep_for(50ms);
-        }
-        return {};
-    }
-
     // Seconds of the system-sound track (the second sound track) louder than -30 dBFS, as (first, last) instants.
     std::optional<std::pair<double, double>> loudSpan(const fs::path& movie)
     {
@@ -114,8 +103,7 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
                             "60", "--area", "0,0,640,360"},
         library);
     // The picture rolls once the sound flows, which a cold sound server may take a while to do.
-    for (int i = 0; i < 200 && readText(sandbox.home() / "err.txt").find("Recording ") == std::string::npos; ++i)
-        std::this_thread::sleep_for(50ms);
+    eventually([&] { return readText(sandbox.home() / "err.txt").find("Recording ") != std::string::npos; }, 10);
     ASSERT_FALSE(onlyMovie(library).empty()) << readText(sandbox.home() / "err.txt");
     std::this_thread::sleep_for(300ms);
     xdotool({"mousemove", "200", "150", "click", "1"});
@@ -242,7 +230,8 @@ TEST_F(RecordTest, RefusalsAndMissingInputsAreSaidOnStandardError)
 TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
 {
     auto child = record({"--area", "0,0,640,360"}, library);
-    fs::path movie = awaitMovie(library);
+    eventually([&] { return !onlyMovie(library).empty(); }, 10);
+    fs::path movie = onlyMovie(library);
     ASSERT_FALSE(movie.empty()) << readText(sandbox.home() / "err.txt");
     auto rolling = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(300ms);

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <thread>
 
@@ -60,41 +61,30 @@ TEST_F(ShareCliTest, SharesPrintProgressTheNoteAndTheFile)
     EXPECT_EQ(std::distance(fs::directory_iterator(out.path()), fs::directory_iterator()), 1);
 }
 
-TEST_F(ShareCliTest, CtrlCStopsWithNothingSaved)
-{
-    const fs::path clip = movie("Long.mov", 6.0);
-    std::vector<std::string> args = {builtExecutable("plimctl").string(), "share", clip.string(), "--quality", "4K", "--to",
-        out.path().string()};
-    ChildProcess share(args, env, out / ".stdout", out / ".stderr");
-    // Interrupted once frames are being written.
-    for (int i = 0; i < 600 && readText(out / ".stdout").find("write: now") == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ::kill(share.pid(), SIGINT);
-    EXPECT_EQ(share.wait(), 1);
-    const std::string err = readText(out / ".stderr");
-    EXPECT_TRUE(err.ends_with("\nStopped. Nothing was saved.\n") || err == "Stopped. Nothing was saved.\n") << err;
-    for (const auto& entry : fs::directory_iterator(out.path()))
-        EXPECT_TRUE(entry.path().filename().string().starts_with(".")) << entry.path();
-}
-
-TEST_F(ShareCliTest, TerminatingAStageRemovesItsPartialMovie)
+// Ctrl-C stops a share and a termination a stage, each with nothing saved and no partial
+// file left.
+TEST_F(ShareCliTest, InterruptedSharesAndStagesLeaveNothing)
 {
     const fs::path clip = movie("Long.mov", 6.0);
     TestMovie shape;
     shape.duration = 6.0;
     ASSERT_TRUE(testTrack(shape).write(clip));
-    ChildProcess stage({builtExecutable("plimctl").string(), "stage", clip.string(), "--size", "2160", "--output",
-                           (out / "Long.mp4").string()},
+    ChildProcess share({builtExecutable("plimctl").string(), "share", clip.string(), "--quality", "4K", "--to",
+                           out.path().string()},
         env, out / ".stdout", out / ".stderr");
-    auto partial = [&] {
-        for (const auto& entry : fs::directory_iterator(out.path()))
-            if (entry.path().filename().string().starts_with("Long.partial"))
-                return true;
-        return false;
-    };
-    for (int i = 0; i < 600 && !partial(); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    ASSERT_TRUE(partial()) << readText(out / ".stderr");
+    eventually([&] { return readText(out / ".stdout").find("write: now") != std::string::npos; }, 12);
+    ::kill(share.pid(), SIGINT);
+    EXPECT_EQ(share.wait(), 1);
+    const std::string err = readText(out / ".stderr");
+    EXPECT_TRUE(err.ends_with("\nStopped. Nothing was saved.\n") || err == "Stopped. Nothing was saved.\n") << err;
+
+    ChildProcess stage({builtExecutable("plimctl").string(), "stage", clip.string(), "--size", "2160", "--output",
+                           (out / "Staged.mp4").string()},
+        env, out / ".stdout", out / ".stderr");
+    ASSERT_TRUE(eventually([&] {
+        return std::ranges::any_of(fs::directory_iterator(out.path()),
+            [](const auto& entry) { return entry.path().filename().string().starts_with("Staged.partial"); });
+    }, 12)) << readText(out / ".stderr");
     ::kill(stage.pid(), SIGTERM);
     EXPECT_EQ(stage.wait(), 1);
     EXPECT_TRUE(readText(out / ".stderr").ends_with("\nStopped. Nothing was saved.\n")) << readText(out / ".stderr");

@@ -247,39 +247,23 @@ TEST(CursorRecorder, TheJournalTakesWhatIsNewAndTheFinalWriteFoldsItIn)
     EXPECT_EQ(CursorTrack::read(dir / "gone" / "B.mov")->value.samples.size(), 30u);
 }
 
-TEST(CursorRecorder, TimerPollsOnItsOwnThreadUntilStoppedOrDropped)
+// The timer polls on its own thread until stopped or dropped, while other threads mark,
+// pause and click.
+TEST(CursorRecorder, ThePollRunsOnItsOwnThreadUntilStoppedOrDroppedWhileOtherThreadsMarkPauseAndClick)
 {
-    ScriptedPointerSource pointer;
-    pointer.setPosition(Point{3, 4});
+    ScriptedPointerSource pointer, other;
+    other.setPosition(Point{3, 4});
     ScriptedClickSource clicks;
     {
-        CursorRecorder dropped(display, 9u, sourcesOf(pointer, &clicks));
+        CursorRecorder dropped(display, 9u, sourcesOf(other, &clicks));
         dropped.start();
         EXPECT_EQ(clicks.installedCount(), 1);
     }
     EXPECT_EQ(clicks.installedCount(), 0);
-    int queries = pointer.windowFrameQueries();
+    int queries = other.windowFrameQueries();
 
-    CursorRecorder recorder(display, std::nullopt, sourcesOf(pointer, &clicks));
-    recorder.start();
-    for (int i = 0; i < 1000 && recorder.snapshot().samples.size() < 6; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    clicks.press({ClickSource::Button::left, 3, 4});
-    CursorTrack track = recorder.stop();
-    ASSERT_GE(track.samples.size(), 6u);
-    EXPECT_EQ(track.clicks.size(), 1u);
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_EQ(recorder.snapshot().samples.size(), track.samples.size());
-    // The dropped recorder's thread asks for no more frames.
-    EXPECT_EQ(pointer.windowFrameQueries(), queries);
-}
-
-TEST(CursorRecorder, MarksPausesAndClicksFromOtherThreadsWhileThePollRuns)
-{
-    ScriptedPointerSource pointer;
     pointer.setPosition(Point{3, 4});
     pointer.setWindowFrame(1, Rect{0, 0, 10, 10});
-    ScriptedClickSource clicks;
     CursorRecorder recorder(display, 1u, sourcesOf(pointer, &clicks));
     recorder.start();
     std::thread presser([&] {
@@ -293,9 +277,11 @@ TEST(CursorRecorder, MarksPausesAndClicksFromOtherThreadsWhileThePollRuns)
         recorder.setPaused(false);
     }
     presser.join();
+    eventually([&] { return recorder.snapshot().samples.size() >= 6; }, 10);
     // A press after the last resume always lands.
     clicks.press({ClickSource::Button::left, 1000, 0});
     CursorTrack track = recorder.stop();
+    ASSERT_GE(track.samples.size(), 6u);
     EXPECT_EQ(track.marks.size(), 300u);
     // Presses during a pause are dropped: what remains is each press at most once, none
     // made up, and the last one.
@@ -308,4 +294,8 @@ TEST(CursorRecorder, MarksPausesAndClicksFromOtherThreadsWhileThePollRuns)
     EXPECT_TRUE(std::ranges::is_sorted(track.marks, {}, &Mark::t));
     EXPECT_TRUE(std::ranges::is_sorted(track.clicks, {}, &ClickEvent::t));
     EXPECT_TRUE(std::ranges::is_sorted(track.samples, {}, &CursorSample::t));
+    // Stopped, it polls no more; the dropped recorder's thread asks for no more frames.
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(recorder.snapshot().samples.size(), track.samples.size());
+    EXPECT_EQ(other.windowFrameQueries(), queries);
 }

@@ -238,7 +238,7 @@ PlimEdits firstEdit()
     return e;
 }
 
-TEST(PlimDocument, SavingLeavesAFileWithoutReadPermissionByteForByte)
+TEST(PlimDocument, AFileWithoutReadPermissionIsReportedAndSavingLeavesItByteForByte)
 {
     if (rerunUnprivileged())
         return;
@@ -250,6 +250,8 @@ TEST(PlimDocument, SavingLeavesAFileWithoutReadPermissionByteForByte)
     auto opened = PlimDocument::open(movie, 10, false, firstEdit);
     ASSERT_TRUE(opened.notice);
     EXPECT_EQ(std::pair(opened.editsFromFile, opened.notice->kind), std::pair(false, Error::Kind::unreadable));
+    EXPECT_NE(opened.notice->sentence.find("B.edits.json is on disk but could not be read"), std::string::npos)
+        << opened.notice->sentence;
     ASSERT_TRUE(opened.document->save());
     chmod(file.c_str(), 0644);
     EXPECT_EQ(readText(file), locked);

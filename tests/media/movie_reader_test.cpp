@@ -93,17 +93,6 @@ TEST_F(MovieReaderTest, SeeksToThePictureShowingAtATime)
     }
 }
 
-TEST_F(MovieReaderTest, ScalesInTheSamePass)
-{
-    auto reader = MovieReader::create(movie(), MovieReader::Options{160, 120, 1});
-    ASSERT_TRUE(reader);
-    auto frame = (*reader)->next();
-    ASSERT_TRUE(frame && *frame);
-    EXPECT_EQ((*frame)->image.width, 160);
-    EXPECT_EQ((*frame)->image.height, 120);
-    EXPECT_NEAR(levelAt((*frame)->image), countingLevel(0), 3);
-}
-
 // Raw pictures keep their own pixels while the decoder goes on (it must not hand their
 // buffers out again), outlive the reader, convert on another thread, and come out as
 // `next()` gives them, at the reader's size.
@@ -150,6 +139,7 @@ TEST_F(MovieReaderTest, RawPicturesKeepTheirPixelsUntilConverted)
                 EXPECT_EQ(std::memcmp(converted[n].row(c.height / 2), direct[n].row(c.height / 2), 4 * c.width), 0)
                     << "frame " << n;
             }
+            EXPECT_NEAR(levelAt(direct[30]), countingLevel(30), 3) << "scaled in the same pass";
         }
         // The reader is gone; its pictures are not.
         PictureConverter late("count.mp4");
@@ -162,29 +152,6 @@ TEST_F(MovieReaderTest, RawPicturesKeepTheirPixelsUntilConverted)
     auto nothing = PictureConverter("count.mp4").convert(RawVideoFrame{});
     ASSERT_FALSE(nothing);
     EXPECT_NE(nothing.error().sentence.find("count.mp4"), std::string::npos) << nothing.error().sentence;
-}
-
-TEST_F(MovieReaderTest, ReadsPrimaryColoursBackThroughItsMatrix)
-{
-    for (int h : {240, 720}) {
-        int w = h * 4 / 3;
-        fs::path path = s_dir / ("colours" + std::to_string(h) + ".mp4");
-        const uint8_t colours[3][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}}; // red, green, blue (BGR)
-        std::vector<Image> pictures;
-        for (const auto& c : colours)
-            pictures.push_back(solid(w, h, c[0], c[1], c[2]));
-        writeSolids(path, w, h, pictures);
-        auto reader = MovieReader::create(path);
-        ASSERT_TRUE(reader);
-        for (int n = 0; n < 3; ++n) {
-            auto frame = (*reader)->next();
-            ASSERT_TRUE(frame && *frame);
-            const uint8_t* p = (*frame)->image.row(h / 2) + 4 * (w / 2);
-            for (int c = 0; c < 3; ++c)
-                EXPECT_NEAR(p[c], colours[n][c], 6) << h << "p colour " << n << " channel " << c;
-            EXPECT_EQ(p[3], 255);
-        }
-    }
 }
 
 TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)

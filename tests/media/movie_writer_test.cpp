@@ -94,15 +94,19 @@ TEST(MovieWriter, ExportIsFaststartMp4WithItsSettings)
 }
 
 // The stored Y of a red picture tells the matrix and range: BT.709 limited gives 63, BT.601 82.
-TEST(MovieWriter, WritesTheMatrixItTags)
+// The reader turns red, green and blue back through the same matrix.
+TEST(MovieWriter, WritesTheMatrixItTagsAndTheReaderReadsItBack)
 {
     TempDir dir;
+    const uint8_t colours[3][3] = {{0, 0, 255}, {0, 255, 0}, {255, 0, 0}}; // red, green, blue (BGR)
     // Pictures twice the movie's size are scaled to it with the same matrix.
     for (auto [h, expectY, from] : std::vector<std::tuple<int, int, int>>{{720, 63, 1}, {240, 82, 1}, {720, 63, 2}, {240, 82, 2}}) {
         int w = h * 4 / 3;
-        fs::path path = dir / ("red" + std::to_string(h) + "from" + std::to_string(from) + ".mp4");
-        Image red = solid(w * from, h * from, 0, 0, 255);
-        writeSolids(path, w, h, {red, red, red}, from != 1);
+        fs::path path = dir / ("rgb" + std::to_string(h) + "from" + std::to_string(from) + ".mp4");
+        std::vector<Image> pictures;
+        for (const auto& c : colours)
+            pictures.push_back(solid(w * from, h * from, c[0], c[1], c[2]));
+        writeSolids(path, w, h, pictures, from != 1);
         fs::path raw = dir / "y.raw";
         auto r = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-i", path.string(), "-frames:v", "1", "-f",
             "rawvideo", "-pix_fmt", "yuv420p", raw.string()});
@@ -110,6 +114,18 @@ TEST(MovieWriter, WritesTheMatrixItTags)
         std::string y = testkit::readText(raw);
         int centre = static_cast<unsigned char>(y[static_cast<size_t>(h / 2 * w + w / 2)]);
         EXPECT_NEAR(centre, expectY, 2) << h << " from " << from;
+        if (from != 1)
+            continue;
+        auto reader = MovieReader::create(path);
+        ASSERT_TRUE(reader);
+        for (int n = 0; n < 3; ++n) {
+            auto frame = (*reader)->next();
+            ASSERT_TRUE(frame && *frame);
+            const uint8_t* p = (*frame)->image.row(h / 2) + 4 * (w / 2);
+            for (int c = 0; c < 3; ++c)
+                EXPECT_NEAR(p[c], colours[n][c], 6) << h << "p colour " << n << " channel " << c;
+            EXPECT_EQ(p[3], 255);
+        }
     }
 }
 

@@ -60,21 +60,15 @@ TEST(CursorSmootherTest, ReadsAreHeldAtBothEndsAndInterpolatedBetween)
     EXPECT_EQ(CursorSmoother().position(1), (Point{0.5, 0.5}));
 }
 
-TEST(CursorSmootherTest, TrackSamplesArePlacedInTheRegionOfTheirTime)
+// Where a sample lands in its region is TrackPlacement's (cursor_track_test); the smoother
+// takes its unit points in seconds and leaves out what is not finite.
+TEST(CursorSmootherTest, TrackSamplesBecomeUnitPointsInSeconds)
 {
-    CursorTrack track;
-    track.displayX = 100;
-    track.displayY = -200; // a display above the main one
-    track.displayWidth = 1000;
-    track.displayHeight = 500;
-    track.frames = {{3000, 0, 0, 0, 300}, {2000, 600, 0, 200, 100}}; // out of order
-    track.samples = {{0, 350, 50, 0}, {1000, 2000, -900, 0}, {2000, 700, 50, 0}, {2500, 650, 75, 0}, {3500, 1, 1, 0},
-        {4000, NAN, 5, 0}};
-    // A key applies from its own stamp on.
-    EXPECT_EQ(CursorSmoother::samplesOf(track), (std::vector<Sample>{{0.0, 0.25, 0.5}, {1.0, 1.0, 0.0},
-                                                    {2.0, 0.5, 0.5}, {2.5, 0.25, 0.75}, {3.5, 0.5, 0.5}}));
+    CursorTrack track{.displayWidth = 1000, .displayHeight = 500};
+    track.samples = {{0, 250, 250, 0}, {2500, 750, 125, 0}, {4000, NAN, 5, 0}};
+    EXPECT_EQ(CursorSmoother::samplesOf(track), (std::vector<Sample>{{0.0, 0.25, 0.5}, {2.5, 0.75, 0.25}}));
     CursorSmoother smoother(track);
-    EXPECT_EQ(smoother.size(), 422u);
+    EXPECT_EQ(smoother.size(), 302u);
     EXPECT_DOUBLE_EQ(smoother.position(0).x, 0.25);
     EXPECT_TRUE(CursorSmoother(CursorTrack::deviceTrack(1170, 2532)).empty());
 }

@@ -145,33 +145,6 @@ TEST(StageRenderer, CardOverBackdropWithRoundedCorners)
     EXPECT_GE(between, 2);
 }
 
-TEST(StageRenderer, ZoomMagnifiesAboutItsCentre)
-{
-    // Two dark marks left and right of the centre.
-    const Image source = picture(200, 100, [](int x, int y) {
-        const bool mark = std::abs(y - 50) < 3 && (std::abs(x - 80) < 3 || std::abs(x - 120) < 3);
-        return mark ? Rgba{0, 0, 0, 255} : Rgba{255, 255, 255, 255};
-    });
-    auto r = renderer(flat(), {200, 100}, {200, 100});
-    auto markCentres = [](const Image& frame) {
-        double left = 0, right = 0, nl = 0, nr = 0;
-        for (int x = 0; x < frame.width; ++x) {
-            const double ink = 255 - at(frame, x, 50).luma();
-            (x < 100 ? left : right) += ink * x;
-            (x < 100 ? nl : nr) += ink;
-        }
-        return std::pair{left / nl, right / nr};
-    };
-    const auto [l1, r1] = markCentres(r->render(source, {}));
-    StageMoment zoomed;
-    zoomed.zoom = {2, 0.5, 0.5};
-    const Image frame = r->render(source, zoomed);
-    save(frame, "zoom");
-    const auto [l2, r2] = markCentres(frame);
-    EXPECT_NEAR(r2 - l2, 2 * (r1 - l1), 1.0);
-    EXPECT_NEAR((l2 + r2) / 2, (l1 + r1) / 2, 0.5);
-}
-
 // A slow zoom must glide: a tracked feature moves by steadily changing amounts each frame.
 TEST(StageRenderer, SlowZoomGlidesWithoutSteps)
 {
@@ -210,7 +183,9 @@ TEST(StageRenderer, SlowZoomGlidesWithoutSteps)
     }
 }
 
-TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
+// The pointer where the moment says, a touch, a hidden pointer, a streak behind a fast one
+// and a smaller pointer while pressed.
+TEST(StageRenderer, PointerIsDrawnWhereTheMomentSaysStreaksAndShrinksWhenPressed)
 {
     StageSpec spec;
     spec.cursorSize = 200;
@@ -241,8 +216,19 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSays)
     // A hidden pointer draws nothing.
     StageMoment hidden;
     hidden.cursor = StageMoment::Cursor{0.5, 0.5, 0.5, 0.5, 0, 0};
-    const Image none = r->render(source, hidden);
-    EXPECT_EQ(distance(at(none, 162, 95), at(bare, 162, 95)), 0);
+    EXPECT_EQ(distance(at(r->render(source, hidden), 162, 95), at(bare, 162, 95)), 0);
+    // Behind a pointer that moved fast (to its left) only the streak draws; pressed, it shrinks.
+    StageMoment resting, moving, pressed;
+    resting.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 0};
+    moving.cursor = StageMoment::Cursor{0.6, 0.5, 0.3, 0.5, 1, 0};
+    pressed.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 1};
+    const Image still = r->render(source, resting);
+    const Image streak = r->render(source, moving);
+    save(streak, "pointer_smear");
+    const int left = static_cast<int>(card.x + 0.6 * card.width) - 10;
+    EXPECT_EQ(changed(still, bare, left - 70, 60, left, 120, 10), 0);
+    EXPECT_GT(changed(streak, bare, left - 70, 60, left, 120, 10), 20);
+    EXPECT_LT(changed(r->render(source, pressed), bare, 0, 0, 320, 180), changed(still, bare, 0, 0, 320, 180));
 }
 
 TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
@@ -264,7 +250,9 @@ TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
             EXPECT_LT(detail(frame, 100, 60, 220, 120), detail(bare, 100, 60, 220, 120) / 4);
         }
         EXPECT_GT(changed(frame, bare, 80, 45, 240, 135, 2), 2000);
-        EXPECT_EQ(changed(frame, bare, 0, 0, 320, 44, 0) + changed(frame, bare, 0, 136, 320, 180, 0), 0);
+        EXPECT_EQ(changed(frame, bare, 0, 0, 320, 44, 0) + changed(frame, bare, 0, 136, 320, 180, 0)
+                + changed(frame, bare, 0, 45, 79, 135, 0) + changed(frame, bare, 241, 45, 320, 135, 0),
+            0);
         EXPECT_DOUBLE_EQ(detail(frame, 0, 0, 70, 40), detail(bare, 0, 0, 70, 40));
         if (style == MaskRegion::Style::pixelate) {
             // Blocks: max(0.09 × 90, 10) = 10 pixels, so 160 pixels of a row make 16 or 17 runs.
@@ -277,10 +265,18 @@ TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
     }
 }
 
-TEST(StageRenderer, ClickEffectsForEveryStyleAndTint)
+TEST(StageRenderer, ClickEffectsForEveryStyleAndTintGrowFadeAndGo)
 {
     const Image source = solid(320, 180, {60, 60, 60, 255});
-    for (ClickStyle style : allClickStyles)
+    for (ClickStyle style : allClickStyles) {
+        // The animation: nothing outside its life; it grows and fades within it.
+        EXPECT_EQ(clickAnim(style, -0.1), ClickAnim{});
+        EXPECT_EQ(clickAnim(style, 10), ClickAnim{});
+        if (style != ClickStyle::none) {
+            EXPECT_GT(clickAnim(style, 0.1).alpha, 0);
+            EXPECT_LE(clickAnim(style, 0.05).grow, clickAnim(style, 0.2).grow);
+            EXPECT_LT(clickAnim(style, 0.44).alpha, clickAnim(style, 0.12).alpha);
+        }
         for (ClickTint tint : allClickTints) {
             StageSpec spec;
             spec.clickStyle = style;
@@ -315,18 +311,6 @@ TEST(StageRenderer, ClickEffectsForEveryStyleAndTint)
             m.clicks = {{0.5, 0.5, 5}};
             EXPECT_EQ(detail(r->render(source, m), 120, 60, 200, 120), detail(bare, 120, 60, 200, 120));
         }
-}
-
-TEST(StageRenderer, ClickAnimationGrowsAndFades)
-{
-    for (ClickStyle style : allClickStyles) {
-        EXPECT_EQ(clickAnim(style, -0.1), ClickAnim{});
-        EXPECT_EQ(clickAnim(style, 10), ClickAnim{});
-        if (style == ClickStyle::none)
-            continue;
-        EXPECT_GT(clickAnim(style, 0.1).alpha, 0);
-        EXPECT_LE(clickAnim(style, 0.05).grow, clickAnim(style, 0.2).grow);
-        EXPECT_LT(clickAnim(style, 0.44).alpha, clickAnim(style, 0.12).alpha);
     }
 }
 
@@ -657,26 +641,6 @@ TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
             }
         }
     }
-}
-
-TEST(StageRenderer, FastPointerStreaksAndPressShrinks)
-{
-    StageSpec spec;
-    spec.cursorSize = 300;
-    auto r = renderer(spec, {320, 180}, {320, 180});
-    const Image source = solid(320, 180, {200, 200, 200, 255});
-    const Image bare = r->render(source, {});
-    StageMoment resting, moving, pressed;
-    resting.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 0};
-    moving.cursor = StageMoment::Cursor{0.6, 0.5, 0.3, 0.5, 1, 0};
-    pressed.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 1};
-    const Image still = r->render(source, resting);
-    const Image streak = r->render(source, moving);
-    save(streak, "pointer_smear");
-    // Behind the pointer (to its left) only the streak draws.
-    EXPECT_EQ(changed(still, bare, 110, 60, 180, 120, 10), 0);
-    EXPECT_GT(changed(streak, bare, 110, 60, 180, 120, 10), 20);
-    EXPECT_LT(changed(r->render(source, pressed), bare, 0, 0, 320, 180), changed(still, bare, 0, 0, 320, 180));
 }
 
 TEST(StageRenderer, ShapesFramingAndPhoneBody)

@@ -64,9 +64,9 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
     };
     const Case cases[] = {
         {"no edit", {}, 3.0, 2.5},
-        {"the green second cut", {.cuts = {{"C1", 1, 2, {}}}}, 2.0, 1.5},
-        {"0.5 to 2.0 four times as fast", {.skips = {{{0.5, 2.0}, false, 4}}}, 1.875, 1.375},
-        {"trimmed to 0.5 to 2.8", {.trimIn = 0.5, .trimOut = 2.8}, 2.3, 2.0},
+        // 0.1 trimmed, 0.6 s played in 0.15, 0.5 cut and 0.2 trimmed at the end.
+        {"trims, a cut and a stretch four times as fast",
+            {.skips = {{{0.2, 0.8}, false, 4}}, .trimIn = 0.1, .trimOut = 2.8, .cuts = {{"C1", 1.2, 1.7, {}}}}, 1.75, 1.45},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

@@ -1,17 +1,7 @@
 #include "testkit/session_bus.h"
 
-#include <chrono>
-#include <thread>
 
 namespace plim::testkit {
-
-bool eventually(const std::function<bool()>& done, double seconds)
-{
-    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!done() && std::chrono::steady_clock::now() < until)
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return done();
-}
 
 TestSessionBus::TestSessionBus()
     : m_daemon({"dbus-daemon", "--session", "--nofork", "--address=unix:path=" + (m_dir / "bus").string(),

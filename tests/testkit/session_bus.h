@@ -5,14 +5,9 @@
 
 #include "testkit/testkit.h"
 
-#include <functional>
 #include <memory>
 
 namespace plim::testkit {
-
-// Polls `done` until it holds or a generous deadline passes (a safety net for a broken
-// run, not a measurement).
-bool eventually(const std::function<bool()>& done, double seconds = 20);
 
 class TestSessionBus {
 public:

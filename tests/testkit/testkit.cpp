@@ -1,6 +1,7 @@
 #include "testkit/testkit.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -11,6 +12,7 @@
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 extern char** environ;
@@ -149,6 +151,14 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::vector
     result.out = readText(dir / "out");
     result.err = readText(dir / "err");
     return result;
+}
+
+bool eventually(const std::function<bool()>& done, double seconds)
+{
+    auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done() && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    return done();
 }
 
 bool rerunUnprivileged()

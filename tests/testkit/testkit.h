@@ -3,6 +3,7 @@
 // and child processes that are stopped by their process id.
 
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -108,6 +109,10 @@ std::string probe(const fs::path& movie, const std::string& stream, const std::s
 // runs this same test again as the unprivileged user `nobody` (its temporary folders in
 // one that user may write), records a failure unless that run passed, and returns true
 // so the caller returns at once; as anyone else it returns false and the test goes on.
+// Polls `done` until it holds or a generous deadline passes (a safety net for a broken
+// run, not a measurement).
+bool eventually(const std::function<bool()>& done, double seconds = 20);
+
 bool rerunUnprivileged();
 
 // Path of a built executable (plim, plimctl) in the build tree.
