@@ -114,6 +114,9 @@ public:
     void setZoomSpan(std::string_view id, double start, double end);
     void aimZoom(std::string_view id, double x, double y);
     void setZoomLevel(std::string_view id, double level);
+    // A zoom style's text ("smooth", "snappy" ...) for this block, or nothing for the stage's
+    // style; text that names no style is ignored.
+    void setZoomStyle(std::string_view id, std::optional<std::string> style);
     void removeZoom(std::string_view id);
 
     // Stores the decision, replacing the skip with the same identity ("skip-<ms>").

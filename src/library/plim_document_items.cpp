@@ -119,6 +119,13 @@ void PlimDocument::setZoomLevel(std::string_view id, double level)
     });
 }
 
+void PlimDocument::setZoomStyle(std::string_view id, std::optional<std::string> style)
+{
+    if (style && !zoomStyleFromText(*style))
+        return;
+    changePlanItem(&EditPlan::zooms, id, [&](ZoomBlock& block, PlimEdits&) { block.style = style; });
+}
+
 void PlimDocument::removeZoom(std::string_view id)
 {
     change([&](PlimEdits& e) {
