@@ -82,7 +82,7 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
         auto* shapes = new QHBoxLayout;
         m_shape = new QButtonGroup(this);
         for (auto shape : {PlimLook::Shape::landscape, PlimLook::Shape::vertical, PlimLook::Shape::square, PlimLook::Shape::iPhone}) {
-            auto* button = new QPushButton(capitalized(PlimLook::shapeText(shape)));
+            auto* button = new QPushButton(QString::fromUtf8(PlimLook::shapeText(shape).data(), qsizetype(PlimLook::shapeText(shape).size())));
             button->setCheckable(true);
             button->setObjectName(QString("shape_") + QString::fromUtf8(PlimLook::shapeText(shape).data()));
             m_shape->addButton(button, int(shape));

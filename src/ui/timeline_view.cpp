@@ -25,16 +25,17 @@ constexpr double mostPxPerSecond = 600;
 struct LaneSpec {
     TimelineView::Lane lane;
     int height;
+    const char* name; // written faintly under the lane's items
 };
 constexpr LaneSpec lanes[] = {
-    {TimelineView::Lane::ruler, 24},
-    {TimelineView::Lane::clips, 62},
-    {TimelineView::Lane::speed, 18},
-    {TimelineView::Lane::sound, 40},
-    {TimelineView::Lane::zooms, 26},
-    {TimelineView::Lane::blurs, 20},
-    {TimelineView::Lane::voiceovers, 20},
-    {TimelineView::Lane::ticks, 14},
+    {TimelineView::Lane::ruler, 24, ""},
+    {TimelineView::Lane::clips, 62, ""},
+    {TimelineView::Lane::speed, 18, "Speed"},
+    {TimelineView::Lane::sound, 40, ""},
+    {TimelineView::Lane::zooms, 26, "Zooms"},
+    {TimelineView::Lane::blurs, 20, "Blur boxes"},
+    {TimelineView::Lane::voiceovers, 20, "Voiceovers"},
+    {TimelineView::Lane::ticks, 14, ""},
 };
 
 const QColor background(0x1b, 0x1c, 0x21);
@@ -256,6 +257,10 @@ void TimelineView::paintEvent(QPaintEvent*)
         QPainterPath path;
         path.addRoundedRect(lane, 4, 4);
         p.fillPath(path, laneFill);
+        if (*spec.name) {
+            p.setPen(QColor(0x55, 0x59, 0x63));
+            p.drawText(lane.adjusted(8, 0, -8, 0), Qt::AlignVCenter | Qt::AlignRight, spec.name);
+        }
     }
     paintRuler(p);
     paintClips(p);
