@@ -142,6 +142,10 @@ public:
     // Wears a whole look; a plim not from an iPhone keeps its shape when the look's is iPhone.
     void applyLook(const PlimLook& look);
     void setCaptionsFile(std::optional<std::string> name);
+    // The camera bubble's shape ("circle" or "card"; other text is ignored) and size factor
+    // (held within the plan's camera scale range).
+    void setCameraShape(std::string_view shape);
+    void setCameraScale(double scale);
 
 private:
     // Applies `operation` to a copy and keeps it as one change; false when nothing changed.

@@ -213,6 +213,28 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
         connect(m_bubbleCorner, &QButtonGroup::idClicked, this,
             [setLook](int id) { setLook([id](PlimLook& l) { l.bubbleCorner = PlimLook::BubbleCorner(id); }); });
         box->addLayout(corners);
+        auto* shapeRow = new QHBoxLayout;
+        shapeRow->addWidget(secondaryLabel("Shape"));
+        m_bubbleShape = new QButtonGroup(this);
+        for (const char* shape : {"circle", "card"}) {
+            auto* button = new QPushButton(capitalized(shape));
+            button->setCheckable(true);
+            button->setProperty("shape", QString(shape));
+            m_bubbleShape->addButton(button);
+            shapeRow->addWidget(button);
+            m_editing.push_back(button);
+        }
+        shapeRow->addStretch(1);
+        connect(m_bubbleShape, &QButtonGroup::buttonClicked, this, [this](QAbstractButton* button) {
+            if (!m_refreshing)
+                m_document.setCameraShape(button->property("shape").toString().toStdString());
+        });
+        box->addLayout(shapeRow);
+        auto* sizeRow = new QHBoxLayout;
+        sizeRow->addWidget(secondaryLabel("Size"));
+        m_bubbleSize = slider(4, 25, [this](int v) { m_document.setCameraScale(v / 10.0); });
+        sizeRow->addWidget(m_bubbleSize, 1);
+        box->addLayout(sizeRow);
         column->addWidget(section("Camera", body));
 
         auto* more = new QWidget;
@@ -355,11 +377,16 @@ void Inspector::refresh()
     m_bubble->setChecked(look.cameraBubble);
     if (auto* button = m_bubbleCorner->button(int(look.bubbleCorner)))
         button->setChecked(true);
+    const EditPlan& plan = m_document.edits().plan;
+    for (QAbstractButton* button : m_bubbleShape->buttons())
+        button->setChecked(button->property("shape").toString().toStdString() == plan.cameraShape.value_or("circle"));
+    if (!m_bubbleSize->isSliderDown())
+        m_bubbleSize->setValue(int(std::lround(plan.cameraScale.value_or(1.0) * 10)));
     m_keys->setChecked(look.keys);
     m_captions->setChecked(look.captions);
     m_deadAir->setChecked(look.deadAir);
 
-    const auto& zooms = m_document.edits().plan.zooms;
+    const auto& zooms = plan.zooms;
     auto block = m_zoom ? std::find_if(zooms.begin(), zooms.end(), [&](const ZoomBlock& z) { return z.id == *m_zoom; })
                         : zooms.end();
     m_zoomBlock->setVisible(block != zooms.end());

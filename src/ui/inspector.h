@@ -1,8 +1,8 @@
 #pragma once
 // The editor's inspector: the plim's look (layout, backdrop, padding, corners, shadow), the
-// pointer, the selected zoom block (style and level) and zoom blur, the camera bubble, the
-// keycaps, captions, dead air, and the saved looks. Every change is one document change;
-// a slider's drag is one undo step.
+// pointer, the selected zoom block (style and level) and zoom blur, the camera bubble (on,
+// corner, shape, size), the keycaps, captions, dead air, and the saved looks. Every change
+// is one document change; a slider's drag is one undo step.
 //
 // Threads: GUI thread.
 
@@ -67,6 +67,8 @@ private:
     QCheckBox* m_zoomBlur = nullptr;
     QCheckBox* m_bubble = nullptr;
     QButtonGroup* m_bubbleCorner = nullptr;
+    QButtonGroup* m_bubbleShape = nullptr;
+    QSlider* m_bubbleSize = nullptr;
     QCheckBox* m_keys = nullptr;
     QCheckBox* m_captions = nullptr;
     QCheckBox* m_deadAir = nullptr;
