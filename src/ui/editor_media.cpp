@@ -11,6 +11,7 @@
 #include <QMetaObject>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 
@@ -205,11 +206,16 @@ void WaveformSource::work()
     int64_t inBucket = 0;
     std::vector<float> fresh;
     auto lastSignal = std::chrono::steady_clock::now();
+    int damaged = 0;
     while (!m_stop) {
         auto block = (*reader)->read();
         if (!block) {
-            if (block.error().kind == Error::Kind::unreadable)
-                continue; // a damaged block reads as silence; the rest still comes
+            // A damaged block reads as silence and the rest still comes; a reader that
+            // keeps failing has nothing more to give.
+            if (block.error().kind == Error::Kind::unreadable && ++damaged < 3)
+                continue;
+            logLine(LogArea::main, "The timeline shows the sound of " + m_movie.filename().string()
+                + " only in part: " + block.error().sentence);
             break;
         }
         if (block->empty())

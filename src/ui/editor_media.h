@@ -9,6 +9,7 @@
 #include <QImage>
 #include <QObject>
 
+#include <atomic>
 #include <condition_variable>
 #include <filesystem>
 #include <map>
