@@ -5,6 +5,7 @@
 #include "stage/staging_sound.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace plim {
 
@@ -17,6 +18,24 @@ Result<std::unique_ptr<StagePreview>> StagePreview::open(const StagingJob& job)
 StagePreview::StagePreview(const StagingJob& job, std::unique_ptr<StagingSetup> setup)
     : m_job(job), m_setup(std::move(setup)), m_playhead(std::make_unique<MoviePlayhead>(std::move(m_setup->reader)))
 {
+    fitPictures();
+}
+
+void StagePreview::fitPictures()
+{
+    const StagingSetup& s = *m_setup;
+    const Rect card = s.renderer->geometry().screenRect;
+    double deepest = 1;
+    for (const ZoomBlock& zoom : m_job.plan.zooms)
+        if (std::isfinite(zoom.scale))
+            deepest = std::max(deepest, zoom.scale);
+    const double scale = std::min(card.width / s.info.width, card.height / s.info.height) * std::min(deepest, 2.0);
+    if (!(scale > 0) || scale >= 0.9) {
+        m_playhead->setPictureSize(0, 0, m_job.movie.filename().string());
+        return;
+    }
+    auto even = [](double side) { return std::max(2, static_cast<int>(std::ceil(side / 2)) * 2); };
+    m_playhead->setPictureSize(even(s.info.width * scale), even(s.info.height * scale), m_job.movie.filename().string());
 }
 
 StagePreview::~StagePreview() = default;
@@ -33,14 +52,18 @@ Result<StagePreview::Shot> StagePreview::shot(double outputTime, bool raw)
     const VideoFrame* picture = PLIM_TRY(m_playhead->at(raw_t));
     if (!picture)
         return std::unexpected(stagingFailure(m_job, StagingError::unreadable("no frame of it could be drawn")));
-    const Size source{double(picture->image.width), double(picture->image.height)};
-    if (raw)
-        return Shot{picture->image, {Affine::identity(), Rect{0, 0, source.width, source.height}}};
+    // Placements are of the recording's pixels, whatever size the picture was decoded at.
+    const Size recorded{double(s.info.width), double(s.info.height)};
+    if (raw) {
+        const Image& image = picture->image;
+        return Shot{image, {Affine::scale(image.width / recorded.width, image.height / recorded.height),
+                               Rect{0, 0, double(image.width), double(image.height)}}};
+    }
     const int64_t slot = RenderRules::slotOf(outputTime, s.fps);
     const StageMoment moment = s.moments->moment(raw_t, s.dtAtSlot(slot));
     std::optional<Image> cameraPicture = s.camera ? s.camera->at(raw_t) : std::nullopt;
     Image image = s.renderer->render(picture->image, moment, std::nullopt, cameraPicture);
-    return Shot{std::move(image), s.renderer->placement(source, moment)};
+    return Shot{std::move(image), s.renderer->placement(recorded, moment)};
 }
 
 Status StagePreview::setJob(const StagingJob& job)
@@ -59,6 +82,7 @@ Status StagePreview::setJob(const StagingJob& job)
     }
     *m_setup = std::move(next);
     m_job = std::move(wanted);
+    fitPictures();
     return {};
 }
 
@@ -78,6 +102,7 @@ Status StagePreview::setOutputSize(int width, int height)
         return made;
     }
     m_job = std::move(job);
+    fitPictures();
     return {};
 }
 

@@ -65,6 +65,9 @@ public:
 
 private:
     StagePreview(const StagingJob& job, std::unique_ptr<StagingSetup> setup);
+    // Decodes pictures at the size the card shows them, with room for the edit's deepest
+    // zoom (up to 2×), never above the recording's own size.
+    void fitPictures();
 
     StagingJob m_job;
     std::unique_ptr<StagingSetup> m_setup;

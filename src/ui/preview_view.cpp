@@ -12,6 +12,7 @@
 #include <QThreadPool>
 
 #include <cmath>
+#include <utility>
 #include <mutex>
 
 namespace plim {
@@ -110,6 +111,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
     m_player.reset();
     m_shown.reset();
     m_plim.reset();
+    m_pendingEdits.reset();
     m_framesShown = 0;
     m_position = m_duration = 0;
     const uint64_t opening = ++m_opening;
@@ -179,6 +181,8 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             view->m_canvasAspect = (*result)->aspect;
             view->m_duration = view->m_player->duration();
             view->m_resize.start(); // the widget may have changed size meanwhile
+            if (auto edits = std::exchange(view->m_pendingEdits, std::nullopt))
+                view->setEdits(*edits);
             emit view->opened(view->m_duration);
         });
     });
@@ -186,8 +190,11 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
 
 void PreviewView::setEdits(const PlimEdits& edits)
 {
-    if (!m_player || !m_plim)
+    if (!m_player || !m_plim) {
+        if (m_opening > 0)
+            m_pendingEdits = edits; // still opening
         return;
+    }
     if (auto worn = m_plim->wear(edits); !worn) {
         emit failed(QString::fromStdString(worn.error().sentence));
         return;
@@ -196,6 +203,7 @@ void PreviewView::setEdits(const PlimEdits& edits)
         m_plim->job, Size{static_cast<double>(m_plim->info.width), static_cast<double>(m_plim->info.height)});
     const double aspect = static_cast<double>(canvas.width) / canvas.height;
     m_player->setJob(m_plim->job);
+    m_duration = m_plim->job.plan.clipTimeline(m_plim->info.duration).outputDuration();
     if (std::abs(aspect - m_canvasAspect) > 1e-6) {
         m_canvasAspect = aspect;
         m_resize.start();

@@ -75,6 +75,7 @@ private:
     std::unique_ptr<PreviewPlayer> m_player;
     std::shared_ptr<SharePlim> m_plim;
     std::unique_ptr<Shown> m_shown;
+    std::optional<PlimEdits> m_pendingEdits; // set while opening, put on once open
     QTimer m_resize; // gathers a drag's resizes into one new output size
     double m_canvasAspect = 16.0 / 10.0;
     double m_duration = 0;
