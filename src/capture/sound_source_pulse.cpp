@@ -4,10 +4,10 @@
 
 #include "capture/sound_source.h"
 
+#include "capture/pulse_client.h"
+
 #include "base/clock.h"
 #include "base/log.h"
-
-#include <pulse/pulseaudio.h>
 
 #include <algorithm>
 #include <cmath>
@@ -29,54 +29,18 @@ constexpr double reanchorBeyond = 0.040;
 class PulseSoundSource final : public SoundSource {
 public:
     explicit PulseSoundSource(Kind kind) : m_kind(kind) {}
-    ~PulseSoundSource() override
-    {
-        stop();
-        if (m_loop)
-            pa_threaded_mainloop_stop(m_loop);
-        if (m_context) {
-            pa_context_disconnect(m_context);
-            pa_context_unref(m_context);
-        }
-        if (m_loop)
-            pa_threaded_mainloop_free(m_loop);
-    }
+    ~PulseSoundSource() override { stop(); }
 
     // Connects and resolves `device`; or, given `list`, fills it with the devices instead.
     Status connect(const std::optional<std::string>& device, std::vector<SoundDevice>* list = nullptr)
     {
-        const std::string unreachable = m_kind == Kind::microphone
-            ? "The sound server did not answer, so the microphone is not recorded. The recording rolls without it."
-            : "The sound server did not answer, so the computer's sound is not recorded. The recording rolls without it.";
-        m_loop = pa_threaded_mainloop_new();
-        if (!m_loop)
-            return fail(unreachable);
-        m_context = pa_context_new(pa_threaded_mainloop_get_api(m_loop), "Plim");
-        if (!m_context)
-            return fail(unreachable);
-        pa_context_set_state_callback(m_context, [](pa_context*, void* loop) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
-        }, m_loop);
-        if (pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0)
-            return fail(unreachable);
-        pa_threaded_mainloop_lock(m_loop);
-        if (pa_threaded_mainloop_start(m_loop) < 0) {
-            pa_threaded_mainloop_unlock(m_loop);
-            return fail(unreachable);
-        }
-        for (;;) {
-            pa_context_state_t state = pa_context_get_state(m_context);
-            if (state == PA_CONTEXT_READY)
-                break;
-            if (!PA_CONTEXT_IS_GOOD(state)) {
-                pa_threaded_mainloop_unlock(m_loop);
-                return fail(unreachable);
-            }
-            pa_threaded_mainloop_wait(m_loop);
-        }
-        Status found = list ? listDevices(*list) : resolve(device);
-        pa_threaded_mainloop_unlock(m_loop);
-        return found;
+        PLIM_TRY(m_client.connect(m_kind == Kind::microphone
+                ? "The sound server did not answer, so the microphone is not recorded. The recording rolls without it."
+                : "The sound server did not answer, so the computer's sound is not recorded. The recording rolls without it."));
+        m_loop = m_client.loop();
+        m_context = m_client.context();
+        PulseLock lock(m_loop);
+        return list ? listDevices(*list) : resolve(device);
     }
 
     Kind kind() const override { return m_kind; }
@@ -86,45 +50,28 @@ public:
 
     Status start(BlockHandler onBlock) override
     {
-        pa_threaded_mainloop_lock(m_loop);
+        PulseLock lock(m_loop);
         m_onBlock = std::move(onBlock);
         pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, rate, static_cast<uint8_t>(m_channels)};
         pa_channel_map map;
         pa_channel_map_init_extend(&map, spec.channels, PA_CHANNEL_MAP_DEFAULT);
         m_stream = pa_stream_new(m_context, m_kind == Kind::microphone ? "Plim microphone" : "Plim computer sound",
             &spec, &map);
-        if (!m_stream) {
-            pa_threaded_mainloop_unlock(m_loop);
+        if (!m_stream)
             return fail(whatFailed());
-        }
         pa_stream_set_read_callback(m_stream, [](pa_stream*, size_t, void* self) {
             static_cast<PulseSoundSource*>(self)->read();
         }, this);
         pa_stream_set_latency_update_callback(m_stream, [](pa_stream*, void* self) {
             static_cast<PulseSoundSource*>(self)->read();
         }, this);
-        pa_stream_set_state_callback(m_stream, [](pa_stream*, void* loop) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
-        }, m_loop);
+        pa_stream_set_state_callback(m_stream, PulseClient::signal, m_loop);
         pa_buffer_attr attr{};
         attr.maxlength = uint32_t(-1);
         attr.fragsize = static_cast<uint32_t>(pa_usec_to_bytes(10000, &spec));
         auto flags = static_cast<pa_stream_flags_t>(PA_STREAM_ADJUST_LATENCY | PA_STREAM_AUTO_TIMING_UPDATE);
-        if (pa_stream_connect_record(m_stream, m_device.c_str(), &attr, flags) < 0) {
-            pa_threaded_mainloop_unlock(m_loop);
+        if (pa_stream_connect_record(m_stream, m_device.c_str(), &attr, flags) < 0 || !m_client.waitReady(m_stream))
             return fail(whatFailed());
-        }
-        for (;;) {
-            pa_stream_state_t state = pa_stream_get_state(m_stream);
-            if (state == PA_STREAM_READY)
-                break;
-            if (!PA_STREAM_IS_GOOD(state)) {
-                pa_threaded_mainloop_unlock(m_loop);
-                return fail(whatFailed());
-            }
-            pa_threaded_mainloop_wait(m_loop);
-        }
-        pa_threaded_mainloop_unlock(m_loop);
         return {};
     }
 
@@ -132,7 +79,7 @@ public:
     {
         if (!m_loop)
             return;
-        pa_threaded_mainloop_lock(m_loop);
+        PulseLock lock(m_loop);
         if (m_stream) {
             pa_stream_set_read_callback(m_stream, nullptr, nullptr);
             pa_stream_set_latency_update_callback(m_stream, nullptr, nullptr);
@@ -141,7 +88,6 @@ public:
             m_stream = nullptr;
         }
         m_onBlock = nullptr;
-        pa_threaded_mainloop_unlock(m_loop);
     }
 
 private:
@@ -150,16 +96,6 @@ private:
         return std::string("The sound device \"") + m_device + "\" could not be opened, so "
             + (m_kind == Kind::microphone ? "the microphone" : "the computer's sound")
             + " is not recorded. The recording rolls without it.";
-    }
-
-    // Waits for an operation; runs with the main loop locked.
-    static void wait(pa_threaded_mainloop* loop, pa_operation* op)
-    {
-        if (!op)
-            return;
-        while (pa_operation_get_state(op) == PA_OPERATION_RUNNING)
-            pa_threaded_mainloop_wait(loop);
-        pa_operation_unref(op);
     }
 
     // Microphones are the sources that monitor no output; the computer's sound is heard
@@ -171,7 +107,7 @@ private:
             std::vector<SoundDevice>* list;
         } ask{m_loop, &list};
         if (m_kind == Kind::microphone)
-            wait(m_loop, pa_context_get_source_info_list(m_context,
+            m_client.wait(pa_context_get_source_info_list(m_context,
                 [](pa_context*, const pa_source_info* info, int eol, void* data) {
                     auto* a = static_cast<Ask*>(data);
                     if (info && eol == 0 && info->monitor_of_sink == PA_INVALID_INDEX)
@@ -180,7 +116,7 @@ private:
                         pa_threaded_mainloop_signal(a->loop, 0);
                 }, &ask));
         else
-            wait(m_loop, pa_context_get_sink_info_list(m_context,
+            m_client.wait(pa_context_get_sink_info_list(m_context,
                 [](pa_context*, const pa_sink_info* info, int eol, void* data) {
                     auto* a = static_cast<Ask*>(data);
                     if (info && eol == 0)
@@ -200,7 +136,7 @@ private:
             std::string name;
             bool monitor = false;
         } ask{m_loop, {}, {}, 0, {}, false};
-        wait(m_loop, pa_context_get_server_info(m_context, [](pa_context*, const pa_server_info* info, void* data) {
+        m_client.wait(pa_context_get_server_info(m_context, [](pa_context*, const pa_server_info* info, void* data) {
             auto* a = static_cast<Ask*>(data);
             if (info) {
                 a->defaultSink = info->default_sink_name ? info->default_sink_name : "";
@@ -219,7 +155,7 @@ private:
             m_device = device.value_or(ask.defaultSource);
             m_channels = 1;
         }
-        wait(m_loop, pa_context_get_source_info_by_name(m_context, m_device.c_str(),
+        m_client.wait(pa_context_get_source_info_by_name(m_context, m_device.c_str(),
             [](pa_context*, const pa_source_info* info, int eol, void* data) {
                 auto* a = static_cast<Ask*>(data);
                 if (info && eol == 0) {
@@ -344,7 +280,8 @@ private:
     std::string m_device;
     int m_channels = 1;
     bool m_monitor = false; // the device is a sink's monitor
-    pa_threaded_mainloop* m_loop = nullptr;
+    PulseClient m_client;
+    pa_threaded_mainloop* m_loop = nullptr; // the client's
     pa_context* m_context = nullptr;
     pa_stream* m_stream = nullptr;
     BlockHandler m_onBlock;

@@ -114,6 +114,9 @@ public:
     void setZoomSpan(std::string_view id, double start, double end);
     void aimZoom(std::string_view id, double x, double y);
     void setZoomLevel(std::string_view id, double level);
+    // A zoom style's text ("smooth", "snappy" ...) for this block, or nothing for the stage's
+    // style; text that names no style is ignored.
+    void setZoomStyle(std::string_view id, std::optional<std::string> style);
     void removeZoom(std::string_view id);
 
     // Stores the decision, replacing the skip with the same identity ("skip-<ms>").
@@ -139,6 +142,10 @@ public:
     // Wears a whole look; a plim not from an iPhone keeps its shape when the look's is iPhone.
     void applyLook(const PlimLook& look);
     void setCaptionsFile(std::optional<std::string> name);
+    // The camera bubble's shape ("circle" or "card"; other text is ignored) and size factor
+    // (held within the plan's camera scale range).
+    void setCameraShape(std::string_view shape);
+    void setCameraScale(double scale);
 
 private:
     // Applies `operation` to a copy and keeps it as one change; false when nothing changed.

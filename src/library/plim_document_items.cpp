@@ -119,6 +119,29 @@ void PlimDocument::setZoomLevel(std::string_view id, double level)
     });
 }
 
+void PlimDocument::setZoomStyle(std::string_view id, std::optional<std::string> style)
+{
+    if (style && !zoomStyleFromText(*style))
+        return;
+    changePlanItem(&EditPlan::zooms, id, [&](ZoomBlock& block, PlimEdits&) { block.style = style; });
+}
+
+void PlimDocument::setCameraShape(std::string_view shape)
+{
+    if (shape != "circle" && shape != "card")
+        return;
+    change([&](PlimEdits& e) { e.plan.cameraShape = std::string(shape); });
+}
+
+void PlimDocument::setCameraScale(double scale)
+{
+    if (!finite(scale))
+        return;
+    change([&](PlimEdits& e) {
+        e.plan.cameraScale = std::clamp(scale, plan_limits::minCameraScale, plan_limits::maxCameraScale);
+    });
+}
+
 void PlimDocument::removeZoom(std::string_view id)
 {
     change([&](PlimEdits& e) {

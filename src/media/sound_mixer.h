@@ -10,6 +10,7 @@
 #include "media/pcm_source.h"
 #include "media/sound_mix.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -37,6 +38,8 @@ public:
     Result<std::optional<Block>> next(int64_t maxFrames);
 
     int64_t framesMixed() const { return m_framesMixed; }
+    // Mixes on from output frame `frame` (a player's seek).
+    void seek(int64_t frame) { m_framesMixed = std::clamp<int64_t>(frame, 0, m_plan.totalFrames); }
     const SoundMix& plan() const { return m_plan; }
 
 private:

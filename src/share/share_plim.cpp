@@ -46,22 +46,29 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
     PlimPlan chosen = PlimPlan::choose(movie, hasCursor ? &job.cursor : nullptr, hasKeys ? &job.keys : nullptr,
         plim.info.duration);
     plim.notices = chosen.notices;
-    const PlimEdits found = chosen.edits.value_or(PlimEdits{});
-    job.look = found.look.value_or(PlimLook{});
-    job.plan = chosen.plan.playing(job.look.deadAir);
     if (auto spec = StageSpecFile::read(sidecarPath(movie, PlimFiles::stage)))
-        job.spec = std::move(spec->value);
+        plim.baseSpec = std::move(spec->value);
     else if (spec.error().kind != Error::Kind::missing)
         logLine(LogArea::share, spec.error().sentence);
-    if (found.look)
-        job.spec = wearing(std::move(job.spec), *found.look);
+    PlimEdits found = chosen.edits.value_or(PlimEdits{});
+    found.plan = chosen.plan;
+    PLIM_TRY(plim.wear(found));
+    return plim;
+}
 
-    const ClipTimeline timeline = job.plan.clipTimeline(plim.info.duration);
-    for (const PlimEdits::Voiceover& voice : found.voiceovers) {
+Status SharePlim::wear(const PlimEdits& edits)
+{
+    StagingJob worn = job;
+    worn.look = edits.look.value_or(PlimLook{});
+    worn.plan = edits.plan.playing(worn.look.deadAir);
+    worn.spec = edits.look ? wearing(baseSpec, *edits.look) : baseSpec;
+    worn.voiceovers.clear();
+    const ClipTimeline timeline = worn.plan.clipTimeline(info.duration);
+    for (const PlimEdits::Voiceover& voice : edits.voiceovers) {
         const std::string label = "The voiceover at " + ShareOptions::clock(voice.start);
-        auto file = PlimEdits::sideFile(movie, voice.file, label);
+        auto file = PlimEdits::sideFile(worn.movie, voice.file, label);
         if (!file && file.error().kind == Error::Kind::refused) {
-            plim.notices.push_back(file.error().sentence);
+            notices.push_back(file.error().sentence);
             continue;
         }
         if (!file)
@@ -70,9 +77,10 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
                 Error::Kind::missing);
         const double start = timeline.outputTime(voice.start).value_or(0.0);
         auto held = std::make_shared<const HeldFile>(std::move(*file));
-        job.voiceovers.push_back({held->path(), label, {start, voice.duration, voice.micUnder}, held});
+        worn.voiceovers.push_back({held->path(), label, {start, voice.duration, voice.micUnder}, held});
     }
-    return plim;
+    job = std::move(worn);
+    return {};
 }
 
 } // namespace plim

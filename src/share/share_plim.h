@@ -5,6 +5,7 @@
 
 #include "base/error.h"
 #include "media/movie_reader.h"
+#include "library/plim_edits.h"
 #include "stage/staging_engine.h"
 
 #include <filesystem>
@@ -16,6 +17,7 @@ namespace plim {
 struct SharePlim {
     StagingJob job;
     MovieInfo info;
+    StageSpec baseSpec;   // the stage look beside the movie, before the edits' look
     int captionLines = 0; // caption lines to burn in (none until captions are drawn)
     // Which plan the plim got and why, and side files left out.
     std::vector<std::string> notices;
@@ -24,6 +26,11 @@ struct SharePlim {
     // be read, a voiceover whose sound file is missing. A voiceover naming a file outside
     // the plim's folder is left out with a notice.
     static Result<SharePlim> read(const std::filesystem::path& movie);
+
+    // Puts `edits` on the job: its plan (dead air as the look asks), look, stage look and
+    // voiceovers. Fails as read() does for a voiceover whose file is missing, the job
+    // unchanged; notices go to `notices`.
+    Status wear(const PlimEdits& edits);
 };
 
 } // namespace plim

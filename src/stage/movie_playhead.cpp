@@ -21,7 +21,7 @@ Result<const VideoFrame*> MoviePlayhead::at(double time)
     }
     while (!m_ended) {
         if (!m_pending) {
-            auto next = PLIM_TRY(m_reader->next());
+            auto next = PLIM_TRY(m_reader->nextRaw());
             if (!next) {
                 m_ended = true;
                 break;
@@ -33,7 +33,17 @@ Result<const VideoFrame*> MoviePlayhead::at(double time)
         m_current = std::move(m_pending);
         m_pending.reset();
     }
-    return m_current ? &*m_current : nullptr;
+    if (!m_current)
+        return nullptr;
+    if (!m_picture || m_picture->time != m_current->time || m_picture->image.isEmpty())
+        m_picture = VideoFrame{PLIM_TRY(m_converter.convert(*m_current)), m_current->time};
+    return &*m_picture;
+}
+
+void MoviePlayhead::setPictureSize(int width, int height, const std::string& movieName)
+{
+    m_converter = PictureConverter(movieName, width, height);
+    m_picture.reset();
 }
 
 } // namespace plim

@@ -1,8 +1,8 @@
 #pragma once
 // Draws any output time of a plim's staged movie on request, keeping the movie's decoder,
-// the renderer and its prepared layers open between calls: the editor's scrub, thumbnails
-// and `plimctl stage --frame`. A frame is composed as StagingEngine::stage composes the
-// movie's frame at that time.
+// the renderer and its prepared layers open between calls: the editor's preview, scrub,
+// thumbnails and `plimctl stage --frame`. A frame is composed as StagingEngine::stage
+// composes the movie's frame at that time.
 //
 // Threads: a preview is used from one thread at a time (the editor calls it from a worker
 // thread, never the interface thread); frame() blocks that thread for one seek or a short
@@ -11,6 +11,7 @@
 
 #include "base/error.h"
 #include "base/image.h"
+#include "stage/stage_renderer.h"
 #include "stage/staging_engine.h"
 
 #include <memory>
@@ -18,6 +19,7 @@
 namespace plim {
 
 class MoviePlayhead;
+class StagingSound;
 struct StagingSetup;
 
 class StagePreview {
@@ -33,11 +35,39 @@ public:
     // the caller's to keep; a later frame() does not change it.
     Result<Image> frame(double outputTime);
 
+    // A frame with where the recording lies in it.
+    struct Shot {
+        Image image;
+        StageRenderer::Placement placement; // source pixels to this image's pixels
+    };
+    // The staged frame at `outputTime`, or with `raw` the recorded picture showing then, as
+    // recorded (its placement the identity).
+    Result<Shot> shot(double outputTime, bool raw = false);
+
+    // Takes the job's new edit, look or canvas: the timeline, renderer and moments are made
+    // again, the movie stays open. On failure the preview keeps drawing the job it had.
+    Status setJob(const StagingJob& job);
+    // Draws at `width` × `height` from now on (even sides of at least 2); only the renderer
+    // is made again.
+    Status setOutputSize(int width, int height);
+
+    const StagingJob& job() const { return m_job; }
+    // The sound of `job` (this preview's movie) as a share mixes it; null without sound.
+    // The sound keeps a reference to `job`.
+    Result<std::unique_ptr<StagingSound>> openSound(const StagingJob& job) const;
     // Seconds of output the job's edit makes.
     double outputDuration() const;
+    // Output frames in all, and their rate.
+    int64_t frameCount() const;
+    double fps() const;
+    // The output size frames are drawn at.
+    RenderRules::PixelSize outputSize() const;
 
 private:
     StagePreview(const StagingJob& job, std::unique_ptr<StagingSetup> setup);
+    // Decodes pictures at the size the card shows them, with room for the edit's deepest
+    // zoom (up to 2×), never above the recording's own size.
+    void fitPictures();
 
     StagingJob m_job;
     std::unique_ptr<StagingSetup> m_setup;

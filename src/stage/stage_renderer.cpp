@@ -85,8 +85,7 @@ Image CairoStageRenderer::render(const Image& source, const StageMoment& moment,
     const std::optional<Image>& camera)
 {
     Image out = nextFrame();
-    Affine stage = m_geometry.zoomTransform(
-        moment.zoom, moment.cursor ? std::optional<Point>({moment.cursor->x, moment.cursor->y}) : std::nullopt);
+    Affine stage = stageOf(moment);
     if (stageTransform)
         stage = stage.then(*stageTransform);
     m_stagePic = m_flip(stage);
@@ -115,6 +114,27 @@ Image CairoStageRenderer::render(const Image& source, const StageMoment& moment,
     if (moment.transition)
         applyTransition(out, *moment.transition);
     return out;
+}
+
+Affine CairoStageRenderer::stageOf(const StageMoment& moment) const
+{
+    return m_geometry.zoomTransform(
+        moment.zoom, moment.cursor ? std::optional<Point>({moment.cursor->x, moment.cursor->y}) : std::nullopt);
+}
+
+StageRenderer::Placement CairoStageRenderer::placed(Size source, const Affine& stage) const
+{
+    const Affine stagePic = m_flip(stage);
+    // A vertical layout's window stays put; the picture and the zoom move inside it.
+    const Rect card = m_geometry.window ? m_flip(*m_geometry.window) : stagePic.apply(m_flip(m_content));
+    const Affine sourceFlip{1, 0, 0, -1, 0, source.height};
+    const Affine fit = StageGeometry::sourceFit({0, 0, source.width, source.height}, m_content);
+    return {sourceFlip.then(fit).then(stage).then(m_flip.affine()), card};
+}
+
+StageRenderer::Placement CairoStageRenderer::placement(Size source, const StageMoment& moment) const
+{
+    return placed(source, stageOf(moment));
 }
 
 void CairoStageRenderer::prepareGround()
@@ -170,9 +190,7 @@ void CairoStageRenderer::drawScreenCard(Image& out, const Image& source, const A
                                                : transformed({m_flip(m_content), m_radius}, m_stagePic);
     const Affine groundPic = m_geometry.window ? Affine::identity() : m_stagePic;
     const Rect whole{0, 0, m_canvas.width, m_canvas.height};
-    const Affine sourceFlip{1, 0, 0, -1, 0, double(source.height)};
-    const Affine fit = StageGeometry::sourceFit({0, 0, double(source.width), double(source.height)}, m_content);
-    const Affine toPicture = sourceFlip.then(fit).then(stage).then(m_flip.affine());
+    const Affine toPicture = placed(Size{double(source.width), double(source.height)}, stage).sourceToOutput;
     const Rect placed = toPicture.apply(Rect{0, 0, double(source.width), double(source.height)});
     // An opaque recording that fills the card hides the ground inside the card, less its
     // corners; with the corners off the picture it hides all of it.

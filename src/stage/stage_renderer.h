@@ -81,6 +81,15 @@ public:
         const std::optional<Affine>& stageTransform = std::nullopt, const std::optional<Image>& camera = std::nullopt)
         = 0;
 
+    // Where the recorded picture of a frame lands: from source pixels (origin top-left, y
+    // down) to output pixels (the same), and the card that clips it in output pixels.
+    struct Placement {
+        Affine sourceToOutput;
+        Rect card;
+    };
+    // The placement render() gives a `source`-sized picture at this moment.
+    virtual Placement placement(Size source, const StageMoment& moment) const = 0;
+
     virtual Size canvas() const = 0;
     virtual const StageGeometry& geometry() const = 0;
     // The prepared ground (backdrop and card shadow) for thumbnails and previews.

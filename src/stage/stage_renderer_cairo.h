@@ -48,10 +48,16 @@ public:
 
     Image render(const Image& source, const StageMoment& moment, const std::optional<Affine>& stageTransform,
         const std::optional<Image>& camera) override;
+    Placement placement(Size source, const StageMoment& moment) const override;
 
 private:
     // A frame to draw into: one of ours that every caller has let go of, else a new one.
     Image nextFrame() { return m_frames.take(m_width, m_height); }
+
+    // The whole-stage transform of a moment, in canvas coordinates.
+    Affine stageOf(const StageMoment& moment) const;
+    // Source pixels to output pixels, and the card, under the stage transform `stage`.
+    Placement placed(Size source, const Affine& stage) const;
 
     // --- Prepared once ---
 

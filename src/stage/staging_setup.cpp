@@ -85,7 +85,6 @@ std::optional<Image> CameraFeed::at(double t)
 Result<StagingSetup> prepareStaging(const StagingJob& job)
 {
     StagingSetup s;
-    s.fps = job.fps > 0 && std::isfinite(job.fps) ? job.fps : RenderRules::videoFPS;
     // Each decoder thread holds frames of its own; past a few threads a 4K source costs
     // memory faster than it gains speed.
     MovieReader::Options decoding;
@@ -97,6 +96,13 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
     }
     s.reader = std::move(*reader);
     s.info = s.reader->info();
+    PLIM_TRY(prepareEdit(s, job));
+    return s;
+}
+
+Status prepareEdit(StagingSetup& s, const StagingJob& job)
+{
+    s.fps = job.fps > 0 && std::isfinite(job.fps) ? job.fps : RenderRules::videoFPS;
     s.rawDuration = s.info.duration;
     if (!(s.rawDuration > 0) || s.info.width < 2 || s.info.height < 2)
         return std::unexpected(stagingFailure(job, StagingError::unreadable("it holds no picture to show")));
@@ -122,8 +128,19 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
     if (s.expected == 0)
         return std::unexpected(stagingFailure(job, StagingError::emptyEdit()));
 
+    if (!s.camera && !job.reframe)
+        s.camera = CameraFeed::open(job.movie, job.cursor);
+    PLIM_TRY(prepareRenderer(s, job));
+    RecordedMomentSource::Options momentOptions;
+    momentOptions.keycaps = job.look.keys;
+    momentOptions.glide = job.look.cursorGlide;
+    s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration, {}, momentOptions));
+    return {};
+}
+
+Status prepareRenderer(StagingSetup& s, const StagingJob& job)
+{
     s.canvas = StagingEngine::canvas(job, Size{static_cast<double>(s.info.width), static_cast<double>(s.info.height)});
-    s.camera = job.reframe ? nullptr : CameraFeed::open(job.movie, job.cursor);
     StageRenderer::Options options;
     options.content = Size{static_cast<double>(s.info.width), static_cast<double>(s.info.height)};
     options.shape = job.look.shape;
@@ -136,11 +153,7 @@ Result<StagingSetup> prepareStaging(const StagingJob& job)
     options.wallpaper = job.wallpaper;
     s.renderer = PLIM_TRY(StageRenderer::create(job.spec, Size{static_cast<double>(s.canvas.width),
                                                              static_cast<double>(s.canvas.height)}, options));
-    RecordedMomentSource::Options momentOptions;
-    momentOptions.keycaps = job.look.keys;
-    momentOptions.glide = job.look.cursorGlide;
-    s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration, {}, momentOptions));
-    return s;
+    return {};
 }
 
 } // namespace plim

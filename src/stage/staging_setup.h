@@ -84,5 +84,10 @@ struct StagingSetup {
 };
 
 Result<StagingSetup> prepareStaging(const StagingJob& job);
+// Over a movie already opened (`info` set): what the job's edit and look make (timeline,
+// frame counts, renderer, moments), opening the camera feed when there is none yet.
+Status prepareEdit(StagingSetup& s, const StagingJob& job);
+// The renderer alone, for the job's canvas.
+Status prepareRenderer(StagingSetup& s, const StagingJob& job);
 
 } // namespace plim

@@ -4,6 +4,7 @@
 #include "plan/plan.h"
 #include "stage/staging_setup.h"
 
+#include <algorithm>
 #include <cmath>
 #include <map>
 
@@ -34,6 +35,11 @@ Result<std::unique_ptr<StagingSound>> StagingSound::open(const StagingJob& job, 
     auto mix = planShareAudio(job.plan, s.rawDuration, slots, s.info.hasSound, soundSampleRate);
     auto mixer = std::make_unique<SoundMixer>(std::move(mix), std::move(movieSound), std::move(voices));
     return std::unique_ptr<StagingSound>(new StagingSound(job, std::move(mixer)));
+}
+
+void StagingSound::seek(double seconds)
+{
+    m_mixer->seek(static_cast<int64_t>(std::llround(std::max(0.0, seconds) * soundSampleRate)));
 }
 
 Status StagingSound::feedUntil(VideoSink& sink, double seconds)

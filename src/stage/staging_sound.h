@@ -3,7 +3,7 @@
 // voiceovers, mixed and handed to the sink in blocks, ahead of the pictures. Private to stage/.
 //
 // Threads: open() runs on the caller's thread before the writer starts; feedUntil() then
-// runs on the encode thread only.
+// runs on the encode thread only (a player's sound thread calls next() and seek()).
 
 #include "media/sound_mixer.h"
 #include "stage/staging_engine.h"
@@ -27,6 +27,12 @@ public:
     Status feedUntil(VideoSink& sink, int64_t until);
     // Until output second `seconds`.
     Status feedUntil(VideoSink& sink, double seconds);
+    // The mix's next block of at most `frames` frames, for a player; nothing at its end.
+    Result<std::optional<SoundMixer::Block>> next(int64_t frames) { return m_mixer->next(frames); }
+    // Plays on from output second `seconds`.
+    void seek(double seconds);
+    int64_t totalFrames() const { return m_mixer->plan().totalFrames; }
+
     // All that is left of the mix.
     Status feedAll(VideoSink& sink) { return feedUntil(sink, m_mixer->plan().totalFrames); }
 

@@ -5,9 +5,9 @@
 #include "capture/capture.h"
 #include "ui/desktop_icons.h"
 #include "ui/desktop_services.h"
+#include "ui/editor_window.h"
 #include "ui/live_bar.h"
 #include "ui/main_menu.h"
-#include "ui/plim_window.h"
 #include "ui/subject_overlays.h"
 #include "ui/tray_item.h"
 
@@ -69,7 +69,7 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
     m_router->setFactory(WindowRouter::Destination::stagedMoment, [this](const WindowRouter::Request& request) -> QWidget* {
         if (!request.movie)
             return nullptr;
-        return new PlimWindow({*request.movie, request.stagedMoment, request.notice},
+        return new EditorWindow({*request.movie, request.stagedMoment, request.notice},
             [this](const std::filesystem::path& movie) {
                 m_router->show(WindowRouter::Destination::share, WindowRouter::Request{.movie = movie});
             });

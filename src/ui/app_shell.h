@@ -46,8 +46,8 @@ public:
     // "quit"); empty for a plain activation, which shows the home window.
     void perform(const QString& action);
 
-    // Opens a plim for editing: today its window with the poster, play, share and folder. The
-    // stop flow comes through here too, so a plim just recorded gets its staged moment.
+    // Opens a plim in its editor (raised when it is open already). The stop flow comes
+    // through here too, so a plim just recorded gets its staged moment first.
     void openInEditor(const std::filesystem::path& movie);
 
     // A plim named by a file URI (a file manager's Open With); anything else gets a sentence.

@@ -64,7 +64,7 @@ ApplicationBus::Claim ApplicationBus::claim()
     return Claim::owned;
 }
 
-ForwardOutcome forwardToRunningInstance(const std::optional<std::string>& action)
+ForwardOutcome forwardToRunningInstance(const std::optional<std::string>& action, const QStringList& files)
 {
     // A connection of its own, closed at the end: the start may go on to be the instance.
     const QString name = "plim-forward";
@@ -77,20 +77,23 @@ ForwardOutcome forwardToRunningInstance(const std::optional<std::string>& action
         return {Forwarded::noBus, std::nullopt};
     if (!bus.interface()->isServiceRegistered(applicationBusName).value())
         return {Forwarded::noInstance, std::nullopt};
-    QDBusMessage call = QDBusMessage::createMethodCall(applicationBusName, applicationObjectPath, applicationInterface,
-        action ? "ActivateAction" : "Activate");
+    auto send = [&](const QString& method, const QVariantList& arguments, const std::string& what) -> std::optional<std::string> {
+        QDBusMessage call = QDBusMessage::createMethodCall(applicationBusName, applicationObjectPath, applicationInterface, method);
+        call.setArguments(arguments);
+        QDBusMessage reply = bus.call(call, QDBus::Block, 10000);
+        if (reply.type() != QDBusMessage::ErrorMessage)
+            return std::nullopt;
+        return "The Plim already running did not take " + what + " (" + reply.errorMessage().toStdString()
+            + "). Nothing was changed; quit Plim from its tray menu and start it again.";
+    };
+    std::optional<std::string> failure;
     if (action)
-        call << QString::fromStdString(*action) << QVariantList() << QVariantMap();
-    else
-        call << QVariantMap();
-    QDBusMessage reply = bus.call(call, QDBus::Block, 10000);
-    if (reply.type() == QDBusMessage::ErrorMessage) {
-        std::string what = action ? "--" + *action : std::string("the request to show its window");
-        return {Forwarded::delivered,
-            "The Plim already running did not take " + what + " (" + reply.errorMessage().toStdString()
-                + "). Nothing was changed; quit Plim from its tray menu and start it again."};
-    }
-    return {Forwarded::delivered, std::nullopt};
+        failure = send("ActivateAction", {QString::fromStdString(*action), QVariantList(), QVariantMap()}, "--" + *action);
+    else if (files.isEmpty())
+        failure = send("Activate", {QVariantMap()}, "the request to show its window");
+    if (!failure && !files.isEmpty())
+        failure = send("Open", {files, QVariantMap()}, "the request to open " + files.join(", ").toStdString());
+    return {Forwarded::delivered, failure};
 }
 
 } // namespace plim

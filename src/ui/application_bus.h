@@ -36,11 +36,12 @@ public:
 enum class Forwarded { delivered, noInstance, noBus };
 
 // Sends the action (or a plain activation) to the Plim already running on this session's
-// bus. Fails with a sentence when one runs but did not take it.
+// bus, then the files to open (file URIs) through Open; with files and no action, only
+// Open is sent. Fails with a sentence when one runs but did not take it.
 struct ForwardOutcome {
     Forwarded result = Forwarded::noInstance;
     std::optional<std::string> failure;
 };
-ForwardOutcome forwardToRunningInstance(const std::optional<std::string>& action);
+ForwardOutcome forwardToRunningInstance(const std::optional<std::string>& action, const QStringList& files = {});
 
 } // namespace plim

@@ -11,9 +11,11 @@
 
 #include <QApplication>
 #include <QSocketNotifier>
+#include <QUrl>
 
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -48,10 +50,28 @@ void quitOnSignals(QObject* owner)
     sigaction(SIGINT, &action, nullptr);
 }
 
-// A second start hands its verb to the Plim already running; true when that one took it.
-std::optional<int> forwardIfRunning(const std::optional<std::string>& action, std::ostream& err)
+// The files named on the command line (`plim FILE.mov`), as file URIs: the arguments that
+// are neither options nor the value of a single-dash option (Qt's -display NAME).
+QStringList fileArguments(const std::vector<std::string>& argv)
 {
-    auto forwarded = forwardToRunningInstance(action);
+    QStringList files;
+    for (size_t i = 1; i < argv.size(); ++i) {
+        const std::string& arg = argv[i];
+        const std::string& before = argv[i - 1];
+        const bool optionValue = i > 1 && before.size() > 1 && before[0] == '-' && before[1] != '-';
+        if (arg.empty() || arg[0] == '-' || optionValue)
+            continue;
+        std::error_code ec;
+        auto absolute = std::filesystem::absolute(arg, ec);
+        files << QUrl::fromLocalFile(QString::fromStdString((ec ? std::filesystem::path(arg) : absolute).string())).toString();
+    }
+    return files;
+}
+
+// A second start hands its verb and files to the Plim already running; true when that one took them.
+std::optional<int> forwardIfRunning(const std::optional<std::string>& action, const QStringList& files, std::ostream& err)
+{
+    auto forwarded = forwardToRunningInstance(action, files);
     if (forwarded.result != Forwarded::delivered)
         return std::nullopt;
     if (forwarded.failure) {
@@ -77,10 +97,11 @@ int runDesktopApp(const std::vector<std::string>& argv)
         args.push_back(const_cast<char*>(a.c_str()));
     int argc = int(args.size());
     const auto action = requestedAction(argv);
+    const QStringList files = fileArguments(argv);
     {
         // No window and no display connection for a start that only hands its verb over.
         QCoreApplication probe(argc, args.data());
-        if (auto status = forwardIfRunning(action, std::cerr))
+        if (auto status = forwardIfRunning(action, files, std::cerr))
             return *status;
     }
 
@@ -97,7 +118,7 @@ int runDesktopApp(const std::vector<std::string>& argv)
     case ApplicationBus::Claim::owned: break;
     case ApplicationBus::Claim::taken:
         // Another Plim started at the same moment and won the name.
-        if (auto status = forwardIfRunning(action, std::cerr))
+        if (auto status = forwardIfRunning(action, files, std::cerr))
             return *status;
         break;
     case ApplicationBus::Claim::noBus:
@@ -114,6 +135,8 @@ int runDesktopApp(const std::vector<std::string>& argv)
     auto recovered = recoverAbandonedRecordings(shell.driver().libraryFolder());
     shell.start(action);
     shell.showRecoveredRecordings(recovered);
+    for (const QString& file : files)
+        shell.openFile(file);
     return app.exec();
 }
 

@@ -4,6 +4,7 @@
 
 #include "testkit/servers.h"
 #include "testkit/session_bus.h"
+#include "testkit/test_movies.h"
 #include "testkit/test_window.h"
 #include "testkit/testkit.h"
 #include "ui/live_bar.h"
@@ -156,8 +157,16 @@ TEST_F(Shell, EscapeDuringTheCountdownRecordsNothing)
     std::this_thread::sleep_for(std::chrono::seconds(6));
     EXPECT_TRUE(files(".mov").empty());
     EXPECT_THAT(appErrors(), HasSubstr("The recording was cancelled before it started. Nothing was recorded."));
-    // Still running, and still answering its verbs.
+    // Still running, and still answering its verbs; a movie named to a second start opens in
+    // the running one's editor.
     EXPECT_EQ(plim("--show").status, 0);
+    const fs::path movie = sandbox.videos() / "Named Plim.mov";
+    fs::create_directories(movie.parent_path());
+    ASSERT_TRUE(writeTestMovie(movie, TestMovie{}));
+    EXPECT_EQ(plim(movie.string()).status, 0);
+    EXPECT_TRUE(eventually([&] {
+        return runCommand({"xdotool", "search", "--name", "^Named Plim$"}, env()).status == 0;
+    }, 30)) << appErrors();
 }
 
 // The verb's whole path: the picker over the screen, a drag with the real pointer, Enter,

@@ -15,6 +15,7 @@
 #include "ui/record_panel.h"
 #include "ui/settings_window.h"
 #include "ui/share_sheet.h"
+#include "wait_until.h"
 
 #include <QAbstractItemModel>
 #include <QDBusConnection>
@@ -65,19 +66,6 @@ private:
     mutable QMutex m_lock;
     QStringList m_shown;
 };
-
-// Runs the event loop until `done` holds or `seconds` pass; returns whether it holds.
-template <typename F>
-bool waitUntil(F done, double seconds = 10)
-{
-    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end)
-            return false;
-        QTest::qWait(20);
-    }
-    return true;
-}
 
 void xdotool(std::vector<std::string> args)
 {

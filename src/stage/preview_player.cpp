@@ -1,0 +1,590 @@
+#include "stage/preview_player.h"
+
+#include "base/log.h"
+#include "media/sound_reader.h"
+#include "stage/stage_preview.h"
+#include "stage/staging_setup.h"
+#include "stage/staging_sound.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace plim {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+double steadySeconds()
+{
+    return std::chrono::duration<double>(SteadyClock::now().time_since_epoch()).count();
+}
+
+constexpr int64_t soundBlockFrames = 2400; // 50 ms a write
+// While playing, every this many frames is kept for scrubbing; every frame when still.
+constexpr int64_t playCacheEvery = 8;
+
+// Composed frames by output slot, the least recently used let go past the byte cap.
+class FrameCache {
+public:
+    explicit FrameCache(std::size_t cap) : m_cap(cap) {}
+
+    void put(const PreviewFrame& frame)
+    {
+        const std::size_t bytes = static_cast<std::size_t>(frame.image.stride) * static_cast<std::size_t>(frame.image.height);
+        if (bytes > m_cap)
+            return;
+        auto [it, added] = m_frames.insert_or_assign(frame.slot, Entry{frame, ++m_use});
+        if (added)
+            m_bytes += bytes;
+        while (m_bytes > m_cap && !m_frames.empty()) {
+            auto oldest = std::min_element(m_frames.begin(), m_frames.end(),
+                [](const auto& a, const auto& b) { return a.second.use < b.second.use; });
+            m_bytes -= static_cast<std::size_t>(oldest->second.frame.image.stride)
+                * static_cast<std::size_t>(oldest->second.frame.image.height);
+            m_frames.erase(oldest);
+        }
+    }
+    const PreviewFrame* exact(int64_t slot)
+    {
+        auto it = m_frames.find(slot);
+        if (it == m_frames.end())
+            return nullptr;
+        it->second.use = ++m_use;
+        return &it->second.frame;
+    }
+    const PreviewFrame* nearest(int64_t slot) const
+    {
+        if (m_frames.empty())
+            return nullptr;
+        auto after = m_frames.lower_bound(slot);
+        if (after == m_frames.begin())
+            return &after->second.frame;
+        auto before = std::prev(after);
+        if (after == m_frames.end() || slot - before->first <= after->first - slot)
+            return &before->second.frame;
+        return &after->second.frame;
+    }
+    void clear()
+    {
+        m_frames.clear();
+        m_bytes = 0;
+    }
+
+private:
+    struct Entry {
+        PreviewFrame frame;
+        uint64_t use = 0;
+    };
+    std::map<int64_t, Entry> m_frames;
+    std::size_t m_cap;
+    std::size_t m_bytes = 0;
+    uint64_t m_use = 0;
+};
+
+} // namespace
+
+struct PreviewPlayer::State {
+    // --- Set at open, then read-only ---
+    PreviewPlayer::Callbacks callbacks;
+    std::unique_ptr<SoundOutput> output; // null when there is no sound device
+
+    // --- Requests, under `mutex` ---
+    std::mutex mutex;
+    std::condition_variable wake;
+    struct Requests {
+        std::optional<StagingJob> job;
+        std::optional<std::pair<int, int>> size;
+        std::optional<bool> raw;
+        std::optional<std::pair<double, bool>> seek;
+        int step = 0;
+        std::optional<bool> play;
+        std::optional<double> rate;
+        bool any() const { return job || size || raw || seek || step != 0 || play || rate; }
+    } requests;
+    bool stopping = false;
+
+    // --- Published by the drawing thread ---
+    std::atomic<double> position{0};
+    std::atomic<double> duration{0};
+    std::atomic<double> fps{60};
+    std::atomic<double> rate{1};
+    std::atomic<bool> playing{false};
+    std::atomic<bool> soundOn{false};
+    std::atomic<int64_t> shown{0}, late{0}, dropped{0};
+
+    // --- The drawing thread's own ---
+    std::unique_ptr<StagePreview> preview;
+    FrameCache cache;
+    bool raw = false;
+    int64_t slot = 0;          // the frame shown
+    int64_t frameCount = 1;
+    double composeSeconds = 0.01; // running estimate of one frame's drawing
+    // The play clock: output seconds = basePosition + (steady - baseSteady) × rate, or
+    // basePosition + heard seconds while sound plays.
+    double basePosition = 0;
+    double baseSteady = 0;
+    bool clockOnSound = false;
+
+    // --- The sound thread's, handed over under `soundMutex` ---
+    std::mutex soundMutex;
+    std::condition_variable soundWake;
+    std::unique_ptr<StagingSound> sound; // the mix of the current edit; null without sound
+    std::shared_ptr<const StagingJob> soundJob; // what `sound` refers to
+    uint64_t soundRun = 0;     // bumped to start or stop a run
+    std::optional<double> soundFrom; // output seconds the current run starts at; none: silent
+    bool soundStopping = false;
+    std::atomic<bool> soundDrained{false}; // the run has written all of its mix
+    std::atomic<uint64_t> soundStarted{0}; // the run the sound thread has flushed and begun
+
+    std::thread drawing;
+    std::thread soundThread;
+
+    State(PreviewPlayer::Callbacks c, std::size_t cacheBytes) : callbacks(std::move(c)), cache(cacheBytes) {}
+
+    // ---------------- Drawing thread ----------------
+
+    double slotTime(int64_t s) const { return static_cast<double>(s) / fps.load(); }
+    int64_t slotAt(double t) const
+    {
+        return std::clamp<int64_t>(RenderRules::slotOf(std::max(0.0, t), fps.load()), 0, frameCount - 1);
+    }
+
+    void fail(const Error& error)
+    {
+        logLine(LogArea::main, "the preview could not draw: " + error.sentence);
+        if (callbacks.failed)
+            callbacks.failed(error);
+    }
+
+    void hand(const PreviewFrame& frame)
+    {
+        position.store(frame.outputTime);
+        if (frame.exact)
+            ++shown;
+        if (callbacks.frame)
+            callbacks.frame(frame);
+    }
+
+    std::optional<PreviewFrame> compose(int64_t s)
+    {
+        const double started = steadySeconds();
+        auto shot = preview->shot(slotTime(s), raw);
+        if (!shot) {
+            fail(shot.error());
+            return std::nullopt;
+        }
+        composeSeconds = 0.8 * composeSeconds + 0.2 * (steadySeconds() - started);
+        return PreviewFrame{std::move(shot->image), slotTime(s), s, shot->placement, true, raw};
+    }
+
+    // Draws the frame at slot `s` now (from the cache when it holds it) and shows it.
+    void show(int64_t s)
+    {
+        slot = s;
+        if (const PreviewFrame* cached = cache.exact(s)) {
+            hand(*cached);
+            return;
+        }
+        if (auto frame = compose(s)) {
+            cache.put(*frame);
+            hand(*frame);
+        }
+    }
+
+    void updateEdit()
+    {
+        frameCount = std::max<int64_t>(1, preview->frameCount());
+        fps.store(preview->fps());
+        duration.store(preview->outputDuration());
+        slot = std::clamp<int64_t>(slot, 0, frameCount - 1);
+    }
+
+    // The mix for the preview's current job, handed to the sound thread.
+    void remakeSound()
+    {
+        if (!output)
+            return;
+        auto job = std::make_shared<const StagingJob>(preview->job());
+        std::unique_ptr<StagingSound> mix;
+        if (auto opened = preview->openSound(*job))
+            mix = std::move(*opened);
+        else
+            logLine(LogArea::main, "the preview plays without sound: " + opened.error().sentence);
+        std::lock_guard lock(soundMutex);
+        sound = std::move(mix);
+        soundJob = std::move(job);
+        soundOn.store(sound != nullptr);
+    }
+
+    // Starts (or, with nothing, stops) the sound from output second `from`.
+    void runSound(std::optional<double> from)
+    {
+        if (!output)
+            return;
+        std::lock_guard lock(soundMutex);
+        soundFrom = sound ? from : std::nullopt;
+        ++soundRun;
+        soundDrained.store(false);
+        soundWake.notify_all();
+    }
+
+    double clock()
+    {
+        if (clockOnSound) {
+            const int64_t heard = output->playedFrames();
+            const double at = basePosition + static_cast<double>(heard) / output->rate();
+            // The mix ended (or the run never began): the steady clock takes over from here.
+            if (soundDrained.load() && heard >= output->writtenFrames()) {
+                basePosition = at;
+                baseSteady = steadySeconds();
+                clockOnSound = false;
+            }
+            return at;
+        }
+        return basePosition + (steadySeconds() - baseSteady) * rate.load();
+    }
+
+    void startClock()
+    {
+        basePosition = slotTime(slot);
+        baseSteady = steadySeconds();
+        clockOnSound = output && soundOn.load() && rate.load() == 1.0;
+        runSound(clockOnSound ? std::optional<double>(basePosition) : std::nullopt);
+        if (clockOnSound) {
+            // Wait until the sound thread has dropped the old run's queue, so the clock
+            // starts from this run's first frame.
+            const uint64_t run = [&] {
+                std::lock_guard lock(soundMutex);
+                return soundRun;
+            }();
+            for (int i = 0; i < 200 && soundStarted.load() < run; ++i)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    }
+
+    void setPlaying(bool on)
+    {
+        if (on && rate.load() > 0 && slot >= frameCount - 1)
+            slot = 0; // play from the start again after the end
+        if (on && rate.load() < 0 && slot <= 0)
+            on = false;
+        const bool was = playing.exchange(on);
+        if (on)
+            startClock();
+        else if (was)
+            runSound(std::nullopt);
+        if (was != on && callbacks.playing)
+            callbacks.playing(on);
+    }
+
+    // Waits until the play clock reaches output second `at` (forward) or falls to it
+    // (backward); false when a request came first.
+    bool waitFor(double at, bool forward)
+    {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            if (stopping || requests.any())
+                return false;
+            lock.unlock();
+            const double now = clock();
+            lock.lock();
+            const double ahead = forward ? at - now : now - at;
+            if (ahead <= 0)
+                return true;
+            const double r = std::abs(rate.load());
+            const double wait = std::clamp(ahead / std::max(r, 0.01), 0.0005, 0.02);
+            wake.wait_for(lock, std::chrono::duration<double>(wait));
+        }
+    }
+
+    // One frame of real-time play.
+    void playOne()
+    {
+        const double r = rate.load();
+        if (r > 0) {
+            if (slot >= frameCount - 1) {
+                setPlaying(false);
+                return;
+            }
+            // The next frame that can still be drawn before its turn ends.
+            const double fpsNow = fps.load();
+            const int64_t reachable = RenderRules::slotOf(clock() + composeSeconds * r, fpsNow);
+            int64_t next = std::max(slot + 1, reachable);
+            if (next > frameCount - 1)
+                next = frameCount - 1;
+            dropped += next - slot - 1;
+            auto frame = compose(next);
+            if (!frame) {
+                setPlaying(false);
+                return;
+            }
+            if (next % playCacheEvery == 0)
+                cache.put(*frame);
+            if (!waitFor(slotTime(next), true))
+                return;
+            if (clock() >= slotTime(next + 1))
+                ++late;
+            slot = next;
+            hand(*frame);
+        } else {
+            if (slot <= 0) {
+                setPlaying(false);
+                return;
+            }
+            // Backwards: frame by frame, each as the clock reaches it.
+            if (!waitFor(slotTime(slot), false))
+                return;
+            const int64_t next = std::clamp<int64_t>(RenderRules::slotOf(clock(), fps.load()), 0, slot - 1);
+            slot = next;
+            show(next);
+        }
+    }
+
+    void drawLoop()
+    {
+        for (;;) {
+            Requests r;
+            {
+                std::unique_lock lock(mutex);
+                if (!playing.load())
+                    wake.wait(lock, [&] { return stopping || requests.any(); });
+                if (stopping)
+                    return;
+                r = std::move(requests);
+                requests = {};
+            }
+            bool redraw = false;
+            bool restartClock = false;
+            if (r.job) {
+                if (auto made = preview->setJob(*r.job); !made) {
+                    fail(made.error());
+                } else {
+                    cache.clear();
+                    updateEdit();
+                    remakeSound();
+                    redraw = restartClock = true;
+                }
+            }
+            if (r.size) {
+                if (auto made = preview->setOutputSize(r.size->first, r.size->second); !made)
+                    fail(made.error());
+                else
+                    cache.clear();
+                redraw = true;
+            }
+            if (r.raw && *r.raw != raw) {
+                raw = *r.raw;
+                cache.clear();
+                redraw = true;
+            }
+            if (r.rate) {
+                rate.store(*r.rate);
+                restartClock = true;
+            }
+            if (r.step != 0) {
+                setPlaying(false);
+                slot = std::clamp<int64_t>(slot + r.step, 0, frameCount - 1);
+                redraw = true;
+            }
+            if (r.seek) {
+                const int64_t target = slotAt(r.seek->first);
+                if (r.seek->second && !cache.exact(target))
+                    if (const PreviewFrame* near = cache.nearest(target)) {
+                        PreviewFrame first = *near;
+                        first.exact = false;
+                        hand(first);
+                    }
+                slot = target;
+                redraw = restartClock = true;
+            }
+            if (r.play && *r.play != playing.load()) {
+                setPlaying(*r.play);
+                restartClock = false;
+            } else if (restartClock && playing.load()) {
+                startClock();
+            }
+            if (redraw)
+                show(slot);
+            if (playing.load())
+                playOne();
+        }
+    }
+
+    // ---------------- Sound thread ----------------
+
+    void soundLoop()
+    {
+        uint64_t run = 0;
+        for (;;) {
+            std::optional<double> from;
+            {
+                std::unique_lock lock(soundMutex);
+                soundWake.wait(lock, [&] { return soundStopping || soundRun != run; });
+                if (soundStopping)
+                    return;
+                run = soundRun;
+                from = soundFrom;
+            }
+            output->flush();
+            soundStarted.store(run);
+            if (!from)
+                continue;
+            for (;;) {
+                std::unique_lock lock(soundMutex);
+                if (soundStopping || soundRun != run || !sound)
+                    break;
+                if (from) {
+                    sound->seek(*from);
+                    from.reset();
+                }
+                auto block = sound->next(soundBlockFrames);
+                lock.unlock();
+                if (!block) {
+                    logLine(LogArea::main, "the preview's sound stopped: " + block.error().sentence);
+                    soundDrained.store(true);
+                    break;
+                }
+                if (!*block) {
+                    soundDrained.store(true);
+                    break;
+                }
+                const auto& samples = (*block)->samples;
+                if (auto written = output->write(samples.data(), static_cast<int64_t>(samples.size() / soundChannels));
+                    !written) {
+                    logLine(LogArea::main, "the preview's sound stopped: " + written.error().sentence);
+                    soundDrained.store(true);
+                    break;
+                }
+            }
+        }
+    }
+};
+
+Result<std::unique_ptr<PreviewPlayer>> PreviewPlayer::open(const StagingJob& job, Options options, Callbacks callbacks)
+{
+    auto state = std::make_unique<State>(std::move(callbacks), options.cacheBytes);
+    StagingJob sized = job;
+    sized.canvas = RenderRules::PixelSize{std::max(2, options.width / 2 * 2), std::max(2, options.height / 2 * 2)};
+    state->preview = PLIM_TRY(StagePreview::open(sized));
+    state->updateEdit();
+    if (options.sound) {
+        if (auto opened = options.sound->open(soundSampleRate, soundChannels))
+            state->output = std::move(options.sound);
+        else
+            logLine(LogArea::main, "the preview plays without sound: " + opened.error().sentence);
+    }
+    state->remakeSound();
+    State* s = state.get();
+    if (s->output)
+        s->soundThread = std::thread([s] { s->soundLoop(); });
+    s->drawing = std::thread([s] { s->drawLoop(); });
+    {
+        std::lock_guard lock(s->mutex);
+        s->requests.seek = {0.0, false};
+    }
+    s->wake.notify_all();
+    return std::unique_ptr<PreviewPlayer>(new PreviewPlayer(std::move(state)));
+}
+
+PreviewPlayer::PreviewPlayer(std::unique_ptr<State> state) : m_state(std::move(state)) {}
+
+PreviewPlayer::~PreviewPlayer()
+{
+    {
+        std::lock_guard lock(m_state->mutex);
+        m_state->stopping = true;
+    }
+    m_state->wake.notify_all();
+    if (m_state->drawing.joinable())
+        m_state->drawing.join();
+    {
+        std::lock_guard lock(m_state->soundMutex);
+        m_state->soundStopping = true;
+    }
+    m_state->soundWake.notify_all();
+    if (m_state->soundThread.joinable())
+        m_state->soundThread.join();
+}
+
+namespace {
+
+template <typename Change>
+void request(std::mutex& mutex, std::condition_variable& wake, Change change)
+{
+    {
+        std::lock_guard lock(mutex);
+        change();
+    }
+    wake.notify_all();
+}
+
+} // namespace
+
+void PreviewPlayer::setOutputSize(int width, int height)
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.size = {width, height}; });
+}
+
+void PreviewPlayer::setJob(const StagingJob& job)
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.job = job; });
+}
+
+void PreviewPlayer::showRecording(bool raw)
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.raw = raw; });
+}
+
+void PreviewPlayer::seek(double outputTime, bool scrubbing)
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.seek = {outputTime, scrubbing}; });
+}
+
+void PreviewPlayer::step(int frames)
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.step += frames; });
+}
+
+void PreviewPlayer::play()
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.play = true; });
+}
+
+void PreviewPlayer::pause()
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.play = false; });
+}
+
+void PreviewPlayer::setRate(double rate)
+{
+    if (!std::isfinite(rate))
+        return;
+    rate = std::clamp(rate, -2.0, 4.0);
+    if (rate == 0) {
+        pause();
+        return;
+    }
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.rate = rate; });
+}
+
+double PreviewPlayer::position() const { return m_state->position.load(); }
+double PreviewPlayer::duration() const { return m_state->duration.load(); }
+double PreviewPlayer::fps() const { return m_state->fps.load(); }
+double PreviewPlayer::rate() const { return m_state->rate.load(); }
+bool PreviewPlayer::isPlaying() const { return m_state->playing.load(); }
+bool PreviewPlayer::hasSound() const { return m_state->soundOn.load(); }
+
+PreviewPlayer::Counters PreviewPlayer::counters() const
+{
+    return {m_state->shown.load(), m_state->late.load(), m_state->dropped.load()};
+}
+
+} // namespace plim

@@ -1,0 +1,227 @@
+// The preview player on a real movie: what it shows matches the staged frame, edits show
+// at once, a scrub shows a cached neighbour first, and play runs in order at the frame
+// rate with the share's sound.
+#include "media/media.h"
+#include "stage/preview_player.h"
+#include "stage/stage_preview.h"
+#include "testkit/test_movies.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+using namespace plim;
+using namespace plim::testkit;
+
+namespace {
+
+constexpr int side = 320;
+
+// Frames handed by the player's thread.
+struct Handed {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<PreviewFrame> frames;
+    bool playing = false;
+    int playStops = 0;
+
+    PreviewPlayer::Callbacks callbacks()
+    {
+        PreviewPlayer::Callbacks c;
+        c.frame = [this](const PreviewFrame& f) {
+            std::lock_guard lock(mutex);
+            frames.push_back(f);
+            changed.notify_all();
+        };
+        c.playing = [this](bool on) {
+            std::lock_guard lock(mutex);
+            playing = on;
+            playStops += on ? 0 : 1;
+            changed.notify_all();
+        };
+        return c;
+    }
+    // Waits until `done(frames)` holds; false after 20 s.
+    template <typename Done>
+    bool waitFor(Done done)
+    {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(20), [&] { return done(*this); });
+    }
+};
+
+std::array<int, 3> rgbAt(const Image& image, int x, int y)
+{
+    const uint8_t* p = image.row(y) + x * 4;
+    return {p[2], p[1], p[0]};
+}
+
+void expectNear(const std::array<int, 3>& a, const std::array<int, 3>& b, const std::string& where)
+{
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NEAR(a[i], b[i], 12) << where << " channel " << i;
+}
+
+struct PreviewPlayerTest : ::testing::Test {
+    TempDir dir;
+    fs::path movie = dir / "B.mov";
+    TestMovie source;
+
+    void SetUp() override
+    {
+        source.tones = {1.5};
+        source.toneLength = 0.1;
+        ASSERT_TRUE(writeTestMovie(movie, source));
+    }
+
+    StagingJob job(PlimLook look = {}, EditPlan plan = {})
+    {
+        StagingJob j;
+        j.movie = movie;
+        j.cursor = testTrack(source);
+        j.plan = std::move(plan);
+        j.look = look;
+        j.spec = wearing(StageSpec{}, look);
+        j.canvas = RenderRules::PixelSize{side, side * 5 / 8};
+        return j;
+    }
+
+    std::unique_ptr<PreviewPlayer> open(const StagingJob& j, Handed& handed,
+        std::unique_ptr<SoundOutput> sound = nullptr)
+    {
+        PreviewPlayer::Options options;
+        options.width = j.canvas->width;
+        options.height = j.canvas->height;
+        options.sound = std::move(sound);
+        auto player = PreviewPlayer::open(j, std::move(options), handed.callbacks());
+        EXPECT_TRUE(player) << player.error().sentence;
+        return player ? std::move(*player) : nullptr;
+    }
+};
+
+TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNeighbourFirst)
+{
+    Handed handed;
+    const StagingJob dawn = job();
+    auto player = open(dawn, handed);
+    ASSERT_TRUE(player);
+    auto reference = StagePreview::open(dawn);
+    ASSERT_TRUE(reference) << reference.error().sentence;
+    const int cx = side / 2, cy = side * 5 / 16, corner = 3;
+
+    auto exactAt = [&](double t) {
+        const double slotTime = static_cast<double>(RenderRules::slotOf(t, 60)) / 60;
+        std::optional<PreviewFrame> found;
+        EXPECT_TRUE(handed.waitFor([&](Handed& h) {
+            for (const auto& f : h.frames)
+                if (f.exact && std::abs(f.outputTime - slotTime) < 1e-9)
+                    found = f;
+            return found.has_value();
+        })) << "no frame at " << t;
+        return found;
+    };
+    for (double t : {2.4, 0.3, 1.5}) {
+        player->seek(t);
+        auto shown = exactAt(t);
+        ASSERT_TRUE(shown);
+        auto drawn = (*reference)->frame(shown->outputTime);
+        ASSERT_TRUE(drawn);
+        expectNear(rgbAt(shown->image, cx, cy), rgbAt(*drawn, cx, cy), "card at " + std::to_string(t));
+        expectNear(rgbAt(shown->image, corner, corner), rgbAt(*drawn, corner, corner), "backdrop at " + std::to_string(t));
+        // The middle of the recording lands at the card's middle.
+        const Point middle = shown->placement.sourceToOutput.apply(Point{side / 2.0, 100});
+        EXPECT_NEAR(middle.x, cx, 2);
+        EXPECT_NEAR(middle.y, cy, 2);
+    }
+
+    // A scrub to a frame not drawn yet shows the nearest drawn one (0.3 s) first.
+    {
+        std::lock_guard lock(handed.mutex);
+        handed.frames.clear();
+    }
+    player->seek(0.4, true);
+    ASSERT_TRUE(exactAt(0.4));
+    {
+        std::lock_guard lock(handed.mutex);
+        ASSERT_GE(handed.frames.size(), 2u);
+        EXPECT_FALSE(handed.frames.front().exact);
+        EXPECT_EQ(handed.frames.front().slot, RenderRules::slotOf(0.3, 60));
+    }
+
+    // New edits redraw the frame shown at once: another backdrop in the corner.
+    PlimLook graphite;
+    graphite.backdrop = PlimLook::Backdrop::graphite;
+    const StagingJob grey = job(graphite);
+    {
+        std::lock_guard lock(handed.mutex);
+        handed.frames.clear();
+    }
+    player->setJob(grey);
+    auto redrawn = exactAt(0.4);
+    ASSERT_TRUE(redrawn);
+    auto before = (*reference)->frame(redrawn->outputTime);
+    auto greyReference = StagePreview::open(grey);
+    ASSERT_TRUE(greyReference);
+    auto after = (*greyReference)->frame(redrawn->outputTime);
+    ASSERT_TRUE(before && after);
+    expectNear(rgbAt(redrawn->image, corner, corner), rgbAt(*after, corner, corner), "new backdrop");
+    const auto old = rgbAt(*before, corner, corner), now = rgbAt(redrawn->image, corner, corner);
+    EXPECT_GT(std::abs(old[0] - now[0]) + std::abs(old[1] - now[1]) + std::abs(old[2] - now[2]), 40);
+}
+
+TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
+{
+    // One second of output: raw 1 .. 2 s, the tone at raw 1.5 s playing at output 0.5 s.
+    Handed handed;
+    auto sound = std::make_unique<ScriptedSoundOutput>();
+    ScriptedSoundOutput* heard = sound.get();
+    auto player = open(job({}, {.trimIn = 1.0, .trimOut = 2.0}), handed, std::move(sound));
+    ASSERT_TRUE(player);
+    ASSERT_TRUE(handed.waitFor([](Handed& h) { return !h.frames.empty(); }));
+    EXPECT_TRUE(player->hasSound());
+    EXPECT_NEAR(player->duration(), 1.0, 1e-6);
+    {
+        std::lock_guard lock(handed.mutex);
+        handed.frames.clear();
+    }
+    const auto started = std::chrono::steady_clock::now();
+    player->play();
+    ASSERT_TRUE(handed.waitFor([](Handed& h) { return h.playStops > 0; }));
+    const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    EXPECT_GT(took, 0.9);
+    EXPECT_LT(took, 1.6);
+
+    std::vector<PreviewFrame> frames;
+    {
+        std::lock_guard lock(handed.mutex);
+        frames = handed.frames;
+    }
+    const auto counters = player->counters();
+    ASSERT_FALSE(frames.empty());
+    for (std::size_t i = 1; i < frames.size(); ++i)
+        EXPECT_GT(frames[i].slot, frames[i - 1].slot) << "frame " << i;
+    // Every slot was either shown or dropped for lack of time; most were shown.
+    EXPECT_GE(static_cast<int64_t>(frames.size()) + counters.dropped, 58);
+    EXPECT_GE(static_cast<int64_t>(frames.size()), 30);
+    // The recording turns green at raw 1 s and blue at 2 s: what plays is the trimmed part.
+    EXPECT_GT(rgbAt(frames[frames.size() / 2].image, side / 2, side * 5 / 16)[1], 150);
+
+    // One second of sound, its tone half-way through as the mix places it.
+    const std::vector<float> pcm = heard->received();
+    const int64_t total = static_cast<int64_t>(pcm.size() / 2);
+    EXPECT_NEAR(static_cast<double>(total), soundSampleRate, 2400 + 1);
+    auto loudness = [&](double from, double to) {
+        double peak = 0;
+        for (int64_t f = std::llround(from * soundSampleRate); f < std::min<int64_t>(total, std::llround(to * soundSampleRate)); ++f)
+            peak = std::max(peak, static_cast<double>(std::abs(pcm[static_cast<size_t>(2 * f)])));
+        return peak;
+    };
+    EXPECT_GT(loudness(0.52, 0.58), 0.2);
+    EXPECT_LT(loudness(0.0, 0.45), 0.05);
+    EXPECT_LT(loudness(0.7, 1.0), 0.05);
+}
+
+} // namespace

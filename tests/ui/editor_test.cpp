@@ -1,0 +1,226 @@
+// The editor driven with real input on the test's X server: a plim with a pointer track
+// opens with its automatic edit, its trim end and zoom block are dragged on the timeline,
+// a blur box is drawn on the preview, and three undos take each back, the edits file read
+// back with the document's own reader after every step and the preview's picture checked
+// where the box lies. An edits file that cannot be read opens read only and stays as it was.
+
+#include "base/files.h"
+#include "library/plim_document.h"
+#include "library/plim_edits.h"
+#include "testkit/test_movies.h"
+#include "testkit/testkit.h"
+#include "ui/editor_blur_overlay.h"
+#include "ui/editor_window.h"
+#include "ui/preview_view.h"
+#include "ui/timeline_view.h"
+#include "wait_until.h"
+
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdlib>
+
+using namespace plim;
+using namespace plim::testkit;
+
+namespace {
+
+// A drag with the button held, in small steps as a hand makes it.
+void drag(QWidget* widget, QPointF from, QPointF to)
+{
+    QTest::mousePress(widget, Qt::LeftButton, {}, from.toPoint());
+    for (int i = 1; i <= 8; ++i) {
+        const QPointF at = from + (to - from) * (i / 8.0);
+        QTest::mouseMove(widget, at.toPoint());
+        QTest::qWait(10);
+    }
+    QTest::mouseRelease(widget, Qt::LeftButton, {}, to.toPoint());
+}
+
+PlimEdits editsOnDisk(const fs::path& movie)
+{
+    auto read = PlimEdits::read(movie);
+    EXPECT_TRUE(read && read->value) << (read ? "no edits file" : read.error().sentence);
+    return read && read->value ? *read->value : PlimEdits{};
+}
+
+// How much the picture varies over a rectangle: the spread of its green channel, which the
+// movie fills with noise and a blur box evens out.
+double spread(const QImage& image, QRect area)
+{
+    area = area.intersected(image.rect());
+    if (area.isEmpty())
+        return -1;
+    double sum = 0, squares = 0;
+    int count = 0;
+    for (int y = area.top(); y <= area.bottom(); ++y)
+        for (int x = area.left(); x <= area.right(); ++x) {
+            const double g = qGreen(image.pixel(x, y));
+            sum += g;
+            squares += g * g;
+            ++count;
+        }
+    const double mean = sum / count;
+    return std::sqrt(std::max(0.0, squares / count - mean * mean));
+}
+
+// The part of the shown frame that a rectangle of the preview widget covers: the frame is
+// fitted into the widget, centred.
+QRect inFrame(const PreviewView& preview, const QImage& frame, QRectF widgetArea)
+{
+    const QSizeF fitted = QSizeF(frame.size()).scaled(QSizeF(preview.size()), Qt::KeepAspectRatio);
+    const QPointF origin((preview.width() - fitted.width()) / 2, (preview.height() - fitted.height()) / 2);
+    const double scale = frame.width() / fitted.width();
+    return QRectF((widgetArea.topLeft() - origin) * scale, widgetArea.size() * scale).toRect();
+}
+
+} // namespace
+
+TEST(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
+{
+    XdgSandbox sandbox;
+    TempDir folder;
+    const fs::path movie = folder / "Editing.mov";
+    TestMovie source;
+    source.width = 480;
+    source.height = 300;
+    source.duration = 8;
+    source.colors = {{0, 0x406080}};
+    source.noise = true;
+    ASSERT_TRUE(writeTestMovie(movie, source));
+    // The pointer rests for a second, then crosses the picture and clicks twice in the middle.
+    CursorTrack track = testTrack(source);
+    for (auto& sample : track.samples)
+        if (sample.t < 1000) {
+            sample.x = source.width * 0.2;
+            sample.y = source.height * 0.5;
+        }
+    track.clicks = {{3900, 240, 150}, {4300, 250, 160}};
+    ASSERT_TRUE(track.write(movie));
+
+    std::vector<fs::path> shared;
+    EditorWindow window({movie}, [&](const fs::path& m) { shared.push_back(m); }, folder / "looks.json");
+    window.setAttribute(Qt::WA_DeleteOnClose, false);
+    window.resize(1280, 720);
+    window.show();
+    window.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
+    ASSERT_TRUE(waitUntil([&] { return window.document() && window.preview()->framesShown() > 0; }, 30))
+        << window.status().toStdString();
+    PlimDocument& document = *window.document();
+    TimelineView& timeline = *window.timeline();
+    PreviewView& preview = *window.preview();
+    EXPECT_FALSE(window.isReadOnly());
+
+    // A plim seen for the first time keeps its automatic edit: a trim and a zoom where it was clicked.
+    PlimEdits start = editsOnDisk(movie);
+    EXPECT_EQ(start.plan, document.edits().plan);
+    ASSERT_EQ(start.plan.zooms.size(), 1u);
+    EXPECT_EQ(start.plan.zooms[0].origin.kind, ZoomBlock::Origin::Kind::clickCluster);
+    const double trimIn = start.plan.trimIn.value_or(0);
+    EXPECT_GT(trimIn, 0.5);
+    EXPECT_FALSE(document.canUndo());
+
+    // 1. The left trim end, dragged 50 pixels right.
+    const QRect clips = timeline.laneRect(TimelineView::Lane::clips);
+    const QPointF trimHandle(timeline.xOf(trimIn) + 2, clips.center().y());
+    drag(&timeline, trimHandle, trimHandle + QPointF(50, 0));
+    window.saveNow();
+    PlimEdits trimmed = editsOnDisk(movie);
+    EXPECT_NEAR(trimmed.plan.trimIn.value_or(0), trimIn + 48 * timeline.secondsPerPixel(), 3 * timeline.secondsPerPixel());
+    EXPECT_EQ(trimmed.plan.zooms, start.plan.zooms);
+    EXPECT_EQ(document.undoStack().size(), 1u) << "a drag is one undo step";
+
+    // 2. The zoom block, dragged by its middle 60 pixels right: it moves whole.
+    const ZoomBlock zoom = trimmed.plan.zooms[0];
+    const QRect zooms = timeline.laneRect(TimelineView::Lane::zooms);
+    const QPointF middle(timeline.xOf((zoom.start + zoom.end) / 2), zooms.center().y());
+    drag(&timeline, middle, middle + QPointF(60, 0));
+    window.saveNow();
+    PlimEdits zoomed = editsOnDisk(movie);
+    ASSERT_EQ(zoomed.plan.zooms.size(), 1u);
+    EXPECT_GT(zoomed.plan.zooms[0].start, zoom.start + 40 * timeline.secondsPerPixel());
+    EXPECT_NEAR(zoomed.plan.zooms[0].end - zoomed.plan.zooms[0].start, zoom.end - zoom.start, 1e-6);
+    EXPECT_EQ(zoomed.plan.trimIn, trimmed.plan.trimIn);
+    EXPECT_EQ(document.undoStack().size(), 2u);
+
+    // 3. A blur box drawn across the middle of the picture, where the noise is.
+    ASSERT_TRUE(waitUntil([&] { return preview.widgetPointOf({0, 0}) && preview.widgetPointOf({480, 300}); }));
+    const QPointF topLeft = *preview.widgetPointOf({180, 100});
+    const QPointF bottomRight = *preview.widgetPointOf({300, 200});
+    const QRectF box(topLeft, bottomRight);
+    const QRectF inner = box.adjusted(box.width() * 0.2, box.height() * 0.2, -box.width() * 0.2, -box.height() * 0.2);
+    const double noisy = spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner));
+    EXPECT_GT(noisy, 20) << "the movie's noise shows before the box";
+    window.drawBlurBox();
+    drag(window.blurOverlay(), topLeft, bottomRight);
+    window.saveNow();
+    PlimEdits blurred = editsOnDisk(movie);
+    ASSERT_EQ(blurred.plan.masks.size(), 1u);
+    const MaskRegion& mask = blurred.plan.masks[0];
+    EXPECT_NEAR(mask.x, 180.0 / 480, 0.02);
+    EXPECT_NEAR(mask.y, 100.0 / 300, 0.02);
+    EXPECT_NEAR(mask.w, 120.0 / 480, 0.02);
+    EXPECT_NEAR(mask.h, 100.0 / 300, 0.02);
+    EXPECT_EQ(document.undoStack().size(), 3u) << "drawing a box is one undo step";
+    EXPECT_TRUE(waitUntil([&] { return spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner)) < noisy / 3; }, 20))
+        << "the preview blurs where the box lies";
+    if (const char* shots = std::getenv("PLIM_UI_SHOTS"))
+        window.grab().save(QString::fromStdString((fs::path(shots) / "editor.png").string()));
+
+    // Three undos from the keyboard, each taking one drag back on disk and in the preview.
+    QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+    window.saveNow();
+    EXPECT_EQ(editsOnDisk(movie).plan, zoomed.plan);
+    EXPECT_TRUE(waitUntil([&] { return spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner)) > noisy * 0.7; }))
+        << "the box's blur went with its undo";
+    QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+    window.saveNow();
+    EXPECT_EQ(editsOnDisk(movie).plan, trimmed.plan);
+    QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+    window.saveNow();
+    EXPECT_EQ(editsOnDisk(movie).plan, start.plan);
+    EXPECT_FALSE(document.canUndo());
+    EXPECT_TRUE(document.canRedo());
+
+    window.findChild<QWidget*>("share")->setFocus();
+    QTest::mouseClick(window.findChild<QWidget*>("share"), Qt::LeftButton);
+    EXPECT_EQ(shared, std::vector<fs::path>{movie});
+}
+
+TEST(Editor, OpensAnUnreadableEditsFileReadOnlyAndLeavesItAsItWas)
+{
+    XdgSandbox sandbox;
+    TempDir folder;
+    const fs::path movie = folder / "Broken.mov";
+    TestMovie source;
+    source.width = 320;
+    source.height = 200;
+    source.duration = 3;
+    ASSERT_TRUE(writeTestMovie(movie, source));
+    ASSERT_TRUE(testTrack(source).write(movie));
+    const fs::path editsFile = sidecarPath(movie, PlimFiles::edits);
+    const std::string broken = "{\"version\": 2, \"trimIn\": 1.0, \"zooms\": [";
+    writeText(editsFile, broken);
+
+    {
+        EditorWindow window({movie}, {}, folder / "looks.json");
+        window.setAttribute(Qt::WA_DeleteOnClose, false);
+        window.show();
+        ASSERT_TRUE(waitUntil([&] { return window.document() != nullptr; }));
+        EXPECT_TRUE(window.isReadOnly());
+        EXPECT_NE(window.notice().toStdString().find("Broken.edits.json"), std::string::npos) << window.notice().toStdString();
+        // Dragging the trim end edits nothing.
+        TimelineView& timeline = *window.timeline();
+        const QRect clips = timeline.laneRect(TimelineView::Lane::clips);
+        const auto firstClip = window.document()->clips().front();
+        drag(&timeline, {timeline.xOf(firstClip.start) + 2, double(clips.center().y())},
+            {timeline.xOf(firstClip.start) + 80, double(clips.center().y())});
+        QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+        EXPECT_FALSE(window.document()->canUndo());
+        window.close();
+    }
+    EXPECT_EQ(readText(editsFile), broken);
+}
