@@ -9,9 +9,9 @@
 
 namespace plim {
 
-Result<std::unique_ptr<StagePreview>> StagePreview::open(const StagingJob& job)
+Result<std::unique_ptr<StagePreview>> StagePreview::open(const StagingJob& job, std::unique_ptr<MovieReader> opened)
 {
-    auto setup = std::make_unique<StagingSetup>(PLIM_TRY(prepareStaging(job)));
+    auto setup = std::make_unique<StagingSetup>(PLIM_TRY(prepareStaging(job, std::move(opened))));
     return std::unique_ptr<StagePreview>(new StagePreview(job, std::move(setup)));
 }
 
@@ -29,12 +29,14 @@ void StagePreview::fitPictures()
     for (const ZoomBlock& zoom : m_job.plan.zooms)
         if (std::isfinite(zoom.scale))
             deepest = std::max(deepest, zoom.scale);
-    const double scale = std::min(card.width / s.info.width, card.height / s.info.height) * std::min(deepest, 2.0);
-    if (!(scale > 0) || scale >= 0.9) {
+    // Past 1.75× a zoomed preview softens a little; short of it, a picture drawn at under
+    // half its size costs a halving pass every frame.
+    const double scale = std::min(card.width / s.info.width, card.height / s.info.height) * std::min(deepest, 1.75);
+    if (!(scale > 0) || scale >= 0.98) {
         m_playhead->setPictureSize(0, 0, m_job.movie.filename().string());
         return;
     }
-    auto even = [](double side) { return std::max(2, static_cast<int>(std::ceil(side / 2)) * 2); };
+    auto even = [](double side) { return std::max(2, static_cast<int>(side / 2) * 2); };
     m_playhead->setPictureSize(even(s.info.width * scale), even(s.info.height * scale), m_job.movie.filename().string());
 }
 
