@@ -485,6 +485,7 @@ Result<std::unique_ptr<PreviewPlayer>> PreviewPlayer::open(const StagingJob& job
     StagingJob sized = job;
     sized.canvas = RenderRules::PixelSize{std::max(2, options.width / 2 * 2), std::max(2, options.height / 2 * 2)};
     state->preview = PLIM_TRY(StagePreview::open(sized, std::move(options.movie)));
+    state->preview->setPicturesFitted(true);
     state->updateEdit();
     if (options.sound) {
         if (auto opened = options.sound->open(soundSampleRate, soundChannels))

@@ -18,19 +18,27 @@ Result<std::unique_ptr<StagePreview>> StagePreview::open(const StagingJob& job, 
 StagePreview::StagePreview(const StagingJob& job, std::unique_ptr<StagingSetup> setup)
     : m_job(job), m_setup(std::move(setup)), m_playhead(std::make_unique<MoviePlayhead>(std::move(m_setup->reader)))
 {
+}
+
+void StagePreview::setPicturesFitted(bool fitted)
+{
+    m_fitted = fitted;
     fitPictures();
 }
 
 void StagePreview::fitPictures()
 {
+    if (!m_fitted) {
+        m_playhead->setPictureSize(0, 0, m_job.movie.filename().string());
+        return;
+    }
     const StagingSetup& s = *m_setup;
     const Rect card = s.renderer->geometry().screenRect;
     double deepest = 1;
     for (const ZoomBlock& zoom : m_job.plan.zooms)
         if (std::isfinite(zoom.scale))
             deepest = std::max(deepest, zoom.scale);
-    // Past 1.75× a zoomed preview softens a little; short of it, a picture drawn at under
-    // half its size costs a halving pass every frame.
+    // Short of 1.75×, a picture drawn at under half its size costs a halving pass a frame.
     const double scale = std::min(card.width / s.info.width, card.height / s.info.height) * std::min(deepest, 1.75);
     if (!(scale > 0) || scale >= 0.98) {
         m_playhead->setPictureSize(0, 0, m_job.movie.filename().string());
