@@ -176,6 +176,7 @@ int main(int argc, char** argv)
         auto preview = StagePreview::open(job);
         if (!preview)
             quit(preview.error().sentence);
+        (*preview)->setPicturesFitted(true); // as the player draws
         const int frames = 240;
         const double cpuBefore = cpuSeconds();
         const auto start = Steady::now();
