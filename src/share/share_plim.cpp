@@ -9,7 +9,7 @@
 
 namespace plim {
 
-Result<SharePlim> SharePlim::read(const fs::path& movie)
+Result<SharePlim> SharePlim::read(const fs::path& movie, std::unique_ptr<MovieReader>* opened)
 {
     const std::string name = movie.filename().string();
     auto reader = MovieReader::create(movie);
@@ -53,6 +53,8 @@ Result<SharePlim> SharePlim::read(const fs::path& movie)
     PlimEdits found = chosen.edits.value_or(PlimEdits{});
     found.plan = chosen.plan;
     PLIM_TRY(plim.wear(found));
+    if (opened)
+        *opened = std::move(*reader);
     return plim;
 }
 

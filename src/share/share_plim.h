@@ -25,7 +25,9 @@ struct SharePlim {
     // Fails with a whole sentence: no movie, a movie with no picture, a track that cannot
     // be read, a voiceover whose sound file is missing. A voiceover naming a file outside
     // the plim's folder is left out with a notice.
-    static Result<SharePlim> read(const std::filesystem::path& movie);
+    // With `opened`, the movie's reader is handed there, at its start, for a render or
+    // preview that follows.
+    static Result<SharePlim> read(const std::filesystem::path& movie, std::unique_ptr<MovieReader>* opened = nullptr);
 
     // Puts `edits` on the job: its plan (dead air as the look asks), look, stage look and
     // voiceovers. Fails as read() does for a voiceover whose file is missing, the job

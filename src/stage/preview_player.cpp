@@ -132,6 +132,7 @@ struct PreviewPlayer::State {
     double basePosition = 0;
     double baseSteady = 0;
     bool clockOnSound = false;
+    bool soundMade = false; // the first mix is made after the first frame
 
     // --- The sound thread's, handed over under `soundMutex` ---
     std::mutex soundMutex;
@@ -370,6 +371,7 @@ struct PreviewPlayer::State {
                     cache.clear();
                     updateEdit();
                     remakeSound();
+                    soundMade = true;
                     redraw = restartClock = true;
                 }
             }
@@ -405,6 +407,10 @@ struct PreviewPlayer::State {
                 slot = target;
                 redraw = restartClock = true;
             }
+            if (r.play && *r.play && !soundMade) {
+                remakeSound();
+                soundMade = true;
+            }
             if (r.play && *r.play != playing.load()) {
                 setPlaying(*r.play);
                 restartClock = false;
@@ -413,6 +419,11 @@ struct PreviewPlayer::State {
             }
             if (redraw)
                 show(slot);
+            if (!soundMade) {
+                // The sound opens once the first frame is up, so that it is not kept waiting.
+                remakeSound();
+                soundMade = true;
+            }
             if (playing.load())
                 playOne();
         }
@@ -473,7 +484,8 @@ Result<std::unique_ptr<PreviewPlayer>> PreviewPlayer::open(const StagingJob& job
     auto state = std::make_unique<State>(std::move(callbacks), options.cacheBytes);
     StagingJob sized = job;
     sized.canvas = RenderRules::PixelSize{std::max(2, options.width / 2 * 2), std::max(2, options.height / 2 * 2)};
-    state->preview = PLIM_TRY(StagePreview::open(sized));
+    state->preview = PLIM_TRY(StagePreview::open(sized, std::move(options.movie)));
+    state->preview->setPicturesFitted(true);
     state->updateEdit();
     if (options.sound) {
         if (auto opened = options.sound->open(soundSampleRate, soundChannels))
@@ -481,7 +493,6 @@ Result<std::unique_ptr<PreviewPlayer>> PreviewPlayer::open(const StagingJob& job
         else
             logLine(LogArea::main, "the preview plays without sound: " + opened.error().sentence);
     }
-    state->remakeSound();
     State* s = state.get();
     if (s->output)
         s->soundThread = std::thread([s] { s->soundLoop(); });

@@ -17,6 +17,7 @@
 
 #include "base/error.h"
 #include "base/image.h"
+#include "media/movie_reader.h"
 #include "stage/sound_output.h"
 #include "stage/stage_renderer.h"
 #include "stage/staging_engine.h"
@@ -49,6 +50,8 @@ public:
         // Null, or one that cannot be opened: the preview plays silently on the steady clock.
         std::unique_ptr<SoundOutput> sound;
         std::size_t cacheBytes = std::size_t(64) * 1280 * 800 * 4;
+        // The job's movie already opened (SharePlim::read hands one over), or null.
+        std::unique_ptr<MovieReader> movie;
     };
     struct Counters {
         int64_t shown = 0;   // frames handed to the callback

@@ -9,32 +9,42 @@
 
 namespace plim {
 
-Result<std::unique_ptr<StagePreview>> StagePreview::open(const StagingJob& job)
+Result<std::unique_ptr<StagePreview>> StagePreview::open(const StagingJob& job, std::unique_ptr<MovieReader> opened)
 {
-    auto setup = std::make_unique<StagingSetup>(PLIM_TRY(prepareStaging(job)));
+    auto setup = std::make_unique<StagingSetup>(PLIM_TRY(prepareStaging(job, std::move(opened))));
     return std::unique_ptr<StagePreview>(new StagePreview(job, std::move(setup)));
 }
 
 StagePreview::StagePreview(const StagingJob& job, std::unique_ptr<StagingSetup> setup)
     : m_job(job), m_setup(std::move(setup)), m_playhead(std::make_unique<MoviePlayhead>(std::move(m_setup->reader)))
 {
+}
+
+void StagePreview::setPicturesFitted(bool fitted)
+{
+    m_fitted = fitted;
     fitPictures();
 }
 
 void StagePreview::fitPictures()
 {
+    if (!m_fitted) {
+        m_playhead->setPictureSize(0, 0, m_job.movie.filename().string());
+        return;
+    }
     const StagingSetup& s = *m_setup;
     const Rect card = s.renderer->geometry().screenRect;
     double deepest = 1;
     for (const ZoomBlock& zoom : m_job.plan.zooms)
         if (std::isfinite(zoom.scale))
             deepest = std::max(deepest, zoom.scale);
-    const double scale = std::min(card.width / s.info.width, card.height / s.info.height) * std::min(deepest, 2.0);
-    if (!(scale > 0) || scale >= 0.9) {
+    // Short of 1.75×, a picture drawn at under half its size costs a halving pass a frame.
+    const double scale = std::min(card.width / s.info.width, card.height / s.info.height) * std::min(deepest, 1.75);
+    if (!(scale > 0) || scale >= 0.98) {
         m_playhead->setPictureSize(0, 0, m_job.movie.filename().string());
         return;
     }
-    auto even = [](double side) { return std::max(2, static_cast<int>(std::ceil(side / 2)) * 2); };
+    auto even = [](double side) { return std::max(2, static_cast<int>(side / 2) * 2); };
     m_playhead->setPictureSize(even(s.info.width * scale), even(s.info.height * scale), m_job.movie.filename().string());
 }
 

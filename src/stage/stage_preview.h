@@ -12,6 +12,7 @@
 #include "base/error.h"
 #include "base/image.h"
 #include "stage/stage_renderer.h"
+#include "media/movie_reader.h"
 #include "stage/staging_engine.h"
 
 #include <memory>
@@ -26,7 +27,8 @@ class StagePreview {
 public:
     // Opens the job's movie and prepares its renderer; fails with the sentence a render of
     // the same job would give.
-    static Result<std::unique_ptr<StagePreview>> open(const StagingJob& job);
+    // `opened`, when given, is the job's movie already opened, which saves opening it again.
+    static Result<std::unique_ptr<StagePreview>> open(const StagingJob& job, std::unique_ptr<MovieReader> opened = nullptr);
     ~StagePreview();
     StagePreview(const StagePreview&) = delete;
     StagePreview& operator=(const StagePreview&) = delete;
@@ -63,15 +65,20 @@ public:
     // The output size frames are drawn at.
     RenderRules::PixelSize outputSize() const;
 
+    // For play at a small size: pictures are decoded at the size the card shows them, with
+    // room for the edit's deepest zoom (up to 1.75×, past which a zoom softens a little),
+    // never above the recording's own. Off, they are decoded at their own size, as a
+    // render decodes them.
+    void setPicturesFitted(bool fitted);
+
 private:
     StagePreview(const StagingJob& job, std::unique_ptr<StagingSetup> setup);
-    // Decodes pictures at the size the card shows them, with room for the edit's deepest
-    // zoom (up to 2×), never above the recording's own size.
     void fitPictures();
 
     StagingJob m_job;
     std::unique_ptr<StagingSetup> m_setup;
     std::unique_ptr<MoviePlayhead> m_playhead; // over the setup's reader
+    bool m_fitted = false;
 };
 
 } // namespace plim

@@ -82,14 +82,14 @@ std::optional<Image> CameraFeed::at(double t)
     return (*picture)->image;
 }
 
-Result<StagingSetup> prepareStaging(const StagingJob& job)
+Result<StagingSetup> prepareStaging(const StagingJob& job, std::unique_ptr<MovieReader> opened)
 {
     StagingSetup s;
     // Each decoder thread holds frames of its own; past a few threads a 4K source costs
     // memory faster than it gains speed.
     MovieReader::Options decoding;
     decoding.threads = static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
-    auto reader = MovieReader::create(job.movie, decoding);
+    auto reader = opened ? Result<std::unique_ptr<MovieReader>>(std::move(opened)) : MovieReader::create(job.movie, decoding);
     if (!reader) {
         logLine(LogArea::main, "the recording could not be opened for rendering: " + reader.error().sentence);
         return std::unexpected(stagingFailure(job, StagingError::unusable(reader.error().sentence)));

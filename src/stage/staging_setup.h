@@ -83,7 +83,8 @@ struct StagingSetup {
     }
 };
 
-Result<StagingSetup> prepareStaging(const StagingJob& job);
+// `opened`, when given, is the job's movie already opened (read from its start).
+Result<StagingSetup> prepareStaging(const StagingJob& job, std::unique_ptr<MovieReader> opened = nullptr);
 // Over a movie already opened (`info` set): what the job's edit and look make (timeline,
 // frame counts, renderer, moments), opening the camera feed when there is none yet.
 Status prepareEdit(StagingSetup& s, const StagingJob& job);

@@ -127,7 +127,8 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
         };
         auto work = [&]() -> Result<Opened> {
             Opened out;
-            out.plim = std::make_shared<SharePlim>(PLIM_TRY(SharePlim::read(movie)));
+            std::unique_ptr<MovieReader> reader;
+            out.plim = std::make_shared<SharePlim>(PLIM_TRY(SharePlim::read(movie, &reader)));
             PLIM_TRY(out.plim->wear(edits));
             StagingJob job = out.plim->job;
             const auto canvas = StagingEngine::canvas(
@@ -135,6 +136,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             out.aspect = static_cast<double>(canvas.width) / canvas.height;
             const double w = std::max(size.width(), 2), h = std::max(size.height(), 2);
             PreviewPlayer::Options options;
+            options.movie = std::move(reader);
             if (w / h > out.aspect) {
                 options.width = static_cast<int>(h * out.aspect);
                 options.height = static_cast<int>(h);

@@ -12,6 +12,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -181,6 +182,8 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     auto player = open(job({}, {.trimIn = 1.0, .trimOut = 2.0}), handed, std::move(sound));
     ASSERT_TRUE(player);
     ASSERT_TRUE(handed.waitFor([](Handed& h) { return !h.frames.empty(); }));
+    for (int i = 0; i < 500 && !player->hasSound(); ++i) // the sound opens after the first frame
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(player->hasSound());
     EXPECT_NEAR(player->duration(), 1.0, 1e-6);
     {
