@@ -185,11 +185,8 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         }
         settings.subject = ScreenSubject::areaOf(*rect);
     }
-    // Which backend records and why; a desktop that cannot be read is reported by the preflight.
-    auto desktop = Desktop::create(settings.display, settings.backend);
-    if (desktop)
-        err << (*desktop)->choice() << "\n";
     if (o.has("--pick-window")) {
+        auto desktop = Desktop::create(settings.display, settings.backend);
         if (!desktop) {
             err << desktop.error().sentence << "\n";
             return 1;
@@ -202,8 +199,6 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         }
         settings.subject = ScreenSubject::window(*picked);
     }
-    if (desktop)
-        desktop->reset(); // the recording opens its own
     std::optional<double> duration;
     if (auto d = o.last("--duration")) {
         duration = parseNumber(*d);
@@ -223,6 +218,10 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         }
         countdown = int(*value);
     }
+
+    // Which backend reads the screen and why; a desktop that cannot be read is the preflight's to say.
+    if (auto desktop = Desktop::create(settings.display, settings.backend))
+        err << (*desktop)->choice() << "\n";
 
     RecordingController::Environment env;
     env.libraryFolder = o.last("--library").has_value() ? fs::path(*o.last("--library"))

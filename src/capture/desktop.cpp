@@ -116,20 +116,20 @@ Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string
         if (!wlr)
             return fail(wlr.error().sentence + " Nothing was recorded. Leave out --backend wlr to record through "
                     "what this session offers.",
-                wlr.error().kind);
+                Error::Kind::refused);
         desktop = std::move(*wlr);
-        why = "Recording through wlr-screencopy, as asked.";
+        why = "Reading the screen through wlr-screencopy, as asked.";
     } else if (backend == DesktopBackend::x11 || display) {
         desktop = PLIM_TRY(createX11Desktop(display));
-        why = backend == DesktopBackend::x11 ? "Recording through X11, as asked."
-                                             : "Recording the X display " + desktop->name() + " through X11, as asked.";
+        why = backend == DesktopBackend::x11 ? "Reading the screen through X11, as asked."
+                                             : "Reading the X display " + desktop->name() + " through X11, as asked.";
     } else if (isSet("WAYLAND_DISPLAY") || waylandSession) {
         // A Wayland session's X server (XWayland) sees only the windows of X programs, so
         // its recording would be blank: its compositor must hand out the screen.
         auto wlr = wlrDesktop();
         if (wlr) {
             desktop = std::move(*wlr);
-            why = "Recording through wlr-screencopy: this is a Wayland session whose compositor offers it.";
+            why = "Reading the screen through wlr-screencopy: this is a Wayland session whose compositor offers it.";
         } else if (waylandSession || !isSet("DISPLAY")) {
             return fail("This is a Wayland session, and Plim cannot read its screen. " + wlr.error().sentence
                     + " Plim reads Wayland screens only through wlr-screencopy (sway and other wlroots desktops); "
@@ -138,12 +138,12 @@ Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string
                 Error::Kind::refused);
         } else {
             desktop = PLIM_TRY(createX11Desktop(display));
-            why = "Recording through X11: this is not a Wayland session, though WAYLAND_DISPLAY is set. "
+            why = "Reading the screen through X11: this is not a Wayland session, though WAYLAND_DISPLAY is set. "
                 + wlr.error().sentence;
         }
     } else {
         desktop = PLIM_TRY(createX11Desktop(display));
-        why = "Recording through X11: this is an X11 session.";
+        why = "Reading the screen through X11: this is an X11 session.";
     }
     desktop->m_choice = std::move(why);
     return desktop;

@@ -45,6 +45,8 @@ public:
         const Rect& o = output->frame;
         Rect region{area.x - o.x, area.y - o.y, std::min(area.maxX(), o.maxX()) - area.x,
             std::min(area.maxY(), o.maxY()) - area.y};
+        if (!(region.width >= 1) || !(region.height >= 1))
+            return fail("That part of the screen is too small to take a picture of.", Error::Kind::refused);
         return takePicture(*m_wayland, *output, region, false);
     }
 

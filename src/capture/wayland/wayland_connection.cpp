@@ -134,6 +134,9 @@ Result<std::unique_ptr<WaylandConnection>> WaylandConnection::open()
     std::unique_ptr<WaylandConnection> self(new WaylandConnection());
     const char* name = std::getenv("WAYLAND_DISPLAY");
     self->m_name = name && *name ? name : "wayland-0";
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (self->m_name.front() != '/' && !(runtime && *runtime))
+        return fail("No Wayland compositor can be reached: XDG_RUNTIME_DIR is not set.", Error::Kind::missing);
     self->m_display = wl_display_connect(nullptr);
     if (!self->m_display) {
         char text[512];
