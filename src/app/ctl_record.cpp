@@ -101,7 +101,7 @@ std::string clockText(double seconds) { return CaptureSession::lengthText(second
 int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, std::ostream& err)
 {
     auto parsed = parseCtlOptions(args,
-        {"--display", "--window", "--area", "--x-display", "--mic-device", "--sound-device", "--camera-device",
+        {"--display", "--window", "--area", "--x-display", "--backend", "--mic-device", "--sound-device", "--camera-device",
             "--quality", "--fps", "--countdown", "--duration", "--library"},
         {"--pick-window", "--mic", "--system-sound", "--camera", "--no-keys"}, "record");
     if (!parsed) {
@@ -111,10 +111,11 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     const CtlOptions& o = *parsed;
     if (o.help) {
         err << "usage: plimctl record [--display NAME | --window ID | --pick-window | --area X,Y,W,H]\n"
-               "       [--x-display :N] [--mic [--mic-device NAME]] [--system-sound [--sound-device SINK]]\n"
+               "       [--x-display :N] [--backend x11|wlr] [--mic [--mic-device NAME]] [--system-sound [--sound-device SINK]]\n"
                "       [--camera [--camera-device PATH]] [--no-keys] [--quality native|2160p|1440p|1080p|720p]\n"
                "       [--fps 30|60] [--countdown SECONDS] [--duration SECONDS] [--library FOLDER]\n"
-               "Stops after --duration, on Ctrl-C or SIGTERM. While rolling, p or SIGUSR1 pauses and resumes,\n"
+               "The backend is the session's (wlr-screencopy on a Wayland desktop that offers it, else X11)\n"
+               "unless --backend names one. Stops after --duration, on Ctrl-C or SIGTERM. While rolling, p or SIGUSR1 pauses and resumes,\n"
                "m or SIGUSR2 sets a mark, q stops. Exits 0 when everything asked for was recorded, 1 when\n"
                "nothing was or the recording ended early, 2 when the plim was kept without an input or\n"
                "side file that was asked for (standard error says which).\n";
@@ -141,6 +142,13 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
             return 1;
         }
         settings.framesPerSecond = int(*value);
+    }
+    if (auto backend = o.last("--backend")) {
+        if (*backend != "x11" && *backend != "wlr") {
+            err << "plimctl record: --backend takes x11 or wlr, not \"" << *backend << "\". Nothing was recorded.\n";
+            return 1;
+        }
+        settings.backend = *backend == "x11" ? DesktopBackend::x11 : DesktopBackend::wlr;
     }
     settings.keycaps = !o.has("--no-keys");
     settings.microphone = o.has("--mic") || o.last("--mic-device").has_value();
@@ -178,7 +186,7 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         settings.subject = ScreenSubject::areaOf(*rect);
     }
     if (o.has("--pick-window")) {
-        auto desktop = Desktop::create(settings.display);
+        auto desktop = Desktop::create(settings.display, settings.backend);
         if (!desktop) {
             err << desktop.error().sentence << "\n";
             return 1;
@@ -210,6 +218,10 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         }
         countdown = int(*value);
     }
+
+    // Which backend reads the screen and why; a desktop that cannot be read is the preflight's to say.
+    if (auto desktop = Desktop::create(settings.display, settings.backend))
+        err << (*desktop)->choice() << "\n";
 
     RecordingController::Environment env;
     env.libraryFolder = o.last("--library").has_value() ? fs::path(*o.last("--library"))

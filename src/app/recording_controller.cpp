@@ -33,10 +33,10 @@ RecordingController::~RecordingController()
 }
 
 std::vector<std::string> RecordingController::preflightBlockingLines(const std::optional<std::string>& display,
-    const std::filesystem::path& libraryFolder)
+    const std::filesystem::path& libraryFolder, DesktopBackend backend)
 {
     std::vector<std::string> lines;
-    if (auto desktop = Desktop::create(display); !desktop) {
+    if (auto desktop = Desktop::create(display, backend); !desktop) {
         const char* named = display ? display->c_str() : std::getenv("DISPLAY");
         if (desktop.error().kind != Error::Kind::missing)
             lines.push_back(desktop.error().sentence);
@@ -93,7 +93,7 @@ Status RecordingController::record(const CaptureSettings& settings, int countdow
     if (settings.subject.kind == ScreenSubject::Kind::device)
         return fail("Presenting a plugged-in device is not in this release. Pick a display, a window or an area.",
             Error::Kind::refused);
-    auto blocking = preflightBlockingLines(settings.display, m_env.libraryFolder);
+    auto blocking = preflightBlockingLines(settings.display, m_env.libraryFolder, settings.backend);
     if (!blocking.empty()) {
         std::string lines;
         for (const auto& line : blocking)

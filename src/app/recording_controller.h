@@ -50,10 +50,10 @@ public:
     explicit RecordingController(Environment environment);
     ~RecordingController();
 
-    // The lines that keep a recording from starting on this computer: no X display, no
-    // writable library folder. Empty when it may start.
+    // The lines that keep a recording from starting on this computer: no desktop to read
+    // (through `backend`), no writable library folder. Empty when it may start.
     static std::vector<std::string> preflightBlockingLines(const std::optional<std::string>& display,
-        const std::filesystem::path& libraryFolder);
+        const std::filesystem::path& libraryFolder, DesktopBackend backend = DesktopBackend::automatic);
 
     // Runs the preflight, counts down (`countdownSeconds`, interrupted by `cancel`) and
     // starts the capture. Fails with the blocking lines or the capture's sentence; the

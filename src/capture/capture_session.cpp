@@ -40,7 +40,7 @@ void session::removeTrackFiles(const fs::path& movie)
 Result<CaptureDevices> openDevices(const CaptureSettings& settings)
 {
     CaptureDevices devices;
-    auto desktop = PLIM_TRY(Desktop::create(settings.display));
+    auto desktop = PLIM_TRY(Desktop::create(settings.display, settings.backend));
     devices.screen = PLIM_TRY(desktop->screen(settings.subject));
     if (auto inputs = desktop->inputs()) {
         devices.pointer = inputs->pointer;
@@ -49,6 +49,9 @@ Result<CaptureDevices> openDevices(const CaptureSettings& settings)
         devices.clicks = inputs->clicks;
         devices.keys = inputs->keys;
         devices.inputOwner = std::move(inputs->owner);
+    } else if (inputs.error().kind == Error::Kind::refused) {
+        // A desktop that hands out no inputs at all: the user hears why, and the screen rolls on.
+        devices.missing.push_back(inputs.error().sentence);
     } else {
         logLine(LogArea::main, inputs.error().sentence);
     }

@@ -18,6 +18,7 @@
 #include "capture/capture_quality.h"
 #include "capture/click_source.h"
 #include "capture/cursor_recorder.h"
+#include "capture/desktop.h"
 #include "capture/key_activity_source.h"
 #include "capture/key_source.h"
 #include "capture/keystroke_recorder.h"
@@ -40,6 +41,7 @@ namespace plim {
 struct CaptureSettings {
     ScreenSubject subject;
     std::optional<std::string> display; // the X display; $DISPLAY when absent
+    DesktopBackend backend = DesktopBackend::automatic;
     CaptureQuality quality = CaptureQuality::native;
     int framesPerSecond = 60;
     double bitRateScale = 1.0;

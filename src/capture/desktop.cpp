@@ -4,6 +4,9 @@
 
 #include "base/text.h"
 #include "capture/x11/desktop_x11.h"
+#ifdef PLIM_WAYLAND
+#include "capture/wayland/desktop_wlr.h"
+#endif
 
 #include <cstdio>
 #include <cstdlib>
@@ -91,18 +94,59 @@ std::optional<std::filesystem::path> kdeWallpaper()
     return std::nullopt;
 }
 
+Result<std::unique_ptr<Desktop>> wlrDesktop()
+{
+#ifdef PLIM_WAYLAND
+    return createWlrDesktop();
+#else
+    return fail("This Plim was built without Wayland capture.", Error::Kind::refused);
+#endif
+}
+
 } // namespace
 
-Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string>& display)
+Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string>& display, DesktopBackend backend)
 {
-    // An X display named outright is recorded as it stands. A Wayland session's X server
-    // (XWayland) sees only the windows of X programs, so its recording would be blank.
+    std::unique_ptr<Desktop> desktop;
+    std::string why;
     const char* session = std::getenv("XDG_SESSION_TYPE");
-    if (!display && isSet("WAYLAND_DISPLAY") && session && std::string(session) == "wayland")
-        return fail("This is a Wayland session, which Plim cannot record yet. Nothing was recorded. "
-                    "Log in to an X11 (Xorg) session to record.",
-            Error::Kind::refused);
-    return createX11Desktop(display);
+    const bool waylandSession = session && std::string(session) == "wayland";
+    if (backend == DesktopBackend::wlr) {
+        auto wlr = wlrDesktop();
+        if (!wlr)
+            return fail(wlr.error().sentence + " Nothing was recorded. Leave out --backend wlr to record through "
+                    "what this session offers.",
+                Error::Kind::refused);
+        desktop = std::move(*wlr);
+        why = "Reading the screen through wlr-screencopy, as asked.";
+    } else if (backend == DesktopBackend::x11 || display) {
+        desktop = PLIM_TRY(createX11Desktop(display));
+        why = backend == DesktopBackend::x11 ? "Reading the screen through X11, as asked."
+                                             : "Reading the X display " + desktop->name() + " through X11, as asked.";
+    } else if (isSet("WAYLAND_DISPLAY") || waylandSession) {
+        // A Wayland session's X server (XWayland) sees only the windows of X programs, so
+        // its recording would be blank: its compositor must hand out the screen.
+        auto wlr = wlrDesktop();
+        if (wlr) {
+            desktop = std::move(*wlr);
+            why = "Reading the screen through wlr-screencopy: this is a Wayland session whose compositor offers it.";
+        } else if (waylandSession || !isSet("DISPLAY")) {
+            return fail("This is a Wayland session, and Plim cannot read its screen. " + wlr.error().sentence
+                    + " Plim reads Wayland screens only through wlr-screencopy (sway and other wlroots desktops); "
+                      "its desktop-portal backend for GNOME and KDE is not built yet. Nothing was recorded. "
+                      "Log in to an X11 (Xorg) session to record.",
+                Error::Kind::refused);
+        } else {
+            desktop = PLIM_TRY(createX11Desktop(display));
+            why = "Reading the screen through X11: this is not a Wayland session, though WAYLAND_DISPLAY is set. "
+                + wlr.error().sentence;
+        }
+    } else {
+        desktop = PLIM_TRY(createX11Desktop(display));
+        why = "Reading the screen through X11: this is an X11 session.";
+    }
+    desktop->m_choice = std::move(why);
+    return desktop;
 }
 
 std::optional<std::filesystem::path> desktopWallpaper()

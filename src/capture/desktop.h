@@ -1,12 +1,12 @@
 #pragma once
 // The desktop Plim records: what it offers (its displays, its windows, any area of the
 // screen) and the sources that read a choice of it: the screen, the pointer, clicks and
-// keys. One backend per kind of desktop session, picked once by create(); X11 (capture/x11/)
-// is the only one today.
+// keys. One backend per kind of desktop session, picked once by create(): X11 (capture/x11/)
+// or, on a Wayland session whose compositor offers wlr-screencopy, wlr (capture/wayland/).
 //
 // Contract:
 // - create() fails with the user's sentence when there is no desktop it can record (no X
-//   server answers, a Wayland session).
+//   server answers, a Wayland session without wlr-screencopy).
 // - The queries may be called from any thread; each asks the desktop afresh.
 // - The sources it makes keep their own connections and contracts (screen_source.h,
 //   pointer_source.h, click_source.h, key_source.h); they may outlive the Desktop.
@@ -55,11 +55,18 @@ struct DesktopInputs {
     KeySource* keys = nullptr;
 };
 
+// Which backend reads the desktop: the session's, or one the user forces.
+enum class DesktopBackend { automatic, x11, wlr };
+
 class Desktop {
 public:
-    // The desktop of this session, or the X display named by `display`.
-    static Result<std::unique_ptr<Desktop>> create(const std::optional<std::string>& display = std::nullopt);
+    // The desktop of this session, or the X display named by `display`; `backend` forces one.
+    static Result<std::unique_ptr<Desktop>> create(const std::optional<std::string>& display = std::nullopt,
+        DesktopBackend backend = DesktopBackend::automatic);
     virtual ~Desktop() = default;
+
+    // One sentence saying which backend create() picked and why.
+    const std::string& choice() const { return m_choice; }
 
     // The display's name as the desktop knows it (":0").
     virtual std::string name() const = 0;
@@ -82,6 +89,9 @@ public:
 
     virtual Result<std::unique_ptr<ScreenSource>> screen(const ScreenSubject& subject) = 0;
     virtual Result<DesktopInputs> inputs() = 0;
+
+private:
+    std::string m_choice;
 };
 
 // The desktop picture GNOME (its background setting) or KDE (the Plasma configuration)

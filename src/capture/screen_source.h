@@ -1,7 +1,8 @@
 #pragma once
 // Where the capture session's frames come from: a display, a window or an area of the
 // screen, delivered as pictures with their capture instants. A desktop (desktop.h) makes
-// them; the X11 backend (x11/screen_source_x11.cpp) reads them through MIT-SHM.
+// them; the X11 backend (x11/screen_source_x11.cpp) reads them through MIT-SHM, the wlr
+// one (wayland/screen_source_wlr.cpp) through wlr-screencopy.
 //
 // Contract:
 // - create() resolves the subject and fails with the user's sentence when it cannot be
@@ -18,7 +19,8 @@
 // - When the subject goes away (the window closes) the source stops by itself and calls
 //   `onEnd` once with the sentence, on its own thread.
 // - stop() may be called from any thread except the source's own; when it returns no
-//   handler runs and none will. The pointer is never in the pictures.
+//   handler runs and none will. The pointer is never in the pictures, except where the
+//   desktop hands out no pointer source (wlr: the compositor draws it in).
 
 #include "base/error.h"
 #include "base/geometry.h"

@@ -58,4 +58,53 @@ std::vector<std::string> PulseServer::environment() const
         "PULSE_SERVER=unix:" + (m_dir.path() / "native").string()};
 }
 
+SwayServer::SwayServer(const std::string& size, const std::string& client)
+{
+    for (const char* program : {"sway", "foot", "grim"})
+        if (runCommand({"sh", "-c", std::string("command -v ") + program}).status != 0) {
+            m_trouble = std::string(program) + " is not installed (scripts/setup.sh installs it)";
+            return;
+        }
+    const bool root = geteuid() == 0;
+    fs::permissions(m_dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec
+            | fs::perms::others_read | fs::perms::others_exec);
+    m_runtime = m_dir / "run";
+    fs::create_directory(m_runtime);
+    fs::permissions(m_runtime, fs::perms::owner_all);
+    if (root && chown(m_runtime.c_str(), 65534, 65534) != 0) {
+        m_trouble = "the runtime folder could not be handed to nobody";
+        return;
+    }
+    writeText(m_dir / "config", "output HEADLESS-1 resolution " + size + "\nexec " + client + "\n");
+    std::vector<std::string> argv{"env", "-u", "DISPLAY", "-u", "WAYLAND_DISPLAY", "-u", "SWAYSOCK"};
+    if (root)
+        argv.insert(argv.end(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--"});
+    argv.insert(argv.end(), {"sway", "-c", (m_dir / "config").string()});
+    m_process = std::make_unique<ChildProcess>(argv,
+        std::vector<std::string>{"XDG_RUNTIME_DIR=" + m_runtime.string(), "HOME=" + m_runtime.string(),
+            "WLR_BACKENDS=headless", "WLR_RENDERER=pixman", "WLR_LIBINPUT_NO_DEVICES=1"},
+        "/dev/null", (m_dir / "sway.log").string());
+    for (int i = 0; i < 200 && !m_up; ++i) {
+        pause(50);
+        std::error_code ec;
+        for (const auto& entry : fs::directory_iterator(m_runtime, ec)) {
+            const std::string name = entry.path().filename().string();
+            if (name.starts_with("wayland-") && !name.ends_with(".lock") && entry.is_socket(ec))
+                m_socket = name;
+        }
+        m_up = !m_socket.empty() && runCommand({"grim", "-t", "ppm", "-"}, environment()).status == 0;
+    }
+    if (!m_up) {
+        m_trouble = "sway did not start: " + readText(m_dir / "sway.log");
+        m_process.reset();
+    }
+}
+
+SwayServer::~SwayServer() { m_process.reset(); }
+
+std::vector<std::string> SwayServer::environment() const
+{
+    return {"XDG_RUNTIME_DIR=" + m_runtime.string(), "WAYLAND_DISPLAY=" + m_socket};
+}
+
 } // namespace plim::testkit

@@ -1,7 +1,7 @@
 #pragma once
 // Real servers for capture tests, each on its own display number or socket in a temporary
-// folder, stopped by process id: an X server (Xvfb) and a sound server (PulseAudio with a
-// null sink called "plimsink").
+// folder, stopped by process id: an X server (Xvfb), a sound server (PulseAudio with a
+// null sink called "plimsink") and a Wayland desktop (sway, headless).
 
 #include "testkit/testkit.h"
 
@@ -40,6 +40,30 @@ private:
     TempDir m_dir;
     std::unique_ptr<ChildProcess> m_process;
     bool m_up = false;
+};
+
+// sway on a headless output HEADLESS-1 of `size` ("1280x720"), drawn by pixman, running
+// `client` (a shell command line). sway refuses root, so under root it runs as `nobody`,
+// whose runtime folder root may still reach.
+class SwayServer {
+public:
+    SwayServer(const std::string& size, const std::string& client);
+    ~SwayServer();
+    bool isUp() const { return m_up; }
+    // Why it is not up, for the skip.
+    const std::string& trouble() const { return m_trouble; }
+    // XDG_RUNTIME_DIR and WAYLAND_DISPLAY for its clients.
+    std::vector<std::string> environment() const;
+    const fs::path& runtimeDir() const { return m_runtime; }
+    const std::string& socket() const { return m_socket; }
+
+private:
+    TempDir m_dir;
+    fs::path m_runtime;
+    std::string m_socket;
+    std::unique_ptr<ChildProcess> m_process;
+    bool m_up = false;
+    std::string m_trouble;
 };
 
 } // namespace plim::testkit

@@ -5,6 +5,8 @@
 
 #include "capture/x11/desktop_x11.h"
 #include "capture/x11/x11_connection.h"
+#include "capture/pixel_rows.h"
+#include "capture/ticking_screen_source.h"
 
 #include "base/clock.h"
 #include "base/log.h"
@@ -87,7 +89,7 @@ private:
     size_t m_bytes = 0;
 };
 
-class X11ScreenSource final : public ScreenSource {
+class X11ScreenSource final : public TickingScreenSource {
     // The session queues a few frames for its writer; a backlog beyond the prepared ones
     // grows the pool up to the limit, and past it each frame gets a picture of its own.
     static constexpr size_t poolPrepared = 10;
@@ -135,30 +137,6 @@ public:
     double scale() const override { return 1.0; }
     std::optional<uint32_t> windowID() const override { return m_window; }
 
-    Status start(int framesPerSecond, FrameHandler onFrame, EndHandler onEnd) override
-    {
-        std::lock_guard lock(m_life);
-        if (m_thread.joinable())
-            return fail("The screen capture was started twice.");
-        m_interval = 1.0 / std::max(1, framesPerSecond);
-        m_onFrame = std::move(onFrame);
-        m_onEnd = std::move(onEnd);
-        m_thread = std::jthread([this](std::stop_token stop) { run(stop); });
-        return {};
-    }
-
-    void stop() override
-    {
-        std::lock_guard lock(m_life);
-        if (m_thread.joinable()) {
-            m_thread.request_stop();
-            m_thread.join();
-        }
-    }
-
-    int64_t deliveredFrames() const override { return m_delivered.load(); }
-    int64_t droppedFrames() const override { return m_dropped.load(); }
-
 private:
     static void sleepUntil(double uptime)
     {
@@ -169,9 +147,8 @@ private:
         }
     }
 
-    void run(std::stop_token stop)
+    void run(std::stop_token stop) override
     {
-        pthread_setname_np(pthread_self(), "plim.capture.vi");
         double next = systemUptime();
         while (!stop.stop_requested()) {
             sleepUntil(next);
@@ -179,18 +156,9 @@ private:
                 break;
             double taken = systemUptime();
             Result<Image> image = grab();
-            if (!image) {
-                if (m_onEnd)
-                    m_onEnd(image.error());
-                return;
-            }
-            m_onFrame(CapturedFrame{std::move(*image), taken});
-            m_delivered.fetch_add(1);
-            next += m_interval;
-            if (int64_t missed = ticksLost(systemUptime(), next, m_interval)) {
-                m_dropped.fetch_add(missed);
-                next += double(missed) * m_interval;
-            }
+            if (!image)
+                return end(image.error());
+            deliver(CapturedFrame{std::move(*image), taken}, next);
         }
     }
 
@@ -291,14 +259,6 @@ private:
     Size m_pixmapSize;
     std::vector<Image> m_pool;
     Image m_last;
-
-    std::mutex m_life;
-    std::jthread m_thread;
-    double m_interval = 1.0 / 60;
-    FrameHandler m_onFrame;
-    EndHandler m_onEnd;
-    std::atomic<int64_t> m_delivered{0};
-    std::atomic<int64_t> m_dropped{0};
 };
 
 Status checkSize(const Rect& frame)

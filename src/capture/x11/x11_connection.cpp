@@ -1,5 +1,7 @@
 #include "capture/x11/x11_connection.h"
 
+#include "capture/pixel_rows.h"
+
 #include <xcb/randr.h>
 #include <xcb/xcb.h>
 #include <xcb/xproto.h>
@@ -188,24 +190,6 @@ std::vector<DesktopWindow> X11Connection::windows() const
         result.push_back({*id, title.value_or(""), *frame});
     }
     return result;
-}
-
-void copyOpaqueRow(uint8_t* dst, const uint8_t* src, int width)
-{
-    const __m128i alpha = _mm_set1_epi32(static_cast<int>(0xff000000u));
-    int x = 0;
-    for (; x + 16 <= width; x += 16) {
-        for (int k = 0; k < 4; ++k) {
-            __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(src + (x + 4 * k) * 4));
-            _mm_storeu_si128(reinterpret_cast<__m128i*>(dst + (x + 4 * k) * 4), _mm_or_si128(v, alpha));
-        }
-    }
-    for (; x < width; ++x) {
-        uint32_t p;
-        std::memcpy(&p, src + x * 4, 4);
-        p |= 0xff000000u;
-        std::memcpy(dst + x * 4, &p, 4);
-    }
 }
 
 Result<Image> X11Connection::picture(const Rect& area) const

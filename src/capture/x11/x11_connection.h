@@ -80,9 +80,6 @@ private:
     std::string m_name;
 };
 
-// Copies one row of X pixels (BGRX) into BGRA with the alpha byte set.
-void copyOpaqueRow(uint8_t* dst, const uint8_t* src, int width);
-
 // The icon in a _NET_WM_ICON property's words (see X11Connection::windowIcon); nothing when
 // no entry reads. An entry claiming more pixels than there are ends the list.
 std::optional<Image> iconFromWords(std::span<const uint32_t> words, int size);

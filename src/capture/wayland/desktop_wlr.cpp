@@ -1,0 +1,92 @@
+// The wlroots desktop: its outputs over one query connection and screencopy pictures. It
+// lists no windows (wlr-screencopy reads outputs only) and hands out no pointer, click or
+// key sources (those need the kernel's input devices).
+
+#include "capture/wayland/desktop_wlr.h"
+
+#include "capture/wayland/wayland_connection.h"
+
+#include <cmath>
+#include <mutex>
+
+namespace plim {
+
+namespace {
+
+constexpr const char* windowsNeedPortal = "Recording a single window on this Wayland desktop needs the desktop portal, "
+                                          "which Plim cannot use yet. Record the display or an area instead.";
+
+class WlrDesktop final : public Desktop {
+public:
+    explicit WlrDesktop(std::unique_ptr<WaylandConnection> wayland) : m_wayland(std::move(wayland)) {}
+
+    std::string name() const override { return m_wayland->name(); }
+
+    std::vector<DesktopDisplay> displays() const override
+    {
+        std::lock_guard guard(m_lock);
+        std::vector<DesktopDisplay> result;
+        (void)m_wayland->roundtrip();
+        for (const auto* output : m_wayland->outputs())
+            result.push_back({output->name, output->frame, result.empty()});
+        return result;
+    }
+
+    std::vector<DesktopWindow> windows() const override { return {}; }
+    std::optional<Rect> windowFrame(uint32_t) const override { return std::nullopt; }
+    std::optional<Image> windowIcon(uint32_t, int) const override { return std::nullopt; }
+
+    Result<Image> picture(const Rect& area) const override
+    {
+        std::lock_guard guard(m_lock);
+        const auto* output = m_wayland->outputAt(std::floor(area.x), std::floor(area.y));
+        if (!output)
+            return fail("That part of the screen is on no display, so there is no picture of it.", Error::Kind::missing);
+        const Rect& o = output->frame;
+        Rect region{area.x - o.x, area.y - o.y, std::min(area.maxX(), o.maxX()) - area.x,
+            std::min(area.maxY(), o.maxY()) - area.y};
+        if (!(region.width >= 1) || !(region.height >= 1))
+            return fail("That part of the screen is too small to take a picture of.", Error::Kind::refused);
+        return takePicture(*m_wayland, *output, region, false);
+    }
+
+    Rect bounds() const override
+    {
+        std::lock_guard guard(m_lock);
+        return m_wayland->bounds();
+    }
+
+    Result<uint32_t> pickWindow() override { return fail(windowsNeedPortal, Error::Kind::refused); }
+
+    Result<std::unique_ptr<ScreenSource>> screen(const ScreenSubject& subject) override
+    {
+        return createWlrScreenSource(subject);
+    }
+
+    Result<DesktopInputs> inputs() override
+    {
+        return fail("Clicks, keys and the pointer's track are not recorded on this Wayland desktop: Plim would read "
+                    "them from the input devices, which needs membership of the input group and is not built yet. "
+                    "The recording rolls on without them; the pointer still shows in the picture.",
+            Error::Kind::refused);
+    }
+
+private:
+    mutable std::mutex m_lock; // the query connection serves one caller at a time
+    std::unique_ptr<WaylandConnection> m_wayland;
+};
+
+} // namespace
+
+Result<std::unique_ptr<Desktop>> createWlrDesktop()
+{
+    auto wayland = PLIM_TRY(WaylandConnection::open());
+    if (!wayland->screencopy())
+        return fail("The Wayland compositor at \"" + wayland->name() + "\" offers no wlr-screencopy.", Error::Kind::refused);
+    if (!wayland->shm())
+        return fail("The Wayland compositor at \"" + wayland->name() + "\" offers no shared memory (wl_shm).",
+            Error::Kind::refused);
+    return std::unique_ptr<Desktop>(new WlrDesktop(std::move(wayland)));
+}
+
+} // namespace plim

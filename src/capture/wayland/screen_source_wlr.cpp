@@ -1,0 +1,216 @@
+// Frames from a wlroots compositor through wlr-screencopy. Each tick delivers the newest
+// picture: a frame asked for at the previous tick is copied by the compositor only once
+// the output changes (copy_with_damage), so a still screen costs no copies and its tick
+// hands on the last picture again. Copies land in a shared-memory buffer made for the
+// layout the compositor asks for and are turned into pictures (the output's transform
+// undone) as soon as they are ready. With no pointer source on this desktop, the
+// compositor draws the pointer into the pictures.
+
+#include "capture/wayland/desktop_wlr.h"
+#include "capture/wayland/wayland_connection.h"
+
+#include "base/clock.h"
+#include "capture/ticking_screen_source.h"
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace plim {
+
+namespace {
+
+constexpr const char* displayGone = "The recorded display was unplugged or switched off, so the recording ended. "
+                                    "What was recorded so far is kept.";
+
+class WlrScreenSource final : public TickingScreenSource {
+    // Pictures the session may still hold; a backlog past the limit gets pictures of its own.
+    static constexpr size_t poolLimit = 16;
+
+public:
+    WlrScreenSource(std::unique_ptr<WaylandConnection> wayland, const WaylandConnection::Output& output,
+        std::optional<Rect> region, Rect frame)
+        : m_wayland(std::move(wayland)), m_output(output), m_region(region), m_frame(frame)
+    {
+    }
+    ~WlrScreenSource() override
+    {
+        stop();
+        m_copy.reset();
+        m_buffer.reset();
+    }
+
+    // The first picture, taken now, so the size is known and a broken compositor shows at once.
+    Status prepare()
+    {
+        m_last = PLIM_TRY(takePicture(*m_wayland, m_output, m_region, true));
+        m_scale = double(m_last.width) / m_frame.width;
+        return {};
+    }
+
+    Rect frame() const override { return m_frame; }
+    double scale() const override { return m_scale; }
+    std::optional<uint32_t> windowID() const override { return std::nullopt; }
+
+private:
+    bool copyNeedsUs() const
+    {
+        if (!m_copy)
+            return false;
+        auto state = m_copy->state();
+        return (state == ScreenCopy::State::waiting && m_copy->layoutKnown()) || state == ScreenCopy::State::ready
+            || state == ScreenCopy::State::failed;
+    }
+
+    // Moves the frame in flight on; a failure ends the recording.
+    Status advanceCopy()
+    {
+        switch (m_copy->state()) {
+        case ScreenCopy::State::waiting:
+            return m_copy->copyWhenKnown(m_buffer, true);
+        case ScreenCopy::State::ready:
+            m_fresh = pictureFromBuffer(*m_buffer, m_copy->yInverted(), m_output.transform, recycledImage());
+            m_freshAt = m_copy->shownAt();
+            m_failures = 0;
+            break;
+        case ScreenCopy::State::failed:
+            if (m_wayland->isGone(m_output))
+                return fail(displayGone, Error::Kind::missing);
+            // A compositor that keeps refusing for two seconds has stopped handing out pictures.
+            if (++m_failures * interval() > 2)
+                return fail("Recording ended early because the Wayland compositor stopped handing out the screen "
+                            "picture. What was recorded so far is kept.");
+            break;
+        case ScreenCopy::State::copying:
+            return {};
+        }
+        m_copy.reset();
+        return {};
+    }
+
+    void run(std::stop_token stop) override
+    {
+        double next = systemUptime();
+        double lastAt = 0;
+        while (!stop.stop_requested()) {
+            auto woke = m_wayland->dispatchUntil([&] { return stop.stop_requested() || copyNeedsUs(); }, next);
+            if (!woke)
+                return end(woke.error());
+            if (stop.stop_requested())
+                break;
+            if (*woke) {
+                if (auto moved = advanceCopy(); !moved)
+                    return end(moved.error());
+                continue;
+            }
+            // The tick: the newest picture, or the last one again on a still screen.
+            double at = systemUptime();
+            if (!m_fresh.isEmpty()) {
+                at = std::max(m_freshAt, lastAt + 1e-3);
+                m_last = std::move(m_fresh);
+                m_fresh = {};
+            }
+            lastAt = at;
+            if (!m_copy) {
+                if (m_wayland->isGone(m_output))
+                    return end(Error{displayGone, Error::Kind::missing});
+                m_copy = std::make_unique<ScreenCopy>(*m_wayland, m_output, m_region, true);
+            }
+            deliver(CapturedFrame{m_last, at}, next);
+        }
+    }
+
+    // A picture no one else holds any more, or a new one.
+    Image recycledImage()
+    {
+        for (Image& image : m_pool)
+            if (image.pixels.use_count() == 1)
+                return image;
+        Image image = Image::uninitialized(m_last.width, m_last.height);
+        if (m_pool.size() < poolLimit)
+            m_pool.push_back(image);
+        return image;
+    }
+
+    std::unique_ptr<WaylandConnection> m_wayland;
+    const WaylandConnection::Output& m_output;
+    std::optional<Rect> m_region;
+    Rect m_frame;
+    double m_scale = 1;
+    std::unique_ptr<ShmBuffer> m_buffer;
+    std::unique_ptr<ScreenCopy> m_copy;
+    std::vector<Image> m_pool;
+    Image m_last;
+    Image m_fresh;
+    double m_freshAt = 0;
+    int m_failures = 0;
+};
+
+std::string outputNames(const WaylandConnection& wayland)
+{
+    std::string names;
+    for (const auto* output : wayland.outputs())
+        names += (names.empty() ? "" : ", ") + output->name;
+    return names;
+}
+
+} // namespace
+
+Result<std::unique_ptr<ScreenSource>> createWlrScreenSource(const ScreenSubject& subject)
+{
+    if (subject.kind == ScreenSubject::Kind::device)
+        return fail("A device subject reached the screen path.", Error::Kind::refused);
+    if (subject.kind == ScreenSubject::Kind::window)
+        return fail("Recording a single window on this Wayland desktop needs the desktop portal, which Plim "
+                    "cannot use yet. Nothing was recorded. Record the display or an area instead.",
+            Error::Kind::refused);
+    auto opened = WaylandConnection::open();
+    if (!opened)
+        return fail(opened.error().sentence + " Nothing was recorded.", opened.error().kind);
+    auto wayland = std::move(*opened);
+    if (!wayland->screencopy())
+        return fail("This Wayland compositor offers no wlr-screencopy, so Plim cannot read the screen. "
+                    "Nothing was recorded.",
+            Error::Kind::refused);
+    auto outputs = wayland->outputs();
+    if (outputs.empty())
+        return fail("The Wayland compositor shows no display to record. Nothing was recorded.", Error::Kind::missing);
+    const WaylandConnection::Output* output = outputs.front();
+    std::optional<Rect> region;
+    Rect frame;
+    if (subject.kind == ScreenSubject::Kind::display) {
+        if (!subject.displayName.empty())
+            output = wayland->output(subject.displayName);
+        if (!output)
+            return fail("There is no display called \"" + subject.displayName + "\" to record. Nothing was recorded. "
+                    "Pick one of: " + outputNames(*wayland) + ".",
+                Error::Kind::missing);
+        frame = output->frame;
+    } else {
+        // An area is read from the display under its top-left corner, clipped to it.
+        const Rect& area = subject.area;
+        output = wayland->outputAt(std::floor(area.x), std::floor(area.y));
+        if (output) {
+            const Rect& o = output->frame;
+            double x0 = std::floor(area.x), y0 = std::floor(area.y);
+            double x1 = std::min(o.maxX(), std::floor(area.maxX())), y1 = std::min(o.maxY(), std::floor(area.maxY()));
+            frame = {x0, y0, std::max(0.0, x1 - x0), std::max(0.0, y1 - y0)};
+        }
+        if (!output || !(frame.width >= 2) || !(frame.height >= 2)) {
+            char text[256];
+            std::snprintf(text, sizeof text, "The area %g,%g %gx%g does not start on a display, so nothing was "
+                "recorded. Pick an area on the screen.", area.x, area.y, area.width, area.height);
+            return fail(text, Error::Kind::refused);
+        }
+        region = Rect{frame.x - output->frame.x, frame.y - output->frame.y, frame.width, frame.height};
+    }
+    const WaylandConnection::Output& chosen = *output;
+    auto source = std::make_unique<WlrScreenSource>(std::move(wayland), chosen, region, frame);
+    PLIM_TRY(source->prepare());
+    return std::unique_ptr<ScreenSource>(std::move(source));
+}
+
+} // namespace plim
