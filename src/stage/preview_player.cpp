@@ -448,13 +448,15 @@ struct PreviewPlayer::State {
             soundStarted.store(run);
             if (!from)
                 continue;
+            bool sought = false;
+            const double start = *from;
             for (;;) {
                 std::unique_lock lock(soundMutex);
                 if (soundStopping || soundRun != run || !sound)
                     break;
-                if (from) {
-                    sound->seek(*from);
-                    from.reset();
+                if (!sought) {
+                    sound->seek(start);
+                    sought = true;
                 }
                 auto block = sound->next(soundBlockFrames);
                 lock.unlock();
