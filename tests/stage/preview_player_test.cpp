@@ -1,6 +1,6 @@
 // The preview player on a real movie: what it shows matches the staged frame, edits show
 // at once, a scrub shows a cached neighbour first, and play runs in order at the frame
-// rate with the share's sound.
+// rate with the share's sound, and backwards or faster at the shuttle's speeds.
 #include "media/media.h"
 #include "stage/preview_player.h"
 #include "stage/stage_preview.h"
@@ -225,6 +225,36 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_GT(loudness(0.52, 0.58), 0.2);
     EXPECT_LT(loudness(0.0, 0.45), 0.05);
     EXPECT_LT(loudness(0.7, 1.0), 0.05);
+
+    // The shuttle: backwards from 0.9 s frame by frame at twice the speed, then forwards at
+    // twice the speed from the start.
+    auto shuttle = [&](double from, double rate) {
+        player->seek(from);
+        EXPECT_TRUE(handed.waitFor([&](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - from) < 0.02; }));
+        const int stops = handed.playStops;
+        {
+            std::lock_guard lock(handed.mutex);
+            handed.frames.clear();
+        }
+        const auto began = std::chrono::steady_clock::now();
+        player->setRate(rate);
+        player->play();
+        EXPECT_TRUE(handed.waitFor([&](Handed& h) { return h.playStops > stops; }));
+        std::lock_guard lock(handed.mutex);
+        return std::pair{std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count(), handed.frames};
+    };
+    auto [back, backFrames] = shuttle(0.9, -2);
+    ASSERT_GE(backFrames.size(), 5u);
+    for (std::size_t i = 1; i < backFrames.size(); ++i)
+        EXPECT_LT(backFrames[i].slot, backFrames[i - 1].slot) << "backwards frame " << i;
+    EXPECT_EQ(backFrames.back().slot, 0);
+    EXPECT_GT(back, 0.3);
+    EXPECT_LT(back, 1.0);
+    auto [fast, fastFrames] = shuttle(0.0, 2);
+    ASSERT_FALSE(fastFrames.empty());
+    EXPECT_GT(fastFrames.back().outputTime, 0.95);
+    EXPECT_GT(fast, 0.35);
+    EXPECT_LT(fast, 0.9);
 }
 
 } // namespace
