@@ -54,6 +54,16 @@ LiveBar::LiveBar(const ShellActions& actions, std::function<void()> replim)
 {
     setObjectName("liveBar");
     setWindowTitle("Plim live bar");
+    // A dark strip with its own edge, so it reads as Plim's control and not part of whatever
+    // window it floats over (no compositor is needed for a solid background).
+    setAttribute(Qt::WA_StyledBackground);
+    setStyleSheet("#liveBar { background: #242424; border: 1px solid #5a5a5a; }"
+                  "QLabel { color: #f2f2f2; }"
+                  "QToolButton { color: #f2f2f2; background: #3a3a3a; border: 1px solid #5a5a5a;"
+                  " border-radius: 4px; padding: 3px 10px; }"
+                  "QToolButton:hover { background: #4a4a4a; }"
+                  "QToolButton:pressed { background: #1c1c1c; }"
+                  "QToolButton:checked { background: #5a3a3a; }");
     auto* outer = new QVBoxLayout(this);
     outer->setContentsMargins(10, 6, 10, 6);
     auto* row = new QHBoxLayout;
@@ -87,7 +97,7 @@ LiveBar::LiveBar(const ShellActions& actions, std::function<void()> replim)
     m_notices = new QLabel;
     m_notices->setObjectName("liveNotices");
     m_notices->setWordWrap(true);
-    m_notices->setStyleSheet("color: #b35c00;");
+    m_notices->setStyleSheet("color: #ffb04a;");
     m_notices->hide();
     outer->addWidget(m_notices);
     setMinimumWidth(420);
@@ -97,7 +107,7 @@ void LiveBar::update(RecordingDriver::State state, double elapsed, int marks)
 {
     QString clock = QString::fromStdString(CaptureSession::lengthText(elapsed));
     m_clock->setText(state == RecordingDriver::State::paused ? "❚❚ " + clock : "● " + clock);
-    m_clock->setStyleSheet(state == RecordingDriver::State::paused ? "color: #808080;" : "color: #e02b2b;");
+    m_clock->setStyleSheet(state == RecordingDriver::State::paused ? "color: #a0a0a0;" : "color: #ff4a4a;");
     m_marks->setText(marks > 0 ? QString("%1 mark%2").arg(marks).arg(marks == 1 ? "" : "s") : QString());
 }
 
