@@ -35,6 +35,13 @@ struct LoopbackTrouble {
     bool operator==(const LoopbackTrouble&) const = default;
 };
 
+// Where the system shows its video devices and whether v4l2loopback is loaded.
+struct LoopbackPlaces {
+    std::filesystem::path videoClass = "/sys/class/video4linux"; // one folder a device, its label in `name`
+    std::filesystem::path devices = "/dev";                      // the device nodes, by the same names
+    std::filesystem::path module = "/sys/module/v4l2loopback";   // present while the module is loaded
+};
+
 class LoopbackDevice {
 public:
     enum class Write {
@@ -53,8 +60,8 @@ public:
     // Closing a closed device does nothing.
     virtual void close() = 0;
 
-    // The system's devices: /sys/class/video4linux for the labels, /dev for the nodes.
-    static std::unique_ptr<LoopbackDevice> system();
+    // The system's devices, through V4L2.
+    static std::unique_ptr<LoopbackDevice> system(LoopbackPlaces places = {});
 };
 
 // The names ("video3") of the devices under `classFolder` (/sys/class/video4linux) whose

@@ -59,21 +59,22 @@ int retrying(int fd, unsigned long request, void* arg)
 
 class V4l2LoopbackDevice final : public LoopbackDevice {
 public:
+    explicit V4l2LoopbackDevice(LoopbackPlaces places) : m_places(std::move(places)) {}
     ~V4l2LoopbackDevice() override { close(); }
 
     std::expected<void, LoopbackTrouble> open(const std::string& label) override
     {
         close();
-        const auto names = videoDevicesLabelled("/sys/class/video4linux", label);
+        const auto names = videoDevicesLabelled(m_places.videoClass, label);
         if (names.empty()) {
             std::error_code ec;
-            if (fs::exists("/sys/module/v4l2loopback", ec))
+            if (fs::exists(m_places.module, ec))
                 return std::unexpected(LoopbackTrouble{LoopbackTrouble::Kind::loadedWithoutLabel, {}});
             return std::unexpected(LoopbackTrouble{LoopbackTrouble::Kind::notInstalled, {}});
         }
         LoopbackTrouble trouble{LoopbackTrouble::Kind::notAnOutput, {}};
         for (const std::string& name : names) {
-            const std::string path = "/dev/" + name;
+            const std::string path = (m_places.devices / name).string();
             const int fd = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
             if (fd < 0) {
                 const auto kind = errno == EACCES || errno == EPERM ? LoopbackTrouble::Kind::denied : LoopbackTrouble::Kind::failed;
@@ -151,11 +152,15 @@ public:
     }
 
 private:
+    LoopbackPlaces m_places;
     int m_fd = -1;
 };
 
 } // namespace
 
-std::unique_ptr<LoopbackDevice> LoopbackDevice::system() { return std::make_unique<V4l2LoopbackDevice>(); }
+std::unique_ptr<LoopbackDevice> LoopbackDevice::system(LoopbackPlaces places)
+{
+    return std::make_unique<V4l2LoopbackDevice>(std::move(places));
+}
 
 } // namespace plim

@@ -3,7 +3,6 @@
 
 #include "live/camera_format.h"
 #include "live/loopback_device.h"
-#include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
@@ -165,22 +164,6 @@ TEST(CameraFormat, FitsAPictureOfAnotherShapeOverBlack)
     EXPECT_EQ(at(45, 2), (std::array<int, 4>{0, 0, 255, 255}));
     EXPECT_EQ(at(5, 30), (std::array<int, 4>{0, 0, 0, 255}));
     EXPECT_EQ(at(85, 30), (std::array<int, 4>{0, 0, 0, 255}));
-}
-
-TEST(CameraFormat, FindsLoopbackDevicesByTheirLabel)
-{
-    testkit::TempDir sys;
-    auto device = [&](const std::string& name, const std::string& label) {
-        std::filesystem::create_directories(sys / name);
-        testkit::writeText(sys / name / "name", label);
-    };
-    device("video0", "Integrated Camera: Integrated C\n");
-    device("video10", "Plim Camera\n");
-    device("video2", "Plim Camera\n");
-    device("video3", "Plim Camera 2\n");
-    device("v4l-subdev0", "Plim Camera\n");
-    EXPECT_EQ(videoDevicesLabelled(sys.path(), "Plim Camera"), (std::vector<std::string>{"video2", "video10"}));
-    EXPECT_TRUE(videoDevicesLabelled(sys.path() / "absent", "Plim Camera").empty());
 }
 
 } // namespace

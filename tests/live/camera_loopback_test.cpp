@@ -2,6 +2,7 @@
 // connecting, the refusals that fail the sink, the sentences, and the bytes written.
 
 #include "live/camera_sinks.h"
+#include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
@@ -227,6 +228,41 @@ TEST(CameraLoopback, WritesTheFormatTheDeviceKeeps)
     EXPECT_EQ(frame[470 * 640 + 320], 16);
     EXPECT_EQ(frame[640 * 480 + 120 * 640 + 320], 90); // U of red, in the middle of the chroma plane
     EXPECT_EQ(frame[640 * 480 + 5 * 640 + 320], 128);
+}
+
+TEST(CameraLoopback, TheSystemDeviceIsFoundByItsLabel)
+{
+    testkit::TempDir sys;
+    const LoopbackPlaces places{sys / "class", sys / "dev", sys / "module"};
+    std::filesystem::create_directories(places.videoClass);
+    std::filesystem::create_directories(places.devices);
+    auto device = [&](const std::string& name, const std::string& label) {
+        std::filesystem::create_directories(places.videoClass / name);
+        testkit::writeText(places.videoClass / name / "name", label);
+        testkit::writeText(places.devices / name, "");
+    };
+    device("video0", "Integrated Camera: Integrated C\n");
+    device("video3", "Plim Camera 2\n");
+    device("v4l-subdev0", "Plim Camera\n");
+    auto loopback = LoopbackDevice::system(places);
+    EXPECT_EQ(loopback->open("Plim Camera").error().kind, LoopbackTrouble::Kind::notInstalled);
+    std::filesystem::create_directories(places.module);
+    EXPECT_EQ(loopback->open("Plim Camera").error().kind, LoopbackTrouble::Kind::loadedWithoutLabel);
+
+    // Labelled devices are tried in number order; these nodes are plain files, which no
+    // V4L2 request reaches, so the last one tried is named.
+    device("video10", "Plim Camera\n");
+    device("video2", "Plim Camera\n");
+    EXPECT_EQ(videoDevicesLabelled(places.videoClass, "Plim Camera"), (std::vector<std::string>{"video2", "video10"}));
+    EXPECT_EQ(loopback->open("Plim Camera").error(),
+        (LoopbackTrouble{LoopbackTrouble::Kind::failed, (places.devices / "video10").string() + ": Inappropriate ioctl for device"}));
+    std::filesystem::remove(places.devices / "video10");
+    EXPECT_EQ(loopback->open("Plim Camera").error(),
+        (LoopbackTrouble{LoopbackTrouble::Kind::failed, (places.devices / "video10").string() + ": No such file or directory"}));
+    // Nothing is open: nothing is written.
+    const uint8_t frame[4] = {};
+    EXPECT_EQ(loopback->write(frame), LoopbackDevice::Write::lost);
+    EXPECT_FALSE(loopback->setFormat(requestedCameraFormat(320, 180, 30)));
 }
 
 } // namespace
