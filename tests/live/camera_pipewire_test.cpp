@@ -204,5 +204,25 @@ TEST_F(CameraPipeWire, WithoutPipeWireItSaysSoAndTriesAgainEveryTwoSeconds)
     sink->close();
 }
 
+TEST_F(CameraPipeWire, APipeWireThatGoesAwayFailsTheSinkWithASentence)
+{
+    testkit::PipeWireServer own;
+    ASSERT_TRUE(own.isUp()) << own.trouble();
+    testkit::ScopedEnv runtime("PIPEWIRE_RUNTIME_DIR", own.runtimeDir().string());
+    auto sink = makePipeWireCameraSink();
+    sink->consume(picture(sequence++));
+    ASSERT_EQ(sink->health(), LiveSinkHealth{LiveSinkHealth::Opening{}});
+    own.stopPipeWire();
+    feed(*sink, 10, [&] { return std::holds_alternative<LiveSinkHealth::Failed>(sink->health().state); });
+    const auto health = sink->health();
+    ASSERT_TRUE(std::holds_alternative<LiveSinkHealth::Failed>(health.state));
+    const std::string sentence = std::get<LiveSinkHealth::Failed>(health.state).sentence;
+    EXPECT_TRUE(sentence.starts_with("Plim Camera lost PipeWire (")) << sentence;
+    EXPECT_TRUE(sentence.ends_with("). Check that PipeWire is running (systemctl --user start pipewire wireplumber), "
+                                   "then go live again."))
+        << sentence;
+    sink->close();
+}
+
 } // namespace
 } // namespace plim

@@ -22,6 +22,8 @@ public:
     // XDG_RUNTIME_DIR, PIPEWIRE_RUNTIME_DIR and the bus for PipeWire's clients.
     std::vector<std::string> environment() const;
     const fs::path& runtimeDir() const { return m_dir.path(); }
+    // Ends pipewire now, as a crash would.
+    void stopPipeWire() { m_pipewire.reset(); }
 
 private:
     TempDir m_dir;
