@@ -148,23 +148,5 @@ TEST(CameraFormat, ConvertsBgraToBt601LimitedRange)
     EXPECT_FALSE(writeCameraFrame(mixed, withLayout({fourccYuyv, 4, 2, 30, 0, 0}), small));
 }
 
-TEST(CameraFormat, FitsAPictureOfAnotherShapeOverBlack)
-{
-    FrameFitter fitter;
-    const Image square = filled(30, 30, {255, 0, 0});
-    const auto same = fitter.fit(square, 30, 30);
-    ASSERT_TRUE(same);
-    EXPECT_EQ(same->pixels, square.pixels);
-    const auto wide = fitter.fit(square, 90, 60);
-    ASSERT_TRUE(wide);
-    ASSERT_EQ(wide->width, 90);
-    ASSERT_EQ(wide->height, 60);
-    auto at = [&](int x, int y) { const uint8_t* p = wide->row(y) + x * 4; return std::array<int, 4>{p[0], p[1], p[2], p[3]}; };
-    EXPECT_EQ(at(45, 30), (std::array<int, 4>{0, 0, 255, 255}));
-    EXPECT_EQ(at(45, 2), (std::array<int, 4>{0, 0, 255, 255}));
-    EXPECT_EQ(at(5, 30), (std::array<int, 4>{0, 0, 0, 255}));
-    EXPECT_EQ(at(85, 30), (std::array<int, 4>{0, 0, 0, 255}));
-}
-
 } // namespace
 } // namespace plim
