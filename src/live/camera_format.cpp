@@ -1,16 +1,18 @@
 #include "live/camera_format.h"
 
 #include "live/loopback_device.h"
+#include "media/colour_convert.h"
 #include "stage/compositor.h"
 
 #include <algorithm>
 #include <cmath>
+#include <vector>
 
 namespace plim {
 
 namespace {
 
-// BT.601, limited range, in 16-bit fixed point.
+// BT.601, limited range, in 16-bit fixed point (NV12 comes from media/'s 4:2:0 conversion).
 constexpr int fixed(double v) { return static_cast<int>(v * 65536.0 + (v < 0 ? -0.5 : 0.5)); }
 constexpr double kr = 0.299, kb = 0.114, kg = 1 - kr - kb;
 constexpr double yScale = 219.0 / 255.0, cScale = 224.0 / 255.0;
@@ -18,19 +20,20 @@ constexpr int yR = fixed(yScale * kr), yG = fixed(yScale * kg), yB = fixed(yScal
 constexpr int uR = fixed(-cScale * kr / (2 * (1 - kb))), uG = fixed(-cScale * kg / (2 * (1 - kb))), uB = fixed(cScale * 0.5);
 constexpr int vR = fixed(cScale * 0.5), vG = fixed(-cScale * kg / (2 * (1 - kr))), vB = fixed(-cScale * kb / (2 * (1 - kr)));
 
-inline uint8_t luma(const uint8_t* p)
+// One line of pixels into YUYV: each pair's own lumas and the chroma of their mean. Plain
+// loops over bytes, for the vectoriser.
+__attribute__((target_clones("avx2", "default"))) void yuyvLine(const uint8_t* __restrict p, int pairs, uint8_t* __restrict o)
 {
-    return static_cast<uint8_t>(16 + ((yR * p[2] + yG * p[1] + yB * p[0] + 32768) >> 16));
-}
-
-// Chroma of the sum of 2^`shift` pixels' components.
-inline uint8_t chromaU(int b, int g, int r, int shift)
-{
-    return static_cast<uint8_t>(128 + ((uR * r + uG * g + uB * b + (1 << (15 + shift))) >> (16 + shift)));
-}
-inline uint8_t chromaV(int b, int g, int r, int shift)
-{
-    return static_cast<uint8_t>(128 + ((vR * r + vG * g + vB * b + (1 << (15 + shift))) >> (16 + shift)));
+    constexpr int yOffset = (16 << 16) + (1 << 15), cOffset = (128 << 17) + (1 << 16);
+    for (int x = 0; x < pairs; ++x) {
+        const int b0 = p[8 * x], g0 = p[8 * x + 1], r0 = p[8 * x + 2];
+        const int b1 = p[8 * x + 4], g1 = p[8 * x + 5], r1 = p[8 * x + 6];
+        const int b = b0 + b1, g = g0 + g1, r = r0 + r1;
+        o[4 * x] = static_cast<uint8_t>((yR * r0 + yG * g0 + yB * b0 + yOffset) >> 16);
+        o[4 * x + 1] = static_cast<uint8_t>((uR * r + uG * g + uB * b + cOffset) >> 17);
+        o[4 * x + 2] = static_cast<uint8_t>((yR * r1 + yG * g1 + yB * b1 + yOffset) >> 16);
+        o[4 * x + 3] = static_cast<uint8_t>((vR * r + vG * g + vB * b + cOffset) >> 17);
+    }
 }
 
 int even(double v) { return std::max(2, static_cast<int>(std::lround(v / 2)) * 2); }
@@ -99,37 +102,24 @@ Result<CameraFormat> negotiateCameraFormat(int width, int height, double rate, c
 
 void bgraToYuyv(const Image& image, uint8_t* out, int bytesPerLine)
 {
-    for (int y = 0; y < image.height; ++y) {
-        const uint8_t* p = image.row(y);
-        uint8_t* o = out + static_cast<std::ptrdiff_t>(y) * bytesPerLine;
-        for (int x = 0; x + 1 < image.width; x += 2, p += 8, o += 4) {
-            const int b = p[0] + p[4], g = p[1] + p[5], r = p[2] + p[6];
-            o[0] = luma(p);
-            o[1] = chromaU(b, g, r, 1);
-            o[2] = luma(p + 4);
-            o[3] = chromaV(b, g, r, 1);
-        }
-    }
+    for (int y = 0; y < image.height; ++y)
+        yuyvLine(image.row(y), image.width / 2, out + static_cast<std::ptrdiff_t>(y) * bytesPerLine);
 }
 
 void bgraToNv12(const Image& image, uint8_t* out, int bytesPerLine)
 {
+    // The encoder's 4:2:0 conversion, its two chroma planes woven into one.
+    const int pairs = image.width / 2;
+    std::vector<uint8_t> u(static_cast<size_t>(pairs)), v(static_cast<size_t>(pairs));
     uint8_t* chroma = out + static_cast<std::ptrdiff_t>(bytesPerLine) * image.height;
     for (int y = 0; y + 1 < image.height; y += 2) {
-        const uint8_t* p0 = image.row(y);
-        const uint8_t* p1 = image.row(y + 1);
-        uint8_t* y0 = out + static_cast<std::ptrdiff_t>(y) * bytesPerLine;
-        uint8_t* y1 = y0 + bytesPerLine;
-        uint8_t* c = chroma + static_cast<std::ptrdiff_t>(y / 2) * bytesPerLine;
-        for (int x = 0; x + 1 < image.width; x += 2, p0 += 8, p1 += 8, y0 += 2, y1 += 2, c += 2) {
-            y0[0] = luma(p0);
-            y0[1] = luma(p0 + 4);
-            y1[0] = luma(p1);
-            y1[1] = luma(p1 + 4);
-            const int b = p0[0] + p0[4] + p1[0] + p1[4], g = p0[1] + p0[5] + p1[1] + p1[5],
-                      r = p0[2] + p0[6] + p1[2] + p1[6];
-            c[0] = chromaU(b, g, r, 2);
-            c[1] = chromaV(b, g, r, 2);
+        uint8_t* planes[3] = {out + static_cast<std::ptrdiff_t>(y) * bytesPerLine, u.data(), v.data()};
+        const int linesizes[3] = {bytesPerLine, pairs, pairs};
+        bgraToYuv420(image.row(y), image.stride, image.width, 2, planes, linesizes, YuvMatrix::bt601);
+        uint8_t* uv = chroma + static_cast<std::ptrdiff_t>(y / 2) * bytesPerLine;
+        for (int x = 0; x < pairs; ++x) {
+            uv[2 * x] = u[static_cast<size_t>(x)];
+            uv[2 * x + 1] = v[static_cast<size_t>(x)];
         }
     }
 }
