@@ -1,4 +1,5 @@
-// Plim Camera as a PipeWire video source node. The node lives on its own pw_thread_loop;
+// Plim Camera as a PipeWire video source node, in BGRx or BGRA, or in YUY2 or NV12 for the
+// readers that take only YUV (WebRTC's camera in browsers). The node lives on its own pw_thread_loop;
 // consume() takes the loop's lock only to copy one frame into a free buffer and queue it,
 // and drives the graph with each frame it queues.
 
@@ -87,13 +88,13 @@ public:
     }
 
 private:
-    // With the loop locked: the frame, fitted to the negotiated size, into the buffer.
+    // With the loop locked: the frame, fitted to the negotiated size, into the buffer in the
+    // negotiated layout.
     bool fill(pw_buffer* buffer, const LiveFrame& frame)
     {
         spa_buffer* b = buffer->buffer;
         spa_data& data = b->datas[0];
-        const uint32_t stride = m_width * 4;
-        if (!data.data || data.maxsize < stride * m_height) {
+        if (!data.data || data.maxsize < m_bytes) {
             data.chunk->size = 0;
             return false;
         }
@@ -103,11 +104,17 @@ private:
             return false;
         }
         auto* out = static_cast<uint8_t*>(data.data);
-        for (uint32_t y = 0; y < m_height; ++y)
-            std::memcpy(out + y * stride, picture->row(static_cast<int>(y)), stride);
+        if (m_pixels == SPA_VIDEO_FORMAT_YUY2 || m_pixels == SPA_VIDEO_FORMAT_NV12) {
+            const CameraFormat layout{m_pixels == SPA_VIDEO_FORMAT_YUY2 ? fourccYuyv : fourccNv12,
+                static_cast<int>(m_width), static_cast<int>(m_height), 0, static_cast<int>(m_stride), static_cast<int>(m_bytes)};
+            writeCameraFrame(*picture, layout, {out, m_bytes});
+        } else {
+            for (uint32_t y = 0; y < m_height; ++y)
+                std::memcpy(out + y * m_stride, picture->row(static_cast<int>(y)), m_width * 4);
+        }
         data.chunk->offset = 0;
-        data.chunk->stride = static_cast<int32_t>(stride);
-        data.chunk->size = stride * m_height;
+        data.chunk->stride = static_cast<int32_t>(m_stride);
+        data.chunk->size = m_bytes;
         data.chunk->flags = 0;
         if (auto* header = static_cast<spa_meta_header*>(spa_buffer_find_meta_data(b, SPA_META_Header, sizeof(spa_meta_header)))) {
             header->flags = 0;
@@ -182,7 +189,8 @@ private:
             SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat,
             SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video),
             SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
-            SPA_FORMAT_VIDEO_format, SPA_POD_CHOICE_ENUM_Id(3, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRA),
+            SPA_FORMAT_VIDEO_format, SPA_POD_CHOICE_ENUM_Id(5, SPA_VIDEO_FORMAT_BGRx, SPA_VIDEO_FORMAT_BGRx,
+                SPA_VIDEO_FORMAT_BGRA, SPA_VIDEO_FORMAT_YUY2, SPA_VIDEO_FORMAT_NV12),
             SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&size, &smallest, &largest),
             SPA_FORMAT_VIDEO_framerate, SPA_POD_CHOICE_RANGE_Fraction(&fps, &slowest, &fastest)));
         const int r = m_stream ? pw_stream_connect(m_stream, PW_DIRECTION_OUTPUT, PW_ID_ANY,
@@ -211,12 +219,17 @@ private:
         if (!param || spa_format_parse(param, &mediaType, &mediaSubtype) < 0 || mediaType != SPA_MEDIA_TYPE_video
             || mediaSubtype != SPA_MEDIA_SUBTYPE_raw || spa_format_video_raw_parse(param, &info) < 0)
             return;
-        if (info.size.width < 1 || info.size.height < 1 || info.size.width > largestSide || info.size.height > largestSide)
+        const bool yuv = info.format == SPA_VIDEO_FORMAT_YUY2 || info.format == SPA_VIDEO_FORMAT_NV12;
+        if (info.size.width < 2 || info.size.height < 2 || info.size.width > largestSide || info.size.height > largestSide
+            || (yuv && (info.size.width % 2 || info.size.height % 2)))
             return;
+        m_pixels = info.format;
         m_width = info.size.width;
         m_height = info.size.height;
-        const int stride = static_cast<int>(m_width * 4);
-        const int bytes = stride * static_cast<int>(m_height);
+        m_stride = info.format == SPA_VIDEO_FORMAT_NV12 ? m_width : info.format == SPA_VIDEO_FORMAT_YUY2 ? m_width * 2 : m_width * 4;
+        m_bytes = info.format == SPA_VIDEO_FORMAT_NV12 ? m_stride * m_height * 3 / 2 : m_stride * m_height;
+        const int stride = static_cast<int>(m_stride);
+        const int bytes = static_cast<int>(m_bytes);
         uint8_t space[1024];
         spa_pod_builder builder = SPA_POD_BUILDER_INIT(space, sizeof(space));
         const spa_pod* params[2];
@@ -275,8 +288,11 @@ private:
     pw_stream* m_stream = nullptr;
     spa_hook m_streamListener{};
     pw_stream_state m_streamState = PW_STREAM_STATE_UNCONNECTED;
-    uint32_t m_width = 0;
+    uint32_t m_pixels = SPA_VIDEO_FORMAT_BGRx;
+    uint32_t m_width = 0; // 0 while no format is agreed
     uint32_t m_height = 0;
+    uint32_t m_stride = 0;
+    uint32_t m_bytes = 0;
     std::string m_broken; // why the connection broke, when it did
 };
 

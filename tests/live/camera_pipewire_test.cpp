@@ -61,12 +61,12 @@ protected:
         env.push_back(std::make_unique<testkit::ScopedEnv>("PIPEWIRE_REMOTE", std::nullopt));
     }
 
-    // pipewiresrc asking for BGRx at `width` x `height`, each frame appended to the file as it comes.
-    std::unique_ptr<testkit::ChildProcess> consumer(int width, int height)
+    // pipewiresrc asking for `format` at `width` x `height`, each frame appended to the file as it comes.
+    std::unique_ptr<testkit::ChildProcess> consumer(const std::string& format, int width, int height)
     {
         return std::make_unique<testkit::ChildProcess>(
             std::vector<std::string>{"gst-launch-1.0", "-q", "pipewiresrc", "target-object=Plim Camera", "!",
-                "video/x-raw,format=BGRx,width=" + std::to_string(width) + ",height=" + std::to_string(height), "!",
+                "video/x-raw,format=" + format + ",width=" + std::to_string(width) + ",height=" + std::to_string(height), "!",
                 "filesink", "location=" + (dir / "frames.raw").string(), "buffer-mode=unbuffered", "sync=false"},
             server->environment(), "/dev/null", dir / "gst.log");
     }
@@ -113,7 +113,7 @@ TEST_F(CameraPipeWire, AConsumerReceivesThePictureInOrderAtTheFedRate)
     sink->consume(picture(sequence++));
     EXPECT_EQ(sink->health(), LiveSinkHealth{LiveSinkHealth::Opening{}}) << "nobody reads the camera yet";
 
-    auto gst = consumer(canvasWidth, canvasHeight);
+    auto gst = consumer("BGRx", canvasWidth, canvasHeight);
     feed(*sink, 20, [&] { return isRunning(*sink) && received() > 0; });
     ASSERT_TRUE(isRunning(*sink)) << testkit::readText(dir / "gst.log");
 
@@ -159,24 +159,26 @@ TEST_F(CameraPipeWire, AConsumerReceivesThePictureInOrderAtTheFedRate)
     }
 }
 
-TEST_F(CameraPipeWire, AConsumerAskingForASmallerSizeGetsThePictureFitted)
+TEST_F(CameraPipeWire, AConsumerAskingForNv12AtASmallerSizeGetsThePictureFitted)
 {
+    // As browsers' WebRTC camera reads it: YUV only.
+    constexpr int width = canvasWidth / 2, height = canvasHeight / 2;
     auto sink = makePipeWireCameraSink();
-    auto gst = consumer(canvasWidth / 2, canvasHeight / 2);
+    auto gst = consumer("NV12", width, height);
     feed(*sink, 20, [&] { return isRunning(*sink) && received() > 0; });
     ASSERT_TRUE(isRunning(*sink)) << testkit::readText(dir / "gst.log");
     feed(*sink, 0.2);
     gst.reset();
     const std::vector<uint8_t> bytes = frames();
-    const size_t frameBytes = canvasWidth / 2 * canvasHeight / 2 * 4;
+    const size_t frameBytes = width * height * 3 / 2;
     ASSERT_GE(bytes.size(), frameBytes);
     const uint8_t* frame = bytes.data() + (bytes.size() / frameBytes - 1) * frameBytes;
-    auto pixel = [&](int x, int y) {
-        const uint8_t* p = frame + (y * canvasWidth / 2 + x) * 4;
-        return std::array<int, 3>{p[0], p[1], p[2]};
-    };
-    EXPECT_EQ(pixel(20, 45), (std::array<int, 3>{0, 0, 255}));
-    EXPECT_EQ(pixel(150, 10), (std::array<int, 3>{32, 32, 32}));
+    const uint8_t* chroma = frame + width * height;
+    EXPECT_EQ(frame[45 * width + 20], 81); // the red half, as BT.601 limited range
+    EXPECT_EQ(chroma[22 * width + 20], 90);
+    EXPECT_EQ(chroma[22 * width + 21], 240);
+    EXPECT_NEAR(frame[10 * width + 150], 43, 1); // the grey ground
+    EXPECT_EQ(chroma[5 * width + 150], 128);
 }
 
 std::string failure(const LiveSink& sink)
