@@ -107,7 +107,10 @@ private:
         if (m_pixels == SPA_VIDEO_FORMAT_YUY2 || m_pixels == SPA_VIDEO_FORMAT_NV12) {
             const CameraFormat layout{m_pixels == SPA_VIDEO_FORMAT_YUY2 ? fourccYuyv : fourccNv12,
                 static_cast<int>(m_width), static_cast<int>(m_height), 0, static_cast<int>(m_stride), static_cast<int>(m_bytes)};
-            writeCameraFrame(*picture, layout, {out, m_bytes});
+            if (!writeCameraFrame(*picture, layout, {out, m_bytes})) {
+                data.chunk->size = 0;
+                return false;
+            }
         } else {
             for (uint32_t y = 0; y < m_height; ++y)
                 std::memcpy(out + y * m_stride, picture->row(static_cast<int>(y)), m_width * 4);
