@@ -61,14 +61,16 @@ protected:
         env.push_back(std::make_unique<testkit::ScopedEnv>("PIPEWIRE_REMOTE", std::nullopt));
     }
 
-    // pipewiresrc asking for `format` at `width` x `height`, each frame appended to the file as it comes.
-    std::unique_ptr<testkit::ChildProcess> consumer(const std::string& format, int width, int height)
+    // pipewiresrc asking for `format` at `width` x `height`, each frame appended to the file as
+    // it comes; `pause` microseconds before each frame is let go when set (a reader that stalls).
+    std::unique_ptr<testkit::ChildProcess> consumer(const std::string& format, int width, int height, int pause = 0)
     {
-        return std::make_unique<testkit::ChildProcess>(
-            std::vector<std::string>{"gst-launch-1.0", "-q", "pipewiresrc", "target-object=Plim Camera", "!",
-                "video/x-raw,format=" + format + ",width=" + std::to_string(width) + ",height=" + std::to_string(height), "!",
-                "filesink", "location=" + (dir / "frames.raw").string(), "buffer-mode=unbuffered", "sync=false"},
-            server->environment(), "/dev/null", dir / "gst.log");
+        std::vector<std::string> argv{"gst-launch-1.0", "-q", "pipewiresrc", "target-object=Plim Camera", "!",
+            "video/x-raw,format=" + format + ",width=" + std::to_string(width) + ",height=" + std::to_string(height), "!"};
+        if (pause > 0)
+            argv.insert(argv.end(), {"identity", "sleep-time=" + std::to_string(pause), "!"});
+        argv.insert(argv.end(), {"filesink", "location=" + (dir / "frames.raw").string(), "buffer-mode=unbuffered", "sync=false"});
+        return std::make_unique<testkit::ChildProcess>(argv, server->environment(), "/dev/null", dir / "gst.log");
     }
 
     // Feeds frames at 60 a second until `done` holds or `seconds` pass.
@@ -186,6 +188,21 @@ std::string failure(const LiveSink& sink)
     const auto health = sink.health();
     const auto* failed = std::get_if<LiveSinkHealth::Failed>(&health.state);
     return failed ? failed->sentence : std::string("(not failed)");
+}
+
+TEST_F(CameraPipeWire, AReaderThatStopsTakingFramesFailsTheSinkUntilItTakesOneAgain)
+{
+    // The reader holds every buffer for 4 s: 120 frames in a row find none free.
+    auto sink = makePipeWireCameraSink();
+    auto gst = consumer("BGRx", canvasWidth, canvasHeight, 4000000);
+    feed(*sink, 20, [&] { return isRunning(*sink); });
+    ASSERT_TRUE(isRunning(*sink)) << testkit::readText(dir / "gst.log");
+    feed(*sink, 20, [&] { return !isRunning(*sink); });
+    EXPECT_EQ(failure(*sink), "Plim Camera is not taking frames — PipeWire has stopped pulling. Stop and go live again; "
+                              "if it persists, restart PipeWire (systemctl --user restart pipewire wireplumber).");
+    // A buffer given back is taken again.
+    feed(*sink, 20, [&] { return isRunning(*sink); });
+    EXPECT_TRUE(isRunning(*sink));
 }
 
 TEST_F(CameraPipeWire, WithoutPipeWireItSaysSoTriesAgainEveryTwoSecondsAndNoticesItGoing)
