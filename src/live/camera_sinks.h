@@ -5,8 +5,9 @@
 // - PipeWire: a video source node (media.class Video/Source) named after the label, for
 //   PipeWire-aware apps (browsers through the camera portal, GStreamer). It offers BGRx and
 //   BGRA, and YUY2 and NV12 for readers that take only YUV (browsers' WebRTC), at the canvas
-//   size or another size a consumer asks for, which the picture is fitted into. Frames are copied into a free PipeWire buffer without waiting; with none
-//   free (the consumer is behind) the frame is dropped.
+//   size or another size a consumer asks for, which the picture is fitted into. Frames are
+//   copied into a free PipeWire buffer without waiting; with none free (the consumer is
+//   behind) the frame is dropped.
 // - v4l2loopback: the video device whose card label is the label, for apps that only know
 //   V4L2; frames are converted to YUYV (or NV12, when the device insists).
 //
