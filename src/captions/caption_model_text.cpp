@@ -45,6 +45,8 @@ static std::string scaled(double value, const char* unit)
 std::string size(int64_t bytes)
 {
     const double b = double(std::max<int64_t>(bytes, 0));
+    if (b == 0)
+        return "0 KB";
     if (b < 1e6)
         return scaled(b / 1e3, "KB");
     if (b < 1e9)

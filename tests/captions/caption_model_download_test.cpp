@@ -3,35 +3,14 @@
 
 #include "base/log.h"
 #include "captions/caption_model_downloader.h"
+#include "captions/caption_model_made_up.h"
 #include "testkit/http_range_server.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 namespace plim {
 namespace {
-
-using Behaviour = testkit::HttpRangeServer::Behaviour;
-
-std::string madeUpBytes(size_t length, unsigned seed)
-{
-    std::mt19937 random(seed);
-    std::string bytes(length, '\0');
-    for (char& c : bytes)
-        c = char(random());
-    return bytes;
-}
-
-std::string digestOf(const testkit::TempDir& dir, const std::string& content, size_t digits)
-{
-    const auto path = dir / "digest-input";
-    testkit::writeText(path, content);
-    CaptionModelFile file;
-    file.check = std::string(digits, '0');
-    return *captionModelDigest(path, file);
-}
 
 // A sink that takes `room` bytes in all and then fails as a full disk does.
 class FullDiskSink final : public CaptionModelSink {
@@ -57,21 +36,9 @@ protected:
     void SetUp() override
     {
         ASSERT_TRUE(server.isUp());
-        contents = {madeUpBytes(400'000, 1), madeUpBytes(60'000, 2), madeUpBytes(30'000, 3)};
-        const std::vector<std::string> names = {"model.pt", "vocab.json", "merges.txt"};
-        size.name = "test";
-        size.title = "Whisper test";
-        for (size_t i = 0; i < names.size(); ++i) {
-            CaptionModelFile file;
-            file.source = i == 0 ? CaptionModelFile::Source::checkpoint : CaptionModelFile::Source::tokenizer;
-            file.remotePath = (i == 0 ? "/models/" : "/tokenizer/") + names[i];
-            file.path = names[i];
-            file.size = int64_t(contents[i].size());
-            // The checkpoint is pinned by SHA-256, the tokenizer files by git blob identifiers.
-            file.check = digestOf(scratch, contents[i], i == 0 ? 64 : 40);
-            size.files.push_back(file);
-            server.serve(file.remotePath, contents[i]);
-        }
+        MadeUpCaptionModel model(server);
+        size = model.size;
+        contents = model.contents;
         hosts.checkpoint = hosts.tokenizer = server.baseUrl();
         services.transport = makeCurlCaptionTransport({5, 1000, 1});
         services.sleep = [this](double seconds, StopToken) { pauses.push_back(seconds); };
@@ -101,7 +68,6 @@ protected:
     }
 
     testkit::HttpRangeServer server;
-    testkit::TempDir scratch;
     testkit::TempDir root;
     CaptionModelStore store{root.path() / "CaptionModels"};
     CaptionModelSize size;
