@@ -50,29 +50,6 @@ std::string captionModelStatusLine(const CaptionModelSize& size, const CaptionMo
     return line;
 }
 
-std::vector<CaptionModelStage> captionModelStages(const std::optional<CaptionModelProgress>& progress)
-{
-    using State = CaptionModelStage::State;
-    std::vector<CaptionModelStage> stages = {{"Downloading the model", State::pending},
-        {"Checking the files", State::pending}, {"Preparing the model", State::pending}};
-    if (!progress)
-        return stages;
-    switch (progress->phase) {
-    case CaptionModelProgress::Phase::downloading:
-        stages[0].state = State::active;
-        break;
-    case CaptionModelProgress::Phase::checking:
-        stages[0].state = progress->done >= progress->total ? State::done : State::active;
-        stages[1].state = State::active;
-        break;
-    case CaptionModelProgress::Phase::preparing:
-        stages[0].state = stages[1].state = State::done;
-        stages[2].state = State::active;
-        break;
-    }
-    return stages;
-}
-
 CaptionModelDownloader::CaptionModelDownloader(CaptionModelStore store, CaptionModelSize size,
     CaptionModelHosts hosts, CaptionModelServices services)
     : m_store(std::move(store))

@@ -39,15 +39,6 @@ struct CaptionModelProgress {
 // while the model loads.
 std::string captionModelStatusLine(const CaptionModelSize& size, const CaptionModelProgress& progress);
 
-// The stages a progress panel lists, with their state for `progress` (nothing yet: all pending).
-struct CaptionModelStage {
-    enum class State { pending, active, done, failed };
-    std::string title;
-    State state = State::pending;
-    bool operator==(const CaptionModelStage&) const = default;
-};
-std::vector<CaptionModelStage> captionModelStages(const std::optional<CaptionModelProgress>& progress);
-
 struct CaptionModelServices {
     std::shared_ptr<CaptionModelTransport> transport;
     CaptionModelSinkOpener openFile = openCaptionModelFile;

@@ -81,9 +81,13 @@ protected:
 
 TEST_F(CaptionModelDownload, FetchesVerifiesPreparesOnceAndDeletes)
 {
-    auto outcome = download();
+    std::vector<std::string> lines;
+    auto outcome = download([&](const CaptionModelProgress& p) { lines.push_back(captionModelStatusLine(size, p)); });
     ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
     EXPECT_EQ(outcome.value, store.folder(size));
+    ASSERT_FALSE(lines.empty());
+    EXPECT_TRUE(lines[lines.size() - 2].ends_with(", checking the file")) << lines[lines.size() - 2];
+    EXPECT_EQ(lines.back(), CaptionModelText::preparing);
     for (size_t i = 0; i < contents.size(); ++i)
         EXPECT_EQ(onDisk(i), contents[i]);
     EXPECT_TRUE(store.isReady(size));
