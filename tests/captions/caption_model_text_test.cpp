@@ -1,4 +1,4 @@
-// The rate, the time left and the digests the model download checks files with.
+// The rate, the time left, the digests the model download checks files with, and the ready check.
 
 #include "base/json.h"
 #include "base/settings.h"
@@ -80,6 +80,27 @@ TEST(CaptionModelText, EveryPublishedCheckpointAddressCarriesItsDigest)
     ASSERT_TRUE(settings.setValue(std::string(captionModelSizeKey), "huge"));
     EXPECT_EQ(chosenCaptionModelSize(settings).name, "base");
     EXPECT_FALSE(captionModelSize("huge"));
+}
+
+TEST(CaptionModelStore, TheRouterSeesAModelOnlyWhenMarkedAndWhole)
+{
+    testkit::XdgSandbox sandbox;
+    MemorySettingsStore settings;
+    const auto store = CaptionModelStore::standard();
+    const auto base = *captionModelSize("base");
+    EXPECT_EQ(store.root(), sandbox.home() / ".local/share/plim/CaptionModels");
+    fs::create_directories(store.folder(base));
+    for (const auto& file : base.files) {
+        testkit::writeText(store.filePath(base, file), "");
+        fs::resize_file(store.filePath(base, file), uintmax_t(file.size)); // sparse: no real bytes
+    }
+    EXPECT_EQ(readyCaptionModelFolder(settings), std::nullopt); // not marked
+    ASSERT_TRUE(store.writeMarker(base));
+    EXPECT_EQ(readyCaptionModelFolder(settings), store.folder(base));
+    fs::resize_file(store.filePath(base, base.files[2]), uintmax_t(base.files[2].size - 1));
+    EXPECT_EQ(readyCaptionModelFolder(settings), std::nullopt); // a file cut short
+    ASSERT_TRUE(settings.setValue(std::string(captionModelSizeKey), "small"));
+    EXPECT_EQ(readyCaptionModelFolder(settings), std::nullopt);
 }
 
 } // namespace
