@@ -180,6 +180,10 @@ int runCaptionsModelCommand(const std::vector<std::string>& args, std::ostream& 
     if (verb == "pause")
         return pause(store, *size, out, err);
     if (verb == "delete") {
+        if (!fs::exists(store.folder(*size))) {
+            out << size->title << " is not downloaded, so there was nothing to delete.\n";
+            return 0;
+        }
         if (auto removed = store.remove(*size); !removed) {
             err << "plimctl captions-model: " << removed.error().sentence << "\n";
             return 1;

@@ -79,6 +79,7 @@ TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
     auto deleted = ctl("delete");
     EXPECT_EQ(deleted.status, 0) << deleted.err;
     EXPECT_FALSE(fs::exists(partial.parent_path()));
+    EXPECT_EQ(ctl("delete").out, "Whisper base is not downloaded, so there was nothing to delete.\n");
 }
 
 } // namespace
