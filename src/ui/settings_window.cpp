@@ -1,11 +1,13 @@
 #include "ui/settings_window.h"
 
 #include "app/control_verbs.h"
+#include "app/ctl_captions_model.h"
 #include "app/record_choice.h"
 #include "base/json.h"
 #include "base/settings.h"
 #include "library/look_store.h"
 #include "library/plims_folder_move.h"
+#include "ui/better_captions_panel.h"
 #include "ui/capture_choices.h"
 #include "ui/desktop_icons.h"
 #include "ui/desktop_services.h"
@@ -148,6 +150,11 @@ SettingsWindow::SettingsWindow(SettingsStore& settings, StorageRoot root, fs::pa
     layout->addSpacing(6);
     layout->addWidget(headingLabel(QStringLiteral("Recording")));
     layout->addLayout(form);
+    layout->addSpacing(6);
+    layout->addWidget(headingLabel(QStringLiteral("Better captions")));
+    BetterCaptionsPanel::Setup captionModel;
+    captionModel.services = captionModelServices;
+    layout->addWidget(new BetterCaptionsPanel(settings, std::move(captionModel)));
     layout->addSpacing(6);
     layout->addWidget(headingLabel(QStringLiteral("Shortcuts")));
     layout->addWidget(secondaryLabel(QStringLiteral(

@@ -1,7 +1,8 @@
 #pragma once
 // The settings window: the library folder (and the move of an old "Plims" library to
 // "Plim"), capture quality, frame rate, countdown, captions for new plims, hiding the
-// desktop's icons while recording where the desktop allows it, and the control verbs to
+// desktop's icons while recording where the desktop allows it, better captions with their
+// model's download (ui/better_captions_panel.h), and the control verbs to
 // bind in the desktop's shortcut settings, each with a command to copy.
 //
 // Threads: construct, call and destroy on the GUI thread. Every change is written at once;

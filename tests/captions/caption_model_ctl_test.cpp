@@ -1,0 +1,86 @@
+// plimctl captions-model as people use it: a download paused from another terminal and by
+// Ctrl-C, resumed at the byte where it stopped, then deleted. The files come from a test
+// server standing in for the model's host (PLIM_MODEL_BASE_URL).
+
+#include "captions/caption_model_manifest.h"
+#include "testkit/http_range_server.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <filesystem>
+
+namespace plim {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
+{
+    testkit::HttpRangeServer server;
+    ASSERT_TRUE(server.isUp());
+    testkit::TempDir home;
+    const std::vector<std::string> env = {"HOME=" + home.path().string(),
+        "XDG_DATA_HOME=" + (home / "data").string(), "XDG_CONFIG_HOME=" + (home / "config").string(),
+        "PLIM_MODEL_BASE_URL=" + server.baseUrl() + "/"};
+    const auto base = *captionModelSize("base");
+    std::string content(3'000'000, '\0');
+    for (size_t i = 0; i < content.size(); ++i)
+        content[i] = char(i * 7919 % 251);
+    server.serve(base.files[0].remotePath, content, {.bytesPerSecond = 400'000});
+    const auto partial = home / "data/plim/CaptionModels/base/model.pt";
+    const std::string plimctl = testkit::builtExecutable("plimctl").string();
+    auto ctl = [&](const std::string& verb) {
+        return testkit::runCommand({plimctl, "captions-model", verb}, env);
+    };
+    auto partialSize = [&] {
+        std::error_code ec;
+        auto bytes = fs::file_size(partial, ec);
+        return ec ? int64_t(0) : int64_t(bytes);
+    };
+
+    auto status = ctl("status");
+    EXPECT_EQ(status.status, 0);
+    EXPECT_NE(status.out.find("Whisper base (used for captions): not downloaded (147 MB)"), std::string::npos) << status.out;
+    auto idle = ctl("pause");
+    EXPECT_EQ(idle.status, 1);
+    EXPECT_EQ(idle.err, "No download of the Whisper base model is running, so there is nothing to pause.\n");
+
+    // Paused from another terminal.
+    {
+        testkit::ChildProcess download({plimctl, "captions-model", "download"}, env, home / "out1", home / "err1");
+        ASSERT_TRUE(testkit::eventually([&] { return partialSize() >= 400'000; }));
+        auto paused = ctl("pause");
+        EXPECT_EQ(paused.status, 0) << paused.err;
+        EXPECT_TRUE(paused.out.starts_with("Paused the download of Whisper base at ")) << paused.out;
+        EXPECT_EQ(download.wait(), 1);
+    }
+    const std::string said = testkit::readText(home / "err1");
+    EXPECT_NE(said.find("Resume picks up where it stopped. Captions use the built-in recognizer until it is done."), std::string::npos) << said;
+    EXPECT_NE(said.find("Downloading Whisper base: "), std::string::npos) << said;
+    EXPECT_NE(said.find(" KB/s, about "), std::string::npos) << said;
+    const int64_t kept = partialSize();
+    ASSERT_GT(kept, 0);
+    EXPECT_EQ(testkit::readText(partial), content.substr(0, size_t(kept)));
+    EXPECT_NE(ctl("status").out.find("Whisper base (used for captions): paused at "), std::string::npos);
+
+    // Resumed at the byte it stopped at, then stopped by Ctrl-C.
+    {
+        testkit::ChildProcess download({plimctl, "captions-model", "download"}, env, home / "out2", home / "err2");
+        ASSERT_TRUE(testkit::eventually([&] { return partialSize() >= kept + 200'000; }));
+        ::kill(download.pid(), SIGINT);
+        EXPECT_EQ(download.wait(), 1);
+    }
+    EXPECT_EQ(server.requests().back().range, "bytes=" + std::to_string(kept) + "-");
+    EXPECT_NE(testkit::readText(home / "err2").find("Resume picks up where it stopped."), std::string::npos);
+    EXPECT_EQ(testkit::readText(partial), content.substr(0, size_t(partialSize())));
+
+    auto deleted = ctl("delete");
+    EXPECT_EQ(deleted.status, 0) << deleted.err;
+    EXPECT_FALSE(fs::exists(partial.parent_path()));
+    EXPECT_EQ(ctl("delete").out, "Whisper base is not downloaded, so there was nothing to delete.\n");
+}
+
+} // namespace
+} // namespace plim
