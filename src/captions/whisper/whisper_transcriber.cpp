@@ -25,18 +25,35 @@ constexpr double noSpeechLimit = 0.6;
 constexpr int sampleLength = 224;
 constexpr double frameSeconds = double(hopLength) / sampleRate;
 
-// Splits a segment's text tokens into pieces that are whole characters, and spreads the
+// The bytes with each malformed sequence replaced by U+FFFD (a model may stop inside a character).
+std::string wellFormed(std::string_view bytes)
+{
+    std::string out;
+    for (size_t at = 0; at < bytes.size();) {
+        size_t from = at;
+        if (utf8Decode(bytes, at))
+            out.append(bytes.substr(from, at - from));
+        else {
+            out += "\uFFFD";
+            ++at;
+        }
+    }
+    return out;
+}
+
+// Splits a segment's text tokens into pieces of whole characters, and spreads the
 // segment's time over them by their length.
 std::vector<WhisperWord> wordPieces(const Tokenizer& tok, const std::vector<int>& text, double start, double end)
 {
     std::vector<std::string> pieces;
     std::vector<int> pending;
-    for (int t : text) {
-        pending.push_back(t);
+    for (size_t i = 0; i < text.size(); ++i) {
+        pending.push_back(text[i]);
         std::string bytes = tok.decode(pending);
-        if (isValidUtf8(bytes)) {
+        // A character is at most 4 bytes: past that, or at the end, what is pending is malformed.
+        if (isValidUtf8(bytes) || bytes.size() >= 4 || i + 1 == text.size()) {
             if (!bytes.empty())
-                pieces.push_back(std::move(bytes));
+                pieces.push_back(wellFormed(bytes));
             pending.clear();
         }
     }
@@ -149,10 +166,13 @@ Result<std::vector<WhisperSegment>> WhisperTranscriber::transcribe(std::span<con
             for (size_t i = from; i < to; ++i)
                 if (!isTime(i))
                     text.push_back(tokens[i]);
-            std::string words = tok.decode(text);
-            if (trimmed(words).empty() || !(end > start))
+            auto words = wordPieces(tok, text, start, end);
+            std::string joined;
+            for (auto& w : words)
+                joined += w.text;
+            if (trimmed(joined).empty())
                 return;
-            segments.push_back({words, start, end, wordPieces(tok, text, start, end)});
+            segments.push_back({joined, start, end, std::move(words)});
         };
         std::vector<size_t> pairs; // where a timestamp follows a timestamp
         for (size_t i = 1; i < tokens.size(); ++i)
