@@ -1,5 +1,7 @@
 #include "captions/whisper/model.h"
 
+#include "captions/whisper/vector_math.h"
+
 #include <algorithm>
 #include <cblas.h>
 #include <cmath>
@@ -60,8 +62,7 @@ Matrix layerNorm(const Matrix& x, const Model::Norm& n)
 
 void gelu(Matrix& x)
 {
-    for (float& v : x.data)
-        v = 0.5f * v * (1.f + std::erf(v * float(M_SQRT1_2)));
+    whisper::gelu(x.data.data(), x.data.size());
 }
 
 void addInto(Matrix& x, const Matrix& y)
@@ -76,24 +77,27 @@ Matrix attend(const Matrix& q, const Matrix& k, const Matrix& v, int keys, int h
 {
     int d = q.cols, dh = d / heads;
     Matrix out = matrix(q.rows, d);
-    std::vector<float> scores(size_t(q.rows) * size_t(keys));
+    std::vector<float> scores(size_t(q.rows) * size_t(keys)), sums(size_t(q.rows));
     float scale = 1.f / std::sqrt(float(dh));
     for (int h = 0; h < heads; ++h) {
         cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, q.rows, keys, dh, scale, q.data.data() + h * dh, d,
             k.data.data() + h * dh, d, 0.f, scores.data(), keys);
+        // Softmax left unnormalised; each output row is divided by its sum after the product.
         for (int r = 0; r < q.rows; ++r) {
             float* s = scores.data() + size_t(r) * size_t(keys);
             int visible = causalBase >= 0 ? std::min(keys, causalBase + r + 1) : keys;
             float top = *std::max_element(s, s + visible);
-            float sum = 0;
-            for (int c = 0; c < visible; ++c)
-                sum += s[c] = std::exp(s[c] - top);
-            for (int c = 0; c < visible; ++c)
-                s[c] /= sum;
+            sums[size_t(r)] = expShifted(s, size_t(visible), top);
             std::fill(s + visible, s + keys, 0.f);
         }
         cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, q.rows, dh, keys, 1.f, scores.data(), keys,
             v.data.data() + h * dh, d, 0.f, out.data.data() + h * dh, d);
+        for (int r = 0; r < q.rows; ++r) {
+            float* o = out.row(r) + h * dh;
+            float inv = 1.f / sums[size_t(r)];
+            for (int c = 0; c < dh; ++c)
+                o[c] *= inv;
+        }
     }
     return out;
 }
