@@ -1,5 +1,7 @@
 #include "captions/whisper/decoding.h"
 
+#include "captions/whisper/vector_math.h"
+
 #include <algorithm>
 #include <cmath>
 #include <limits>
@@ -24,10 +26,9 @@ double logSumExp(const std::vector<float>& x, int from, int to)
     float top = *std::max_element(x.begin() + from, x.begin() + to);
     if (top == never)
         return never;
-    double sum = 0;
-    for (int i = from; i < to; ++i)
-        sum += std::exp(double(x[size_t(i)]) - top);
-    return top + std::log(sum);
+    thread_local std::vector<float> scratch;
+    scratch.assign(x.begin() + from, x.begin() + to);
+    return top + std::log(double(expShifted(scratch.data(), scratch.size(), top)));
 }
 
 void applyRules(std::vector<float>& logits, const Tokenizer& tok, const std::vector<int>& blank,

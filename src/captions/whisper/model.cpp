@@ -80,8 +80,12 @@ Matrix attend(const Matrix& q, const Matrix& k, const Matrix& v, int keys, int h
     std::vector<float> scores(size_t(q.rows) * size_t(keys)), sums(size_t(q.rows));
     float scale = 1.f / std::sqrt(float(dh));
     for (int h = 0; h < heads; ++h) {
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, q.rows, keys, dh, scale, q.data.data() + h * dh, d,
-            k.data.data() + h * dh, d, 0.f, scores.data(), keys);
+        if (q.rows == 1) // one token: products with a vector cost less to start
+            cblas_sgemv(CblasRowMajor, CblasNoTrans, keys, dh, scale, k.data.data() + h * dh, d,
+                q.data.data() + h * dh, 1, 0.f, scores.data(), 1);
+        else
+            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, q.rows, keys, dh, scale, q.data.data() + h * dh, d,
+                k.data.data() + h * dh, d, 0.f, scores.data(), keys);
         // Softmax left unnormalised; each output row is divided by its sum after the product.
         for (int r = 0; r < q.rows; ++r) {
             float* s = scores.data() + size_t(r) * size_t(keys);
@@ -90,8 +94,12 @@ Matrix attend(const Matrix& q, const Matrix& k, const Matrix& v, int keys, int h
             sums[size_t(r)] = expShifted(s, size_t(visible), top);
             std::fill(s + visible, s + keys, 0.f);
         }
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, q.rows, dh, keys, 1.f, scores.data(), keys,
-            v.data.data() + h * dh, d, 0.f, out.data.data() + h * dh, d);
+        if (q.rows == 1)
+            cblas_sgemv(CblasRowMajor, CblasTrans, keys, dh, 1.f, v.data.data() + h * dh, d, scores.data(), 1, 0.f,
+                out.data.data() + h * dh, 1);
+        else
+            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, q.rows, dh, keys, 1.f, scores.data(), keys,
+                v.data.data() + h * dh, d, 0.f, out.data.data() + h * dh, d);
         for (int r = 0; r < q.rows; ++r) {
             float* o = out.row(r) + h * dh;
             float inv = 1.f / sums[size_t(r)];

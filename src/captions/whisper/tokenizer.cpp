@@ -157,6 +157,8 @@ Result<Tokenizer> Tokenizer::fromText(std::string_view vocabJson, std::string_vi
         int n = id.get<int>();
         if (piece == "<|endoftext|>")
             eot = n;
+        else if (piece.starts_with("<|") && piece.ends_with("|>"))
+            continue; // the special tokens' places follow from the vocabulary size
         else
             textTokens = std::max(textTokens, n + 1);
         if (size_t(n) >= t.m_pieces.size())
