@@ -5,24 +5,17 @@
 //
 // usage: whisper_bench [tiny|base|small|medium ...]   (default: tiny base small)
 
-#include "captions/whisper/decoding.h"
-#include "captions/whisper/log_mel.h"
-#include "captions/whisper/model.h"
-#include "captions/whisper/tokenizer.h"
+#include "captions/whisper_transcriber.h"
 
 #include "stopwatch.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cblas.h>
 #include <cstdio>
-#include <cstring>
-#include <random>
 #include <string>
 #include <vector>
 
 using namespace plim;
-using namespace plim::whisper;
 using plim::bench::millisecondsSince;
 using plim::bench::Steady;
 
@@ -68,109 +61,37 @@ double blasGflops()
     return flops / best / 1e6;
 }
 
-// Multiply-adds (x2) of the encoder's products for one window.
-double encoderFlops(const Dims& d)
-{
-    double s = d.audioState, ctx = d.audioCtx, frames = 2.0 * ctx;
-    double conv = frames * d.mels * 3 * s + ctx * s * 3 * s;
-    double layer = 4 * ctx * s * s + 2 * ctx * ctx * s + 2 * ctx * s * 4 * s;
-    return 2 * (conv + d.audioLayers * layer);
-}
-
-Dims sizeNamed(const std::string& name)
-{
-    Dims d;
-    auto set = [&](int state, int heads, int layers) {
-        d.audioState = d.textState = state;
-        d.audioHeads = d.textHeads = heads;
-        d.audioLayers = d.textLayers = layers;
-    };
-    if (name == "tiny")
-        set(384, 6, 4);
-    else if (name == "base")
-        set(512, 8, 6);
-    else if (name == "small")
-        set(768, 12, 12);
-    else if (name == "medium")
-        set(1024, 16, 24);
-    return d;
-}
-
-void measure(const std::string& name, double gflops)
-{
-    Dims d = sizeNamed(name);
-    auto start = Steady::now();
-    Model model = PLIM_MUST(Model::create(randomCheckpoint(d, 3)));
-    Tokenizer tok = PLIM_MUST(Tokenizer::fromText(R"({"<|endoftext|>": 50257})", "", d.vocab));
-    double params = 0;
-    params += double(d.vocab) * d.textState + double(d.textCtx) * d.textState;
-    params += d.audioLayers * 12.0 * d.audioState * d.audioState + d.textLayers * 16.0 * d.textState * d.textState;
-    std::printf("\n%s: %d layers of %d, about %.0f M parameters (%.0f MB as floats), made in %.1f s\n", name.c_str(),
-        d.audioLayers, d.audioState, params / 1e6, params * 4 / 1e6, millisecondsSince(start) / 1000);
-
-    std::mt19937 random(5);
-    std::normal_distribution<float> noise(0, 0.1f);
-    std::vector<float> sound(static_cast<size_t>(windowSamples));
-    for (float& v : sound)
-        v = noise(random);
-    Matrix mel;
-    auto melTimes = times(3, [&] { mel = logMel(sound, d.mels); });
-    std::printf("  log-mel of 30 s (and its 30 s of padding): %.1f ms\n", melTimes.front());
-    Matrix window{d.mels, 3000, std::vector<float>(mel.data.begin(), mel.data.begin() + long(d.mels) * 3000)};
-    for (int r = 0; r < d.mels; ++r)
-        std::copy_n(mel.row(r), 3000, window.row(r));
-
-    Matrix audio = model.encode(window); // warm-up
-    auto enc = times(3, [&] { audio = model.encode(window); });
-    double floor = encoderFlops(d) / gflops / 1e6;
-    std::printf("  encoder per 30-s window: best %.0f ms, median %.0f ms; its %.1f GFLOP at %.0f GFLOP/s take %.0f ms: "
-                "%.2fx the floor\n",
-        enc.front(), enc[1], encoderFlops(d) / 1e9, gflops, floor, enc.front() / floor);
-
-    auto cross = times(3, [&] { model.beginSequence(audio); });
-    std::vector<int> prompt = {tok.special().startOfTranscript, tok.special().firstLanguage, tok.special().transcribe};
-    model.decode(prompt);
-    const int tokens = 100;
-    auto startTokens = Steady::now();
-    for (int i = 0; i < tokens; ++i) {
-        int t = 1000 + 37 * i;
-        model.decode(std::span(&t, 1));
-    }
-    double perToken = millisecondsSince(startTokens) / tokens;
-    double logitsBytes = double(d.vocab) * d.textState * 4;
-    std::printf("  decoder: cross keys and values %.0f ms a window; %.2f ms a token (the logits product alone reads "
-                "%.0f MB)\n",
-        cross.front(), perToken, logitsBytes / 1e6);
-
-    // The real decoding loop with its rules: random weights run it to the 224-token limit or an early end.
-    std::atomic<bool> stop = false;
-    DecodeResult r;
-    auto loop = times(1, [&] { r = PLIM_MUST(decodeWindow(model, tok, prompt, stop, {})); });
-    double loopPerToken = loop.front() / double(r.tokens.size() + 1);
-    std::printf("  decoding loop with its rules: %zu tokens in %.0f ms, %.2f ms a token\n", r.tokens.size() + 1,
-        loop.front(), loopPerToken);
-
-    // A window of speech is about 100 words: some 120 tokens with timestamps.
-    const int typical = 120, most = 224;
-    double window120 = melTimes.front() / 2 + enc.front() + cross.front() + typical * loopPerToken;
-    double window224 = melTimes.front() / 2 + enc.front() + cross.front() + most * loopPerToken;
-    std::printf("  per 30-s window: %.2f s with %d tokens (%.1fx faster than real time), %.2f s with %d tokens "
-                "(%.1fx)\n",
-        window120 / 1000, typical, 30000 / window120, window224 / 1000, most, 30000 / window224);
-    std::printf("  peak memory so far %.0f MB\n", bench::peakResidentMB());
-}
-
 } // namespace
 
 int main(int argc, char** argv)
 {
-    std::vector<std::string> sizes;
-    for (int i = 1; i < argc; ++i)
-        sizes.push_back(argv[i]);
+    std::vector<std::string> sizes(argv + 1, argv + argc);
     if (sizes.empty())
         sizes = {"tiny", "base", "small"};
     std::printf("OpenBLAS threads: %d\n", openblas_get_num_threads());
     double gflops = blasGflops();
-    for (auto& s : sizes)
-        measure(s, gflops);
+    for (auto& size : sizes) {
+        auto start = Steady::now();
+        auto speed = WhisperTranscriber::measureSpeed(size, 3);
+        if (!speed) {
+            std::printf("%s\n", speed.error().sentence.c_str());
+            return 1;
+        }
+        double floor = speed->encoderFlop / gflops / 1e6;
+        std::printf("\n%s: %.0f M parameters (%.0f MB as floats), measured in %.0f s\n", size.c_str(),
+            speed->parameters / 1e6, speed->parameters * 4 / 1e6, millisecondsSince(start) / 1000);
+        std::printf("  log-mel of 30 s (with its 30 s of padding): %.0f ms\n", speed->frontEndMs);
+        std::printf("  encoder per 30-s window: %.0f ms; its %.1f GFLOP at %.0f GFLOP/s take %.0f ms: %.2fx the floor\n",
+            speed->encoderMs, speed->encoderFlop / 1e9, gflops, floor, speed->encoderMs / floor);
+        std::printf("  decoder: cross keys and values %.0f ms a window; %.2f ms a token; the decoding loop with its "
+                    "rules %.2f ms a token (%d tokens)\n",
+            speed->crossMs, speed->tokenMs, speed->loopTokenMs, speed->loopTokens);
+        // A window of speech is about 100 words: some 120 tokens with timestamps; 224 is the limit.
+        for (int tokens : {120, 224}) {
+            double window = speed->frontEndMs / 2 + speed->encoderMs + speed->crossMs + tokens * speed->loopTokenMs;
+            std::printf("  per 30-s window with %d tokens: %.2f s, %.1fx faster than real time\n", tokens,
+                window / 1000, 30000 / window);
+        }
+        std::printf("  peak memory so far %.0f MB\n", bench::peakResidentMB());
+    }
 }

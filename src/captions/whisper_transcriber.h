@@ -41,6 +41,21 @@ public:
     // The language of the last transcription ("en"), given or found.
     std::string language() const;
 
+    // How fast the engine runs a 30-s window with random weights of a published size
+    // ("tiny", "base", "small", "medium"; speed does not depend on the weights), for the
+    // benchmark. Each time is the best of `runs`.
+    struct Speed {
+        double parameters = 0;    // weights in the model
+        double encoderFlop = 0;   // multiply-adds (x2) of the encoder's products for one window
+        double frontEndMs = 0;    // log-mel of 30 s of sound (and the 30 s of padding behind it)
+        double encoderMs = 0;     // one window through the encoder
+        double crossMs = 0;       // the decoder's cross-attention keys and values for a window
+        double tokenMs = 0;       // one token through the decoder and its key/value cache
+        double loopTokenMs = 0;   // one token of the decoding loop, its rules and choice included
+        int loopTokens = 0;       // how many tokens that loop ran (to its 224-token limit or an end)
+    };
+    static Result<Speed> measureSpeed(const std::string& size, int runs);
+
 private:
     struct Parts;
     explicit WhisperTranscriber(std::unique_ptr<Parts> parts);
