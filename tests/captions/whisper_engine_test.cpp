@@ -252,7 +252,19 @@ TEST_F(WhisperReference, TranscriberCutsTheGreedyTokensIntoTimedSegmentsAndStops
     EXPECT_EQ(stopped.error().kind, Error::Kind::stopped);
     EXPECT_EQ(windows, 1);
 
+    // No sound, and sound with holes in it (NaN, infinities) read as silence there.
     stop = false;
+    auto none = whisper.transcribe({}, stop, {}, "en");
+    ASSERT_TRUE(none);
+    EXPECT_TRUE(none->empty());
+    std::vector<float> holes(signal.begin(), signal.begin() + 16000);
+    holes[100] = NAN;
+    holes[200] = INFINITY;
+    auto holed = whisper.transcribe(holes, stop, {}, "en");
+    ASSERT_TRUE(holed) << holed.error().sentence;
+    for (const WhisperSegment& s : *holed)
+        EXPECT_TRUE(std::isfinite(s.start) && std::isfinite(s.end)) << s.text;
+
     auto unknown = whisper.transcribe(signal, stop, {}, "xx");
     ASSERT_FALSE(unknown);
     EXPECT_NE(unknown.error().sentence.find("\u201cxx\u201d"), std::string::npos) << unknown.error().sentence;
