@@ -1,3 +1,4 @@
+#include "app/ctl_captions.h"
 #include "app/ctl_demo.h"
 #include "app/ctl_plan.h"
 #include "app/ctl_record.h"
@@ -12,6 +13,7 @@ const std::vector<CtlCommand>& ctlCommands()
 {
     static const std::vector<CtlCommand> commands = {
         {"beacon", "post a recording state, or watch an app's beacon", runBeaconCommand},
+        {"captions", "transcribe a plim's speech into its captions file", runCaptionsCommand},
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
         {"list", "list the plims in the library folder, newest first", runListCommand},
         {"moments", "print the suite's shared history, newest last", runMomentsCommand},

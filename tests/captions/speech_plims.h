@@ -28,14 +28,14 @@ struct SpeechTrack {
     double duration() const { return static_cast<double>(stereo.size() / 2) / soundSampleRate; }
 };
 
-// Each sentence spoken by flite's default voice, `pause` seconds of silence before each.
+// Each sentence spoken by flite (its 16-kHz voice "slt"), `pause` seconds of silence before each.
 inline SpeechTrack fliteSpeech(const std::vector<std::string>& sentences, double pause, const fs::path& scratch)
 {
     SpeechTrack track;
     for (size_t i = 0; i < sentences.size(); ++i) {
         track.stereo.resize(track.stereo.size() + 2 * static_cast<size_t>(pause * soundSampleRate), 0.0f);
         const fs::path wav = scratch / ("sentence" + std::to_string(i) + ".wav");
-        if (runCommand({"flite", "-t", sentences[i], "-o", wav.string()}).status != 0)
+        if (runCommand({"flite", "-voice", "slt", "-t", sentences[i], "-o", wav.string()}).status != 0)
             return {};
         auto reader = SoundReader::create(wav);
         if (!reader)
