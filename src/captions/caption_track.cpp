@@ -59,15 +59,25 @@ fs::path CaptionTrack::fileBeside(const fs::path& movie)
     return sidecarPath(movie, PlimFiles::captions);
 }
 
-Result<Decoded<CaptionTrack>> CaptionTrack::read(const fs::path& file)
+namespace {
+
+// The file at `file`, named `name` in sentences (a file held open is read through its
+// descriptor's path).
+Result<Decoded<CaptionTrack>> readTrack(const fs::path& file, const std::string& name)
 {
-    const std::string name = file.filename().string();
     auto json = readJsonFile(file);
     if (!json)
         return fail("The captions file " + name + " could not be read (" + json.error().sentence
                 + "), so no captions are shown. The file was left as it is.",
             json.error().kind);
-    return fromJson(*json, name);
+    return CaptionTrack::fromJson(*json, name);
+}
+
+} // namespace
+
+Result<Decoded<CaptionTrack>> CaptionTrack::read(const fs::path& file)
+{
+    return readTrack(file, file.filename().string());
 }
 
 Result<std::vector<std::string>> CaptionTrack::writeBeside(const fs::path& movie) const
@@ -130,14 +140,7 @@ Decoded<std::optional<CaptionTrack>> readPlimCaptions(const fs::path& movie, con
         }
         held.emplace(std::move(*opened));
     }
-    auto json = readJsonFile(held->reopenPath());
-    const std::string name = held->path().filename().string();
-    if (!json) {
-        out.notices.push_back("The captions file " + name + " could not be read (" + json.error().sentence
-            + "), so no captions are shown. The file was left as it is.");
-        return out;
-    }
-    auto track = CaptionTrack::fromJson(*json, name);
+    auto track = readTrack(held->reopenPath(), held->path().filename().string());
     if (!track) {
         out.notices.push_back(track.error().sentence);
         return out;
