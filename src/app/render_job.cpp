@@ -2,6 +2,7 @@
 
 #include "app/stage_cli.h"
 #include "base/log.h"
+#include "captions/caption_track.h"
 
 #include <memory>
 #include <ostream>

@@ -3,6 +3,7 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "captions/caption_track.h"
 #include "library/library.h"
 #include "share/share_failure.h"
 #include "share/share_options.h"
