@@ -1,3 +1,4 @@
+#include "app/ctl_captions.h"
 #include "app/ctl_captions_model.h"
 #include "app/ctl_demo.h"
 #include "app/ctl_plan.h"
@@ -13,6 +14,7 @@ const std::vector<CtlCommand>& ctlCommands()
 {
     static const std::vector<CtlCommand> commands = {
         {"beacon", "post a recording state, or watch an app's beacon", runBeaconCommand},
+        {"captions", "transcribe a plim's speech into its captions file", runCaptionsCommand},
         {"captions-model", "download, pause, delete or check the Whisper model for better captions", runCaptionsModelCommand},
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
         {"list", "list the plims in the library folder, newest first", runListCommand},

@@ -37,7 +37,7 @@ const char* shareUsage =
     "  --to FOLDER       where the file goes (default: the current folder)\n"
     "  --copy            write into the copies folder and put the file on the clipboard\n"
     "  --backdrop, --padding, --corners, --shadow, --click-style, --click-tint, --zoom-style,\n"
-    "  --caption-look, --caption-size, --caption-place, --shape   as for plimctl stage\n";
+    "  --captions, --caption-look, --caption-size, --caption-place, --shape   as for plimctl stage\n";
 
 std::string_view mark(ShareStage::State state)
 {

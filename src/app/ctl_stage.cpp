@@ -32,6 +32,7 @@ const char* stageUsage =
     "  --click-style S      none, ring, pulse, spotlight, highlight\n"
     "  --click-tint T       white, cobalt, amber, green, magenta\n"
     "  --zoom-style S       smooth, snappy, glide, bouncy, instant, linear, whip, spring, drift, cut\n"
+    "  --captions on|off    burn in the plim's captions (B.captions.json, or the file its edits name)\n"
     "  --caption-look L     pill, bold, minimal\n"
     "  --caption-size S     small, medium, large\n"
     "  --caption-place P    bottom, top\n"
@@ -167,6 +168,11 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
         if (!style)
             return bad("--zoom-style", *v, "smooth, snappy, glide, bouncy, instant, linear, whip, spring, drift or cut");
         spec.zoomStyle = *style;
+    }
+    if (auto v = options.last("--captions")) {
+        if (*v != "on" && *v != "off")
+            return bad("--captions", *v, "on or off");
+        look.captions = *v == "on";
     }
     if (auto v = options.last("--caption-look")) {
         auto value = captionLookFromText(*v);

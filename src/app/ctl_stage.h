@@ -16,7 +16,7 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err);
 inline std::set<std::string> stageLookOptions()
 {
     return {"--backdrop", "--padding", "--corners", "--shadow", "--click-style", "--click-tint", "--zoom-style",
-        "--caption-look", "--caption-size", "--caption-place", "--shape"};
+        "--captions", "--caption-look", "--caption-size", "--caption-place", "--shape"};
 }
 struct Problem {
     std::string sentence;

@@ -1,6 +1,8 @@
 #include "app/render_job.h"
 
 #include "app/stage_cli.h"
+#include "base/log.h"
+#include "captions/caption_track.h"
 
 #include <memory>
 #include <ostream>
@@ -14,6 +16,11 @@ StagingJob renderJob(const PlanReport& report, StageSpec spec, bool reframe)
     job.cursor = report.track;
     job.keys = report.keys.value_or(KeystrokeTrack{});
     job.plan = report.plan;
+    const PlimEdits* edits = report.chosen.edits ? &*report.chosen.edits : nullptr;
+    auto captions = readPlimCaptions(report.movie, edits);
+    for (const std::string& notice : captions.notices)
+        logLine(LogArea::captions, notice);
+    job.captions = captions.value.value_or(CaptionTrack{});
     job.spec = std::move(spec);
     if (report.chosen.edits && report.chosen.edits->look) {
         job.look = *report.chosen.edits->look;

@@ -3,6 +3,7 @@
 #include "base/files.h"
 #include "base/log.h"
 #include "base/text.h"
+#include "captions/caption_track.h"
 #include "library/library.h"
 #include "share/share_failure.h"
 #include "share/share_options.h"
@@ -50,6 +51,10 @@ Result<SharePlim> SharePlim::read(const fs::path& movie, std::unique_ptr<MovieRe
         plim.baseSpec = std::move(spec->value);
     else if (spec.error().kind != Error::Kind::missing)
         logLine(LogArea::share, spec.error().sentence);
+    auto captions = readPlimCaptions(movie, chosen.edits ? &*chosen.edits : nullptr);
+    appendNotices(plim.notices, std::move(captions.notices));
+    job.captions = captions.value.value_or(CaptionTrack{});
+    plim.captionLines = static_cast<int>(job.captions.lines.size());
     PlimEdits found = chosen.edits.value_or(PlimEdits{});
     found.plan = chosen.plan;
     PLIM_TRY(plim.wear(found));

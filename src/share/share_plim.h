@@ -18,7 +18,7 @@ struct SharePlim {
     StagingJob job;
     MovieInfo info;
     StageSpec baseSpec;   // the stage look beside the movie, before the edits' look
-    int captionLines = 0; // caption lines to burn in (none until captions are drawn)
+    int captionLines = 0; // lines in the plim's caption track (burned in when the look shows captions)
     // Which plan the plim got and why, and side files left out.
     std::vector<std::string> notices;
 

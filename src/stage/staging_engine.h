@@ -22,6 +22,7 @@
 #include "base/image.h"
 #include "capture/cursor_track.h"
 #include "capture/keystroke_track.h"
+#include "captions/caption_track.h"
 #include "library/plim_edits.h"
 #include "library/plim_look.h"
 #include "plan/edit_plan.h"
@@ -41,6 +42,7 @@ struct StagingJob {
     std::filesystem::path movie;          // the plim's screen movie
     CursorTrack cursor;
     KeystrokeTrack keys;
+    CaptionTrack captions;                // burned in when the look's captions switch is on
     EditPlan plan;
     StageSpec spec;
     PlimLook look;                        // shape and camera corner

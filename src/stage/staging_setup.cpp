@@ -134,7 +134,12 @@ Status prepareEdit(StagingSetup& s, const StagingJob& job)
     RecordedMomentSource::Options momentOptions;
     momentOptions.keycaps = job.look.keys;
     momentOptions.glide = job.look.cursorGlide;
-    s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration, {}, momentOptions));
+    std::vector<RecordedMomentSource::CaptionCue> captions;
+    if (job.look.captions)
+        for (const CaptionLine& line : job.captions.lines)
+            captions.push_back({line.text, line.start, line.end});
+    s.moments.emplace(RecordedMomentSource::forPlim(job.cursor, job.keys, job.plan, job.spec, s.rawDuration,
+        std::move(captions), momentOptions));
     return {};
 }
 

@@ -1,10 +1,13 @@
 #include "ui/editor_window.h"
 
+#include "base/json.h"
 #include "base/log.h"
+#include "captions/caption_track.h"
 #include "library/plim_document.h"
 #include "media/movie_reader.h"
 #include "plan/edit_plan.h"
 #include "plan/zoom_state.h"
+#include "ui/caption_generator.h"
 #include "ui/desktop_services.h"
 #include "ui/editor_blur_overlay.h"
 #include "ui/editor_media.h"
@@ -322,7 +325,9 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
 
 EditorWindow::~EditorWindow()
 {
-    // The overlay and timeline refer to the document; they go first.
+    // A caption pass under way is stopped first; the overlay and timeline refer to the
+    // document, so they go before it.
+    delete m_captioner;
     delete m_overlay;
     delete m_timeline;
     delete m_inspector;
@@ -380,6 +385,7 @@ void EditorWindow::buildEditing()
     m_inspector = new Inspector(*m_document, m_looks);
     m_inspector->setReadOnly(m_readOnly);
     m_inspector->onNotice = [this](const QString& sentence) { showStatus(sentence, true); };
+    m_inspector->onGenerateCaptions = [this] { generateCaptions(); };
     m_inspectorSlot->layout()->addWidget(m_inspector);
     m_overlay = new BlurOverlay(*m_preview, *m_document, m_sourceWidth, m_sourceHeight);
     m_overlay->setReadOnly(m_readOnly);
@@ -502,6 +508,40 @@ void EditorWindow::documentChanged()
     if (editable && m_document->isDirty())
         m_saveTimer->start();
     updateTime();
+}
+
+void EditorWindow::generateCaptions()
+{
+    if (!m_document || m_readOnly)
+        return;
+    if (!m_captioner) {
+        m_captioner = new CaptionGenerator(builtInRouterParts(captionLanguage()), this);
+        connect(m_captioner, &CaptionGenerator::progress, this, [this](const QString& line) { showStatus(line); });
+        connect(m_captioner, &CaptionGenerator::failed, this, [this](const QString& sentence) {
+            m_inspector->setCaptionsBusy(false);
+            showStatus(sentence, true);
+        });
+        connect(m_captioner, &CaptionGenerator::finished, this, [this](const CaptionTrack& track, const QString& notice) {
+            m_inspector->setCaptionsBusy(false);
+            const std::filesystem::path file = CaptionTrack::fileBeside(m_movie);
+            if (auto written = writeJsonAtomic(file, track.toJson()); !written) {
+                showStatus(QString::fromStdString("The captions could not be saved to " + file.string() + " ("
+                               + written.error().sentence + "). The previous captions file, if any, was left as it is."),
+                    true);
+                return;
+            }
+            // The edits name the file and show it; the preview opens again to read it.
+            m_document->setCaptionsFile(file.filename().string());
+            m_document->setLook([](PlimLook& look) { look.captions = true; });
+            documentChanged();
+            m_preview->open(m_movie, m_document->edits());
+            const size_t lines = track.lines.size();
+            const QString done = QString("Captions ready: %1 line%2.").arg(lines).arg(lines == 1 ? "" : "s");
+            showStatus(notice.isEmpty() ? done : done + " " + notice);
+        });
+    }
+    if (m_captioner->start(m_movie, m_document->duration()))
+        m_inspector->setCaptionsBusy(true);
 }
 
 void EditorWindow::saveNow()

@@ -28,6 +28,7 @@ class QTimer;
 namespace plim {
 
 class BlurOverlay;
+class CaptionGenerator;
 class Inspector;
 class PlimDocument;
 class PreviewView;
@@ -81,6 +82,7 @@ private:
     void documentChanged();
     void showStatus(const QString& text, bool failure = false);
     void updateTime();
+    void generateCaptions();
 
     std::filesystem::path m_movie;
     std::function<void(const std::filesystem::path&)> m_share;
@@ -114,6 +116,7 @@ private:
     QPushButton* m_redoButton = nullptr;
     QList<QWidget*> m_editingControls; // disabled while read only or not yet open
     QTimer* m_saveTimer = nullptr;
+    CaptionGenerator* m_captioner = nullptr; // a child: stopped and waited for when the window goes
 };
 
 } // namespace plim

@@ -245,6 +245,15 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
         m_deadAir = check("Speed up dead air", [setLook](bool on) { setLook([on](PlimLook& l) { l.deadAir = on; }); });
         moreBox->addWidget(m_keys);
         moreBox->addWidget(m_captions);
+        m_generateCaptions = new QPushButton("Generate captions");
+        m_generateCaptions->setObjectName("generateCaptions");
+        m_generateCaptions->setToolTip("Transcribe the plim's speech on this computer into its captions");
+        connect(m_generateCaptions, &QPushButton::clicked, this, [this] {
+            if (onGenerateCaptions)
+                onGenerateCaptions();
+        });
+        m_editing.push_back(m_generateCaptions);
+        moreBox->addWidget(m_generateCaptions);
         moreBox->addWidget(m_deadAir);
         column->addWidget(section("Overlays", more));
     }
@@ -399,6 +408,12 @@ void Inspector::refresh()
         m_zoomLevelText->setText(QString::number(block->scale, 'f', 1) + "×");
     }
     m_refreshing = false;
+}
+
+void Inspector::setCaptionsBusy(bool busy)
+{
+    m_generateCaptions->setEnabled(!busy);
+    m_generateCaptions->setText(busy ? "Generating captions…" : "Generate captions");
 }
 
 } // namespace plim

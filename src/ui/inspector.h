@@ -39,6 +39,10 @@ public:
 
     // A sentence to show (a refused shape, a look that could not be saved).
     std::function<void(const QString&)> onNotice;
+    // The Generate captions button was pressed.
+    std::function<void()> onGenerateCaptions;
+    // Enables Generate captions and says what it is doing ("Transcribing 42% ...").
+    void setCaptionsBusy(bool busy);
 
 private:
     QWidget* section(const QString& title, QWidget* body);
@@ -57,6 +61,7 @@ private:
     QSlider* m_corners = nullptr;
     QSlider* m_shadow = nullptr;
     QCheckBox* m_glide = nullptr;
+    QPushButton* m_generateCaptions = nullptr;
     QCheckBox* m_clickRings = nullptr;
     QCheckBox* m_spotlight = nullptr;
     QWidget* m_zoomBlock = nullptr;

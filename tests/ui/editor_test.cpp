@@ -3,8 +3,11 @@
 // a blur box is drawn on the preview, and three undos take each back, the edits file read
 // back with the document's own reader after every step and the preview's picture checked
 // where the box lies. An edits file that cannot be read opens read only and stays as it was.
+// Generate captions transcribes a spoken plim off the GUI thread and shows the result.
 
 #include "base/files.h"
+#include "captions/caption_track.h"
+#include "captions/speech_plims.h"
 #include "library/plim_document.h"
 #include "library/plim_edits.h"
 #include "testkit/test_movies.h"
@@ -15,6 +18,7 @@
 #include "ui/timeline_view.h"
 #include "wait_until.h"
 
+#include <QPushButton>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -223,4 +227,41 @@ TEST(Editor, OpensAnUnreadableEditsFileReadOnlyAndLeavesItAsItWas)
         window.close();
     }
     EXPECT_EQ(readText(editsFile), broken);
+}
+
+TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
+{
+    XdgSandbox sandbox;
+    TempDir folder;
+    auto speech = fliteSpeech({"Open the settings window."}, 0.5, folder.path());
+    ASSERT_FALSE(speech.spans.empty()) << "flite did not speak";
+    const fs::path movie = folder / "Spoken.mov";
+    ASSERT_TRUE(writeSpeechPlim(movie, speech.stereo, speech.duration()));
+
+    EditorWindow window({movie}, {}, folder / "looks.json");
+    window.setAttribute(Qt::WA_DeleteOnClose, false);
+    window.show();
+    ASSERT_TRUE(waitUntil([&] { return window.document() != nullptr; }));
+    auto* generate = window.findChild<QPushButton*>("generateCaptions");
+    ASSERT_NE(generate, nullptr);
+    QTest::mouseClick(generate, Qt::LeftButton);
+    // The interface keeps running while the pass works, the button off until it ends.
+    EXPECT_FALSE(generate->isEnabled());
+    ASSERT_TRUE(waitUntil([&] { return generate->isEnabled(); }, 100)) << window.status().toStdString();
+    EXPECT_TRUE(window.status().startsWith("Captions ready: 1 line.")) << window.status().toStdString();
+    auto track = CaptionTrack::read(CaptionTrack::fileBeside(movie));
+    ASSERT_TRUE(track) << track.error().sentence;
+    ASSERT_EQ(track->value.lines.size(), 1u);
+    // What was heard is the built-in recogniser's business (its own test measures it); here
+    // the line must lie on the sentence.
+    EXPECT_FALSE(track->value.lines[0].text.empty());
+    EXPECT_NEAR(track->value.lines[0].start, speech.spans[0].start, 0.3);
+    EXPECT_NEAR(track->value.lines[0].end, speech.spans[0].end, 0.3);
+    // The edits name the file and show captions, on disk once saved.
+    window.saveNow();
+    const PlimEdits saved = editsOnDisk(movie);
+    EXPECT_EQ(saved.captionsFile, "Spoken.captions.json");
+    ASSERT_TRUE(saved.look);
+    EXPECT_TRUE(saved.look->captions);
+    window.close();
 }
