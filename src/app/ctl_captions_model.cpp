@@ -2,6 +2,7 @@
 
 #include "app/interrupt_stop.h"
 #include "app/plimctl.h"
+#include "captions/whisper_transcriber.h"
 #include "base/settings.h"
 
 #include <chrono>
@@ -149,6 +150,11 @@ CaptionModelServices captionModelServices()
 {
     CaptionModelServices services;
     services.transport = makeCurlCaptionTransport();
+    // Loading once checks that the files make a model this engine can run.
+    services.prepare = [](const std::filesystem::path& folder) -> Status {
+        PLIM_TRY(WhisperTranscriber::load(folder));
+        return {};
+    };
     return services;
 }
 

@@ -3,9 +3,13 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "captions/caption_audio.h"
+#include "captions/caption_model_store.h"
+#include "captions/whisper_transcriber.h"
 #include "captions/transcription_pass.h"
 
+#include <cctype>
 #include <cmath>
+#include <mutex>
 
 namespace plim {
 
@@ -128,12 +132,63 @@ std::expected<CaptionEngineRouter::Pass, CaptionError> CaptionEngineRouter::tran
     return pass;
 }
 
-CaptionEngineRouter::Parts builtInRouterParts(const std::string& language, std::function<bool()> modelReady)
+namespace {
+
+// The Whisper engine over the chosen model: loaded on first use and kept for later passes.
+WhisperRun whisperOver(std::function<std::optional<fs::path>()> modelFolder, const std::string& language)
 {
+    struct Loaded {
+        std::mutex lock;
+        fs::path folder;
+        std::unique_ptr<WhisperTranscriber> transcriber;
+    };
+    auto loaded = std::make_shared<Loaded>();
+    // Whisper names languages by their two or three letters ("en" of "en-US").
+    std::string code = language.substr(0, language.find_first_of("-_"));
+    for (char& c : code)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return [loaded, code, modelFolder](std::span<const float> samples, const SpeechEngine::Progress& progress,
+               StopToken stop) -> std::expected<std::vector<WhisperSegment>, CaptionError> {
+        std::lock_guard guard(loaded->lock);
+        auto folder = modelFolder();
+        if (!folder)
+            return std::unexpected(CaptionError::failed("the Whisper model is not downloaded and ready"));
+        if (!loaded->transcriber || loaded->folder != *folder) {
+            auto made = WhisperTranscriber::load(*folder);
+            if (!made)
+                return std::unexpected(CaptionError::failed(made.error().sentence));
+            loaded->transcriber = std::move(*made);
+            loaded->folder = *folder;
+        }
+        std::atomic<bool> stopped{false};
+        std::stop_callback onStop(stop, [&stopped] { stopped.store(true); });
+        auto segments = loaded->transcriber->transcribe(samples, stopped,
+            [&progress](double fraction) {
+                if (progress)
+                    progress(fraction);
+            },
+            code.empty() ? std::nullopt : std::optional<std::string>(code));
+        if (!segments) {
+            if (stopped.load())
+                return std::unexpected(CaptionError::cancelled());
+            return std::unexpected(CaptionError::failed(segments.error().sentence));
+        }
+        return std::move(*segments);
+    };
+}
+
+} // namespace
+
+CaptionEngineRouter::Parts builtInRouterParts(const std::string& language,
+    std::function<std::optional<fs::path>()> modelFolder)
+{
+    if (!modelFolder)
+        modelFolder = [] { return readyCaptionModelFolder(FileSettingsStore::shared()); };
     CaptionEngineRouter::Parts parts;
     parts.builtIn = [language] { return pocketSphinxEngine(language); };
+    parts.whisper = whisperSpeechEngine(whisperOver(modelFolder, language));
     parts.betterCaptions = [] { return FileSettingsStore::shared().boolean(std::string(betterCaptionsKey), false); };
-    parts.modelReady = std::move(modelReady);
+    parts.modelReady = [modelFolder] { return modelFolder().has_value(); };
     return parts;
 }
 

@@ -7,6 +7,7 @@
 // Threads: transcribe() blocks its caller (never the interface thread) for the whole pass;
 // choose(), why() and lastFallback() may be called from any thread.
 
+#include "captions/caption_model_manifest.h"
 #include "captions/caption_track.h"
 #include "captions/speech_engine.h"
 
@@ -18,9 +19,6 @@
 #include <string>
 
 namespace plim {
-
-// The settings switch that turns better captions (Whisper) on.
-inline constexpr std::string_view betterCaptionsKey = "captions.better.enabled";
 
 class CaptionEngineRouter {
 public:
@@ -73,8 +71,11 @@ private:
     std::optional<std::string> m_lastFallback;
 };
 
-// The router for this computer: PocketSphinx for `language`, no Whisper engine yet (the
-// better-captions switch read from the settings), `modelReady` from the model store.
-CaptionEngineRouter::Parts builtInRouterParts(const std::string& language, std::function<bool()> modelReady = {});
+// The router for this computer: PocketSphinx for `language`, and Whisper (loaded on first
+// use, then kept) when the better-captions switch in the settings is on and `modelFolder`
+// gives a folder: by default the chosen size's folder in the store once it is checked and
+// prepared.
+CaptionEngineRouter::Parts builtInRouterParts(const std::string& language,
+    std::function<std::optional<std::filesystem::path>()> modelFolder = {});
 
 } // namespace plim

@@ -7,7 +7,9 @@
 #include "captions/whisper/log_mel.h"
 #include "captions/whisper/model.h"
 #include "captions/whisper/tokenizer.h"
+#include "captions/caption_engine_router.h"
 #include "captions/whisper_transcriber.h"
+#include "speech_plims.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
@@ -288,6 +290,42 @@ TEST_F(WhisperReference, TranscriberCutsTheGreedyTokensIntoTimedSegmentsAndStops
     auto unknown = whisper.transcribe(signal, stop, {}, "xx");
     ASSERT_FALSE(unknown);
     EXPECT_NE(unknown.error().sentence.find("\u201cxx\u201d"), std::string::npos) << unknown.error().sentence;
+}
+
+// The router runs the engine from a model folder when better captions are on, and falls
+// back to the built-in recognizer, saying why, when the folder's model will not load.
+TEST_F(WhisperReference, TheRouterCaptionsWithTheModelFolderAndFallsBackWhenItIsBroken)
+{
+    testkit::TempDir dir;
+    std::vector<float> stereo(2 * 48000 * 3);
+    for (size_t f = 0; f < stereo.size() / 2; ++f)
+        stereo[2 * f] = stereo[2 * f + 1] = 0.3f * std::sin(2 * M_PI * 220.0 * double(f) / 48000.0);
+    const fs::path movie = dir / "Tone.mov";
+    ASSERT_TRUE(testkit::writeSpeechPlim(movie, stereo, 3.0));
+
+    auto route = [&](fs::path folder) {
+        CaptionEngineRouter::Parts parts = builtInRouterParts("en", [folder] { return std::optional(folder); });
+        parts.betterCaptions = [] { return true; };
+        parts.deadline = [](CaptionEngineKind, double) { return 600.0; };
+        return CaptionEngineRouter(std::move(parts));
+    };
+    auto router = route(s_dir->path());
+    EXPECT_EQ(router.choose(), CaptionEngineKind::whisper);
+    auto pass = router.transcribe(movie, 3.0, {}, {});
+    ASSERT_TRUE(pass) << pass.error().sentence();
+    EXPECT_EQ(pass->engine, CaptionEngineKind::whisper);
+    EXPECT_FALSE(pass->notice);
+
+    const fs::path broken = dir / "broken";
+    fs::create_directories(broken);
+    for (const char* name : {"vocab.json", "merges.txt"})
+        fs::copy_file(file(name), broken / name);
+    testkit::writeText(broken / "model.pt", "not a checkpoint");
+    auto fallback = route(broken).transcribe(movie, 3.0, {}, {});
+    ASSERT_TRUE(fallback) << fallback.error().sentence();
+    EXPECT_EQ(fallback->engine, CaptionEngineKind::builtIn);
+    ASSERT_TRUE(fallback->notice);
+    EXPECT_NE(fallback->notice->find("model.pt"), std::string::npos) << *fallback->notice;
 }
 
 } // namespace
