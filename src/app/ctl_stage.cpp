@@ -33,10 +33,10 @@ const char* stageUsage =
     "  --click-tint T       white, cobalt, amber, green, magenta\n"
     "  --zoom-style S       smooth, snappy, glide, bouncy, instant, linear, whip, spring, drift, cut\n"
     "  --captions on|off    burn in the plim's captions (B.captions.json, or the file its edits name)\n"
-    "  --caption-look L     pill, bold, minimal\n"
+    "  --caption-look L     pill, light, bold, minimal\n"
     "  --caption-size S     small, medium, large\n"
     "  --caption-place P    bottom, top\n"
-    "  --shape S            16:9, 9:16, 1:1\n"
+    "  --shape S            16:9, 16:10, 9:16, 1:1\n"
     "  --size N             720, 1080 (default) or 2160 lines\n"
     "  --output PATH        where the movie goes (default beside the plim)\n"
     "  --reframe            the recording at its own size, no backdrop or card (B.reframe.mp4)\n"
@@ -177,7 +177,7 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
     if (auto v = options.last("--caption-look")) {
         auto value = captionLookFromText(*v);
         if (!value)
-            return bad("--caption-look", *v, "pill, bold or minimal");
+            return bad("--caption-look", *v, "pill, light, bold or minimal");
         spec.captionLook = *value;
     }
     if (auto v = options.last("--caption-size")) {
@@ -195,7 +195,7 @@ std::optional<Problem> applyStageLook(const CtlOptions& options, StageSpec& spec
     if (auto v = options.last("--shape")) {
         auto shape = PlimLook::shapeFromText(*v);
         if (!shape || *shape == PlimLook::Shape::iPhone)
-            return bad("--shape", *v, "16:9, 9:16 or 1:1");
+            return bad("--shape", *v, "16:9, 16:10, 9:16 or 1:1");
         look.shape = *shape;
     }
     return std::nullopt;
@@ -279,6 +279,8 @@ int runStageCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     if (std::holds_alternative<StageSpec::Backdrop::Named>(job.spec.backdrop.value)
         && job.spec.backdrop.name() == StageSpec::Backdrop::Named::wallpaper)
         job.wallpaper = desktopWallpaper();
+    if (auto why = backdropFallback(job.spec, job.wallpaper))
+        err << "notice: " << *why << "\n";
 
     auto frameAt = options->last("--frame");
     auto png = options->last("--png");

@@ -49,6 +49,9 @@ PlimDocument::FirstEdit PlimDocument::automaticEdit(const fs::path& movieURL, do
                 logLine(LogArea::main, notice);
         auto performance = AutoEdit::performance(cursor->value, keys ? &keys->value : nullptr, speech, duration);
         edits.plan = AutoEdit::plan(AutoEdit::make(performance));
+        if (look && look->zoomLevel)
+            for (ZoomBlock& zoom : edits.plan.zooms)
+                zoom.scale = *look->zoomLevel;
         return edits;
     };
 }

@@ -26,7 +26,7 @@ public:
     static constexpr double minimumSpan = 0.5;
     static constexpr double minimumBlurSpan = 0.1;
     static constexpr double newZoomLength = 2.0;
-    static constexpr double newZoomLevel = 1.8;
+    static constexpr double newZoomLevel = 1.8; // unless the look names a zoom level
     static constexpr double newBlurLength = 3.0;
     static constexpr double minimumZoomLevel = plan_limits::minZoomScale;
     static constexpr double maximumZoomLevel = plan_limits::maxZoomScale;
@@ -51,7 +51,8 @@ public:
     using FirstEdit = std::function<PlimEdits()>;
 
     // The plim's automatic edit from its cursor and keystroke tracks (and speech spans),
-    // wearing `look` when given: what a plim without usable edits starts from. A plim
+    // wearing `look` when given (its zooms at the look's zoom level when it has one): what a
+    // plim without usable edits starts from. A plim
     // without a readable cursor track starts from empty edits.
     static FirstEdit automaticEdit(const fs::path& movieURL, double duration, std::optional<PlimLook> look = std::nullopt,
         std::vector<IdleSpan> speech = {});

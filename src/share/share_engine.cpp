@@ -222,6 +222,8 @@ ShareOutcome ShareEngine::run(const fs::path& movie, ShareKind kind, ShareQualit
 
     // the render job
     job.wallpaper = m_environment.wallpaperURL();
+    if (auto why = backdropFallback(job.spec, job.wallpaper))
+        m_notices.push_back(*why);
     job.quality = static_cast<RenderRules::Quality>(shortSide(quality));
     job.stallLimit = tuning.stallLimit;
     job.makeSink = tuning.makeSink;

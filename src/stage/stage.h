@@ -12,6 +12,7 @@
 #include "stage/device_frame.h"
 #include "stage/recorded_moment_source.h"
 #include "stage/reframe_math.h"
+#include "stage/stage_backdrop.h"
 #include "stage/render_rules.h"
 #include "stage/stage_geometry.h"
 #include "stage/stage_moment.h"

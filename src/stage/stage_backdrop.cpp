@@ -170,6 +170,25 @@ Status checkBackdrop(const StageSpec::Backdrop& backdrop)
     return {};
 }
 
+std::optional<std::string> backdropFallback(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper)
+{
+    const BackdropChoice choice = resolveBackdrop(spec, wallpaper);
+    const auto named = spec.backdrop.name();
+    if (!choice.picture && named == StageSpec::Backdrop::Named::wallpaper && !(spec.card && spec.card->backdrop))
+        return "Plim could not find the desktop's wallpaper (the desktop's settings name no picture it can read), so "
+               "the gradient backdrop is shown instead; choose a colour or a picture for the backdrop to use your own.";
+    if (!choice.picture)
+        return std::nullopt;
+    const auto usable = checkBackdrop(StageSpec::Backdrop::image(choice.picture->string(), 0));
+    if (usable)
+        return std::nullopt;
+    std::string why = usable.error().sentence;
+    if (why.ends_with('.'))
+        why.pop_back();
+    return why + ", so the gradient backdrop is shown instead. The file was left as it is; choose a PNG, JPEG or WebP "
+          "picture for the backdrop to use one.";
+}
+
 Result<Image> readPicture(const std::filesystem::path& path)
 {
     const std::string name = path.filename().string();

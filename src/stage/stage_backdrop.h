@@ -10,6 +10,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
 
 namespace plim {
 
@@ -22,6 +23,12 @@ struct BackdropChoice {
 // The card look's backdrop name wins over the stage look's own backdrop; `wallpaper` is the desktop
 // picture to use for the wallpaper backdrop (its own art when absent).
 BackdropChoice resolveBackdrop(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper);
+
+// Why the picture the backdrop asks for cannot be drawn, so that the gradient shows in its
+// place: a picture file that cannot be read, or a wallpaper backdrop without a desktop
+// picture (`wallpaper` absent). Nothing when the backdrop draws as chosen. Reads only the
+// picture's header; never touches the file.
+std::optional<std::string> backdropFallback(const StageSpec& spec, const std::optional<std::filesystem::path>& wallpaper);
 
 // Fills `target` with the backdrop. A picture that cannot be read leaves the art and a
 // logged notice; the file itself is never touched.

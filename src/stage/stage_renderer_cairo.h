@@ -106,6 +106,10 @@ private:
     std::optional<Rect> layoutCaption(const std::optional<std::string>& caption);
 
     double captionSize() const { return style::captionText(m_spec.captionSize) * m_u; }
+    bool captionBoxed() const
+    {
+        return m_spec.captionLook == StageSpec::CaptionLook::pill || m_spec.captionLook == StageSpec::CaptionLook::light;
+    }
     int captionShadowMargin() const { return static_cast<int>(std::ceil(0.3 * captionSize())); }
     Size captionPadding() const;
 

@@ -88,6 +88,8 @@ std::optional<Rect> CairoStageRenderer::layoutCaption(const std::optional<std::s
     text.weight = m_spec.captionLook == StageSpec::CaptionLook::bold ? 800
         : m_spec.captionLook == StageSpec::CaptionLook::minimal  ? 500
                                                                  : 600;
+    if (m_spec.captionLook == StageSpec::CaptionLook::light)
+        text.color = style::captionLightText;
     text.maxWidth = style::captionMaxWidth * m_canvas.width;
     if (*caption != m_captionKey || !(text == m_captionStyle)) {
         m_captionKey = *caption;
@@ -109,18 +111,20 @@ std::optional<Rect> CairoStageRenderer::layoutCaption(const std::optional<std::s
 
 Size CairoStageRenderer::captionPadding() const
 {
-    if (m_spec.captionLook != StageSpec::CaptionLook::pill)
+    if (!captionBoxed())
         return {};
     return {style::captionPillPadX * captionSize(), style::captionPillPadY * captionSize()};
 }
 
-// The caption line in its look: on a pill, or bare with a soft shadow.
+// The caption line in its look: on a dark or light pill, or bare with a soft shadow.
 void CairoStageRenderer::drawCaption(Image& out, const Rect& box)
 {
     const double size = captionSize();
     const Size pad = captionPadding();
-    if (m_spec.captionLook == StageSpec::CaptionLook::pill) {
-        m_c->fill(out, style::captionPill, RoundedRect{box, std::min(box.height / 2, 0.9 * size)});
+    if (captionBoxed()) {
+        const bool light = m_spec.captionLook == StageSpec::CaptionLook::light;
+        m_c->fill(out, light ? style::captionLightBox : style::captionPill,
+            RoundedRect{box, std::min(box.height / 2, 0.9 * size)});
     } else {
         const int m = captionShadowMargin();
         m_c->draw(out, m_captionShadowLayer,

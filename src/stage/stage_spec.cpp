@@ -135,8 +135,8 @@ private:
     std::vector<std::string>* m_notices;
 };
 
-constexpr std::array<StageSpec::CaptionLook, 3> allCaptionLooks = {
-    StageSpec::CaptionLook::pill, StageSpec::CaptionLook::bold, StageSpec::CaptionLook::minimal};
+constexpr std::array<StageSpec::CaptionLook, 4> allCaptionLooks = {StageSpec::CaptionLook::pill,
+    StageSpec::CaptionLook::bold, StageSpec::CaptionLook::minimal, StageSpec::CaptionLook::light};
 constexpr std::array<StageSpec::CaptionSize, 3> allCaptionSizes = {
     StageSpec::CaptionSize::small, StageSpec::CaptionSize::medium, StageSpec::CaptionSize::large};
 constexpr std::array<StageSpec::CaptionPlace, 2> allCaptionPlaces = {
@@ -215,6 +215,7 @@ std::string_view captionLookText(StageSpec::CaptionLook look)
     case StageSpec::CaptionLook::pill: return "pill";
     case StageSpec::CaptionLook::bold: return "bold";
     case StageSpec::CaptionLook::minimal: return "minimal";
+    case StageSpec::CaptionLook::light: return "light";
     }
     return "pill";
 }
@@ -361,13 +362,36 @@ double StageSpec::shadowStrength() const
 
 StageSpec wearing(StageSpec base, const PlimLook& look)
 {
-    base.card = StageSpec::CardLook{look.padding, look.corners, look.shadow,
-        std::string(PlimLook::backdropText(look.backdrop))};
+    using B = PlimLook::Backdrop;
+    base.card = StageSpec::CardLook{look.padding, look.corners, look.shadow, std::nullopt};
+    switch (look.backdrop) {
+    case B::color: base.backdrop = StageSpec::Backdrop::solid(look.backdropColorOrDefault()); break;
+    case B::image: base.backdrop = StageSpec::Backdrop::image(look.backdropImage.value_or(""), 0); break;
+    case B::wallpaper: base.backdrop = StageSpec::Backdrop::named(StageSpec::Backdrop::Named::wallpaper); break;
+    default: base.card->backdrop = std::string(PlimLook::backdropText(look.backdrop)); break;
+    }
     base.cursorSpotlight = look.spotlight;
     if (!look.clickRings)
         base.clickStyle = ClickStyle::none;
+    else if (look.clickStyle)
+        base.clickStyle = clickStyleFromText(PlimLook::clickStyleText(*look.clickStyle)).value_or(ClickStyle::ring);
     else if (base.clickStyle == ClickStyle::none)
         base.clickStyle = ClickStyle::ring;
+    if (look.clickTint)
+        base.clickTint = clickTintFromText(PlimLook::clickTintText(*look.clickTint)).value_or(base.clickTint);
+    base.cursorSize = look.pointerSize.value_or(base.cursorSize);
+    base.cursorHideWhenIdle = look.pointerHidesIdle.value_or(base.cursorHideWhenIdle);
+    base.zoomStyle = look.zoomStyle.value_or(base.zoomStyle);
+    if (look.captionSize)
+        base.captionSize = captionSizeFromText(PlimLook::captionSizeText(*look.captionSize)).value_or(base.captionSize);
+    if (look.captionPlace)
+        base.captionPlace = captionPlaceFromText(PlimLook::captionPlaceText(*look.captionPlace)).value_or(base.captionPlace);
+    if (look.captionBox) {
+        using Box = PlimLook::CaptionBox;
+        base.captionLook = *look.captionBox == Box::light ? StageSpec::CaptionLook::light
+            : *look.captionBox == Box::none              ? StageSpec::CaptionLook::minimal
+                                                          : StageSpec::CaptionLook::pill;
+    }
     return base;
 }
 

@@ -76,7 +76,7 @@ struct StageSpec {
         Json toJson() const;
     };
 
-    enum class CaptionLook { pill, bold, minimal };
+    enum class CaptionLook { pill, bold, minimal, light }; // pill: a dark box; light: a light box
     enum class CaptionSize { small, medium, large };
     enum class CaptionPlace { bottom, top };
 
@@ -146,7 +146,9 @@ struct StageSpec::Decoded {
 
 // The stage look of a plim whose edits carry `look`: the look's card (padding, corners,
 // shadow and backdrop), its spotlight and its click switch over `base`. Clicks switched on
-// keep the base's style unless it draws none, then they are rings.
+// keep the base's style unless it draws none, then they are rings. The look's optional
+// choices (pointer, click style and tint, zoom style, caption look) replace the base's only
+// when chosen. A colour, picture or wallpaper backdrop becomes the base's own backdrop.
 StageSpec wearing(StageSpec base, const PlimLook& look);
 
 // Whether the backdrop can be drawn as chosen: its colours read as #RGB, #RRGGBB or

@@ -60,6 +60,10 @@ inline BackdropArt lookBackdrop(PlimLook::Backdrop backdrop)
     case B::graphite: return art({0x3A3D44, 0x1E2024, 0x141518}, -60, {1, 1, 1, 0.06});
     case B::paper: return art({0xFBF8F1, 0xF0EBE0, 0xE3DCCD}, -70, {1, 1, 1, 0.30});
     case B::desk: return art({0x9C7350, 0x73513A, 0x4A3327}, -65, {1, 0.9, 0.8, 0.10});
+    // Drawn from their colour or picture; the gradient stands in when that cannot be.
+    case B::color:
+    case B::image:
+    case B::wallpaper: return namedBackdrop(StageSpec::Backdrop::Named::gradient);
     }
     return art({0xFFB38A, 0xA98BF0}, -30);
 }
@@ -153,6 +157,8 @@ inline constexpr double captionMaxWidth = 0.78; // of the canvas width
 inline constexpr double captionPillPadX = 0.75; // of the text size
 inline constexpr double captionPillPadY = 0.38;
 inline constexpr Color captionPill = {0.05, 0.05, 0.07, 0.74};
+inline constexpr Color captionLightBox = {0.98, 0.98, 0.97, 0.92};
+inline constexpr Color captionLightText = {0.09, 0.09, 0.11, 1};
 inline constexpr Color captionShadow = {0, 0, 0, 0.75};
 
 // Device frame body.

@@ -29,6 +29,8 @@ RenderRules::PixelSize StagingEngine::canvas(const StagingJob& job, Size recorde
         return {shortSide, even(static_cast<int>(shortSide * 16.0 / 9.0))};
     case PlimLook::Shape::square:
         return {shortSide, shortSide};
+    case PlimLook::Shape::wide:
+        return {even(static_cast<int>(shortSide * 16.0 / 10.0)), shortSide};
     case PlimLook::Shape::landscape:
         break;
     }

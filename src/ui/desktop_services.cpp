@@ -1,5 +1,8 @@
 #include "ui/desktop_services.h"
 
+#include "capture/desktop.h"
+#include "library/plim_edits.h"
+
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
 #include <QDBusMessage>
@@ -50,6 +53,14 @@ QRect toWindowRect(const Rect& pixels)
 {
     const Rect r = toWindowPoints(pixels);
     return QRect(int(std::lround(r.x)), int(std::lround(r.y)), int(std::lround(r.width)), int(std::lround(r.height)));
+}
+
+std::optional<std::filesystem::path> wallpaperFor(const PlimEdits& edits)
+{
+    if (!edits.look || edits.look->backdrop != PlimLook::Backdrop::wallpaper)
+        return std::nullopt;
+    static const std::optional<std::filesystem::path> wallpaper = desktopWallpaper();
+    return wallpaper;
 }
 
 QImage toQImage(const Image& image)

@@ -13,8 +13,11 @@
 #include <QString>
 
 #include <filesystem>
+#include <optional>
 
 namespace plim {
+
+struct PlimEdits;
 
 // Opens the file with the desktop's application for it. A sentence when nothing opened.
 Status openInDesktop(const std::filesystem::path& file);
@@ -22,6 +25,12 @@ Status openInDesktop(const std::filesystem::path& file);
 // Selects the file in the file manager (org.freedesktop.FileManager1.ShowItems on the
 // session bus); where no file manager answers there, opens the folder that holds it.
 Status showInFileManager(const std::filesystem::path& file);
+
+// The desktop's wallpaper when `edits` wear the wallpaper backdrop: asked of the desktop
+// (GNOME's gsettings, Plasma's settings) the first time a look wants it and kept for the
+// session. Nothing when the look wants no wallpaper or the desktop names no picture.
+// Any thread.
+std::optional<std::filesystem::path> wallpaperFor(const PlimEdits& edits);
 
 // A copy of a BGRA premultiplied picture.
 QImage toQImage(const Image& image);

@@ -3,13 +3,17 @@
 #include "library/look_store.h"
 #include "library/plim_document.h"
 #include "plan/zoom_state.h"
+#include "stage/stage_backdrop.h"
 #include "stage/stage_style.h"
+#include "ui/desktop_services.h"
 #include "ui/labels.h"
 
 #include <QBoxLayout>
 #include <QButtonGroup>
 #include <QCheckBox>
+#include <QColorDialog>
 #include <QComboBox>
+#include <QFileDialog>
 #include <QGridLayout>
 #include <QLabel>
 #include <QLineEdit>
@@ -18,36 +22,62 @@
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSlider>
+#include <QStandardPaths>
 #include <QToolButton>
 
+#include <algorithm>
 #include <cmath>
 
 namespace plim {
 
 namespace {
 
-QPixmap swatch(PlimLook::Backdrop backdrop, QSize size)
+QPixmap rounded(QSize size, const QBrush& fill, qreal radius)
 {
     QPixmap pixmap(size);
     pixmap.fill(Qt::transparent);
     QPainter p(&pixmap);
     p.setRenderHint(QPainter::Antialiasing);
+    QPainterPath path;
+    path.addRoundedRect(QRectF(QPointF(0, 0), QSizeF(size)).adjusted(1, 1, -1, -1), radius, radius);
+    p.fillPath(path, fill);
+    return pixmap;
+}
+
+QPixmap swatch(PlimLook::Backdrop backdrop, QSize size)
+{
     const auto art = stage_style::lookBackdrop(backdrop);
     QLinearGradient gradient(QPointF(0, size.height()), QPointF(size.width(), 0));
     for (const auto& stop : art.stops)
         gradient.setColorAt(stop.offset, QColor::fromRgbF(float(stop.color.r), float(stop.color.g), float(stop.color.b)));
-    QPainterPath path;
-    path.addRoundedRect(QRectF(QPointF(0, 0), QSizeF(size)).adjusted(1, 1, -1, -1), 6, 6);
-    p.fillPath(path, gradient);
-    return pixmap;
+    return rounded(size, gradient, 6);
 }
 
-QString capitalized(std::string_view text)
+QColor tintColor(PlimLook::ClickTint tint)
 {
-    QString s = QString::fromUtf8(text.data(), qsizetype(text.size()));
+    const Color c = stage_style::clickTint(clickTintFromText(PlimLook::clickTintText(tint)).value_or(ClickTint::white));
+    return QColor::fromRgbF(float(c.r), float(c.g), float(c.b));
+}
+
+QString qtext(std::string_view raw) { return QString::fromUtf8(raw.data(), qsizetype(raw.size())); }
+
+QString capitalized(std::string_view raw)
+{
+    QString s = qtext(raw);
     if (!s.isEmpty())
         s[0] = s[0].toUpper();
     return s;
+}
+
+const PlimLook::Shape shapes[] = {PlimLook::Shape::landscape, PlimLook::Shape::wide, PlimLook::Shape::vertical,
+    PlimLook::Shape::square, PlimLook::Shape::iPhone};
+const PlimLook::BubbleCorner corners[] = {
+    PlimLook::BubbleCorner::tl, PlimLook::BubbleCorner::tr, PlimLook::BubbleCorner::bl, PlimLook::BubbleCorner::br};
+
+template<typename T, size_t N>
+int indexOf(const T (&values)[N], T value)
+{
+    return int(std::find(std::begin(values), std::end(values), value) - std::begin(values));
 }
 
 } // namespace
@@ -55,6 +85,7 @@ QString capitalized(std::string_view text)
 Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
     : QWidget(parent), m_document(document), m_looks(looks)
 {
+    using Look = PlimLook;
     setObjectName("inspector");
     auto* outer = new QVBoxLayout(this);
     outer->setContentsMargins(0, 0, 0, 0);
@@ -69,101 +100,134 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
     column->setContentsMargins(14, 10, 14, 14);
     column->setSpacing(14);
     scroll->setWidget(content);
-    auto setLook = [this](auto change) {
-        if (!m_refreshing)
-            m_document.setLook(change);
+    auto rows = [](std::initializer_list<QWidget*> widgets) {
+        auto* body = new QWidget;
+        auto* box = new QVBoxLayout(body);
+        box->setContentsMargins(0, 0, 0, 0);
+        for (QWidget* w : widgets)
+            box->addWidget(w);
+        return body;
     };
 
     // Layout and backdrop.
     {
-        auto* body = new QWidget;
-        auto* grid = new QVBoxLayout(body);
+        std::vector<Option> shapeOptions;
+        for (Look::Shape shape : shapes)
+            shapeOptions.push_back({qtext(Look::shapeText(shape)), "shape_" + qtext(Look::shapeText(shape))});
+        QWidget* layout = lookChoice({}, shapeOptions, [](const Look& l) { return indexOf(shapes, l.shape); },
+            [this](int i) {
+                if (auto set = m_document.setShape(shapes[i]); !set && onNotice)
+                    onNotice(QString::fromStdString(set.error().sentence));
+                refresh();
+            },
+            3);
+        std::vector<Option> backdrops;
+        for (Look::Backdrop backdrop : Look::gradientBackdrops())
+            backdrops.push_back({{}, "backdrop_" + qtext(Look::backdropText(backdrop)), swatch(backdrop, QSize(44, 30))});
+        // The gradients, then the backdrops drawn from a colour or a picture, in their order.
+        const int gradients = int(Look::gradientBackdrops().size());
+        QWidget* backdrop = lookChoice("Backdrop", backdrops,
+            [gradients](const Look& l) { return int(l.backdrop) < gradients ? int(l.backdrop) : -1; },
+            [this](int i) { chooseBackdrop(i); }, 4);
+        QWidget* ownBackdrop = lookChoice({},
+            {{"Colour…", "backdrop_color"}, {"Picture…", "backdrop_image"}, {"Wallpaper", "backdrop_wallpaper"}},
+            [gradients](const Look& l) { return int(l.backdrop) - gradients; },
+            [this, gradients](int i) { chooseBackdrop(gradients + i); }, 2);
+        auto* sliders = new QWidget;
+        auto* grid = new QGridLayout(sliders);
         grid->setContentsMargins(0, 0, 0, 0);
-        auto* shapes = new QHBoxLayout;
-        m_shape = new QButtonGroup(this);
-        for (auto shape : {PlimLook::Shape::landscape, PlimLook::Shape::vertical, PlimLook::Shape::square, PlimLook::Shape::iPhone}) {
-            auto* button = new QPushButton(QString::fromUtf8(PlimLook::shapeText(shape).data(), qsizetype(PlimLook::shapeText(shape).size())));
-            button->setCheckable(true);
-            button->setObjectName(QString("shape_") + QString::fromUtf8(PlimLook::shapeText(shape).data()));
-            m_shape->addButton(button, int(shape));
-            shapes->addWidget(button);
-            m_editing.push_back(button);
+        grid->setColumnStretch(1, 1);
+        const struct {
+            const char* name;
+            int minimum, maximum;
+            double unit;
+            double Look::*field;
+        } card[] = {{"Padding", 0, 25, 100, &Look::padding}, {"Corners", 0, 10, 100, &Look::corners},
+            {"Shadow", 0, 12, 10, &Look::shadow}};
+        int row = 0;
+        for (const auto& c : card) {
+            QSlider* s = lookSlider(QString(c.name).toLower(), c.minimum, c.maximum,
+                [c](const Look& l) { return int(std::lround(l.*c.field * c.unit)); },
+                [c](Look& l, int v) { l.*c.field = v / c.unit; });
+            grid->addWidget(secondaryLabel(c.name), row, 0);
+            grid->addWidget(s, row++, 1);
         }
-        grid->addLayout(shapes);
-        connect(m_shape, &QButtonGroup::idClicked, this, [this](int id) {
-            if (auto set = m_document.setShape(PlimLook::Shape(id)); !set && onNotice)
-                onNotice(QString::fromStdString(set.error().sentence));
-            refresh();
+        column->addWidget(section("Look", rows({layout, backdrop, ownBackdrop, sliders})));
+    }
+
+    // Pointer and clicks.
+    {
+        auto* size = new QWidget;
+        auto* sizeRow = new QHBoxLayout(size);
+        sizeRow->setContentsMargins(0, 0, 0, 0);
+        sizeRow->addWidget(secondaryLabel("Size"));
+        sizeRow->addWidget(lookSlider("pointerSize", Look::smallestPointerSize / 10, Look::largestPointerSize / 10,
+                               [](const Look& l) { return l.pointerSize.value_or(100) / 10; },
+                               [](Look& l, int v) { l.pointerSize = v * 10; }),
+            1);
+        QWidget* glide = lookSwitch("Smooth the pointer's moves", [](const Look& l) { return l.cursorGlide; },
+            [](Look& l, bool on) { l.cursorGlide = on; });
+        QWidget* resting = lookSwitch("Hide the pointer while it rests",
+            [](const Look& l) { return l.pointerHidesIdle.value_or(true); },
+            [](Look& l, bool on) { l.pointerHidesIdle = on; });
+        QWidget* spotlight = lookSwitch("Spotlight around the pointer", [](const Look& l) { return l.spotlight; },
+            [](Look& l, bool on) { l.spotlight = on; });
+        // None, then the click styles in their order.
+        QWidget* clicks = lookChoice("Clicks",
+            {{"None", "click_none"}, {"Rings", "click_ring"}, {"Ripple", "click_pulse"}, {"Dot", "click_highlight"}},
+            [](const Look& l) { return l.clickRings ? 1 + int(l.clickStyle.value_or(Look::ClickStyle::ring)) : 0; },
+            [this](int i) {
+                changeLook([i](Look& l) {
+                    l.clickRings = i > 0;
+                    if (i > 0)
+                        l.clickStyle = Look::ClickStyle(i - 1);
+                });
+            },
+            2);
+        std::vector<Option> tints;
+        for (auto tint : {Look::ClickTint::white, Look::ClickTint::cobalt, Look::ClickTint::amber, Look::ClickTint::green,
+                 Look::ClickTint::magenta})
+            tints.push_back({{}, "tint_" + qtext(Look::clickTintText(tint)), rounded(QSize(22, 22), tintColor(tint), 11)});
+        QWidget* tint = lookChoice("Tint", tints,
+            [](const Look& l) { return int(l.clickTint.value_or(Look::ClickTint::white)); },
+            [this](int i) { changeLook([i](Look& l) { l.clickTint = Look::ClickTint(i); }); });
+        column->addWidget(section("Pointer", rows({size, glide, resting, spotlight, clicks, tint})));
+    }
+
+    // Zoom: the style and level new zooms get, and the selected block's.
+    {
+        auto* defaults = new QWidget;
+        auto* defaultsGrid = new QGridLayout(defaults);
+        defaultsGrid->setContentsMargins(0, 0, 0, 0);
+        defaultsGrid->setColumnStretch(1, 1);
+        m_newZoomStyle = new QComboBox;
+        m_newZoomStyle->setObjectName("newZoomStyle");
+        m_newZoomStyle->addItem("As the stage", QString());
+        for (ZoomStyle style : allZoomStyles)
+            m_newZoomStyle->addItem(capitalized(zoomStyleText(style)), qtext(zoomStyleText(style)));
+        connect(m_newZoomStyle, &QComboBox::activated, this, [this](int index) {
+            const auto style = zoomStyleFromText(m_newZoomStyle->itemData(index).toString().toStdString());
+            changeLook([style](Look& l) { l.zoomStyle = style; });
         });
-        grid->addWidget(secondaryLabel("Backdrop"));
-        auto* swatches = new QGridLayout;
-        swatches->setSpacing(6);
-        m_backdrop = new QButtonGroup(this);
-        int i = 0;
-        for (auto backdrop : {PlimLook::Backdrop::dawn, PlimLook::Backdrop::lagoon, PlimLook::Backdrop::meadow,
-                 PlimLook::Backdrop::ember, PlimLook::Backdrop::graphite, PlimLook::Backdrop::paper, PlimLook::Backdrop::desk}) {
-            auto* button = new QToolButton;
-            button->setCheckable(true);
-            button->setIcon(swatch(backdrop, QSize(44, 30)));
-            button->setIconSize(QSize(44, 30));
-            button->setToolTip(capitalized(PlimLook::backdropText(backdrop)));
-            button->setObjectName(QString("backdrop_") + QString::fromUtf8(PlimLook::backdropText(backdrop).data()));
-            button->setAutoRaise(true);
-            m_backdrop->addButton(button, int(backdrop));
-            swatches->addWidget(button, i / 4, i % 4);
-            m_editing.push_back(button);
-            ++i;
-        }
-        grid->addLayout(swatches);
-        connect(m_backdrop, &QButtonGroup::idClicked, this,
-            [setLook](int id) { setLook([id](PlimLook& look) { look.backdrop = PlimLook::Backdrop(id); }); });
-        auto* sliders = new QGridLayout;
-        sliders->setColumnStretch(1, 1);
-        auto row = [&](int r, const QString& name, QSlider* s) {
-            sliders->addWidget(secondaryLabel(name), r, 0);
-            sliders->addWidget(s, r, 1);
-        };
-        m_padding = slider(0, 25, [setLook](int v) { setLook([v](PlimLook& l) { l.padding = v / 100.0; }); });
-        m_padding->setObjectName("padding");
-        m_corners = slider(0, 10, [setLook](int v) { setLook([v](PlimLook& l) { l.corners = v / 100.0; }); });
-        m_shadow = slider(0, 12, [setLook](int v) { setLook([v](PlimLook& l) { l.shadow = v / 10.0; }); });
-        row(0, "Padding", m_padding);
-        row(1, "Corners", m_corners);
-        row(2, "Shadow", m_shadow);
-        grid->addLayout(sliders);
-        column->addWidget(section("Look", body));
-    }
+        m_editing.push_back(m_newZoomStyle);
+        defaultsGrid->addWidget(secondaryLabel("Style"), 0, 0);
+        defaultsGrid->addWidget(m_newZoomStyle, 0, 1);
+        defaultsGrid->addWidget(secondaryLabel("Level"), 1, 0);
+        defaultsGrid->addWidget(lookSlider("newZoomLevel", int(Look::smallestZoomLevel * 10), int(Look::largestZoomLevel * 10),
+                                    [](const Look& l) { return int(std::lround(l.zoomLevel.value_or(PlimDocument::newZoomLevel) * 10)); },
+                                    [](Look& l, int v) { l.zoomLevel = v / 10.0; }),
+            1, 1);
 
-    // Pointer.
-    {
-        auto* body = new QWidget;
-        auto* box = new QVBoxLayout(body);
-        box->setContentsMargins(0, 0, 0, 0);
-        m_glide = check("Smooth the pointer's moves", [setLook](bool on) { setLook([on](PlimLook& l) { l.cursorGlide = on; }); });
-        m_clickRings = check("Rings where you click", [setLook](bool on) { setLook([on](PlimLook& l) { l.clickRings = on; }); });
-        m_spotlight = check("Spotlight around the pointer", [setLook](bool on) { setLook([on](PlimLook& l) { l.spotlight = on; }); });
-        box->addWidget(m_glide);
-        box->addWidget(m_clickRings);
-        box->addWidget(m_spotlight);
-        column->addWidget(section("Pointer", body));
-    }
-
-    // Zoom: the selected block's style and level.
-    {
-        auto* body = new QWidget;
-        auto* box = new QVBoxLayout(body);
-        box->setContentsMargins(0, 0, 0, 0);
         m_zoomHint = secondaryLabel("Select a zoom block on the timeline to change its style and level.");
-        box->addWidget(m_zoomHint);
         m_zoomBlock = new QWidget;
         auto* grid = new QGridLayout(m_zoomBlock);
         grid->setContentsMargins(0, 0, 0, 0);
         grid->setColumnStretch(1, 1);
         m_zoomStyle = new QComboBox;
         m_zoomStyle->setObjectName("zoomStyle");
-        m_zoomStyle->addItem("As the stage", QString());
+        m_zoomStyle->addItem("As new zooms", QString());
         for (ZoomStyle style : allZoomStyles)
-            m_zoomStyle->addItem(capitalized(zoomStyleText(style)), QString::fromUtf8(zoomStyleText(style).data()));
+            m_zoomStyle->addItem(capitalized(zoomStyleText(style)), qtext(zoomStyleText(style)));
         connect(m_zoomStyle, &QComboBox::activated, this, [this](int index) {
             if (!m_zoom || m_refreshing)
                 return;
@@ -181,45 +245,32 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
         grid->addWidget(secondaryLabel("Level"), 1, 0);
         grid->addWidget(m_zoomLevel, 1, 1);
         grid->addWidget(m_zoomLevelText, 1, 2);
-        box->addWidget(m_zoomBlock);
-        m_zoomBlur = check("Motion blur while zooming", [setLook](bool on) { setLook([on](PlimLook& l) { l.zoomBlur = on; }); });
-        box->addWidget(m_zoomBlur);
         m_editing.push_back(m_zoomStyle);
-        column->addWidget(section("Zoom", body));
+        QWidget* blur = lookSwitch("Motion blur while zooming", [](const Look& l) { return l.zoomBlur; },
+            [](Look& l, bool on) { l.zoomBlur = on; });
+        column->addWidget(section("Zoom",
+            rows({secondaryLabel("New zooms"), defaults, secondaryLabel("Selected zoom"), m_zoomHint, m_zoomBlock, blur})));
     }
 
-    // Camera bubble, keycaps, captions, dead air.
+    // Camera bubble.
     {
-        auto* body = new QWidget;
-        auto* box = new QVBoxLayout(body);
-        box->setContentsMargins(0, 0, 0, 0);
-        m_bubble = check("Show the camera bubble", [setLook](bool on) { setLook([on](PlimLook& l) { l.cameraBubble = on; }); });
-        box->addWidget(m_bubble);
-        auto* corners = new QHBoxLayout;
-        corners->addWidget(secondaryLabel("Place"));
-        m_bubbleCorner = new QButtonGroup(this);
-        const std::pair<PlimLook::BubbleCorner, const char*> places[] = {{PlimLook::BubbleCorner::tl, "↖"},
-            {PlimLook::BubbleCorner::tr, "↗"}, {PlimLook::BubbleCorner::bl, "↙"}, {PlimLook::BubbleCorner::br, "↘"}};
-        for (const auto& [corner, arrow] : places) {
-            auto* button = new QPushButton(QString::fromUtf8(arrow));
-            button->setCheckable(true);
-            button->setFixedWidth(36);
-            button->setToolTip(capitalized(PlimLook::bubbleCornerText(corner)));
-            m_bubbleCorner->addButton(button, int(corner));
-            corners->addWidget(button);
-            m_editing.push_back(button);
-        }
-        corners->addStretch(1);
-        connect(m_bubbleCorner, &QButtonGroup::idClicked, this,
-            [setLook](int id) { setLook([id](PlimLook& l) { l.bubbleCorner = PlimLook::BubbleCorner(id); }); });
-        box->addLayout(corners);
-        auto* shapeRow = new QHBoxLayout;
+        QWidget* bubble = lookSwitch("Show the camera bubble", [](const Look& l) { return l.cameraBubble; },
+            [](Look& l, bool on) { l.cameraBubble = on; });
+        std::vector<Option> places;
+        const char* arrows[] = {"↖", "↗", "↙", "↘"};
+        for (size_t i = 0; i < std::size(corners); ++i)
+            places.push_back({QString::fromUtf8(arrows[i]), "corner_" + qtext(Look::bubbleCornerText(corners[i]))});
+        QWidget* place = lookChoice("Place", places, [](const Look& l) { return indexOf(corners, l.bubbleCorner); },
+            [this](int i) { changeLook([i](Look& l) { l.bubbleCorner = corners[i]; }); });
+        auto* shape = new QWidget;
+        auto* shapeRow = new QHBoxLayout(shape);
+        shapeRow->setContentsMargins(0, 0, 0, 0);
         shapeRow->addWidget(secondaryLabel("Shape"));
         m_bubbleShape = new QButtonGroup(this);
-        for (const char* shape : {"circle", "card"}) {
-            auto* button = new QPushButton(capitalized(shape));
+        for (const char* name : {"circle", "card"}) {
+            auto* button = new QPushButton(capitalized(name));
             button->setCheckable(true);
-            button->setProperty("shape", QString(shape));
+            button->setProperty("shape", QString(name));
             m_bubbleShape->addButton(button);
             shapeRow->addWidget(button);
             m_editing.push_back(button);
@@ -229,22 +280,38 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
             if (!m_refreshing)
                 m_document.setCameraShape(button->property("shape").toString().toStdString());
         });
-        box->addLayout(shapeRow);
-        auto* sizeRow = new QHBoxLayout;
+        auto* size = new QWidget;
+        auto* sizeRow = new QHBoxLayout(size);
+        sizeRow->setContentsMargins(0, 0, 0, 0);
         sizeRow->addWidget(secondaryLabel("Size"));
         m_bubbleSize = slider(4, 25, [this](int v) { m_document.setCameraScale(v / 10.0); });
         sizeRow->addWidget(m_bubbleSize, 1);
-        box->addLayout(sizeRow);
-        column->addWidget(section("Camera", body));
+        column->addWidget(section("Camera", rows({bubble, place, shape, size})));
+    }
 
+    // Keycaps, captions and their look, dead air.
+    {
+        const struct {
+            const char* text;
+            bool Look::*field;
+        } switches[] = {{"Keycaps for the keys you pressed", &Look::keys}, {"Captions", &Look::captions},
+            {"Speed up dead air", &Look::deadAir}};
+        std::vector<QWidget*> widgets;
+        for (const auto& s : switches)
+            widgets.push_back(lookSwitch(s.text, [s](const Look& l) { return l.*s.field; },
+                [s](Look& l, bool on) { l.*s.field = on; }));
+        widgets.push_back(lookChoice("Caption size",
+            {{"S", "captionSize_small"}, {"M", "captionSize_medium"}, {"L", "captionSize_large"}},
+            [](const Look& l) { return int(l.captionSize.value_or(Look::CaptionSize::medium)); },
+            [this](int i) { changeLook([i](Look& l) { l.captionSize = Look::CaptionSize(i); }); }));
+        widgets.push_back(lookChoice("Caption place", {{"Bottom", "captionPlace_bottom"}, {"Top", "captionPlace_top"}},
+            [](const Look& l) { return int(l.captionPlace.value_or(Look::CaptionPlace::bottom)); },
+            [this](int i) { changeLook([i](Look& l) { l.captionPlace = Look::CaptionPlace(i); }); }));
+        widgets.push_back(lookChoice("Caption box",
+            {{"Dark", "captionBox_dark"}, {"Light", "captionBox_light"}, {"None", "captionBox_none"}},
+            [](const Look& l) { return int(l.captionBox.value_or(Look::CaptionBox::dark)); },
+            [this](int i) { changeLook([i](Look& l) { l.captionBox = Look::CaptionBox(i); }); }));
         auto* more = new QWidget;
-        auto* moreBox = new QVBoxLayout(more);
-        moreBox->setContentsMargins(0, 0, 0, 0);
-        m_keys = check("Keycaps for the keys you pressed", [setLook](bool on) { setLook([on](PlimLook& l) { l.keys = on; }); });
-        m_captions = check("Captions", [setLook](bool on) { setLook([on](PlimLook& l) { l.captions = on; }); });
-        m_deadAir = check("Speed up dead air", [setLook](bool on) { setLook([on](PlimLook& l) { l.deadAir = on; }); });
-        moreBox->addWidget(m_keys);
-        moreBox->addWidget(m_captions);
         m_generateCaptions = new QPushButton("Generate captions");
         m_generateCaptions->setObjectName("generateCaptions");
         m_generateCaptions->setToolTip("Transcribe the plim's speech on this computer into its captions");
@@ -253,8 +320,12 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
                 onGenerateCaptions();
         });
         m_editing.push_back(m_generateCaptions);
-        moreBox->addWidget(m_generateCaptions);
-        moreBox->addWidget(m_deadAir);
+        // After the captions switch.
+        widgets.insert(widgets.begin() + 2, m_generateCaptions);
+        auto* box = new QVBoxLayout(more);
+        box->setContentsMargins(0, 0, 0, 0);
+        for (QWidget* w : widgets)
+            box->addWidget(w);
         column->addWidget(section("Overlays", more));
     }
 
@@ -299,6 +370,113 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
     setMinimumWidth(300);
     refreshLooks();
     refresh();
+}
+
+void Inspector::changeLook(const LookChange& change)
+{
+    if (!m_refreshing)
+        m_document.setLook(change);
+}
+
+// A gradient or the wallpaper is worn at once; a colour or a picture is asked for first.
+// A picture or wallpaper that cannot be drawn leaves the gradient and says why.
+void Inspector::chooseBackdrop(int id)
+{
+    using B = PlimLook::Backdrop;
+    const B backdrop = B(id);
+    const PlimLook look = m_document.edits().look.value_or(PlimLook{});
+    if (backdrop == B::color) {
+        const QColor colour = QColorDialog::getColor(
+            QColor(QString::fromStdString(look.backdropColorOrDefault())), this, "Backdrop colour");
+        if (colour.isValid())
+            changeLook([hex = colour.name().toStdString()](PlimLook& l) {
+                l.backdrop = B::color;
+                l.backdropColor = hex;
+            });
+    } else if (backdrop == B::image) {
+        const QString start = look.backdropImage ? toQString(std::filesystem::path(*look.backdropImage).parent_path())
+                                                 : QStandardPaths::writableLocation(QStandardPaths::PicturesLocation);
+        const QString file = QFileDialog::getOpenFileName(
+            this, "Backdrop picture", start, "Pictures (*.png *.jpg *.jpeg *.webp);;All files (*)");
+        if (!file.isEmpty())
+            changeLook([path = file.toStdString()](PlimLook& l) {
+                l.backdrop = B::image;
+                l.backdropImage = path;
+            });
+    } else {
+        changeLook([backdrop](PlimLook& l) { l.backdrop = backdrop; });
+    }
+    refresh();
+    const PlimEdits& edits = m_document.edits();
+    if (edits.look && onNotice)
+        if (auto why = backdropFallback(wearing(StageSpec{}, *edits.look), wallpaperFor(edits)))
+            onNotice(QString::fromStdString(*why));
+}
+
+QCheckBox* Inspector::lookSwitch(const QString& label, std::function<bool(const PlimLook&)> get,
+    std::function<void(PlimLook&, bool)> set)
+{
+    QCheckBox* box = check(label, [this, set](bool on) { changeLook([&](PlimLook& l) { set(l, on); }); });
+    m_switches.emplace_back(box, std::move(get));
+    return box;
+}
+
+QSlider* Inspector::lookSlider(const QString& name, int minimum, int maximum, std::function<int(const PlimLook&)> get,
+    std::function<void(PlimLook&, int)> set)
+{
+    QSlider* s = slider(minimum, maximum, [this, set](int v) { changeLook([&](PlimLook& l) { set(l, v); }); });
+    s->setObjectName(name);
+    m_sliders.emplace_back(s, std::move(get));
+    return s;
+}
+
+QWidget* Inspector::lookChoice(const QString& label, const std::vector<Option>& options,
+    std::function<int(const PlimLook&)> get, std::function<void(int)> chosen, int columns)
+{
+    auto* body = new QWidget;
+    auto* grid = new QGridLayout(body);
+    grid->setContentsMargins(0, 0, 0, 0);
+    grid->setSpacing(6);
+    int first = 0;
+    if (!label.isEmpty()) {
+        grid->addWidget(secondaryLabel(label), 0, 0, 1, columns > 0 ? columns : int(options.size()));
+        first = 1;
+    }
+    auto* group = new QButtonGroup(this);
+    for (size_t i = 0; i < options.size(); ++i) {
+        const Option& option = options[i];
+        QAbstractButton* button = nullptr;
+        if (!option.icon.isNull()) {
+            auto* tool = new QToolButton;
+            tool->setIcon(option.icon);
+            tool->setIconSize(option.icon.availableSizes().value(0, QSize(22, 22)));
+            tool->setAutoRaise(true);
+            button = tool;
+        } else {
+            // Text buttons share the row's width rather than widen the inspector.
+            button = new QPushButton(option.text);
+            button->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+            grid->setColumnStretch(columns > 0 ? int(i) % columns : int(i), 1);
+        }
+        button->setCheckable(true);
+        button->setObjectName(option.name);
+        button->setToolTip(option.text.isEmpty() ? capitalized(option.name.section('_', 1).toStdString()) : option.text);
+        group->addButton(button, int(i));
+        const int at = int(i);
+        if (columns > 0)
+            grid->addWidget(button, first + at / columns, at % columns);
+        else
+            grid->addWidget(button, first, at);
+        m_editing.push_back(button);
+    }
+    if (!options.empty() && !options.front().icon.isNull())
+        grid->setColumnStretch(columns > 0 ? columns : int(options.size()), 1);
+    connect(group, &QButtonGroup::idClicked, this, [this, chosen = std::move(chosen)](int id) {
+        if (!m_refreshing)
+            chosen(id);
+    });
+    m_choices.emplace_back(group, std::move(get));
+    return body;
 }
 
 QWidget* Inspector::section(const QString& title, QWidget* body)
@@ -369,31 +547,27 @@ void Inspector::refresh()
 {
     m_refreshing = true;
     const PlimLook look = m_document.edits().look.value_or(PlimLook{});
-    if (auto* button = m_shape->button(int(look.shape)))
-        button->setChecked(true);
-    if (auto* button = m_backdrop->button(int(look.backdrop)))
-        button->setChecked(true);
-    if (!m_padding->isSliderDown())
-        m_padding->setValue(int(std::lround(look.padding * 100)));
-    if (!m_corners->isSliderDown())
-        m_corners->setValue(int(std::lround(look.corners * 100)));
-    if (!m_shadow->isSliderDown())
-        m_shadow->setValue(int(std::lround(look.shadow * 10)));
-    m_glide->setChecked(look.cursorGlide);
-    m_clickRings->setChecked(look.clickRings);
-    m_spotlight->setChecked(look.spotlight);
-    m_zoomBlur->setChecked(look.zoomBlur);
-    m_bubble->setChecked(look.cameraBubble);
-    if (auto* button = m_bubbleCorner->button(int(look.bubbleCorner)))
-        button->setChecked(true);
+    for (const auto& [box, get] : m_switches)
+        box->setChecked(get(look));
+    for (const auto& [s, get] : m_sliders)
+        if (!s->isSliderDown())
+            s->setValue(get(look));
+    for (const auto& [group, get] : m_choices) {
+        if (auto* button = group->button(get(look))) {
+            button->setChecked(true);
+        } else if (auto* checked = group->checkedButton()) {
+            group->setExclusive(false); // none of its choices is worn
+            checked->setChecked(false);
+            group->setExclusive(true);
+        }
+    }
+    m_newZoomStyle->setCurrentIndex(
+        std::max(0, m_newZoomStyle->findData(look.zoomStyle ? qtext(zoomStyleText(*look.zoomStyle)) : QString())));
     const EditPlan& plan = m_document.edits().plan;
     for (QAbstractButton* button : m_bubbleShape->buttons())
         button->setChecked(button->property("shape").toString().toStdString() == plan.cameraShape.value_or("circle"));
     if (!m_bubbleSize->isSliderDown())
         m_bubbleSize->setValue(int(std::lround(plan.cameraScale.value_or(1.0) * 10)));
-    m_keys->setChecked(look.keys);
-    m_captions->setChecked(look.captions);
-    m_deadAir->setChecked(look.deadAir);
 
     const auto& zooms = plan.zooms;
     auto block = m_zoom ? std::find_if(zooms.begin(), zooms.end(), [&](const ZoomBlock& z) { return z.id == *m_zoom; })

@@ -1,11 +1,14 @@
 #pragma once
-// The editor's inspector: the plim's look (layout, backdrop, padding, corners, shadow), the
-// pointer, the selected zoom block (style and level) and zoom blur, the camera bubble (on,
-// corner, shape, size), the keycaps, captions, dead air, and the saved looks. Every change
-// is one document change; a slider's drag is one undo step.
+// The editor's inspector: the plim's look (layout, backdrop: gradient, colour, picture or
+// wallpaper; padding, corners, shadow), the pointer (size, smoothing, resting, spotlight,
+// click style and tint), the zoom (new zooms' style and level, the selected block's, zoom
+// blur), the camera bubble (on, corner, shape, size), the keycaps, captions and their look,
+// dead air, and the saved looks. Every change is one document change; a slider's drag is
+// one undo step. The look's controls are bound through small tables, one refresh for all.
 //
 // Threads: GUI thread.
 
+#include <QIcon>
 #include <QWidget>
 
 #include <functional>
@@ -25,6 +28,7 @@ namespace plim {
 
 class LookStore;
 class PlimDocument;
+struct PlimLook;
 
 class Inspector : public QWidget {
     Q_OBJECT
@@ -45,9 +49,27 @@ public:
     void setCaptionsBusy(bool busy);
 
 private:
+    // One choice among buttons: its text (or icon), its tooltip and object name.
+    struct Option {
+        QString text;
+        QString name;
+        QIcon icon = {};
+    };
+    using LookChange = std::function<void(PlimLook&)>;
+
     QWidget* section(const QString& title, QWidget* body);
     QSlider* slider(int minimum, int maximum, const std::function<void(int)>& changed);
     QCheckBox* check(const QString& text, const std::function<void(bool)>& changed);
+    // Controls showing one value of the look, set again by refresh().
+    QCheckBox* lookSwitch(const QString& text, std::function<bool(const PlimLook&)> get,
+        std::function<void(PlimLook&, bool)> set);
+    QSlider* lookSlider(const QString& name, int minimum, int maximum, std::function<int(const PlimLook&)> get,
+        std::function<void(PlimLook&, int)> set);
+    // Buttons whose ids are the options' indexes; `chosen` gets the index clicked.
+    QWidget* lookChoice(const QString& label, const std::vector<Option>& options,
+        std::function<int(const PlimLook&)> get, std::function<void(int)> chosen, int columns = 0);
+    void changeLook(const LookChange& change);
+    void chooseBackdrop(int backdrop);
     void refreshLooks();
 
     PlimDocument& m_document;
@@ -55,28 +77,18 @@ private:
     std::optional<std::string> m_zoom;
     bool m_refreshing = false;
 
-    QButtonGroup* m_shape = nullptr;
-    QButtonGroup* m_backdrop = nullptr;
-    QSlider* m_padding = nullptr;
-    QSlider* m_corners = nullptr;
-    QSlider* m_shadow = nullptr;
-    QCheckBox* m_glide = nullptr;
+    std::vector<std::pair<QCheckBox*, std::function<bool(const PlimLook&)>>> m_switches;
+    std::vector<std::pair<QSlider*, std::function<int(const PlimLook&)>>> m_sliders;
+    std::vector<std::pair<QButtonGroup*, std::function<int(const PlimLook&)>>> m_choices;
     QPushButton* m_generateCaptions = nullptr;
-    QCheckBox* m_clickRings = nullptr;
-    QCheckBox* m_spotlight = nullptr;
     QWidget* m_zoomBlock = nullptr;
     QComboBox* m_zoomStyle = nullptr;
     QSlider* m_zoomLevel = nullptr;
     QLabel* m_zoomLevelText = nullptr;
     QLabel* m_zoomHint = nullptr;
-    QCheckBox* m_zoomBlur = nullptr;
-    QCheckBox* m_bubble = nullptr;
-    QButtonGroup* m_bubbleCorner = nullptr;
+    QComboBox* m_newZoomStyle = nullptr;
     QButtonGroup* m_bubbleShape = nullptr;
     QSlider* m_bubbleSize = nullptr;
-    QCheckBox* m_keys = nullptr;
-    QCheckBox* m_captions = nullptr;
-    QCheckBox* m_deadAir = nullptr;
     QComboBox* m_savedLooks = nullptr;
     QPushButton* m_applyLook = nullptr;
     QLineEdit* m_lookName = nullptr;

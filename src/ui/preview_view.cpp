@@ -4,6 +4,7 @@
 #include "share/share_plim.h"
 #include "stage/preview_player.h"
 #include "stage/sound_output.h"
+#include "ui/desktop_services.h"
 
 #include <QApplication>
 #include <QKeyEvent>
@@ -129,6 +130,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             Opened out;
             std::unique_ptr<MovieReader> reader;
             out.plim = std::make_shared<SharePlim>(PLIM_TRY(SharePlim::read(movie, &reader)));
+            out.plim->job.wallpaper = wallpaperFor(edits);
             PLIM_TRY(out.plim->wear(edits));
             StagingJob job = out.plim->job;
             const auto canvas = StagingEngine::canvas(
@@ -197,6 +199,7 @@ void PreviewView::setEdits(const PlimEdits& edits)
             m_pendingEdits = edits; // still opening
         return;
     }
+    m_plim->job.wallpaper = wallpaperFor(edits);
     if (auto worn = m_plim->wear(edits); !worn) {
         emit failed(QString::fromStdString(worn.error().sentence));
         return;

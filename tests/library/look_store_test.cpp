@@ -3,6 +3,7 @@
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+#include <map>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -12,24 +13,41 @@ using Saved = std::vector<LookStore::SavedLook>;
 
 TEST(PlimLook, EveryKeyRoundTripsAndADamagedKeyKeepsItsDefault)
 {
-    // Each key changed alone comes back alone: no key is read into another's field.
+    using L = PlimLook;
+    // Unchosen, the optional keys are not written, so an older look is written back as it was.
     const Json defaults = PlimLook{}.toJson();
-    for (const auto& [key, value] : defaults.items()) {
-        Json changed = defaults;
+    EXPECT_EQ(defaults.size(), 14u) << defaults.dump();
+    const PlimLook chosen{.backdropColor = "#102030", .backdropImage = "/pictures/desk.png", .pointerSize = 150,
+        .pointerHidesIdle = false, .clickStyle = L::ClickStyle::pulse, .clickTint = L::ClickTint::amber,
+        .zoomStyle = ZoomStyle::snappy, .zoomLevel = 2.2, .captionSize = L::CaptionSize::large,
+        .captionPlace = L::CaptionPlace::top, .captionBox = L::CaptionBox::light};
+    // Each key changed alone comes back alone: no key is read into another's field.
+    const std::map<std::string, Json> others{{"shape", "16:10"}, {"backdrop", "wallpaper"}, {"bubbleCorner", "tl"},
+        {"backdropColor", "#ffffff"}, {"backdropImage", "/elsewhere.jpg"}, {"pointerSize", 60},
+        {"clickStyle", "highlight"}, {"clickTint", "green"}, {"zoomStyle", "cut"}, {"zoomLevel", 3.5},
+        {"captionSize", "small"}, {"captionPlace", "bottom"}, {"captionBox", "none"}};
+    const Json full = chosen.toJson();
+    EXPECT_EQ(PlimLook::fromJson(full).look, chosen);
+    for (const auto& [key, value] : full.items()) {
+        Json changed = full;
         changed[key] = value.is_boolean() ? Json(!value.get<bool>())
-            : value.is_number()           ? Json(value.get<double>() + 0.25)
-                                          : Json(key == "shape" ? "1:1" : key == "backdrop" ? "desk" : "tl");
+            : others.contains(key)        ? others.at(key)
+                                          : Json(value.get<double>() + 0.25);
         auto decoded = PlimLook::fromJson(changed);
         EXPECT_EQ(decoded.look.toJson(), changed) << key;
-        EXPECT_NE(decoded.look, PlimLook{}) << key;
+        EXPECT_NE(decoded.look, chosen) << key;
+        EXPECT_TRUE(decoded.droppedKeys.empty()) << key;
     }
     const PlimLook look{.shape = PlimLook::Shape::vertical, .bubbleCorner = PlimLook::BubbleCorner::tl,
         .unknownKeys = Json{{"grain", 3}}};
     EXPECT_EQ(PlimLook::fromJson(Json{{"shape", "9:16"}, {"bubbleCorner", "tl"}, {"grain", 3}}).look, look);
     EXPECT_EQ(look.toJson()["grain"], 3);
 
-    auto decoded = PlimLook::fromJson(Json{{"shape", "21:9"}, {"padding", "wide"}, {"shadow", -1}, {"keys", 1}, {"backdrop", "meadow"}});
-    EXPECT_EQ(decoded.droppedKeys, (std::vector<std::string>{"keys", "padding", "shadow", "shape"}));
+    auto decoded = PlimLook::fromJson(Json{{"shape", "21:9"}, {"padding", "wide"}, {"shadow", -1}, {"keys", 1},
+        {"backdrop", "meadow"}, {"pointerSize", 20}, {"backdropColor", "red"}, {"zoomLevel", 9}, {"clickStyle", "sparkle"},
+        {"captionBox", true}, {"backdropImage", ""}, {"pointerHidesIdle", "no"}});
+    EXPECT_EQ(decoded.droppedKeys, (std::vector<std::string>{"backdropColor", "backdropImage", "captionBox", "clickStyle",
+                                       "keys", "padding", "pointerHidesIdle", "pointerSize", "shadow", "shape", "zoomLevel"}));
     EXPECT_EQ(decoded.look, (PlimLook{.backdrop = PlimLook::Backdrop::meadow}));
     EXPECT_EQ(PlimLook::fromJson(Json{{"shape", "square"}}).look.shape, PlimLook::Shape::square); // the case name
     EXPECT_TRUE(PlimLook::fromJson(Json::array()).notAnObject);
@@ -41,7 +59,9 @@ TEST(LookStore, SavesRenamesRemovesAndReadsBack)
     EXPECT_EQ(LookStore::defaultFile(), sandbox.home() / ".local/share/plim/looks.json");
     LookStore store;
     EXPECT_TRUE(store.saved().empty() && !store.loadProblem());
-    const PlimLook ember{.backdrop = PlimLook::Backdrop::ember}, paper{.backdrop = PlimLook::Backdrop::paper};
+    const PlimLook ember{.backdrop = PlimLook::Backdrop::ember, .pointerSize = 200,
+        .captionBox = PlimLook::CaptionBox::light},
+        paper{.backdrop = PlimLook::Backdrop::image, .backdropImage = "/pictures/paper.jpg"};
     ASSERT_TRUE(store.save("  Talk ", ember) && store.save("Docs", paper));
     ASSERT_TRUE(store.save("Talk", paper)); // same name replaces
     ASSERT_TRUE(store.setNewPlimLook(ember));

@@ -187,6 +187,10 @@ TEST(PlimDocument, ZoomsAimFollowAndClamp)
     EXPECT_EQ(edits.plan.zooms[0], (ZoomBlock{*id, 3, 3.5, 0.6, 0.4, 1.0, mark}));
     doc.removeZoom(*id);
     EXPECT_TRUE(edits.plan.zooms.empty() && edits.aimedZooms.empty());
+    // A look with a zoom level gives it to new zooms.
+    doc.setLook([](PlimLook& look) { look.zoomLevel = 2.5; });
+    ASSERT_TRUE(doc.addZoom(1, 0.5, 0.5));
+    EXPECT_EQ(edits.plan.zooms.at(0).scale, 2.5);
 }
 
 TEST(PlimDocument, PausesVoiceoversAndCaptions)
@@ -327,12 +331,13 @@ TEST(PlimDocument, TheAutomaticEditComesFromTheCursorTrack)
     track.clicks = {ClickEvent{4000, 400, 300}, ClickEvent{4500, 420, 310}};
     ASSERT_TRUE(track.write(dir / "B.mov"));
 
-    const PlimLook look{.backdrop = PlimLook::Backdrop::graphite};
+    const PlimLook look{.backdrop = PlimLook::Backdrop::graphite, .zoomLevel = 3.0};
     const PlimEdits edits = PlimDocument::automaticEdit(dir / "B.mov", 8, look)();
     EXPECT_EQ(edits.look, look);
     EXPECT_GT(edits.plan.trimIn.value_or(0), 1.5); // the still start is trimmed
     EXPECT_LT(edits.plan.trimIn.value_or(0), 2.0);
     ASSERT_FALSE(edits.plan.zooms.empty());
     EXPECT_EQ(edits.plan.zooms[0].origin, ZoomBlock::Origin::clickCluster(2));
+    EXPECT_EQ(edits.plan.zooms[0].scale, 3.0); // the look's level
     EXPECT_EQ(PlimDocument::automaticEdit(dir / "Other.mov", 8)(), PlimEdits{}); // no cursor track: empty edits
 }

@@ -407,7 +407,8 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
 TEST(StageRenderer, CaptionInEachLookAndPlace)
 {
     const Image source = solid(320, 180, {120, 120, 130, 255});
-    for (auto look : {StageSpec::CaptionLook::pill, StageSpec::CaptionLook::bold, StageSpec::CaptionLook::minimal})
+    for (auto look : {StageSpec::CaptionLook::pill, StageSpec::CaptionLook::bold, StageSpec::CaptionLook::minimal,
+             StageSpec::CaptionLook::light})
         for (auto place : {StageSpec::CaptionPlace::bottom, StageSpec::CaptionPlace::top}) {
             StageSpec spec;
             spec.captionLook = look;
@@ -424,6 +425,18 @@ TEST(StageRenderer, CaptionInEachLookAndPlace)
             const int other = place == StageSpec::CaptionPlace::top ? 240 : 0;
             EXPECT_GT(changed(frame, bare, 120, top, 520, top + 120), 400);
             EXPECT_EQ(changed(frame, bare, 0, other, 640, other + 120), 0);
+            // What the line changed is mostly dark on a dark box, mostly light on a light one.
+            double sum = 0;
+            int n = 0;
+            for (int y = top; y < top + 120; ++y)
+                for (int x = 120; x < 520; ++x)
+                    if (distance(at(frame, x, y), at(bare, x, y)) > 30)
+                        sum += at(frame, x, y).luma(), ++n;
+            if (look == StageSpec::CaptionLook::pill) {
+                EXPECT_LT(sum / std::max(n, 1), 100);
+            } else if (look == StageSpec::CaptionLook::light) {
+                EXPECT_GT(sum / std::max(n, 1), 180);
+            }
         }
 }
 

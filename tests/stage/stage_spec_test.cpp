@@ -3,11 +3,13 @@
 #include "base/json.h"
 #include "base/log.h"
 #include "library/library.h"
+#include "library/plim_look.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 namespace plim {
 namespace {
@@ -259,6 +261,42 @@ TEST(StageSpecFileTest, FailedWriteGivesASentenceAndKeepsWhatWasThere)
     testkit::writeText(dir / "plain", "x");
     EXPECT_FALSE(StageSpecFile::write(dir / "plain" / "B.stage.json", StageSpec{}).has_value());
     EXPECT_EQ(testkit::readText(dir / "plain"), "x");
+}
+
+
+// An edits file's look replaces the stage look's pointer, clicks, zoom style and captions
+// only where it chose them, so a look written before those choices draws as it did.
+TEST(StageSpecWearing, ALookReplacesOnlyWhatItChose)
+{
+    using L = PlimLook;
+    using S = StageSpec;
+    S base;
+    base.cursorSize = 160;
+    base.cursorHideWhenIdle = false;
+    base.clickStyle = ClickStyle::pulse;
+    base.clickTint = ClickTint::amber;
+    base.zoomStyle = ZoomStyle::glide;
+    base.captionLook = S::CaptionLook::bold;
+    base.captionSize = S::CaptionSize::small;
+    base.captionPlace = S::CaptionPlace::top;
+    auto choices = [](const S& s) {
+        return std::tuple(s.cursorSize, s.cursorHideWhenIdle, s.clickStyle, s.clickTint, s.zoomStyle, s.captionLook,
+            s.captionSize, s.captionPlace);
+    };
+    const S older = wearing(base, L{});
+    EXPECT_EQ(choices(older), choices(base));
+    EXPECT_EQ(older.card->backdrop, "dawn");
+    const S chosen = wearing(base, L{.backdrop = L::Backdrop::color, .backdropColor = "#abcdef", .pointerSize = 250,
+        .pointerHidesIdle = true, .clickStyle = L::ClickStyle::highlight, .clickTint = L::ClickTint::green,
+        .zoomStyle = ZoomStyle::snappy, .captionSize = L::CaptionSize::large, .captionPlace = L::CaptionPlace::bottom,
+        .captionBox = L::CaptionBox::light});
+    EXPECT_EQ(choices(chosen), std::tuple(250, true, ClickStyle::highlight, ClickTint::green, ZoomStyle::snappy,
+        S::CaptionLook::light, S::CaptionSize::large, S::CaptionPlace::bottom));
+    EXPECT_EQ(chosen.backdrop, S::Backdrop::solid("#abcdef"));
+    EXPECT_FALSE(chosen.card->backdrop);
+    EXPECT_EQ(wearing(base, L{.clickRings = false, .clickStyle = L::ClickStyle::ring}).clickStyle, ClickStyle::none);
+    EXPECT_EQ(wearing(base, L{.backdrop = L::Backdrop::wallpaper}).backdrop, S::Backdrop::named(S::Backdrop::Named::wallpaper));
+    EXPECT_EQ(wearing(base, L{.backdrop = L::Backdrop::image, .backdropImage = "/p.png"}).backdrop, S::Backdrop::image("/p.png", 0));
 }
 
 } // namespace

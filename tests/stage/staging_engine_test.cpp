@@ -1,6 +1,7 @@
 // The staging engine on real movies: what comes out is checked with ffprobe and by its
 // pixels and sound; failures leave no file and the plim as it was.
 #include "media/media.h"
+#include "stage/stage_backdrop.h"
 #include "stage/stage_preview.h"
 #include "stage/staging_engine.h"
 #include "testkit/test_movies.h"
@@ -161,16 +162,23 @@ TEST_F(StagingEngineTest, APreviewDrawsTimesInAnyOrderFromTheRightPicture)
 TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
 {
     const double t = 1.6; // the pointer sweeps right along the middle; the click at 1.5 s rings
-    auto staged = [&](const PlimLook& look) {
+    auto stagedAt = [&](const PlimLook& look, double at, const CursorTrack* cursor,
+                        std::optional<RenderRules::PixelSize> canvas) {
         StagingJob j = job({}, false);
+        if (cursor)
+            j.cursor = *cursor;
         j.look = look;
         j.spec = wearing(StageSpec{}, look);
-        j.canvas = RenderRules::PixelSize{640, 400};
+        j.canvas = canvas;
+        j.quality = RenderRules::Quality::p720;
         auto preview = StagePreview::open(j);
         EXPECT_TRUE(preview) << preview.error().sentence;
-        auto frame = preview ? (*preview)->frame(t) : Result<Image>(Image{});
+        auto frame = preview ? (*preview)->frame(at) : Result<Image>(Image{});
         EXPECT_TRUE(frame) << frame.error().sentence;
         return frame ? *frame : Image{};
+    };
+    auto staged = [&](const PlimLook& look, double at = 1.6 /* t */, const CursorTrack* cursor = nullptr) {
+        return stagedAt(look, at, cursor, RenderRules::PixelSize{640, 400});
     };
     auto px = [](const Image& f, int x, int y) {
         const uint8_t* p = f.row(y) + x * 4;
@@ -261,6 +269,63 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
     const double recorded = c.left + (0.2 + 0.6 * t / source.duration) * (c.right - c.left + 1);
     EXPECT_NEAR(pointerX(direct, cy + 6), recorded, 5);
     EXPECT_LT(pointerX(base, cy + 6), recorded - 8);
+
+    // Colour backdrop: the corner is the chosen colour.
+    const Image coloured = with([](PlimLook& l) {
+        l.backdrop = PlimLook::Backdrop::color;
+        l.backdropColor = "#3050a0";
+    });
+    EXPECT_NEAR(px(coloured, 4, 4)[0], 0x30, 2);
+    EXPECT_NEAR(px(coloured, 4, 4)[1], 0x50, 2);
+    EXPECT_NEAR(px(coloured, 4, 4)[2], 0xa0, 2);
+    // A picture that cannot be read, and a wallpaper the desktop does not name, leave the
+    // gradient and say so; the file stays as it was.
+    const fs::path broken = dir / "broken.png";
+    writeText(broken, "not a picture");
+    PlimLook pictured = plain, papered = plain;
+    pictured.backdrop = PlimLook::Backdrop::image;
+    pictured.backdropImage = broken.string();
+    papered.backdrop = PlimLook::Backdrop::wallpaper;
+    const Image fallback = staged(pictured), noWallpaper = staged(papered);
+    EXPECT_EQ(px(fallback, 4, 4), px(noWallpaper, 4, 4));
+    EXPECT_GT(changed(fallback, base, 0, 0, 20, 20), 300) << "the gradient, not the look's dawn";
+    EXPECT_NE(backdropFallback(wearing(StageSpec{}, pictured), std::nullopt).value_or("").find("broken.png"), std::string::npos);
+    EXPECT_NE(backdropFallback(wearing(StageSpec{}, papered), std::nullopt).value_or("").find("wallpaper"), std::string::npos);
+    EXPECT_FALSE(backdropFallback(wearing(StageSpec{}, plain), std::nullopt));
+    EXPECT_EQ(readText(broken), "not a picture");
+
+    // 16:10: a canvas of that shape whatever the recording's, where 16:9 follows the recording.
+    StagingJob wide = job({}, false);
+    wide.look.shape = PlimLook::Shape::wide;
+    EXPECT_EQ(StagingEngine::canvas(wide, Size{1920, 1080}), (RenderRules::PixelSize{1728, 1080}));
+    wide.look.shape = PlimLook::Shape::landscape;
+    EXPECT_EQ(StagingEngine::canvas(wide, Size{1920, 1080}), (RenderRules::PixelSize{1920, 1080}));
+    PlimLook wideLook = plain;
+    wideLook.shape = PlimLook::Shape::wide;
+    const Image wideFrame = stagedAt(wideLook, t, nullptr, std::nullopt);
+    EXPECT_EQ(std::pair(wideFrame.width, wideFrame.height), std::pair(1152, 720));
+
+    // Pointer size: twice the size covers about four times the dark pixels.
+    auto darkPixels = [&](const Image& f) {
+        int n = 0;
+        for (int y = 0; y < f.height; ++y)
+            for (int x = 0; x < f.width; ++x)
+                n += luma(f, x, y) < 40;
+        return n;
+    };
+    const int usual = darkPixels(base);
+    EXPECT_GT(usual, 10);
+    EXPECT_GT(darkPixels(with([](PlimLook& l) { l.pointerSize = 200; })), 3 * usual);
+    // A resting pointer fades once it has rested a while, unless the look keeps it.
+    CursorTrack resting = testTrack(source);
+    for (auto& sample : resting.samples)
+        sample.x = source.width * 0.3;
+    resting.clicks.clear();
+    PlimLook kept = plain;
+    kept.pointerHidesIdle = false;
+    EXPECT_GT(darkPixels(staged(plain, 0.6, &resting)), usual / 2) << "shown while it has rested briefly";
+    EXPECT_EQ(darkPixels(staged(plain, 2.9, &resting)), 0) << "gone after resting";
+    EXPECT_GT(darkPixels(staged(kept, 2.9, &resting)), usual / 2);
 }
 
 // Pixels of the picture's bottom-right quarter within 40 of a colour in every channel.

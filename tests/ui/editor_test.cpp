@@ -2,7 +2,8 @@
 // opens with its automatic edit, its trim end and zoom block are dragged on the timeline,
 // a blur box is drawn on the preview, and three undos take each back, the edits file read
 // back with the document's own reader after every step and the preview's picture checked
-// where the box lies. An edits file that cannot be read opens read only and stays as it was.
+// where the box lies. The inspector's look controls, clicked and keyed, reach the edits file
+// and the preview. An edits file that cannot be read opens read only and stays as it was.
 // Generate captions transcribes a spoken plim off the GUI thread and shows the result.
 
 #include "base/files.h"
@@ -14,11 +15,15 @@
 #include "testkit/testkit.h"
 #include "ui/editor_blur_overlay.h"
 #include "ui/editor_window.h"
+#include "ui/inspector.h"
 #include "ui/preview_view.h"
 #include "ui/timeline_view.h"
 #include "wait_until.h"
 
+#include <QAbstractButton>
 #include <QPushButton>
+#include <QScrollArea>
+#include <QSlider>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -192,6 +197,65 @@ TEST(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     window.findChild<QWidget*>("share")->setFocus();
     QTest::mouseClick(window.findChild<QWidget*>("share"), Qt::LeftButton);
     EXPECT_EQ(shared, std::vector<fs::path>{movie});
+}
+
+TEST(Editor, InspectorLookControlsReachTheEditsFileAndThePreview)
+{
+    XdgSandbox sandbox;
+    TempDir folder;
+    const fs::path movie = folder / "Look.mov";
+    TestMovie source;
+    source.width = 480;
+    source.height = 270; // 16:9, so the 16:10 layout reshapes the picture
+    source.duration = 3;
+    ASSERT_TRUE(writeTestMovie(movie, source));
+    ASSERT_TRUE(testTrack(source).write(movie));
+
+    EditorWindow window({movie}, {}, folder / "looks.json");
+    window.setAttribute(Qt::WA_DeleteOnClose, false);
+    window.resize(1280, 720);
+    window.show();
+    window.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
+    ASSERT_TRUE(waitUntil([&] { return window.document() && window.preview()->framesShown() > 0; }, 30))
+        << window.status().toStdString();
+    PreviewView& preview = *window.preview();
+    auto aspect = [&] { return double(preview.shownFrame().width()) / std::max(1, preview.shownFrame().height()); };
+    EXPECT_NEAR(aspect(), 16.0 / 9, 0.02);
+    auto* scroll = window.findChild<Inspector*>()->findChild<QScrollArea*>();
+    auto reach = [&](const char* name) {
+        auto* widget = window.findChild<QWidget*>(name);
+        EXPECT_TRUE(widget) << name;
+        if (widget) {
+            scroll->ensureWidgetVisible(widget);
+            QTest::qWait(20);
+        }
+        return widget;
+    };
+
+    if (QWidget* wide = reach("shape_16:10"))
+        QTest::mouseClick(wide, Qt::LeftButton);
+    if (QWidget* dot = reach("click_highlight"))
+        QTest::mouseClick(dot, Qt::LeftButton);
+    if (QWidget* size = reach("pointerSize")) {
+        size->setFocus();
+        QTest::keyClick(size, Qt::Key_PageUp); // a page is 100 %
+    }
+    window.saveNow();
+    const PlimEdits saved = editsOnDisk(movie);
+    ASSERT_TRUE(saved.look);
+    EXPECT_EQ(saved.look->shape, PlimLook::Shape::wide);
+    EXPECT_TRUE(saved.look->clickRings);
+    EXPECT_EQ(saved.look->clickStyle, PlimLook::ClickStyle::highlight);
+    EXPECT_EQ(saved.look->pointerSize, 200);
+    EXPECT_EQ(window.document()->undoStack().size(), 3u);
+    EXPECT_TRUE(waitUntil([&] { return std::abs(aspect() - 1.6) < 0.02; }, 10)) << "the preview shows 16:10: " << aspect();
+    if (const char* shots = std::getenv("PLIM_UI_SHOTS"))
+        window.grab().save(QString::fromStdString((fs::path(shots) / "editor-look.png").string()));
+
+    QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
+    window.saveNow();
+    EXPECT_FALSE(editsOnDisk(movie).look->pointerSize);
 }
 
 TEST(Editor, OpensAnUnreadableEditsFileReadOnlyAndLeavesItAsItWas)
