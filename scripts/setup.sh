@@ -21,7 +21,7 @@ packages=(
   librsvg2-bin dpkg-dev desktop-file-utils appstream
   xvfb x11-utils xdotool pulseaudio pulseaudio-utils espeak-ng sox xclip
   libsimdjson-dev libutf8proc-dev
-  libpocketsphinx-dev pocketsphinx-en-us flite libopenblas-dev libcurl4-openssl-dev libssl-dev python3-torch
+  libpocketsphinx-dev pocketsphinx-en-us flite libopenblas-dev zlib1g-dev libcurl4-openssl-dev libssl-dev python3-torch
   libpipewire-0.3-dev pipewire wireplumber gstreamer1.0-pipewire gstreamer1.0-tools gstreamer1.0-plugins-base
 )
 
