@@ -1,4 +1,5 @@
 #include "app/ctl_demo.h"
+#include "app/ctl_live.h"
 #include "app/ctl_plan.h"
 #include "app/ctl_record.h"
 #include "app/ctl_share.h"
@@ -13,6 +14,7 @@ const std::vector<CtlCommand>& ctlCommands()
     static const std::vector<CtlCommand> commands = {
         {"beacon", "post a recording state, or watch an app's beacon", runBeaconCommand},
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
+        {"live", "compose the screen in real time into a camera sink or a movie", runLiveCommand},
         {"list", "list the plims in the library folder, newest first", runListCommand},
         {"moments", "print the suite's shared history, newest last", runMomentsCommand},
         {"plan", "print the edit plan a render of a plim would use", runPlanCommand},
