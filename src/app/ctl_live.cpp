@@ -1,7 +1,9 @@
 #include "app/ctl_live.h"
 
 #include "app/interrupt_stop.h"
+#include "base/places.h"
 #include "library/look_store.h"
+#include "library/storage_root.h"
 #include "live/live.h"
 
 #include <charconv>
@@ -39,7 +41,7 @@ std::optional<double> parseSeconds(const std::string& text)
 
 int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 {
-    auto parsed = parseCtlOptions(args, {"--to", "--duration", "--x-display", "--display"}, {"--no-camera"}, "live");
+    auto parsed = parseCtlOptions(args, {"--to", "--duration", "--x-display", "--display", "--library"}, {"--no-camera"}, "live");
     if (!parsed) {
         err << parsed.error().sentence << "\n";
         return 1;
@@ -47,9 +49,10 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     const CtlOptions& o = *parsed;
     if (o.help) {
         err << "usage: plimctl live --to pipewire|v4l2|file [OUT.mkv] [--duration SECONDS]\n"
-               "       [--x-display :N] [--display NAME] [--no-camera]\n"
+               "       [--x-display :N] [--display NAME] [--no-camera] [--library FOLDER]\n"
                "Composes the screen in your look for new plims in real time and hands it to the sink;\n"
-               "prints the sinks' health every half second. Stops after --duration, on Ctrl-C or SIGTERM.\n";
+               "prints the sinks' health every half second. Stops after --duration, on Ctrl-C or SIGTERM.\n"
+               "Refused while a plim is being recorded into the library folder.\n";
         return 0;
     }
     const std::string to = o.last("--to").value_or("");
@@ -101,6 +104,9 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     LiveServices services;
     const std::optional<std::string> xDisplay = o.last("--x-display");
     services.openDesktop = [xDisplay] { return Desktop::create(xDisplay); };
+    const fs::path library = o.last("--library").has_value() ? fs::path(*o.last("--library"))
+                                                             : StorageRoot::direct(Places::home()).folder();
+    services.recording = [library] { return recordingActivityIn(library); };
     LiveSession session(services);
     InterruptStop interrupt;
     if (auto live = session.goLive(options, sinks); !live) {

@@ -3,6 +3,7 @@
 #include "base/log.h"
 #include "capture/click_source.h"
 #include "capture/pointer_source.h"
+#include "capture/recording_marker.h"
 
 #include <chrono>
 #include <cmath>
@@ -35,6 +36,19 @@ std::optional<std::string> goLiveRefusal(RecordingActivity activity)
         return "Your plim is still being finished. Go live again in a moment, when it is in your library.";
     }
     return std::nullopt;
+}
+
+RecordingActivity recordingActivityIn(const std::filesystem::path& libraryFolder)
+{
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(libraryFolder, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!RecordingMarker::movieOf(it->path()))
+            continue;
+        auto marker = RecordingMarker::read(it->path());
+        if (marker && marker->processIsAlive())
+            return RecordingActivity::rolling;
+    }
+    return RecordingActivity::none;
 }
 
 LiveSession::LiveSession(LiveServices services) : m_services(std::move(services)) {}

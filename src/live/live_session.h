@@ -20,6 +20,7 @@
 #include "stage/stage_spec.h"
 
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -34,6 +35,10 @@ enum class RecordingActivity { none, rolling, finishing };
 
 // The sentence that refuses going live during `activity`, or nothing when it may start.
 std::optional<std::string> goLiveRefusal(RecordingActivity activity);
+
+// What another process is recording into `libraryFolder`: a recording marker there whose
+// process still runs means a plim is rolling (or being finished; the marker does not say).
+RecordingActivity recordingActivityIn(const std::filesystem::path& libraryFolder);
 
 // Where a live run's parts come from; tests put stand-ins in.
 struct LiveServices {

@@ -2,6 +2,7 @@
 // opened ends the attempt with its reason, and a real run on an X server writes a movie
 // whose pictures show the screen in the card and the pointer where it was put.
 
+#include "capture/recording_marker.h"
 #include "live/live.h"
 #include "media/movie_reader.h"
 #include "testkit/servers.h"
@@ -52,6 +53,37 @@ TEST(LiveSessionTest, GoingLiveIsRefusedWhileARecordingNeedsTheCaptureAndWithout
     EXPECT_EQ(noScreen.error().sentence, "Plim could not open your screen: No display is available to record.");
     EXPECT_EQ(said, std::vector<std::string>{"Opening your screen"});
     EXPECT_FALSE(session.isLive());
+}
+
+TEST(LiveSessionTest, ARecordingMarkerOfARunningProcessCountsAsRolling)
+{
+    TempDir library;
+    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::none);
+    RecordingMarker gone = RecordingMarker::ofThisProcess(false);
+    gone.pid = 999999999; // no such process
+    ASSERT_TRUE(gone.write(library / "Old.mov"));
+    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::none);
+    ASSERT_TRUE(RecordingMarker::ofThisProcess(false).write(library / "Now.mov"));
+    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::rolling);
+}
+
+TEST(FileLiveSinkTest, AnExistingFileIsLeftAsItIs)
+{
+    TempDir folder;
+    writeText(folder / "taken.mkv", "someone's movie");
+    FileLiveSink sink(folder / "taken.mkv");
+    EXPECT_EQ(sink.health(), LiveSinkHealth{LiveSinkHealth::Idle{}});
+    Image frame = Image::allocate(64, 36);
+    sink.consume({frame, 0, 1.0 / 60, 0});
+    ASSERT_TRUE(eventually([&] { return std::holds_alternative<LiveSinkHealth::Failed>(sink.health().state); }));
+    EXPECT_EQ(healthSentence(sink.health()),
+        "taken.mkv already exists, so the stream was not written to it; the file is left as it is. Name a new file and "
+        "go live again.");
+    sink.consume({frame, 1.0 / 60, 1.0 / 60, 1});
+    sink.close();
+    ASSERT_TRUE(sink.finished());
+    EXPECT_FALSE(*sink.finished());
+    EXPECT_EQ(readText(folder / "taken.mkv"), "someone's movie");
 }
 
 int channelDistance(const uint8_t* a, uint32_t rgb)
