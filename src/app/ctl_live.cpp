@@ -120,11 +120,13 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     const auto start = std::chrono::steady_clock::now();
     auto next = start;
     std::optional<std::string> ended;
+    LivePipelineStats stats;
     for (;;) {
         next += std::chrono::milliseconds(500);
         while (std::chrono::steady_clock::now() < next && !interrupt.token().stop_requested())
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         LiveHealthReport report = session.refreshHealth();
+        stats = report.stats;
         out << report.line << "\n";
         if (report.note)
             out << report.note.value() << "\n";
@@ -138,7 +140,8 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         if (duration && std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() >= *duration)
             break;
     }
-    LivePipelineStats stats = session.pipeline() ? session.pipeline()->stats() : LivePipelineStats{};
+    if (session.pipeline())
+        stats = session.pipeline()->stats();
     session.stop();
     const LiveBackpressure& b = stats.backpressure;
     out << "frames " << stats.framesDelivered << ", source starved " << b.sourceStarved << ", render overran "
