@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <pthread.h>
@@ -15,7 +16,7 @@ int64_t LiveClock::missedTicks(double due, double end, double interval)
     return static_cast<int64_t>(std::floor((end - due) / interval));
 }
 
-Status HostLiveClock::start(double interval, Handler handler)
+Status HostLiveClock::start(double interval, Handler handler, std::optional<double> firstDue)
 {
     if (!(interval > 0) || !std::isfinite(interval))
         return fail("The live clock cannot tick every " + std::to_string(interval) + " seconds.");
@@ -24,7 +25,8 @@ Status HostLiveClock::start(double interval, Handler handler)
         std::lock_guard lock(m_lock);
         m_stopping = false;
     }
-    m_thread = std::thread([this, interval, handler = std::move(handler)] { run(interval, handler); });
+    const double due = std::max(firstDue.value_or(now()), now());
+    m_thread = std::thread([this, interval, handler = std::move(handler), due] { run(interval, handler, due); });
     return {};
 }
 
@@ -42,10 +44,9 @@ void HostLiveClock::stop()
 
 double HostLiveClock::now() const { return systemUptime(); }
 
-void HostLiveClock::run(double interval, Handler handler)
+void HostLiveClock::run(double interval, Handler handler, double due)
 {
     pthread_setname_np(pthread_self(), "plim.live.render");
-    double due = now();
     int64_t overran = 0;
     for (;;) {
         {
@@ -67,13 +68,13 @@ void HostLiveClock::run(double interval, Handler handler)
     }
 }
 
-Status SteppedLiveClock::start(double interval, Handler handler)
+Status SteppedLiveClock::start(double interval, Handler handler, std::optional<double> firstDue)
 {
     if (!(interval > 0) || !std::isfinite(interval))
         return fail("The live clock cannot tick every " + std::to_string(interval) + " seconds.");
     m_interval = interval;
     m_handler = std::move(handler);
-    m_next = now();
+    m_next = std::max(firstDue.value_or(now()), now());
     m_pendingOverran = 0;
     m_running = true;
     ++m_generation;

@@ -4,7 +4,8 @@
 // the ticks it missed and report how many with the next tick it delivers: that is the
 // render-overrun measurement.
 //
-// Contract: start() begins ticking at once (the first tick is due now); the handler runs
+// Contract: start() begins ticking at `firstDue` on the clock, or at once when that has
+// passed or is not given; the handler runs
 // on the clock's thread, one tick at a time. stop() may be called from any thread but the
 // clock's own; when it returns no handler runs and none will. A stopped clock can be
 // started again with another interval.
@@ -19,6 +20,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 namespace plim {
@@ -32,7 +34,7 @@ class LiveClock {
 public:
     using Handler = std::function<void(const LiveTick&)>;
     virtual ~LiveClock() = default;
-    virtual Status start(double interval, Handler handler) = 0;
+    virtual Status start(double interval, Handler handler, std::optional<double> firstDue = std::nullopt) = 0;
     virtual void stop() = 0;
     // Seconds on this clock. Thread-safe.
     virtual double now() const = 0;
@@ -45,12 +47,12 @@ public:
 class HostLiveClock final : public LiveClock {
 public:
     ~HostLiveClock() override { stop(); }
-    Status start(double interval, Handler handler) override;
+    Status start(double interval, Handler handler, std::optional<double> firstDue = std::nullopt) override;
     void stop() override;
     double now() const override;
 
 private:
-    void run(double interval, Handler handler);
+    void run(double interval, Handler handler, double due);
 
     std::thread m_thread;
     std::mutex m_lock;
@@ -61,7 +63,7 @@ private:
 class SteppedLiveClock final : public LiveClock {
 public:
     explicit SteppedLiveClock(double start = 0) : m_now(start) {}
-    Status start(double interval, Handler handler) override;
+    Status start(double interval, Handler handler, std::optional<double> firstDue = std::nullopt) override;
     void stop() override;
     double now() const override { return m_now.load(); }
 

@@ -53,6 +53,7 @@ Status LivePipeline::start()
     if (!m_scene.renderer || !m_scene.momentSource)
         return fail("The live picture cannot be composed: the stage is not set up.");
     m_sessionStart.reset();
+    m_lastTick.reset();
     PLIM_TRY(m_clock->start(1.0 / m_fps.load(), [this](const LiveTick& t) { tick(t); }));
     m_running = true;
     return {};
@@ -77,7 +78,11 @@ void LivePipeline::setRate(int fps)
     if (!m_running)
         return;
     m_clock->stop();
-    if (auto started = m_clock->start(1.0 / fps, [this](const LiveTick& t) { tick(t); }); !started) {
+    // The first tick at the new rate comes a whole new interval after the last frame.
+    std::optional<double> firstDue;
+    if (m_lastTick)
+        firstDue = *m_lastTick + 1.0 / fps;
+    if (auto started = m_clock->start(1.0 / fps, [this](const LiveTick& t) { tick(t); }, firstDue); !started) {
         logLine(LogArea::live, started.error().sentence);
         m_running = false;
     }
@@ -122,6 +127,7 @@ void LivePipeline::tick(const LiveTick& tick)
 {
     if (!m_sessionStart)
         m_sessionStart = tick.time;
+    m_lastTick = tick.time;
     Image screen;
     Image camera;
     bool fresh = false;

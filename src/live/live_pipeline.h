@@ -81,6 +81,7 @@ private:
     std::atomic<int> m_fps{60};
     bool m_running = false;
     std::optional<double> m_sessionStart;
+    std::optional<double> m_lastTick; // read by the owner only while the clock is stopped
     int64_t m_sequence = 0;
     std::vector<Held> m_held;
     std::vector<int> m_lastDropped; // each sink's dropped count at the previous frame
