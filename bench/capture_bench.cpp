@@ -36,6 +36,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using plim::bench::spawn;
+using plim::bench::startXvfb;
 using namespace std::chrono_literals;
 
 // Waits for the child and gives its CPU seconds (user + system).
@@ -72,27 +73,17 @@ long countFrames(const fs::path& movie)
 // Changes every pixel of the root window 60 times a second: moving colour bars.
 void animate(const std::string& display, std::atomic<bool>& stop)
 {
-    xcb_connection_t* c = xcb_connect(display.c_str(), nullptr);
-    xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
-    xcb_gcontext_t gc = xcb_generate_id(c);
-    uint32_t black = 0;
-    xcb_create_gc(c, gc, screen->root, XCB_GC_FOREGROUND, &black);
+    plim::bench::RootPainter painter(display);
+    xcb_connection_t* c = painter.connection();
     double next = plim::systemUptime();
     for (uint32_t frame = 0; !stop.load(); ++frame) {
-        for (int bar = 0; bar < 48; ++bar) {
-            uint32_t colour = ((frame * 5 + uint32_t(bar) * 11) & 0xff) << 16 | ((frame * 3 + uint32_t(bar) * 7) & 0xff) << 8
-                | ((frame * 7 + uint32_t(bar) * 13) & 0xff);
-            xcb_change_gc(c, gc, XCB_GC_FOREGROUND, &colour);
-            xcb_rectangle_t r{int16_t(bar * 40), 0, 40, 1080};
-            xcb_poly_fill_rectangle(c, screen->root, gc, 1, &r);
-        }
+        painter.bars(frame, 0, 48, 1080);
         xcb_flush(c);
         next += 1.0 / 60;
         double wait = next - plim::systemUptime();
         if (wait > 0)
             std::this_thread::sleep_for(std::chrono::duration<double>(wait));
     }
-    xcb_disconnect(c);
 }
 
 } // namespace
@@ -106,20 +97,9 @@ int main(int argc, char** argv)
     const fs::path dir = mkdtemp(tmpl);
     const std::string display = ":" + std::to_string(100 + (getpid() * 13) % 800);
 
-    pid_t xvfb = spawn({"Xvfb", display, "-nolisten", "tcp", "-noreset", "-screen", "0", "1920x1080x24"},
-        (dir / "xvfb.out").string(), (dir / "xvfb.err").string());
-    bool up = false;
-    for (int i = 0; i < 100 && !up; ++i) {
-        std::this_thread::sleep_for(50ms);
-        xcb_connection_t* c = xcb_connect(display.c_str(), nullptr);
-        up = !xcb_connection_has_error(c);
-        xcb_disconnect(c);
-    }
-    if (!up) {
-        std::fprintf(stderr, "Xvfb did not start on %s\n", display.c_str());
-        kill(xvfb, SIGTERM);
+    pid_t xvfb = startXvfb(display, "1920x1080x24", dir.string());
+    if (xvfb < 0)
         return 1;
-    }
     std::atomic<bool> stop{false};
     std::thread animator([&] { animate(display, stop); });
     std::this_thread::sleep_for(500ms);

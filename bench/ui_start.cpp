@@ -35,6 +35,7 @@
 namespace {
 
 namespace fs = std::filesystem;
+using plim::bench::cpuSeconds;
 using plim::bench::spawn;
 using namespace std::chrono_literals;
 using plim::bench::Steady;
@@ -119,23 +120,6 @@ std::optional<xcb_window_t> waitForWindow(xcb_connection_t* c, const std::string
         std::this_thread::sleep_for(2ms);
     }
     return std::nullopt;
-}
-
-// CPU seconds (user + system) the process has used so far.
-double cpuSeconds(pid_t pid)
-{
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    auto close = text.rfind(')');
-    if (close == std::string::npos)
-        return 0;
-    std::istringstream fields(text.substr(close + 2));
-    std::string field;
-    double ticks = 0;
-    for (int i = 3; fields >> field; ++i)
-        if (i == 14 || i == 15)
-            ticks += std::stod(field);
-    return ticks / double(sysconf(_SC_CLK_TCK));
 }
 
 double idlePercent(pid_t pid, std::chrono::seconds span)

@@ -1,6 +1,7 @@
 #include "app/ctl_captions.h"
 #include "app/ctl_captions_model.h"
 #include "app/ctl_demo.h"
+#include "app/ctl_live.h"
 #include "app/ctl_plan.h"
 #include "app/ctl_record.h"
 #include "app/ctl_share.h"
@@ -17,6 +18,7 @@ const std::vector<CtlCommand>& ctlCommands()
         {"captions", "transcribe a plim's speech into its captions file", runCaptionsCommand},
         {"captions-model", "download, pause, delete or check the Whisper model for better captions", runCaptionsModelCommand},
         {"demo", "write a made-up plim to try the other commands on", runDemoCommand},
+        {"live", "compose the screen in real time into a camera sink or a movie", runLiveCommand},
         {"list", "list the plims in the library folder, newest first", runListCommand},
         {"moments", "print the suite's shared history, newest last", runMomentsCommand},
         {"plan", "print the edit plan a render of a plim would use", runPlanCommand},

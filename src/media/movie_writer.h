@@ -56,7 +56,7 @@ int64_t recordingBitsPerSecond(int width, int height, double scale);
 
 class MovieWriter {
 public:
-    enum class Container { mp4, fragmentedMov };
+    enum class Container { mp4, fragmentedMov, matroska };
 
     struct SoundTrack {
         int channels = 2;               // 1 or 2

@@ -153,7 +153,7 @@ private:
 
 Error FfmpegMovieWriter::failure(const std::string& reason, Error::Kind kind) const
 {
-    std::string after = m_settings.container == Container::mp4
+    std::string after = m_settings.container != Container::fragmentedMov
         ? "Nothing was saved; the partial file was removed."
         : "What was written up to the last whole two seconds is kept in it.";
     return Error{concat("The movie ", fileName(), " could not be written: ", reason, ". ", after), kind};
@@ -162,7 +162,7 @@ Error FfmpegMovieWriter::failure(const std::string& reason, Error::Kind kind) co
 Error FfmpegMovieWriter::writeError(int code, const std::string& what) const
 {
     if (isNoSpace(code)) {
-        std::string after = m_settings.container == Container::mp4
+        std::string after = m_settings.container != Container::fragmentedMov
             ? "Nothing was saved; the partial file was removed. Free some space there, then try again."
             : "What was written up to the last whole two seconds is kept in it. Free some space there.";
         return Error{concat("The disk is full, so the movie ", fileName(), " could not be written in ", m_settings.path.parent_path().string(), ". ", after),
@@ -188,7 +188,7 @@ Status FfmpegMovieWriter::open()
         return refuse("its time scale or queue depth is not usable");
 
     AVFormatContext* raw = nullptr;
-    const char* format = s.container == Container::mp4 ? "mp4" : "mov";
+    const char* format = s.container == Container::mp4 ? "mp4" : s.container == Container::matroska ? "matroska" : "mov";
     int rc = avformat_alloc_output_context2(&raw, nullptr, format, s.path.c_str());
     if (rc < 0 || !raw)
         return refuse(concat("the ", format, " writer is missing from this build"));
@@ -225,7 +225,7 @@ Status FfmpegMovieWriter::openFile()
     AVDictionary* mux = nullptr;
     if (s.container == Container::mp4) {
         av_dict_set(&mux, "movflags", "+faststart", 0);
-    } else {
+    } else if (s.container == Container::fragmentedMov) {
         // The index waits for the first fragment, so it can carry the edit lists that
         // hide the sound encoder's priming: its packets start that far before 0, and the
         // first sound frame plays at 0. Before that fragment there is nothing to keep.
@@ -377,7 +377,7 @@ Status FfmpegMovieWriter::finish()
             error = writeError(rc, "the file could not be finished");
     }
     if (error) {
-        if (m_settings.container == Container::mp4)
+        if (m_settings.container != Container::fragmentedMov)
             removeFile();
         m_format.reset();
         logLine(LogArea::main, error->sentence);

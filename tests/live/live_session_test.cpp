@@ -1,0 +1,172 @@
+// Going live: refused while a recording rolls or is being finished, a screen that cannot be
+// opened ends the attempt with its reason, and a real run on an X server writes a movie
+// whose pictures show the screen in the card and the pointer where it was put.
+
+#include "capture/recording_marker.h"
+#include "live/live.h"
+#include "media/movie_reader.h"
+#include "testkit/servers.h"
+#include "testkit/test_window.h"
+#include "testkit/testkit.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <sstream>
+#include <cstdlib>
+#include <thread>
+
+namespace plim {
+namespace {
+
+using namespace testkit;
+
+TEST(LiveSessionTest, GoingLiveIsRefusedWhileARecordingNeedsTheCaptureAndWithoutAScreen)
+{
+    int opened = 0;
+    RecordingActivity activity = RecordingActivity::rolling;
+    LiveServices services;
+    services.recording = [&] { return activity; };
+    services.openDesktop = [&]() -> Result<std::unique_ptr<Desktop>> {
+        ++opened;
+        return fail("No display is available to record.");
+    };
+    LiveSession session(services);
+    auto sink = std::make_shared<MonitorLiveSink>();
+    auto refused = session.goLive({}, {sink});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().sentence,
+        "A plim is rolling. Stop it first, then go live. The stream and the recording share one capture.");
+    activity = RecordingActivity::finishing;
+    refused = session.goLive({}, {sink});
+    ASSERT_FALSE(refused);
+    EXPECT_EQ(refused.error().sentence,
+        "Your plim is still being finished. Go live again in a moment, when it is in your library.");
+    EXPECT_EQ(opened, 0);
+
+    activity = RecordingActivity::none;
+    std::vector<std::string> said;
+    LiveSessionOptions options;
+    options.progress = [&](const std::string& s) { said.push_back(s); };
+    auto noScreen = session.goLive(options, {sink});
+    ASSERT_FALSE(noScreen);
+    EXPECT_EQ(noScreen.error().sentence, "Plim could not open your screen: No display is available to record.");
+    EXPECT_EQ(said, std::vector<std::string>{"Opening your screen"});
+    EXPECT_FALSE(session.isLive());
+}
+
+TEST(LiveSessionTest, ARecordingMarkerOfARunningProcessCountsAsRolling)
+{
+    TempDir library;
+    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::none);
+    RecordingMarker gone = RecordingMarker::ofThisProcess(false);
+    gone.pid = 999999999; // no such process
+    ASSERT_TRUE(gone.write(library / "Old.mov"));
+    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::none);
+    ASSERT_TRUE(RecordingMarker::ofThisProcess(false).write(library / "Now.mov"));
+    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::rolling);
+}
+
+TEST(FileLiveSinkTest, AnExistingFileIsLeftAsItIs)
+{
+    TempDir folder;
+    writeText(folder / "taken.mkv", "someone's movie");
+    FileLiveSink sink(folder / "taken.mkv");
+    EXPECT_EQ(sink.health(), LiveSinkHealth{LiveSinkHealth::Idle{}});
+    Image frame = Image::allocate(64, 36);
+    sink.consume({frame, 0, 1.0 / 60, 0});
+    ASSERT_TRUE(eventually([&] { return std::holds_alternative<LiveSinkHealth::Failed>(sink.health().state); }));
+    EXPECT_EQ(healthSentence(sink.health()),
+        "taken.mkv already exists, so the stream was not written to it; the file is left as it is. Name a new file and "
+        "go live again.");
+    sink.consume({frame, 1.0 / 60, 1.0 / 60, 1});
+    sink.close();
+    ASSERT_TRUE(sink.finished());
+    EXPECT_FALSE(*sink.finished());
+    EXPECT_EQ(readText(folder / "taken.mkv"), "someone's movie");
+}
+
+int channelDistance(const uint8_t* a, uint32_t rgb)
+{
+    return std::abs(a[2] - int(rgb >> 16 & 0xff)) + std::abs(a[1] - int(rgb >> 8 & 0xff)) + std::abs(a[0] - int(rgb & 0xff));
+}
+
+TEST(LiveSessionTest, ARealRunWritesTheComposedScreenWithThePointerWhereItWasPut)
+{
+    XvfbServer x{"640x400x24"};
+    if (!x.isUp())
+        GTEST_SKIP() << "Xvfb could not start here";
+    const uint32_t green = 0x20a050;
+    TestWindow window(x.display(), 0, 0, 640, 400, green);
+    ASSERT_TRUE(window.isOpen());
+    ASSERT_EQ(runCommand({"xdotool", "mousemove", "160", "100"}, {"DISPLAY=" + x.display()}).status, 0);
+
+    TempDir folder;
+    auto file = std::make_shared<FileLiveSink>(folder / "live.mkv");
+    LiveServices services;
+    services.openDesktop = [&] { return Desktop::create(x.display()); };
+    LiveSession session(services);
+    LiveSessionOptions options;
+    options.canvas = {320, 180};
+    options.switches.bubble = false;
+    ASSERT_TRUE(session.goLive(options, {file}));
+    LiveHealthReport report;
+    for (int i = 0; i < 3; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        report = session.refreshHealth();
+    }
+    EXPECT_EQ(report.line, "live.mkv: Live.");
+    EXPECT_FALSE(report.ended);
+    session.stop();
+    ASSERT_TRUE(file->finished());
+    ASSERT_TRUE(*file->finished()) << file->finished()->error().sentence;
+
+    const fs::path movie = folder / "live.mkv";
+    EXPECT_EQ(probe(movie, "v:0", "stream=codec_name,width,height"), "h264,320,180");
+    const int frames = std::atoi(probe(movie, "v:0", "stream=nb_read_frames", {"-count_frames"}).c_str());
+    EXPECT_EQ(frames, file->framesWritten());
+    // The frames carry the clock's tick times: from 0 to the end of the run, never closer
+    // than a 60 fps tick (how many ticks the render missed depends on this machine's load).
+    std::istringstream times(probe(movie, "v:0", "frame=pts_time"));
+    std::vector<double> pts;
+    for (std::string line; std::getline(times, line);)
+        if (!line.empty() && line != ",")
+            pts.push_back(std::atof(line.c_str()));
+    ASSERT_EQ(static_cast<int>(pts.size()), frames);
+    ASSERT_GE(frames, 20);
+    EXPECT_NEAR(pts.front(), 0, 0.002);
+    EXPECT_GT(pts.back(), 1.2);
+    for (size_t i = 1; i < pts.size(); ++i)
+        ASSERT_GE(pts[i] - pts[i - 1], 1.0 / 60 - 0.002) << i << ": " << pts[i - 1] << " to " << pts[i];
+
+    // Where the screen's pixels land on the canvas, as the same stage draws them.
+    StageRenderer::Options stageOptions;
+    stageOptions.content = {640, 400};
+    stageOptions.hasKeycaps = false;
+    auto stage = StageRenderer::create(wearing(StageSpec{}, PlimLook{}), {320, 180}, stageOptions);
+    ASSERT_TRUE(stage);
+    const Affine toCanvas = (*stage)->placement({640, 400}, StageMoment{}).sourceToOutput;
+    auto reader = MovieReader::create(movie);
+    ASSERT_TRUE(reader) << reader.error().sentence;
+    ASSERT_TRUE((*reader)->seek(0.6));
+    auto picture = (*reader)->next();
+    ASSERT_TRUE(picture && *picture);
+    const Image& shot = (*picture)->image;
+
+    const Point middle = toCanvas.apply(Point{320, 200});
+    EXPECT_LT(channelDistance(shot.row(int(middle.y)) + int(middle.x) * 4, green), 30);
+    // The pointer's tip is at (160, 100): something unlike the screen is drawn just below and
+    // right of it, while the same spot across the screen shows the screen alone.
+    auto differs = [&](Point at) {
+        int most = 0;
+        for (int dy = 1; dy <= 5; ++dy)
+            for (int dx = 1; dx <= 4; ++dx)
+                most = std::max(most, channelDistance(shot.row(int(at.y) + dy) + (int(at.x) + dx) * 4, green));
+        return most;
+    };
+    EXPECT_GT(differs(toCanvas.apply(Point{160, 100})), 120);
+    EXPECT_LT(differs(toCanvas.apply(Point{480, 300})), 30);
+}
+
+} // namespace
+} // namespace plim
