@@ -40,6 +40,7 @@ struct VoiceoverRecorder::State {
 
     std::mutex lock;
     std::condition_variable wake;
+    double startedAt = 0;               // uptime when the source started
     std::optional<double> zero;         // uptime of the take's first frame
     struct Early {
         std::vector<float> mono;
@@ -70,6 +71,20 @@ struct VoiceoverRecorder::State {
                 early.push_back({std::move(mono), block.uptime, block.joinsPrevious});
             else
                 place(mono, block.uptime, block.joinsPrevious);
+        }
+        wake.notify_one();
+    }
+
+    void cue(double uptime)
+    {
+        {
+            std::lock_guard guard(lock);
+            if (zero)
+                return;
+            zero = uptime;
+            for (const auto& block : early)
+                place(block.mono, block.uptime, block.joins);
+            early.clear();
         }
         wake.notify_one();
     }
@@ -177,13 +192,9 @@ Result<std::unique_ptr<VoiceoverRecorder>> VoiceoverRecorder::start(Settings set
         removeTake(s->folder, note.id);
         return fail("No voiceover was recorded: " + started.error().sentence, started.error().kind);
     }
-    {
-        std::lock_guard guard(s->lock);
-        s->zero = UptimeClock::shared().uptime();
-        for (const auto& block : s->early)
-            s->place(block.mono, block.uptime, block.joins);
-        s->early.clear();
-    }
+    s->startedAt = UptimeClock::shared().uptime();
+    if (s->settings.cueAtStart)
+        s->cue(s->startedAt);
     s->writing = std::thread([s] { s->write(); });
     logLine(LogArea::main, "recording a voiceover for " + s->settings.movie.string() + " at "
             + std::to_string(s->settings.sourceStart) + " s from " + s->source->deviceName() + " into "
@@ -211,6 +222,8 @@ std::optional<std::string> VoiceoverRecorder::trouble() const
     return m_state->trouble;
 }
 
+void VoiceoverRecorder::cue(double uptime) { m_state->cue(uptime); }
+
 const std::string& VoiceoverRecorder::takeID() const { return m_state->note.id; }
 
 const fs::path& VoiceoverRecorder::takePath() const { return m_state->writer->path(); }
@@ -218,6 +231,7 @@ const fs::path& VoiceoverRecorder::takePath() const { return m_state->writer->pa
 void VoiceoverRecorder::stop()
 {
     m_state->source->stop();
+    m_state->cue(m_state->startedAt);
     {
         std::lock_guard guard(m_state->lock);
         m_state->stopping = true;

@@ -4,8 +4,9 @@
 // (app/voiceover_take.h) so a crash leaves it there to be salvaged; finish() joins the take
 // to the plim's edits at the source time it was started at, cancel() drops it.
 //
-// The caller plays the plim: the take's first sample is the instant start() returns, which
-// is when the caller starts playing from the playhead whose source time it gave.
+// The caller plays the plim: the take's first sample is the instant start() returns, when
+// the caller starts playing from the playhead whose source time it gave; or, for a player
+// that takes a moment to get going, the instant it gives cue() once the picture moves.
 //
 // Threads: start(), finish(), cancel() and the destructor from one thread; seconds(),
 // level() and trouble() from any. The microphone's blocks arrive on the sound source's
@@ -35,6 +36,7 @@ public:
         double sourceStart = 0;   // source seconds the take starts at
         std::optional<std::string> device; // the microphone; the default source when not set
         std::optional<double> maxSeconds;  // the take ends there (what comes later is left out)
+        bool cueAtStart = true;            // false: the take begins at cue()
     };
 
     // Starts recording from the sound server's microphone.
@@ -53,6 +55,10 @@ public:
     float level() const;
     // Why the take stopped growing (the disk is full, the microphone went away), once it has.
     std::optional<std::string> trouble() const;
+    // The uptime instant (CLOCK_MONOTONIC seconds) of the take's first sample, when it was
+    // started without one; sound heard before it is left out. Later calls change nothing; a
+    // take finished uncued begins where it was started.
+    void cue(double uptime);
     const std::string& takeID() const;
     const fs::path& takePath() const;
 

@@ -2,6 +2,7 @@
 
 #include "app/voiceover_recorder.h"
 #include "app/voiceover_take.h"
+#include "base/clock.h"
 #include "base/log.h"
 #include "base/places.h"
 #include "library/plim_document.h"
@@ -580,12 +581,12 @@ void EditorWindow::startVoiceover()
     settings.libraryFolder = *m_libraryFolder;
     settings.movie = m_movie;
     settings.sourceStart = voiceoverSourceTime(m_document->edits(), m_document->duration(), at);
+    settings.cueAtStart = false; // the take begins as the picture does
     auto recorder = VoiceoverRecorder::start(settings);
     if (!recorder) {
         showStatus(QString::fromStdString(recorder.error().sentence), true);
         return;
     }
-    // The take's first sample is now: the plim plays from the playhead at once.
     m_voiceover = std::move(*recorder);
     m_voiceSourceStart = settings.sourceStart;
     m_voiceOutputStart = at;
@@ -604,9 +605,10 @@ void EditorWindow::voiceoverTick()
         return;
     // Played once the picture moved on from where the take began (news of an earlier pause
     // may still be on its way); stopped after that, the plim ended or was paused.
-    if (m_preview->isPlaying() && m_preview->position() > m_voiceOutputStart + 0.05)
-        m_voicePlayed = true;
-    else if (!m_preview->isPlaying() && m_voicePlayed)
+    if (m_preview->isPlaying() && m_preview->position() > m_voiceOutputStart + 0.05) {
+        if (!std::exchange(m_voicePlayed, true)) // the picture started as far back as it has played
+            m_voiceover->cue(systemUptime() - (m_preview->position() - m_voiceOutputStart));
+    } else if (!m_preview->isPlaying() && m_voicePlayed)
         return finishVoiceover();
     const double seconds = m_voiceover->seconds();
     m_timeline->setRecordingTake(std::pair{m_voiceSourceStart, seconds});
