@@ -9,6 +9,7 @@
 #include "base/json.h"
 #include "library/plim_document.h"
 #include "library/plim_edits.h"
+#include "library/plim_identity.h"
 #include "testkit/servers.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
@@ -222,6 +223,28 @@ TEST_F(VoiceoverTest, KilledTakesAreSalvagedAndUnreadableOnesLeftAsTheyAre)
 
     // The next start says only what still cannot be done.
     EXPECT_EQ(salvageVoiceoverTakes(library), std::vector<std::string>{unreadable});
+
+    // A plim renamed since its take was cut off is found by its identity.
+    fs::remove(junk);
+    fs::remove(VoiceoverNote::noteIn(voiceoversFolder(library), junkID));
+    TestMovie small;
+    small.duration = 2;
+    const fs::path renamed = library / "Renamed.mov";
+    ASSERT_TRUE(writeTestMovie(renamed, small));
+    auto identity = PlimIdentity::mint(renamed);
+    ASSERT_TRUE(identity);
+    VoiceoverNote moved{junkID, library / "Before.mov", identity->uuid, 0.25, junkNote.process};
+    ASSERT_TRUE(moved.write(voiceoversFolder(library)));
+    auto writer = TakeWriter::create(VoiceoverNote::takeIn(voiceoversFolder(library), junkID), 48000);
+    ASSERT_TRUE(writer);
+    const std::vector<float> half(24000, 0.5f);
+    ASSERT_TRUE((*writer)->append(half.data(), int64_t(half.size())));
+    writer->reset();
+    EXPECT_EQ(salvageVoiceoverTakes(library),
+        std::vector<std::string>{"Plim was closed while recording a voiceover for \"Renamed\"; the 0.5 s recorded up "
+                                 "to then were kept and added to its edits at 0.2 s of the recording, as "
+                                 "Renamed.voiceover.wav. Up to a second of narration before the closing was lost."});
+    EXPECT_TRUE(fs::is_empty(voiceoversFolder(library)));
 }
 
 // A library folder that fills up while a take is recorded: the command says so as it happens,
