@@ -7,6 +7,7 @@
 #include "app/ctl_share.h"
 #include "app/ctl_stage.h"
 #include "app/ctl_suite.h"
+#include "app/ctl_voiceover.h"
 #include "app/plimctl.h"
 
 namespace plim {
@@ -26,6 +27,7 @@ const std::vector<CtlCommand>& ctlCommands()
         {"share", "share a plim as a movie, a GIF or a copy of the recording", runShareCommand},
         {"stage", "render a plim's staged movie, or one frame of it as a picture", runStageCommand},
         {"thumbs", "draw a plim's thumbnail strip and poster into B.thumbs.heic", runThumbsCommand},
+        {"voiceover", "record narration from the microphone into a plim at a time of its edit", runVoiceoverCommand},
     };
     return commands;
 }

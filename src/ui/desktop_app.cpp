@@ -2,6 +2,7 @@
 
 #include "app/control_verbs.h"
 #include "app/recording_recovery.h"
+#include "app/voiceover_salvage.h"
 #include "base/log.h"
 #include "base/places.h"
 #include "library/library.h"
@@ -133,6 +134,9 @@ int runDesktopApp(const std::vector<std::string>& argv)
     };
     // Recordings a killed run left are whole plims again before anything new records.
     auto recovered = recoverAbandonedRecordings(shell.driver().libraryFolder());
+    // So do voiceover takes a killed run was recording.
+    for (auto& sentence : salvageVoiceoverTakes(shell.driver().libraryFolder()))
+        recovered.push_back(std::move(sentence));
     shell.start(action);
     shell.showRecoveredRecordings(recovered);
     for (const QString& file : files)

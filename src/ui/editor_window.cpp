@@ -1,9 +1,14 @@
 #include "ui/editor_window.h"
 
+#include "app/voiceover_recorder.h"
+#include "app/voiceover_take.h"
+#include "base/clock.h"
 #include "base/json.h"
 #include "base/log.h"
+#include "base/places.h"
 #include "captions/caption_track.h"
 #include "library/plim_document.h"
+#include "library/storage_root.h"
 #include "media/movie_reader.h"
 #include "plan/edit_plan.h"
 #include "plan/zoom_state.h"
@@ -18,6 +23,7 @@
 
 #include <QAction>
 #include <QBoxLayout>
+#include <QCheckBox>
 #include <QCloseEvent>
 #include <QComboBox>
 #include <QFrame>
@@ -181,6 +187,14 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
     auto* zoom = toolButton("+ Zoom", "addZoom", "Add a zoom at the playhead");
     m_blurButton = toolButton("+ Blur", "addBlur", "Draw a blur box on the picture");
     m_blurButton->setCheckable(true);
+    m_voiceButton = toolButton("● Voiceover", "recordVoiceover",
+        "Record narration from the microphone from the playhead on while the plim plays (Esc drops the take)");
+    m_headphones = new QCheckBox("Headphones");
+    m_headphones->setObjectName("voiceoverHeadphones");
+    m_headphones->setChecked(true);
+    m_headphones->setFocusPolicy(Qt::NoFocus);
+    m_headphones->setToolTip("With headphones on, the plim plays with its sound while you narrate. Without them it "
+                             "plays picture only, so the microphone hears only you.");
     m_undoButton = toolButton("↶", "undoButton", "Undo (Ctrl+Z)");
     m_redoButton = toolButton("↷", "redoButton", "Redo (Ctrl+Shift+Z)");
     auto* shareButton = toolButton("Share…", "share");
@@ -192,12 +206,15 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
     transport->addWidget(zoom);
     transport->addWidget(m_blurButton);
     transport->addSpacing(10);
+    transport->addWidget(m_voiceButton);
+    transport->addWidget(m_headphones);
+    transport->addSpacing(10);
     transport->addWidget(m_undoButton);
     transport->addWidget(m_redoButton);
     transport->addSpacing(10);
     transport->addWidget(shareButton);
     column->addLayout(transport);
-    m_editingControls = {split, zoom, m_blurButton};
+    m_editingControls = {split, zoom, m_blurButton, m_voiceButton};
     for (QWidget* w : m_editingControls)
         w->setEnabled(false);
     m_undoButton->setEnabled(false);
@@ -245,6 +262,15 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
         if (auto id = m_document->addZoom(m_timeline->remap().input(m_preview->position()), 0.5, 0.5))
             m_timeline->select({TimelineView::ItemKind::zoom, *id});
     });
+    connect(m_voiceButton, &QPushButton::clicked, this, [this] {
+        if (isRecordingVoiceover())
+            finishVoiceover();
+        else
+            startVoiceover();
+    });
+    m_voiceTimer = new QTimer(this);
+    m_voiceTimer->setInterval(100);
+    connect(m_voiceTimer, &QTimer::timeout, this, &EditorWindow::voiceoverTick);
     connect(m_blurButton, &QPushButton::toggled, this, [this](bool on) {
         if (m_overlay)
             m_overlay->armDrawing(on);
@@ -276,6 +302,10 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
     key(Qt::Key_L, [this] { m_preview->shuttle(1); });
     key(Qt::Key_Left, [this] { m_preview->step(-1); });
     key(Qt::Key_Right, [this] { m_preview->step(1); });
+    key(Qt::Key_Escape, [this] {
+        if (isRecordingVoiceover())
+            cancelVoiceover();
+    });
 
     if (opening.notice)
         showStatus(QString::fromStdString(*opening.notice), true);
@@ -325,6 +355,7 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
 
 EditorWindow::~EditorWindow()
 {
+    finishVoiceover(); // a take in progress is kept
     // A caption pass under way is stopped first; the overlay and timeline refer to the
     // document, so they go before it.
     delete m_captioner;
@@ -568,8 +599,107 @@ void EditorWindow::updateTime()
     m_time->setText(clock(position) + " / " + clock(duration));
 }
 
+void EditorWindow::setLibraryFolder(std::filesystem::path folder) { m_libraryFolder = std::move(folder); }
+
+bool EditorWindow::isRecordingVoiceover() const { return m_voiceover != nullptr; }
+
+void EditorWindow::startVoiceover()
+{
+    if (!m_document || m_readOnly || m_voiceover)
+        return;
+    const double at = m_preview->position();
+    if (at >= m_preview->duration() - 0.1) {
+        showStatus("A voiceover starts at the playhead, and the playhead is at the end of the plim. Move it to where "
+                   "the narration should begin, then record.", true);
+        return;
+    }
+    m_preview->pause();
+    saveNow();
+    if (!m_libraryFolder)
+        m_libraryFolder = StorageRoot::direct(Places::home()).folder();
+    VoiceoverRecorder::Settings settings;
+    settings.libraryFolder = *m_libraryFolder;
+    settings.movie = m_movie;
+    settings.sourceStart = voiceoverSourceTime(m_document->edits(), m_document->duration(), at);
+    settings.cueAtStart = false; // the take begins as the picture does
+    auto recorder = VoiceoverRecorder::start(settings);
+    if (!recorder) {
+        showStatus(QString::fromStdString(recorder.error().sentence), true);
+        return;
+    }
+    m_voiceover = std::move(*recorder);
+    m_voiceSourceStart = settings.sourceStart;
+    m_voiceOutputStart = at;
+    m_voicePlayed = false;
+    m_preview->setMuted(!m_headphones->isChecked());
+    m_preview->play();
+    m_voiceButton->setText("■ Stop");
+    m_headphones->setEnabled(false);
+    m_voiceTimer->start();
+    voiceoverTick();
+}
+
+void EditorWindow::voiceoverTick()
+{
+    if (!m_voiceover)
+        return;
+    // Played once the picture moved on from where the take began (news of an earlier pause
+    // may still be on its way); stopped after that, the plim ended or was paused.
+    if (m_preview->isPlaying() && m_preview->position() > m_voiceOutputStart + 0.05) {
+        if (!std::exchange(m_voicePlayed, true)) // the picture started as far back as it has played
+            m_voiceover->cue(systemUptime() - (m_preview->position() - m_voiceOutputStart));
+    } else if (!m_preview->isPlaying() && m_voicePlayed)
+        return finishVoiceover();
+    const double seconds = m_voiceover->seconds();
+    m_timeline->setRecordingTake(std::pair{m_voiceSourceStart, seconds});
+    QString text = "Recording a voiceover · " + clock(seconds) + " · Esc drops the take";
+    if (auto trouble = m_voiceover->trouble())
+        text += " · " + QString::fromStdString(*trouble);
+    showStatus(text, m_voiceover->trouble().has_value());
+}
+
+void EditorWindow::finishVoiceover()
+{
+    if (!m_voiceover)
+        return;
+    auto recorder = std::move(m_voiceover);
+    m_voiceTimer->stop();
+    m_preview->pause();
+    auto voice = recorder->finish(*m_document);
+    recorder.reset();
+    m_preview->setMuted(false);
+    m_timeline->setRecordingTake(std::nullopt);
+    m_voiceButton->setText("● Voiceover");
+    m_headphones->setEnabled(true);
+    if (!voice) {
+        showStatus(QString::fromStdString(voice.error().sentence), true);
+        return;
+    }
+    m_timeline->select({TimelineView::ItemKind::voiceover, voice->id});
+    showStatus(QString("Voiceover added: %1 from %2 of the recording, as %3.")
+                   .arg(clock(voice->duration), clock(voice->start), QString::fromStdString(voice->file)));
+    setWindowTitle(QString::fromStdString(m_movie.stem().string()));
+    emit saved();
+}
+
+void EditorWindow::cancelVoiceover()
+{
+    if (!m_voiceover)
+        return;
+    m_voiceTimer->stop();
+    m_preview->pause();
+    m_voiceover->cancel();
+    m_voiceover.reset();
+    m_preview->setMuted(false);
+    m_timeline->setRecordingTake(std::nullopt);
+    m_voiceButton->setText("● Voiceover");
+    m_headphones->setEnabled(true);
+    showStatus("The voiceover take was dropped; nothing was added.");
+}
+
 void EditorWindow::closeEvent(QCloseEvent* event)
 {
+    finishVoiceover();
     saveNow();
     QWidget::closeEvent(event);
 }

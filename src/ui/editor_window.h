@@ -20,6 +20,7 @@
 #include <string>
 
 class QAction;
+class QCheckBox;
 class QLabel;
 class QPushButton;
 class QStackedWidget;
@@ -35,6 +36,7 @@ class PreviewView;
 class StagedCard;
 class ThumbnailSource;
 class TimelineView;
+class VoiceoverRecorder;
 class WaveformSource;
 
 class EditorWindow : public QWidget {
@@ -67,6 +69,17 @@ public:
     // Arms the preview for drawing one new blur box.
     void drawBlurBox();
 
+    // Voiceover: narration recorded from the microphone from the playhead on while the plim
+    // plays (with its sound, or picture only when headphones are off); the take lands beside
+    // the movie and joins the edits where it began. Takes in progress live in the library
+    // folder's Voiceovers folder (the user's library unless set).
+    void setLibraryFolder(std::filesystem::path folder);
+    void startVoiceover();
+    // Stops and keeps the take; cancelVoiceover() drops it.
+    void finishVoiceover();
+    void cancelVoiceover();
+    bool isRecordingVoiceover() const;
+
 signals:
     // The plim was read and the editor can be used (or, read only, looked at).
     void documentOpened();
@@ -83,6 +96,7 @@ private:
     void showStatus(const QString& text, bool failure = false);
     void updateTime();
     void generateCaptions();
+    void voiceoverTick();
 
     std::filesystem::path m_movie;
     std::function<void(const std::filesystem::path&)> m_share;
@@ -114,6 +128,14 @@ private:
     QAction* m_redo = nullptr;
     QPushButton* m_undoButton = nullptr;
     QPushButton* m_redoButton = nullptr;
+    QPushButton* m_voiceButton = nullptr;
+    QCheckBox* m_headphones = nullptr;
+    QTimer* m_voiceTimer = nullptr;
+    std::unique_ptr<VoiceoverRecorder> m_voiceover;
+    double m_voiceSourceStart = 0;
+    double m_voiceOutputStart = 0;
+    bool m_voicePlayed = false; // the preview has played since the take began
+    std::optional<std::filesystem::path> m_libraryFolder;
     QList<QWidget*> m_editingControls; // disabled while read only or not yet open
     QTimer* m_saveTimer = nullptr;
     CaptionGenerator* m_captioner = nullptr; // a child: stopped and waited for when the window goes

@@ -15,6 +15,7 @@
 #include <cmath>
 #include <utility>
 #include <mutex>
+#include <vector>
 
 namespace plim {
 
@@ -71,9 +72,43 @@ bool inside(const Rect& r, Point p)
     return p.x >= r.minX() - 1e-6 && p.x <= r.maxX() + 1e-6 && p.y >= r.minY() - 1e-6 && p.y <= r.maxY() + 1e-6;
 }
 
+// The preview's sound with its samples swapped for silence while muted; its clock runs on.
+class MutableSound final : public SoundOutput {
+public:
+    MutableSound(std::unique_ptr<SoundOutput> sound, std::shared_ptr<std::atomic<bool>> muted)
+        : m_sound(std::move(sound)), m_muted(std::move(muted))
+    {
+    }
+    Status open(int rate, int channels) override
+    {
+        m_channels = channels;
+        return m_sound->open(rate, channels);
+    }
+    Status write(const float* samples, int64_t frames) override
+    {
+        if (!m_muted->load())
+            return m_sound->write(samples, frames);
+        m_silence.assign(static_cast<size_t>(std::max<int64_t>(frames, 0) * m_channels), 0.0f);
+        return m_sound->write(m_silence.data(), frames);
+    }
+    void setPaused(bool paused) override { m_sound->setPaused(paused); }
+    void flush() override { m_sound->flush(); }
+    int64_t playedFrames() const override { return m_sound->playedFrames(); }
+    int64_t writtenFrames() const override { return m_sound->writtenFrames(); }
+    double latency() const override { return m_sound->latency(); }
+    int rate() const override { return m_sound->rate(); }
+
+private:
+    std::unique_ptr<SoundOutput> m_sound;
+    std::shared_ptr<std::atomic<bool>> m_muted;
+    int m_channels = 2;
+    std::vector<float> m_silence;
+};
+
 } // namespace
 
-PreviewView::PreviewView(QWidget* parent) : QWidget(parent), m_inbox(std::make_shared<Inbox>())
+PreviewView::PreviewView(QWidget* parent)
+    : QWidget(parent), m_inbox(std::make_shared<Inbox>()), m_muted(std::make_shared<std::atomic<bool>>(false))
 {
     m_inbox->view = this;
     setFocusPolicy(Qt::StrongFocus);
@@ -120,7 +155,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
     QPointer<PreviewView> guard(this);
     std::shared_ptr<Inbox> inbox = m_inbox;
     const bool raw = m_raw;
-    QThreadPool::globalInstance()->start([guard, inbox, movie, edits, size, opening, raw] {
+    QThreadPool::globalInstance()->start([guard, inbox, movie, edits, size, opening, raw, muted = m_muted] {
         struct Opened {
             std::shared_ptr<SharePlim> plim;
             std::unique_ptr<PreviewPlayer> player;
@@ -147,7 +182,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
                 options.height = static_cast<int>(w / out.aspect);
             }
             if (auto sound = SoundOutput::pulse("Plim preview"))
-                options.sound = std::move(*sound);
+                options.sound = std::make_unique<MutableSound>(std::move(*sound), muted);
             else
                 logLine(LogArea::main, "the preview plays without sound: " + sound.error().sentence);
             PreviewPlayer::Callbacks callbacks;
@@ -191,6 +226,10 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
         });
     });
 }
+
+void PreviewView::setMuted(bool muted) { m_muted->store(muted); }
+
+bool PreviewView::isMuted() const { return m_muted->load(); }
 
 void PreviewView::setEdits(const PlimEdits& edits)
 {

@@ -14,6 +14,7 @@
 #include <QTimer>
 #include <QWidget>
 
+#include <atomic>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -35,6 +36,10 @@ public:
     // The shown frame is drawn again with the new edits (look, zooms, blurs...) at once.
     void setEdits(const PlimEdits& edits);
     void setShowsRecording(bool raw);         // the raw recording instead of the staged picture
+    // Plays silence in place of the plim's sound (the pictures keep their pace), for a
+    // voiceover narrated without headphones; takes effect within a fifth of a second.
+    void setMuted(bool muted);
+    bool isMuted() const;
     bool showsRecording() const;
     void play();
     void pause();
@@ -72,6 +77,7 @@ private:
     QRectF pictureRect() const; // where the shown frame lies in the widget
 
     std::shared_ptr<Inbox> m_inbox;
+    std::shared_ptr<std::atomic<bool>> m_muted; // read by the player's sound thread
     std::unique_ptr<PreviewPlayer> m_player;
     std::shared_ptr<SharePlim> m_plim;
     std::unique_ptr<Shown> m_shown;

@@ -442,6 +442,17 @@ void TimelineView::paintVoiceovers(QPainter& p)
         const bool selected = m_selection.kind == ItemKind::voiceover && m_selection.id == voice.id;
         drawBlock(p, r, voiceGreen, QString::fromStdString(voice.file), selected);
     }
+    if (m_recordingTake) {
+        const auto [start, length] = *m_recordingTake;
+        QRectF r(xOf(start), lane.top() + 1, std::max(2.0, length * m_pxPerSecond), lane.height() - 2);
+        drawBlock(p, r, QColor(0xe0, 0x4a, 0x4a), "Recording…", false, true);
+    }
+}
+
+void TimelineView::setRecordingTake(std::optional<std::pair<double, double>> startAndLength)
+{
+    m_recordingTake = startAndLength;
+    update();
 }
 
 void TimelineView::paintTicks(QPainter& p)

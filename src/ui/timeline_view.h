@@ -17,6 +17,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace plim {
 
@@ -47,6 +48,9 @@ public:
     void setPlayhead(double outputTime);
     double playhead() const { return m_playhead; }
     const TimeRemap& remap() const { return m_remap; }
+
+    // The take being recorded (source seconds), drawn in the voiceovers lane as it grows.
+    void setRecordingTake(std::optional<std::pair<double, double>> startAndLength);
 
     const Selection& selection() const { return m_selection; }
     void select(Selection selection);
@@ -110,6 +114,7 @@ private:
     bool m_fitted = true;   // zoomed to show the whole recording
     bool m_readOnly = false;
     Selection m_selection;
+    std::optional<std::pair<double, double>> m_recordingTake;
     std::unique_ptr<Drag> m_drag;
 };
 

@@ -214,4 +214,19 @@ inline std::vector<double> soundOnsets(const fs::path& path, float level = 0.1f,
     return soundOnsets(allSound(path), level, quiet);
 }
 
+// The amplitude of a sine of `hz` in the left channel of interleaved 48 kHz stereo over [from, to) seconds.
+inline double toneLevel(const std::vector<float>& pcm, double hz, double from, double to)
+{
+    double re = 0, im = 0;
+    int64_t n = 0;
+    for (int64_t f = std::llround(from * soundSampleRate); f < std::llround(to * soundSampleRate); ++f, ++n) {
+        if (size_t(f) * 2 >= pcm.size())
+            break;
+        const double phase = 2 * M_PI * hz * double(f) / soundSampleRate;
+        re += pcm[size_t(f) * 2] * std::cos(phase);
+        im += pcm[size_t(f) * 2] * std::sin(phase);
+    }
+    return n > 0 ? 2 * std::hypot(re, im) / double(n) : 0;
+}
+
 } // namespace plim::testkit

@@ -6,11 +6,13 @@
 // and the preview. An edits file that cannot be read opens read only and stays as it was.
 // Generate captions transcribes a spoken plim off the GUI thread and shows the result.
 
+#include "app/voiceover_take.h"
 #include "base/files.h"
 #include "captions/caption_track.h"
 #include "captions/speech_plims.h"
 #include "library/plim_document.h"
 #include "library/plim_edits.h"
+#include "testkit/servers.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 #include "ui/editor_blur_overlay.h"
@@ -21,6 +23,7 @@
 #include "wait_until.h"
 
 #include <QAbstractButton>
+#include <QCheckBox>
 #include <QPushButton>
 #include <QScrollArea>
 #include <QSlider>
@@ -288,6 +291,7 @@ TEST(Editor, OpensAnUnreadableEditsFileReadOnlyAndLeavesItAsItWas)
             {timeline.xOf(firstClip.start) + 80, double(clips.center().y())});
         QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
         EXPECT_FALSE(window.document()->canUndo());
+        EXPECT_FALSE(window.findChild<QPushButton*>("recordVoiceover")->isEnabled());
         window.close();
     }
     EXPECT_EQ(readText(editsFile), broken);
@@ -328,4 +332,89 @@ TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
     ASSERT_TRUE(saved.look);
     EXPECT_TRUE(saved.look->captions);
     window.close();
+
+// The Voiceover control records the microphone (a tone played into the sound server's null
+// sink, whose monitor is the default source) from the playhead while the plim plays, picture
+// only with headphones off; the take shows on the timeline, joins the saved edits at the
+// playhead's source time, and is removed like any edit. Esc drops a take.
+TEST(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
+{
+    PulseServer pulse;
+    if (!pulse.isUp())
+        GTEST_SKIP() << "pulseaudio could not start here";
+    ScopedEnv server("PULSE_SERVER", "unix:" + (pulse.runtimeDir() / "native").string());
+    XdgSandbox sandbox;
+    TempDir folder;
+    const fs::path tone = folder / "narration.wav";
+    ASSERT_EQ(runCommand({"sox", "-n", "-r", "48000", "-c", "2", tone.string(), "synth", "30", "sine", "440"}).status, 0);
+    ChildProcess narrator({"paplay", "--latency-msec=20", "-d", "plimsink", tone.string()}, pulse.environment());
+    const fs::path movie = folder / "Narrated.mov";
+    TestMovie source;
+    source.duration = 5;
+    source.tones = {0}; // the plim's own sound: a steady 1 kHz tone
+    source.toneLength = 5;
+    ASSERT_TRUE(writeTestMovie(movie, source));
+    PlimEdits cut;
+    cut.plan.trimIn = 1.0;
+    ASSERT_TRUE(cut.write(movie, "test"));
+    const fs::path library = folder / "Library";
+
+    EditorWindow window({movie}, {}, folder / "looks.json");
+    window.setAttribute(Qt::WA_DeleteOnClose, false);
+    window.setLibraryFolder(library);
+    window.show();
+    window.activateWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
+    ASSERT_TRUE(waitUntil([&] { return window.document() && window.preview()->framesShown() > 0; }, 30))
+        << window.status().toStdString();
+    PreviewView& preview = *window.preview();
+    auto* record = window.findChild<QPushButton*>("recordVoiceover");
+    auto* headphones = window.findChild<QCheckBox*>("voiceoverHeadphones");
+    ASSERT_TRUE(record && headphones && record->isEnabled());
+    preview.seek(1.5);
+    ASSERT_TRUE(waitUntil([&] { return std::abs(preview.position() - 1.5) < 0.02; }));
+
+    QTest::mouseClick(headphones, Qt::LeftButton);
+    QTest::mouseClick(record, Qt::LeftButton);
+    ASSERT_TRUE(window.isRecordingVoiceover()) << window.status().toStdString();
+    ASSERT_TRUE(waitUntil([&] { return preview.isPlaying(); }));
+    EXPECT_TRUE(preview.isMuted());
+    QTest::qWait(1200);
+    EXPECT_EQ(fs::exists(voiceoversFolder(library)) ? std::distance(fs::directory_iterator(voiceoversFolder(library)),
+                                                          fs::directory_iterator())
+                                                    : 0,
+        2); // the take and its note
+    QTest::mouseClick(record, Qt::LeftButton);
+    EXPECT_FALSE(window.isRecordingVoiceover());
+    EXPECT_FALSE(preview.isMuted());
+
+    // Second 1.5 of the edit is second 2.5 of the recording, 1 s being trimmed off its start.
+    const PlimEdits saved = editsOnDisk(movie);
+    ASSERT_EQ(saved.voiceovers.size(), 1u) << window.status().toStdString();
+    const auto voice = saved.voiceovers[0];
+    EXPECT_NEAR(voice.start, 2.5, 0.02);
+    EXPECT_NEAR(voice.duration, 1.2, 0.4);
+    EXPECT_TRUE(fs::exists(folder / voice.file));
+    EXPECT_EQ(window.document()->edits().voiceovers, saved.voiceovers);
+    EXPECT_EQ(window.timeline()->selection(), (TimelineView::Selection{TimelineView::ItemKind::voiceover, voice.id}));
+    EXPECT_EQ(std::distance(fs::directory_iterator(voiceoversFolder(library)), fs::directory_iterator()), 0);
+    // The microphone heard the narration, and not the plim, which played picture only.
+    const auto sound = allSound(folder / voice.file);
+    EXPECT_GT(toneLevel(sound, 440, 0.2, voice.duration - 0.1), 0.2); // 0.71 when the tone never falters
+    EXPECT_LT(toneLevel(sound, 1000, 0.2, voice.duration - 0.1), 0.01);
+
+    // Esc drops a take: nothing joins, nothing is left behind.
+    QTest::mouseClick(record, Qt::LeftButton);
+    ASSERT_TRUE(window.isRecordingVoiceover());
+    QTest::qWait(300);
+    QTest::keyClick(&window, Qt::Key_Escape);
+    EXPECT_FALSE(window.isRecordingVoiceover());
+    EXPECT_EQ(window.document()->edits().voiceovers.size(), 1u);
+    EXPECT_EQ(std::distance(fs::directory_iterator(voiceoversFolder(library)), fs::directory_iterator()), 0)
+        << window.status().toStdString();
+
+    // The take selected on the timeline is removed with Delete, and saved so.
+    QTest::keyClick(window.timeline(), Qt::Key_Delete);
+    window.saveNow();
+    EXPECT_TRUE(editsOnDisk(movie).voiceovers.empty());
 }
