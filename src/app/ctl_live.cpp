@@ -3,6 +3,7 @@
 #include "app/interrupt_stop.h"
 #include "base/places.h"
 #include "library/look_store.h"
+#include "live/camera_sinks.h"
 #include "library/storage_root.h"
 #include "live/live.h"
 
@@ -84,10 +85,10 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
         }
         file = std::make_shared<FileLiveSink>(path);
         sinks.push_back(file);
+    } else if (to == "pipewire") {
+        sinks.push_back(std::shared_ptr<LiveSink>(makePipeWireCameraSink()));
     } else {
-        err << "plimctl live: the " << (to == "pipewire" ? "PipeWire camera (Plim Camera)" : "v4l2loopback camera (Plim Camera)")
-            << " is not built into this Plim, so nothing went live. Use --to file OUT.mkv to write the stream to a movie.\n";
-        return 1;
+        sinks.push_back(std::shared_ptr<LiveSink>(makeV4l2LoopbackSink()));
     }
 
     LookStore looks;

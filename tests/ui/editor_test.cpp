@@ -332,6 +332,7 @@ TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
     ASSERT_TRUE(saved.look);
     EXPECT_TRUE(saved.look->captions);
     window.close();
+}
 
 // The Voiceover control records the microphone (a tone played into the sound server's null
 // sink, whose monitor is the default source) from the playhead while the plim plays, picture
