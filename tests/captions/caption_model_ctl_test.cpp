@@ -50,7 +50,12 @@ TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
     // Paused from another terminal.
     {
         testkit::ChildProcess download({plimctl, "captions-model", "download"}, env, home / "out1", home / "err1");
-        ASSERT_TRUE(testkit::eventually([&] { return partialSize() >= 400'000; }));
+        // Paused once the progress shows a rate (a fast build gets 400 KB before its first sample).
+        ASSERT_TRUE(testkit::eventually([&] {
+            std::error_code ec;
+            return partialSize() >= 400'000 && fs::exists(home / "err1", ec)
+                && testkit::readText(home / "err1").find(" KB/s, about ") != std::string::npos;
+        }));
         auto paused = ctl("pause");
         EXPECT_EQ(paused.status, 0) << paused.err;
         EXPECT_TRUE(paused.out.starts_with("Paused the download of Whisper base at ")) << paused.out;
