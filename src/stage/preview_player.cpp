@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -30,6 +31,8 @@ double steadySeconds()
 constexpr int64_t soundBlockFrames = 2400; // 50 ms a write
 // While playing, every this many frames is kept for scrubbing; every frame when still.
 constexpr int64_t playCacheEvery = 8;
+// Frames composed ahead of the play clock: enough to ride out a key frame's slow decode.
+constexpr std::size_t aheadDepth = 4;
 
 // Composed frames by output slot, the least recently used let go past the byte cap.
 class FrameCache {
@@ -126,7 +129,7 @@ struct PreviewPlayer::State {
     bool raw = false;
     int64_t slot = 0;          // the frame shown
     int64_t frameCount = 1;
-    double composeSeconds = 0.01; // running estimate of one frame's drawing
+    std::atomic<double> composeSeconds{0.01}; // running estimate of one frame's drawing
     // The play clock: output seconds = basePosition + (steady - baseSteady) × rate, or
     // basePosition + heard seconds while sound plays.
     double basePosition = 0;
@@ -145,7 +148,19 @@ struct PreviewPlayer::State {
     std::atomic<bool> soundDrained{false}; // the run has written all of its mix
     std::atomic<uint64_t> soundStarted{0}; // the run the sound thread has flushed and begun
 
+    // --- Frames composed ahead while playing forward, under `mutex`. While `aheadOn` the
+    // composer thread owns `preview`; the drawing thread uses it again after stopAhead(). ---
+    std::condition_variable aheadWake; // the composer's
+    bool aheadOn = false;
+    bool composing = false; // the composer is drawing a frame now
+    int64_t aheadNext = 0;  // the next slot it composes
+    int64_t aheadEnd = 0;   // one past the last slot
+    bool aheadRaw = false;
+    std::deque<PreviewFrame> ready; // composed, in slot order
+    std::optional<Error> aheadError;
+
     std::thread drawing;
+    std::thread composer;
     std::thread soundThread;
 
     State(PreviewPlayer::Callbacks c, std::size_t cacheBytes) : callbacks(std::move(c)), cache(cacheBytes) {}
@@ -174,16 +189,56 @@ struct PreviewPlayer::State {
             callbacks.frame(frame);
     }
 
-    std::optional<PreviewFrame> compose(int64_t s)
+    // Draws slot `s`; on the drawing thread, or on the composer's while it owns the preview.
+    Result<PreviewFrame> composeShot(int64_t s, bool rawPicture)
     {
         const double started = steadySeconds();
-        auto shot = preview->shot(slotTime(s), raw);
-        if (!shot) {
-            fail(shot.error());
+        auto shot = PLIM_TRY(preview->shot(slotTime(s), rawPicture));
+        composeSeconds.store(0.8 * composeSeconds.load() + 0.2 * (steadySeconds() - started));
+        return PreviewFrame{std::move(shot.image), slotTime(s), s, shot.placement, true, rawPicture};
+    }
+
+    std::optional<PreviewFrame> compose(int64_t s)
+    {
+        auto frame = composeShot(s, raw);
+        if (!frame) {
+            fail(frame.error());
             return std::nullopt;
         }
-        composeSeconds = 0.8 * composeSeconds + 0.2 * (steadySeconds() - started);
-        return PreviewFrame{std::move(shot->image), slotTime(s), s, shot->placement, true, raw};
+        return std::move(*frame);
+    }
+
+    // Hands the preview to the composer, which draws from slot `from` on.
+    void startAhead(int64_t from)
+    {
+        {
+            std::lock_guard lock(mutex);
+            aheadOn = true;
+            aheadNext = from;
+            aheadEnd = frameCount;
+            aheadRaw = raw;
+            ready.clear();
+            aheadError.reset();
+        }
+        aheadWake.notify_all();
+    }
+
+    // Takes the preview back: waits out a frame being drawn and lets the drawn ones go.
+    void stopAhead()
+    {
+        std::unique_lock lock(mutex);
+        aheadOn = false;
+        wake.wait(lock, [&] { return !composing; });
+        ready.clear();
+        aheadError.reset();
+    }
+
+    // Lets the composer get ahead before the clock starts, so play does not open on drops.
+    void primeAhead()
+    {
+        std::unique_lock lock(mutex);
+        wake.wait_for(lock, std::chrono::milliseconds(300),
+            [&] { return stopping || requests.any() || aheadError || ready.size() >= 2 || aheadNext >= aheadEnd; });
     }
 
     // Draws the frame at slot `s` now (from the cache when it holds it) and shows it.
@@ -255,6 +310,10 @@ struct PreviewPlayer::State {
 
     void startClock()
     {
+        if (rate.load() > 0) {
+            startAhead(slot + 1);
+            primeAhead();
+        }
         basePosition = slotTime(slot);
         baseSteady = steadySeconds();
         clockOnSound = output && soundOn.load() && rate.load() == 1.0;
@@ -278,10 +337,13 @@ struct PreviewPlayer::State {
         if (on && rate.load() < 0 && slot <= 0)
             on = false;
         const bool was = playing.exchange(on);
-        if (on)
+        if (on) {
             startClock();
-        else if (was)
-            runSound(std::nullopt);
+        } else {
+            stopAhead();
+            if (was)
+                runSound(std::nullopt);
+        }
         if (was != on && callbacks.playing)
             callbacks.playing(on);
     }
@@ -315,18 +377,53 @@ struct PreviewPlayer::State {
                 setPlaying(false);
                 return;
             }
-            // The next frame that can still be drawn before its turn ends.
-            const double fpsNow = fps.load();
-            const int64_t reachable = RenderRules::slotOf(clock() + composeSeconds * r, fpsNow);
-            int64_t next = std::max(slot + 1, reachable);
-            if (next > frameCount - 1)
-                next = frameCount - 1;
-            dropped += next - slot - 1;
-            auto frame = compose(next);
-            if (!frame) {
+            if (!aheadOn)
+                startAhead(slot + 1);
+            std::optional<PreviewFrame> frame;
+            std::optional<Error> failure;
+            {
+                std::unique_lock lock(mutex);
+                for (;;) {
+                    if (stopping || requests.any())
+                        return;
+                    if (aheadError) {
+                        failure = std::move(aheadError);
+                        break;
+                    }
+                    lock.unlock();
+                    const double now = clock();
+                    lock.lock();
+                    // Frames whose turn has ended are let go; the composer skips to one it
+                    // can still draw in time.
+                    const int64_t due = RenderRules::slotOf(now, fps.load());
+                    while (!ready.empty() && ready.front().slot < std::min(due, aheadEnd - 1))
+                        ready.pop_front();
+                    const int64_t reachable = RenderRules::slotOf(now + composeSeconds.load() * r, fps.load());
+                    if (aheadNext < reachable) {
+                        aheadNext = std::min(reachable, aheadEnd - 1);
+                        aheadWake.notify_all();
+                    }
+                    if (!ready.empty()) {
+                        frame = std::move(ready.front());
+                        ready.pop_front();
+                        aheadWake.notify_all();
+                        break;
+                    }
+                    if (aheadNext >= aheadEnd && !composing) {
+                        // Every frame to the end was let go: show the last one.
+                        aheadNext = aheadEnd - 1;
+                        aheadWake.notify_all();
+                    }
+                    wake.wait_for(lock, std::chrono::milliseconds(5));
+                }
+            }
+            if (failure) {
+                fail(*failure);
                 setPlaying(false);
                 return;
             }
+            const int64_t next = frame->slot;
+            dropped += std::max<int64_t>(0, next - slot - 1);
             if (next % playCacheEvery == 0)
                 cache.put(*frame);
             if (!waitFor(slotTime(next), true))
@@ -362,6 +459,9 @@ struct PreviewPlayer::State {
                 r = std::move(requests);
                 requests = {};
             }
+            // A request takes the preview back from the composer; plain passes leave it ahead.
+            if (aheadOn && r.any())
+                stopAhead();
             bool redraw = false;
             bool restartClock = false;
             if (r.job) {
@@ -411,12 +511,6 @@ struct PreviewPlayer::State {
                 remakeSound();
                 soundMade = true;
             }
-            if (r.play && *r.play != playing.load()) {
-                setPlaying(*r.play);
-                restartClock = false;
-            } else if (restartClock && playing.load()) {
-                startClock();
-            }
             if (redraw)
                 show(slot);
             if (!soundMade) {
@@ -424,8 +518,41 @@ struct PreviewPlayer::State {
                 remakeSound();
                 soundMade = true;
             }
+            // Last: starting play hands the preview to the composer.
+            if (r.play && *r.play != playing.load())
+                setPlaying(*r.play);
+            else if (restartClock && playing.load())
+                startClock();
             if (playing.load())
                 playOne();
+        }
+    }
+
+    // ---------------- Composer thread ----------------
+
+    void composeLoop()
+    {
+        std::unique_lock lock(mutex);
+        for (;;) {
+            aheadWake.wait(lock, [&] {
+                return stopping || (aheadOn && !aheadError && ready.size() < aheadDepth && aheadNext < aheadEnd);
+            });
+            if (stopping)
+                return;
+            const int64_t s = aheadNext++;
+            const bool rawPicture = aheadRaw;
+            composing = true;
+            lock.unlock();
+            auto frame = composeShot(s, rawPicture);
+            lock.lock();
+            composing = false;
+            if (aheadOn) {
+                if (frame)
+                    ready.push_back(std::move(*frame));
+                else
+                    aheadError = frame.error();
+            }
+            wake.notify_all();
         }
     }
 
@@ -498,6 +625,7 @@ Result<std::unique_ptr<PreviewPlayer>> PreviewPlayer::open(const StagingJob& job
     State* s = state.get();
     if (s->output)
         s->soundThread = std::thread([s] { s->soundLoop(); });
+    s->composer = std::thread([s] { s->composeLoop(); });
     s->drawing = std::thread([s] { s->drawLoop(); });
     {
         std::lock_guard lock(s->mutex);
@@ -516,8 +644,11 @@ PreviewPlayer::~PreviewPlayer()
         m_state->stopping = true;
     }
     m_state->wake.notify_all();
+    m_state->aheadWake.notify_all();
     if (m_state->drawing.joinable())
         m_state->drawing.join();
+    if (m_state->composer.joinable())
+        m_state->composer.join();
     {
         std::lock_guard lock(m_state->soundMutex);
         m_state->soundStopping = true;
