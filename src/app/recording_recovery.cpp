@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "capture/capture_session.h"
 #include "capture/cursor_track.h"
 #include "capture/recording_marker.h"
@@ -23,7 +24,6 @@ constexpr const char* lostPicture = "up to 2 seconds of picture and sound";
 constexpr const char* lostPointer = "up to 1 second of the pointer";
 constexpr const char* lostKeys = "up to 4 seconds of the keys pressed";
 
-std::string quoted(const std::string& name) { return "\"" + name + "\""; }
 
 // A movie of a few bytes holds no more than its header: the first fragment never came.
 constexpr uintmax_t headerOnlyBytes = 1024;

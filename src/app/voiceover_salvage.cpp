@@ -4,6 +4,7 @@
 #include "base/files.h"
 #include "base/json.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "library/plim_document.h"
 #include "library/plim_identity.h"
 
@@ -14,7 +15,6 @@ namespace plim {
 
 namespace {
 
-std::string quoted(const std::string& name) { return "\"" + name + "\""; }
 
 std::string secondsText(double seconds)
 {

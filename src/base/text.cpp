@@ -173,4 +173,13 @@ std::string percentDecoded(std::string_view text)
     return out;
 }
 
+std::string quoted(const std::string& name) { return "\"" + name + "\""; }
+
+std::string clause(std::string sentence)
+{
+    while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == ' '))
+        sentence.pop_back();
+    return sentence;
+}
+
 } // namespace plim

@@ -45,4 +45,9 @@ std::string percentEncoded(std::string_view path);
 // The reverse: each %XX with two hex digits becomes its byte; anything else stays.
 std::string percentDecoded(std::string_view text);
 
+// A name in double quotes, as sentences cite a file or a plim: "Demo".
+std::string quoted(const std::string& name);
+// A sentence used inside another (in parentheses, after a colon) loses its closing full stop.
+std::string clause(std::string sentence);
+
 } // namespace plim

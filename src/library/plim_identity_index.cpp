@@ -1,5 +1,6 @@
 #include "library/plim_identity_index.h"
 
+#include "base/text.h"
 #include "library/plim_record.h"
 
 #include <map>
@@ -8,15 +9,7 @@ namespace plim {
 
 namespace {
 
-std::string quoted(const std::string& name) { return "\"" + name + "\""; }
 
-// A sentence used inside parentheses loses its closing full stop.
-std::string clause(std::string sentence)
-{
-    while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == ' '))
-        sentence.pop_back();
-    return sentence;
-}
 
 // "A", "A" and "B", "A", "B" and "C".
 std::string listed(const std::vector<std::string>& names)

@@ -2,6 +2,7 @@
 
 #include "base/files.h"
 #include "base/log.h"
+#include "base/text.h"
 #include "base/trash.h"
 
 #include <algorithm>
@@ -35,7 +36,6 @@ int64_t sizeOf(const std::optional<fs::path>& path)
     return error ? 0 : static_cast<int64_t>(bytes);
 }
 
-std::string quoted(const std::string& name) { return "\"" + name + "\""; }
 
 } // namespace
 

@@ -2,6 +2,7 @@
 
 #include "base/json.h"
 #include "base/log.h"
+#include "base/text.h"
 
 #include <system_error>
 
@@ -14,12 +15,6 @@ const char* noFolder = "there is no folder there any more (it was moved, renamed
                        "volume that is not mounted).";
 const char* noAccess = "this copy of Plim was never given access to it (the choice was made in a version that could not keep it).";
 
-std::string clause(std::string sentence)
-{
-    while (!sentence.empty() && (sentence.back() == '.' || sentence.back() == ' '))
-        sentence.pop_back();
-    return sentence;
-}
 
 } // namespace
 

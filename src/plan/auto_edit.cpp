@@ -11,8 +11,6 @@ namespace plim::AutoEdit {
 
 namespace {
 
-constexpr double epsilon = 1e-6;
-
 // Trim
 constexpr double motionThreshold = 6.0;   // points from the first sample
 constexpr double leadBeforeActivity = 0.35;
@@ -186,7 +184,7 @@ std::vector<Skip> makeSkips(const Performance& p, const std::vector<IdleSpan>& b
         double backT = std::max(static_cast<double>(k - speedWindowTicks) / ticksPerSecond, trim.in);
         auto [x, y] = now.at(t);
         double speed = 0;
-        if (t - backT > epsilon) {
+        if (t - backT > timeEpsilon) {
             auto [bx, by] = earlier.at(backT);
             speed = hypotenuse(x - bx, y - by) / (t - backT);
         } else {
@@ -205,7 +203,7 @@ std::vector<Skip> makeSkips(const Performance& p, const std::vector<IdleSpan>& b
         }
         if (inRun && (!idle || k == lastTick)) {
             double length = static_cast<double>(k - runStart) / ticksPerSecond;
-            if (length >= shortestIdleRun - epsilon) {
+            if (length >= shortestIdleRun - timeEpsilon) {
                 double s = static_cast<double>(runStart) / ticksPerSecond;
                 skips.push_back({s + calmMargin, t - calmMargin, skipSpeed});
             }
@@ -244,12 +242,12 @@ std::vector<Zoom> makeZooms(const Performance& p, const Trim& trim, const std::v
     };
     std::vector<Cluster> clusters;
     for (const ActionPoint& click : p.actionPoints) {
-        if (click.t < trim.in - epsilon || click.t > trim.out + epsilon)
+        if (click.t < trim.in - timeEpsilon || click.t > trim.out + timeEpsilon)
             continue;
         if (!clusters.empty()) {
             Cluster& c = clusters.back();
             double n = static_cast<double>(c.clicks.size());
-            bool soon = click.t - c.clicks.back().t < clusterGap - epsilon;
+            bool soon = click.t - c.clicks.back().t < clusterGap - timeEpsilon;
             bool near = hypotenuse(click.x - c.sumX / n, click.y - c.sumY / n) < clusterReach;
             if (soon && near) {
                 c.clicks.push_back(click);
@@ -286,7 +284,7 @@ std::vector<Zoom> makeZooms(const Performance& p, const Trim& trim, const std::v
                     z.start = std::max(z.start, s.end);
             }
         }
-        if (z.end - z.start > shortestZoom + epsilon)
+        if (z.end - z.start > shortestZoom + timeEpsilon)
             zooms.push_back(z);
     }
     return zooms;
@@ -333,7 +331,7 @@ std::string summary(const Proposal& result, double duration, bool deadAirSpedUp,
             fastest = std::max(fastest, s.speed);
         pieces.push_back("dead air " + speedLabel(fastest) + " faster");
     }
-    if (result.trim.in + (duration - result.trim.out) > 0.3 + epsilon)
+    if (result.trim.in + (duration - result.trim.out) > 0.3 + timeEpsilon)
         pieces.push_back("ends trimmed");
     if (cursorSmoothed)
         pieces.push_back("cursor smoothed");

@@ -9,8 +9,6 @@ namespace plim {
 
 namespace {
 
-constexpr double epsilon = 1e-6;
-
 bool finite(double v) { return std::isfinite(v); }
 
 // Whole milliseconds, truncated toward zero; 0 for values that do not fit.
@@ -92,17 +90,17 @@ std::vector<RemapStep> EditPlan::steps(const std::vector<SkipDecision>& skips, c
         if (!finite(cut.start) || !finite(cut.end))
             continue;
         IdleSpan span{std::min(std::max(cut.start, 0.0), raw), std::min(std::max(cut.end, 0.0), raw)};
-        if (span.end - span.start > epsilon)
+        if (span.end - span.start > timeEpsilon)
             removed.push_back(span);
     }
     if (trimIn && finite(*trimIn) && *trimIn > 0) {
         double end = std::min(*trimIn, raw);
-        if (end > epsilon)
+        if (end > timeEpsilon)
             removed.push_back({0, end});
     }
     if (trimOut && finite(*trimOut)) {
         double start = std::min(std::max(*trimOut, 0.0), raw);
-        if (raw - start > epsilon)
+        if (raw - start > timeEpsilon)
             removed.push_back({start, raw});
     }
 
@@ -110,7 +108,7 @@ std::vector<RemapStep> EditPlan::steps(const std::vector<SkipDecision>& skips, c
         [](const IdleSpan& a, const IdleSpan& b) { return a.start < b.start; });
     std::vector<IdleSpan> merged;
     for (const auto& span : removed) {
-        if (!merged.empty() && span.start <= merged.back().end + epsilon)
+        if (!merged.empty() && span.start <= merged.back().end + timeEpsilon)
             merged.back().end = std::max(merged.back().end, span.end);
         else
             merged.push_back(span);
@@ -128,9 +126,9 @@ std::vector<RemapStep> EditPlan::steps(const std::vector<SkipDecision>& skips, c
             std::vector<IdleSpan> next;
             for (const auto& piece : pieces) {
                 if (piece.start < cut.end && cut.start < piece.end) {
-                    if (cut.start - piece.start > epsilon)
+                    if (cut.start - piece.start > timeEpsilon)
                         next.push_back({piece.start, cut.start});
-                    if (piece.end - cut.end > epsilon)
+                    if (piece.end - cut.end > timeEpsilon)
                         next.push_back({cut.end, piece.end});
                 } else {
                     next.push_back(piece);
@@ -139,7 +137,7 @@ std::vector<RemapStep> EditPlan::steps(const std::vector<SkipDecision>& skips, c
             pieces = std::move(next);
         }
         for (const auto& piece : pieces)
-            if (piece.end - piece.start > epsilon)
+            if (piece.end - piece.start > timeEpsilon)
                 out.push_back({piece, RemapMode::rate(skip.rate > 0 ? playableRate(skip.rate) : skip.rate)});
     }
 
@@ -198,11 +196,11 @@ std::vector<EditPlan::Segment> EditPlan::segments(double rawDuration) const
     std::vector<Segment> out;
     double cursor = 0;
     for (const auto& span : removedSpans(rawDuration)) {
-        if (span.start - cursor > epsilon)
+        if (span.start - cursor > timeEpsilon)
             out.push_back({cursor, span.start});
         cursor = std::max(cursor, span.end);
     }
-    if (rawDuration - cursor > epsilon)
+    if (rawDuration - cursor > timeEpsilon)
         out.push_back({cursor, rawDuration});
     return out;
 }
@@ -232,7 +230,7 @@ std::vector<EditPlan::PlayedSkip> EditPlan::playedSkips(double rawDuration) cons
         double e = std::clamp(skip.span.end, 0.0, rawDuration);
         for (std::size_t i = 0; i < timeline.pieces.size(); ++i) {
             const auto& piece = timeline.pieces[i];
-            if (std::min(e, piece.rawEnd) - std::max(s, piece.rawStart) <= epsilon)
+            if (std::min(e, piece.rawEnd) - std::max(s, piece.rawStart) <= timeEpsilon)
                 continue;
             if (auto at = timeline.outputTimeIn(i, std::max(s, piece.rawStart)))
                 out.push_back({skip, *at});
@@ -259,7 +257,7 @@ std::optional<EditPlan::TransitionPhase> EditPlan::transition(double t, double r
 
     std::optional<TransitionPhase> best;
     for (const auto& cut : cuts) {
-        if (!cut.transition || !finite(cut.start) || !finite(cut.end) || cut.end - cut.start < epsilon)
+        if (!cut.transition || !finite(cut.start) || !finite(cut.end) || cut.end - cut.start < timeEpsilon)
             continue;
         double h = transitionLength(cut.transition->duration) / 2;
         double s = std::clamp(cut.start, 0.0, raw);

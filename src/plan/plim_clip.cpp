@@ -10,8 +10,6 @@ namespace plim {
 
 namespace {
 
-constexpr double epsilon = 1e-6;
-
 double effectiveRate(const RemapStep& step)
 {
     return std::isfinite(step.mode.r) && step.mode.r > 0 ? step.mode.r : 1.0;
@@ -34,7 +32,7 @@ std::optional<PlimClip> PlimClip::sanitized(double rawDuration) const
     PlimClip clip = *this;
     clip.start = std::clamp(start, 0.0, rawDuration);
     clip.end = std::clamp(end, 0.0, rawDuration);
-    if (clip.end - clip.start <= epsilon)
+    if (clip.end - clip.start <= timeEpsilon)
         return std::nullopt;
     return clip;
 }
@@ -144,7 +142,7 @@ std::vector<ClipTimeline::Pass> ClipTimeline::passes() const
     std::vector<Pass> out;
     for (std::size_t i = 0; i < pieces.size(); ++i) {
         const Piece& piece = pieces[i];
-        if (!out.empty() && std::fabs(out.back().rawEnd - piece.rawStart) <= epsilon) {
+        if (!out.empty() && std::fabs(out.back().rawEnd - piece.rawStart) <= timeEpsilon) {
             out.back().rawEnd = piece.rawEnd;
             out.back().pieces.push_back(i);
         } else {
@@ -162,7 +160,7 @@ std::optional<double> ClipTimeline::outputTime(double raw) const
         if (piece.rawStart <= raw && raw < piece.rawEnd)
             return piece.outStart + playedLength(rates, piece.rawStart, raw);
     for (const auto& piece : pieces)
-        if (std::fabs(raw - piece.rawEnd) <= epsilon)
+        if (std::fabs(raw - piece.rawEnd) <= timeEpsilon)
             return piece.outEnd;
     return std::nullopt;
 }

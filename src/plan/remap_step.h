@@ -4,6 +4,9 @@
 
 namespace plim {
 
+// Source or output seconds closer than this are the same instant.
+inline constexpr double timeEpsilon = 1e-6;
+
 // A stretch of source time in seconds.
 struct IdleSpan {
     double start = 0;

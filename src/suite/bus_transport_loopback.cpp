@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* loopbackSender = ":loopback";
 
-struct Delivery {
+struct LoopbackDelivery {
     std::recursive_mutex lock;
     bool alive = true;
     std::string name;
@@ -29,7 +29,7 @@ public:
     {
         for (;;) {
             std::pair<std::string, std::string> message;
-            std::vector<std::shared_ptr<Delivery>> targets;
+            std::vector<std::shared_ptr<LoopbackDelivery>> targets;
             {
                 std::unique_lock guard(m_lock);
                 m_wake.wait(guard, [&] { return m_stopping || !m_queue.empty(); });
@@ -66,10 +66,10 @@ public:
         m_wake.notify_all();
     }
 
-    void add(const std::shared_ptr<Delivery>& delivery)
+    void add(const std::shared_ptr<LoopbackDelivery>& delivery)
     {
         std::lock_guard guard(m_lock);
-        std::erase_if(m_deliveries, [](const std::weak_ptr<Delivery>& d) { return d.expired(); });
+        std::erase_if(m_deliveries, [](const std::weak_ptr<LoopbackDelivery>& d) { return d.expired(); });
         m_deliveries.push_back(delivery);
     }
 
@@ -92,14 +92,14 @@ private:
     std::mutex m_lock;
     std::condition_variable m_wake;
     std::deque<std::pair<std::string, std::string>> m_queue;
-    std::vector<std::weak_ptr<Delivery>> m_deliveries;
+    std::vector<std::weak_ptr<LoopbackDelivery>> m_deliveries;
     uint64_t m_posted = 0, m_delivered = 0;
     bool m_stopping = false;
 };
 
 class LoopbackSubscription final : public BusTransport::Subscription {
 public:
-    explicit LoopbackSubscription(std::shared_ptr<Delivery> delivery) : m_delivery(std::move(delivery)) {}
+    explicit LoopbackSubscription(std::shared_ptr<LoopbackDelivery> delivery) : m_delivery(std::move(delivery)) {}
     ~LoopbackSubscription() override
     {
         std::lock_guard guard(m_delivery->lock);
@@ -107,7 +107,7 @@ public:
     }
 
 private:
-    std::shared_ptr<Delivery> m_delivery;
+    std::shared_ptr<LoopbackDelivery> m_delivery;
 };
 
 class LoopbackTransport final : public BusTransport {
@@ -138,7 +138,7 @@ public:
     {
         if (!splitBusName(name))
             return fail("\"" + std::string(name) + "\" is not a valid message name; nothing is being listened to.");
-        auto delivery = std::make_shared<Delivery>();
+        auto delivery = std::make_shared<LoopbackDelivery>();
         delivery->name = std::string(name);
         delivery->handler = std::move(handler);
         m_core->add(delivery);

@@ -33,7 +33,7 @@ namespace plim {
 
 namespace {
 
-struct Delivery {
+struct BusDelivery {
     std::recursive_mutex lock; // held while the handler runs
     bool alive = true;
     BusTransport::Handler handler;
@@ -199,7 +199,7 @@ public:
         return flushOnLoop();
     }
 
-    Result<uint64_t> addMatch(std::string_view name, std::shared_ptr<Delivery> delivery)
+    Result<uint64_t> addMatch(std::string_view name, std::shared_ptr<BusDelivery> delivery)
     {
         auto names = splitBusName(name);
         if (!names)
@@ -349,7 +349,7 @@ private:
 
 class SdbusSubscription final : public BusTransport::Subscription {
 public:
-    SdbusSubscription(std::weak_ptr<Core> core, uint64_t id, std::shared_ptr<Delivery> delivery)
+    SdbusSubscription(std::weak_ptr<Core> core, uint64_t id, std::shared_ptr<BusDelivery> delivery)
         : m_core(std::move(core))
         , m_id(id)
         , m_delivery(std::move(delivery))
@@ -375,7 +375,7 @@ public:
 private:
     std::weak_ptr<Core> m_core;
     uint64_t m_id;
-    std::shared_ptr<Delivery> m_delivery;
+    std::shared_ptr<BusDelivery> m_delivery;
 };
 
 class SdbusTransport final : public BusTransport {
@@ -403,7 +403,7 @@ public:
 
     Result<std::unique_ptr<Subscription>> subscribe(std::string_view name, Handler handler) override
     {
-        auto delivery = std::make_shared<Delivery>();
+        auto delivery = std::make_shared<BusDelivery>();
         delivery->handler = std::move(handler);
         std::string copy(name);
         auto id = m_core->onLoop([core = m_core.get(), copy, delivery] { return core->addMatch(copy, delivery); });
