@@ -162,6 +162,35 @@ TEST(LibinputSequences, ClicksLandWhereTheMotionTookThePointer)
     EXPECT_EQ(tracker.position(), (Point{0, 1079}));
 }
 
+// The wlr desktop finds where its pointer starts by comparing pictures drawn with and without it.
+TEST(LibinputSequences, ThePointerIsWhereOnlyTheDrawnPictureDiffers)
+{
+    auto screen = [](uint32_t clock) {
+        Image image = Image::allocate(320, 200);
+        for (int y = 0; y < 200; ++y)
+            for (int x = 0; x < 320; ++x)
+                reinterpret_cast<uint32_t*>(image.row(y))[x] = 0xff000000u | uint32_t(x * 7 + y * 13) | (x < 40 && y < 10 ? clock : 0);
+        return image;
+    };
+    auto withPointer = [](Image image, int x0, int y0) {
+        for (int y = 0; y < 19; ++y)
+            for (int x = 0; x <= y / 2; ++x)
+                reinterpret_cast<uint32_t*>(image.row(y0 + y))[x0 + x] = 0xffffffffu;
+        return image;
+    };
+    // A clock ticking between the pictures does not count; a tip on the top-left pixel does.
+    EXPECT_EQ(pointerInPictures(withPointer(screen(1u << 20), 101, 57), screen(0), screen(1u << 20)), (Point{101, 57}));
+    EXPECT_EQ(pointerInPictures(withPointer(screen(0), 0, 0), screen(0), screen(1u << 21)), (Point{0, 0}));
+    EXPECT_FALSE(pointerInPictures(screen(0), screen(0), screen(0))) << "no pointer shows";
+    // Everything changing at once (a video playing) is no pointer.
+    Image moving = screen(0);
+    for (int y = 0; y < 200; ++y)
+        for (int x = 0; x < 320; ++x)
+            reinterpret_cast<uint32_t*>(moving.row(y))[x] ^= 0x00ff00u;
+    EXPECT_FALSE(pointerInPictures(moving, screen(0), screen(1u << 20)));
+    EXPECT_FALSE(pointerInPictures(screen(0), Image::allocate(10, 10), screen(0)));
+}
+
 TEST(LibinputDevices, UnreadableDevicesGiveTheSentenceWithItsFix)
 {
     if (rerunUnprivileged())

@@ -191,6 +191,32 @@ std::optional<Point> InputTracker::position()
     return m_pointer;
 }
 
+std::optional<Point> pointerInPictures(const Image& drawn, const Image& bare, const Image& bareAgain)
+{
+    // No pointer picture is larger than this, at any scale.
+    constexpr int largestPointer = 256;
+    for (const Image* image : {&bare, &bareAgain})
+        if (image->isEmpty() || image->width != drawn.width || image->height != drawn.height)
+            return std::nullopt;
+    int x0 = drawn.width, y0 = drawn.height, x1 = -1, y1 = -1;
+    for (int y = 0; y < drawn.height; ++y) {
+        const auto* d = reinterpret_cast<const uint32_t*>(drawn.row(y));
+        const auto* a = reinterpret_cast<const uint32_t*>(bare.row(y));
+        const auto* b = reinterpret_cast<const uint32_t*>(bareAgain.row(y));
+        for (int x = 0; x < drawn.width; ++x) {
+            if (((d[x] ^ a[x]) & 0xffffff) == 0 || ((d[x] ^ b[x]) & 0xffffff) == 0)
+                continue;
+            x0 = std::min(x0, x);
+            x1 = std::max(x1, x);
+            y0 = std::min(y0, y);
+            y1 = y;
+        }
+    }
+    if (x1 < 0 || x1 - x0 >= largestPointer || y1 - y0 >= largestPointer)
+        return std::nullopt;
+    return Point{double(x0), double(y0)};
+}
+
 double InputTracker::secondsSinceLastKeyDown() { return m_clock.uptime() - m_lastKeyDown.load(); }
 
 } // namespace plim

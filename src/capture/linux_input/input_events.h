@@ -22,6 +22,7 @@
 #include "base/clock.h"
 #include "base/error.h"
 #include "base/geometry.h"
+#include "base/image.h"
 #include "capture/click_source.h"
 #include "capture/event_handlers.h"
 #include "capture/key_activity_source.h"
@@ -108,5 +109,12 @@ private:
     EventHandlers<ClickSource::Press> m_clicks;
     EventHandlers<KeyPress> m_keys;
 };
+
+// Where the pointer is in a picture the desktop drew it into (`drawn`), given pictures of
+// the same screen without it taken just before and just after (`bare`, `bareAgain`): the
+// top-left corner of the pixels that differ from both, where an arrow has its tip. Nothing
+// when no pointer shows, the screen changed too much to tell, or the sizes differ. In the
+// pictures' pixels.
+std::optional<Point> pointerInPictures(const Image& drawn, const Image& bare, const Image& bareAgain);
 
 } // namespace plim
