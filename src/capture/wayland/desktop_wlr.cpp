@@ -8,6 +8,7 @@
 
 #include "capture/linux_input/input_events.h"
 #include "capture/linux_input/input_libinput.h"
+#include "capture/wayland/keymap_wayland.h"
 #include "capture/wayland/wayland_connection.h"
 
 #include <cmath>
@@ -81,6 +82,7 @@ public:
                     options.pointer = pointerOn(*output);
             }
         }
+        options.keymap = compositorKeymap();
         auto inputs = PLIM_TRY(openLibinputInputs(options));
         if (options.pointer)
             m_drawPointer->store(false);
