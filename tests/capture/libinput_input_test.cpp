@@ -17,6 +17,8 @@
 
 #include <cstring>
 #include <initializer_list>
+#include <mutex>
+#include <vector>
 
 namespace plim {
 namespace {
