@@ -162,6 +162,15 @@ TEST(LibinputSequences, ClicksLandWhereTheMotionTookThePointer)
     EXPECT_EQ(tracker.position(), (Point{1600, 270}));
     tracker.placePointer({-40, 2000});
     EXPECT_EQ(tracker.position(), (Point{0, 1079}));
+
+    // A desktop that follows the pointer itself (a stream's cursor metadata) places the clicks.
+    struct Metadata final : PointerSource {
+        std::optional<Point> position() override { return Point{812.5, 33}; }
+    } metadata;
+    tracker.placeClicksBy(&metadata);
+    replay(tracker, {button(BTN_LEFT, false, 6), button(BTN_LEFT, true, 6, 1302)});
+    ASSERT_EQ(presses.size(), 4u);
+    EXPECT_EQ(presses[3], (ClickSource::Press{ClickSource::Button::left, 812.5, 33, 1302}));
 }
 
 // The wlr desktop finds where its pointer starts by comparing pictures drawn with and without it.
@@ -200,7 +209,7 @@ TEST(LibinputDevices, UnreadableDevicesGiveTheSentenceWithItsFix)
     TempDir devices;
     writeText(devices / "event0", "");
     fs::permissions(devices / "event0", fs::perms::none);
-    auto opened = openLibinputInputs({{{0, 0, 1280, 720}}, {}, std::nullopt, devices.path()});
+    auto opened = openLibinputInputs({{{0, 0, 1280, 720}}, {}, std::nullopt, nullptr, devices.path()});
     ASSERT_FALSE(opened);
     const std::string& sentence = opened.error().sentence;
     EXPECT_EQ(opened.error().kind, Error::Kind::refused);

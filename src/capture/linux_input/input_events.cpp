@@ -140,7 +140,7 @@ void InputTracker::buttonChange(uint32_t device, uint32_t code, bool down, doubl
         return;
     if (code != BTN_LEFT && code != BTN_RIGHT)
         return; // the wheel's button and extra buttons
-    auto where = position();
+    auto where = m_clickPlace ? m_clickPlace->position() : position();
     if (!where)
         return;
     m_clicks.deliver({code == BTN_LEFT ? ClickSource::Button::left : ClickSource::Button::right, where->x, where->y,

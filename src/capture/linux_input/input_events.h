@@ -73,6 +73,9 @@ public:
     void handle(const InputEvent& event);
     // The desktop says where the pointer is (clamped to the layout).
     void placePointer(Point at);
+    // Clicks land where `pointer` says (a stream's cursor metadata) rather than where the
+    // motion took the pointer. Call before events flow; `pointer` must outlive the tracker.
+    void placeClicksBy(PointerSource* pointer) { m_clickPlace = pointer; }
 
     std::optional<Point> position() override;
     double secondsSinceLastKeyDown() override;
@@ -100,6 +103,7 @@ private:
     std::map<uint32_t, int> m_keysDown;         // how many devices hold each key
     std::map<uint32_t, int> m_buttonsDown;      // and each button
     std::atomic<double> m_lastKeyDown{-1e9};
+    PointerSource* m_clickPlace = nullptr;
 
     mutable std::mutex m_lock; // guards the pointer
     std::optional<Point> m_pointer;

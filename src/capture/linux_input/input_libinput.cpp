@@ -224,6 +224,7 @@ Result<DesktopInputs> openLibinputInputs(const LibinputOptions& options)
         return fail(tracker.error().sentence, Error::Kind::refused);
     if (options.pointer)
         (*tracker)->placePointer(*options.pointer);
+    (*tracker)->placeClicksBy(options.clicksAt);
     auto owner = std::make_shared<LibinputInputs>(std::move(*tracker));
     PLIM_TRY(owner->open(options.devices));
     DesktopInputs inputs;

@@ -21,6 +21,8 @@ struct LibinputOptions {
     std::vector<Rect> layout;       // the outputs in global points, the main one first
     std::string keymap;             // the desktop's keymap (xkb text); empty for the default
     std::optional<Point> pointer;   // where the pointer is, when the desktop knows
+    PointerSource* clicksAt = nullptr; // where clicks land, when the desktop follows the
+                                       // pointer itself (it outlives the inputs)
     fs::path devices = "/dev/input";
 };
 
