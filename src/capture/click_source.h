@@ -2,7 +2,8 @@
 // Mouse-button presses anywhere on the display, delivered to installed handlers.
 //
 // Backends: an X11 backend listening to XInput 2 raw button events, made by its
-// create...() factory returning Result<std::unique_ptr<ClickSource>>; tests use the
+// create...() factory returning Result<std::unique_ptr<ClickSource>>; on Wayland the
+// libinput backend (capture/linux_input/, the kernel's devices); tests use the
 // scripted stand-in in tests/testing/, which delivers what a test presses.
 //
 // Threads: install and remove may come from any thread. Handlers run on the source's own

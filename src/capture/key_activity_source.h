@@ -3,8 +3,9 @@
 // sample as typing (`k`) when that is under 1/30 s.
 //
 // Backends: an X11 backend (the keyboard watch behind the key source, made by its
-// create...() factory returning Result<std::unique_ptr<KeyActivitySource>>); tests use the
-// scripted stand-in in tests/testing/. Without a backend the recorder writes k = 0.
+// create...() factory returning Result<std::unique_ptr<KeyActivitySource>>), and on Wayland
+// the libinput backend (capture/linux_input/); tests use the scripted stand-in in
+// tests/testing/. Without a backend the recorder writes k = 0.
 //
 // Threads: secondsSinceLastKeyDown() comes from the recorder's poll thread, 60 times a
 // second, and must not block; key events arrive on the backend's own thread, so the

@@ -3,7 +3,8 @@
 // (an xkb_keysym_t value) and the modifiers held.
 //
 // Backends: an X11 backend translating XInput 2 raw key events through xkbcommon, made by
-// its create...() factory returning Result<std::unique_ptr<KeySource>>; tests use the
+// its create...() factory returning Result<std::unique_ptr<KeySource>>; on Wayland the
+// libinput backend (capture/linux_input/) naming evdev keys the same way; tests use the
 // scripted stand-in in tests/testing/, which delivers what a test presses.
 //
 // Threads: install and remove may come from any thread; handlers run on the source's own

@@ -2,8 +2,10 @@
 // Where the pointer is. The cursor recorder asks 60 times a second.
 //
 // Backends: an X11 backend that queries the server, made by its create...() factory
-// returning Result<std::unique_ptr<PointerSource>>; tests use the scripted stand-in in
-// tests/testing/. Wayland gives no global pointer position, so it has no backend.
+// returning Result<std::unique_ptr<PointerSource>>; on Wayland, where no global position
+// is given, the libinput backend (capture/linux_input/) follows relative motion over the
+// outputs once it knows where the pointer is; tests use the scripted stand-in in
+// tests/testing/.
 //
 // Threads: position() comes from the recorder's poll thread only. It must answer within a
 // few milliseconds (one round trip to the display server at most) and never block on

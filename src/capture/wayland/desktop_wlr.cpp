@@ -1,9 +1,14 @@
 // The wlroots desktop: its outputs over one query connection and screencopy pictures. It
-// lists no windows (wlr-screencopy reads outputs only) and hands out no pointer, click or
-// key sources (those need the kernel's input devices).
+// lists no windows (wlr-screencopy reads outputs only). Clicks, keys and the pointer come
+// from the kernel's input devices through libinput; the pointer goes to the cursor track
+// (and out of the picture) when its place at the start is found by comparing pictures
+// taken with and without it, else the compositor keeps drawing it.
 
 #include "capture/wayland/desktop_wlr.h"
 
+#include "capture/linux_input/input_events.h"
+#include "capture/linux_input/input_libinput.h"
+#include "capture/wayland/keymap_wayland.h"
 #include "capture/wayland/wayland_connection.h"
 
 #include <cmath>
@@ -60,18 +65,50 @@ public:
 
     Result<std::unique_ptr<ScreenSource>> screen(const ScreenSubject& subject) override
     {
-        return createWlrScreenSource(subject);
+        return createWlrScreenSource(subject, m_drawPointer);
     }
 
     Result<DesktopInputs> inputs() override
     {
-        return fail("Clicks, keys and the pointer's track are not recorded on this Wayland desktop: Plim would read "
-                    "them from the input devices, which needs membership of the input group and is not built yet. "
-                    "The recording rolls on without them; the pointer still shows in the picture.",
-            Error::Kind::refused);
+        LibinputOptions options;
+        if (auto refusal = inputDevicesRefusal(options.devices))
+            return fail(*refusal, Error::Kind::refused);
+        {
+            std::lock_guard guard(m_lock);
+            (void)m_wayland->roundtrip();
+            for (const auto* output : m_wayland->outputs()) {
+                options.layout.push_back(output->frame);
+                if (!options.pointer)
+                    options.pointer = pointerOn(*output);
+            }
+        }
+        options.keymap = compositorKeymap();
+        auto inputs = PLIM_TRY(openLibinputInputs(options));
+        if (options.pointer)
+            m_drawPointer->store(false);
+        else
+            inputs.pointer = nullptr;
+        return inputs;
     }
 
 private:
+    // The pointer in global points when the compositor shows it on `output`.
+    std::optional<Point> pointerOn(const WaylandConnection::Output& output) const
+    {
+        auto bare = takePicture(*m_wayland, output, std::nullopt, false);
+        auto drawn = takePicture(*m_wayland, output, std::nullopt, true);
+        auto bareAgain = takePicture(*m_wayland, output, std::nullopt, false);
+        if (!bare || !drawn || !bareAgain)
+            return std::nullopt;
+        auto at = pointerInPictures(*drawn, *bare, *bareAgain);
+        if (!at)
+            return std::nullopt;
+        double perPixel = output.frame.width / drawn->width;
+        return Point{output.frame.x + at->x * perPixel, output.frame.y + at->y * perPixel};
+    }
+
+    std::shared_ptr<std::atomic<bool>> m_drawPointer = std::make_shared<std::atomic<bool>>(true);
+
     mutable std::mutex m_lock; // the query connection serves one caller at a time
     std::unique_ptr<WaylandConnection> m_wayland;
 };

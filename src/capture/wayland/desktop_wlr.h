@@ -4,6 +4,9 @@
 
 #include "capture/desktop.h"
 
+#include <atomic>
+#include <memory>
+
 namespace plim {
 
 class WaylandConnection;
@@ -12,6 +15,9 @@ class WaylandConnection;
 // sentence saying what is missing.
 Result<std::unique_ptr<Desktop>> createWlrDesktop();
 
-Result<std::unique_ptr<ScreenSource>> createWlrScreenSource(const ScreenSubject& subject);
+// The compositor draws the pointer into the pictures while `drawPointer` holds (always
+// when there is none); the source reads it when it starts.
+Result<std::unique_ptr<ScreenSource>> createWlrScreenSource(const ScreenSubject& subject,
+    std::shared_ptr<const std::atomic<bool>> drawPointer = nullptr);
 
 } // namespace plim

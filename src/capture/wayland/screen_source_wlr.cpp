@@ -3,8 +3,8 @@
 // the output changes (copy_with_damage), so a still screen costs no copies and its tick
 // hands on the last picture again. Copies land in a shared-memory buffer made for the
 // layout the compositor asks for and are turned into pictures (the output's transform
-// undone) as soon as they are ready. With no pointer source on this desktop, the
-// compositor draws the pointer into the pictures.
+// undone) as soon as they are ready. The compositor draws the pointer into the pictures
+// unless the desktop tracks it for the cursor track (desktop_wlr.cpp).
 
 #include "capture/wayland/desktop_wlr.h"
 #include "capture/wayland/wayland_connection.h"
@@ -32,8 +32,9 @@ class WlrScreenSource final : public TickingScreenSource {
 
 public:
     WlrScreenSource(std::unique_ptr<WaylandConnection> wayland, const WaylandConnection::Output& output,
-        std::optional<Rect> region, Rect frame)
-        : m_wayland(std::move(wayland)), m_output(output), m_region(region), m_frame(frame)
+        std::optional<Rect> region, Rect frame, std::shared_ptr<const std::atomic<bool>> drawPointer)
+        : m_wayland(std::move(wayland)), m_output(output), m_region(region), m_frame(frame),
+          m_drawPointer(std::move(drawPointer))
     {
     }
     ~WlrScreenSource() override
@@ -56,6 +57,8 @@ public:
     std::optional<uint32_t> windowID() const override { return std::nullopt; }
 
 private:
+    bool drawsPointer() const { return !m_drawPointer || m_drawPointer->load(); }
+
     bool copyNeedsUs() const
     {
         if (!m_copy)
@@ -93,6 +96,13 @@ private:
 
     void run(std::stop_token stop) override
     {
+        if (!drawsPointer()) {
+            // The first picture had the pointer drawn in; a still screen would show it on.
+            auto bare = takePicture(*m_wayland, m_output, m_region, false);
+            if (!bare)
+                return end(bare.error());
+            m_last = std::move(*bare);
+        }
         double next = systemUptime();
         double lastAt = 0;
         while (!stop.stop_requested()) {
@@ -117,7 +127,7 @@ private:
             if (!m_copy) {
                 if (m_wayland->isGone(m_output))
                     return end(Error{displayGone, Error::Kind::missing});
-                m_copy = std::make_unique<ScreenCopy>(*m_wayland, m_output, m_region, true);
+                m_copy = std::make_unique<ScreenCopy>(*m_wayland, m_output, m_region, drawsPointer());
             }
             deliver(CapturedFrame{m_last, at}, next);
         }
@@ -139,6 +149,7 @@ private:
     const WaylandConnection::Output& m_output;
     std::optional<Rect> m_region;
     Rect m_frame;
+    std::shared_ptr<const std::atomic<bool>> m_drawPointer; // none: always drawn
     double m_scale = 1;
     std::unique_ptr<ShmBuffer> m_buffer;
     std::unique_ptr<ScreenCopy> m_copy;
@@ -159,7 +170,8 @@ std::string outputNames(const WaylandConnection& wayland)
 
 } // namespace
 
-Result<std::unique_ptr<ScreenSource>> createWlrScreenSource(const ScreenSubject& subject)
+Result<std::unique_ptr<ScreenSource>> createWlrScreenSource(const ScreenSubject& subject,
+    std::shared_ptr<const std::atomic<bool>> drawPointer)
 {
     if (subject.kind == ScreenSubject::Kind::device)
         return fail("A device subject reached the screen path.", Error::Kind::refused);
@@ -208,7 +220,7 @@ Result<std::unique_ptr<ScreenSource>> createWlrScreenSource(const ScreenSubject&
         region = Rect{frame.x - output->frame.x, frame.y - output->frame.y, frame.width, frame.height};
     }
     const WaylandConnection::Output& chosen = *output;
-    auto source = std::make_unique<WlrScreenSource>(std::move(wayland), chosen, region, frame);
+    auto source = std::make_unique<WlrScreenSource>(std::move(wayland), chosen, region, frame, std::move(drawPointer));
     PLIM_TRY(source->prepare());
     return std::unique_ptr<ScreenSource>(std::move(source));
 }

@@ -17,7 +17,8 @@ struct X11Inputs {
     X11PointerSource pointer;
     X11ClickSource clicks;
     X11KeySource keys;
-    explicit X11Inputs(std::unique_ptr<X11Input> in) : input(std::move(in)), pointer(*input), clicks(*input), keys(*input)
+    explicit X11Inputs(std::unique_ptr<X11Input> in) : input(std::move(in)), pointer(*input), clicks(input->clickHandlers()),
+          keys(input->keyHandlers())
     {
     }
 };

@@ -2,6 +2,7 @@
 
 #include "base/clock.h"
 #include "base/log.h"
+#include "capture/xkb_keys.h"
 
 #include <xcb/xcb.h>
 #include <xcb/xinput.h>
@@ -32,12 +33,6 @@ X11Input::~X11Input()
         m_thread.request_stop();
         m_thread.join();
     }
-    if (m_state)
-        xkb_state_unref(m_state);
-    if (m_keymap)
-        xkb_keymap_unref(m_keymap);
-    if (m_context)
-        xkb_context_unref(m_context);
 }
 
 Status X11Input::setUp()
@@ -70,13 +65,13 @@ Status X11Input::setUp()
     if (!xkb_x11_setup_xkb_extension(c, XKB_X11_MIN_MAJOR_XKB_VERSION, XKB_X11_MIN_MINOR_XKB_VERSION,
             XKB_X11_SETUP_XKB_EXTENSION_NO_FLAGS, nullptr, nullptr, nullptr, nullptr))
         return fail("The X server has no keyboard extension, so keys cannot be named. The recording rolls without keycaps.");
-    m_context = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
+    m_xkb.context = xkb_context_new(XKB_CONTEXT_NO_FLAGS);
     int32_t keyboard = xkb_x11_get_core_keyboard_device_id(c);
-    if (m_context && keyboard >= 0)
-        m_keymap = xkb_x11_keymap_new_from_device(m_context, c, keyboard, XKB_KEYMAP_COMPILE_NO_FLAGS);
-    if (m_keymap)
-        m_state = xkb_x11_state_new_from_device(m_keymap, c, keyboard);
-    if (!m_state)
+    if (m_xkb.context && keyboard >= 0)
+        m_xkb.keymap = xkb_x11_keymap_new_from_device(m_xkb.context, c, keyboard, XKB_KEYMAP_COMPILE_NO_FLAGS);
+    if (m_xkb.keymap)
+        m_xkb.state = xkb_x11_state_new_from_device(m_xkb.keymap, c, keyboard);
+    if (!m_xkb.state)
         return fail("Plim could not read the keyboard layout, so keys cannot be named. The recording rolls without keycaps.");
     xcb_flush(c);
     return {};
@@ -126,25 +121,14 @@ void X11Input::handle(const void* raw)
         auto* key = static_cast<const xcb_input_raw_key_press_event_t*>(raw);
         xkb_keycode_t code = key->detail;
         if (generic->event_type == XCB_INPUT_RAW_KEY_RELEASE) {
-            xkb_state_update_key(m_state, code, XKB_KEY_UP);
+            xkb_state_update_key(m_xkb.state, code, XKB_KEY_UP);
             return;
         }
         m_lastKeyDown.store(now);
-        KeyPress pressed;
-        pressed.at = uptimeOfMilliseconds32(key->time, now);
-        pressed.keysym = xkb_state_key_get_one_sym(m_state, code);
-        auto active = [&](const char* name) {
-            return xkb_state_mod_name_is_active(m_state, name, XKB_STATE_MODS_EFFECTIVE) > 0;
-        };
-        pressed.modifiers.control = active(XKB_MOD_NAME_CTRL);
-        pressed.modifiers.option = active(XKB_MOD_NAME_ALT);
-        pressed.modifiers.shift = active(XKB_MOD_NAME_SHIFT);
-        pressed.modifiers.command = active(XKB_MOD_NAME_LOGO);
-        xkb_state_update_key(m_state, code, XKB_KEY_DOWN);
-        bool modifierOnly = xkb_keymap_key_repeats(m_keymap, code) == 0 && pressed.keysym >= XKB_KEY_Shift_L
-            && pressed.keysym <= XKB_KEY_Hyper_R;
-        if (!modifierOnly && pressed.keysym != XKB_KEY_NoSymbol)
-            m_keys.deliver(pressed);
+        auto pressed = xkbKeyPress(m_xkb.state, code, uptimeOfMilliseconds32(key->time, now));
+        xkb_state_update_key(m_xkb.state, code, XKB_KEY_DOWN);
+        if (pressed)
+            m_keys.deliver(*pressed);
         return;
     }
     default:
