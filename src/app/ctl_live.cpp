@@ -27,19 +27,6 @@ RecordingActivity recordingActivity(RecordingController::Phase phase)
     return RecordingActivity::none;
 }
 
-namespace {
-
-std::optional<double> parseSeconds(const std::string& text)
-{
-    double value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value) || value <= 0)
-        return std::nullopt;
-    return value;
-}
-
-} // namespace
-
 int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 {
     auto parsed = parseCtlOptions(args, {"--to", "--duration", "--x-display", "--display", "--library"}, {"--no-camera"}, "live");
@@ -64,7 +51,7 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
     std::optional<double> duration;
     if (auto text = o.last("--duration")) {
         duration = parseSeconds(*text);
-        if (!duration) {
+        if (!duration || !(*duration > 0)) {
             err << "plimctl live: --duration takes a number of seconds above 0, not \"" << *text << "\". Nothing went live.\n";
             return 1;
         }

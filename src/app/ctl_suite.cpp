@@ -24,15 +24,6 @@ namespace plim {
 
 namespace {
 
-std::optional<double> parseSeconds(const std::string& text)
-{
-    double value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || !(value > 0) || value > 86400)
-        return std::nullopt;
-    return value;
-}
-
 // Titles and details come from other applications: line breaks and tabs become spaces
 // so a listing keeps one moment a line, and any other control character (escape
 // sequences, BEL) or malformed byte is shown escaped rather than sent to the terminal.
@@ -171,7 +162,7 @@ private:
 // SIGINT and SIGTERM become a readable pipe while the object lives.
 int stopPipe[2] = {-1, -1};
 
-void onStopSignal(int)
+void onSuiteStopSignal(int)
 {
     char byte = 1;
     (void)!::write(stopPipe[1], &byte, 1);
@@ -184,7 +175,7 @@ public:
         if (::pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) < 0)
             return;
         struct sigaction action{};
-        action.sa_handler = onStopSignal;
+        action.sa_handler = onSuiteStopSignal;
         sigemptyset(&action.sa_mask);
         m_installed = ::sigaction(SIGINT, &action, &m_oldInt) == 0 && ::sigaction(SIGTERM, &action, &m_oldTerm) == 0;
     }
@@ -269,7 +260,7 @@ int watchBeacon(const CtlOptions& parsed, std::ostream& out, std::ostream& err)
     double interval = 2.0;
     if (auto text = parsed.last("--check-every")) {
         auto seconds = parseSeconds(*text);
-        if (!seconds) {
+        if (!seconds || !(*seconds > 0) || *seconds > 86400) {
             err << "--check-every needs a number of seconds above 0 and up to 86400, not \"" << *text
                 << "\"; nothing was done.\n";
             return 1;

@@ -30,15 +30,6 @@ const char* voiceoverUsage =
     "  --device SOURCE   the microphone, as the sound server names it (default: its default source)\n"
     "  --library FOLDER  the library folder whose Voiceovers folder holds takes in progress\n";
 
-std::optional<double> parseSeconds(const std::string& text)
-{
-    double value = 0;
-    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
-        return std::nullopt;
-    return value;
-}
-
 std::string tenths(double seconds)
 {
     char text[32];

@@ -1,6 +1,8 @@
 #include "app/plimctl.h"
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <ostream>
 
 namespace plim {
@@ -11,6 +13,15 @@ std::optional<std::string> CtlOptions::last(const std::string& name) const
     if (it == values.end() || it->second.empty())
         return std::nullopt;
     return it->second.back();
+}
+
+std::optional<double> parseSeconds(const std::string& text)
+{
+    double value = 0;
+    auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (ec != std::errc() || end != text.data() + text.size() || !std::isfinite(value))
+        return std::nullopt;
+    return value;
 }
 
 Result<CtlOptions> parseCtlOptions(const CtlArgs& args, const std::set<std::string>& valueOptions,

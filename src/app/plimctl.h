@@ -44,4 +44,7 @@ struct CtlOptions {
 Result<CtlOptions> parseCtlOptions(const CtlArgs& args, const std::set<std::string>& valueOptions,
     const std::set<std::string>& flagOptions, const std::string& command);
 
+// A number of seconds written whole ("4.5"), finite; nothing for any other text.
+std::optional<double> parseSeconds(const std::string& text);
+
 } // namespace plim
