@@ -145,13 +145,14 @@ Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string
         // A Wayland session's X server (XWayland) sees only the windows of X programs, so
         // its recording would be blank: its compositor must hand out the screen.
         auto wlr = wlrDesktop();
+        // An X11 session with a stray WAYLAND_DISPLAY keeps X11 even where a portal answers.
         std::optional<Result<std::unique_ptr<Desktop>>> portal;
-        if (!wlr)
+        if (!wlr && (waylandSession || !isSet("DISPLAY")))
             portal = portalDesktop();
         if (wlr) {
             desktop = std::move(*wlr);
             why = "Reading the screen through wlr-screencopy: this is a Wayland session whose compositor offers it.";
-        } else if (*portal) {
+        } else if (portal && *portal) {
             desktop = std::move(**portal);
             why = "Reading the screen through the desktop portal (PipeWire): this is a Wayland session whose "
                   "compositor offers no wlr-screencopy.";

@@ -81,7 +81,6 @@ struct PipeWireStream::Loop {
     spa_hook coreListener{};
     spa_hook streamListener{};
     bool streamed = false; // it has been streaming once
-    std::condition_variable changed;
 
     explicit Loop(PipeWireStream& stream) : owner(stream) {}
 
@@ -270,7 +269,7 @@ Result<bool> PipeWireStream::waitForPicture(double until)
         const double left = until - systemUptime();
         if (left <= 0)
             return false;
-        m_loop->changed.wait_for(guard, std::chrono::duration<double>(std::min(left, 0.1)));
+        m_changed.wait_for(guard, std::chrono::duration<double>(std::min(left, 0.1)));
     }
     if (m_broken)
         return fail(*m_broken);
@@ -403,7 +402,7 @@ void PipeWireStream::onBuffer(const void* data, int stride, uint32_t size, doubl
     m_freshAt = uptime;
     m_seen = true;
     m_copied.fetch_add(1);
-    m_loop->changed.notify_all();
+    m_changed.notify_all();
 }
 
 void PipeWireStream::onCursor(const void* meta, size_t bytes)
@@ -449,7 +448,7 @@ void PipeWireStream::onBroken(std::string why)
     std::lock_guard guard(m_lock);
     if (!m_broken)
         m_broken = std::move(why);
-    m_loop->changed.notify_all();
+    m_changed.notify_all();
 }
 
 } // namespace plim

@@ -14,6 +14,7 @@
 #include "base/image.h"
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -80,6 +81,7 @@ private:
     std::optional<Rect> m_metaCrop; // the part of the buffer the stream says holds the picture
 
     mutable std::mutex m_lock; // guards everything below
+    std::condition_variable m_changed; // a picture came or the stream broke
     uint32_t m_format = 0;
     int m_width = 0, m_height = 0;
     Image m_fresh;
