@@ -111,11 +111,12 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
     const CtlOptions& o = *parsed;
     if (o.help) {
         err << "usage: plimctl record [--display NAME | --window ID | --pick-window | --area X,Y,W,H]\n"
-               "       [--x-display :N] [--backend x11|wlr] [--mic [--mic-device NAME]] [--system-sound [--sound-device SINK]]\n"
+               "       [--x-display :N] [--backend x11|portal|wlr] [--mic [--mic-device NAME]] [--system-sound [--sound-device SINK]]\n"
                "       [--camera [--camera-device PATH]] [--no-keys] [--quality native|2160p|1440p|1080p|720p]\n"
                "       [--fps 30|60] [--countdown SECONDS] [--duration SECONDS] [--library FOLDER]\n"
-               "The backend is the session's (wlr-screencopy on a Wayland desktop that offers it, else X11)\n"
-               "unless --backend names one. Stops after --duration, on Ctrl-C or SIGTERM. While rolling, p or SIGUSR1 pauses and resumes,\n"
+               "The backend is the session's (on Wayland wlr-screencopy where the compositor offers it, else the\n"
+               "desktop portal; X11 elsewhere) unless --backend names one.\n"
+               "Stops after --duration, on Ctrl-C or SIGTERM. While rolling, p or SIGUSR1 pauses and resumes,\n"
                "m or SIGUSR2 sets a mark, q stops. Exits 0 when everything asked for was recorded, 1 when\n"
                "nothing was or the recording ended early, 2 when the plim was kept without an input or\n"
                "side file that was asked for (standard error says which).\n";
@@ -144,11 +145,13 @@ int runRecordCommand(const std::vector<std::string>& args, std::ostream& out, st
         settings.framesPerSecond = int(*value);
     }
     if (auto backend = o.last("--backend")) {
-        if (*backend != "x11" && *backend != "wlr") {
-            err << "plimctl record: --backend takes x11 or wlr, not \"" << *backend << "\". Nothing was recorded.\n";
+        if (*backend != "x11" && *backend != "wlr" && *backend != "portal") {
+            err << "plimctl record: --backend takes x11, portal or wlr, not \"" << *backend << "\". Nothing was recorded.\n";
             return 1;
         }
-        settings.backend = *backend == "x11" ? DesktopBackend::x11 : DesktopBackend::wlr;
+        settings.backend = *backend == "x11" ? DesktopBackend::x11
+            : *backend == "wlr"              ? DesktopBackend::wlr
+                                             : DesktopBackend::portal;
     }
     settings.keycaps = !o.has("--no-keys");
     settings.microphone = o.has("--mic") || o.last("--mic-device").has_value();

@@ -49,6 +49,7 @@ Result<CaptureDevices> openDevices(const CaptureSettings& settings)
         devices.clicks = inputs->clicks;
         devices.keys = inputs->keys;
         devices.inputOwner = std::move(inputs->owner);
+        devices.missing = std::move(inputs->missing);
     } else if (inputs.error().kind == Error::Kind::refused) {
         // A desktop that hands out no inputs at all: the user hears why, and the screen rolls on.
         devices.missing.push_back(inputs.error().sentence);

@@ -5,6 +5,7 @@
 #include "base/text.h"
 #include "capture/x11/desktop_x11.h"
 #ifdef PLIM_WAYLAND
+#include "capture/wayland/desktop_portal.h"
 #include "capture/wayland/desktop_wlr.h"
 #endif
 
@@ -103,6 +104,15 @@ Result<std::unique_ptr<Desktop>> wlrDesktop()
 #endif
 }
 
+Result<std::unique_ptr<Desktop>> portalDesktop()
+{
+#ifdef PLIM_WAYLAND
+    return createPortalDesktop();
+#else
+    return fail("This Plim was built without Wayland capture.", Error::Kind::refused);
+#endif
+}
+
 } // namespace
 
 Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string>& display, DesktopBackend backend)
@@ -119,6 +129,14 @@ Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string
                 Error::Kind::refused);
         desktop = std::move(*wlr);
         why = "Reading the screen through wlr-screencopy, as asked.";
+    } else if (backend == DesktopBackend::portal) {
+        auto portal = portalDesktop();
+        if (!portal)
+            return fail(portal.error().sentence + " Nothing was recorded. Leave out --backend portal to record "
+                    "through what this session offers.",
+                Error::Kind::refused);
+        desktop = std::move(*portal);
+        why = "Reading the screen through the desktop portal (PipeWire), as asked.";
     } else if (backend == DesktopBackend::x11 || display) {
         desktop = PLIM_TRY(createX11Desktop(display));
         why = backend == DesktopBackend::x11 ? "Reading the screen through X11, as asked."
@@ -127,14 +145,24 @@ Result<std::unique_ptr<Desktop>> Desktop::create(const std::optional<std::string
         // A Wayland session's X server (XWayland) sees only the windows of X programs, so
         // its recording would be blank: its compositor must hand out the screen.
         auto wlr = wlrDesktop();
+        // An X11 session with a stray WAYLAND_DISPLAY keeps X11 even where a portal answers.
+        std::optional<Result<std::unique_ptr<Desktop>>> portal;
+        if (!wlr && (waylandSession || !isSet("DISPLAY")))
+            portal = portalDesktop();
         if (wlr) {
             desktop = std::move(*wlr);
             why = "Reading the screen through wlr-screencopy: this is a Wayland session whose compositor offers it.";
+        } else if (portal && *portal) {
+            desktop = std::move(**portal);
+            why = "Reading the screen through the desktop portal (PipeWire): this is a Wayland session whose "
+                  "compositor offers no wlr-screencopy.";
         } else if (waylandSession || !isSet("DISPLAY")) {
-            return fail("This is a Wayland session, and Plim cannot read its screen. " + wlr.error().sentence
-                    + " Plim reads Wayland screens only through wlr-screencopy (sway and other wlroots desktops); "
-                      "its desktop-portal backend for GNOME and KDE is not built yet. Nothing was recorded. "
-                      "Log in to an X11 (Xorg) session to record.",
+            return fail("This is a Wayland session, and Plim cannot read its screen. " + wlr.error().sentence + " "
+                    + portal->error().sentence
+                    + " Plim reads Wayland screens through wlr-screencopy (sway and other wlroots desktops) or the "
+                      "desktop portal (GNOME, KDE): install xdg-desktop-portal and the portal backend for this "
+                      "desktop (xdg-desktop-portal-gnome, xdg-desktop-portal-kde), or log in to an X11 (Xorg) "
+                      "session. Nothing was recorded.",
                 Error::Kind::refused);
         } else {
             desktop = PLIM_TRY(createX11Desktop(display));

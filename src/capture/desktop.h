@@ -2,11 +2,12 @@
 // The desktop Plim records: what it offers (its displays, its windows, any area of the
 // screen) and the sources that read a choice of it: the screen, the pointer, clicks and
 // keys. One backend per kind of desktop session, picked once by create(): X11 (capture/x11/)
-// or, on a Wayland session whose compositor offers wlr-screencopy, wlr (capture/wayland/).
+// or, on a Wayland session (capture/wayland/), wlr where the compositor offers wlr-screencopy,
+// else the desktop portal's screen cast (GNOME, KDE).
 //
 // Contract:
 // - create() fails with the user's sentence when there is no desktop it can record (no X
-//   server answers, a Wayland session without wlr-screencopy).
+//   server answers, a Wayland session with neither wlr-screencopy nor a screen-cast portal).
 // - The queries may be called from any thread; each asks the desktop afresh.
 // - The sources it makes keep their own connections and contracts (screen_source.h,
 //   pointer_source.h, click_source.h, key_source.h); they may outlive the Desktop.
@@ -53,10 +54,12 @@ struct DesktopInputs {
     WindowFrameSource* windowFrames = nullptr;
     ClickSource* clicks = nullptr;
     KeySource* keys = nullptr;
+    // A sentence for each input the desktop cannot hand out; the recording rolls on without it.
+    std::vector<std::string> missing;
 };
 
 // Which backend reads the desktop: the session's, or one the user forces.
-enum class DesktopBackend { automatic, x11, wlr };
+enum class DesktopBackend { automatic, x11, wlr, portal };
 
 class Desktop {
 public:
