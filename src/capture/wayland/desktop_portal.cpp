@@ -10,8 +10,10 @@
 #include "base/json.h"
 #include "base/log.h"
 #include "base/settings.h"
+#include "capture/linux_input/input_libinput.h"
 #include "capture/pointer_source.h"
 #include "capture/ticking_screen_source.h"
+#include "capture/wayland/keymap_wayland.h"
 #include "capture/wayland/pipewire_stream.h"
 #include "capture/wayland/screen_cast_portal.h"
 
@@ -30,10 +32,6 @@ namespace {
 constexpr const char* monitorTokenKey = "screenCastRestoreToken";
 constexpr const char* windowTokenKey = "screenCastWindowRestoreToken";
 constexpr double firstPictureWait = 10;
-constexpr const char* noInputs = "Clicks and keys are not recorded on this Wayland desktop: Plim would read them from "
-                                 "the input devices, which needs membership of the input group and is not built yet. "
-                                 "The recording rolls on without them.";
-
 // A running screen cast: the portal session, its stream, and where the stream lies.
 struct PortalCast {
     std::unique_ptr<ScreenCastPortal> portal;
@@ -198,14 +196,28 @@ public:
         }
         if (!cast || cast->cursor != ScreenCastPortal::metadata)
             return fail("This desktop's portal hands out no pointer position, only pictures with the pointer drawn "
-                        "in, so the pointer is recorded in the picture and its track stays empty. "
-                + std::string(noInputs),
+                        "in, so the pointer is recorded in the picture, its track stays empty, and clicks and keys, "
+                        "which would need its position, are not recorded.",
                 Error::Kind::refused);
         auto pointer = std::make_shared<PortalPointer>(cast);
-        DesktopInputs inputs;
+        // Clicks and keys from the input devices, placed where the stream's pointer is.
+        LibinputOptions options;
+        for (const auto& display : displays())
+            options.layout.push_back(display.frame);
+        options.keymap = compositorKeymap();
+        options.clicksAt = pointer.get();
+        auto devices = openLibinputInputs(options);
+        if (!devices) {
+            DesktopInputs inputs;
+            inputs.pointer = pointer.get();
+            inputs.owner = pointer;
+            inputs.missing.push_back(devices.error().sentence);
+            return inputs;
+        }
+        DesktopInputs inputs = std::move(*devices);
         inputs.pointer = pointer.get();
-        inputs.owner = pointer;
-        inputs.missing.push_back(noInputs);
+        inputs.owner = std::make_shared<std::pair<std::shared_ptr<void>, std::shared_ptr<PortalPointer>>>(
+            std::move(inputs.owner), pointer);
         return inputs;
     }
 

@@ -19,7 +19,8 @@ namespace plim {
 namespace {
 
 constexpr const char* windowsNeedPortal = "Recording a single window on this Wayland desktop needs the desktop portal, "
-                                          "which Plim cannot use yet. Record the display or an area instead.";
+                                          "whose window sharing wlr-screencopy does not offer. Record the display or an area "
+                                          "instead.";
 
 class WlrDesktop final : public Desktop {
 public:
