@@ -105,15 +105,17 @@ int changedPixels(const QImage& a, const QImage& b)
     return count;
 }
 
-// The preview's picture once it is drawn at the widget's size (it follows a resize a moment later).
-QImage settledFrame(const PreviewView& preview)
+// The preview's picture at an output time, once drawn there at the widget's size.
+QImage frameAt(PreviewView& preview, double outputTime)
 {
-    auto fitted = [&] {
+    preview.seek(outputTime);
+    auto drawn = [&] {
         const QSize shown = preview.shownFrame().size();
-        return std::abs(shown.width() - preview.width()) <= 2 || std::abs(shown.height() - preview.height()) <= 2;
+        return std::abs(preview.position() - outputTime) < 0.05
+            && (std::abs(shown.width() - preview.width()) <= 2 || std::abs(shown.height() - preview.height()) <= 2);
     };
-    EXPECT_TRUE(waitUntil(fitted, 10)) << "the preview's picture never fitted the widget";
-    QTest::qWait(100); // the frame at the position sought, should one be on its way
+    EXPECT_TRUE(waitUntil(drawn, 10)) << "the preview never drew " << outputTime << " s at its size";
+    QTest::qWait(100); // the exact frame, after a near one
     return preview.shownFrame();
 }
 
@@ -299,19 +301,19 @@ TEST(Editor, ShowsTheStagedLookAndCaptionLinesAndTheInspectorReachesTheEditsFile
     EXPECT_TRUE(waitUntil([&] { return amber->isChecked(); }, 5)) << "the inspector shows the staged tint, not white";
     EXPECT_EQ(window.findChild<QSlider*>("pointerSize")->value(), 15);
 
+    if (QWidget* wide = reach("shape_16:10"))
+        QTest::mouseClick(wide, Qt::LeftButton);
+    EXPECT_TRUE(waitUntil([&] { return std::abs(aspect() - 1.6) < 0.02; }, 10)) << "the preview shows 16:10: " << aspect();
     // The caption lines lie on the timeline at their times; switched on, the preview shows them.
     EXPECT_TRUE(captionBlockAt(timeline, 0.8));
     EXPECT_FALSE(captionBlockAt(timeline, 1.8));
     EXPECT_TRUE(captionBlockAt(timeline, 2.5));
-    preview.seek(timeline.remap().output(0.8));
-    const QImage uncaptioned = settledFrame(preview);
+    const QImage uncaptioned = frameAt(preview, timeline.remap().output(0.8));
     if (QWidget* on = reach("captions"))
         QTest::mouseClick(on, Qt::LeftButton, {}, QPoint(8, on->height() / 2));
     EXPECT_TRUE(waitUntil([&] { return changedPixels(uncaptioned, preview.shownFrame()) > 300; }, 10))
         << "the preview shows the caption line";
 
-    if (QWidget* wide = reach("shape_16:10"))
-        QTest::mouseClick(wide, Qt::LeftButton);
     if (QWidget* dot = reach("click_highlight"))
         QTest::mouseClick(dot, Qt::LeftButton);
     if (QWidget* size = reach("pointerSize")) {
@@ -328,7 +330,6 @@ TEST(Editor, ShowsTheStagedLookAndCaptionLinesAndTheInspectorReachesTheEditsFile
     EXPECT_EQ(saved.look->pointerSize, 250);
     EXPECT_FALSE(saved.look->clickTint) << "a value shown from the stage look is not chosen by showing it";
     EXPECT_EQ(window.document()->undoStack().size(), 4u);
-    EXPECT_TRUE(waitUntil([&] { return std::abs(aspect() - 1.6) < 0.02; }, 10)) << "the preview shows 16:10: " << aspect();
     if (const char* shots = std::getenv("PLIM_UI_SHOTS"))
         window.grab().save(QString::fromStdString((fs::path(shots) / "editor-look.png").string()));
 
@@ -398,14 +399,12 @@ TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
     EXPECT_FALSE(track->value.lines[0].text.empty());
     EXPECT_NEAR(track->value.lines[0].start, speech.spans[0].start, 0.3);
     EXPECT_NEAR(track->value.lines[0].end, speech.spans[0].end, 0.3);
-    // The line lies on the timeline, and the preview (at 0 s, before it) shows it where it is spoken.
+    // The line lies on the timeline, and the preview shows it.
     const double spoken = (track->value.lines[0].start + track->value.lines[0].end) / 2;
     EXPECT_TRUE(captionBlockAt(*window.timeline(), spoken));
     PreviewView& preview = *window.preview();
-    const QImage silent = settledFrame(preview);
-    preview.seek(window.timeline()->remap().output(spoken));
-    EXPECT_TRUE(waitUntil([&] { return changedPixels(silent, preview.shownFrame()) > 300; }, 10))
-        << "the preview shows the new line";
+    const QImage captioned = frameAt(preview, window.timeline()->remap().output(spoken));
+    EXPECT_GT(changedPixels(captioned, frameAt(preview, 0)), 300) << "the preview shows the new line where it is spoken";
     // The edits name the file and show captions, on disk once saved.
     window.saveNow();
     const PlimEdits saved = editsOnDisk(movie);
