@@ -127,10 +127,9 @@ fs::path trackedPlim(const fs::path& movie, const TestMovie& source)
     return movie;
 }
 
-// The editor on `movie`, shown and active once its plim is read and, with `frame`, the
-// preview shows a picture; null, the failure recorded, when it never gets there.
-std::unique_ptr<EditorWindow> openEditor(const fs::path& movie, bool frame = true,
-    std::function<void(const fs::path&)> share = {})
+// The editor on `movie`, shown and active once its plim is read and the preview shows a
+// picture; null, the failure recorded, when it never gets there.
+std::unique_ptr<EditorWindow> openEditor(const fs::path& movie, std::function<void(const fs::path&)> share = {})
 {
     auto window = std::make_unique<EditorWindow>(EditorWindow::Opening{movie}, std::move(share),
         movie.parent_path() / "looks.json");
@@ -139,7 +138,7 @@ std::unique_ptr<EditorWindow> openEditor(const fs::path& movie, bool frame = tru
     window->show();
     window->activateWindow();
     if (!QTest::qWaitForWindowActive(window.get())
-        || !waitUntil([&] { return window->document() && (!frame || window->preview()->framesShown() > 0); }, 30)) {
+        || !waitUntil([&] { return window->document() && window->preview()->framesShown() > 0; }, 30)) {
         ADD_FAILURE() << "the editor did not open: " << window->status().toStdString();
         return nullptr;
     }
@@ -178,7 +177,7 @@ TEST(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     ASSERT_TRUE(track.write(movie));
 
     std::vector<fs::path> shared;
-    auto opened = openEditor(movie, true, [&](const fs::path& m) { shared.push_back(m); });
+    auto opened = openEditor(movie, [&](const fs::path& m) { shared.push_back(m); });
     ASSERT_TRUE(opened);
     EditorWindow& window = *opened;
     PlimDocument& document = *window.document();
@@ -351,7 +350,7 @@ TEST(Editor, SaysEditsAndCaptionFilesThatCannotBeReadAndLeavesThemAsTheyWere)
     writeText(captionsFile, brokenCaptions);
 
     {
-        auto window = openEditor(movie, false);
+        auto window = openEditor(movie);
         ASSERT_TRUE(window);
         EXPECT_TRUE(window->isReadOnly());
         EXPECT_NE(window->notice().toStdString().find("Broken.edits.json"), std::string::npos) << window->notice().toStdString();
