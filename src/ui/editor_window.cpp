@@ -105,6 +105,7 @@ struct EditorWindow::Opened {
     MovieInfo info;
     std::optional<std::string> failure; // the movie could not be read at all
     PlimMoments moments;
+    Decoded<std::optional<CaptionTrack>> captions; // the track a render of these edits shows
 };
 
 EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesystem::path&)> share,
@@ -348,6 +349,7 @@ EditorWindow::EditorWindow(Opening opening, std::function<void(const std::filesy
             opened.result = PlimDocument::open(movie, opened.info.duration, phone,
                 PlimDocument::automaticEdit(movie, opened.info.duration, newLook));
             opened.moments = readPlimMoments(movie);
+            opened.captions = readPlimCaptions(movie, &opened.result.document->edits());
             return opened;
         },
         [](EditorWindow* window, Opened opened) { window->opened(std::move(opened)); });
@@ -391,6 +393,12 @@ void EditorWindow::opened(Opened opened)
     }
     buildEditing();
     m_timeline->setMoments(std::move(opened.moments));
+    // A caption track that cannot be read is left as it is; its lane and the status say why.
+    const CaptionTrack captions = opened.captions.value.value_or(CaptionTrack{});
+    m_timeline->setCaptions(captions.lines, opened.captions.value || opened.captions.notices.empty()
+            ? QString()
+            : QString::fromStdString(opened.captions.notices.front()));
+    m_preview->setCaptions(captions);
     m_document->setObserver([this] { documentChanged(); });
     m_preview->open(m_movie, m_document->edits());
     if (!m_readOnly && !opened.result.editsFromFile) {
@@ -401,6 +409,8 @@ void EditorWindow::opened(Opened opened)
     } else {
         showStatus(m_readOnly ? QString() : "Edits are saved as you work.");
     }
+    for (const std::string& notice : opened.captions.notices)
+        showStatus((status().isEmpty() ? QString() : status() + " ") + QString::fromStdString(notice), true);
     documentChanged();
     emit documentOpened();
 }
@@ -420,6 +430,10 @@ void EditorWindow::buildEditing()
     m_inspectorSlot->layout()->addWidget(m_inspector);
     m_overlay = new BlurOverlay(*m_preview, *m_document, m_sourceWidth, m_sourceHeight);
     m_overlay->setReadOnly(m_readOnly);
+    connect(m_preview, &PreviewView::opened, m_inspector, [this] {
+        if (const StageSpec* base = m_preview->stageBase())
+            m_inspector->setStageBase(*base);
+    });
 
     connect(m_timeline, &TimelineView::scrubbed, this, [this](double t, bool dragging) {
         m_preview->seek(t, dragging);
@@ -561,11 +575,11 @@ void EditorWindow::generateCaptions()
                     true);
                 return;
             }
-            // The edits name the file and show it; the preview opens again to read it.
+            // The edits name the file and show it.
+            m_timeline->setCaptions(track.lines);
+            m_preview->setCaptions(track);
             m_document->setCaptionsFile(file.filename().string());
             m_document->setLook([](PlimLook& look) { look.captions = true; });
-            documentChanged();
-            m_preview->open(m_movie, m_document->edits());
             const size_t lines = track.lines.size();
             const QString done = QString("Captions ready: %1 line%2.").arg(lines).arg(lines == 1 ? "" : "s");
             showStatus(notice.isEmpty() ? done : done + " " + notice);

@@ -27,6 +27,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <initializer_list>
+#include <type_traits>
 
 namespace plim {
 
@@ -293,13 +295,16 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
     {
         const struct {
             const char* text;
+            const char* name;
             bool Look::*field;
-        } switches[] = {{"Keycaps for the keys you pressed", &Look::keys}, {"Captions", &Look::captions},
-            {"Speed up dead air", &Look::deadAir}};
+        } switches[] = {{"Keycaps for the keys you pressed", "keys", &Look::keys}, {"Captions", "captions", &Look::captions},
+            {"Speed up dead air", "deadAir", &Look::deadAir}};
         std::vector<QWidget*> widgets;
-        for (const auto& s : switches)
+        for (const auto& s : switches) {
             widgets.push_back(lookSwitch(s.text, [s](const Look& l) { return l.*s.field; },
                 [s](Look& l, bool on) { l.*s.field = on; }));
+            widgets.back()->setObjectName(s.name);
+        }
         widgets.push_back(lookChoice("Caption size",
             {{"S", "captionSize_small"}, {"M", "captionSize_medium"}, {"L", "captionSize_large"}},
             [](const Look& l) { return int(l.captionSize.value_or(Look::CaptionSize::medium)); },
@@ -543,10 +548,47 @@ void Inspector::refreshLooks()
     m_refreshing = false;
 }
 
+void Inspector::setStageBase(const StageSpec& base)
+{
+    m_stageBase = base;
+    refresh();
+}
+
+PlimLook Inspector::shownLook() const
+{
+    using Look = PlimLook;
+    Look shown = m_document.edits().look.value_or(Look{});
+    if (!m_stageBase)
+        return shown;
+    // An open choice shows the option that, chosen, would leave the staged look as it is.
+    const StageSpec staged = wearing(*m_stageBase, shown);
+    auto fill = [&](auto key, std::initializer_list<std::remove_reference_t<decltype(*(shown.*key))>> options) {
+        if (shown.*key)
+            return;
+        for (const auto& option : options) {
+            Look probe = shown;
+            probe.*key = option;
+            if (wearing(*m_stageBase, probe) == staged) {
+                shown.*key = option;
+                return;
+            }
+        }
+    };
+    fill(&Look::pointerSize, {staged.cursorSize});
+    fill(&Look::pointerHidesIdle, {true, false});
+    fill(&Look::clickStyle, {Look::ClickStyle::ring, Look::ClickStyle::pulse, Look::ClickStyle::highlight});
+    fill(&Look::clickTint, {Look::ClickTint::white, Look::ClickTint::cobalt, Look::ClickTint::amber,
+                               Look::ClickTint::green, Look::ClickTint::magenta});
+    fill(&Look::captionSize, {Look::CaptionSize::small, Look::CaptionSize::medium, Look::CaptionSize::large});
+    fill(&Look::captionPlace, {Look::CaptionPlace::bottom, Look::CaptionPlace::top});
+    fill(&Look::captionBox, {Look::CaptionBox::dark, Look::CaptionBox::light, Look::CaptionBox::none});
+    return shown;
+}
+
 void Inspector::refresh()
 {
     m_refreshing = true;
-    const PlimLook look = m_document.edits().look.value_or(PlimLook{});
+    const PlimLook look = shownLook();
     for (const auto& [box, get] : m_switches)
         box->setChecked(get(look));
     for (const auto& [s, get] : m_sliders)
@@ -563,6 +605,10 @@ void Inspector::refresh()
     }
     m_newZoomStyle->setCurrentIndex(
         std::max(0, m_newZoomStyle->findData(look.zoomStyle ? qtext(zoomStyleText(*look.zoomStyle)) : QString())));
+    // Left to the stage: the style its staging zooms with.
+    m_newZoomStyle->setItemText(0, m_stageBase
+            ? "As the stage (" + capitalized(zoomStyleText(wearing(*m_stageBase, look).zoomStyle)) + ")"
+            : QString("As the stage"));
     const EditPlan& plan = m_document.edits().plan;
     for (QAbstractButton* button : m_bubbleShape->buttons())
         button->setChecked(button->property("shape").toString().toStdString() == plan.cameraShape.value_or("circle"));

@@ -5,8 +5,12 @@
 // blur), the camera bubble (on, corner, shape, size), the keycaps, captions and their look,
 // dead air, and the saved looks. Every change is one document change; a slider's drag is
 // one undo step. The look's controls are bound through small tables, one refresh for all.
+// A choice the plim's look leaves open shows what its staging wears there (the stage look
+// beside the movie, else the defaults), not a default of its own.
 //
 // Threads: GUI thread.
+
+#include "stage/stage_spec.h"
 
 #include <QIcon>
 #include <QWidget>
@@ -40,6 +44,8 @@ public:
     // The zoom block the zoom section edits; nothing hides its block controls.
     void setSelectedZoom(std::optional<std::string> id);
     void setReadOnly(bool readOnly);
+    // The stage look the plim's look is worn over, once known.
+    void setStageBase(const StageSpec& base);
 
     // A sentence to show (a refused shape, a look that could not be saved).
     std::function<void(const QString&)> onNotice;
@@ -71,10 +77,13 @@ private:
     void changeLook(const LookChange& change);
     void chooseBackdrop(int backdrop);
     void refreshLooks();
+    // The plim's look with each choice it leaves open filled in as its staging wears it.
+    PlimLook shownLook() const;
 
     PlimDocument& m_document;
     LookStore& m_looks;
     std::optional<std::string> m_zoom;
+    std::optional<StageSpec> m_stageBase;
     bool m_refreshing = false;
 
     std::vector<std::pair<QCheckBox*, std::function<bool(const PlimLook&)>>> m_switches;

@@ -155,7 +155,8 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
     QPointer<PreviewView> guard(this);
     std::shared_ptr<Inbox> inbox = m_inbox;
     const bool raw = m_raw;
-    QThreadPool::globalInstance()->start([guard, inbox, movie, edits, size, opening, raw, muted = m_muted] {
+    QThreadPool::globalInstance()->start([guard, inbox, movie, edits, size, opening, raw, muted = m_muted,
+                                             captions = m_captions] {
         struct Opened {
             std::shared_ptr<SharePlim> plim;
             std::unique_ptr<PreviewPlayer> player;
@@ -165,6 +166,8 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             Opened out;
             std::unique_ptr<MovieReader> reader;
             out.plim = std::make_shared<SharePlim>(PLIM_TRY(SharePlim::read(movie, &reader)));
+            if (captions)
+                out.plim->job.captions = *captions;
             out.plim->job.wallpaper = wallpaperFor(edits);
             PLIM_TRY(out.plim->wear(edits));
             StagingJob job = out.plim->job;
@@ -220,6 +223,8 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             view->m_canvasAspect = (*result)->aspect;
             view->m_duration = view->m_player->duration();
             view->m_resize.start(); // the widget may have changed size meanwhile
+            if (view->m_captions && view->m_plim->job.captions != *view->m_captions) // set while opening
+                view->setCaptions(*view->m_captions);
             if (auto edits = std::exchange(view->m_pendingEdits, std::nullopt))
                 view->setEdits(*edits);
             emit view->opened(view->m_duration);
@@ -253,6 +258,17 @@ void PreviewView::setEdits(const PlimEdits& edits)
         m_resize.start();
     }
 }
+
+void PreviewView::setCaptions(CaptionTrack track)
+{
+    m_captions = std::move(track);
+    if (!m_player || !m_plim)
+        return;
+    m_plim->job.captions = *m_captions;
+    m_player->setJob(m_plim->job);
+}
+
+const StageSpec* PreviewView::stageBase() const { return m_plim ? &m_plim->baseSpec : nullptr; }
 
 void PreviewView::setShowsRecording(bool raw)
 {

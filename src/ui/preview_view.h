@@ -7,6 +7,7 @@
 // sound run on the player's threads, whose frames come back to this widget (or to
 // nothing, once it is gone) through the GUI thread's event loop.
 
+#include "captions/caption_track.h"
 #include "library/plim_edits.h"
 
 #include <QImage>
@@ -23,6 +24,7 @@ namespace plim {
 
 class PreviewPlayer;
 struct SharePlim;
+struct StageSpec;
 
 // The staged picture of one plim at the widget's size, drawn from PreviewPlayer's frames.
 // GUI thread; rendering and sound run on the player's threads.
@@ -35,6 +37,12 @@ public:
     void open(const std::filesystem::path& movie, const PlimEdits& edits);
     // The shown frame is drawn again with the new edits (look, zooms, blurs...) at once.
     void setEdits(const PlimEdits& edits);
+    // The caption lines the picture shows while the look's captions are on, in place of the
+    // track read beside the movie as it opens; kept for later opens.
+    void setCaptions(CaptionTrack track);
+    // The stage look beside the movie (B.stage.json, else the defaults) that the edits' look
+    // is worn over; null until the plim is open.
+    const StageSpec* stageBase() const;
     void setShowsRecording(bool raw);         // the raw recording instead of the staged picture
     // Plays silence in place of the plim's sound (the pictures keep their pace), for a
     // voiceover narrated without headphones; takes effect within a fifth of a second.
@@ -82,6 +90,7 @@ private:
     std::shared_ptr<SharePlim> m_plim;
     std::unique_ptr<Shown> m_shown;
     std::optional<PlimEdits> m_pendingEdits; // set while opening, put on once open
+    std::optional<CaptionTrack> m_captions;
     QTimer m_resize; // gathers a drag's resizes into one new output size
     double m_canvasAspect = 16.0 / 10.0;
     double m_duration = 0;

@@ -35,6 +35,7 @@ constexpr LaneSpec lanes[] = {
     {TimelineView::Lane::zooms, 26, "Zooms"},
     {TimelineView::Lane::blurs, 20, "Blur boxes"},
     {TimelineView::Lane::voiceovers, 20, "Voiceovers"},
+    {TimelineView::Lane::captions, 22, "Captions"},
     {TimelineView::Lane::ticks, 14, ""},
 };
 
@@ -46,6 +47,8 @@ const QColor speedOrange(0xee, 0x8b, 0x3a);
 const QColor zoomViolet(0x85, 0x74, 0xf7);
 const QColor blurTeal(0x2c, 0xb5, 0xa6);
 const QColor voiceGreen(0x5c, 0xb8, 0x5c);
+const QColor captionSlate(0x6a, 0x76, 0x9c);
+const QColor problemRed(0xff, 0x8a, 0x80);
 const QColor keyBlue(0x5d, 0x9c, 0xec);
 const QColor markRed(0xf0, 0x5a, 0x5a);
 const QColor playheadRed(0xff, 0x4d, 0x4f);
@@ -67,7 +70,7 @@ QString rateText(double rate)
     return QString::number(rate, 'f', 1) + "×";
 }
 
-// A rounded block with a label, clipped to its width.
+// A rounded block with a label, elided to its width.
 void drawBlock(QPainter& p, const QRectF& r, const QColor& colour, const QString& label, bool selected, bool dashed = false)
 {
     QPainterPath path;
@@ -84,7 +87,8 @@ void drawBlock(QPainter& p, const QRectF& r, const QColor& colour, const QString
         p.save();
         p.setClipRect(r.adjusted(5, 0, -5, 0));
         p.setPen(Qt::white);
-        p.drawText(r.adjusted(7, 0, -5, 0), Qt::AlignVCenter | Qt::AlignLeft, label);
+        const QRectF room = r.adjusted(7, 0, -5, 0);
+        p.drawText(room, Qt::AlignVCenter | Qt::AlignLeft, p.fontMetrics().elidedText(label, Qt::ElideRight, int(room.width())));
         p.restore();
     }
 }
@@ -269,6 +273,7 @@ void TimelineView::paintEvent(QPaintEvent*)
     paintZooms(p);
     paintBlurs(p);
     paintVoiceovers(p);
+    paintCaptions(p);
     paintTicks(p);
     paintPlayhead(p);
     if (m_readOnly) {
@@ -447,6 +452,39 @@ void TimelineView::paintVoiceovers(QPainter& p)
         QRectF r(xOf(start), lane.top() + 1, std::max(2.0, length * m_pxPerSecond), lane.height() - 2);
         drawBlock(p, r, QColor(0xe0, 0x4a, 0x4a), "Recording…", false, true);
     }
+}
+
+void TimelineView::paintCaptions(QPainter& p)
+{
+    const QRect lane = laneRect(Lane::captions);
+    if (!m_captionProblem.isEmpty()) {
+        const QRectF room = QRectF(lane).adjusted(sideMargin + 4, 0, -(sideMargin + 80), 0);
+        p.setPen(problemRed);
+        p.drawText(room, Qt::AlignVCenter | Qt::AlignLeft,
+            p.fontMetrics().elidedText(m_captionProblem, Qt::ElideRight, int(room.width())));
+        return;
+    }
+    // Lines are drawn faint, with a dashed edge, while the look's captions are off; a line
+    // that lies wholly in a removed stretch is never shown, so it is drawn dark.
+    const auto& look = m_document.edits().look;
+    const bool on = look && look->captions;
+    const auto removed = m_document.edits().plan.removedSpans(m_document.duration());
+    for (const CaptionLine& line : m_captions) {
+        QRectF r(xOf(line.start), lane.top() + 1, std::max(2.0, (line.end - line.start) * m_pxPerSecond), lane.height() - 2);
+        if (r.right() < 0 || r.left() > width())
+            continue;
+        const bool cut = std::any_of(removed.begin(), removed.end(),
+            [&](const IdleSpan& s) { return line.start >= s.start && line.end <= s.end; });
+        const QColor colour = cut ? captionSlate.darker(180) : on ? captionSlate : captionSlate.darker(130);
+        drawBlock(p, r, colour, QString::fromStdString(line.text), false, !on);
+    }
+}
+
+void TimelineView::setCaptions(std::vector<CaptionLine> lines, QString problem)
+{
+    m_captions = std::move(lines);
+    m_captionProblem = std::move(problem);
+    update();
 }
 
 void TimelineView::setRecordingTake(std::optional<std::pair<double, double>> startAndLength)
@@ -716,6 +754,16 @@ void TimelineView::setCursorFor(QPointF point)
         }
     }
     setCursor(shape);
+    // A caption line's whole text, which its block may not have room for.
+    QString tip;
+    if (laneRect(Lane::captions).contains(point.toPoint())) {
+        tip = m_captionProblem;
+        const double t = timeAt(point.x());
+        for (const CaptionLine& line : m_captions)
+            if (line.start <= t && t <= line.end)
+                tip = QString::fromStdString(line.text);
+    }
+    setToolTip(tip);
 }
 
 void TimelineView::wheelEvent(QWheelEvent* event)

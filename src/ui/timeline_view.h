@@ -2,13 +2,15 @@
 // The editor's timeline over the whole recording (movie seconds run left to right): the
 // kept clips with their pictures and yellow trim ends, the cut stretches between them, the
 // sped-up stretches with their rate, the sound's waveform, zoom blocks, blur spans,
-// voiceovers, the clicks and keys as ticks, the marks and the playhead. Every drag is one
+// voiceovers, the caption lines with their words, the clicks and keys as ticks, the marks
+// and the playhead. Every drag is one
 // undo step of the document; drags snap to the playhead, clicks and marks. Ctrl+wheel
 // zooms the timeline about the pointer; the wheel scrolls it.
 //
 // Threads: GUI thread. Pictures and peaks come from their sources' workers as they arrive;
 // painting never waits for them.
 
+#include "captions/caption_track.h"
 #include "plan/time_remap.h"
 #include "ui/editor_media.h"
 
@@ -18,6 +20,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace plim {
 
@@ -26,7 +29,7 @@ class PlimDocument;
 class TimelineView : public QWidget {
     Q_OBJECT
 public:
-    enum class Lane { ruler, clips, speed, sound, zooms, blurs, voiceovers, ticks };
+    enum class Lane { ruler, clips, speed, sound, zooms, blurs, voiceovers, captions, ticks };
     enum class ItemKind { none, zoom, blur, pause, voiceover };
     struct Selection {
         ItemKind kind = ItemKind::none;
@@ -48,6 +51,10 @@ public:
     void setPlayhead(double outputTime);
     double playhead() const { return m_playhead; }
     const TimeRemap& remap() const { return m_remap; }
+
+    // The plim's caption lines (source seconds), shown but not edited here; `problem` is a
+    // short note written in their lane when the track could not be read.
+    void setCaptions(std::vector<CaptionLine> lines, QString problem = {});
 
     // The take being recorded (source seconds), drawn in the voiceovers lane as it grows.
     void setRecordingTake(std::optional<std::pair<double, double>> startAndLength);
@@ -100,6 +107,7 @@ private:
     void paintZooms(QPainter& p);
     void paintBlurs(QPainter& p);
     void paintVoiceovers(QPainter& p);
+    void paintCaptions(QPainter& p);
     void paintTicks(QPainter& p);
     void paintPlayhead(QPainter& p);
 
@@ -115,6 +123,8 @@ private:
     bool m_readOnly = false;
     Selection m_selection;
     std::optional<std::pair<double, double>> m_recordingTake;
+    std::vector<CaptionLine> m_captions;
+    QString m_captionProblem;
     std::unique_ptr<Drag> m_drag;
 };
 

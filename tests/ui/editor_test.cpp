@@ -2,8 +2,10 @@
 // opens with its automatic edit, its trim end and zoom block are dragged on the timeline,
 // a blur box is drawn on the preview, and three undos take each back, the edits file read
 // back with the document's own reader after every step and the preview's picture checked
-// where the box lies. The inspector's look controls, clicked and keyed, reach the edits file
-// and the preview. An edits file that cannot be read opens read only and stays as it was.
+// where the box lies. The inspector shows what the plim's stage look wears where its own look
+// chooses nothing, and its controls, clicked and keyed, reach the edits file and the preview.
+// A plim's caption lines show on the timeline at their times and, switched on, in the
+// preview. Edits and caption files that cannot be read are said and stay as they were.
 // Generate captions transcribes a spoken plim off the GUI thread and shows the result.
 
 #include "app/voiceover_take.h"
@@ -12,6 +14,7 @@
 #include "captions/speech_plims.h"
 #include "library/plim_document.h"
 #include "library/plim_edits.h"
+#include "stage/stage_spec.h"
 #include "testkit/servers.h"
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
@@ -88,6 +91,67 @@ QRect inFrame(const PreviewView& preview, const QImage& frame, QRectF widgetArea
     return QRectF((widgetArea.topLeft() - origin) * scale, widgetArea.size() * scale).toRect();
 }
 
+// How many pixels differ clearly between two pictures of one size (none when the sizes differ).
+int changedPixels(const QImage& a, const QImage& b)
+{
+    if (a.size() != b.size())
+        return 0;
+    int count = 0;
+    for (int y = 0; y < a.height(); ++y)
+        for (int x = 0; x < a.width(); ++x) {
+            const QRgb p = a.pixel(x, y), q = b.pixel(x, y);
+            count += std::abs(qRed(p) - qRed(q)) + std::abs(qGreen(p) - qGreen(q)) + std::abs(qBlue(p) - qBlue(q)) > 60;
+        }
+    return count;
+}
+
+// The preview's picture at an output time, once drawn there at the widget's size.
+QImage frameAt(PreviewView& preview, double outputTime)
+{
+    preview.seek(outputTime);
+    auto drawn = [&] {
+        const QSize shown = preview.shownFrame().size();
+        return std::abs(preview.position() - outputTime) < 0.05
+            && (std::abs(shown.width() - preview.width()) <= 2 || std::abs(shown.height() - preview.height()) <= 2);
+    };
+    EXPECT_TRUE(waitUntil(drawn, 10)) << "the preview never drew " << outputTime << " s at its size";
+    QTest::qWait(100); // the exact frame, after a near one
+    return preview.shownFrame();
+}
+
+// A plim movie with a pointer track.
+fs::path trackedPlim(const fs::path& movie, const TestMovie& source)
+{
+    EXPECT_TRUE(writeTestMovie(movie, source));
+    EXPECT_TRUE(testTrack(source).write(movie));
+    return movie;
+}
+
+// The editor on `movie`, shown and active once its plim is read and the preview shows a
+// picture; null, the failure recorded, when it never gets there.
+std::unique_ptr<EditorWindow> openEditor(const fs::path& movie, std::function<void(const fs::path&)> share = {})
+{
+    auto window = std::make_unique<EditorWindow>(EditorWindow::Opening{movie}, std::move(share),
+        movie.parent_path() / "looks.json");
+    window->setAttribute(Qt::WA_DeleteOnClose, false);
+    window->resize(1280, 720);
+    window->show();
+    window->activateWindow();
+    if (!QTest::qWaitForWindowActive(window.get())
+        || !waitUntil([&] { return window->document() && window->preview()->framesShown() > 0; }, 30)) {
+        ADD_FAILURE() << "the editor did not open: " << window->status().toStdString();
+        return nullptr;
+    }
+    return window;
+}
+
+// Whether the timeline draws a caption block at movie time `t` (above its words).
+bool captionBlockAt(TimelineView& timeline, double t)
+{
+    const QImage image = timeline.grab().toImage();
+    return image.pixelColor(int(timeline.xOf(t)), timeline.laneRect(TimelineView::Lane::captions).top() + 3).blue() > 0x40;
+}
+
 } // namespace
 
 TEST(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
@@ -113,14 +177,9 @@ TEST(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     ASSERT_TRUE(track.write(movie));
 
     std::vector<fs::path> shared;
-    EditorWindow window({movie}, [&](const fs::path& m) { shared.push_back(m); }, folder / "looks.json");
-    window.setAttribute(Qt::WA_DeleteOnClose, false);
-    window.resize(1280, 720);
-    window.show();
-    window.activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
-    ASSERT_TRUE(waitUntil([&] { return window.document() && window.preview()->framesShown() > 0; }, 30))
-        << window.status().toStdString();
+    auto opened = openEditor(movie, [&](const fs::path& m) { shared.push_back(m); });
+    ASSERT_TRUE(opened);
+    EditorWindow& window = *opened;
     PlimDocument& document = *window.document();
     TimelineView& timeline = *window.timeline();
     PreviewView& preview = *window.preview();
@@ -202,27 +261,28 @@ TEST(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     EXPECT_EQ(shared, std::vector<fs::path>{movie});
 }
 
-TEST(Editor, InspectorLookControlsReachTheEditsFileAndThePreview)
+TEST(Editor, ShowsTheStagedLookAndCaptionLinesAndTheInspectorReachesTheEditsFileAndThePreview)
 {
     XdgSandbox sandbox;
     TempDir folder;
-    const fs::path movie = folder / "Look.mov";
     TestMovie source;
     source.width = 480;
     source.height = 270; // 16:9, so the 16:10 layout reshapes the picture
     source.duration = 3;
-    ASSERT_TRUE(writeTestMovie(movie, source));
-    ASSERT_TRUE(testTrack(source).write(movie));
+    const fs::path movie = trackedPlim(folder / "Look.mov", source);
+    // The stage look beside the movie: amber clicks and a pointer at 150 %, which the plim's own look leaves open.
+    StageSpec stage;
+    stage.clickTint = ClickTint::amber;
+    stage.cursorSize = 150;
+    ASSERT_TRUE(StageSpecFile::write(sidecarPath(movie, PlimFiles::stage), stage));
+    const CaptionTrack captions{{{"Open the settings window and then press save", 0.0, 1.6}, {"Done", 2.0, 2.9}}};
+    ASSERT_TRUE(writeJsonAtomic(CaptionTrack::fileBeside(movie), captions.toJson()));
 
-    EditorWindow window({movie}, {}, folder / "looks.json");
-    window.setAttribute(Qt::WA_DeleteOnClose, false);
-    window.resize(1280, 720);
-    window.show();
-    window.activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
-    ASSERT_TRUE(waitUntil([&] { return window.document() && window.preview()->framesShown() > 0; }, 30))
-        << window.status().toStdString();
+    auto opened = openEditor(movie);
+    ASSERT_TRUE(opened);
+    EditorWindow& window = *opened;
     PreviewView& preview = *window.preview();
+    TimelineView& timeline = *window.timeline();
     auto aspect = [&] { return double(preview.shownFrame().width()) / std::max(1, preview.shownFrame().height()); };
     EXPECT_NEAR(aspect(), 16.0 / 9, 0.02);
     auto* scroll = window.findChild<Inspector*>()->findChild<QScrollArea*>();
@@ -235,24 +295,40 @@ TEST(Editor, InspectorLookControlsReachTheEditsFileAndThePreview)
         }
         return widget;
     };
+    auto* amber = window.findChild<QAbstractButton*>("tint_amber");
+    ASSERT_TRUE(amber);
+    EXPECT_TRUE(waitUntil([&] { return amber->isChecked(); }, 5)) << "the inspector shows the staged tint, not white";
+    EXPECT_EQ(window.findChild<QSlider*>("pointerSize")->value(), 15);
 
     if (QWidget* wide = reach("shape_16:10"))
         QTest::mouseClick(wide, Qt::LeftButton);
+    EXPECT_TRUE(waitUntil([&] { return std::abs(aspect() - 1.6) < 0.02; }, 10)) << "the preview shows 16:10: " << aspect();
+    // The caption lines lie on the timeline at their times; switched on, the preview shows them.
+    EXPECT_TRUE(captionBlockAt(timeline, 0.8));
+    EXPECT_FALSE(captionBlockAt(timeline, 1.8));
+    EXPECT_TRUE(captionBlockAt(timeline, 2.5));
+    const QImage uncaptioned = frameAt(preview, timeline.remap().output(0.8));
+    if (QWidget* on = reach("captions"))
+        QTest::mouseClick(on, Qt::LeftButton, {}, QPoint(8, on->height() / 2));
+    EXPECT_TRUE(waitUntil([&] { return changedPixels(uncaptioned, preview.shownFrame()) > 300; }, 10))
+        << "the preview shows the caption line";
+
     if (QWidget* dot = reach("click_highlight"))
         QTest::mouseClick(dot, Qt::LeftButton);
     if (QWidget* size = reach("pointerSize")) {
         size->setFocus();
-        QTest::keyClick(size, Qt::Key_PageUp); // a page is 100 %
+        QTest::keyClick(size, Qt::Key_PageUp); // a page is 100 %, from the staged 150 %
     }
     window.saveNow();
     const PlimEdits saved = editsOnDisk(movie);
     ASSERT_TRUE(saved.look);
+    EXPECT_TRUE(saved.look->captions);
     EXPECT_EQ(saved.look->shape, PlimLook::Shape::wide);
     EXPECT_TRUE(saved.look->clickRings);
     EXPECT_EQ(saved.look->clickStyle, PlimLook::ClickStyle::highlight);
-    EXPECT_EQ(saved.look->pointerSize, 200);
-    EXPECT_EQ(window.document()->undoStack().size(), 3u);
-    EXPECT_TRUE(waitUntil([&] { return std::abs(aspect() - 1.6) < 0.02; }, 10)) << "the preview shows 16:10: " << aspect();
+    EXPECT_EQ(saved.look->pointerSize, 250);
+    EXPECT_FALSE(saved.look->clickTint) << "a value shown from the stage look is not chosen by showing it";
+    EXPECT_EQ(window.document()->undoStack().size(), 4u);
     if (const char* shots = std::getenv("PLIM_UI_SHOTS"))
         window.grab().save(QString::fromStdString((fs::path(shots) / "editor-look.png").string()));
 
@@ -261,40 +337,38 @@ TEST(Editor, InspectorLookControlsReachTheEditsFileAndThePreview)
     EXPECT_FALSE(editsOnDisk(movie).look->pointerSize);
 }
 
-TEST(Editor, OpensAnUnreadableEditsFileReadOnlyAndLeavesItAsItWas)
+TEST(Editor, SaysEditsAndCaptionFilesThatCannotBeReadAndLeavesThemAsTheyWere)
 {
     XdgSandbox sandbox;
     TempDir folder;
-    const fs::path movie = folder / "Broken.mov";
-    TestMovie source;
-    source.width = 320;
-    source.height = 200;
-    source.duration = 3;
-    ASSERT_TRUE(writeTestMovie(movie, source));
-    ASSERT_TRUE(testTrack(source).write(movie));
+    const fs::path movie = trackedPlim(folder / "Broken.mov", TestMovie{});
     const fs::path editsFile = sidecarPath(movie, PlimFiles::edits);
     const std::string broken = "{\"version\": 2, \"trimIn\": 1.0, \"zooms\": [";
     writeText(editsFile, broken);
+    const fs::path captionsFile = CaptionTrack::fileBeside(movie);
+    const std::string brokenCaptions = "{\"lines\": [{\"text\": \"Hello\"";
+    writeText(captionsFile, brokenCaptions);
 
     {
-        EditorWindow window({movie}, {}, folder / "looks.json");
-        window.setAttribute(Qt::WA_DeleteOnClose, false);
-        window.show();
-        ASSERT_TRUE(waitUntil([&] { return window.document() != nullptr; }));
-        EXPECT_TRUE(window.isReadOnly());
-        EXPECT_NE(window.notice().toStdString().find("Broken.edits.json"), std::string::npos) << window.notice().toStdString();
+        auto window = openEditor(movie);
+        ASSERT_TRUE(window);
+        EXPECT_TRUE(window->isReadOnly());
+        EXPECT_NE(window->notice().toStdString().find("Broken.edits.json"), std::string::npos) << window->notice().toStdString();
+        EXPECT_NE(window->status().toStdString().find("Broken.captions.json"), std::string::npos)
+            << window->status().toStdString();
         // Dragging the trim end edits nothing.
-        TimelineView& timeline = *window.timeline();
+        TimelineView& timeline = *window->timeline();
         const QRect clips = timeline.laneRect(TimelineView::Lane::clips);
-        const auto firstClip = window.document()->clips().front();
+        const auto firstClip = window->document()->clips().front();
         drag(&timeline, {timeline.xOf(firstClip.start) + 2, double(clips.center().y())},
             {timeline.xOf(firstClip.start) + 80, double(clips.center().y())});
-        QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
-        EXPECT_FALSE(window.document()->canUndo());
-        EXPECT_FALSE(window.findChild<QPushButton*>("recordVoiceover")->isEnabled());
-        window.close();
+        QTest::keyClick(window.get(), Qt::Key_Z, Qt::ControlModifier);
+        EXPECT_FALSE(window->document()->canUndo());
+        EXPECT_FALSE(window->findChild<QPushButton*>("recordVoiceover")->isEnabled());
+        window->close();
     }
     EXPECT_EQ(readText(editsFile), broken);
+    EXPECT_EQ(readText(captionsFile), brokenCaptions);
 }
 
 TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
@@ -306,10 +380,9 @@ TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
     const fs::path movie = folder / "Spoken.mov";
     ASSERT_TRUE(writeSpeechPlim(movie, speech.stereo, speech.duration()));
 
-    EditorWindow window({movie}, {}, folder / "looks.json");
-    window.setAttribute(Qt::WA_DeleteOnClose, false);
-    window.show();
-    ASSERT_TRUE(waitUntil([&] { return window.document() != nullptr; }));
+    auto opened = openEditor(movie);
+    ASSERT_TRUE(opened);
+    EditorWindow& window = *opened;
     auto* generate = window.findChild<QPushButton*>("generateCaptions");
     ASSERT_NE(generate, nullptr);
     QTest::mouseClick(generate, Qt::LeftButton);
@@ -325,6 +398,12 @@ TEST(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
     EXPECT_FALSE(track->value.lines[0].text.empty());
     EXPECT_NEAR(track->value.lines[0].start, speech.spans[0].start, 0.3);
     EXPECT_NEAR(track->value.lines[0].end, speech.spans[0].end, 0.3);
+    // The line lies on the timeline, and the preview shows it.
+    const double spoken = (track->value.lines[0].start + track->value.lines[0].end) / 2;
+    EXPECT_TRUE(captionBlockAt(*window.timeline(), spoken));
+    PreviewView& preview = *window.preview();
+    const QImage captioned = frameAt(preview, window.timeline()->remap().output(spoken));
+    EXPECT_GT(changedPixels(captioned, frameAt(preview, 0)), 300) << "the preview shows the new line where it is spoken";
     // The edits name the file and show captions, on disk once saved.
     window.saveNow();
     const PlimEdits saved = editsOnDisk(movie);
@@ -360,14 +439,10 @@ TEST(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
     ASSERT_TRUE(cut.write(movie, "test"));
     const fs::path library = folder / "Library";
 
-    EditorWindow window({movie}, {}, folder / "looks.json");
-    window.setAttribute(Qt::WA_DeleteOnClose, false);
+    auto opened = openEditor(movie);
+    ASSERT_TRUE(opened);
+    EditorWindow& window = *opened;
     window.setLibraryFolder(library);
-    window.show();
-    window.activateWindow();
-    ASSERT_TRUE(QTest::qWaitForWindowActive(&window));
-    ASSERT_TRUE(waitUntil([&] { return window.document() && window.preview()->framesShown() > 0; }, 30))
-        << window.status().toStdString();
     PreviewView& preview = *window.preview();
     auto* record = window.findChild<QPushButton*>("recordVoiceover");
     auto* headphones = window.findChild<QCheckBox*>("voiceoverHeadphones");
