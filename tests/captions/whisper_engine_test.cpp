@@ -350,6 +350,10 @@ TEST(WhisperAlignment, PathFollowsTheCheapCellsAndTokensStartWhereTheirFramesAre
         cost.row(r)[c] = -0.5f;
     EXPECT_EQ(warpPath(cost), path);
     EXPECT_TRUE(warpPath(Matrix{}).empty());
+    auto lost = warpPath(Matrix{3, 4, std::vector<float>(12, NAN)}); // weights of a broken sound
+    ASSERT_FALSE(lost.empty());
+    EXPECT_EQ(lost.front(), std::make_pair(0, 0));
+    EXPECT_EQ(lost.back(), std::make_pair(2, 3));
 
     // Four tokens (rows 2 to 5 of the decoder's input) speaking over frames 10 + 25 i
     // onwards, seen by two heads on different scales, with one-frame spikes the median

@@ -55,6 +55,8 @@ std::vector<std::pair<int, int>> warpPath(const Matrix& cost)
     for (int r = 0; r < rows; ++r)
         for (int c = 0; c < cols; ++c) {
             double best = r == 0 && c == 0 ? 0 : far;
+            // On the edges only one move leads in (also when the costs are not numbers).
+            step[at(r, c)] = r == 0 ? right : c == 0 ? down : diagonal;
             if (r > 0 && c > 0 && total[at(r - 1, c - 1)] < best)
                 best = total[at(r - 1, c - 1)], step[at(r, c)] = diagonal;
             if (r > 0 && total[at(r - 1, c)] < best)
