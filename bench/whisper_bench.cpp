@@ -1,7 +1,8 @@
 // Times Plim's Whisper engine with random weights (speed does not depend on their values):
 // OpenBLAS's rate on a 1500x512 by 512x2048 product first, then for each size the log-mel
 // front end, the encoder per 30-s window against the time its products alone would take at
-// that rate, and the decoder per token and per window.
+// that rate, and the decoder per token and per window. Last, the encoder against the product
+// in processor time on one thread, a ratio that holds on a busy machine too.
 //
 // usage: whisper_bench [tiny|base|small|medium ...]   (default: tiny base small)
 
@@ -12,6 +13,7 @@
 #include <algorithm>
 #include <cblas.h>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,36 @@ std::vector<double> times(int runs, F&& f)
     }
     std::sort(t.begin(), t.end());
     return t;
+}
+
+double processorMs()
+{
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return double(t.tv_sec) * 1e3 + double(t.tv_nsec) / 1e6;
+}
+
+// With one thread, the processor time of a product and of the encoder hardly depend on
+// what else the machine runs: their ratio stays meaningful on a busy machine.
+void oneThreadRatio(const std::vector<std::string>& sizes)
+{
+    openblas_set_num_threads(1);
+    const int m = 1500, k = 512, n = 2048;
+    std::vector<float> a(size_t(m) * k, 0.5f), b(size_t(k) * n, 0.25f), c(size_t(m) * n);
+    double best = 1e300;
+    for (int i = 0; i < 8; ++i) {
+        double start = processorMs();
+        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, m, n, k, 1.f, a.data(), k, b.data(), n, 0.f, c.data(), n);
+        best = std::min(best, processorMs() - start);
+    }
+    double gflops = 2.0 * m * k * n / best / 1e6;
+    std::printf("\nOne thread, processor time: sgemm 1500x512 by 512x2048 at %.0f GFLOP/s\n", gflops);
+    for (auto& size : sizes) {
+        auto speed = WhisperTranscriber::measureSpeed(size, 3);
+        if (speed)
+            std::printf("  %s encoder: %.0f ms of processor time, %.2fx the floor of its products at that rate\n",
+                size.c_str(), speed->encoderCpuMs, speed->encoderCpuMs / (speed->encoderFlop / gflops / 1e6));
+    }
 }
 
 double blasGflops()
@@ -94,4 +126,5 @@ int main(int argc, char** argv)
         }
         std::printf("  peak memory so far %.0f MB\n", bench::peakResidentMB());
     }
+    oneThreadRatio(sizes);
 }

@@ -49,6 +49,7 @@ public:
         double encoderFlop = 0;   // multiply-adds (x2) of the encoder's products for one window
         double frontEndMs = 0;    // log-mel of 30 s of sound (and the 30 s of padding behind it)
         double encoderMs = 0;     // one window through the encoder
+        double encoderCpuMs = 0;  // the processor time it took, all threads together (best of the runs)
         double crossMs = 0;       // the decoder's cross-attention keys and values for a window
         double tokenMs = 0;       // one token through the decoder and its key/value cache
         double loopTokenMs = 0;   // one token of the decoding loop, its rules and choice included

@@ -2,6 +2,7 @@
 // (whisper_reference.py): the same checkpoint, the same signal, the same answers.
 
 #include "base/text.h"
+#include "captions/whisper/alignment.h"
 #include "captions/whisper/checkpoint.h"
 #include "captions/whisper/decoding.h"
 #include "captions/whisper/log_mel.h"
@@ -195,6 +196,13 @@ TEST_F(WhisperReference, DecoderWithItsCacheAndGreedyTokensMatchTorch)
         }
     }
 
+    // Continuing earlier text, put behind <|startofprev|>: other tokens, still torch's.
+    auto afterText = s_reference["after_text"].get<std::vector<int>>();
+    ASSERT_EQ(afterText.front(), tok.special().startOfPrev);
+    auto continued = PLIM_MUST(decodeWindow(m, tok, afterText, stop, {}));
+    EXPECT_EQ(continued.tokens, s_reference["after_greedy"].get<std::vector<int>>());
+    EXPECT_NEAR(std::log(continued.noSpeechProb), std::log(s_reference["after_no_speech_prob"].get<double>()), 1e-2);
+
     stop = true;
     auto stopped = decodeWindow(m, tok, start, stop, {});
     ASSERT_FALSE(stopped);
@@ -246,11 +254,22 @@ TEST_F(WhisperReference, TranscriberCutsTheGreedyTokensIntoTimedSegmentsAndStops
         EXPECT_LT(s.start, s.end);
         last = s.end;
         ASSERT_TRUE(s.words && !s.words->empty());
+        // The pieces follow each other through the segment, each starting where torch's
+        // alignment starts one of the segment's tokens (when torch aligned this segment).
+        std::vector<double> tokenStarts;
+        for (auto& a : s_reference["alignment"])
+            if (a["frames"][0].get<int>() == std::lround(s.start / 0.02) && a["frames"][1].get<int>() == std::lround(s.end / 0.02))
+                for (int f : a["starts"])
+                    tokenStarts.push_back(s.start + f * 0.02);
         std::string joined;
         double wordEnd = s.start;
         for (const WhisperWord& w : *s.words) {
             EXPECT_NEAR(w.start, wordEnd, 1e-9);
-            EXPECT_LT(w.start, w.end);
+            EXPECT_LE(w.start, w.end);
+            if (!tokenStarts.empty()) {
+                EXPECT_TRUE(std::ranges::any_of(tokenStarts, [&](double t) { return std::fabs(t - w.start) < 1e-6; }))
+                    << w.text << " at " << w.start;
+            }
             wordEnd = w.end;
             joined += w.text;
         }
@@ -290,6 +309,76 @@ TEST_F(WhisperReference, TranscriberCutsTheGreedyTokensIntoTimedSegmentsAndStops
     auto unknown = whisper.transcribe(signal, stop, {}, "xx");
     ASSERT_FALSE(unknown);
     EXPECT_NE(unknown.error().sentence.find("\u201cxx\u201d"), std::string::npos) << unknown.error().sentence;
+}
+
+TEST_F(WhisperReference, CrossAttentionAndTheTokensItPlacesMatchTorch)
+{
+    Model m = model();
+    m.beginSequence(Matrix{1500, 64, floats("encoded.f32")});
+    std::vector<int> fed = s_reference["prompt"].get<std::vector<int>>();
+    fed.resize(3); // <|startoftranscript|>, the language, <|transcribe|>
+    for (int t : s_reference["greedy"].get<std::vector<int>>())
+        fed.push_back(t);
+    std::vector<Matrix> heads;
+    m.decode(fed, false, [&](const Matrix& w) { heads.push_back(w); });
+    auto want = floats("cross.f32"); // heads x tokens x frames
+    ASSERT_EQ(want.size(), heads.size() * fed.size() * 1500);
+    for (size_t h = 0; h < heads.size(); ++h) {
+        auto [hWorst, hAt] = worst(heads[h].data, std::span(want).subspan(h * heads[h].data.size(), heads[h].data.size()));
+        EXPECT_LT(hWorst, 2e-6f) << "head " << h << " token " << hAt / 1500 << " frame " << hAt % 1500;
+    }
+    // Each stretch torch aligned (the greedy segments, and a long one over the whole sound):
+    // the same start frames for its tokens.
+    ASSERT_GE(s_reference["alignment"].size(), 2u);
+    for (auto& a : s_reference["alignment"]) {
+        TokenSpan span{a["rows"][0].get<int>(), a["rows"][1].get<int>(), a["frames"][0].get<int>(),
+            a["frames"][1].get<int>()};
+        Matrix scores;
+        for (const Matrix& h : heads)
+            addHeadScores(scores, h, span);
+        EXPECT_EQ(tokenStartFrames(scores), a["starts"].get<std::vector<int>>()) << a.dump();
+    }
+}
+
+// Alignment on made-up weights, where the answer is known.
+TEST(WhisperAlignment, PathFollowsTheCheapCellsAndTokensStartWhereTheirFramesAre)
+{
+    const std::vector<std::pair<int, int>> path = {{0, 0}, {0, 1}, {0, 2}, {1, 3}, {2, 3}, {2, 4}, {2, 5}, {2, 6},
+        {3, 7}, {3, 8}, {3, 9}};
+    Matrix cost{4, 10, std::vector<float>(40, 1.f)};
+    for (auto [r, c] : path)
+        cost.row(r)[c] = -0.5f;
+    EXPECT_EQ(warpPath(cost), path);
+    EXPECT_TRUE(warpPath(Matrix{}).empty());
+    auto lost = warpPath(Matrix{3, 4, std::vector<float>(12, NAN)}); // weights of a broken sound
+    ASSERT_FALSE(lost.empty());
+    EXPECT_EQ(lost.front(), std::make_pair(0, 0));
+    EXPECT_EQ(lost.back(), std::make_pair(2, 3));
+
+    // Four tokens (rows 2 to 5 of the decoder's input) speaking over frames 10 + 25 i
+    // onwards, seen by two heads on different scales, with one-frame spikes the median
+    // filter removes; the span starts at frame 10.
+    std::vector<Matrix> heads(2, Matrix{8, 200, std::vector<float>(8 * 200, 0.f)});
+    for (int h = 0; h < 2; ++h) {
+        for (int t = 0; t < 4; ++t)
+            for (int f = 10 + 25 * t; f < 35 + 25 * t; ++f)
+                heads[size_t(h)].row(2 + t)[f] = h ? 0.9f : 0.01f;
+        heads[size_t(h)].row(2 + 3)[30 + 7 * h] = h ? 5.f : 0.05f;
+        heads[size_t(h)].row(2)[90] = h ? 5.f : 0.05f;
+    }
+    TokenSpan span{2, 6, 10, 110};
+    Matrix scores;
+    for (const Matrix& h : heads)
+        addHeadScores(scores, h, span);
+    EXPECT_EQ(tokenStartFrames(scores), (std::vector<int>{0, 25, 50, 75, 100}));
+    // More tokens than frames: still rising, ending at the frame count.
+    span = {0, 8, 60, 63};
+    scores = {};
+    addHeadScores(scores, heads[1], span);
+    auto crowded = tokenStartFrames(scores);
+    EXPECT_TRUE(std::is_sorted(crowded.begin(), crowded.end()));
+    EXPECT_EQ(crowded.front(), 0);
+    EXPECT_EQ(crowded.back(), 3);
 }
 
 // The router runs the engine from a model folder when better captions are on, and falls

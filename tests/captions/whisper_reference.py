@@ -91,7 +91,9 @@ class Attention(nn.Module):
         if causal:
             n = x.shape[1]
             w = w.masked_fill(torch.ones(n, n, dtype=torch.bool).triu(1), float("-inf"))
-        o = (w.softmax(-1) @ v).transpose(1, 2).reshape(x.shape)
+        w = w.softmax(-1)
+        self.weights = w
+        o = (w @ v).transpose(1, 2).reshape(x.shape)
         return self.out(o)
 
 
@@ -218,14 +220,14 @@ with torch.no_grad():
     logits = model.decoder(torch.tensor([prompt]), audio)[0]
     logits.numpy().tofile(os.path.join(out, "logits.f32"))
 
-    # Greedy decoding of the window with the timestamp rules.
-    blank = [vocab["Ġ"]]
-    start = [sot, first_language, transcribe]
+# Greedy decoding of the window with the timestamp rules, after `prompt` (which may put earlier
+# text behind <|startofprev|> before <|startoftranscript|>).
+def greedy(prompt):
     seq, sum_logprob, first_logprob = [], 0.0, None
-    first = model.decoder(torch.tensor([start]), audio)[0]
-    no_speech_prob = first[0].softmax(-1)[no_speech].item()
+    first = model.decoder(torch.tensor([prompt]), audio)[0]
+    no_speech_prob = first[prompt.index(sot)].softmax(-1)[no_speech].item()
     row = first[-1].clone()
-    for step in range(dims["n_text_ctx"] - len(start)):
+    for step in range(dims["n_text_ctx"] - len(prompt)):
         if not seq:
             row[blank] = -np.inf
             row[eot] = -np.inf
@@ -254,11 +256,74 @@ with torch.no_grad():
         if token == eot:
             break
         seq.append(token)
-        row = model.decoder(torch.tensor([start + seq]), audio)[0][-1].clone()
+        row = model.decoder(torch.tensor([prompt + seq]), audio)[0][-1].clone()
+    return seq, sum_logprob, first_logprob, no_speech_prob
+
+
+blank = [vocab["Ġ"]]
+start = [sot, first_language, transcribe]
+with torch.no_grad():
+    seq, sum_logprob, first_logprob, no_speech_prob = greedy(start)
+    # The same window continuing earlier text.
+    after_text = [translate + 3] + seq[:20] + start
+    after_seq, _, _, after_no_speech = greedy(after_text)
+
+# --- word times: the greedy tokens aligned to the audio frames -----------------------------
+# The cross-attention weights of every head in the upper half of the layers; per segment (cut
+# where a timestamp follows a timestamp) its text tokens x its frames, each frame's weights
+# put to zero mean and unit spread over the tokens, a 7-frame median along time (edge frames
+# repeated), the heads averaged, then the least-cost monotonic path through the negated scores.
+def warp_path(cost):
+    rows, cols = cost.shape
+    total = np.full((rows, cols), np.inf)
+    step = np.zeros((rows, cols), dtype=int)
+    for r in range(rows):
+        for c in range(cols):
+            best, how = (0.0, 0) if r == 0 and c == 0 else (np.inf, 0)
+            for s, (pr, pc) in enumerate(((r - 1, c - 1), (r - 1, c), (r, c - 1))):
+                if pr >= 0 and pc >= 0 and total[pr, pc] < best:
+                    best, how = total[pr, pc], s
+            total[r, c] = best + cost[r, c]
+            step[r, c] = how
+    r, c, path = rows - 1, cols - 1, []
+    while True:
+        path.append((r, c))
+        if r == 0 and c == 0:
+            break
+        s = step[r, c]
+        r, c = (r - 1 if s != 2 else r), (c - 1 if s != 1 else c)
+    return path[::-1]
+
+
+with torch.no_grad():
+    model.decoder(torch.tensor([start + seq]), audio)
+    upper = model.decoder.blocks[dims["n_text_layer"] // 2:]
+    heads = torch.cat([b.cross_attn.weights[0] for b in upper]).double().numpy()  # heads x tokens x frames
+    heads.astype(np.float32).tofile(os.path.join(out, "cross.f32"))
+alignment = []
+cut = [i for i in range(1, len(seq)) if seq[i] >= first_timestamp and seq[i - 1] >= first_timestamp]
+spans = [([len(start) + i for i in range(a, b) if seq[i] < first_timestamp],
+          seq[a] - first_timestamp, seq[b - 1] - first_timestamp) for a, b in zip([0] + cut, cut)]
+# and, for a larger matrix, the text after the last pair over the whole sound
+spans.append(([len(start) + i for i in range(cut[-1], len(seq)) if seq[i] < first_timestamp], 0, len(signal) // 320))
+for rows, f0, f1 in spans:
+    if not rows or f1 <= f0:
+        continue
+    w = heads[:, rows[0]:rows[-1] + 1, f0:f1]
+    spread = w.std(axis=1, keepdims=True)
+    w = np.where(spread > 1e-10, (w - w.mean(axis=1, keepdims=True)) / np.maximum(spread, 1e-30), 0)
+    padded = np.concatenate([np.repeat(w[..., :1], 3, -1), w, np.repeat(w[..., -1:], 3, -1)], -1)
+    smooth = np.median(np.stack([padded[..., k:k + w.shape[-1]] for k in range(7)]), axis=0)
+    starts = {}
+    for r, c in warp_path(-smooth.mean(axis=0)):
+        starts.setdefault(r, c)
+    alignment.append({"rows": [rows[0], rows[-1] + 1], "frames": [f0, f1],
+                      "starts": [starts[r] for r in range(len(rows))] + [f1 - f0]})
 
 with open(os.path.join(out, "reference.json"), "w") as f:
     json.dump({"dims": dims, "prompt": prompt, "greedy": seq, "sum_logprob": sum_logprob,
-               "first_logprob": first_logprob, "no_speech_prob": no_speech_prob,
+               "first_logprob": first_logprob, "no_speech_prob": no_speech_prob, "alignment": alignment,
+               "after_text": after_text, "after_greedy": after_seq, "after_no_speech_prob": after_no_speech,
                "mel_shape": list(window.shape), "encoded_shape": list(audio[0].shape),
                "logits_shape": list(logits.shape)}, f)
 

@@ -101,8 +101,11 @@ Result<DecodeResult> decodeWindow(Model& model, const Tokenizer& tok, std::span<
     model.restart();
     Matrix logits = model.decode(prompt, true);
     {
-        // The chance of silence, read where the transcript starts.
-        std::vector<float> first(logits.row(0), logits.row(0) + logits.cols);
+        // The chance of silence, read where the transcript starts (after any earlier text).
+        int at = int(std::find(prompt.begin(), prompt.end(), s.startOfTranscript) - prompt.begin());
+        if (at == logits.rows)
+            return fail("The decoder's prompt has no start of transcript.");
+        std::vector<float> first(logits.row(at), logits.row(at) + logits.cols);
         r.noSpeechProb = std::exp(first[size_t(s.noSpeech)] - logSumExp(first, 0, logits.cols));
     }
     std::vector<float> row(logits.row(logits.rows - 1), logits.row(logits.rows - 1) + logits.cols);

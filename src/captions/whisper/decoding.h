@@ -30,7 +30,8 @@ struct DecodeResult {
     double compressionRatio = 0;  // of the text's bytes through zlib
 };
 
-// The prompt's first token must be <|startoftranscript|>. The model holds the window's
+// The prompt is <|startoftranscript|> and what follows it (language, task), behind
+// <|startofprev|> and earlier text when the window continues it. The model holds the window's
 // audio states (Model::beginSequence); its token cache is emptied here. Fails `stopped`
 // when `stop` is raised between tokens.
 Result<DecodeResult> decodeWindow(Model& model, const Tokenizer& tokenizer, std::span<const int> prompt,

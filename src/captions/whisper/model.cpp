@@ -6,6 +6,7 @@
 #include <cblas.h>
 #include <cmath>
 #include <limits>
+#include <thread>
 
 namespace plim::whisper {
 
@@ -16,105 +17,179 @@ Matrix matrix(int rows, int cols)
     return Matrix{rows, cols, std::vector<float>(size_t(rows) * size_t(cols), 0.f)};
 }
 
-// x times the transpose of `weight` (out x in), plus `bias` when there is one.
-Matrix product(const Matrix& x, const Tensor& weight, const std::vector<float>& bias)
+// `m` as a rows x cols matrix of unspecified values, its storage kept when large enough.
+Matrix& reuse(Matrix& m, int rows, int cols)
 {
-    int out = int(weight.dim(0)), in = int(weight.dim(1));
-    Matrix y = matrix(x.rows, out);
-    if (x.rows == 1)
-        cblas_sgemv(CblasRowMajor, CblasNoTrans, out, in, 1.f, weight.data.data(), in, x.data.data(), 1, 0.f,
-            y.data.data(), 1);
-    else
-        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, x.rows, out, in, 1.f, x.data.data(), in,
-            weight.data.data(), in, 0.f, y.data.data(), out);
-    if (!bias.empty())
-        for (int r = 0; r < y.rows; ++r) {
-            float* row = y.row(r);
-            for (int c = 0; c < out; ++c)
-                row[c] += bias[size_t(c)];
-        }
-    return y;
+    m.rows = rows;
+    m.cols = cols;
+    if (m.data.size() < size_t(rows) * size_t(cols))
+        m.data.resize(size_t(rows) * size_t(cols));
+    return m;
 }
 
-Matrix linear(const Matrix& x, const Model::Linear& l)
+// Runs f(from, to) over [0, n) in as many slices as OpenBLAS has threads, this thread
+// taking the first. Small jobs stay on this thread.
+template<typename F>
+void inSlices(int n, long work, F&& f)
 {
-    return product(x, l.weight, l.bias);
+    const int slices = std::clamp(openblas_get_num_threads(), 1, 16);
+    if (slices == 1 || n < 2 || work < 200'000) {
+        f(0, n);
+        return;
+    }
+    std::vector<std::jthread> helpers;
+    for (int i = 1; i < slices; ++i)
+        helpers.emplace_back([&f, n, slices, i] { f(int(long(n) * i / slices), int(long(n) * (i + 1) / slices)); });
+    f(0, int(n / slices));
+}
+
+// y = x times the transpose of w (out x in) + beta y, each with its own row stride.
+void product(int rows, int out, int in, const float* x, int ldx, const float* w, float* y, int ldy, float beta = 0.f,
+    int ldw = 0)
+{
+    if (!ldw)
+        ldw = in;
+    if (rows == 1)
+        cblas_sgemv(CblasRowMajor, CblasNoTrans, out, in, 1.f, w, ldw, x, 1, beta, y, 1);
+    else
+        cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, out, in, 1.f, x, ldx, w, ldw, beta, y, ldy);
+}
+
+// y = x times the transpose of `out` rows of l's weights from `firstRow` on, plus their bias.
+void linear(const Matrix& x, const Model::Linear& l, Matrix& y, int out = -1, int firstRow = 0)
+{
+    const int in = int(l.weight.dim(1));
+    if (out < 0)
+        out = int(l.weight.dim(0));
+    reuse(y, x.rows, out);
+    product(x.rows, out, in, x.data.data(), x.cols, l.weight.data.data() + size_t(firstRow) * size_t(in), y.data.data(),
+        out);
+    if (!l.bias.empty())
+        inSlices(y.rows, long(y.data.size()), [&](int from, int to) {
+            for (int r = from; r < to; ++r) {
+                float* row = y.row(r);
+                const float* b = l.bias.data() + firstRow;
+                for (int c = 0; c < out; ++c)
+                    row[c] += b[c];
+            }
+        });
+}
+
+// x += y times the transpose of l's weights, plus its bias: a residual step without a copy.
+void addLinear(Matrix& x, const Matrix& y, const Model::Linear& l)
+{
+    inSlices(x.rows, long(x.data.size()), [&](int from, int to) {
+        for (int r = from; r < to; ++r)
+            for (int c = 0; c < x.cols; ++c)
+                x.row(r)[c] += l.bias[size_t(c)];
+    });
+    product(x.rows, x.cols, y.cols, y.data.data(), y.cols, l.weight.data.data(), x.data.data(), x.cols, 1.f);
+}
+
+void layerNorm(const Matrix& x, const Model::Norm& n, Matrix& y)
+{
+    reuse(y, x.rows, x.cols);
+    inSlices(x.rows, long(x.data.size()), [&](int from, int to) {
+        for (int r = from; r < to; ++r) {
+            const float* in = x.row(r);
+            float* out = y.row(r);
+            double mean = 0, var = 0;
+            for (int c = 0; c < x.cols; ++c)
+                mean += in[c];
+            mean /= x.cols;
+            for (int c = 0; c < x.cols; ++c)
+                var += (in[c] - mean) * (in[c] - mean);
+            float inv = float(1.0 / std::sqrt(var / x.cols + 1e-5));
+            for (int c = 0; c < x.cols; ++c)
+                out[c] = (in[c] - float(mean)) * inv * n.weight[size_t(c)] + n.bias[size_t(c)];
+        }
+    });
 }
 
 Matrix layerNorm(const Matrix& x, const Model::Norm& n)
 {
     Matrix y = matrix(x.rows, x.cols);
-    for (int r = 0; r < x.rows; ++r) {
-        const float* in = x.row(r);
-        float* out = y.row(r);
-        double mean = 0, var = 0;
-        for (int c = 0; c < x.cols; ++c)
-            mean += in[c];
-        mean /= x.cols;
-        for (int c = 0; c < x.cols; ++c)
-            var += (in[c] - mean) * (in[c] - mean);
-        float inv = float(1.0 / std::sqrt(var / x.cols + 1e-5));
-        for (int c = 0; c < x.cols; ++c)
-            out[c] = (in[c] - float(mean)) * inv * n.weight[size_t(c)] + n.bias[size_t(c)];
-    }
+    layerNorm(x, n, y);
     return y;
 }
 
-void gelu(Matrix& x)
+// Rows [first, first + rows) of x, each with `bias` added, through GELU; then `after` added when given.
+void biasGelu(Matrix& x, int first, int rows, const std::vector<float>& bias, const float* after = nullptr)
 {
-    whisper::gelu(x.data.data(), x.data.size());
-}
-
-void addInto(Matrix& x, const Matrix& y)
-{
-    for (size_t i = 0; i < x.data.size(); ++i)
-        x.data[i] += y.data[i];
-}
-
-// Multi-head attention of q's rows over the first `keys` rows of k and v. With `causalBase`
-// >= 0, query row i sees keys up to causalBase + i only.
-Matrix attend(const Matrix& q, const Matrix& k, const Matrix& v, int keys, int heads, int causalBase = -1)
-{
-    int d = q.cols, dh = d / heads;
-    Matrix out = matrix(q.rows, d);
-    std::vector<float> scores(size_t(q.rows) * size_t(keys)), sums(size_t(q.rows));
-    float scale = 1.f / std::sqrt(float(dh));
-    for (int h = 0; h < heads; ++h) {
-        if (q.rows == 1) // one token: products with a vector cost less to start
-            cblas_sgemv(CblasRowMajor, CblasNoTrans, keys, dh, scale, k.data.data() + h * dh, d,
-                q.data.data() + h * dh, 1, 0.f, scores.data(), 1);
-        else
-            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, q.rows, keys, dh, scale, q.data.data() + h * dh, d,
-                k.data.data() + h * dh, d, 0.f, scores.data(), keys);
-        // Softmax left unnormalised; each output row is divided by its sum after the product.
-        for (int r = 0; r < q.rows; ++r) {
-            float* s = scores.data() + size_t(r) * size_t(keys);
-            int visible = causalBase >= 0 ? std::min(keys, causalBase + r + 1) : keys;
-            float top = *std::max_element(s, s + visible);
-            sums[size_t(r)] = expShifted(s, size_t(visible), top);
-            std::fill(s + visible, s + keys, 0.f);
+    inSlices(rows, long(rows) * x.cols * 8, [&](int from, int to) {
+        for (int r = first + from; r < first + to; ++r) {
+            float* row = x.row(r);
+            for (int c = 0; c < x.cols; ++c)
+                row[c] += bias[size_t(c)];
+            gelu(row, size_t(x.cols));
+            if (after)
+                for (int c = 0; c < x.cols; ++c)
+                    row[c] += after[size_t(r - first) * size_t(x.cols) + size_t(c)];
         }
-        if (q.rows == 1)
-            cblas_sgemv(CblasRowMajor, CblasTrans, keys, dh, 1.f, v.data.data() + h * dh, d, scores.data(), 1, 0.f,
-                out.data.data() + h * dh, 1);
+    });
+}
+
+// Multi-head attention of the query rows over the first `keys` rows of k and v, each
+// given by its first element and row stride; the heads' outputs side by side in `out`.
+// With `causalBase` >= 0, query row i sees keys up to causalBase + i only. `weights`, when
+// given, is handed each head's attention weights (rows x keys).
+struct Operand {
+    const float* data;
+    int stride;
+};
+void attend(int rows, Operand q, Operand k, Operand v, int keys, int heads, int dh, float* out, int ldo,
+    Matrix& scratch, int causalBase = -1, const std::function<void(const Matrix&)>* weights = nullptr)
+{
+    std::vector<float>& scores = reuse(scratch, rows, keys).data;
+    std::vector<float> sums(static_cast<size_t>(rows));
+    const float scale = 1.f / std::sqrt(float(dh));
+    for (int h = 0; h < heads; ++h) {
+        if (rows == 1) // one token: products with a vector cost less to start
+            cblas_sgemv(CblasRowMajor, CblasNoTrans, keys, dh, scale, k.data + h * dh, k.stride, q.data + h * dh, 1, 0.f,
+                scores.data(), 1);
         else
-            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, q.rows, dh, keys, 1.f, scores.data(), keys,
-                v.data.data() + h * dh, d, 0.f, out.data.data() + h * dh, d);
-        for (int r = 0; r < q.rows; ++r) {
-            float* o = out.row(r) + h * dh;
+            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, keys, dh, scale, q.data + h * dh, q.stride,
+                k.data + h * dh, k.stride, 0.f, scores.data(), keys);
+        // Softmax left unnormalised; each output row is divided by its sum after the product.
+        inSlices(rows, long(rows) * keys * 4, [&](int from, int to) {
+            for (int r = from; r < to; ++r) {
+                float* s = scores.data() + size_t(r) * size_t(keys);
+                int visible = causalBase >= 0 ? std::min(keys, causalBase + r + 1) : keys;
+                float top = *std::max_element(s, s + visible);
+                sums[size_t(r)] = expShifted(s, size_t(visible), top);
+                std::fill(s + visible, s + keys, 0.f);
+            }
+        });
+        if (weights && *weights) {
+            Matrix w = matrix(rows, keys);
+            for (int r = 0; r < rows; ++r)
+                for (int c = 0; c < keys; ++c)
+                    w.row(r)[c] = scores[size_t(r) * size_t(keys) + size_t(c)] / sums[size_t(r)];
+            (*weights)(w);
+        }
+        float* o = out + h * dh;
+        if (rows == 1)
+            cblas_sgemv(CblasRowMajor, CblasTrans, keys, dh, 1.f, v.data + h * dh, v.stride, scores.data(), 1, 0.f, o, 1);
+        else
+            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, dh, keys, 1.f, scores.data(), keys,
+                v.data + h * dh, v.stride, 0.f, o, ldo);
+        for (int r = 0; r < rows; ++r) {
             float inv = 1.f / sums[size_t(r)];
             for (int c = 0; c < dh; ++c)
-                o[c] *= inv;
+                o[size_t(r) * size_t(ldo) + size_t(c)] *= inv;
         }
     }
-    return out;
 }
 
-void mlp(Matrix& x, const Model::Block& b)
+// The block's MLP as a residual step; `norm` and `hidden` are scratch.
+void mlp(Matrix& x, const Model::Block& b, Matrix& norm, Matrix& hidden)
 {
-    Matrix h = linear(layerNorm(x, b.mlpLn), b.fc1);
-    gelu(h);
-    addInto(x, linear(h, b.fc2));
+    layerNorm(x, b.mlpLn, norm);
+    reuse(hidden, x.rows, int(b.fc1.weight.dim(0)));
+    product(x.rows, hidden.cols, x.cols, norm.data.data(), norm.cols, b.fc1.weight.data.data(), hidden.data.data(),
+        hidden.cols);
+    biasGelu(hidden, 0, hidden.rows, b.fc1.bias);
+    addLinear(x, hidden, b.fc2);
 }
 
 // Whisper's fixed audio positions: sines then cosines over geometric timescales.
@@ -166,8 +241,14 @@ struct Taker {
     Model::Norm norm(const std::string& name, int n) { return {vec(name + ".weight", n), vec(name + ".bias", n)}; }
     Model::Attention attention(const std::string& name, int n)
     {
-        return {lin(name + ".query", n, n), lin(name + ".key", n, n, false), lin(name + ".value", n, n),
-            lin(name + ".out", n, n)};
+        Model::Linear qkv{Tensor{{3 * n, n}, {}}, {}};
+        for (const char* part : {".query", ".key", ".value"}) {
+            Model::Linear l = lin(name + part, n, n, part != std::string(".key"));
+            qkv.weight.data.insert(qkv.weight.data.end(), l.weight.data.begin(), l.weight.data.end());
+            l.bias.resize(size_t(n), 0.f);
+            qkv.bias.insert(qkv.bias.end(), l.bias.begin(), l.bias.end());
+        }
+        return {std::move(qkv), lin(name + ".out", n, n)};
     }
     Model::Block block(const std::string& name, int n, bool cross)
     {
@@ -283,8 +364,12 @@ Result<Model> Model::create(Checkpoint&& checkpoint)
     Taker t{checkpoint, {}};
     auto conv = [&](const std::string& name, int out, int in) {
         Tensor w = t.take(name + ".weight", {out, in, 3});
-        w.shape = {out, in * 3};
-        return Linear{std::move(w), t.vec(name + ".bias", out)};
+        Tensor taps{{out, 3 * in}, std::vector<float>(w.data.size())};
+        for (size_t o = 0; o < size_t(out); ++o)
+            for (size_t i = 0; i < size_t(in); ++i)
+                for (size_t k = 0; k < 3; ++k)
+                    taps.data[(o * 3 + k) * size_t(in) + i] = w.data[(o * size_t(in) + i) * 3 + k];
+        return Linear{std::move(taps), t.vec(name + ".bias", out)};
     };
     m.m_conv1 = conv("encoder.conv1", d.audioState, d.mels);
     m.m_conv2 = conv("encoder.conv2", d.audioState, d.audioState);
@@ -309,83 +394,96 @@ Result<Model> Model::create(Checkpoint&& checkpoint)
 Matrix Model::encode(const Matrix& mel) const
 {
     const Dims& d = m_dims;
-    int frames = windowFrames();
-    // Convolutions as products: each output row gathers its 3-frame neighbourhood.
-    Matrix cols = matrix(frames, d.mels * 3);
-    for (int t = 0; t < frames; ++t)
-        for (int c = 0; c < d.mels; ++c)
-            for (int k = 0; k < 3; ++k) {
-                int at = t + k - 1;
-                if (at >= 0 && at < mel.cols)
-                    cols.row(t)[c * 3 + k] = mel.row(c)[at];
-            }
-    Matrix h = linear(cols, m_conv1);
-    gelu(h);
-    cols = matrix(d.audioCtx, d.audioState * 3);
-    for (int t = 0; t < d.audioCtx; ++t)
-        for (int k = 0; k < 3; ++k) {
-            int at = 2 * t + k - 1;
-            if (at < 0 || at >= frames)
-                continue;
-            const float* from = h.row(at);
-            float* to = cols.row(t);
-            for (int c = 0; c < d.audioState; ++c)
-                to[c * 3 + k] = from[c];
-        }
-    Matrix x = linear(cols, m_conv2);
-    gelu(x);
-    for (size_t i = 0; i < x.data.size(); ++i)
-        x.data[i] += m_audioPositions.data[i];
+    const int frames = windowFrames(), state = d.audioState;
+    auto& [in, h, x, norm, qkv, a, hidden, scores] = m_scratch;
+    // The convolutions as products without gathering: frames are rows, with a zero row
+    // either end for the padding, so tap k of output t reads row t + k (2t + k for the
+    // second, strided one) in place: one product per tap, summed.
+    reuse(in, frames + 2, d.mels);
+    std::fill_n(in.data.begin(), size_t(in.rows) * size_t(in.cols), 0.f);
+    for (int c = 0; c < d.mels; ++c)
+        for (int t = 0; t < std::min(frames, mel.cols); ++t)
+            in.row(t + 1)[c] = mel.row(c)[t];
+    reuse(h, frames + 2, state);
+    std::fill_n(h.row(0), state, 0.f);
+    std::fill_n(h.row(frames + 1), state, 0.f);
+    for (int k = 0; k < 3; ++k)
+        product(frames, state, d.mels, in.row(k), d.mels, m_conv1.weight.data.data() + k * d.mels, h.row(1), state,
+            k ? 1.f : 0.f, 3 * d.mels);
+    biasGelu(h, 1, frames, m_conv1.bias);
+    reuse(x, d.audioCtx, state);
+    for (int k = 0; k < 3; ++k)
+        product(d.audioCtx, state, state, h.row(k), 2 * state, m_conv2.weight.data.data() + k * state, x.data.data(),
+            state, k ? 1.f : 0.f, 3 * state);
+    biasGelu(x, 0, x.rows, m_conv2.bias, m_audioPositions.data.data());
+    reuse(a, x.rows, state);
+    const int dh = state / d.audioHeads;
     for (const Block& b : m_encoder) {
-        Matrix n = layerNorm(x, b.attnLn);
-        Matrix a = attend(linear(n, b.attn.query), linear(n, b.attn.key), linear(n, b.attn.value), x.rows, d.audioHeads);
-        addInto(x, linear(a, b.attn.out));
-        mlp(x, b);
+        layerNorm(x, b.attnLn, norm);
+        linear(norm, b.attn.qkv, qkv);
+        const float* at = qkv.data.data();
+        attend(x.rows, {at, 3 * state}, {at + state, 3 * state}, {at + 2 * state, 3 * state}, x.rows, d.audioHeads, dh,
+            a.data.data(), state, scores);
+        addLinear(x, a, b.attn.out);
+        mlp(x, b, norm, hidden);
     }
     return layerNorm(x, m_encoderLn);
 }
 
 void Model::beginSequence(const Matrix& audio)
 {
-    m_selfK.assign(m_decoder.size(), matrix(m_dims.textCtx, m_dims.textState));
-    m_selfV = m_selfK;
-    m_crossK.clear();
-    m_crossV.clear();
-    for (const Block& b : m_decoder) {
-        m_crossK.push_back(linear(audio, b.cross.key));
-        m_crossV.push_back(linear(audio, b.cross.value));
+    const int state = m_dims.textState;
+    m_selfK.resize(m_decoder.size());
+    m_selfV.resize(m_decoder.size());
+    m_crossKV.resize(m_decoder.size());
+    for (size_t l = 0; l < m_decoder.size(); ++l) {
+        reuse(m_selfK[l], m_dims.textCtx, state);
+        reuse(m_selfV[l], m_dims.textCtx, state);
+        linear(audio, m_decoder[l].cross.qkv, m_crossKV[l], 2 * state, state);
     }
     m_fed = 0;
 }
 
-Matrix Model::decode(std::span<const int> tokens, bool allRows)
+Matrix Model::decode(std::span<const int> tokens, bool allRows, const std::function<void(const Matrix&)>& crossWeights)
 {
     const Dims& d = m_dims;
-    int n = int(tokens.size());
-    Matrix x = matrix(n, d.textState);
+    const int n = int(tokens.size()), state = d.textState, dh = state / d.textHeads;
+    auto& [x, norm, qkv, a, q, hidden, scores, unused] = m_scratch;
+    reuse(x, n, state);
     for (int i = 0; i < n; ++i)
-        for (int c = 0; c < d.textState; ++c)
-            x.row(i)[c] = m_tokenEmbedding.data[size_t(tokens[size_t(i)]) * size_t(d.textState) + size_t(c)]
-                + m_textPositions.data[size_t(m_fed + i) * size_t(d.textState) + size_t(c)];
+        for (int c = 0; c < state; ++c)
+            x.row(i)[c] = m_tokenEmbedding.data[size_t(tokens[size_t(i)]) * size_t(state) + size_t(c)]
+                + m_textPositions.data[size_t(m_fed + i) * size_t(state) + size_t(c)];
+    reuse(a, n, state);
     for (size_t l = 0; l < m_decoder.size(); ++l) {
         const Block& b = m_decoder[l];
-        Matrix h = layerNorm(x, b.attnLn);
-        Matrix q = linear(h, b.attn.query), k = linear(h, b.attn.key), v = linear(h, b.attn.value);
-        std::copy(k.data.begin(), k.data.end(), m_selfK[l].row(m_fed));
-        std::copy(v.data.begin(), v.data.end(), m_selfV[l].row(m_fed));
-        addInto(x, linear(attend(q, m_selfK[l], m_selfV[l], m_fed + n, d.textHeads, m_fed), b.attn.out));
-        h = layerNorm(x, b.crossLn);
-        q = linear(h, b.cross.query);
-        addInto(x, linear(attend(q, m_crossK[l], m_crossV[l], m_crossK[l].rows, d.textHeads), b.cross.out));
-        mlp(x, b);
+        layerNorm(x, b.attnLn, norm);
+        linear(norm, b.attn.qkv, qkv);
+        for (int i = 0; i < n; ++i) {
+            std::copy_n(qkv.row(i) + state, state, m_selfK[l].row(m_fed + i));
+            std::copy_n(qkv.row(i) + 2 * state, state, m_selfV[l].row(m_fed + i));
+        }
+        attend(n, {qkv.data.data(), 3 * state}, {m_selfK[l].data.data(), state}, {m_selfV[l].data.data(), state},
+            m_fed + n, d.textHeads, dh, a.data.data(), state, scores, m_fed);
+        addLinear(x, a, b.attn.out);
+        layerNorm(x, b.crossLn, norm);
+        linear(norm, b.cross.qkv, q, state);
+        const float* kv = m_crossKV[l].data.data();
+        bool upper = 2 * l >= m_decoder.size();
+        attend(n, {q.data.data(), state}, {kv, 2 * state}, {kv + state, 2 * state}, m_crossKV[l].rows, d.textHeads, dh,
+            a.data.data(), state, scores, -1, upper ? &crossWeights : nullptr);
+        addLinear(x, a, b.cross.out);
+        mlp(x, b, norm, hidden);
     }
     m_fed += n;
     Matrix last = layerNorm(x, m_decoderLn);
     if (!allRows) {
-        last.data.erase(last.data.begin(), last.data.end() - d.textState);
+        last.data.erase(last.data.begin(), last.data.end() - state);
         last.rows = 1;
     }
-    return product(last, m_tokenEmbedding, {});
+    Matrix logits = matrix(last.rows, d.vocab);
+    product(last.rows, d.vocab, state, last.data.data(), state, m_tokenEmbedding.data.data(), logits.data.data(), d.vocab);
+    return logits;
 }
 
 } // namespace plim::whisper

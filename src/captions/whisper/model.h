@@ -1,12 +1,16 @@
 #pragma once
 // The Whisper network: an encoder that turns a 30-second window of log-mel frames into
 // audio states, and a decoder that predicts the next token from the tokens so far and
-// those states. Products run through OpenBLAS. Not thread-safe: one transcription at a time.
+// those states. Products run through OpenBLAS on its threads; the passes between them
+// (softmax, GELU, layer norm) are split over as many threads. Not thread-safe: one
+// transcription at a time.
 
 #include "base/error.h"
 #include "captions/whisper/checkpoint.h"
 
+#include <array>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -50,7 +54,10 @@ public:
     void restart() { m_fed = 0; }
     // Feeds `tokens` after the ones already fed; returns one row of logits per token when
     // `allRows`, else only the last token's row. The sequence may not exceed textCtx.
-    Matrix decode(std::span<const int> tokens, bool allRows = false);
+    // `crossWeights`, when given, is handed the attention weights over the audio of each
+    // head in the upper half of the layers, layer by layer: tokens x audioCtx, rows summing to 1.
+    Matrix decode(std::span<const int> tokens, bool allRows = false,
+        const std::function<void(const Matrix&)>& crossWeights = {});
     int fed() const { return m_fed; }
 
     struct Linear {
@@ -61,7 +68,8 @@ public:
         std::vector<float> weight, bias;
     };
     struct Attention {
-        Linear query, key, value, out;
+        Linear qkv;                // query, key and value stacked: 3 state x state (the key has no bias: zeros)
+        Linear out;
     };
     struct Block {
         Norm attnLn;
@@ -75,15 +83,19 @@ public:
 
 private:
     Dims m_dims;
-    Linear m_conv1, m_conv2; // weights flattened to out x (in * 3)
+    Linear m_conv1, m_conv2; // weights as out x (3 x in): the three taps, each across all inputs
     Tensor m_audioPositions;
     std::vector<Block> m_encoder, m_decoder;
     Norm m_encoderLn, m_decoderLn;
     Tensor m_tokenEmbedding, m_textPositions;
 
-    // Per decoder layer: self-attention cache (textCtx x state) and cross keys/values.
-    std::vector<Matrix> m_selfK, m_selfV, m_crossK, m_crossV;
+    // Per decoder layer: self-attention cache (textCtx x state) and the audio's keys and
+    // values side by side (audioCtx x 2 state).
+    std::vector<Matrix> m_selfK, m_selfV, m_crossKV;
     int m_fed = 0;
+    // Working matrices kept from call to call: fresh pages for every product's output
+    // are slow to fault in, slower than much of the arithmetic.
+    mutable std::array<Matrix, 8> m_scratch;
 };
 
 } // namespace plim::whisper
