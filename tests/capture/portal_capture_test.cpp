@@ -25,7 +25,7 @@ namespace {
 using namespace testkit;
 using namespace std::chrono_literals;
 
-constexpr int width = 1280, height = 800;
+constexpr int castWidth = 1280, castHeight = 800;
 // The terminal's background, which fills the screen right of the printed times.
 constexpr std::array<int, 3> background{0xc0, 0x30, 0x20};
 
@@ -39,18 +39,18 @@ fs::path onlyMovie(const fs::path& folder)
     return movies.size() == 1 ? movies[0] : fs::path();
 }
 
-std::array<double, 3> meanColour(const fs::path& movie, double seconds, int x0, int y0, int x1, int y1)
+std::array<double, 3> castColour(const fs::path& movie, double seconds, int x0, int y0, int x1, int y1)
 {
     auto rgb = runCommand({"ffmpeg", "-v", "error", "-ss", std::to_string(seconds), "-i", movie.string(), "-frames:v",
         "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"}).out;
     std::array<double, 3> sum{-1, -1, -1};
-    if (rgb.size() != size_t(width) * height * 3)
+    if (rgb.size() != size_t(castWidth) * castHeight * 3)
         return sum;
     sum = {0, 0, 0};
     for (int y = y0; y < y1; ++y)
         for (int x = x0; x < x1; ++x)
             for (int c = 0; c < 3; ++c)
-                sum[c] += uint8_t(rgb[(size_t(y) * width + x) * 3 + c]);
+                sum[c] += uint8_t(rgb[(size_t(y) * castWidth + x) * 3 + c]);
     for (double& s : sum)
         s /= double(x1 - x0) * (y1 - y0);
     return sum;
@@ -162,7 +162,7 @@ TEST_F(PortalCapture, RecordsTheScreenAndPointerThenReusesTheChoice)
     EXPECT_EQ(rising, packets);
     EXPECT_NEAR(last, seconds, 0.3);
     for (double at : {0.5, seconds - 0.5}) {
-        auto colour = meanColour(movie, at, 700, 300, 1200, 700);
+        auto colour = castColour(movie, at, 700, 300, 1200, 700);
         for (int c = 0; c < 3; ++c)
             EXPECT_NEAR(colour[c], background[c], 8) << "colour " << c << " at " << at << " s";
     }

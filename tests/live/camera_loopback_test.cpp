@@ -84,7 +84,7 @@ struct Fixture {
 LiveSinkHealth running(int dropped) { return {LiveSinkHealth::Running{dropped}}; }
 LiveSinkHealth opening() { return {LiveSinkHealth::Opening{}}; }
 
-std::string failure(const LiveSink& sink)
+std::string loopbackFailure(const LiveSink& sink)
 {
     const auto health = sink.health();
     const auto* failed = std::get_if<LiveSinkHealth::Failed>(&health.state);
@@ -97,7 +97,7 @@ TEST(CameraLoopback, RetriesEveryTwoSecondsWhileFramesAreDropped)
     EXPECT_EQ(f.sink->health(), LiveSinkHealth{LiveSinkHealth::Idle{}});
     f.feed();
     EXPECT_EQ(f.script->opens, 1);
-    EXPECT_EQ(failure(*f.sink), "Plim Camera is not installed. Load it once with sudo modprobe v4l2loopback "
+    EXPECT_EQ(loopbackFailure(*f.sink), "Plim Camera is not installed. Load it once with sudo modprobe v4l2loopback "
                                 "card_label=\"Plim Camera\" exclusive_caps=1 (from the v4l2loopback-dkms package), "
                                 "and every video app gains a camera named Plim.");
     f.clock.advance(1.99);
@@ -144,7 +144,7 @@ TEST(CameraLoopback, FailsAfter120RefusalsInARowAndRecovers)
     f.feed(119);
     EXPECT_EQ(f.sink->health(), running(119));
     f.feed();
-    EXPECT_EQ(failure(*f.sink), "Plim Camera is not taking frames — the v4l2loopback device has stopped pulling. "
+    EXPECT_EQ(loopbackFailure(*f.sink), "Plim Camera is not taking frames — the v4l2loopback device has stopped pulling. "
                                 "Stop and go live again; if it persists, restart the computer.");
     // One frame taken ends the run of refusals.
     f.script->waiting.clear();
@@ -197,7 +197,7 @@ TEST(CameraLoopback, EachTroubleSaysWhatToDo)
         f.script->trouble = c.trouble;
         f.script->formatError = c.formatError;
         f.feed(2);
-        EXPECT_EQ(failure(*f.sink), c.sentence);
+        EXPECT_EQ(loopbackFailure(*f.sink), c.sentence);
         EXPECT_FALSE(f.script->isOpen); // a device that failed to start is not held
         // Cleared, the next attempt connects and the sentence goes.
         f.script->trouble.reset();

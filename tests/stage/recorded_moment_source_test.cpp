@@ -201,27 +201,27 @@ TEST(RecordedMomentSourceTest, MomentsDependOnlyOnTheirTime)
     EXPECT_TRUE(source.moment(-1e300, 1e300).clicks.empty());
 }
 
-CameraPicture picture(int width, int height, int stride, size_t bytes)
+CameraPicture cameraPicture(int width, int height, int stride, size_t bytes)
 {
     return {width, height, stride, std::make_shared<const std::vector<uint8_t>>(bytes, uint8_t{0x7f})};
 }
 
 TEST(CameraPictureTest, UsableOnlyWhenThePixelsCoverEveryRow)
 {
-    EXPECT_TRUE(picture(4, 2, 16, 32).isUsable());
-    EXPECT_TRUE(picture(4, 2, 20, 40).isUsable()); // padded rows
-    EXPECT_FALSE(picture(4, 2, 16, 31).isUsable());
-    EXPECT_FALSE(picture(4, 2, 12, 24).isUsable()); // rows narrower than the width
-    EXPECT_FALSE(picture(0, 2, 16, 32).isUsable());
-    EXPECT_FALSE(picture(4, -1, 16, 32).isUsable());
+    EXPECT_TRUE(cameraPicture(4, 2, 16, 32).isUsable());
+    EXPECT_TRUE(cameraPicture(4, 2, 20, 40).isUsable()); // padded rows
+    EXPECT_FALSE(cameraPicture(4, 2, 16, 31).isUsable());
+    EXPECT_FALSE(cameraPicture(4, 2, 12, 24).isUsable()); // rows narrower than the width
+    EXPECT_FALSE(cameraPicture(0, 2, 16, 32).isUsable());
+    EXPECT_FALSE(cameraPicture(4, -1, 16, 32).isUsable());
     EXPECT_FALSE((CameraPicture{4, 2, 16, nullptr}).isUsable());
 
-    // Moments compare camera frames by picture: the same values in another buffer differ.
+    // Moments compare camera frames by cameraPicture: the same values in another buffer differ.
     StageMoment a;
-    a.cameraFrame = picture(2, 2, 8, 16);
+    a.cameraFrame = cameraPicture(2, 2, 8, 16);
     StageMoment b = a;
     EXPECT_EQ(a, b);
-    b.cameraFrame = picture(2, 2, 8, 16);
+    b.cameraFrame = cameraPicture(2, 2, 8, 16);
     EXPECT_NE(a, b);
 }
 

@@ -12,8 +12,8 @@ namespace plim {
 namespace {
 
 constexpr double eps = 1e-6;
-const double nan = std::numeric_limits<double>::quiet_NaN();
-const double inf = std::numeric_limits<double>::infinity();
+const double notANumber = std::numeric_limits<double>::quiet_NaN();
+const double infinite = std::numeric_limits<double>::infinity();
 
 void expectRectNear(const Rect& actual, const Rect& expected)
 {
@@ -78,8 +78,8 @@ TEST(StageGeometryCard, ScreenCardLayout)
         {{1080, 1920}, {0.5, 2}, cardSpec(0.05, 0.02), {313.5, 54, 453, 1812}, 453 * 0.02}, // not framed
         // Unusable content stands in as the canvas size; an unusable canvas gives an empty stage.
         {{1920, 1080}, {0, 0}, plain, fill, 15}, {{1920, 1080}, {-5, 100}, plain, fill, 15},
-        {{1920, 1080}, {nan, 10}, plain, fill, 15}, {{1920, 1080}, {100, inf}, plain, fill, 15},
-        {{0, 720}, {1920, 1080}, plain, {}, 0}, {{nan, nan}, {1920, 1080}, plain, {}, 0},
+        {{1920, 1080}, {notANumber, 10}, plain, fill, 15}, {{1920, 1080}, {100, infinite}, plain, fill, 15},
+        {{0, 720}, {1920, 1080}, plain, {}, 0}, {{notANumber, notANumber}, {1920, 1080}, plain, {}, 0},
         {{-1280, 720}, {1920, 1080}, plain, {}, 0},
     };
     for (size_t i = 0; i < rows.size(); ++i) {
@@ -119,7 +119,7 @@ TEST(StageGeometryCard, PicturePositionsFlipOntoTheCanvas)
 TEST(StageGeometryZoom, KeepsTheFocusButNeverUncoversTheOutput)
 {
     StageGeometry g({1280, 720}, {1440, 900}, StageSpec{}, false);
-    for (double scale : {1.0, 1.0001, 0.5, 0.0, -2.0, nan, inf})
+    for (double scale : {1.0, 1.0001, 0.5, 0.0, -2.0, notANumber, infinite})
         EXPECT_TRUE(g.zoomTransform({scale, 0.3, 0.7}).isIdentity()) << scale;
     EXPECT_FALSE(g.zoomTransform({1.0002, 0.3, 0.7}).isIdentity());
 
@@ -142,7 +142,7 @@ TEST(StageGeometryZoom, KeepsTheFocusButNeverUncoversTheOutput)
     EXPECT_NEAR(corner.tx, -g.screenRect.maxX(), eps);
     EXPECT_NEAR(corner.ty, -g.screenRect.minY(), eps);
     EXPECT_EQ(g.zoomTransform({2, 1.7, 1.5}), (Affine{2, 0, 0, 2, -1280, 0}));
-    EXPECT_EQ(g.zoomTransform({2, nan, nan}), g.zoomTransform({2, 0.5, 0.5}));
+    EXPECT_EQ(g.zoomTransform({2, notANumber, notANumber}), g.zoomTransform({2, 0.5, 0.5}));
 
     // On a full-canvas screen the top-left quarter fills the output.
     StageGeometry full({1280, 720}, {1280, 720}, pxSpec(0, 0), false);
@@ -197,8 +197,8 @@ TEST(StageGeometryCardCamera, ViewBlendsFromTheCanvasToTheCard)
     const Size canvas{1920, 1080};
     const Rect card{192, 108, 1536, 864}; // growth 0.25: fully blended at 1.25
     for (auto [z, focus, r, size] : std::vector<std::tuple<double, Point, Rect, Size>>{
-             {1.0, {500, 300}, card, canvas}, {1.0001, {500, 300}, card, canvas}, {nan, {500, 300}, card, canvas},
-             {inf, {500, 300}, card, canvas}, {2, {nan, 300}, card, canvas}, {2, {500, 300}, {0, 0, 0, 450}, canvas},
+             {1.0, {500, 300}, card, canvas}, {1.0001, {500, 300}, card, canvas}, {notANumber, {500, 300}, card, canvas},
+             {infinite, {500, 300}, card, canvas}, {2, {notANumber, 300}, card, canvas}, {2, {500, 300}, {0, 0, 0, 450}, canvas},
              {2, {500, 300}, card, {0, 650}}})
         EXPECT_TRUE(StageGeometry::cardCameraTransform(z, focus, r, size).isIdentity()) << z;
 
@@ -239,7 +239,7 @@ TEST(StageGeometrySourceFit, KeepsAspectAndCentres)
         EXPECT_EQ(fit.a, fit.d);
     }
     EXPECT_TRUE(StageGeometry::sourceFit({0, 0, 0, 10}, target).isIdentity());
-    EXPECT_TRUE(StageGeometry::sourceFit({0, 0, 10, 10}, {0, 0, 10, nan}).isIdentity());
+    EXPECT_TRUE(StageGeometry::sourceFit({0, 0, 10, 10}, {0, 0, 10, notANumber}).isIdentity());
 }
 
 TEST(StageGeometryShadow, LayersScaleWithTheCardWidth)
@@ -283,7 +283,7 @@ TEST(DeviceFrame, PhoneBodyAroundTheScreen)
         {{2560, 2560}, {1000, 2000}, px200, (2560 - 800) / 2104.0},
         {{1080, 1920}, {1080, 1920}, bare, 1}, {{1080, 1920}, {1080, 1920}, card, 0.8},
         {{1080, 1920}, {0, 0}, {}, (1080 - 2 * 64.8) / 1.104}, {{1080, 1920}, {-3, 0.2}, {}, (1080 - 2 * 64.8) / 1.104},
-        {{1080, 1920}, {nan, nan}, {}, (1080 - 2 * 64.8) / 1.104},
+        {{1080, 1920}, {notANumber, notANumber}, {}, (1080 - 2 * 64.8) / 1.104},
         {{64, 64}, {100, 200}, {}, (64 - 2 * 3.84) / 210.4}, // the outline stays 1 px thick
     };
     for (size_t i = 0; i < rows.size(); ++i) {
@@ -311,7 +311,7 @@ TEST(ReframeMath, BubbleIsASquareNearTheBottomCentre)
 {
     for (auto [size, expected] : std::vector<std::pair<Size, Rect>>{{{1080, 1920}, {399.6, 54, 280.8, 280.8}},
              {{720, 1280}, {266.4, 36, 187.2, 187.2}}, {{0, 1920}, {}}, {{1080, 0}, {}}, {{-1, 5}, {}},
-             {{nan, 1920}, {}}, {{1080, inf}, {}}}) {
+             {{notANumber, 1920}, {}}, {{1080, infinite}, {}}}) {
         SCOPED_TRACE(size.width);
         expectRectNear(ReframeMath::bubbleRect(size), expected);
     }
@@ -333,7 +333,7 @@ TEST(ReframeMath, InsetsStackAboveTheBubbleButNeverAboveTheMiddle)
     for (const Row& row : std::vector<Row>{{tall, top, true, 287.55, 287.55}, {tall, top, false, 287.55, 223.7625},
              {tall, 1500, true, 960 - 64 * k, 960 - 118 * k}, {tall, 1500, false, 960 - 64 * k, 960 - 118 * k},
              {{1080, 100}, 300, false, 0, 0}, {tall, 1, false, 0, 0}, {tall, std::nullopt, true, 0, 0},
-             {tall, 0.0, true, 0, 0}, {tall, -20.0, false, 0, 0}, {tall, nan, false, 0, 0},
+             {tall, 0.0, true, 0, 0}, {tall, -20.0, false, 0, 0}, {tall, notANumber, false, 0, 0},
              {{0, 1920}, 300.0, true, 0, 0}, {{1080, -1}, 300.0, true, 0, 0}}) {
         SCOPED_TRACE(testing::Message() << row.size.height << " " << row.top.value_or(-1) << " " << row.keys);
         auto stack = ReframeMath::bottomStack(row.size, row.top, row.keys);

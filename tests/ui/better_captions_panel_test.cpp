@@ -17,13 +17,6 @@
 namespace plim {
 namespace {
 
-template <typename T>
-T* child(QWidget& parent, const char* name)
-{
-    auto* found = parent.findChild<T*>(QString::fromUtf8(name));
-    EXPECT_NE(found, nullptr) << name;
-    return found;
-}
 
 TEST(BetterCaptionsPanel, DownloadsOffTheGuiThreadPausesResumesAndDeletes)
 {
@@ -39,24 +32,24 @@ TEST(BetterCaptionsPanel, DownloadsOffTheGuiThreadPausesResumesAndDeletes)
     const CaptionModelStore store = setup.store;
     BetterCaptionsPanel panel(settings, std::move(setup));
     panel.show();
-    auto* text = child<QLabel>(panel, "betterCaptionsText");
-    auto* status = child<QLabel>(panel, "captionModelStatus");
+    auto* text = testkit::child<QLabel>(panel, "betterCaptionsText");
+    auto* status = testkit::child<QLabel>(panel, "captionModelStatus");
     EXPECT_EQ(text->text().toStdString(), CaptionModelText::beforeDownload);
 
     // Turning better captions on fetches the model; the window keeps answering meanwhile.
-    child<QCheckBox>(panel, "betterCaptions")->setChecked(true);
+    testkit::child<QCheckBox>(panel, "betterCaptions")->setChecked(true);
     EXPECT_TRUE(settings.boolean(std::string(betterCaptionsKey), false));
     ASSERT_TRUE(panel.isDownloading());
     EXPECT_EQ(text->text().toStdString(), CaptionModelText::duringDownload);
     ASSERT_TRUE(testkit::waitUntil([&] { return status->text().contains(QStringLiteral("KB/s, about")); }))
         << status->text().toStdString();
-    EXPECT_GT(child<QProgressBar>(panel, "captionModelProgress")->value(), 0);
+    EXPECT_GT(testkit::child<QProgressBar>(panel, "captionModelProgress")->value(), 0);
     if (const char* shots = std::getenv("PLIM_UI_SHOTS"))
         panel.grab().save(QString::fromStdString((fs::path(shots) / "better-captions.png").string()));
-    QTest::mouseClick(child<QPushButton>(panel, "pauseCaptionModel"), Qt::LeftButton);
+    QTest::mouseClick(testkit::child<QPushButton>(panel, "pauseCaptionModel"), Qt::LeftButton);
     ASSERT_TRUE(testkit::waitUntil([&] { return !panel.isDownloading(); }));
     EXPECT_TRUE(status->text().contains(QStringLiteral("Resume picks up where it stopped.")));
-    auto* download = child<QPushButton>(panel, "downloadCaptionModel");
+    auto* download = testkit::child<QPushButton>(panel, "downloadCaptionModel");
     EXPECT_EQ(download->text(), QStringLiteral("Resume"));
     const auto kept = int64_t(fs::file_size(store.filePath(model.size, checkpoint)));
     ASSERT_GT(kept, 0);
@@ -68,7 +61,7 @@ TEST(BetterCaptionsPanel, DownloadsOffTheGuiThreadPausesResumesAndDeletes)
     EXPECT_TRUE(store.isReady(model.size));
     EXPECT_EQ(server.requests()[server.requests().size() - 3].range, "bytes=" + std::to_string(kept) + "-");
 
-    QTest::mouseClick(child<QPushButton>(panel, "deleteCaptionModel"), Qt::LeftButton);
+    QTest::mouseClick(testkit::child<QPushButton>(panel, "deleteCaptionModel"), Qt::LeftButton);
     EXPECT_EQ(text->text().toStdString(), CaptionModelText::beforeDownload);
     EXPECT_FALSE(fs::exists(store.folder(model.size)));
 }

@@ -1,7 +1,11 @@
 #pragma once
-// Running the GUI thread's event loop until something holds.
+// Running the GUI thread's event loop until something holds, and finding a window's parts.
 
+#include <QString>
 #include <QTest>
+#include <QWidget>
+
+#include <gtest/gtest.h>
 
 #include <chrono>
 
@@ -18,6 +22,15 @@ bool waitUntil(F done, double seconds = 10)
         QTest::qWait(10);
     }
     return true;
+}
+
+// The child widget named `name`; a test failure when there is none.
+template <typename T>
+T* child(QWidget& parent, const char* name)
+{
+    T* found = parent.findChild<T*>(QString::fromUtf8(name));
+    EXPECT_NE(found, nullptr) << name;
+    return found;
 }
 
 } // namespace plim::testkit

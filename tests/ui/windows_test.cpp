@@ -81,13 +81,6 @@ void keepShot(QWidget& window, const std::string& name)
         window.grab().save(QString::fromStdString((fs::path(folder) / (name + ".png")).string()));
 }
 
-template <typename T>
-T* child(QWidget& window, const char* name)
-{
-    T* found = window.findChild<T*>(QString::fromUtf8(name));
-    EXPECT_NE(found, nullptr) << name;
-    return found;
-}
 
 } // namespace
 
