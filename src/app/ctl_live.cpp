@@ -15,18 +15,6 @@
 
 namespace plim {
 
-RecordingActivity recordingActivity(RecordingController::Phase phase)
-{
-    switch (phase) {
-    case RecordingController::Phase::starting:
-    case RecordingController::Phase::rolling: return RecordingActivity::rolling;
-    case RecordingController::Phase::staging: return RecordingActivity::finishing;
-    case RecordingController::Phase::idle:
-    case RecordingController::Phase::failed: return RecordingActivity::none;
-    }
-    return RecordingActivity::none;
-}
-
 int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
 {
     auto parsed = parseCtlOptions(args, {"--to", "--duration", "--x-display", "--display", "--library"}, {"--no-camera"}, "live");
@@ -40,7 +28,7 @@ int runLiveCommand(const CtlArgs& args, std::ostream& out, std::ostream& err)
                "       [--x-display :N] [--display NAME] [--no-camera] [--library FOLDER]\n"
                "Composes the screen in your look for new plims in real time and hands it to the sink;\n"
                "prints the sinks' health every half second. Stops after --duration, on Ctrl-C or SIGTERM.\n"
-               "Refused while a plim is being recorded into the library folder.\n";
+               "Refused while a plim is being recorded or finished in the library folder.\n";
         return 0;
     }
     const std::string to = o.last("--to").value_or("");

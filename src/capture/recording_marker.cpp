@@ -71,7 +71,8 @@ std::optional<fs::path> RecordingMarker::movieOf(const fs::path& marker)
 
 Status RecordingMarker::write(const fs::path& movie) const
 {
-    Json json = {{"bootID", bootID}, {"keys", keys}, {"pid", pid}};
+    Json json = {{"bootID", bootID}, {"keys", keys}, {"phase", phase == Phase::finishing ? "finishing" : "rolling"},
+        {"pid", pid}};
     if (processStart)
         json["processStart"] = *processStart;
     return writeJsonAtomic(fileBeside(movie), json);
@@ -93,6 +94,8 @@ Result<RecordingMarker> RecordingMarker::read(const fs::path& marker)
     read.processStart = jsonInteger(*json, "processStart");
     read.bootID = jsonString(*json, "bootID").value_or("");
     read.keys = jsonBool(*json, "keys").value_or(false);
+    if (jsonString(*json, "phase") == "finishing")
+        read.phase = Phase::finishing;
     return read;
 }
 
@@ -100,6 +103,17 @@ void RecordingMarker::remove(const fs::path& movie)
 {
     std::error_code ignored;
     fs::remove(fileBeside(movie), ignored);
+}
+
+Status RecordingMarker::markFinishing(const fs::path& movie)
+{
+    auto marker = read(fileBeside(movie));
+    if (!marker && marker.error().kind == Error::Kind::missing)
+        return {};
+    if (!marker)
+        return std::unexpected(marker.error());
+    marker->phase = Phase::finishing;
+    return marker->write(movie);
 }
 
 bool RecordingMarker::processIsAlive() const

@@ -24,6 +24,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace plim {
 
@@ -37,5 +38,14 @@ std::unique_ptr<LiveSink> makePipeWireCameraSink(CameraSinkOptions options = {})
 
 // `device` plays the loopback device; the system's when not given.
 std::unique_ptr<LiveSink> makeV4l2LoopbackSink(CameraSinkOptions options = {}, std::unique_ptr<LoopbackDevice> device = nullptr);
+
+// Whether a PipeWire server answers this process now (PIPEWIRE_REMOTE, else the runtime
+// folder's socket). Blocks for the connection attempt only.
+bool pipeWireAnswers();
+
+// The camera sinks to go live into: PipeWire's when a server answers, v4l2loopback's when
+// a device has the label. With neither, the v4l2loopback sink, whose health says how to
+// load the module.
+std::vector<std::shared_ptr<LiveSink>> availableCameraSinks(CameraSinkOptions options = {}, LoopbackPlaces places = {});
 
 } // namespace plim

@@ -40,15 +40,19 @@ std::optional<std::string> goLiveRefusal(RecordingActivity activity)
 
 RecordingActivity recordingActivityIn(const std::filesystem::path& libraryFolder)
 {
+    RecordingActivity found = RecordingActivity::none;
     std::error_code ec;
     for (std::filesystem::directory_iterator it(libraryFolder, ec), end; !ec && it != end; it.increment(ec)) {
         if (!RecordingMarker::movieOf(it->path()))
             continue;
         auto marker = RecordingMarker::read(it->path());
-        if (marker && marker->processIsAlive())
+        if (!marker || !marker->processIsAlive())
+            continue;
+        if (marker->phase == RecordingMarker::Phase::rolling)
             return RecordingActivity::rolling;
+        found = RecordingActivity::finishing;
     }
-    return RecordingActivity::none;
+    return found;
 }
 
 LiveSession::LiveSession(LiveServices services) : m_services(std::move(services)) {}

@@ -37,7 +37,8 @@ enum class RecordingActivity { none, rolling, finishing };
 std::optional<std::string> goLiveRefusal(RecordingActivity activity);
 
 // What another process is recording into `libraryFolder`: a recording marker there whose
-// process still runs means a plim is rolling (or being finished; the marker does not say).
+// process still runs says whether its plim is rolling or being finished; a marker left by
+// a process that is gone counts for nothing.
 RecordingActivity recordingActivityIn(const std::filesystem::path& libraryFolder);
 
 // Where a live run's parts come from; tests put stand-ins in.

@@ -22,6 +22,12 @@ namespace {
 
 constexpr uint32_t largestSide = 4096;
 
+void startPipeWire()
+{
+    static std::once_flag started;
+    std::call_once(started, [] { pw_init(nullptr, nullptr); });
+}
+
 class PipeWireCameraSink final : public LiveSink {
 public:
     explicit PipeWireCameraSink(CameraSinkOptions options)
@@ -30,8 +36,7 @@ public:
         , m_state(m_options.label + " is not taking frames — PipeWire has stopped pulling. Stop and go live again; if "
               "it persists, restart PipeWire (systemctl --user restart pipewire wireplumber).")
     {
-        static std::once_flag started;
-        std::call_once(started, [] { pw_init(nullptr, nullptr); });
+        startPipeWire();
     }
 
     ~PipeWireCameraSink() override { disconnect(); }
@@ -304,6 +309,23 @@ private:
 std::unique_ptr<LiveSink> makePipeWireCameraSink(CameraSinkOptions options)
 {
     return std::make_unique<PipeWireCameraSink>(std::move(options));
+}
+
+bool pipeWireAnswers()
+{
+    startPipeWire();
+    pw_loop* loop = pw_loop_new(nullptr);
+    if (!loop)
+        return false;
+    pw_context* context = pw_context_new(loop, nullptr, 0);
+    pw_core* core = context ? pw_context_connect(context, nullptr, 0) : nullptr;
+    const bool answers = core != nullptr;
+    if (core)
+        pw_core_disconnect(core);
+    if (context)
+        pw_context_destroy(context);
+    pw_loop_destroy(loop);
+    return answers;
 }
 
 } // namespace plim

@@ -134,4 +134,14 @@ std::unique_ptr<LiveSink> makeV4l2LoopbackSink(CameraSinkOptions options, std::u
     return std::make_unique<V4l2LoopbackSink>(std::move(options), std::move(device));
 }
 
+std::vector<std::shared_ptr<LiveSink>> availableCameraSinks(CameraSinkOptions options, LoopbackPlaces places)
+{
+    std::vector<std::shared_ptr<LiveSink>> sinks;
+    if (pipeWireAnswers())
+        sinks.push_back(makePipeWireCameraSink(options));
+    if (sinks.empty() || !videoDevicesLabelled(places.videoClass, options.label).empty())
+        sinks.push_back(makeV4l2LoopbackSink(options, LoopbackDevice::system(places)));
+    return sinks;
+}
+
 } // namespace plim

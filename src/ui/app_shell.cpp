@@ -3,6 +3,8 @@
 #include "base/log.h"
 #include "base/settings.h"
 #include "capture/capture.h"
+#include "library/look_store.h"
+#include "live/camera_sinks.h"
 #include "ui/desktop_icons.h"
 #include "ui/desktop_services.h"
 #include "ui/editor_window.h"
@@ -80,10 +82,21 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
     m_follow->setInterval(200);
     connect(m_follow, &QTimer::timeout, this, &AppShell::followWindow);
     m_liveBar = std::make_unique<LiveBar>(m_actions, [this] { m_driver->replim(); });
+    m_live = std::make_unique<LiveDriver>(LiveServices{}, [] { return availableCameraSinks(); });
+    m_streamBar = std::make_unique<LiveStreamBar>(m_actions.stopLive,
+        [monitor = m_live->monitor()](int maxWidth) { return monitor->latest(maxWidth); });
+    connect(m_live.get(), &LiveDriver::stateChanged, this, &AppShell::onLiveState);
+    connect(m_live.get(), &LiveDriver::progress, m_streamBar.get(), &LiveStreamBar::setStarting);
+    connect(m_live.get(), &LiveDriver::health, this, [this](const QString& line, const QString& note) {
+        m_streamBar->setHealth(line);
+        m_streamBar->setNote(note);
+    });
+    connect(m_live.get(), &LiveDriver::notice, m_streamBar.get(), &LiveStreamBar::addNotice);
+    connect(m_live.get(), &LiveDriver::failed, this, [this](const QString& sentence) { showFailure(sentence, "Plim Live"); });
     connect(m_driver.get(), &RecordingDriver::stateChanged, this, &AppShell::onState);
     connect(m_driver.get(), &RecordingDriver::elapsedChanged, this, [this] { refresh(); });
     connect(m_driver.get(), &RecordingDriver::marksChanged, this, [this] { refresh(); });
-    connect(m_driver.get(), &RecordingDriver::failed, this, &AppShell::showFailure);
+    connect(m_driver.get(), &RecordingDriver::failed, this, [this](const QString& sentence) { showFailure(sentence); });
     connect(m_driver.get(), &RecordingDriver::inputNotice, this, [this](const QString& sentence) {
         m_liveBar->addNotice(sentence); // the capture has logged it
         if (m_tray)
@@ -99,6 +112,7 @@ AppShell::AppShell(std::filesystem::path libraryFolder, QObject* parent)
     connect(qApp, &QCoreApplication::aboutToQuit, this, [this] {
         m_quitting = true;
         cancelCountdown();
+        m_live->stopNow();
         m_driver->finishBeforeQuit();
         showDesktopIcons();
         // An automatic edit or poster under way is written whole before the process ends.
@@ -134,6 +148,11 @@ void AppShell::makeActions()
     m_actions.stop->setObjectName("stop");
     m_actions.pause = action("Pause", [this] { m_driver->togglePause(); });
     m_actions.mark = action("Mark", [this] { m_driver->mark(); });
+    m_actions.goLive = action("&Go Live", [this] { goLive(); });
+    m_actions.goLive->setObjectName("goLive");
+    m_actions.goLive->setToolTip("Show the composed screen in the live bar and as the Plim Camera in video apps");
+    m_actions.stopLive = action("Stop &Live", [this] { m_live->stop(); });
+    m_actions.stopLive->setObjectName("stopLive");
     m_actions.openLibrary = action("Open Library", [this] { m_router->show(WindowRouter::Destination::home); });
     m_actions.showFolder = action("Show Library Folder", [this] {
         if (auto shown = showInFileManager(m_driver->libraryFolder()); !shown)
@@ -259,12 +278,52 @@ void AppShell::cancelCountdown()
     QCoreApplication::sendEvent(m_countdown, &escape);
 }
 
-void AppShell::showFailure(const QString& sentence)
+void AppShell::goLive()
+{
+    if (m_live->state() != LiveDriver::State::idle) {
+        m_streamBar->raise();
+        return;
+    }
+    if (auto refusal = goLiveRefusal(m_driver->activity())) {
+        showFailure(QString::fromStdString(*refusal), "Plim Live");
+        return;
+    }
+    LookStore looks;
+    if (looks.loadProblem())
+        logLine(LogArea::live, *looks.loadProblem());
+    LiveSessionOptions options;
+    options.look = looks.newPlimLook().value_or(PlimLook{});
+    m_streamBar->clear();
+    m_live->start(std::move(options));
+}
+
+void AppShell::onLiveState(LiveDriver::State state)
+{
+    if (state == LiveDriver::State::idle) {
+        m_streamBar->hide();
+        m_streamBar->clear();
+    } else if (!m_streamBar->isVisible()) {
+        // On another display than the streamed one where there is one, else over the
+        // streamed display's lower right corner, where it hides the least.
+        m_streamBar->adjustSize();
+        const auto displays = displayFrames();
+        const Rect streamed = displays.empty() ? Rect{0, 0, 1280, 720} : displays.front();
+        auto place = liveBarPlace(streamed, true, displays, m_streamBar->width(), m_streamBar->height());
+        if (!place)
+            place = Rect{streamed.x + streamed.width - m_streamBar->width() - 24,
+                streamed.y + streamed.height - m_streamBar->height() - 48, 0, 0};
+        m_streamBar->anchorAt(QPoint(int(place->x) + m_streamBar->width(), int(place->y) + m_streamBar->height()));
+        m_streamBar->show();
+    }
+    refresh();
+}
+
+void AppShell::showFailure(const QString& sentence, const QString& title)
 {
     logLine(LogArea::main, sentence.toStdString());
     if (m_quitting)
         return;
-    auto* box = new QMessageBox(QMessageBox::Warning, "Plim", sentence, QMessageBox::Ok);
+    auto* box = new QMessageBox(QMessageBox::Warning, title, sentence, QMessageBox::Ok);
     box->setObjectName("failureAlert");
     box->setTextFormat(Qt::PlainText);
     box->setAttribute(Qt::WA_DeleteOnClose);
@@ -339,6 +398,8 @@ void AppShell::refresh()
     m_actions.pause->setEnabled(rolling);
     m_actions.pause->setText(state == State::paused ? "Resume" : "Pause");
     m_actions.mark->setEnabled(state == State::rolling);
+    m_actions.goLive->setEnabled(m_live->state() == LiveDriver::State::idle);
+    m_actions.stopLive->setEnabled(m_live->state() != LiveDriver::State::idle);
     if (m_tray)
         m_tray->update(state, m_driver->elapsed());
     m_liveBar->update(state, m_driver->elapsed(), m_driver->markCount());

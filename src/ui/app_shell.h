@@ -1,11 +1,13 @@
 #pragma once
 // The running application: the recording driver, the tray item, the countdown, the live bar
-// and outline while rolling, the stop flow, the router's windows, and the control verbs
-// that arrive over the session bus.
+// and outline while rolling, going live (the live bar's live form with the monitor's
+// picture), the stop flow, the router's windows, and the control verbs that arrive over
+// the session bus.
 //
 // Threads: GUI thread.
 
 #include "app/record_choice.h"
+#include "ui/live_driver.h"
 #include "ui/recording_driver.h"
 #include "ui/shell_actions.h"
 #include "ui/window_router.h"
@@ -29,6 +31,7 @@ class CountdownOverlay;
 class Desktop;
 class DesktopIcons;
 class LiveBar;
+class LiveStreamBar;
 class RegionOutline;
 class TrayItem;
 
@@ -64,16 +67,22 @@ public:
     // Runs the preflight, the countdown of the choice and the recording.
     void record(const RecordChoice& choice);
 
+    // Goes live with the user's look for new plims into the monitor and the cameras there
+    // are; refused, in a window with the sentence, while a recording rolls or is finished.
+    void goLive();
+
     WindowRouter& router() { return *m_router; }
     RecordingDriver& driver() { return *m_driver; }
+    const ShellActions& actions() const { return m_actions; }
 
 private:
     void makeActions();
     void toggle();
     void recordArea();
     void cancelCountdown();
-    void showFailure(const QString& sentence);
+    void showFailure(const QString& sentence, const QString& title = "Plim");
     void onState(RecordingDriver::State state);
+    void onLiveState(LiveDriver::State state);
     void refresh();
     void showRollingChrome();
     // Keeps the outline around a recorded window that moves or resizes.
@@ -87,6 +96,8 @@ private:
     std::unique_ptr<WindowRouter> m_router;
     std::unique_ptr<TrayItem> m_tray;
     std::unique_ptr<LiveBar> m_liveBar;
+    std::unique_ptr<LiveDriver> m_live;
+    std::unique_ptr<LiveStreamBar> m_streamBar;
     std::unique_ptr<RegionOutline> m_outline;
     QTimer* m_follow = nullptr;
     std::unique_ptr<Desktop> m_desktop; // asked where a recorded window lies

@@ -45,6 +45,7 @@ void installWindows(AppShell& shell)
             router.show(Destination::share, WindowRouter::Request{.movie = movie});
         };
         home->onRecord = [&router] { router.show(Destination::recordPanel); };
+        home->addHeaderAction(shell.actions().goLive);
         return home;
     });
 

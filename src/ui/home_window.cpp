@@ -10,6 +10,7 @@
 #include "ui/plim_files.h"
 
 #include <QAbstractListModel>
+#include <QAction>
 #include <QApplication>
 #include <QDateTime>
 #include <QHBoxLayout>
@@ -25,6 +26,7 @@
 #include <QStackedWidget>
 #include <QStyledItemDelegate>
 #include <QThreadPool>
+#include <QToolButton>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -287,7 +289,7 @@ HomeWindow::HomeWindow(fs::path libraryFolder, QWidget* parent)
         if (onRecord)
             onRecord();
     });
-    auto* header = new QHBoxLayout;
+    auto* header = m_header = new QHBoxLayout;
     header->addWidget(title);
     header->addSpacing(8);
     header->addWidget(m_count, 0, Qt::AlignBottom);
@@ -410,6 +412,15 @@ void HomeWindow::say(const QString& sentence)
 {
     m_message->setText(sentence);
     m_message->setVisible(!sentence.isEmpty());
+}
+
+void HomeWindow::addHeaderAction(QAction* action)
+{
+    auto* button = new QToolButton;
+    button->setDefaultAction(action);
+    button->setToolButtonStyle(Qt::ToolButtonTextOnly);
+    button->setObjectName(action->objectName());
+    m_header->insertWidget(m_header->count() - 1, button);
 }
 
 void HomeWindow::requestDetails()

@@ -17,6 +17,8 @@
 #include <functional>
 #include <memory>
 
+class QAction;
+class QHBoxLayout;
 class QLabel;
 class QListView;
 class QPushButton;
@@ -43,6 +45,8 @@ public:
     std::vector<PlimRecord> plims() const;
     // A sentence in the line under the grid (failures of the window's own actions).
     void say(const QString& sentence);
+    // A button for one of the shell's commands in the header, before Record.
+    void addHeaderAction(QAction* action);
 
     // The actions of a plim's menu, also used by the keyboard (F2, Delete).
     void openPlim(const PlimRecord& plim);
@@ -66,6 +70,7 @@ private:
     QStackedWidget* m_pages = nullptr;
     QLabel* m_count = nullptr;
     QLabel* m_message = nullptr;
+    QHBoxLayout* m_header = nullptr;
     std::string m_renamedTo; // selected once the library lists it
     struct Worker;
     std::unique_ptr<Worker> m_worker;

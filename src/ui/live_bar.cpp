@@ -1,10 +1,13 @@
 #include "ui/live_bar.h"
 
 #include "capture/capture_session.h"
+#include "ui/desktop_services.h"
 
 #include <QAction>
 #include <QBoxLayout>
 #include <QLabel>
+#include <QPixmap>
+#include <QTimer>
 #include <QToolButton>
 
 #include <algorithm>
@@ -23,6 +26,63 @@ bool overlaps(const Rect& a, const Rect& b)
 {
     return a.x < b.x + b.width && b.x < a.x + a.width && a.y < b.y + b.height && b.y < a.y + a.height;
 }
+
+constexpr const char* barStyle = "background: #242424; border: 1px solid #5a5a5a; }"
+                                 "QLabel { color: #f2f2f2; }"
+                                 "QToolButton { color: #f2f2f2; background: #3a3a3a; border: 1px solid #5a5a5a;"
+                                 " border-radius: 4px; padding: 3px 10px; }"
+                                 "QToolButton:hover { background: #4a4a4a; }"
+                                 "QToolButton:pressed { background: #1c1c1c; }"
+                                 "QToolButton:checked { background: #5a3a3a; }";
+
+// A dark strip with its own edge, so it reads as Plim's control and not part of whatever
+// window it floats over (no compositor is needed for a solid background).
+void styleBar(QWidget* bar, const QString& name, const QString& title)
+{
+    bar->setObjectName(name);
+    bar->setWindowTitle(title);
+    bar->setAttribute(Qt::WA_StyledBackground);
+    bar->setStyleSheet("#" + name + " { " + barStyle);
+}
+
+QLabel* clockLabel(const QString& text)
+{
+    auto* clock = new QLabel(text);
+    QFont font = clock->font();
+    font.setPointSizeF(font.pointSizeF() * 1.3);
+    font.setBold(true);
+    clock->setFont(font);
+    clock->setMinimumWidth(70);
+    return clock;
+}
+
+QToolButton* actionButton(QAction* action)
+{
+    auto* b = new QToolButton;
+    b->setDefaultAction(action);
+    b->setToolButtonStyle(Qt::ToolButtonTextOnly);
+    return b;
+}
+
+QLabel* noticesLabel()
+{
+    auto* notices = new QLabel;
+    notices->setObjectName("liveNotices");
+    notices->setWordWrap(true);
+    notices->setStyleSheet("color: #ffb04a;");
+    notices->hide();
+    return notices;
+}
+
+void appendLine(QLabel* label, const QString& sentence)
+{
+    const QString text = label->text();
+    label->setText(text.isEmpty() ? sentence : text + "\n" + sentence);
+    label->show();
+}
+
+constexpr Qt::WindowFlags barFlags
+    = Qt::Window | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::Tool | Qt::WindowDoesNotAcceptFocus;
 
 } // namespace
 
@@ -48,43 +108,18 @@ std::optional<Rect> liveBarPlace(const Rect& subject, bool wholeDisplay, const s
     return std::nullopt;
 }
 
-LiveBar::LiveBar(const ShellActions& actions, std::function<void()> replim)
-    : QWidget(nullptr, Qt::Window | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint | Qt::Tool
-            | Qt::WindowDoesNotAcceptFocus)
+LiveBar::LiveBar(const ShellActions& actions, std::function<void()> replim) : QWidget(nullptr, barFlags)
 {
-    setObjectName("liveBar");
-    setWindowTitle("Plim live bar");
-    // A dark strip with its own edge, so it reads as Plim's control and not part of whatever
-    // window it floats over (no compositor is needed for a solid background).
-    setAttribute(Qt::WA_StyledBackground);
-    setStyleSheet("#liveBar { background: #242424; border: 1px solid #5a5a5a; }"
-                  "QLabel { color: #f2f2f2; }"
-                  "QToolButton { color: #f2f2f2; background: #3a3a3a; border: 1px solid #5a5a5a;"
-                  " border-radius: 4px; padding: 3px 10px; }"
-                  "QToolButton:hover { background: #4a4a4a; }"
-                  "QToolButton:pressed { background: #1c1c1c; }"
-                  "QToolButton:checked { background: #5a3a3a; }");
+    styleBar(this, "liveBar", "Plim live bar");
     auto* outer = new QVBoxLayout(this);
     outer->setContentsMargins(10, 6, 10, 6);
     auto* row = new QHBoxLayout;
     outer->addLayout(row);
-    m_clock = new QLabel("0:00");
+    m_clock = clockLabel("0:00");
     m_clock->setObjectName("liveClock");
-    QFont clockFont = m_clock->font();
-    clockFont.setPointSizeF(clockFont.pointSizeF() * 1.3);
-    clockFont.setBold(true);
-    m_clock->setFont(clockFont);
-    m_clock->setMinimumWidth(70);
     row->addWidget(m_clock);
-    auto button = [&](QAction* action) {
-        auto* b = new QToolButton;
-        b->setDefaultAction(action);
-        b->setToolButtonStyle(Qt::ToolButtonTextOnly);
-        row->addWidget(b);
-        return b;
-    };
-    button(actions.pause);
-    button(actions.mark);
+    row->addWidget(actionButton(actions.pause));
+    row->addWidget(actionButton(actions.mark));
     m_marks = new QLabel;
     m_marks->setObjectName("liveMarks");
     row->addWidget(m_marks);
@@ -93,12 +128,8 @@ LiveBar::LiveBar(const ShellActions& actions, std::function<void()> replim)
     again->setToolTip("Throw this recording away and start the same one again");
     connect(again, &QToolButton::clicked, this, [replim] { replim(); });
     row->addWidget(again);
-    button(actions.stop);
-    m_notices = new QLabel;
-    m_notices->setObjectName("liveNotices");
-    m_notices->setWordWrap(true);
-    m_notices->setStyleSheet("color: #ffb04a;");
-    m_notices->hide();
+    row->addWidget(actionButton(actions.stop));
+    m_notices = noticesLabel();
     outer->addWidget(m_notices);
     setMinimumWidth(420);
 }
@@ -113,9 +144,7 @@ void LiveBar::update(RecordingDriver::State state, double elapsed, int marks)
 
 void LiveBar::addNotice(const QString& sentence)
 {
-    QString text = m_notices->text();
-    m_notices->setText(text.isEmpty() ? sentence : text + "\n" + sentence);
-    m_notices->show();
+    appendLine(m_notices, sentence);
     adjustSize();
 }
 
@@ -124,6 +153,119 @@ void LiveBar::clearNotices()
     m_notices->clear();
     m_notices->hide();
     adjustSize();
+}
+
+LiveStreamBar::LiveStreamBar(QAction* stopLive, Latest latest) : QWidget(nullptr, barFlags), m_latest(std::move(latest))
+{
+    styleBar(this, "liveStreamBar", "Plim live stream");
+    auto* outer = new QVBoxLayout(this);
+    outer->setContentsMargins(10, 6, 10, 8);
+    auto* row = new QHBoxLayout;
+    outer->addLayout(row);
+    auto* title = clockLabel("● Live");
+    title->setStyleSheet("color: #ff4a4a;");
+    row->addWidget(title);
+    row->addStretch();
+    row->addWidget(actionButton(stopLive));
+    m_preview = new QLabel;
+    m_preview->setObjectName("livePreview");
+    m_preview->setFixedSize(previewWidth, previewHeight);
+    m_preview->setAlignment(Qt::AlignCenter);
+    m_preview->setStyleSheet("background: #000000; border: none;");
+    outer->addWidget(m_preview, 0, Qt::AlignHCenter);
+    m_health = new QLabel;
+    m_health->setObjectName("liveHealth");
+    m_health->setWordWrap(true);
+    outer->addWidget(m_health);
+    m_note = new QLabel;
+    m_note->setObjectName("liveNote");
+    m_note->setWordWrap(true);
+    m_note->setStyleSheet("color: #a0c8ff;");
+    m_note->hide();
+    outer->addWidget(m_note);
+    m_notices = noticesLabel();
+    outer->addWidget(m_notices);
+    setFixedWidth(previewWidth + 22);
+    m_repaint = new QTimer(this);
+    m_repaint->setInterval(previewInterval);
+    connect(m_repaint, &QTimer::timeout, this, &LiveStreamBar::repaintPreview);
+}
+
+void LiveStreamBar::setStarting(const QString& progress) { setHealth(progress + "…"); }
+
+void LiveStreamBar::setHealth(const QString& line)
+{
+    if (line == m_health->text())
+        return;
+    m_health->setText(line);
+    adjustSize();
+}
+
+void LiveStreamBar::anchorAt(QPoint corner)
+{
+    m_corner = corner;
+    move(corner.x() - width(), corner.y() - height());
+}
+
+void LiveStreamBar::resizeEvent(QResizeEvent* event)
+{
+    QWidget::resizeEvent(event);
+    if (m_corner)
+        move(m_corner->x() - width(), m_corner->y() - height());
+}
+
+void LiveStreamBar::setNote(const QString& note)
+{
+    if (note.isEmpty())
+        return;
+    m_note->setText(note);
+    m_note->show();
+    adjustSize();
+}
+
+void LiveStreamBar::addNotice(const QString& sentence)
+{
+    appendLine(m_notices, sentence);
+    adjustSize();
+}
+
+void LiveStreamBar::clear()
+{
+    m_preview->clear();
+    m_shown.reset();
+    m_health->clear();
+    m_note->clear();
+    m_note->hide();
+    m_notices->clear();
+    m_notices->hide();
+    adjustSize();
+}
+
+void LiveStreamBar::showEvent(QShowEvent* event)
+{
+    QWidget::showEvent(event);
+    repaintPreview();
+    m_repaint->start();
+}
+
+void LiveStreamBar::hideEvent(QHideEvent* event)
+{
+    m_repaint->stop();
+    QWidget::hideEvent(event);
+}
+
+void LiveStreamBar::repaintPreview()
+{
+    if (!m_latest)
+        return;
+    auto latest = m_latest(previewWidth);
+    if (!latest || latest->second == m_shown)
+        return;
+    m_shown = latest->second;
+    QImage picture = toQImage(latest->first);
+    if (picture.height() > previewHeight)
+        picture = picture.scaledToHeight(previewHeight, Qt::SmoothTransformation);
+    m_preview->setPixmap(QPixmap::fromImage(picture));
 }
 
 } // namespace plim

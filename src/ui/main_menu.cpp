@@ -69,6 +69,9 @@ void buildMainMenu(QMainWindow* window, const ShellActions& actions)
     file->addAction(actions.pause);
     file->addAction(actions.mark);
     file->addSeparator();
+    file->addAction(actions.goLive);
+    file->addAction(actions.stopLive);
+    file->addSeparator();
     file->addAction(actions.showFolder);
     QMenu* windows = bar->addMenu("&Window");
     QAction* minimize = windows->addAction("Minimize");

@@ -1,8 +1,13 @@
 #include "ui/plim_files.h"
 
+#include "app/voiceover_take.h"
 #include "base/trash.h"
+#include "library/plim_edits.h"
 
+#include <algorithm>
 #include <array>
+#include <cctype>
+#include <set>
 #include <system_error>
 
 namespace plim {
@@ -26,6 +31,86 @@ fs::path folderOf(const PlimRecord& plim)
 std::string suffixOf(const PlimRecord& plim, const fs::path& file)
 {
     return file.filename().string().substr(plim.id.size());
+}
+
+fs::path editsMovieOf(const PlimRecord& plim, const fs::path& folder)
+{
+    return plim.rawURL.value_or(folder / (plim.id + ".mov"));
+}
+
+// The voiceover files that `movie`'s edits name in its folder; nothing when they cannot be read.
+std::optional<std::set<fs::path>> voiceoversNamedBy(const fs::path& movie)
+{
+    auto edits = PlimEdits::read(movie);
+    if (!edits)
+        return std::nullopt;
+    std::set<fs::path> named;
+    if (edits->value)
+        for (const auto& voice : edits->value->voiceovers)
+            if (!voice.file.empty() && fs::path(voice.file).filename() == voice.file && voice.file != "."
+                && voice.file != "..")
+                named.insert(movie.parent_path() / voice.file);
+    return named;
+}
+
+// "B.voiceover.wav" or "B.voiceover 2.wav": a take that joined the plim named B.
+bool isVoiceoverOf(const std::string& id, const std::string& name)
+{
+    const std::string head = id + ".voiceover";
+    if (!name.starts_with(head) || !name.ends_with(".wav"))
+        return false;
+    const std::string middle = name.substr(head.size(), name.size() - head.size() - 4);
+    if (middle.empty())
+        return true;
+    return middle.size() >= 2 && middle[0] == ' '
+        && std::all_of(middle.begin() + 1, middle.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); });
+}
+
+// The plim's voiceover takes: those its edits name, and those named after it that no other
+// plim's edits name (a voiceover taken off the timeline keeps its file, for undo; one that
+// joined before the plim was renamed keeps its first name).
+std::vector<fs::path> voiceoverFiles(const PlimRecord& plim, const fs::path& folder)
+{
+    std::set<fs::path> files = voiceoversNamedBy(editsMovieOf(plim, folder)).value_or(std::set<fs::path>{});
+    std::vector<fs::path> unnamed;
+    std::vector<fs::path> otherEdits;
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        const std::string name = it->path().filename().string();
+        if (isVoiceoverOf(plim.id, name) && !files.contains(it->path()))
+            unnamed.push_back(it->path());
+        else if (name.ends_with(".edits.json") && name != plim.id + ".edits.json")
+            otherEdits.push_back(it->path());
+    }
+    if (!unnamed.empty()) {
+        std::set<fs::path> claimed;
+        for (const fs::path& edits : otherEdits) {
+            const std::string name = edits.filename().string();
+            auto named = voiceoversNamedBy(folder / (name.substr(0, name.size() - std::string(".edits.json").size()) + ".mov"));
+            if (named)
+                claimed.insert(named->begin(), named->end());
+        }
+        for (const fs::path& file : unnamed)
+            if (!claimed.contains(file))
+                files.insert(file);
+    }
+    std::vector<fs::path> existing;
+    for (const fs::path& file : files)
+        if (fs::is_regular_file(fs::symlink_status(file, ec)))
+            existing.push_back(file);
+    // A take whose recording was cut off and that never joined: its sound and its note.
+    const fs::path takes = voiceoversFolder(folder);
+    for (fs::directory_iterator it(takes, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!VoiceoverNote::idOfNote(it->path()))
+            continue;
+        auto note = VoiceoverNote::read(it->path());
+        if (!note || note->movie != editsMovieOf(plim, folder) || note->process.processIsAlive())
+            continue;
+        for (const fs::path& file : {VoiceoverNote::takeIn(takes, note->id), it->path()})
+            if (fs::is_regular_file(fs::symlink_status(file, ec)))
+                existing.push_back(file);
+    }
+    return existing;
 }
 
 } // namespace
@@ -86,9 +171,11 @@ Status renamePlim(const PlimRecord& plim, const std::string& newName)
 
 Status trashPlim(const PlimRecord& plim)
 {
-    const auto files = plimFiles(plim);
+    auto files = plimFiles(plim);
     if (files.empty())
         return fail("\"" + plim.id + "\" is not in the library any more, so there was nothing to move to the Trash.");
+    for (fs::path& voiceover : voiceoverFiles(plim, folderOf(plim)))
+        files.push_back(std::move(voiceover));
     std::string left;
     for (const auto& file : files) {
         auto moved = moveToTrash(file);

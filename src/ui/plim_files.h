@@ -23,7 +23,9 @@ std::vector<std::filesystem::path> plimFiles(const PlimRecord& plim);
 // puts the files already renamed back. The sentence says what happened.
 Status renamePlim(const PlimRecord& plim, const std::string& newName);
 
-// Moves every file of the plim to the Trash. A file that could not be moved is left where
+// Moves every file of the plim to the Trash, its voiceover takes too (those its edits name,
+// those named after it that no other plim's edits name, and takes cut off before they
+// joined it). A file that could not be moved is left where
 // it is and named in the sentence; the ones moved stay in the Trash, where the file manager
 // can put them back.
 Status trashPlim(const PlimRecord& plim);

@@ -76,6 +76,18 @@ void RecordingDriver::setState(State state)
     emit stateChanged(state);
 }
 
+RecordingActivity RecordingDriver::activity() const
+{
+    switch (m_state) {
+    case State::idle: return RecordingActivity::none;
+    case State::starting:
+    case State::rolling:
+    case State::paused: return RecordingActivity::rolling;
+    case State::staging: return RecordingActivity::finishing;
+    }
+    return RecordingActivity::none;
+}
+
 void RecordingDriver::noteCountdown(bool running)
 {
     if (m_state == State::idle || m_state == State::starting)

@@ -7,6 +7,7 @@
 // the GUI thread too, after the controller has handed the finished plim over.
 
 #include "app/recording_controller.h"
+#include "live/live_session.h"
 
 #include <QObject>
 #include <QThread>
@@ -49,6 +50,9 @@ public:
 
     State state() const { return m_state; }
     bool isRolling() const { return m_state == State::rolling || m_state == State::paused; }
+    // What going live must know of the recording, as the controller last told: rolling
+    // (a countdown or start counts) or being finished.
+    RecordingActivity activity() const;
     double elapsed() const { return m_elapsed; }
     int markCount() const { return m_markCount; }
     // The recorded picture's place on the screen, in global points, while rolling.

@@ -13,6 +13,8 @@ struct ShellActions {
     QAction* stop = nullptr;
     QAction* pause = nullptr; // "Pause" or "Resume"
     QAction* mark = nullptr;
+    QAction* goLive = nullptr;   // the composed picture to the monitor and the cameras
+    QAction* stopLive = nullptr;
     QAction* openLibrary = nullptr;
     QAction* showFolder = nullptr;
     QAction* settings = nullptr;

@@ -19,6 +19,9 @@ TrayItem::TrayItem(const ShellActions& actions, QObject* parent) : QObject(paren
     m_menu->addAction(actions.pause);
     m_menu->addAction(actions.mark);
     m_menu->addSeparator();
+    m_menu->addAction(actions.goLive);
+    m_menu->addAction(actions.stopLive);
+    m_menu->addSeparator();
     m_menu->addAction(actions.openLibrary);
     m_menu->addAction(actions.settings);
     m_menu->addSeparator();

@@ -2,6 +2,7 @@
 // cancel, phases, pause and marks, replim, the beacon it posts and the moment it files.
 
 #include "app/recording_controller.h"
+#include "live/live_session.h"
 #include "base/clock.h"
 #include "base/files.h"
 #include "suite/suite.h"
@@ -137,7 +138,11 @@ TEST_F(RecordingControllerTest, PreflightNamesWhatBlocksARecording)
 
 TEST_F(RecordingControllerTest, RecordsPausesMarksAndFilesThePlim)
 {
-    RecordingController controller(environment());
+    auto env = environment();
+    // What another process going live reads of this recording, while its files are finished.
+    std::optional<RecordingActivity> whileFinishing;
+    env.ensureIdentity = [&](const fs::path&) { whileFinishing = recordingActivityIn(dir / "Plim"); };
+    RecordingController controller(std::move(env));
     ASSERT_TRUE(controller.record(settings, 2).has_value());
     EXPECT_EQ(countdowns, (std::vector<int>{2, 1}));
     EXPECT_EQ(controller.phase(), RecordingController::Phase::rolling);
@@ -152,9 +157,12 @@ TEST_F(RecordingControllerTest, RecordsPausesMarksAndFilesThePlim)
     controller.togglePause();
     std::this_thread::sleep_for(300ms);
     EXPECT_EQ(controller.markCount(), 1);
+    EXPECT_EQ(recordingActivityIn(dir / "Plim"), RecordingActivity::rolling);
     auto outcome = controller.finishRolling();
     ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
     EXPECT_EQ(controller.phase(), RecordingController::Phase::idle);
+    EXPECT_EQ(whileFinishing, RecordingActivity::finishing);
+    EXPECT_EQ(recordingActivityIn(dir / "Plim"), RecordingActivity::none);
     EXPECT_NEAR(outcome.value.seconds, 0.7, 0.15);
     EXPECT_EQ(finished, (std::vector<fs::path>{outcome.value.movie}));
     EXPECT_EQ(postedWords(), (std::vector<std::string>{"rolling", "paused", "rolling", "idle"}));

@@ -21,30 +21,43 @@ namespace {
 
 using namespace testkit;
 
+// Another process's recording, as its marker in the library says: rolling, being finished,
+// or left by a process that is gone (which refuses nothing).
 TEST(LiveSessionTest, GoingLiveIsRefusedWhileARecordingNeedsTheCaptureAndWithoutAScreen)
 {
+    TempDir library;
     int opened = 0;
-    RecordingActivity activity = RecordingActivity::rolling;
     LiveServices services;
-    services.recording = [&] { return activity; };
+    services.recording = [&] { return recordingActivityIn(library.path()); };
     services.openDesktop = [&]() -> Result<std::unique_ptr<Desktop>> {
         ++opened;
         return fail("No display is available to record.");
     };
     LiveSession session(services);
     auto sink = std::make_shared<MonitorLiveSink>();
+
+    RecordingMarker finishing = RecordingMarker::ofThisProcess(false);
+    finishing.phase = RecordingMarker::Phase::finishing;
+    ASSERT_TRUE(finishing.write(library / "Finishing.mov"));
     auto refused = session.goLive({}, {sink});
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().sentence,
-        "A plim is rolling. Stop it first, then go live. The stream and the recording share one capture.");
-    activity = RecordingActivity::finishing;
+        "Your plim is still being finished. Go live again in a moment, when it is in your library.");
+    // A rolling plim outweighs one being finished.
+    ASSERT_TRUE(RecordingMarker::ofThisProcess(false).write(library / "Rolling.mov"));
     refused = session.goLive({}, {sink});
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().sentence,
-        "Your plim is still being finished. Go live again in a moment, when it is in your library.");
+        "A plim is rolling. Stop it first, then go live. The stream and the recording share one capture.");
     EXPECT_EQ(opened, 0);
 
-    activity = RecordingActivity::none;
+    // Markers of a process that is gone, rolling or finishing, are no refusal.
+    RecordingMarker gone = RecordingMarker::ofThisProcess(false);
+    gone.pid = 999999999;
+    for (const char* name : {"Rolling.mov", "Finishing.mov"})
+        ASSERT_TRUE(gone.write(library / name));
+    gone.phase = RecordingMarker::Phase::finishing;
+    ASSERT_TRUE(gone.write(library / "Finishing.mov"));
     std::vector<std::string> said;
     LiveSessionOptions options;
     options.progress = [&](const std::string& s) { said.push_back(s); };
@@ -53,18 +66,6 @@ TEST(LiveSessionTest, GoingLiveIsRefusedWhileARecordingNeedsTheCaptureAndWithout
     EXPECT_EQ(noScreen.error().sentence, "Plim could not open your screen: No display is available to record.");
     EXPECT_EQ(said, std::vector<std::string>{"Opening your screen"});
     EXPECT_FALSE(session.isLive());
-}
-
-TEST(LiveSessionTest, ARecordingMarkerOfARunningProcessCountsAsRolling)
-{
-    TempDir library;
-    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::none);
-    RecordingMarker gone = RecordingMarker::ofThisProcess(false);
-    gone.pid = 999999999; // no such process
-    ASSERT_TRUE(gone.write(library / "Old.mov"));
-    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::none);
-    ASSERT_TRUE(RecordingMarker::ofThisProcess(false).write(library / "Now.mov"));
-    EXPECT_EQ(recordingActivityIn(library.path()), RecordingActivity::rolling);
 }
 
 TEST(FileLiveSinkTest, AnExistingFileIsLeftAsItIs)

@@ -2,6 +2,7 @@
 // the control verbs, the countdown, the tray item's menu and the main menu, each test with
 // its own X server, session bus and home folder.
 
+#include "testkit/pipewire_server.h"
 #include "testkit/servers.h"
 #include "testkit/session_bus.h"
 #include "testkit/test_movies.h"
@@ -290,6 +291,85 @@ TEST_F(Shell, TrayMenuRecordsStopsAndQuitsWhenItsItemsAreClicked)
     EXPECT_EQ(files(".cursor.json").size(), 2u);
     for (const auto& movie : files(".mov"))
         EXPECT_GT(std::stod(probe(movie, "", "format=duration")), 0.3) << movie;
+}
+
+// Going live from the File menu by the keyboard, with a PipeWire for Plim Camera: the live
+// bar's preview shows the screen in its own colours, Stop Live ends it;
+// going live while a recording rolls is refused in a window with the sentence.
+TEST_F(Shell, GoLiveShowsTheScreenInTheLiveBarStopsAndIsRefusedWhileRecording)
+{
+    PipeWireServer pipewire;
+    ASSERT_TRUE(pipewire.isUp()) << pipewire.trouble();
+    extraEnv = {"PIPEWIRE_RUNTIME_DIR=" + pipewire.runtimeDir().string()};
+    rememberChoice(0, ", \"recordSubject\": \"area\", \"recordArea\": [0, 0, 320, 200]");
+    auto app = startApp({"--show"});
+    auto menu = [&](const char* item) {
+        return runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim$", "windowfocus", "--sync", "%1",
+                              "key", "--delay", "300", "alt+f", item},
+            env());
+    };
+    ASSERT_TRUE(eventually([&] { return menu("g").status == 0; }, 60)) << appErrors();
+    std::string bar;
+    ASSERT_TRUE(eventually([&] {
+        bar = runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim live stream$"}, env()).out;
+        return !bar.empty();
+    }, 30)) << appErrors();
+    bar = bar.substr(0, bar.find('\n'));
+    // The bar keeps its lower right corner as its lines come and go: where it is now.
+    int x = 0, y = 0, width = 0, height = 0;
+    auto place = [&] {
+        std::smatch at;
+        const std::string geometry = runCommand({"xdotool", "getwindowgeometry", bar}, env()).out;
+        ASSERT_TRUE(std::regex_search(geometry, at, std::regex(R"(Position: (\d+),(\d+)[^G]*Geometry: (\d+)x(\d+))")))
+            << geometry;
+        x = std::stoi(at[1]), y = std::stoi(at[2]), width = std::stoi(at[3]), height = std::stoi(at[4]);
+    };
+    place();
+    // The left of the screen turns green; the bar, at the right, shows it in its picture.
+    const uint32_t green = 0x20a050;
+    TestWindow screen(xvfb.display(), 0, 0, 880, 720, green);
+    ASSERT_LT(880, x);
+    auto grab = [&](const std::string& file, const std::string& format) {
+        return runCommand({"ffmpeg", "-v", "error", "-y", "-f", "x11grab", "-video_size",
+                              std::to_string(width) + "x" + std::to_string(height), "-i",
+                              xvfb.display() + "+" + std::to_string(x) + "," + std::to_string(y), "-frames:v", "1",
+                              "-pix_fmt", format, (logs / file).string()},
+            env());
+    };
+    size_t greenPixels = 0;
+    const bool shown = eventually([&] {
+        place();
+        if (grab("bar.rgb", "rgb24").status != 0)
+            return false;
+        const std::string pixels = readText(logs / "bar.rgb");
+        greenPixels = 0;
+        for (size_t i = 0; i + 2 < pixels.size(); i += 3)
+            greenPixels += std::abs(uint8_t(pixels[i]) - 0x20) + std::abs(uint8_t(pixels[i + 1]) - 0xa0)
+                    + std::abs(uint8_t(pixels[i + 2]) - 0x50)
+                < 40;
+        return greenPixels > 4000;
+    }, 60);
+    if (const char* folder = std::getenv("PLIM_UI_SHOTS"); folder && grab("live-bar.png", "rgb24").status == 0)
+        fs::copy_file(logs / "live-bar.png", fs::path(folder) / "live-bar.png", fs::copy_options::overwrite_existing);
+    ASSERT_TRUE(shown) << greenPixels << " green pixels in the live bar\n" << appErrors();
+
+    // File ▸ Stop Live ends the run.
+    ASSERT_EQ(menu("l").status, 0);
+    ASSERT_TRUE(eventually([&] {
+        return runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim live stream$"}, env()).status != 0;
+    }, 30)) << appErrors();
+
+    EXPECT_EQ(plim("--toggle").status, 0);
+    ASSERT_TRUE(eventually([&] { return files(".rolling.json").size() == 1; }, 60)) << appErrors();
+    ASSERT_EQ(menu("g").status, 0);
+    EXPECT_TRUE(eventually([&] {
+        return runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim Live$"}, env()).status == 0;
+    }, 20)) << appErrors();
+    EXPECT_THAT(appErrors(),
+        HasSubstr("A plim is rolling. Stop it first, then go live. The stream and the recording share one capture."));
+    EXPECT_EQ(runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim live stream$"}, env()).status, 1);
+    EXPECT_EQ(plim("--stop").status, 0);
+    expectFinishedPlim(1, "320,200");
 }
 
 TEST(LiveBarPlace, StaysOnADisplayAndOutOfTheRecordedPicture)

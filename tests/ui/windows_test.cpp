@@ -2,6 +2,8 @@
 // the area picker by the pointer and keys (xdotool), the home grid by the library folder
 // changing under it, the share sheet by its buttons.
 
+#include "app/voiceover_take.h"
+#include "base/dates.h"
 #include "base/settings.h"
 #include "capture/recording_marker.h"
 #include "library/look_store.h"
@@ -382,8 +384,9 @@ TEST(SettingsWindow, SaysWhereIconsCannotBeHiddenAndCopiesEachVerbsCommand)
     EXPECT_EQ(child<QLabel>(legacy, "libraryFolder")->text().toStdString(), (sandbox.videos() / "Plim").string());
 }
 
-TEST(PlimFiles, ARenameNeverReplacesAnotherPlimsFileAndTakesEverySideFileAlong)
+TEST(PlimFiles, RenameAndTrashTakeEverySideFileAlongAndNeverAnotherPlims)
 {
+    XdgSandbox sandbox;
     TempDir library;
     for (const char* name : {"A.mov", "A.cursor.json", "A.id.json", "B.mov", "B.keys.json", "A 2.mov"})
         writeText(library / name, name);
@@ -403,6 +406,44 @@ TEST(PlimFiles, ARenameNeverReplacesAnotherPlimsFileAndTakesEverySideFileAlong)
     // "A 2" shares A's first letters but is another plim: it stays.
     EXPECT_EQ(readText(library / "A 2.mov"), "A 2.mov");
     EXPECT_FALSE(renamePlim(a, "../D"));
+
+    // C's voiceovers go to the Trash with it: those its edits name (one taken before a
+    // rename), one taken off its timeline, and a take cut off before it joined, with its
+    // note. A take named after C that another plim's edits name stays.
+    PlimRecord c;
+    c.id = "C";
+    c.rawURL = library / "C.mov";
+    auto withVoiceovers = [](std::vector<std::string> files) {
+        PlimEdits edits;
+        for (auto& file : files)
+            edits.voiceovers.push_back({makeUuid(), 1, 2, file});
+        return edits;
+    };
+    ASSERT_TRUE(withVoiceovers({"C.voiceover.wav", "Old.voiceover.wav"}).write(library / "C.mov", "test"));
+    ASSERT_TRUE(withVoiceovers({"C.voiceover 3.wav"}).write(library / "E.mov", "test"));
+    for (const char* name : {"C.voiceover.wav", "Old.voiceover.wav", "C.voiceover 2.wav", "C.voiceover 3.wav", "E.mov"})
+        writeText(library / name, name);
+    VoiceoverNote cut;
+    cut.id = makeUuid();
+    cut.movie = library / "C.mov";
+    cut.process = RecordingMarker::ofThisProcess(false);
+    cut.process.pid = 999999999; // a process that is gone
+    const fs::path takes = voiceoversFolder(library.path());
+    fs::create_directories(takes);
+    ASSERT_TRUE(cut.write(takes));
+    writeText(VoiceoverNote::takeIn(takes, cut.id), "cut off");
+    ASSERT_TRUE(trashPlim(c));
+    const fs::path trash = sandbox.home() / ".local/share/Trash/files";
+    for (const std::string& name : std::vector<std::string>{"C.mov", "C.edits.json", "C.voiceover.wav", "Old.voiceover.wav", "C.voiceover 2.wav",
+             cut.id + ".wav", cut.id + ".json"})
+        EXPECT_TRUE(fs::exists(trash / name)) << name;
+    std::vector<std::string> left;
+    for (const auto& entry : fs::directory_iterator(library.path()))
+        left.push_back(entry.path().filename().string());
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ(left, (std::vector<std::string>{"A 2.mov", "B.keys.json", "B.mov", "C.voiceover 3.wav", "E.edits.json",
+                        "E.mov", "Voiceovers"}));
+    EXPECT_TRUE(fs::is_empty(takes));
 }
 
 #include "windows_test.moc"

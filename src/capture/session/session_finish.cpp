@@ -29,6 +29,9 @@ Outcome<RawPlim> CaptureSession::finish()
         const fs::path& movie;
         ~Unmark() { RecordingMarker::remove(movie); }
     } unmark{s.options.movie};
+    // Until then another process (plimctl live) can tell it is being finished, not rolling.
+    if (auto marked = RecordingMarker::markFinishing(s.options.movie); !marked)
+        logLine(LogArea::main, "the recording's marker could not be turned to finishing (" + marked.error().sentence + ")");
     // 1. The cursor recorder stops first and hands over its track, then the sources.
     CursorTrack track = s.cursor->stop();
     s.cursor->setFlushMovie(std::nullopt);
