@@ -1,5 +1,7 @@
 #include "testkit/gnome_session.h"
 
+#include "testkit/servers.h"
+
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <unistd.h>
@@ -54,12 +56,11 @@ struct GnomeSession::RemoteDesktop {
 
 GnomeSession::GnomeSession(const std::string& monitor)
 {
-    for (const char* program : {"mutter", "pipewire", "wireplumber", "dbus-daemon", "gdbus", "/usr/libexec/xdg-desktop-portal",
-             "/usr/libexec/xdg-desktop-portal-gnome", "/usr/libexec/xdg-permission-store"})
-        if (runCommand({"sh", "-c", std::string("command -v ") + program}).status != 0) {
-            m_trouble = std::string(program) + " is not installed (scripts/setup.sh installs it)";
-            return;
-        }
+    if (auto missing = missingProgram({"mutter", "pipewire", "wireplumber", "dbus-daemon", "gdbus",
+            "/usr/libexec/xdg-desktop-portal", "/usr/libexec/xdg-desktop-portal-gnome", "/usr/libexec/xdg-permission-store"})) {
+        m_trouble = *missing;
+        return;
+    }
     const bool root = geteuid() == 0;
     fs::permissions(m_dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec
             | fs::perms::others_read | fs::perms::others_exec);

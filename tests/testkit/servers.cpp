@@ -58,13 +58,20 @@ std::vector<std::string> PulseServer::environment() const
         "PULSE_SERVER=unix:" + (m_dir.path() / "native").string()};
 }
 
+std::optional<std::string> missingProgram(std::initializer_list<const char*> programs)
+{
+    for (const char* program : programs)
+        if (runCommand({"sh", "-c", std::string("command -v ") + program}).status != 0)
+            return std::string(program) + " is not installed (scripts/setup.sh installs it)";
+    return std::nullopt;
+}
+
 SwayServer::SwayServer(const std::string& size, const std::string& client)
 {
-    for (const char* program : {"sway", "foot", "grim"})
-        if (runCommand({"sh", "-c", std::string("command -v ") + program}).status != 0) {
-            m_trouble = std::string(program) + " is not installed (scripts/setup.sh installs it)";
-            return;
-        }
+    if (auto missing = missingProgram({"sway", "foot", "grim"})) {
+        m_trouble = *missing;
+        return;
+    }
     const bool root = geteuid() == 0;
     fs::permissions(m_dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec
             | fs::perms::others_read | fs::perms::others_exec);

@@ -5,7 +5,9 @@
 
 #include "testkit/testkit.h"
 
+#include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -41,6 +43,10 @@ private:
     std::unique_ptr<ChildProcess> m_process;
     bool m_up = false;
 };
+
+// What a desktop test lacks: "PROGRAM is not installed (...)" for the first of `programs`
+// not found on PATH; nothing when all are there.
+std::optional<std::string> missingProgram(std::initializer_list<const char*> programs);
 
 // sway on a headless output HEADLESS-1 of `size` ("1280x720"), drawn by pixman, running
 // `client` (a shell command line). sway refuses root, so under root it runs as `nobody`,
