@@ -477,7 +477,12 @@ TEST(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
     EXPECT_EQ(std::distance(fs::directory_iterator(voiceoversFolder(library)), fs::directory_iterator()), 0);
     // The microphone heard the narration, and not the plim, which played picture only.
     const auto sound = allSound(folder / voice.file);
-    EXPECT_GT(toneLevel(sound, 440, 0.2, voice.duration - 0.1), 0.2); // 0.71 when the tone never falters
+    // The sound server may deliver the narration late (over a second on a loaded machine), so
+    // the take is judged by its loudest tenth of a second, not its average.
+    double loudest = 0;
+    for (double t = 0; t + 0.1 < voice.duration; t += 0.1)
+        loudest = std::max(loudest, toneLevel(sound, 440, t, t + 0.1));
+    EXPECT_GT(loudest, 0.4); // 0.71 for the tone as played
     EXPECT_LT(toneLevel(sound, 1000, 0.2, voice.duration - 0.1), 0.01);
 
     // Esc drops a take: nothing joins, nothing is left behind.
