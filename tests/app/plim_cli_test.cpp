@@ -26,23 +26,12 @@ std::string lastLine(const std::string& text)
     return text.substr(start, end + 1 - start);
 }
 
-const std::string trackJson = R"({"displayX":0,"displayY":0,"displayWidth":1920,"displayHeight":1080,"scale":2,
- "samples":[{"t":0,"x":10,"y":20,"k":0},{"t":60000,"x":50,"y":50,"k":0}],"clicks":[{"t":3000,"x":100,"y":100}]})";
-
 struct CliTest : ::testing::Test {
     XdgSandbox sandbox;
     TempDir dir;
     std::vector<std::string> env = {"PLIM_LOG=stderr", "HOME=" + sandbox.home().string(),
         "XDG_CONFIG_HOME=" + (sandbox.home() / ".config").string()};
 
-    fs::path plim(const std::string& base, bool withTrack = true)
-    {
-        fs::path movie = dir / (base + ".mov");
-        writeText(movie, "movie");
-        if (withTrack)
-            writeText(dir / (base + ".cursor.json"), trackJson);
-        return movie;
-    }
     CommandResult plimRun(std::vector<std::string> args)
     {
         args.insert(args.begin(), builtExecutable("plim").string());
@@ -54,21 +43,6 @@ struct CliTest : ::testing::Test {
         return runCommand(args, env);
     }
 };
-
-TEST_F(CliTest, RenderFailsWithTheFailureFormWhenTheTrackIsMissingOrBroken)
-{
-    auto movie = plim("B", false);
-    auto missing = plimRun({"--stage", movie.string()});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_TRUE(lastLine(missing.err).starts_with("staging failed: There is no pointer track")) << missing.err;
-    EXPECT_EQ(missing.out, "");
-
-    writeText(dir / "B.cursor.json", "{\"displayX\": 0, \"samples\": []}");
-    auto broken = plimRun({"--reframe", movie.string()});
-    EXPECT_EQ(broken.status, 1);
-    EXPECT_TRUE(lastLine(broken.err).starts_with("reframing failed: ")) << broken.err;
-    EXPECT_EQ(readText(dir / "B.cursor.json"), "{\"displayX\": 0, \"samples\": []}");
-}
 
 TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItBack)
 {
@@ -117,6 +91,18 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
     EXPECT_TRUE(lastLine(failed.err).starts_with("reframing failed: A.mov is not a movie Plim can read ("))
         << failed.err;
     EXPECT_EQ(folderContents(dir.path()), before);
+
+    // Without a pointer track, or with a broken one: the failure form, the track as it was.
+    fs::remove(dir / "B.cursor.json");
+    auto missing = plimRun({"--stage", (dir / "B.mov").string()});
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_TRUE(lastLine(missing.err).starts_with("staging failed: There is no pointer track")) << missing.err;
+    EXPECT_EQ(missing.out, "");
+    writeText(dir / "B.cursor.json", "{\"displayX\": 0, \"samples\": []}");
+    auto broken = plimRun({"--reframe", (dir / "B.mov").string()});
+    EXPECT_EQ(broken.status, 1);
+    EXPECT_TRUE(lastLine(broken.err).starts_with("reframing failed: ")) << broken.err;
+    EXPECT_EQ(readText(dir / "B.cursor.json"), "{\"displayX\": 0, \"samples\": []}");
 }
 
 TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
@@ -261,6 +247,16 @@ TEST_F(CliTest, EveryCommandSaysAndUsesThePlanOneRuleGivesAndLeavesAnUnusableEdi
     };
     EXPECT_EQ(withoutIds(Json::parse(readText(dir / "B.rendered.json"))), withoutIds(shown["plan"]));
     EXPECT_EQ(readText(dir / "B.edits.json"), utf16);
+
+    // Damage inside edits that decode: plan says so, takes the length it is given and leaves the file.
+    const std::string damaged = R"({"trimIn": "soon", "cuts": [{"id": "x"}], "zooms": []})";
+    writeText(dir / "B.edits.json", damaged);
+    auto given = ctl({"plan", movie.string(), "--duration", "30"});
+    EXPECT_EQ(given.status, 0) << given.err;
+    EXPECT_THAT(given.out, HasSubstr("recording: 30.000s (given)"));
+    EXPECT_THAT(given.out, HasSubstr("output: 30.000s"));
+    EXPECT_THAT(given.out, HasSubstr("notice: "));
+    EXPECT_EQ(readText(dir / "B.edits.json"), damaged);
 }
 
 TEST_F(CliTest, WithoutARenderPlimRunsStartUpThenTheInterfaceOrSaysWhyNot)
@@ -276,19 +272,6 @@ TEST_F(CliTest, WithoutARenderPlimRunsStartUpThenTheInterfaceOrSaysWhyNot)
 #endif
     EXPECT_THAT(result.err,
         HasSubstr("Plim: automatic updates are off in this process because this process is not the installed app"));
-}
-
-TEST_F(CliTest, PlanCommandReportsNoticesAndLeavesADamagedFileAlone)
-{
-    auto movie = plim("B");
-    const std::string damaged = R"({"trimIn": "soon", "cuts": [{"id": "x"}], "zooms": []})";
-    writeText(dir / "B.edits.json", damaged);
-    auto result = ctl({"plan", movie.string(), "--duration", "30"});
-    EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_THAT(result.out, HasSubstr("recording: 30.000s (given)"));
-    EXPECT_THAT(result.out, HasSubstr("output: 30.000s"));
-    EXPECT_THAT(result.out, HasSubstr("notice: "));
-    EXPECT_EQ(readText(dir / "B.edits.json"), damaged);
 }
 
 TEST_F(CliTest, PlanProposesTheAutomaticEditAndWritesItOnlyOverUsableEdits)

@@ -17,18 +17,19 @@
 using namespace plim;
 using namespace plim::testkit;
 
-TEST(Files, SidecarReplacesTheExtension)
-{
-    EXPECT_EQ(sidecarPath("/x/screen.mov", "cursor.json"), fs::path("/x/screen.cursor.json"));
-    EXPECT_EQ(sidecarPath("/x/B copy.mov", "id.json"), fs::path("/x/B copy.id.json"));
-    EXPECT_EQ(sidecarPath("/x/noext", "keys.json"), fs::path("/x/noext.keys.json"));
-    EXPECT_EQ(baseName("/x/B.2.mov"), "B.2");
-    EXPECT_EQ(pathWithoutExtension("/x/B.mov"), "/x/B");
-}
-
-TEST(Files, ReadTellsAbsentFromUnreadable)
+TEST(Files, ReadsWholeOrdinaryFilesAndTellsAbsentFromUnreadable)
 {
     TempDir dir;
+    std::string big(200001, 'x');
+    for (size_t i = 0; i < big.size(); i += 97)
+        big[i] = static_cast<char>('a' + i % 26);
+    writeText(dir / "big", big);
+    EXPECT_EQ(readFileBytes(dir / "big").value(), big);
+    writeText(dir / "empty", "");
+    EXPECT_EQ(readFileBytes(dir / "empty").value(), "");
+    // Files whose reported size is 0 but that hold text.
+    EXPECT_NE(readFileBytes("/proc/self/status").value_or("").find("Name:"), std::string::npos);
+
     auto absent = readFileBytes(dir / "nothing");
     ASSERT_FALSE(absent);
     EXPECT_EQ(absent.error().kind, Error::Kind::missing);
@@ -56,24 +57,13 @@ TEST(Files, ReadTellsAbsentFromUnreadable)
     EXPECT_EQ(readFileBytes(dir / "small", 100)->size(), 100u);
 }
 
-TEST(Files, ReadsWholeFilesOfAnySize)
+TEST(Files, SidecarsReplaceTheExtensionAndAtomicWritesReplaceWholeLeavingNoTemporary)
 {
-    TempDir dir;
-    std::string big(200001, 'x');
-    for (size_t i = 0; i < big.size(); i += 97)
-        big[i] = static_cast<char>('a' + i % 26);
-    writeText(dir / "big", big);
-    EXPECT_EQ(readFileBytes(dir / "big").value(), big);
-    writeText(dir / "empty", "");
-    EXPECT_EQ(readFileBytes(dir / "empty").value(), "");
-    // Files whose reported size is 0 but that hold text.
-    auto status = readFileBytes("/proc/self/status");
-    ASSERT_TRUE(status);
-    EXPECT_NE(status->find("Name:"), std::string::npos);
-}
-
-TEST(Files, AtomicWriteReplacesWholeAndLeavesNoTemporary)
-{
+    EXPECT_EQ(sidecarPath("/x/screen.mov", "cursor.json"), fs::path("/x/screen.cursor.json"));
+    EXPECT_EQ(sidecarPath("/x/B copy.mov", "id.json"), fs::path("/x/B copy.id.json"));
+    EXPECT_EQ(sidecarPath("/x/noext", "keys.json"), fs::path("/x/noext.keys.json"));
+    EXPECT_EQ(baseName("/x/B.2.mov"), "B.2");
+    EXPECT_EQ(pathWithoutExtension("/x/B.mov"), "/x/B");
     TempDir dir;
     writeText(dir / "a.json", "old");
     ASSERT_TRUE(writeFileAtomic(dir / "a.json", "new contents"));
@@ -258,7 +248,7 @@ TEST(Dates, Iso8601RoundTripsAndRefusesWhatNoClockHolds)
     }
 }
 
-TEST(Dates, UuidsAreWellFormedAndDistinct)
+TEST(Dates, UuidsAreWellFormedAndDistinctAndLogLinesCarryTheirPrefix)
 {
     std::string a = makeUuid(), b = makeUuid();
     EXPECT_TRUE(isUuid(a));
@@ -266,10 +256,8 @@ TEST(Dates, UuidsAreWellFormedAndDistinct)
     EXPECT_EQ(a[14], '4');
     EXPECT_FALSE(isUuid("not-a-uuid"));
     EXPECT_FALSE(isUuid("E621E1F8-C36C-495A-93FC-0C247A3E6E5G"));
-}
 
-TEST(Log, CaptureSeesPrefixedLines)
-{
+    // The log's capture sees each line with its area's prefix.
     LogCapture capture;
     logLine(LogArea::share, "wrote a movie");
     logLine("Plim: plain line");
@@ -351,26 +339,17 @@ TEST(Text, CountsUserPerceivedCharacters)
         EXPECT_EQ(graphemeCount(k.text), k.count) << k.text;
 }
 
-TEST(Text, CasesLettersThatHaveOne)
-{
-    EXPECT_EQ(upperCase(U'a'), U'A');
-    EXPECT_EQ(upperCase(U'ÿ'), U'Ÿ');
-    EXPECT_EQ(upperCase(U'µ'), U'Μ');
-    EXPECT_EQ(upperCase(U'ß'), U'ẞ');
-    EXPECT_EQ(upperCase(U'1'), U'1');
-    EXPECT_EQ(lowerCase(U'Ä'), U'ä');
-    EXPECT_EQ(upperCase(0x110000), char32_t(0x110000));
-}
-
 // Escape sequences, C1 controls and bytes that are not UTF-8 are checked where plimctl
 // prints moments and plim names.
-TEST(Text, EscapesWhatATerminalWouldObey)
+TEST(Text, CasesEscapesAndPercentEncodingKeepEveryByte)
 {
+    for (auto [lower, upper] : {std::pair{U'a', U'A'}, {U'ÿ', U'Ÿ'}, {U'ß', U'ẞ'}, {U'1', U'1'}})
+        EXPECT_EQ(upperCase(lower), upper);
+    EXPECT_EQ(upperCase(U'µ'), U'Μ');
+    EXPECT_EQ(lowerCase(U'Ä'), U'ä');
+    EXPECT_EQ(upperCase(0x110000), char32_t(0x110000));
     EXPECT_EQ(escapedText("plain Größe, line\nnext\ttab"), "plain Größe, line\\nnext\\ttab");
-}
-
-TEST(Text, PercentEncodingKeepsEveryByteAndDecodingOnlyTakesWholeEscapes)
-{
+    // Percent encoding keeps every byte; decoding only takes whole escapes.
     const std::string path = "/home/ana/Vid\xC3\xA9os/a b%#?.mov";
     EXPECT_EQ(percentEncoded(path), "/home/ana/Vid%C3%A9os/a%20b%25%23%3F.mov");
     EXPECT_EQ(percentDecoded(percentEncoded(path)), path);
