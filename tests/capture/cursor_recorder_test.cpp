@@ -70,25 +70,22 @@ TEST(CursorRecorder, SamplesAreRoundedTimedAndFlaggedWhileTyping)
     EXPECT_EQ(rig.pointer.windowFrameQueries(), 0);
 }
 
-TEST(CursorRecorder, PausingTwiceAndResumingOnceCountsOnePause)
+TEST(CursorRecorder, PausesStopTheClockOnceAndNothingIsAppendedWhilePausedOrAfterStop)
 {
-    Rig rig;
-    rig.clock.advance(1.0);
-    rig.recorder.setPaused(false); // resuming while not paused changes nothing
-    EXPECT_EQ(rig.recorder.elapsedMS(), 1000);
-    rig.recorder.setPaused(true);
-    rig.clock.advance(0.5);
-    EXPECT_EQ(rig.recorder.elapsedMS(), 1000); // the clock stands still while paused
-    rig.recorder.setPaused(true);
-    rig.clock.advance(2.0);
-    rig.recorder.setPaused(false);
-    EXPECT_FALSE(rig.recorder.isPaused());
-    rig.clock.advance(0.25);
-    EXPECT_EQ(rig.recorder.elapsedMS(), 1250);
-}
+    Rig paused;
+    paused.clock.advance(1.0);
+    paused.recorder.setPaused(false); // resuming while not paused changes nothing
+    EXPECT_EQ(paused.recorder.elapsedMS(), 1000);
+    paused.recorder.setPaused(true);
+    paused.clock.advance(0.5);
+    EXPECT_EQ(paused.recorder.elapsedMS(), 1000); // the clock stands still while paused
+    paused.recorder.setPaused(true); // pausing twice and resuming once counts one pause
+    paused.clock.advance(2.0);
+    paused.recorder.setPaused(false);
+    EXPECT_FALSE(paused.recorder.isPaused());
+    paused.clock.advance(0.25);
+    EXPECT_EQ(paused.recorder.elapsedMS(), 1250);
 
-TEST(CursorRecorder, NothingIsAppendedWhilePausedOrAfterStop)
-{
     Rig rig;
     rig.tick();
     rig.recorder.mark();

@@ -769,7 +769,7 @@ TEST(StageRenderer, CameraChoicesComeFromThePlan)
     }
 }
 
-TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSize)
+TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSizeAndAnUnusableCanvasIsRefused)
 {
     StageRenderer::Options options;
     options.reframe = true;
@@ -785,10 +785,8 @@ TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSize)
     StageMoment m;
     m.clicks = {{0.5, 0.5, 0.1}};
     EXPECT_GT(changed(r->render(grey, m), r->render(grey, {}), 0, 0, 160, 90), 10);
-}
 
-TEST(StageRenderer, UnusableCanvasIsRefusedWithASentence)
-{
+    // A canvas that cannot be drawn is refused with a sentence.
     for (Size canvas : {Size{0, 100}, Size{100, -1}, Size{NAN, 100}, Size{100000, 100}}) {
         auto made = StageRenderer::create(StageSpec{}, canvas, {});
         ASSERT_FALSE(made.has_value());

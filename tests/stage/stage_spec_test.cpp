@@ -147,7 +147,7 @@ TEST(StageSpecShadow, LayersFollowTheStrengthCappedAt1Point2)
     EXPECT_EQ(spec.shadowLayers(), scaled(0.3));
 }
 
-TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAre)
+TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAreAndAFailedWriteKeepsWhatWasThere)
 {
     testkit::TempDir dir;
     LogCapture log;
@@ -204,6 +204,22 @@ TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAre)
         EXPECT_TRUE(read->notices[0].ends_with("the file was left as it is, so choose the backdrop again to replace it."));
         EXPECT_EQ(testkit::readText(dir / "D.stage.json"), text);
     }
+
+    // A folder where the file should be: the rename cannot replace it, even for root.
+    fs::create_directory(dir / "E.stage.json");
+    testkit::writeText(dir / "E.stage.json" / "keep.txt", "kept");
+    const auto files = std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator());
+    auto written = StageSpecFile::write(dir / "E.stage.json", StageSpec{});
+    ASSERT_FALSE(written.has_value());
+    const std::string& refused = written.error().sentence;
+    EXPECT_TRUE(refused.starts_with("Plim could not save the stage look E.stage.json. ")) << refused;
+    EXPECT_TRUE(refused.ends_with(" The look in use is unchanged; free some disk space or check that the "
+                                  "folder can be written to, then save again."));
+    EXPECT_EQ(testkit::readText(dir / "E.stage.json" / "keep.txt"), "kept");
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), files); // no temporary left
+    testkit::writeText(dir / "plain", "x");
+    EXPECT_FALSE(StageSpecFile::write(dir / "plain" / "B.stage.json", StageSpec{}).has_value());
+    EXPECT_EQ(testkit::readText(dir / "plain"), "x");
 }
 
 TEST(StageSpecFileTest, ABackdropPictureComesFromThePlimsFolderOrPlimsOwnCopiesOnly)
@@ -242,27 +258,6 @@ TEST(StageSpecFileTest, ABackdropPictureComesFromThePlimsFolderOrPlimsOwnCopiesO
                                                          "plim's folder, so it was left out. Nothing else changed."});
     }
 }
-
-TEST(StageSpecFileTest, FailedWriteGivesASentenceAndKeepsWhatWasThere)
-{
-    testkit::TempDir dir;
-    // A folder where the file should be: the rename cannot replace it, even for root.
-    fs::create_directory(dir / "B.stage.json");
-    testkit::writeText(dir / "B.stage.json" / "keep.txt", "kept");
-    auto written = StageSpecFile::write(dir / "B.stage.json", StageSpec{});
-    ASSERT_FALSE(written.has_value());
-    const std::string& sentence = written.error().sentence;
-    EXPECT_TRUE(sentence.starts_with("Plim could not save the stage look B.stage.json. ")) << sentence;
-    EXPECT_TRUE(sentence.ends_with(" The look in use is unchanged; free some disk space or check that the "
-                                   "folder can be written to, then save again."));
-    EXPECT_EQ(testkit::readText(dir / "B.stage.json" / "keep.txt"), "kept");
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir.path()), fs::directory_iterator()), 1);
-
-    testkit::writeText(dir / "plain", "x");
-    EXPECT_FALSE(StageSpecFile::write(dir / "plain" / "B.stage.json", StageSpec{}).has_value());
-    EXPECT_EQ(testkit::readText(dir / "plain"), "x");
-}
-
 
 // An edits file's look replaces the stage look's pointer, clicks, zoom style and captions
 // only where it chose them, so a look written before those choices draws as it did.
