@@ -175,11 +175,11 @@ TEST_F(ShareTest, AMediumGifOfA16By9PlimIs1152By648At12FramesASecondLoopingForev
         EXPECT_EQ(delay, 8);
 }
 
-TEST_F(ShareTest, AStopHalfWayAndAStalledWriterLeaveNoFile)
+TEST_F(ShareTest, AStopHalfWayAStalledWriterAndRefusalsLeaveNoFile)
 {
     TestMovie clip;
     clip.duration = 2.0;
-    const fs::path movie = smallPlim("Stop.mov", clip);
+    const fs::path movie = smallPlim("Busy.mov", clip);
     engine.onProgress = [&](const ShareProgress& p) {
         if (p.framesDone >= p.framesTotal / 2 && p.framesDone > 0)
             engine.stop();
@@ -206,6 +206,37 @@ TEST_F(ShareTest, AStopHalfWayAndAStalledWriterLeaveNoFile)
     EXPECT_GE(took, 1.0);
     EXPECT_LT(took, 10.0);
     EXPECT_TRUE(outFiles().empty());
+
+    // Refusals come before anything is written: a second share while one runs, at once.
+    std::optional<ShareOutcome> second;
+    engine.onProgress = [&](const ShareProgress&) {
+        if (!second && engine.isRunning())
+            second = engine.share(movie, ShareKind::gif, ShareQuality::p720, ShareDestination::save(out.path()));
+    };
+    ShareOutcome first = engine.share(movie, ShareKind::original, ShareQuality::p720, ShareDestination::save(out.path()));
+    EXPECT_EQ(first.kind, ShareOutcome::Kind::finished);
+    ASSERT_TRUE(second);
+    EXPECT_EQ(second->sentence, "This plim is already being shared. Wait for that to finish, then share again.");
+    engine.onProgress = nullptr;
+
+    // An edit that removes everything fails at the edit stage.
+    PlimEdits edits;
+    edits.plan.cuts.push_back({makeUuid(), 0, 100, {}});
+    ASSERT_TRUE(edits.write(movie, "test"));
+    ShareOutcome empty = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
+    EXPECT_EQ(empty.sentence, "This edit removes the whole plim. Move the trim handles or delete a cut, then export again.");
+    EXPECT_EQ(engine.progress().stage(ShareStage::ID::edit)->state, ShareStage::State::failed);
+
+    // A voiceover without its sound file fails at the read stage.
+    edits.plan = {};
+    edits.voiceovers.push_back({makeUuid(), 65, 2, "voice.m4a", 0.25});
+    ASSERT_TRUE(edits.write(movie, "test"));
+    ShareOutcome voiceless = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
+    EXPECT_EQ(voiceless.sentence, "The voiceover at 1:05 is missing its sound file (voice.m4a). Put the file back in the "
+                                  "plim's folder, or delete that voiceover in the editor.");
+    ShareOutcome missing = engine.share(plims / "none.mov", ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
+    EXPECT_EQ(missing.kind, ShareOutcome::Kind::failed);
+    EXPECT_EQ(outFiles(), (std::vector<std::string>{"Busy.mov"}));
 }
 
 TEST_F(ShareTest, OriginalsCopyByteForByteAndAStillVideoComesOutAtTheSizeSaidBeforeIt)
@@ -242,41 +273,6 @@ TEST_F(ShareTest, OriginalsCopyByteForByteAndAStillVideoComesOutAtTheSizeSaidBef
     EXPECT_TRUE(video.note.value_or("").starts_with("Saved clip 2.mp4, ")) << video.note.value_or("");
     EXPECT_TRUE(before.ends_with(" · about " + ShareOptions::sizeText(video.estimate))) << before;
     EXPECT_NEAR(double(video.bytes), double(video.estimate), 0.15 * double(video.estimate));
-}
-
-TEST_F(ShareTest, RefusalsComeBeforeAnythingIsWritten)
-{
-    const fs::path movie = smallPlim("Busy.mov");
-    // A second share while one runs is refused at once.
-    std::optional<ShareOutcome> second;
-    engine.onProgress = [&](const ShareProgress&) {
-        if (!second && engine.isRunning())
-            second = engine.share(movie, ShareKind::gif, ShareQuality::p720, ShareDestination::save(out.path()));
-    };
-    ShareOutcome first = engine.share(movie, ShareKind::original, ShareQuality::p720, ShareDestination::save(out.path()));
-    EXPECT_EQ(first.kind, ShareOutcome::Kind::finished);
-    ASSERT_TRUE(second);
-    EXPECT_EQ(second->sentence, "This plim is already being shared. Wait for that to finish, then share again.");
-    engine.onProgress = nullptr;
-
-    // An edit that removes everything fails at the edit stage.
-    PlimEdits edits;
-    edits.plan.cuts.push_back({makeUuid(), 0, 100, {}});
-    ASSERT_TRUE(edits.write(movie, "test"));
-    ShareOutcome empty = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
-    EXPECT_EQ(empty.sentence, "This edit removes the whole plim. Move the trim handles or delete a cut, then export again.");
-    EXPECT_EQ(engine.progress().stage(ShareStage::ID::edit)->state, ShareStage::State::failed);
-
-    // A voiceover without its sound file fails at the read stage.
-    edits.plan = {};
-    edits.voiceovers.push_back({makeUuid(), 65, 2, "voice.m4a", 0.25});
-    ASSERT_TRUE(edits.write(movie, "test"));
-    ShareOutcome voiceless = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
-    EXPECT_EQ(voiceless.sentence, "The voiceover at 1:05 is missing its sound file (voice.m4a). Put the file back in the "
-                                  "plim's folder, or delete that voiceover in the editor.");
-    ShareOutcome missing = engine.share(plims / "none.mov", ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
-    EXPECT_EQ(missing.kind, ShareOutcome::Kind::failed);
-    EXPECT_EQ(outFiles(), (std::vector<std::string>{"Busy.mov"}));
 }
 
 TEST_F(ShareTest, AVoiceoverDucksTheRecordingToMicUnderAndBackOverAFifteenthOfASecond)
