@@ -38,19 +38,23 @@ fs::path editsMovieOf(const PlimRecord& plim, const fs::path& folder)
     return plim.rawURL.value_or(folder / (plim.id + ".mov"));
 }
 
+// The voiceover files that `edits` name in `folder`.
+std::set<fs::path> voiceoversNamedIn(const PlimEdits& edits, const fs::path& folder)
+{
+    std::set<fs::path> named;
+    for (const auto& voice : edits.voiceovers)
+        if (!voice.file.empty() && fs::path(voice.file).filename() == voice.file && voice.file != "." && voice.file != "..")
+            named.insert(folder / voice.file);
+    return named;
+}
+
 // The voiceover files that `movie`'s edits name in its folder; nothing when they cannot be read.
 std::optional<std::set<fs::path>> voiceoversNamedBy(const fs::path& movie)
 {
     auto edits = PlimEdits::read(movie);
     if (!edits)
         return std::nullopt;
-    std::set<fs::path> named;
-    if (edits->value)
-        for (const auto& voice : edits->value->voiceovers)
-            if (!voice.file.empty() && fs::path(voice.file).filename() == voice.file && voice.file != "."
-                && voice.file != "..")
-                named.insert(movie.parent_path() / voice.file);
-    return named;
+    return edits->value ? voiceoversNamedIn(*edits->value, movie.parent_path()) : std::set<fs::path>{};
 }
 
 // "B.voiceover.wav" or "B.voiceover 2.wav": a take that joined the plim named B.
@@ -69,9 +73,8 @@ bool isVoiceoverOf(const std::string& id, const std::string& name)
 // The plim's voiceover takes: those its edits name, and those named after it that no other
 // plim's edits name (a voiceover taken off the timeline keeps its file, for undo; one that
 // joined before the plim was renamed keeps its first name).
-std::vector<fs::path> voiceoverFiles(const PlimRecord& plim, const fs::path& folder)
+std::vector<fs::path> voiceoverFiles(const PlimRecord& plim, const fs::path& folder, std::set<fs::path> files)
 {
-    std::set<fs::path> files = voiceoversNamedBy(editsMovieOf(plim, folder)).value_or(std::set<fs::path>{});
     std::vector<fs::path> unnamed;
     std::vector<fs::path> otherEdits;
     std::error_code ec;
@@ -140,10 +143,34 @@ Status renamePlim(const PlimRecord& plim, const std::string& newName)
         return fail(quoted + " was not renamed: a name must not be empty, hold a slash or start with a point. Nothing was changed.");
     if (newName == plim.id)
         return {};
-    const auto files = plimFiles(plim);
+    auto files = plimFiles(plim);
     if (files.empty())
         return fail(quoted + " was not renamed because its files are not there any more. Nothing was changed.");
     const fs::path folder = folderOf(plim);
+    // Its takes named after it go along, and its edits then name them by their new names. Edits
+    // that cannot be read whole are never rewritten, so the takes keep the names they know.
+    const fs::path movie = editsMovieOf(plim, folder);
+    auto edits = PlimEdits::read(movie);
+    std::optional<PlimEdits> renamedEdits;
+    if (edits && edits->notices.empty()) {
+        std::set<fs::path> named;
+        if (edits->value)
+            named = voiceoversNamedIn(*edits->value, folder);
+        for (fs::path& take : voiceoverFiles(plim, folder, std::move(named)))
+            if (take.parent_path() == folder && isVoiceoverOf(plim.id, take.filename().string()))
+                files.push_back(std::move(take));
+        if (edits->value) {
+            renamedEdits = *edits->value;
+            bool changed = false;
+            for (auto& voice : renamedEdits->voiceovers)
+                if (std::find(files.begin(), files.end(), folder / voice.file) != files.end() && isVoiceoverOf(plim.id, voice.file)) {
+                    voice.file = newName + voice.file.substr(plim.id.size());
+                    changed = true;
+                }
+            if (!changed)
+                renamedEdits.reset();
+        }
+    }
     for (const auto& file : files) {
         const fs::path target = folder / (newName + suffixOf(plim, file));
         std::error_code ec;
@@ -152,19 +179,25 @@ Status renamePlim(const PlimRecord& plim, const std::string& newName)
                 + "\" is already in the library. Nothing was changed; choose another name.");
     }
     std::vector<std::pair<fs::path, fs::path>> done;
+    auto putBack = [&](const std::string& what) {
+        for (auto it = done.rbegin(); it != done.rend(); ++it) {
+            std::error_code back;
+            fs::rename(it->second, it->first, back);
+        }
+        return fail(quoted + " was not renamed: " + what + " Its files keep their old names; nothing was lost.");
+    };
     for (const auto& file : files) {
         const fs::path target = folder / (newName + suffixOf(plim, file));
         std::error_code ec;
         fs::rename(file, target, ec);
-        if (ec) {
-            for (auto it = done.rbegin(); it != done.rend(); ++it) {
-                std::error_code back;
-                fs::rename(it->second, it->first, back);
-            }
-            return fail(quoted + " was not renamed: \"" + file.filename().string() + "\" could not be renamed ("
-                + ec.message() + "). Its files keep their old names; nothing was lost.");
-        }
+        if (ec)
+            return putBack("\"" + file.filename().string() + "\" could not be renamed (" + ec.message() + ").");
         done.emplace_back(file, target);
+    }
+    if (renamedEdits) {
+        const fs::path renamedMovie = folder / (newName + suffixOf(plim, movie));
+        if (auto written = renamedEdits->write(renamedMovie, plimNameAndVersion()); !written)
+            return putBack("its edits could not be written with its voiceovers' new names. " + written.error().sentence);
     }
     return {};
 }
@@ -174,7 +207,8 @@ Status trashPlim(const PlimRecord& plim)
     auto files = plimFiles(plim);
     if (files.empty())
         return fail("\"" + plim.id + "\" is not in the library any more, so there was nothing to move to the Trash.");
-    for (fs::path& voiceover : voiceoverFiles(plim, folderOf(plim)))
+    const fs::path folder = folderOf(plim);
+    for (fs::path& voiceover : voiceoverFiles(plim, folder, voiceoversNamedBy(editsMovieOf(plim, folder)).value_or(std::set<fs::path>{})))
         files.push_back(std::move(voiceover));
     std::string left;
     for (const auto& file : files) {

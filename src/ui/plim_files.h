@@ -18,9 +18,12 @@ namespace plim {
 // B.id.json, B.thumbs.heic ...).
 std::vector<std::filesystem::path> plimFiles(const PlimRecord& plim);
 
-// Gives every file of the plim the base name `newName`. Refuses a name that is empty, holds
-// a '/', starts with '.', or would land on a file that exists; a rename that fails part way
-// puts the files already renamed back. The sentence says what happened.
+// Gives every file of the plim the base name `newName`, its voiceover takes named after it
+// too ("B.voiceover 2.wav"), and rewrites its edits atomically to name the takes' new names.
+// Refuses a name that is empty, holds a '/', starts with '.', or would land on a file that
+// exists, before anything moves; a rename that fails part way puts the files already renamed
+// back. Edits that cannot be read whole are not rewritten, and the takes then keep their
+// names. The sentence says what happened.
 Status renamePlim(const PlimRecord& plim, const std::string& newName);
 
 // Moves every file of the plim to the Trash, its voiceover takes too (those its edits name,

@@ -134,7 +134,7 @@ TEST_F(VoiceoverTest, TakeJoinsAtThePlayheadAndSharesOverTheDuckedRecording)
     // Under the take: the narration as the take holds it, from second 2 of the share on, and
     // the recording at a quarter of its level.
     const auto narration = allSound(take);
-    double loudest = 0; // the tone may reach the take late (the sound server's buffering)
+    double loudest = 0; // a busy sound server may leave gaps in the tone as played
     for (double t = 0; t < 1.9; t += 0.1)
         loudest = std::max(loudest, toneLevel(narration, 440, t, t + 0.1));
     EXPECT_GT(loudest, 0.2);
@@ -146,11 +146,10 @@ TEST_F(VoiceoverTest, TakeJoinsAtThePlayheadAndSharesOverTheDuckedRecording)
                 return t;
         return -1.0;
     };
+    // The tone was sounding when the take began: the take holds it from its first moment.
     const double takeOnset = onset(narration, 0);
-    // The take begins when the sound server delivers the tone: at once on a quiet server,
-    // up to its buffering (measured 0 to 1.35 s here with a 20 ms playback buffer) later.
     EXPECT_GE(takeOnset, 0);
-    EXPECT_LT(takeOnset, 1.9);
+    EXPECT_LT(takeOnset, 0.02);
     EXPECT_NEAR(onset(pcm, 1.5), 2.0 + takeOnset, 0.015);
     EXPECT_NEAR(toneLevel(pcm, 1000, 2.2, 3.8) / recording, 0.25, 0.06);
     // After it: the recording as before.
@@ -257,13 +256,11 @@ TEST_F(VoiceoverTest, KilledTakesAreSalvagedAndUnreadableOnesLeftAsTheyAre)
 // keeps recording to the end, and the take joins with what was written, exiting 2.
 TEST_F(VoiceoverTest, AFullDiskKeepsWhatWasWrittenAndSaysSo)
 {
-    // Some 2.5 s of 16-bit mono at 48 kHz: room for sound that the server's buffering
-    // delivers up to a second and a half late.
-    SmallDisk disk("240k");
+    SmallDisk disk("120k"); // some 1.2 s of 16-bit mono at 48 kHz
     if (!disk.isUp())
         GTEST_SKIP() << "a small disk can only be mounted as root";
     const fs::path movie = plim("Full.mov", 5);
-    auto recorded = ctl({"voiceover", movie.string(), "--duration", "4", "--library", disk.path().string()});
+    auto recorded = ctl({"voiceover", movie.string(), "--duration", "3", "--library", disk.path().string()});
     EXPECT_EQ(recorded.status, 2) << recorded.err;
     EXPECT_NE(recorded.err.find("could not be written (No space left on device); the take keeps what was written "
                                 "before.\n"),
@@ -273,7 +270,7 @@ TEST_F(VoiceoverTest, AFullDiskKeepsWhatWasWrittenAndSaysSo)
     ASSERT_TRUE(edits && edits->value);
     ASSERT_EQ(edits->value->voiceovers.size(), 1u);
     EXPECT_GT(edits->value->voiceovers[0].duration, 0.5);
-    EXPECT_LT(edits->value->voiceovers[0].duration, 2.6);
+    EXPECT_LT(edits->value->voiceovers[0].duration, 1.3);
     EXPECT_NEAR(std::atof(probe(plims / "Full.voiceover.wav", "a:0", "stream=duration").c_str()),
         edits->value->voiceovers[0].duration, 0.01);
     EXPECT_TRUE(fs::is_empty(voiceoversFolder(disk.path())));

@@ -48,9 +48,30 @@ PulseServer::PulseServer()
         pause(50);
         m_up = runCommand({"pactl", "info"}, env).status == 0;
     }
+    if (!m_up)
+        return;
+    // With no stream asking for less, the null sink mixes two seconds ahead, and a stream
+    // that connects later cannot be mixed into what is already done: a sound played then
+    // reaches the monitor up to two seconds late. A reader of the monitor that asks for
+    // 100 ms (no more than the tests' own streams ask) keeps the sink mixing at most that
+    // far ahead, and a suspend drops what it had mixed before.
+    m_holder = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"parec", "--latency-msec=100", "-d", "plimsink.monitor", "--raw"}, env, "/dev/null",
+        (m_dir.path() / "holder.log").string());
+    bool holding = false;
+    for (int i = 0; i < 100 && !holding; ++i) {
+        pause(20);
+        holding = !runCommand({"pactl", "list", "short", "source-outputs"}, env).out.empty();
+    }
+    m_up = holding && runCommand({"pactl", "suspend-sink", "plimsink", "1"}, env).status == 0
+        && runCommand({"pactl", "suspend-sink", "plimsink", "0"}, env).status == 0;
 }
 
-PulseServer::~PulseServer() { m_process.reset(); }
+PulseServer::~PulseServer()
+{
+    m_holder.reset();
+    m_process.reset();
+}
 
 std::vector<std::string> PulseServer::environment() const
 {

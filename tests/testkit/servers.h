@@ -1,7 +1,8 @@
 #pragma once
 // Real servers for capture tests, each on its own display number or socket in a temporary
 // folder, stopped by process id: an X server (Xvfb), a sound server (PulseAudio with a
-// null sink called "plimsink") and a Wayland desktop (sway, headless).
+// null sink called "plimsink" whose monitor hears what is played within 100 ms) and a
+// Wayland desktop (sway, headless).
 
 #include "testkit/testkit.h"
 
@@ -41,6 +42,7 @@ public:
 private:
     TempDir m_dir;
     std::unique_ptr<ChildProcess> m_process;
+    std::unique_ptr<ChildProcess> m_holder; // keeps the null sink's latency short
     bool m_up = false;
 };
 

@@ -294,7 +294,7 @@ TEST_F(Shell, TrayMenuRecordsStopsAndQuitsWhenItsItemsAreClicked)
 }
 
 // Going live from the File menu by the keyboard, with a PipeWire for Plim Camera: the live
-// bar's preview shows the screen in its own colours, Stop Live ends it;
+// bar's preview shows the screen in its own colours, its Stop Live button ends it;
 // going live while a recording rolls is refused in a window with the sentence.
 TEST_F(Shell, GoLiveShowsTheScreenInTheLiveBarStopsAndIsRefusedWhileRecording)
 {
@@ -308,7 +308,12 @@ TEST_F(Shell, GoLiveShowsTheScreenInTheLiveBarStopsAndIsRefusedWhileRecording)
                               "key", "--delay", "300", "alt+f", item},
             env());
     };
-    ASSERT_TRUE(eventually([&] { return menu("g").status == 0; }, 60)) << appErrors();
+    // Once only: a second Go Live leaves the File menu open (its item is off while live), and
+    // the open menu holds the pointer, so the click on Stop Live below would only close it.
+    ASSERT_TRUE(eventually([&] {
+        return runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim$"}, env()).status == 0;
+    }, 60)) << appErrors();
+    ASSERT_EQ(menu("g").status, 0) << appErrors();
     std::string bar;
     ASSERT_TRUE(eventually([&] {
         bar = runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim live stream$"}, env()).out;
@@ -353,8 +358,11 @@ TEST_F(Shell, GoLiveShowsTheScreenInTheLiveBarStopsAndIsRefusedWhileRecording)
         fs::copy_file(logs / "live-bar.png", fs::path(folder) / "live-bar.png", fs::copy_options::overwrite_existing);
     ASSERT_TRUE(shown) << greenPixels << " green pixels in the live bar\n" << appErrors();
 
-    // File ▸ Stop Live ends the run.
-    ASSERT_EQ(menu("l").status, 0);
+    // Stop Live, at the right of the bar's top row, clicked with the pointer ends the run.
+    place();
+    ASSERT_EQ(runCommand({"xdotool", "mousemove", std::to_string(x + width - 30), std::to_string(y + 18), "click", "1"},
+                  env()).status,
+        0);
     ASSERT_TRUE(eventually([&] {
         return runCommand({"xdotool", "search", "--onlyvisible", "--name", "^Plim live stream$"}, env()).status != 0;
     }, 30)) << appErrors();

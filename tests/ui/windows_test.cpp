@@ -388,61 +388,82 @@ TEST(PlimFiles, RenameAndTrashTakeEverySideFileAlongAndNeverAnotherPlims)
 {
     XdgSandbox sandbox;
     TempDir library;
-    for (const char* name : {"A.mov", "A.cursor.json", "A.id.json", "B.mov", "B.keys.json", "A 2.mov"})
+    for (const char* name : {"A.mov", "A.cursor.json", "A.id.json", "B.staged.mov", "B.keys.json", "B.voiceover 2.wav",
+             "A 2.mov", "E.mov", "A.voiceover.wav", "Old.voiceover.wav", "A.voiceover 2.wav", "A.voiceover 3.wav"})
         writeText(library / name, name);
-    PlimRecord a;
-    a.id = "A";
-    a.rawURL = library / "A.mov";
-    // B's movie is in the way, so none of A's files move.
-    auto refused = renamePlim(a, "B");
-    ASSERT_FALSE(refused);
-    EXPECT_THAT(refused.error().sentence, HasSubstr("\"B.mov\" is already in the library. Nothing was changed"));
-    EXPECT_EQ(readText(library / "B.mov"), "B.mov");
-    EXPECT_EQ(readText(library / "A.cursor.json"), "A.cursor.json");
-    ASSERT_TRUE(renamePlim(a, "C"));
-    EXPECT_EQ(readText(library / "C.mov"), "A.mov");
-    EXPECT_EQ(readText(library / "C.cursor.json"), "A.cursor.json");
-    EXPECT_EQ(readText(library / "C.id.json"), "A.id.json");
-    // "A 2" shares A's first letters but is another plim: it stays.
-    EXPECT_EQ(readText(library / "A 2.mov"), "A 2.mov");
-    EXPECT_FALSE(renamePlim(a, "../D"));
-
-    // C's voiceovers go to the Trash with it: those its edits name (one taken before a
-    // rename), one taken off its timeline, and a take cut off before it joined, with its
-    // note. A take named after C that another plim's edits name stays.
-    PlimRecord c;
-    c.id = "C";
-    c.rawURL = library / "C.mov";
     auto withVoiceovers = [](std::vector<std::string> files) {
         PlimEdits edits;
         for (auto& file : files)
             edits.voiceovers.push_back({makeUuid(), 1, 2, file});
         return edits;
     };
-    ASSERT_TRUE(withVoiceovers({"C.voiceover.wav", "Old.voiceover.wav"}).write(library / "C.mov", "test"));
-    ASSERT_TRUE(withVoiceovers({"C.voiceover 3.wav"}).write(library / "E.mov", "test"));
-    for (const char* name : {"C.voiceover.wav", "Old.voiceover.wav", "C.voiceover 2.wav", "C.voiceover 3.wav", "E.mov"})
-        writeText(library / name, name);
-    VoiceoverNote cut;
-    cut.id = makeUuid();
-    cut.movie = library / "C.mov";
-    cut.process = RecordingMarker::ofThisProcess(false);
-    cut.process.pid = 999999999; // a process that is gone
+    auto takesNamedBy = [](const fs::path& movie) {
+        std::vector<std::string> files;
+        auto edits = PlimEdits::read(movie);
+        if (edits && edits->value)
+            for (const auto& voice : edits->value->voiceovers)
+                files.push_back(voice.file);
+        return files;
+    };
+    // A's edits name one take after it and one taken before an earlier rename; "A.voiceover 2"
+    // was taken off its timeline; "A.voiceover 3" is named by E's edits.
+    ASSERT_TRUE(withVoiceovers({"A.voiceover.wav", "Old.voiceover.wav"}).write(library / "A.mov", "test"));
+    ASSERT_TRUE(withVoiceovers({"A.voiceover 3.wav"}).write(library / "E.mov", "test"));
+    PlimRecord a;
+    a.id = "A";
+    a.rawURL = library / "A.mov";
+    // B's take is in the way of A's, so none of A's files move.
+    auto refused = renamePlim(a, "B");
+    ASSERT_FALSE(refused);
+    EXPECT_THAT(refused.error().sentence, HasSubstr("\"B.voiceover 2.wav\" is already in the library. Nothing was changed"));
+    EXPECT_EQ(readText(library / "B.voiceover 2.wav"), "B.voiceover 2.wav");
+    EXPECT_EQ(readText(library / "A.cursor.json"), "A.cursor.json");
+    // A name that fits the movie but is too long for a take fails part way: all is put back.
+    auto cut = renamePlim(a, std::string(241, 'L'));
+    ASSERT_FALSE(cut);
+    EXPECT_THAT(cut.error().sentence, HasSubstr("\"A.voiceover 2.wav\" could not be renamed"));
+    EXPECT_THAT(cut.error().sentence, HasSubstr("Its files keep their old names; nothing was lost."));
+    for (const auto& entry : fs::directory_iterator(library.path()))
+        EXPECT_FALSE(entry.path().filename().string().starts_with("LLL")) << entry.path();
+    EXPECT_EQ(readText(library / "A.mov"), "A.mov");
+    EXPECT_EQ(readText(library / "A.voiceover.wav"), "A.voiceover.wav");
+    EXPECT_EQ(takesNamedBy(library / "A.mov"), (std::vector<std::string>{"A.voiceover.wav", "Old.voiceover.wav"}));
+
+    ASSERT_TRUE(renamePlim(a, "C"));
+    for (const char* name : {"mov", "cursor.json", "id.json", "voiceover.wav", "voiceover 2.wav"})
+        EXPECT_EQ(readText(library / ("C." + std::string(name))), "A." + std::string(name));
+    EXPECT_EQ(takesNamedBy(library / "C.mov"), (std::vector<std::string>{"C.voiceover.wav", "Old.voiceover.wav"}));
+    // "A 2" shares A's first letters but is another plim, and E's take is E's: they stay.
+    EXPECT_EQ(readText(library / "A 2.mov"), "A 2.mov");
+    EXPECT_EQ(readText(library / "A.voiceover 3.wav"), "A.voiceover 3.wav");
+    EXPECT_EQ(takesNamedBy(library / "E.mov"), (std::vector<std::string>{"A.voiceover 3.wav"}));
+    EXPECT_FALSE(renamePlim(a, "../D"));
+
+    // C's voiceovers go to the Trash with it: those its edits name, the one taken off its
+    // timeline, and a take cut off before it joined, with its note; E's take stays.
+    PlimRecord c;
+    c.id = "C";
+    c.rawURL = library / "C.mov";
+    VoiceoverNote cutOff;
+    cutOff.id = makeUuid();
+    cutOff.movie = library / "C.mov";
+    cutOff.process = RecordingMarker::ofThisProcess(false);
+    cutOff.process.pid = 999999999; // a process that is gone
     const fs::path takes = voiceoversFolder(library.path());
     fs::create_directories(takes);
-    ASSERT_TRUE(cut.write(takes));
-    writeText(VoiceoverNote::takeIn(takes, cut.id), "cut off");
+    ASSERT_TRUE(cutOff.write(takes));
+    writeText(VoiceoverNote::takeIn(takes, cutOff.id), "cut off");
     ASSERT_TRUE(trashPlim(c));
     const fs::path trash = sandbox.home() / ".local/share/Trash/files";
-    for (const std::string& name : std::vector<std::string>{"C.mov", "C.edits.json", "C.voiceover.wav", "Old.voiceover.wav", "C.voiceover 2.wav",
-             cut.id + ".wav", cut.id + ".json"})
+    for (const std::string& name : std::vector<std::string>{"C.mov", "C.edits.json", "C.voiceover.wav", "Old.voiceover.wav",
+             "C.voiceover 2.wav", cutOff.id + ".wav", cutOff.id + ".json"})
         EXPECT_TRUE(fs::exists(trash / name)) << name;
     std::vector<std::string> left;
     for (const auto& entry : fs::directory_iterator(library.path()))
         left.push_back(entry.path().filename().string());
     std::sort(left.begin(), left.end());
-    EXPECT_EQ(left, (std::vector<std::string>{"A 2.mov", "B.keys.json", "B.mov", "C.voiceover 3.wav", "E.edits.json",
-                        "E.mov", "Voiceovers"}));
+    EXPECT_EQ(left, (std::vector<std::string>{"A 2.mov", "A.voiceover 3.wav", "B.keys.json", "B.staged.mov",
+                        "B.voiceover 2.wav", "E.edits.json", "E.mov", "Voiceovers"}));
     EXPECT_TRUE(fs::is_empty(takes));
 }
 
