@@ -155,10 +155,15 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::vector
 
 bool eventually(const std::function<bool()>& done, double seconds)
 {
+    // The condition runs once per look: some conditions act (type a key) as they test.
     auto until = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-    while (!done() && std::chrono::steady_clock::now() < until)
+    for (;;) {
+        if (done())
+            return true;
+        if (std::chrono::steady_clock::now() >= until)
+            return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    return done();
+    }
 }
 
 bool rerunUnprivileged()
