@@ -8,6 +8,7 @@
 #include "captions/whisper/log_mel.h"
 #include "captions/whisper/model.h"
 #include "captions/whisper/tokenizer.h"
+#include "captions/whisper/transcription.h"
 #include "captions/caption_engine_router.h"
 #include "captions/whisper_transcriber.h"
 #include "speech_plims.h"
@@ -309,6 +310,53 @@ TEST_F(WhisperReference, TranscriberCutsTheGreedyTokensIntoTimedSegmentsAndStops
     auto unknown = whisper.transcribe(signal, stop, {}, "xx");
     ASSERT_FALSE(unknown);
     EXPECT_NE(unknown.error().sentence.find("\u201cxx\u201d"), std::string::npos) << unknown.error().sentence;
+}
+
+// Text sampled hot is not carried into the next window's prompt; text from a window that
+// settled at a cooler temperature is. The stand-in decoder judges the first window poor below
+// 0.6 and the second below 0.4, whatever the model said.
+TEST_F(WhisperReference, AWindowThatNeededAHotPassLeavesTheNextPromptWithoutEarlierText)
+{
+    Model m = model();
+    Tokenizer tok = tokenizer(m);
+    const SpecialTokens& s = tok.special();
+    std::vector<std::vector<int>> prompts, kept; // per window: its prompt, and the tokens of its last pass
+    std::vector<double> hottest;
+    WindowDecoder decode = [&](Model& model, const Tokenizer& t, std::span<const int> prompt,
+                               const std::atomic<bool>& stop, const DecodeOptions& options) -> Result<DecodeResult> {
+        if (options.temperature == 0) {
+            prompts.emplace_back(prompt.begin(), prompt.end());
+            hottest.push_back(0);
+            kept.emplace_back();
+        }
+        DecodeResult r = PLIM_TRY(decodeWindow(model, t, prompt, stop, options));
+        const double good = prompts.size() == 1 ? 0.6 : prompts.size() == 2 ? 0.4 : 0;
+        r.avgLogprob = r.firstLogprob = options.temperature + 1e-9 < good ? -3 : -0.1;
+        r.compressionRatio = 1;
+        r.noSpeechProb = 0;
+        hottest.back() = options.temperature;
+        kept.back() = r.tokens;
+        return r;
+    };
+    auto signal = floats("signal.f32");
+    std::vector<float> sound;
+    for (int i = 0; i < 8; ++i) // 96 s: three windows at least
+        sound.insert(sound.end(), signal.begin(), signal.end());
+    std::atomic<bool> stop = false;
+    std::optional<int> language = tok.languageToken("en");
+    ASSERT_TRUE(transcribeWindows(m, tok, sound, stop, {}, language, decode));
+
+    ASSERT_GE(prompts.size(), 3u);
+    EXPECT_EQ(hottest[0], 0.6);
+    EXPECT_EQ(hottest[1], 0.4);
+    EXPECT_EQ(prompts[0].front(), s.startOfTranscript);
+    EXPECT_EQ(prompts[1].front(), s.startOfTranscript) << "the hot first window's text was kept";
+    // The third window continues the second's text alone.
+    ASSERT_EQ(prompts[2].front(), s.startOfPrev);
+    auto start = std::ranges::find(prompts[2], s.startOfTranscript);
+    std::vector<int> earlier(prompts[2].begin() + 1, start);
+    ASSERT_FALSE(earlier.empty());
+    EXPECT_FALSE(std::ranges::search(kept[1], earlier).empty());
 }
 
 TEST_F(WhisperReference, CrossAttentionAndTheTokensItPlacesMatchTorch)

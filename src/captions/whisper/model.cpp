@@ -3,9 +3,11 @@
 #include "captions/whisper/vector_math.h"
 
 #include <algorithm>
+#include <barrier>
 #include <cblas.h>
 #include <cmath>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 namespace plim::whisper {
@@ -55,6 +57,18 @@ void product(int rows, int out, int in, const float* x, int ldx, const float* w,
         cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, out, in, 1.f, x, ldx, w, ldw, beta, y, ldy);
 }
 
+// Rows [from, to) of y plus `bias`, one value a column.
+void addBias(Matrix& y, const float* bias, int from, int to)
+{
+    inSlices(to - from, long(to - from) * y.cols, [&](int first, int last) {
+        for (int r = from + first; r < from + last; ++r) {
+            float* row = y.row(r);
+            for (int c = 0; c < y.cols; ++c)
+                row[c] += bias[c];
+        }
+    });
+}
+
 // y = x times the transpose of `out` rows of l's weights from `firstRow` on, plus their bias.
 void linear(const Matrix& x, const Model::Linear& l, Matrix& y, int out = -1, int firstRow = 0)
 {
@@ -65,32 +79,24 @@ void linear(const Matrix& x, const Model::Linear& l, Matrix& y, int out = -1, in
     product(x.rows, out, in, x.data.data(), x.cols, l.weight.data.data() + size_t(firstRow) * size_t(in), y.data.data(),
         out);
     if (!l.bias.empty())
-        inSlices(y.rows, long(y.data.size()), [&](int from, int to) {
-            for (int r = from; r < to; ++r) {
-                float* row = y.row(r);
-                const float* b = l.bias.data() + firstRow;
-                for (int c = 0; c < out; ++c)
-                    row[c] += b[c];
-            }
-        });
+        addBias(y, l.bias.data() + firstRow, 0, y.rows);
 }
 
-// x += y times the transpose of l's weights, plus its bias: a residual step without a copy.
-void addLinear(Matrix& x, const Matrix& y, const Model::Linear& l)
+// Rows [from, to) of x += y times the transpose of l's weights, plus its bias: a residual
+// step without a copy.
+void addLinear(Matrix& x, const Matrix& y, const Model::Linear& l, int from = 0, int to = -1)
 {
-    inSlices(x.rows, long(x.data.size()), [&](int from, int to) {
-        for (int r = from; r < to; ++r)
-            for (int c = 0; c < x.cols; ++c)
-                x.row(r)[c] += l.bias[size_t(c)];
-    });
-    product(x.rows, x.cols, y.cols, y.data.data(), y.cols, l.weight.data.data(), x.data.data(), x.cols, 1.f);
+    if (to < 0)
+        to = x.rows;
+    addBias(x, l.bias.data(), from, to);
+    product(to - from, x.cols, y.cols, y.row(from), y.cols, l.weight.data.data(), x.row(from), x.cols, 1.f);
 }
 
-void layerNorm(const Matrix& x, const Model::Norm& n, Matrix& y)
+// Rows [from, to) of y, already x's size, are those of x normalised.
+void layerNorm(const Matrix& x, const Model::Norm& n, Matrix& y, int from, int to)
 {
-    reuse(y, x.rows, x.cols);
-    inSlices(x.rows, long(x.data.size()), [&](int from, int to) {
-        for (int r = from; r < to; ++r) {
+    inSlices(to - from, long(to - from) * x.cols, [&](int first, int last) {
+        for (int r = from + first; r < from + last; ++r) {
             const float* in = x.row(r);
             float* out = y.row(r);
             double mean = 0, var = 0;
@@ -104,6 +110,12 @@ void layerNorm(const Matrix& x, const Model::Norm& n, Matrix& y)
                 out[c] = (in[c] - float(mean)) * inv * n.weight[size_t(c)] + n.bias[size_t(c)];
         }
     });
+}
+
+void layerNorm(const Matrix& x, const Model::Norm& n, Matrix& y)
+{
+    reuse(y, x.rows, x.cols);
+    layerNorm(x, n, y, 0, x.rows);
 }
 
 Matrix layerNorm(const Matrix& x, const Model::Norm& n)
@@ -132,7 +144,8 @@ void biasGelu(Matrix& x, int first, int rows, const std::vector<float>& bias, co
 // Multi-head attention of the query rows over the first `keys` rows of k and v, each
 // given by its first element and row stride; the heads' outputs side by side in `out`.
 // With `causalBase` >= 0, query row i sees keys up to causalBase + i only. `weights`, when
-// given, is handed each head's attention weights (rows x keys).
+// given, is handed each head's attention weights (rows x keys). Query rows go in blocks
+// whose scores stay in the processor's cache between the two products and the softmax.
 struct Operand {
     const float* data;
     int stride;
@@ -140,57 +153,102 @@ struct Operand {
 void attend(int rows, Operand q, Operand k, Operand v, int keys, int heads, int dh, float* out, int ldo,
     Matrix& scratch, int causalBase = -1, const std::function<void(const Matrix&)>* weights = nullptr)
 {
-    std::vector<float>& scores = reuse(scratch, rows, keys).data;
-    std::vector<float> sums(static_cast<size_t>(rows));
+    const bool handOut = weights && *weights;
+    constexpr int blockFloats = 96 * 1024; // 384 KB of scores: well within a second-level cache
+    const int block = handOut ? rows : std::min(rows, std::max(16, blockFloats / std::max(1, keys)));
+    std::vector<float>& scores = reuse(scratch, block, keys).data;
+    std::vector<float> sums(static_cast<size_t>(block));
     const float scale = 1.f / std::sqrt(float(dh));
-    for (int h = 0; h < heads; ++h) {
-        if (rows == 1) // one token: products with a vector cost less to start
-            cblas_sgemv(CblasRowMajor, CblasNoTrans, keys, dh, scale, k.data + h * dh, k.stride, q.data + h * dh, 1, 0.f,
-                scores.data(), 1);
-        else
-            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, rows, keys, dh, scale, q.data + h * dh, q.stride,
-                k.data + h * dh, k.stride, 0.f, scores.data(), keys);
-        // Softmax left unnormalised; each output row is divided by its sum after the product.
-        inSlices(rows, long(rows) * keys * 4, [&](int from, int to) {
-            for (int r = from; r < to; ++r) {
-                float* s = scores.data() + size_t(r) * size_t(keys);
-                int visible = causalBase >= 0 ? std::min(keys, causalBase + r + 1) : keys;
-                float top = *std::max_element(s, s + visible);
-                sums[size_t(r)] = expShifted(s, size_t(visible), top);
-                std::fill(s + visible, s + keys, 0.f);
+    for (int first = 0; first < rows; first += block) {
+        const int n = std::min(block, rows - first);
+        const float* qb = q.data + size_t(first) * size_t(q.stride);
+        float* ob = out + size_t(first) * size_t(ldo);
+        for (int h = 0; h < heads; ++h) {
+            if (n == 1) // one token: products with a vector cost less to start
+                cblas_sgemv(CblasRowMajor, CblasNoTrans, keys, dh, scale, k.data + h * dh, k.stride, qb + h * dh, 1,
+                    0.f, scores.data(), 1);
+            else
+                cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasTrans, n, keys, dh, scale, qb + h * dh, q.stride,
+                    k.data + h * dh, k.stride, 0.f, scores.data(), keys);
+            // Softmax left unnormalised; each output row is divided by its sum after the product.
+            inSlices(n, long(n) * keys * 4, [&](int from, int to) {
+                for (int r = from; r < to; ++r) {
+                    float* s = scores.data() + size_t(r) * size_t(keys);
+                    int visible = causalBase >= 0 ? std::min(keys, causalBase + first + r + 1) : keys;
+                    sums[size_t(r)] = expShifted(s, size_t(visible), largest(s, size_t(visible)));
+                    std::fill(s + visible, s + keys, 0.f);
+                }
+            });
+            if (handOut) {
+                Matrix w = matrix(n, keys);
+                for (int r = 0; r < n; ++r)
+                    for (int c = 0; c < keys; ++c)
+                        w.row(r)[c] = scores[size_t(r) * size_t(keys) + size_t(c)] / sums[size_t(r)];
+                (*weights)(w);
             }
-        });
-        if (weights && *weights) {
-            Matrix w = matrix(rows, keys);
-            for (int r = 0; r < rows; ++r)
-                for (int c = 0; c < keys; ++c)
-                    w.row(r)[c] = scores[size_t(r) * size_t(keys) + size_t(c)] / sums[size_t(r)];
-            (*weights)(w);
-        }
-        float* o = out + h * dh;
-        if (rows == 1)
-            cblas_sgemv(CblasRowMajor, CblasTrans, keys, dh, 1.f, v.data + h * dh, v.stride, scores.data(), 1, 0.f, o, 1);
-        else
-            cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, rows, dh, keys, 1.f, scores.data(), keys,
-                v.data + h * dh, v.stride, 0.f, o, ldo);
-        for (int r = 0; r < rows; ++r) {
-            float inv = 1.f / sums[size_t(r)];
-            for (int c = 0; c < dh; ++c)
-                o[size_t(r) * size_t(ldo) + size_t(c)] *= inv;
+            float* o = ob + h * dh;
+            if (n == 1)
+                cblas_sgemv(CblasRowMajor, CblasTrans, keys, dh, 1.f, v.data + h * dh, v.stride, scores.data(), 1, 0.f,
+                    o, 1);
+            else
+                cblas_sgemm(CblasRowMajor, CblasNoTrans, CblasNoTrans, n, dh, keys, 1.f, scores.data(), keys,
+                    v.data + h * dh, v.stride, 0.f, o, ldo);
+            for (int r = 0; r < n; ++r) {
+                float inv = 1.f / sums[size_t(r)];
+                for (int c = 0; c < dh; ++c)
+                    o[size_t(r) * size_t(ldo) + size_t(c)] *= inv;
+            }
         }
     }
 }
 
-// The block's MLP as a residual step; `norm` and `hidden` are scratch.
+// Rows [from, to) of the block's MLP as a residual step; `norm` and `hidden`, already of
+// their sizes (x's rows, and 4 state), are scratch.
+void mlp(Matrix& x, const Model::Block& b, Matrix& norm, Matrix& hidden, int from, int to)
+{
+    layerNorm(x, b.mlpLn, norm, from, to);
+    product(to - from, hidden.cols, x.cols, norm.row(from), norm.cols, b.fc1.weight.data.data(), hidden.row(from),
+        hidden.cols);
+    biasGelu(hidden, from, to - from, b.fc1.bias);
+    addLinear(x, hidden, b.fc2, from, to);
+}
+
 void mlp(Matrix& x, const Model::Block& b, Matrix& norm, Matrix& hidden)
 {
-    layerNorm(x, b.mlpLn, norm);
+    reuse(norm, x.rows, x.cols);
     reuse(hidden, x.rows, int(b.fc1.weight.dim(0)));
-    product(x.rows, hidden.cols, x.cols, norm.data.data(), norm.cols, b.fc1.weight.data.data(), hidden.data.data(),
-        hidden.cols);
-    biasGelu(hidden, 0, hidden.rows, b.fc1.bias);
-    addLinear(x, hidden, b.fc2);
+    mlp(x, b, norm, hidden, 0, x.rows);
 }
+
+// While one lives, OpenBLAS runs each product on the thread that asks for it, so that
+// several threads can each run their own; `threads()` is the count it had before. The
+// count is process-wide: the first to come sets it, the last to go puts it back.
+class OwnThreads {
+public:
+    OwnThreads()
+    {
+        std::lock_guard lock(s_mutex);
+        if (s_users++ == 0) {
+            s_threads = std::clamp(openblas_get_num_threads(), 1, 16);
+            openblas_set_num_threads(1);
+        }
+        m_threads = s_threads;
+    }
+    ~OwnThreads()
+    {
+        std::lock_guard lock(s_mutex);
+        if (--s_users == 0)
+            openblas_set_num_threads(s_threads);
+    }
+    OwnThreads(const OwnThreads&) = delete;
+    OwnThreads& operator=(const OwnThreads&) = delete;
+    int threads() const { return m_threads; }
+
+private:
+    int m_threads = 1;
+    static inline std::mutex s_mutex;
+    static inline int s_users = 0, s_threads = 1;
+};
 
 // Whisper's fixed audio positions: sines then cosines over geometric timescales.
 Tensor sinusoids(int length, int channels)
@@ -394,8 +452,15 @@ Result<Model> Model::create(Checkpoint&& checkpoint)
 Matrix Model::encode(const Matrix& mel) const
 {
     const Dims& d = m_dims;
-    const int frames = windowFrames(), state = d.audioState;
-    auto& [in, h, x, norm, qkv, a, hidden, scores] = m_scratch;
+    const int frames = windowFrames(), state = d.audioState, ctx = d.audioCtx, dh = state / d.audioHeads;
+    // The work is split between threads of this function's own, each taking a share of the
+    // rows (frames) and running its products single-threaded: per layer they wait for each
+    // other once, when every row's keys and values are needed for the attention. OpenBLAS's
+    // own threads would meet at every product, dozens of times a layer, and its small
+    // per-head products keep them poorly fed.
+    OwnThreads blas;
+    const int workers = std::min(blas.threads(), ctx / 64);
+    auto& [in, h, x, norm, qkv, a, hidden, qkvNext] = m_scratch;
     // The convolutions as products without gathering: frames are rows, with a zero row
     // either end for the padding, so tap k of output t reads row t + k (2t + k for the
     // second, strided one) in place: one product per tap, summed.
@@ -407,27 +472,54 @@ Matrix Model::encode(const Matrix& mel) const
     reuse(h, frames + 2, state);
     std::fill_n(h.row(0), state, 0.f);
     std::fill_n(h.row(frames + 1), state, 0.f);
-    for (int k = 0; k < 3; ++k)
-        product(frames, state, d.mels, in.row(k), d.mels, m_conv1.weight.data.data() + k * d.mels, h.row(1), state,
-            k ? 1.f : 0.f, 3 * d.mels);
-    biasGelu(h, 1, frames, m_conv1.bias);
-    reuse(x, d.audioCtx, state);
-    for (int k = 0; k < 3; ++k)
-        product(d.audioCtx, state, state, h.row(k), 2 * state, m_conv2.weight.data.data() + k * state, x.data.data(),
-            state, k ? 1.f : 0.f, 3 * state);
-    biasGelu(x, 0, x.rows, m_conv2.bias, m_audioPositions.data.data());
-    reuse(a, x.rows, state);
-    const int dh = state / d.audioHeads;
-    for (const Block& b : m_encoder) {
-        layerNorm(x, b.attnLn, norm);
-        linear(norm, b.attn.qkv, qkv);
-        const float* at = qkv.data.data();
-        attend(x.rows, {at, 3 * state}, {at + state, 3 * state}, {at + 2 * state, 3 * state}, x.rows, d.audioHeads, dh,
-            a.data.data(), state, scores);
-        addLinear(x, a, b.attn.out);
-        mlp(x, b, norm, hidden);
+    reuse(x, ctx, state);
+    reuse(norm, ctx, state);
+    reuse(a, ctx, state);
+    reuse(hidden, ctx, 4 * state);
+    // Two buffers for the keys and values, layer after layer: a thread may go on to the
+    // next layer's while another still reads this one's.
+    reuse(qkv, ctx, 3 * state);
+    reuse(qkvNext, ctx, 3 * state);
+    if (m_attentionScratch.size() < size_t(workers))
+        m_attentionScratch.resize(size_t(workers));
+    Matrix result = matrix(ctx, state);
+    std::barrier meet(workers);
+
+    auto share = [&](int worker) {
+        const int c0 = frames * worker / workers, c1 = frames * (worker + 1) / workers;
+        for (int k = 0; k < 3; ++k)
+            product(c1 - c0, state, d.mels, in.row(c0 + k), d.mels, m_conv1.weight.data.data() + k * d.mels,
+                h.row(1 + c0), state, k ? 1.f : 0.f, 3 * d.mels);
+        biasGelu(h, 1 + c0, c1 - c0, m_conv1.bias);
+        meet.arrive_and_wait(); // the strided convolution reads its neighbours' frames
+        const int r0 = ctx * worker / workers, r1 = ctx * (worker + 1) / workers, rows = r1 - r0;
+        for (int k = 0; k < 3; ++k)
+            product(rows, state, state, h.row(2 * r0 + k), 2 * state, m_conv2.weight.data.data() + k * state,
+                x.row(r0), state, k ? 1.f : 0.f, 3 * state);
+        biasGelu(x, r0, rows, m_conv2.bias, m_audioPositions.data.data() + size_t(r0) * size_t(state));
+        Matrix* keys = &qkv;
+        for (const Block& b : m_encoder) {
+            Matrix& kv = *keys;
+            layerNorm(x, b.attnLn, norm, r0, r1);
+            product(rows, 3 * state, state, norm.row(r0), state, b.attn.qkv.weight.data.data(), kv.row(r0), 3 * state);
+            addBias(kv, b.attn.qkv.bias.data(), r0, r1);
+            meet.arrive_and_wait();
+            const float* at = kv.data.data();
+            attend(rows, {kv.row(r0), 3 * state}, {at + state, 3 * state}, {at + 2 * state, 3 * state}, ctx,
+                d.audioHeads, dh, a.row(r0), state, m_attentionScratch[size_t(worker)]);
+            addLinear(x, a, b.attn.out, r0, r1);
+            mlp(x, b, norm, hidden, r0, r1);
+            keys = keys == &qkv ? &qkvNext : &qkv;
+        }
+        layerNorm(x, m_encoderLn, result, r0, r1);
+    };
+    {
+        std::vector<std::jthread> helpers;
+        for (int w = 1; w < workers; ++w)
+            helpers.emplace_back(share, w);
+        share(0);
     }
-    return layerNorm(x, m_encoderLn);
+    return result;
 }
 
 void Model::beginSequence(const Matrix& audio)

@@ -1,9 +1,10 @@
 #pragma once
 // The Whisper network: an encoder that turns a 30-second window of log-mel frames into
 // audio states, and a decoder that predicts the next token from the tokens so far and
-// those states. Products run through OpenBLAS on its threads; the passes between them
-// (softmax, GELU, layer norm) are split over as many threads. Not thread-safe: one
-// transcription at a time.
+// those states. The encoder splits its rows between as many threads of its own as OpenBLAS
+// has, each running its products single-threaded; the decoder's products run through
+// OpenBLAS on its threads, the passes between them (softmax, GELU, layer norm) split over as
+// many. Not thread-safe: one transcription at a time.
 
 #include "base/error.h"
 #include "captions/whisper/checkpoint.h"
@@ -96,6 +97,7 @@ private:
     // Working matrices kept from call to call: fresh pages for every product's output
     // are slow to fault in, slower than much of the arithmetic.
     mutable std::array<Matrix, 8> m_scratch;
+    mutable std::vector<Matrix> m_attentionScratch; // one per encoder thread
 };
 
 } // namespace plim::whisper
