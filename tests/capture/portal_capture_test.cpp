@@ -177,10 +177,14 @@ TEST_F(PortalCapture, RecordsTheScreenAndPointerThenReusesTheChoice)
     ASSERT_TRUE(track) << track.error().sentence;
     const auto& samples = track->value.samples;
     ASSERT_GE(samples.size(), 100u);
+    // Until the first move shows (a loaded desktop may take seconds to apply it) the pointer
+    // is where the desktop started it.
     int before = 0, after = 0, elsewhere = 0;
     for (const auto& s : samples) {
         if (std::abs(s.x - 300) <= 1 && std::abs(s.y - 200) <= 1)
             ++before;
+        else if (before == 0)
+            continue;
         else if (std::abs(s.x - 900) <= 1 && std::abs(s.y - 600) <= 1)
             ++after;
         else
