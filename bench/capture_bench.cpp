@@ -3,13 +3,17 @@
 // into the same encoder settings (libx264 ultrafast, the recording bit rate, a key frame
 // every 2 s, a fragmented QuickTime movie). Prints delivered against expected frames,
 // dropped frames and the CPU seconds each recorder used. Plim records twice: at the display's
-// size and at 720p.
+// size and at 720p. Then Plim records a 1920 x 1080 GNOME desktop (mutter headless, the real
+// desktop portal, PipeWire) through the portal while a full-screen terminal scrolls, and
+// prints the pictures the stream delivered a second, the copies made of them before the
+// encoder, the movie's frames and the CPU seconds.
 //
 //   capture_bench [seconds]
 
 #include "base/clock.h"
 #include "processes.h"
 #include "media/media.h"
+#include "testkit/gnome_session.h"
 
 #include <xcb/xcb.h>
 
@@ -84,6 +88,57 @@ void animate(const std::string& display, std::atomic<bool>& stop)
         if (wait > 0)
             std::this_thread::sleep_for(std::chrono::duration<double>(wait));
     }
+}
+
+// A number that follows `label` in `text`, else -1.
+long numberAfter(const std::string& text, const std::string& label)
+{
+    auto at = text.rfind(label);
+    return at == std::string::npos ? -1 : std::atol(text.c_str() + at + label.size());
+}
+
+// Plim through the desktop portal of a headless GNOME session.
+void benchPortal(const fs::path& plimctl, const fs::path& dir, double seconds)
+{
+    plim::testkit::XdgSandbox sandbox;
+    plim::testkit::GnomeSession gnome("1920x1080");
+    if (!gnome.isUp()) {
+        std::printf("portal  : not measured, the GNOME session did not start (%s)\n", gnome.trouble().c_str());
+        return;
+    }
+    gnome.startClient({"foot", "--fullscreen", "sh", "-c", "while :; do base64 -w 230 /dev/urandom; done"});
+    const std::string grant = gnome.grantScreenCast();
+    fs::create_directories(sandbox.home() / ".config/plim");
+    plim::testkit::writeText(sandbox.home() / ".config/plim/settings.json",
+        "{\"screenCastRestoreToken\": \"" + grant + "\"}\n");
+    const fs::path library = dir / "plim-portal";
+    fs::create_directories(library);
+    gnome.handOver(sandbox.home());
+    gnome.handOver(library);
+    gnome.handOver(dir);
+    for (const std::string& variable : gnome.environment())
+        ::putenv(strdup(variable.c_str()));
+    std::this_thread::sleep_for(1s); // the terminal fills the screen
+    char duration[32];
+    std::snprintf(duration, sizeof duration, "%g", seconds);
+    int status = 0;
+    pid_t plim = spawn(gnome.asUser({plimctl.string(), "record", "--backend", "portal", "--duration", duration,
+                           "--no-keys", "--library", library.string()}),
+        (dir / "portal.out").string(), (dir / "portal.err").string());
+    const double cpu = waitCpu(plim, &status);
+    std::string movie = slurp(dir / "portal.out");
+    movie = movie.substr(0, movie.find('\n'));
+    const long frames = countFrames(movie);
+    const std::string err = slurp(dir / "portal.err");
+    const long copied = numberAfter(err, "the desktop portal's stream: ");
+    const long empty = numberAfter(err, "frames delivered, ");
+    std::printf("portal  : %.1f pictures a second from the stream (%ld in %.0f s, %ld empty buffers skipped), "
+                "%ld movie frames of %ld ticks, %.2f copies per movie frame before the encoder, %.2f CPU s "
+                "(%.0f%% of one core), exit %d\n",
+        copied / seconds, copied, seconds, empty, frames, std::lround(seconds * 60),
+        frames > 0 ? double(copied) / double(frames) : 0.0, cpu, 100 * cpu / seconds, WEXITSTATUS(status));
+    if (copied < 0 || WEXITSTATUS(status) == 1)
+        std::printf("          %s\n", err.substr(err.size() > 600 ? err.size() - 600 : 0).c_str());
 }
 
 } // namespace
@@ -170,6 +225,7 @@ int main(int argc, char** argv)
     animator.join();
     kill(xvfb, SIGTERM);
     waitpid(xvfb, &status, 0);
+    benchPortal(plimctl, dir, seconds);
     fs::remove_all(dir);
     return 0;
 }

@@ -95,20 +95,25 @@ void CaptureSession::Impl::endWith(std::string headline, bool beforeFirstFrame)
         notify(headline);
 }
 
-// The window closed ("That window is gone."), or the picture stopped coming.
+// The window closed ("That window is gone."), the desktop stopped sharing the screen, or
+// the picture stopped coming.
 void CaptureSession::Impl::screenEnded(const Error& error)
 {
     if (error.kind == Error::Kind::missing) {
         endWith(error.sentence);
         return;
     }
-    logLine(LogArea::main, error.sentence);
+    if (error.kind != Error::Kind::stopped)
+        logLine(LogArea::main, error.sentence);
     double recorded;
     {
         std::lock_guard guard(lock);
         recorded = writtenSeconds;
     }
-    endWith("Recording ended early at " + lengthText(recorded));
+    std::string headline = "Recording ended early at " + lengthText(recorded);
+    if (error.kind == Error::Kind::stopped)
+        headline += " because " + error.sentence;
+    endWith(std::move(headline));
 }
 
 void CaptureSession::Impl::stopSources()

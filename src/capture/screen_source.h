@@ -17,7 +17,10 @@
 //   later than that is skipped and counted in droppedFrames(). Each frame carries the
 //   instant it was really taken, so a late frame is never shown early.
 // - When the subject goes away (the window closes) the source stops by itself and calls
-//   `onEnd` once with the sentence, on its own thread.
+//   `onEnd` once with the sentence, on its own thread. When the desktop stops handing out
+//   the picture (its user stopped sharing the screen), the error's kind is `stopped` and
+//   its sentence is the reason worded to follow the time the recording ended ("the desktop
+//   stopped sharing the screen").
 // - stop() may be called from any thread except the source's own; when it returns no
 //   handler runs and none will. The pointer is never in the pictures, except where the
 //   desktop hands out no pointer source (wlr: the compositor draws it in).

@@ -3,6 +3,8 @@
 // plimctl records it through the portal with no dialog (the grant seeded in the permission
 // store, as an earlier choice would leave it), then again with the restore token the first
 // recording kept; the movies, the pointer's track and the failure sentences are checked.
+// A share the desktop ends mid-recording keeps what was recorded; a share the dialog refuses
+// (a backend of the test's own answers it, the portal itself real) records nothing.
 
 #include "base/json.h"
 #include "capture/cursor_track.h"
@@ -10,11 +12,14 @@
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
+#include <sdbus-c++/sdbus-c++.h>
 
 #include <signal.h>
 
 #include <array>
 #include <chrono>
+#include <map>
+#include <tuple>
 #include <cstdlib>
 #include <sstream>
 #include <thread>
@@ -172,10 +177,14 @@ TEST_F(PortalCapture, RecordsTheScreenAndPointerThenReusesTheChoice)
     ASSERT_TRUE(track) << track.error().sentence;
     const auto& samples = track->value.samples;
     ASSERT_GE(samples.size(), 100u);
+    // Until the first move shows (a loaded desktop may take seconds to apply it) the pointer
+    // is where the desktop started it.
     int before = 0, after = 0, elsewhere = 0;
     for (const auto& s : samples) {
         if (std::abs(s.x - 300) <= 1 && std::abs(s.y - 200) <= 1)
             ++before;
+        else if (before == 0)
+            continue;
         else if (std::abs(s.x - 900) <= 1 && std::abs(s.y - 600) <= 1)
             ++after;
         else
@@ -209,6 +218,107 @@ TEST_F(PortalCapture, RecordsTheScreenAndPointerThenReusesTheChoice)
     EXPECT_NE(chosen.err.find("This is a Wayland session, and Plim cannot read its screen."), std::string::npos)
         << chosen.err;
     EXPECT_TRUE(onlyMovie(none.path()).empty());
+}
+
+TEST_F(PortalCapture, KeepsTheRecordingWhenTheDesktopStopsSharing)
+{
+    gnome.startClient({"foot", "--fullscreen", "-o", "colors.background=c03020", "sleep", "600"});
+    const std::string grant = gnome.grantScreenCast();
+    ASSERT_FALSE(grant.empty());
+    writeText(sandbox.home() / ".config/plim/settings.json", "{\"screenCastRestoreToken\": \"" + grant + "\"}\n");
+    gnome.handOver(sandbox.home());
+
+    // A still screen for longer than a paused stream is given: the recording rolls on until
+    // the desktop ends the share.
+    TempDir library;
+    auto recording = startRecording(library.path(), {"--duration", "40"});
+    ASSERT_TRUE(eventually([&] { return readText(errFile()).find("Rolling 0:05") != std::string::npos; }, 40))
+        << readText(errFile());
+    ASSERT_TRUE(gnome.stopScreenCasts());
+    const int status = recording->wait();
+    const std::string err = readText(errFile());
+    EXPECT_EQ(status, 1) << err;
+    EXPECT_NE(err.find("Recording ended early at 0:0"), std::string::npos) << err;
+    EXPECT_NE(err.find(" because the desktop stopped sharing the screen. What was recorded up to then is kept."),
+        std::string::npos)
+        << err;
+
+    // What was recorded is written out whole: it plays to its end, its track beside it.
+    const fs::path movie = onlyMovie(library.path());
+    ASSERT_FALSE(movie.empty()) << err;
+    const double seconds = std::atof(probe(movie, "", "format=duration").c_str());
+    EXPECT_GE(seconds, 5) << err;
+    EXPECT_LE(seconds, 12) << err;
+    EXPECT_GE(std::atoi(probe(movie, "v:0", "stream=nb_read_frames", {"-count_frames"}).c_str()), 30 * 4);
+    auto colour = castColour(movie, seconds - 0.3, 700, 300, 1200, 700);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(colour[c], background[c], 8) << "colour " << c;
+    EXPECT_TRUE(CursorTrack::read(movie)) << err;
+}
+
+// A portal backend of the test's own on the desktop's bus that answers the share dialog
+// with `answer` (1: the user cancelled it; 2: it failed), standing in for the user's click.
+class DialogAnswer {
+public:
+    DialogAnswer(const std::vector<std::string>& env, uint32_t answer)
+    {
+        std::string address;
+        for (const auto& variable : env)
+            if (variable.starts_with("DBUS_SESSION_BUS_ADDRESS="))
+                address = variable.substr(25);
+        m_connection = sdbus::createSessionBusConnectionWithAddress(address);
+        m_connection->requestName(name);
+        m_object = sdbus::createObject(*m_connection, "/org/freedesktop/portal/desktop");
+        const std::string impl = "org.freedesktop.impl.portal.ScreenCast";
+        using Options = std::map<std::string, sdbus::Variant>;
+        using Answer = std::tuple<uint32_t, Options>;
+        m_object->registerMethod("CreateSession").onInterface(impl).implementedAs(
+            [](sdbus::ObjectPath, sdbus::ObjectPath, std::string, Options) { return Answer{0, {}}; });
+        m_object->registerMethod("SelectSources").onInterface(impl).implementedAs(
+            [](sdbus::ObjectPath, sdbus::ObjectPath, std::string, Options) { return Answer{0, {}}; });
+        m_object->registerMethod("Start").onInterface(impl).implementedAs(
+            [answer](sdbus::ObjectPath, sdbus::ObjectPath, std::string, std::string, Options) { return Answer{answer, {}}; });
+        m_object->registerProperty("AvailableSourceTypes").onInterface(impl).withGetter([] { return uint32_t(1); });
+        m_object->registerProperty("AvailableCursorModes").onInterface(impl).withGetter([] { return uint32_t(2); });
+        m_object->registerProperty("version").onInterface(impl).withGetter([] { return uint32_t(4); });
+        m_object->finishRegistration();
+        m_connection->enterEventLoopAsync();
+    }
+    ~DialogAnswer() { m_connection->leaveEventLoop(); }
+
+    // A folder naming this backend to the portal for GNOME's screen cast.
+    void describeIn(const fs::path& folder) const
+    {
+        writeText(folder / "plimtest.portal", std::string("[portal]\nDBusName=") + name
+                + "\nInterfaces=org.freedesktop.impl.portal.ScreenCast;\nUseIn=gnome\n");
+    }
+
+    static constexpr const char* name = "org.freedesktop.impl.portal.desktop.plimtest";
+
+private:
+    std::unique_ptr<sdbus::IConnection> m_connection;
+    std::unique_ptr<sdbus::IObject> m_object;
+};
+
+TEST_F(PortalCapture, RecordsNothingWhenTheShareIsRefused)
+{
+    TempDir backends;
+    for (uint32_t answer : {1u, 2u}) {
+        SCOPED_TRACE(answer);
+        DialogAnswer dialog(env, answer);
+        dialog.describeIn(backends.path());
+        gnome.handOver(backends.path());
+        ASSERT_TRUE(gnome.restartPortal(backends.path()));
+        TempDir library;
+        auto refused = record(library.path(), {"--duration", "2", "--backend", "portal"});
+        EXPECT_EQ(refused.status, 1) << refused.err;
+        EXPECT_TRUE(onlyMovie(library.path()).empty()) << refused.err;
+        const std::string said = answer == 1
+            ? "The desktop's screen-sharing dialog was cancelled, so Plim may not read the screen. Nothing was "
+              "recorded. Record again and choose a display in the dialog."
+            : "The desktop portal refused to share the screen. Nothing was recorded.";
+        EXPECT_NE(refused.err.find(said), std::string::npos) << refused.err;
+    }
 }
 
 } // namespace

@@ -6,8 +6,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <sstream>
 
 namespace plim::testkit {
 
@@ -128,13 +130,15 @@ std::vector<std::string> GnomeSession::environment() const
         "WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=GNOME", "XDG_SESSION_TYPE=wayland"};
 }
 
-std::unique_ptr<ChildProcess> GnomeSession::start(const std::string& name, std::vector<std::string> argv)
+std::unique_ptr<ChildProcess> GnomeSession::start(const std::string& name, std::vector<std::string> argv,
+    std::vector<std::string> extraEnv)
 {
     std::vector<std::string> env{"XDG_RUNTIME_DIR=" + m_runtime.string(), "HOME=" + m_home.string(),
         "XDG_CONFIG_HOME=" + (m_home / ".config").string(), "XDG_DATA_HOME=" + (m_home / ".local/share").string(),
         "XDG_CACHE_HOME=" + (m_home / ".cache").string(), "XDG_STATE_HOME=" + (m_home / ".local/state").string(),
         "DBUS_SESSION_BUS_ADDRESS=unix:path=" + (m_runtime / "bus").string(), "WAYLAND_DISPLAY=wayland-0",
         "XDG_CURRENT_DESKTOP=GNOME", "GSETTINGS_BACKEND=memory", "PATH=/usr/bin:/bin"};
+    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
     // setpriv and env exec, so the pid is the program's own.
     std::vector<std::string> full;
     if (geteuid() == 0)
@@ -222,5 +226,34 @@ bool GnomeSession::click()
 }
 
 void GnomeSession::stopPortal() { m_portal.reset(); }
+
+bool GnomeSession::stopScreenCasts()
+{
+    // Mutter stops a cast only for the connection that made it: the GNOME portal, which
+    // closes its sessions when asked on its own interface.
+    const std::string backend = "org.freedesktop.impl.portal.desktop.gnome";
+    auto listed = runCommand({"gdbus", "introspect", "--session", "-r", "-d", backend, "-o",
+        "/org/freedesktop/portal/desktop/session"}, environment());
+    int stopped = 0;
+    std::istringstream lines(listed.out);
+    for (std::string line; std::getline(lines, line);) {
+        const auto node = line.find("node /");
+        if (node == std::string::npos || std::count(line.begin(), line.end(), '/') != 7)
+            continue;
+        const std::string path = line.substr(node + 5, line.find_first_of(" {", node + 5) - node - 5);
+        auto closed = runCommand({"gdbus", "call", "--session", "-d", backend, "-o", path, "-m",
+            "org.freedesktop.impl.portal.Session.Close"}, environment());
+        stopped += closed.status == 0;
+    }
+    return stopped > 0;
+}
+
+bool GnomeSession::restartPortal(const fs::path& backends)
+{
+    m_portal.reset();
+    m_portal = start("portal", {"/usr/libexec/xdg-desktop-portal", "--replace"},
+        {"XDG_DESKTOP_PORTAL_DIR=" + backends.string()});
+    return waitForName("org.freedesktop.portal.Desktop");
+}
 
 } // namespace plim::testkit

@@ -50,9 +50,16 @@ public:
 
     // Stops the portal (xdg-desktop-portal itself), as a crash would.
     void stopPortal();
+    // Ends every screen cast the GNOME portal is running, as the user's "stop sharing" would;
+    // false when there was none or the portal refused.
+    bool stopScreenCasts();
+    // Restarts the portal with the backends that the `.portal` files in `backends` name
+    // instead of the installed ones; false when it did not come up.
+    bool restartPortal(const fs::path& backends);
 
 private:
-    std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> argv);
+    std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> argv,
+        std::vector<std::string> extraEnv = {});
     bool waitForName(const std::string& name);
     struct RemoteDesktop;
 

@@ -94,10 +94,10 @@ private:
             }
             if (stop.stop_requested())
                 break;
-            if (auto why = m_cast->stream->broken())
-                return end(Error{"Recording ended because the desktop stopped sharing the screen (" + *why
-                        + "). What was recorded so far is kept.",
-                    Error::Kind::missing});
+            if (auto why = shareEnded()) {
+                logLine(LogArea::main, "the desktop's screen share ended: " + *why);
+                return end(Error{"the desktop stopped sharing the screen", Error::Kind::stopped});
+            }
             double at = systemUptime();
             if (auto fresh = m_cast->stream->takeFresh()) {
                 last = std::move(fresh->first);
@@ -110,6 +110,15 @@ private:
             else
                 next += interval();
         }
+    }
+
+    // Why the desktop's share has ended, once it has: the portal closed the session, or the
+    // stream stopped.
+    std::optional<std::string> shareEnded()
+    {
+        if (m_cast->portal->closedByDesktop())
+            return "the portal closed the screen-sharing session";
+        return m_cast->stream->broken();
     }
 
     std::shared_ptr<PortalCast> m_cast;

@@ -25,6 +25,9 @@ namespace plim {
 namespace {
 
 constexpr uint32_t largestSide = 16384;
+// A stream paused this long is not changing its format (a resize takes milliseconds): the
+// desktop has stopped sharing.
+constexpr double pausedForGood = 3;
 // Room for the pointer's picture up to 384 x 384: GNOME sends no cursor metadata to a
 // stream that offers less.
 constexpr int cursorMetaSize(int width, int height)
@@ -224,6 +227,8 @@ Result<std::unique_ptr<PipeWireStream>> PipeWireStream::open(int fd, uint32_t no
             auto* loop = static_cast<Loop*>(self);
             if (state == PW_STREAM_STATE_STREAMING)
                 loop->streamed = true;
+            if (loop->streamed)
+                loop->owner.onStreaming(state == PW_STREAM_STATE_STREAMING);
             if (state == PW_STREAM_STATE_ERROR)
                 loop->owner.onBroken(error ? error : "the stream failed");
             else if (state == PW_STREAM_STATE_UNCONNECTED && loop->streamed)
@@ -289,7 +294,18 @@ std::optional<std::pair<Image, double>> PipeWireStream::takeFresh()
 std::optional<std::string> PipeWireStream::broken() const
 {
     std::lock_guard guard(m_lock);
+    if (!m_broken && m_pausedSince && systemUptime() - *m_pausedSince > pausedForGood)
+        return "the screen's stream stayed paused";
     return m_broken;
+}
+
+void PipeWireStream::onStreaming(bool streaming)
+{
+    std::lock_guard guard(m_lock);
+    if (streaming)
+        m_pausedSince.reset();
+    else if (!m_pausedSince)
+        m_pausedSince = systemUptime();
 }
 
 Size PipeWireStream::pixelSize() const

@@ -47,7 +47,9 @@ public:
     Result<bool> waitForPicture(double until);
     // The picture that came since the last call, with its uptime, else nothing.
     std::optional<std::pair<Image, double>> takeFresh();
-    // Why the stream stopped, once it has.
+    // Why the stream stopped, once it has: it failed, lost its connection, or stayed paused
+    // longer than a format change takes (the desktop stopped sharing). A short pause is not
+    // a stop.
     std::optional<std::string> broken() const;
 
     // The stream's picture size in pixels (0 before the format is agreed) and pixels per point.
@@ -73,6 +75,7 @@ private:
     // and that arrived at `arrived`.
     double uptimeOf(double streamTime, double arrived);
     void onBroken(std::string why);
+    void onStreaming(bool streaming);
     Image recycled(int width, int height);
 
     std::unique_ptr<Loop> m_loop;
@@ -93,6 +96,7 @@ private:
     Point m_hotspot;
     Image m_bitmap;
     std::optional<std::string> m_broken;
+    std::optional<double> m_pausedSince; // uptime the stream left streaming, while it is out
     std::vector<Image> m_pool;
     std::atomic<int64_t> m_copied{0};
     std::atomic<int64_t> m_empty{0};

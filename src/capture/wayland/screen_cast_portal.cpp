@@ -50,6 +50,8 @@ struct ScreenCastPortal::Bus {
     std::unique_ptr<sdbus::IProxy> portal;
     std::string sender; // the unique name as request paths spell it
     int requests = 0;
+    sdbus::Slot closedWatch; // the started session's Closed signal
+    std::shared_ptr<bool> closed = std::make_shared<bool>(false);
 
     struct Answer {
         std::optional<uint32_t> code;
@@ -169,6 +171,15 @@ Result<ScreenCastPortal::Cast> ScreenCastPortal::start(SourceType type, const st
     if (!session)
         return fail("The desktop portal started a screen-sharing session without naming it.", Error::Kind::failed);
     m_session = *session;
+    *bus.closed = false;
+    try {
+        bus.closedWatch = bus.connection->addMatch(
+            "type='signal',interface='org.freedesktop.portal.Session',member='Closed',path='" + m_session + "'",
+            [closed = bus.closed](sdbus::Message&) { *closed = true; });
+    } catch (const sdbus::Error& error) {
+        return fail("The desktop portal's screen-sharing session could not be watched (" + describe(error) + ").",
+            Error::Kind::failed);
+    }
 
     Cast cast;
     cast.cursor = (m_cursorModes & metadata) ? metadata : (m_cursorModes & embedded) ? embedded : hidden;
@@ -226,10 +237,28 @@ Result<ScreenCastPortal::Cast> ScreenCastPortal::start(SourceType type, const st
     return cast;
 }
 
+bool ScreenCastPortal::closedByDesktop()
+{
+    if (!m_bus || m_session.empty())
+        return false;
+    try {
+        while (!*m_bus->closed && m_bus->connection->processPendingRequest()) {
+        }
+    } catch (const sdbus::Error&) {
+        return true; // the bus itself is gone, and the session with it
+    }
+    return *m_bus->closed;
+}
+
 void ScreenCastPortal::closeSession()
 {
     if (m_session.empty() || !m_bus)
         return;
+    m_bus->closedWatch.reset();
+    if (*m_bus->closed) {
+        m_session.clear();
+        return;
+    }
     try {
         auto session = sdbus::createProxy(*m_bus->connection, portalName, m_session);
         session->callMethod("Close").onInterface("org.freedesktop.portal.Session");

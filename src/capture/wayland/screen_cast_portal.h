@@ -9,7 +9,9 @@
 // accepts, else when the user has chosen in the desktop's dialog (up to `choiceWait`
 // seconds). Each portal request is answered by a Request.Response signal, which is
 // subscribed to before the call; the signals arrive on the connection's own thread. The
-// session stays open, and the pictures flow, until the object is destroyed.
+// session stays open, and the pictures flow, until the object is destroyed or the desktop
+// closes it. After start(), closedByDesktop() may be called from one thread at a time (the
+// screen source's): it reads what the bus has delivered without waiting.
 
 #include "base/error.h"
 #include "base/geometry.h"
@@ -56,6 +58,10 @@ public:
     // the desktop still knows it), starts it and opens its PipeWire remote. The pointer is
     // asked for as metadata where the portal offers it, else drawn in.
     Result<Cast> start(SourceType type, const std::string& restoreToken, double choiceWait = 300);
+
+    // Whether the desktop has closed the started session (the user stopped sharing from the
+    // desktop, or the desktop ended it).
+    bool closedByDesktop();
 
 private:
     struct Bus;
