@@ -178,12 +178,12 @@ void PlimDocument::setLook(const std::function<void(PlimLook&)>& change)
     if (!change)
         return;
     this->change([&](PlimEdits& e) {
-        PlimLook look = e.look.value_or(PlimLook{});
+        PlimLook look = e.look.value_or(m_lookSeed);
         PlimLook::Shape before = look.shape;
         change(look);
         if (look.shape == PlimLook::Shape::iPhone && !m_isPhonePlim)
             look.shape = before;
-        if (!e.look && look == PlimLook{})
+        if (!e.look && look == m_lookSeed)
             return;
         e.look = look;
     });

@@ -138,7 +138,12 @@ public:
 
     // The iPhone shape is refused for a plim not recorded from an iPhone.
     Status setShape(PlimLook::Shape shape);
-    // Changes the current look (the usual look when the plim has none).
+    // The look a plim whose edits hold none is staged with (its stage look as a look, once
+    // known); the first look change starts from it. Changes no edit.
+    void setLookSeed(PlimLook seed) { m_lookSeed = std::move(seed); }
+    // The edits' look, else the seed.
+    PlimLook look() const { return m_edits.look.value_or(m_lookSeed); }
+    // Changes the current look (the seed when the plim has none).
     void setLook(const std::function<void(PlimLook&)>& change);
     // Wears a whole look; a plim not from an iPhone keeps its shape when the look's is iPhone.
     void applyLook(const PlimLook& look);
@@ -176,6 +181,7 @@ private:
     std::optional<PlimEdits> m_gestureStart;
     bool m_isDirty = false;
     bool m_protectsFile = false;
+    PlimLook m_lookSeed;
     std::function<void()> m_observer;
 };
 

@@ -43,7 +43,7 @@ std::optional<std::string> PlimDocument::addZoom(double at, double centerX, doub
     block.end = std::min(m_duration, block.start + newZoomLength);
     block.centerX = std::clamp(centerX, 0.0, 1.0);
     block.centerY = std::clamp(centerY, 0.0, 1.0);
-    block.scale = edits().look.value_or(PlimLook{}).zoomLevel.value_or(newZoomLevel);
+    block.scale = look().zoomLevel.value_or(newZoomLevel);
     block.origin = ZoomBlock::Origin::mark();
     change([&](PlimEdits& e) { e.plan.zooms.push_back(block); });
     return block.id;

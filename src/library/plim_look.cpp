@@ -21,7 +21,7 @@ constexpr Names<PlimLook::Shape, 5> shapeNames{{
     {PlimLook::Shape::iPhone, "iPhone"},
 }};
 
-constexpr Names<PlimLook::Backdrop, 10> backdropNames{{
+constexpr Names<PlimLook::Backdrop, 11> backdropNames{{
     {PlimLook::Backdrop::dawn, "dawn"},
     {PlimLook::Backdrop::lagoon, "lagoon"},
     {PlimLook::Backdrop::meadow, "meadow"},
@@ -32,6 +32,7 @@ constexpr Names<PlimLook::Backdrop, 10> backdropNames{{
     {PlimLook::Backdrop::color, "color"},
     {PlimLook::Backdrop::image, "image"},
     {PlimLook::Backdrop::wallpaper, "wallpaper"},
+    {PlimLook::Backdrop::stage, "stage"},
 }};
 
 constexpr Names<PlimLook::BubbleCorner, 4> cornerNames{{
@@ -41,10 +42,11 @@ constexpr Names<PlimLook::BubbleCorner, 4> cornerNames{{
     {PlimLook::BubbleCorner::tr, "tr"},
 }};
 
-constexpr Names<PlimLook::ClickStyle, 3> clickStyleNames{{
+constexpr Names<PlimLook::ClickStyle, 4> clickStyleNames{{
     {PlimLook::ClickStyle::ring, "ring"},
     {PlimLook::ClickStyle::pulse, "pulse"},
     {PlimLook::ClickStyle::highlight, "highlight"},
+    {PlimLook::ClickStyle::spotlight, "spotlight"},
 }};
 
 constexpr Names<PlimLook::ClickTint, 5> clickTintNames{{

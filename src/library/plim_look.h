@@ -18,10 +18,12 @@ namespace plim {
 
 struct PlimLook {
     enum class Shape { landscape, vertical, square, iPhone, wide };
-    enum class Backdrop { dawn, lagoon, meadow, ember, graphite, paper, desk, color, image, wallpaper };
+    // stage: the backdrop of the stage look the plim is worn over, whatever it is.
+    enum class Backdrop { dawn, lagoon, meadow, ember, graphite, paper, desk, color, image, wallpaper, stage };
     enum class BubbleCorner { bl, br, tl, tr };
-    // Raw values are the stage look's names: "ring", "pulse" (a ripple), "highlight" (a dot).
-    enum class ClickStyle { ring, pulse, highlight };
+    // Raw values are the stage look's names: "ring", "pulse" (a ripple), "highlight" (a dot),
+    // "spotlight" (a soft light).
+    enum class ClickStyle { ring, pulse, highlight, spotlight };
     enum class ClickTint { white, cobalt, amber, green, magenta };
     enum class CaptionSize { small, medium, large };
     enum class CaptionPlace { bottom, top };
@@ -65,7 +67,7 @@ struct PlimLook {
     std::string backdropColorOrDefault() const { return backdropColor.value_or(std::string(defaultBackdropColor)); }
 
     // Text forms: "16:9", "16:10", "9:16", "1:1", "iPhone"; "dawn" ... "color", "image",
-    // "wallpaper"; "bl" ...; the rest their case names.
+    // "wallpaper", "stage"; "bl" ...; the rest their case names.
     static std::string_view shapeText(Shape shape);
     static std::string_view backdropText(Backdrop backdrop);
     static std::string_view bubbleCornerText(BubbleCorner corner);

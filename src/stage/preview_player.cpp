@@ -12,10 +12,12 @@
 #include <cmath>
 #include <condition_variable>
 #include <deque>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 namespace plim {
 
@@ -110,7 +112,8 @@ struct PreviewPlayer::State {
         int step = 0;
         std::optional<bool> play;
         std::optional<double> rate;
-        bool any() const { return job || size || raw || seek || step != 0 || play || rate; }
+        std::optional<bool> loop;
+        bool any() const { return job || size || raw || seek || step != 0 || play || rate || loop; }
     } requests;
     bool stopping = false;
 
@@ -121,6 +124,7 @@ struct PreviewPlayer::State {
     std::atomic<double> rate{1};
     std::atomic<bool> playing{false};
     std::atomic<bool> soundOn{false};
+    std::atomic<bool> looping{false};
     std::atomic<int64_t> shown{0}, late{0}, dropped{0};
 
     // --- The drawing thread's own ---
@@ -129,6 +133,9 @@ struct PreviewPlayer::State {
     bool raw = false;
     int64_t slot = 0;          // the frame shown
     int64_t frameCount = 1;
+    // Play counts frames on from where it started, past the end when it loops: play frame
+    // `lapStart + slot` is the one shown, and the play clock runs in those frames' time.
+    int64_t lapStart = 0;
     std::atomic<double> composeSeconds{0.01}; // running estimate of one frame's drawing
     // The play clock: output seconds = basePosition + (steady - baseSteady) × rate, or
     // basePosition + heard seconds while sound plays.
@@ -147,16 +154,24 @@ struct PreviewPlayer::State {
     bool soundStopping = false;
     std::atomic<bool> soundDrained{false}; // the run has written all of its mix
     std::atomic<uint64_t> soundStarted{0}; // the run the sound thread has flushed and begun
+    // Frames written by the current run where each new lap of a looping mix begins.
+    std::mutex lapMutex;
+    std::vector<int64_t> soundLaps;
 
     // --- Frames composed ahead while playing forward, under `mutex`. While `aheadOn` the
     // composer thread owns `preview`; the drawing thread uses it again after stopAhead(). ---
     std::condition_variable aheadWake; // the composer's
     bool aheadOn = false;
     bool composing = false; // the composer is drawing a frame now
-    int64_t aheadNext = 0;  // the next slot it composes
-    int64_t aheadEnd = 0;   // one past the last slot
+    int64_t aheadNext = 0;  // the next play frame it composes (its slot is that modulo aheadFrames)
+    int64_t aheadEnd = 0;   // one past the last play frame
+    int64_t aheadFrames = 1;
     bool aheadRaw = false;
-    std::deque<PreviewFrame> ready; // composed, in slot order
+    struct Ahead {
+        PreviewFrame frame;
+        int64_t at = 0; // its play frame
+    };
+    std::deque<Ahead> ready; // composed, in play order
     std::optional<Error> aheadError;
 
     std::thread drawing;
@@ -215,7 +230,8 @@ struct PreviewPlayer::State {
             std::lock_guard lock(mutex);
             aheadOn = true;
             aheadNext = from;
-            aheadEnd = frameCount;
+            aheadFrames = frameCount;
+            aheadEnd = looping.load() ? std::numeric_limits<int64_t>::max() : frameCount;
             aheadRaw = raw;
             ready.clear();
             aheadError.reset();
@@ -285,6 +301,10 @@ struct PreviewPlayer::State {
     {
         if (!output)
             return;
+        {
+            std::lock_guard laps(lapMutex);
+            soundLaps.clear();
+        }
         std::lock_guard lock(soundMutex);
         soundFrom = sound ? from : std::nullopt;
         ++soundRun;
@@ -296,7 +316,15 @@ struct PreviewPlayer::State {
     {
         if (clockOnSound) {
             const int64_t heard = output->playedFrames();
-            const double at = basePosition + static_cast<double>(heard) / output->rate();
+            double at = basePosition + static_cast<double>(heard) / output->rate();
+            {
+                // A looping mix starts each lap over at the start of the edit's frames.
+                std::lock_guard laps(lapMutex);
+                const auto lap = std::upper_bound(soundLaps.begin(), soundLaps.end(), heard);
+                if (lap != soundLaps.begin())
+                    at = slotTime(frameCount * (lap - soundLaps.begin()))
+                        + static_cast<double>(heard - *std::prev(lap)) / output->rate();
+            }
             // The mix ended (or the run never began): the steady clock takes over from here.
             if (soundDrained.load() && heard >= output->writtenFrames()) {
                 basePosition = at;
@@ -310,6 +338,7 @@ struct PreviewPlayer::State {
 
     void startClock()
     {
+        lapStart = 0;
         if (rate.load() > 0) {
             startAhead(slot + 1);
             primeAhead();
@@ -373,13 +402,14 @@ struct PreviewPlayer::State {
     {
         const double r = rate.load();
         if (r > 0) {
-            if (slot >= frameCount - 1) {
+            if (slot >= frameCount - 1 && !looping.load()) {
                 setPlaying(false);
                 return;
             }
+            const int64_t at = lapStart + slot;
             if (!aheadOn)
-                startAhead(slot + 1);
-            std::optional<PreviewFrame> frame;
+                startAhead(at + 1);
+            std::optional<Ahead> frame;
             std::optional<Error> failure;
             {
                 std::unique_lock lock(mutex);
@@ -396,7 +426,7 @@ struct PreviewPlayer::State {
                     // Frames whose turn has ended are let go; the composer skips to one it
                     // can still draw in time.
                     const int64_t due = RenderRules::slotOf(now, fps.load());
-                    while (!ready.empty() && ready.front().slot < std::min(due, aheadEnd - 1))
+                    while (!ready.empty() && ready.front().at < std::min(due, aheadEnd - 1))
                         ready.pop_front();
                     const int64_t reachable = RenderRules::slotOf(now + composeSeconds.load() * r, fps.load());
                     if (aheadNext < reachable) {
@@ -422,16 +452,17 @@ struct PreviewPlayer::State {
                 setPlaying(false);
                 return;
             }
-            const int64_t next = frame->slot;
-            dropped += std::max<int64_t>(0, next - slot - 1);
-            if (next % playCacheEvery == 0)
-                cache.put(*frame);
+            const int64_t next = frame->at;
+            dropped += std::max<int64_t>(0, next - at - 1);
+            if (frame->frame.slot % playCacheEvery == 0)
+                cache.put(frame->frame);
             if (!waitFor(slotTime(next), true))
                 return;
             if (clock() >= slotTime(next + 1))
                 ++late;
-            slot = next;
-            hand(*frame);
+            slot = frame->frame.slot;
+            lapStart = next - slot;
+            hand(frame->frame);
         } else {
             if (slot <= 0) {
                 setPlaying(false);
@@ -491,6 +522,10 @@ struct PreviewPlayer::State {
                 rate.store(*r.rate);
                 restartClock = true;
             }
+            if (r.loop && *r.loop != looping.load()) {
+                looping.store(*r.loop);
+                restartClock = true;
+            }
             if (r.step != 0) {
                 setPlaying(false);
                 slot = std::clamp<int64_t>(slot + r.step, 0, frameCount - 1);
@@ -539,16 +574,16 @@ struct PreviewPlayer::State {
             });
             if (stopping)
                 return;
-            const int64_t s = aheadNext++;
+            const int64_t at = aheadNext++;
             const bool rawPicture = aheadRaw;
             composing = true;
             lock.unlock();
-            auto frame = composeShot(s, rawPicture);
+            auto frame = composeShot(at % aheadFrames, rawPicture);
             lock.lock();
             composing = false;
             if (aheadOn) {
                 if (frame)
-                    ready.push_back(std::move(*frame));
+                    ready.push_back({std::move(*frame), at});
                 else
                     aheadError = frame.error();
             }
@@ -591,6 +626,17 @@ struct PreviewPlayer::State {
                     logLine(LogArea::main, "the preview's sound stopped: " + block.error().sentence);
                     soundDrained.store(true);
                     break;
+                }
+                if (!*block && looping.load()) {
+                    // On from the start, where the pictures' next lap begins.
+                    {
+                        std::lock_guard laps(lapMutex);
+                        soundLaps.push_back(output->writtenFrames());
+                    }
+                    std::lock_guard again(soundMutex);
+                    if (soundRun == run && sound)
+                        sound->seek(0);
+                    continue;
                 }
                 if (!*block) {
                     soundDrained.store(true);
@@ -695,6 +741,11 @@ void PreviewPlayer::seek(double outputTime, bool scrubbing)
 void PreviewPlayer::step(int frames)
 {
     request(m_state->mutex, m_state->wake, [&] { m_state->requests.step += frames; });
+}
+
+void PreviewPlayer::setLooping(bool looping)
+{
+    request(m_state->mutex, m_state->wake, [&] { m_state->requests.loop = looping; });
 }
 
 void PreviewPlayer::play()

@@ -77,6 +77,9 @@ public:
     void seek(double outputTime, bool scrubbing = false);
     // Moves `frames` output frames on (back when negative) and pauses.
     void step(int frames);
+    // Play from the start again at the end rather than stop, the frames after the end
+    // composed ahead like any others and the sound carried on from its start.
+    void setLooping(bool looping);
     void play();
     void pause();
     // Speed and direction: -2..4 (0 pauses); backwards plays frame by frame. Sound plays at 1 only.

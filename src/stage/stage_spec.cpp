@@ -4,6 +4,7 @@
 #include "base/json.h"
 #include "library/library.h"
 #include "library/plim_look.h"
+#include "stage/stage_geometry.h"
 
 
 #include <algorithm>
@@ -363,8 +364,10 @@ double StageSpec::shadowStrength() const
 StageSpec wearing(StageSpec base, const PlimLook& look)
 {
     using B = PlimLook::Backdrop;
+    std::optional<std::string> cardBackdrop = base.card ? base.card->backdrop : std::nullopt;
     base.card = StageSpec::CardLook{look.padding, look.corners, look.shadow, std::nullopt};
     switch (look.backdrop) {
+    case B::stage: base.card->backdrop = std::move(cardBackdrop); break;
     case B::color: base.backdrop = StageSpec::Backdrop::solid(look.backdropColorOrDefault()); break;
     case B::image: base.backdrop = StageSpec::Backdrop::image(look.backdropImage.value_or(""), 0); break;
     case B::wallpaper: base.backdrop = StageSpec::Backdrop::named(StageSpec::Backdrop::Named::wallpaper); break;
@@ -393,6 +396,29 @@ StageSpec wearing(StageSpec base, const PlimLook& look)
                                                           : StageSpec::CaptionLook::pill;
     }
     return base;
+}
+
+PlimLook lookWornAs(const StageSpec& base, Size canvas, Size content)
+{
+    PlimLook look;
+    look.backdrop = PlimLook::Backdrop::stage;
+    if (base.card && base.card->backdrop)
+        if (auto named = PlimLook::backdropFromText(*base.card->backdrop); named && int(*named) < int(PlimLook::Backdrop::color))
+            look.backdrop = *named;
+    // The card in fractions of the canvas the stage lays it out on.
+    const StageGeometry staged(canvas, content, base, false);
+    const Rect& card = staged.screenRect;
+    if (base.card) {
+        look.padding = base.card->padding;
+        look.corners = base.card->corners;
+    } else if (canvas.isUsable() && card.size().isUsable()) {
+        look.padding = std::min(card.x, card.y) / std::min(canvas.width, canvas.height);
+        look.corners = staged.cornerRadius / card.width;
+    }
+    look.shadow = base.shadowStrength();
+    look.spotlight = base.cursorSpotlight;
+    look.clickRings = base.clickStyle != ClickStyle::none;
+    return look;
 }
 
 StageSpec::Decoded StageSpec::fromJson(const Json& json)

@@ -6,6 +6,7 @@
 #include "base/decoded.h"
 #include "base/error.h"
 #include "base/files.h"
+#include "base/geometry.h"
 #include "base/json_fwd.h"
 #include "plan/zoom_state.h"
 
@@ -150,6 +151,11 @@ struct StageSpec::Decoded {
 // choices (pointer, click style and tint, zoom style, caption look) replace the base's only
 // when chosen. A colour, picture or wallpaper backdrop becomes the base's own backdrop.
 StageSpec wearing(StageSpec base, const PlimLook& look);
+
+// The look that, worn over `base` on a `canvas` showing a recording of `content` pixels,
+// stages as `base` does: the stage's own backdrop, its card in fractions of that canvas, its
+// shadow, spotlight and click switch; the look's optional choices are left to `base`.
+PlimLook lookWornAs(const StageSpec& base, Size canvas, Size content);
 
 // Whether the backdrop can be drawn as chosen: its colours read as #RGB, #RRGGBB or
 // #RRGGBBAA, and its picture is an ordinary file Plim can read as a picture of a size it

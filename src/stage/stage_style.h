@@ -60,7 +60,9 @@ inline BackdropArt lookBackdrop(PlimLook::Backdrop backdrop)
     case B::graphite: return art({0x3A3D44, 0x1E2024, 0x141518}, -60, {1, 1, 1, 0.06});
     case B::paper: return art({0xFBF8F1, 0xF0EBE0, 0xE3DCCD}, -70, {1, 1, 1, 0.30});
     case B::desk: return art({0x9C7350, 0x73513A, 0x4A3327}, -65, {1, 0.9, 0.8, 0.10});
-    // Drawn from their colour or picture; the gradient stands in when that cannot be.
+    // Drawn from their colour or picture (or the stage look's backdrop); the gradient stands in
+    // when that cannot be.
+    case B::stage:
     case B::color:
     case B::image:
     case B::wallpaper: return namedBackdrop(StageSpec::Backdrop::Named::gradient);

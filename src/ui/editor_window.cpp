@@ -431,6 +431,8 @@ void EditorWindow::buildEditing()
     m_overlay = new BlurOverlay(*m_preview, *m_document, m_sourceWidth, m_sourceHeight);
     m_overlay->setReadOnly(m_readOnly);
     connect(m_preview, &PreviewView::opened, m_inspector, [this] {
+        if (auto look = m_preview->stagedLook())
+            m_document->setLookSeed(*look);
         if (const StageSpec* base = m_preview->stageBase())
             m_inspector->setStageBase(*base);
     });

@@ -132,7 +132,8 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
             [gradients](const Look& l) { return int(l.backdrop) < gradients ? int(l.backdrop) : -1; },
             [this](int i) { chooseBackdrop(i); }, 4);
         QWidget* ownBackdrop = lookChoice({},
-            {{"Colour…", "backdrop_color"}, {"Picture…", "backdrop_image"}, {"Wallpaper", "backdrop_wallpaper"}},
+            {{"Colour…", "backdrop_color"}, {"Picture…", "backdrop_image"}, {"Wallpaper", "backdrop_wallpaper"},
+                {"As the stage", "backdrop_stage"}},
             [gradients](const Look& l) { return int(l.backdrop) - gradients; },
             [this, gradients](int i) { chooseBackdrop(gradients + i); }, 2);
         auto* sliders = new QWidget;
@@ -176,7 +177,8 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
             [](Look& l, bool on) { l.spotlight = on; });
         // None, then the click styles in their order.
         QWidget* clicks = lookChoice("Clicks",
-            {{"None", "click_none"}, {"Rings", "click_ring"}, {"Ripple", "click_pulse"}, {"Dot", "click_highlight"}},
+            {{"None", "click_none"}, {"Rings", "click_ring"}, {"Ripple", "click_pulse"}, {"Dot", "click_highlight"},
+                {"Spotlight", "click_spotlight"}},
             [](const Look& l) { return l.clickRings ? 1 + int(l.clickStyle.value_or(Look::ClickStyle::ring)) : 0; },
             [this](int i) {
                 changeLook([i](Look& l) {
@@ -360,7 +362,7 @@ Inspector::Inspector(PlimDocument& document, LookStore& looks, QWidget* parent)
             const std::string name = m_lookName->text().trimmed().toStdString();
             if (name.empty())
                 return;
-            if (auto saved = m_looks.save(name, m_document.edits().look.value_or(PlimLook{})); !saved) {
+            if (auto saved = m_looks.save(name, m_document.look()); !saved) {
                 if (onNotice)
                     onNotice(QString::fromStdString(saved.error().sentence));
                 return;
@@ -389,7 +391,7 @@ void Inspector::chooseBackdrop(int id)
 {
     using B = PlimLook::Backdrop;
     const B backdrop = B(id);
-    const PlimLook look = m_document.edits().look.value_or(PlimLook{});
+    const PlimLook look = m_document.look();
     if (backdrop == B::color) {
         const QColor colour = QColorDialog::getColor(
             QColor(QString::fromStdString(look.backdropColorOrDefault())), this, "Backdrop colour");
@@ -414,7 +416,7 @@ void Inspector::chooseBackdrop(int id)
     refresh();
     const PlimEdits& edits = m_document.edits();
     if (edits.look && onNotice)
-        if (auto why = backdropFallback(wearing(StageSpec{}, *edits.look), wallpaperFor(edits)))
+        if (auto why = backdropFallback(wearing(m_stageBase.value_or(StageSpec{}), *edits.look), wallpaperFor(edits)))
             onNotice(QString::fromStdString(*why));
 }
 
@@ -557,7 +559,7 @@ void Inspector::setStageBase(const StageSpec& base)
 PlimLook Inspector::shownLook() const
 {
     using Look = PlimLook;
-    Look shown = m_document.edits().look.value_or(Look{});
+    Look shown = m_document.look();
     if (!m_stageBase)
         return shown;
     // An open choice shows the option that, chosen, would leave the staged look as it is.
@@ -576,7 +578,8 @@ PlimLook Inspector::shownLook() const
     };
     fill(&Look::pointerSize, {staged.cursorSize});
     fill(&Look::pointerHidesIdle, {true, false});
-    fill(&Look::clickStyle, {Look::ClickStyle::ring, Look::ClickStyle::pulse, Look::ClickStyle::highlight});
+    fill(&Look::clickStyle,
+        {Look::ClickStyle::ring, Look::ClickStyle::pulse, Look::ClickStyle::highlight, Look::ClickStyle::spotlight});
     fill(&Look::clickTint, {Look::ClickTint::white, Look::ClickTint::cobalt, Look::ClickTint::amber,
                                Look::ClickTint::green, Look::ClickTint::magenta});
     fill(&Look::captionSize, {Look::CaptionSize::small, Look::CaptionSize::medium, Look::CaptionSize::large});

@@ -1,12 +1,13 @@
 #pragma once
-// The editor's inspector: the plim's look (layout, backdrop: gradient, colour, picture or
-// wallpaper; padding, corners, shadow), the pointer (size, smoothing, resting, spotlight,
+// The editor's inspector: the plim's look (layout, backdrop: gradient, colour, picture,
+// wallpaper or the stage look's own; padding, corners, shadow), the pointer (size, smoothing, resting, spotlight,
 // click style and tint), the zoom (new zooms' style and level, the selected block's, zoom
 // blur), the camera bubble (on, corner, shape, size), the keycaps, captions and their look,
 // dead air, and the saved looks. Every change is one document change; a slider's drag is
 // one undo step. The look's controls are bound through small tables, one refresh for all.
 // A choice the plim's look leaves open shows what its staging wears there (the stage look
-// beside the movie, else the defaults), not a default of its own.
+// beside the movie, else the defaults), not a default of its own; a plim without a look
+// shows the document's seed, the stage look as a look.
 //
 // Threads: GUI thread.
 

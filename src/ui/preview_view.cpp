@@ -148,6 +148,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
     m_shown.reset();
     m_plim.reset();
     m_pendingEdits.reset();
+    m_stagedLook.reset();
     m_framesShown = 0;
     m_position = m_duration = 0;
     const uint64_t opening = ++m_opening;
@@ -160,6 +161,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
         struct Opened {
             std::shared_ptr<SharePlim> plim;
             std::unique_ptr<PreviewPlayer> player;
+            PlimLook stagedLook;
             double aspect = 0;
         };
         auto work = [&]() -> Result<Opened> {
@@ -171,8 +173,12 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             out.plim->job.wallpaper = wallpaperFor(edits);
             PLIM_TRY(out.plim->wear(edits));
             StagingJob job = out.plim->job;
-            const auto canvas = StagingEngine::canvas(
-                job, Size{static_cast<double>(out.plim->info.width), static_cast<double>(out.plim->info.height)});
+            const Size recorded{static_cast<double>(out.plim->info.width), static_cast<double>(out.plim->info.height)};
+            const PlimLook worn = std::exchange(job.look, PlimLook{});
+            const auto bare = StagingEngine::canvas(job, recorded);
+            out.stagedLook = lookWornAs(out.plim->baseSpec, Size{double(bare.width), double(bare.height)}, recorded);
+            job.look = worn;
+            const auto canvas = StagingEngine::canvas(job, recorded);
             out.aspect = static_cast<double>(canvas.width) / canvas.height;
             const double w = std::max(size.width(), 2), h = std::max(size.height(), 2);
             PreviewPlayer::Options options;
@@ -221,6 +227,7 @@ void PreviewView::open(const std::filesystem::path& movie, const PlimEdits& edit
             view->m_plim = std::move((*result)->plim);
             view->m_player = std::move((*result)->player);
             view->m_canvasAspect = (*result)->aspect;
+            view->m_stagedLook = (*result)->stagedLook;
             view->m_duration = view->m_player->duration();
             view->m_resize.start(); // the widget may have changed size meanwhile
             if (view->m_captions && view->m_plim->job.captions != *view->m_captions) // set while opening
@@ -269,6 +276,8 @@ void PreviewView::setCaptions(CaptionTrack track)
 }
 
 const StageSpec* PreviewView::stageBase() const { return m_plim ? &m_plim->baseSpec : nullptr; }
+
+std::optional<PlimLook> PreviewView::stagedLook() const { return m_stagedLook; }
 
 void PreviewView::setShowsRecording(bool raw)
 {

@@ -43,6 +43,9 @@ public:
     // The stage look beside the movie (B.stage.json, else the defaults) that the edits' look
     // is worn over; null until the plim is open.
     const StageSpec* stageBase() const;
+    // That stage look as a look, at the canvas a plim without a look of its own is staged
+    // on; nothing until the plim is open.
+    std::optional<PlimLook> stagedLook() const;
     void setShowsRecording(bool raw);         // the raw recording instead of the staged picture
     // Plays silence in place of the plim's sound (the pictures keep their pace), for a
     // voiceover narrated without headphones; takes effect within a fifth of a second.
@@ -90,6 +93,7 @@ private:
     std::shared_ptr<SharePlim> m_plim;
     std::unique_ptr<Shown> m_shown;
     std::optional<PlimEdits> m_pendingEdits; // set while opening, put on once open
+    std::optional<PlimLook> m_stagedLook;
     std::optional<CaptionTrack> m_captions;
     QTimer m_resize; // gathers a drag's resizes into one new output size
     double m_canvasAspect = 16.0 / 10.0;

@@ -220,9 +220,22 @@ TEST(PlimDocument, PausesVoiceoversAndCaptions)
     EXPECT_FALSE(edits.captionsFile);
 }
 
-TEST(PlimDocument, TheIPhoneShapeIsForPhonePlimsOnly)
+TEST(PlimDocument, TheFirstLookChangeStartsFromTheSeedAndTheIPhoneShapeIsForPhonePlimsOnly)
 {
+    auto seeded = makeDocument();
+    const PlimLook seed{.backdrop = PlimLook::Backdrop::stage, .padding = 0.1, .shadow = 0.4};
+    seeded.setLookSeed(seed);
+    seeded.setLook([](PlimLook& look) { look.shadow = 0.4; }); // as the seed already has it
+    EXPECT_FALSE(seeded.canUndo() || seeded.edits().look);
+    seeded.setLook([](PlimLook& look) { look.keys = false; });
+    PlimLook changed = seed;
+    changed.keys = false;
+    EXPECT_EQ(seeded.edits().look, changed);
+    seeded.undo();
+    EXPECT_FALSE(seeded.canUndo() || seeded.edits().look);
+
     auto doc = makeDocument(10, false);
+
     EXPECT_EQ(refusal(doc.setShape(PlimLook::Shape::iPhone)), "The iPhone frame is for plims recorded from an iPhone. "
         "This plim came from your computer, so it keeps its shape.");
     EXPECT_FALSE(doc.isDirty());
