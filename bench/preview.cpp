@@ -171,7 +171,11 @@ int main(int argc, char** argv)
     QApplication app(qtArgc, argv); // the timeline's
 #endif
     const fs::path folder = argc > 1 ? fs::path(argv[1]) : fs::temp_directory_path() / "plim-preview-bench";
-    fs::create_directories(folder);
+    std::error_code made;
+    fs::create_directories(folder, made);
+    if (made)
+        quit("usage: preview [WORK FOLDER]: " + folder.string() + " cannot be used as the bench's work folder ("
+            + made.message() + ").");
     const fs::path movie = ensureDemo(folder);
 
     auto report = gatherPlan(movie);

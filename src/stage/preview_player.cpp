@@ -35,6 +35,9 @@ constexpr int64_t soundBlockFrames = 2400; // 50 ms a write
 constexpr int64_t playCacheEvery = 8;
 // Frames composed ahead of the play clock: enough to ride out a key frame's slow decode.
 constexpr std::size_t aheadDepth = 4;
+// Around a looping play's wrap the source seeks back to its start, which takes several
+// frames' time: frames this close to the wrap, on either side, are composed further ahead.
+constexpr int64_t wrapReach = 12;
 
 // Composed frames by output slot, the least recently used let go past the byte cap.
 class FrameCache {
@@ -565,12 +568,20 @@ struct PreviewPlayer::State {
 
     // ---------------- Composer thread ----------------
 
+    // How many composed frames may wait for their turn, under `mutex`.
+    std::size_t aheadRoom() const
+    {
+        const int64_t at = aheadNext % aheadFrames;
+        const bool nearWrap = aheadEnd > aheadFrames && (at < wrapReach || at >= aheadFrames - wrapReach);
+        return nearWrap ? static_cast<std::size_t>(wrapReach) : aheadDepth;
+    }
+
     void composeLoop()
     {
         std::unique_lock lock(mutex);
         for (;;) {
             aheadWake.wait(lock, [&] {
-                return stopping || (aheadOn && !aheadError && ready.size() < aheadDepth && aheadNext < aheadEnd);
+                return stopping || (aheadOn && !aheadError && ready.size() < aheadRoom() && aheadNext < aheadEnd);
             });
             if (stopping)
                 return;

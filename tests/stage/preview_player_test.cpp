@@ -255,6 +255,38 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_GT(fastFrames.back().outputTime, 0.95);
     EXPECT_GT(fast, 0.35);
     EXPECT_LT(fast, 0.9);
+
+    // Looping: from 0.7 s on past the end into the start of the next lap, without a stop.
+    player->seek(0.7);
+    EXPECT_TRUE(handed.waitFor([](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - 0.7) < 0.02; }));
+    const int stops = handed.playStops;
+    {
+        std::lock_guard lock(handed.mutex);
+        handed.frames.clear();
+    }
+    player->setLooping(true);
+    player->play();
+    auto wrapped = [](const std::vector<PreviewFrame>& frames) {
+        for (std::size_t i = 1; i < frames.size(); ++i)
+            if (frames[i].slot < frames[i - 1].slot)
+                return i;
+        return std::size_t{0};
+    };
+    ASSERT_TRUE(handed.waitFor([&](Handed& h) {
+        return wrapped(h.frames) != 0 && h.frames.back().outputTime > 0.3;
+    }));
+    std::vector<PreviewFrame> lap;
+    {
+        std::lock_guard lock(handed.mutex);
+        lap = handed.frames;
+        EXPECT_EQ(handed.playStops, stops) << "play went on past the end";
+    }
+    player->pause();
+    const std::size_t wrap = wrapped(lap);
+    EXPECT_GE(lap[wrap - 1].slot, 50) << "the lap ran to its end";
+    EXPECT_LE(lap[wrap].slot, 10) << "the next lap began at the start";
+    for (std::size_t i = wrap + 1; i < lap.size(); ++i)
+        EXPECT_GT(lap[i].slot, lap[i - 1].slot) << "frame " << i << " of the new lap";
 }
 
 } // namespace
