@@ -63,16 +63,10 @@ GnomeSession::GnomeSession(const std::string& monitor)
         m_trouble = *missing;
         return;
     }
-    const bool root = geteuid() == 0;
-    fs::permissions(m_dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec
-            | fs::perms::others_read | fs::perms::others_exec);
     m_runtime = m_dir / "run";
     m_home = m_dir / "home";
-    fs::create_directory(m_runtime);
-    fs::create_directory(m_home);
-    fs::permissions(m_runtime, fs::perms::owner_all);
-    if (root && (chown(m_runtime.c_str(), 65534, 65534) != 0 || chown(m_home.c_str(), 65534, 65534) != 0)) {
-        m_trouble = "the runtime folder could not be handed to nobody";
+    if (auto why = foldersForNobody(m_dir.path(), {m_runtime, m_home})) {
+        m_trouble = *why;
         return;
     }
     // The desktop's user owns the bus; root may join it.

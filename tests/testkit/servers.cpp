@@ -87,6 +87,22 @@ std::optional<std::string> missingProgram(std::initializer_list<const char*> pro
     return std::nullopt;
 }
 
+std::optional<std::string> foldersForNobody(const fs::path& dir, std::initializer_list<fs::path> made)
+{
+    fs::permissions(dir, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec
+            | fs::perms::others_read | fs::perms::others_exec);
+    bool first = true;
+    for (const fs::path& folder : made) {
+        fs::create_directory(folder);
+        if (first)
+            fs::permissions(folder, fs::perms::owner_all);
+        first = false;
+        if (geteuid() == 0 && chown(folder.c_str(), 65534, 65534) != 0)
+            return "the runtime folder could not be handed to nobody";
+    }
+    return std::nullopt;
+}
+
 SwayServer::SwayServer(const std::string& size, const std::string& client)
 {
     if (auto missing = missingProgram({"sway", "foot", "grim"})) {
@@ -94,13 +110,9 @@ SwayServer::SwayServer(const std::string& size, const std::string& client)
         return;
     }
     const bool root = geteuid() == 0;
-    fs::permissions(m_dir.path(), fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec
-            | fs::perms::others_read | fs::perms::others_exec);
     m_runtime = m_dir / "run";
-    fs::create_directory(m_runtime);
-    fs::permissions(m_runtime, fs::perms::owner_all);
-    if (root && chown(m_runtime.c_str(), 65534, 65534) != 0) {
-        m_trouble = "the runtime folder could not be handed to nobody";
+    if (auto why = foldersForNobody(m_dir.path(), {m_runtime})) {
+        m_trouble = *why;
         return;
     }
     writeText(m_dir / "config", "output HEADLESS-1 resolution " + size + "\nexec " + client + "\n");

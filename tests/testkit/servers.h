@@ -49,6 +49,9 @@ private:
 // What a desktop test lacks: "PROGRAM is not installed (...)" for the first of `programs`
 // not found on PATH; nothing when all are there.
 std::optional<std::string> missingProgram(std::initializer_list<const char*> programs);
+// Opens `dir` to others and makes its folders `made` (the first a private runtime folder),
+// owned by nobody when run as root, for a desktop that runs as nobody; why not, if it fails.
+std::optional<std::string> foldersForNobody(const fs::path& dir, std::initializer_list<fs::path> made);
 
 // sway on a headless output HEADLESS-1 of `size` ("1280x720"), drawn by pixman, running
 // `client` (a shell command line). sway refuses root, so under root it runs as `nobody`,
