@@ -7,43 +7,23 @@
 namespace plim {
 
 LiveDriver::LiveDriver(LiveServices services, CameraSinks cameras, QObject* parent)
-    : QObject(parent), m_cameras(std::move(cameras))
+    : QObject(parent), m_worker("live"), m_cameras(std::move(cameras))
 {
-    m_thread.setObjectName("live");
-    m_worker = new QObject;
-    m_worker->moveToThread(&m_thread);
-    m_thread.start();
     onWorker([this, services = std::move(services)] {
         m_session = std::make_unique<LiveSession>(services);
         // Ticks only while live, so an idle Plim stays asleep.
-        m_ticker = new QTimer(m_worker);
+        m_ticker = new QTimer(m_worker.context());
         m_ticker->setInterval(int(LiveSession::healthInterval * 1000));
-        QObject::connect(m_ticker, &QTimer::timeout, m_worker, [this] { checkOnWorker(); });
+        QObject::connect(m_ticker, &QTimer::timeout, m_worker.context(), [this] { checkOnWorker(); });
     });
 }
 
 LiveDriver::~LiveDriver()
 {
-    onWorker(
-        [this] {
-            stopOnWorker();
-            m_session.reset();
-            qDeleteAll(m_worker->children());
-        },
-        true);
-    m_thread.quit();
-    m_thread.wait();
-    delete m_worker;
-}
-
-void LiveDriver::onWorker(std::function<void()> work, bool wait)
-{
-    QMetaObject::invokeMethod(m_worker, std::move(work), wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
-}
-
-void LiveDriver::onGui(std::function<void()> work)
-{
-    QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
+    m_worker.finish([this] {
+        stopOnWorker();
+        m_session.reset();
+    });
 }
 
 void LiveDriver::setState(State state)

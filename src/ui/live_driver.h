@@ -10,8 +10,9 @@
 #include "live/live_session.h"
 #include "live/live_sinks.h"
 
+#include "ui/worker_thread.h"
+
 #include <QObject>
-#include <QThread>
 
 #include <functional>
 #include <memory>
@@ -54,14 +55,13 @@ signals:
     void failed(const QString& sentence);
 
 private:
-    void onWorker(std::function<void()> work, bool wait = false);
-    void onGui(std::function<void()> work);
+    void onWorker(std::function<void()> work, bool wait = false) { m_worker.post(std::move(work), wait); }
+    void onGui(std::function<void()> work) { postTo(this, std::move(work)); }
     void setState(State state);
     void checkOnWorker();
     void stopOnWorker();
 
-    QThread m_thread;
-    QObject* m_worker = nullptr; // lives on m_thread
+    WorkerThread m_worker;
     CameraSinks m_cameras;
     std::shared_ptr<MonitorLiveSink> m_monitor = std::make_shared<MonitorLiveSink>();
     // Worker side.

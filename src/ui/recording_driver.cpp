@@ -8,12 +8,8 @@
 namespace plim {
 
 RecordingDriver::RecordingDriver(std::filesystem::path libraryFolder, QObject* parent)
-    : QObject(parent), m_libraryFolder(std::move(libraryFolder))
+    : QObject(parent), m_libraryFolder(std::move(libraryFolder)), m_worker("recording")
 {
-    m_thread.setObjectName("recording");
-    m_worker = new QObject;
-    m_worker->moveToThread(&m_thread);
-    m_thread.start();
     onWorker([this] {
         RecordingController::Environment env;
         env.libraryFolder = m_libraryFolder;
@@ -37,35 +33,19 @@ RecordingDriver::RecordingDriver(std::filesystem::path libraryFolder, QObject* p
         m_services->attach(env, notice);
         m_controller = std::make_unique<RecordingController>(std::move(env));
         // Ticks only while a recording rolls, so an idle Plim stays asleep.
-        m_ticker = new QTimer(m_worker);
+        m_ticker = new QTimer(m_worker.context());
         m_ticker->setInterval(250);
-        QObject::connect(m_ticker, &QTimer::timeout, m_worker, [this] { tickOnWorker(); });
+        QObject::connect(m_ticker, &QTimer::timeout, m_worker.context(), [this] { tickOnWorker(); });
     });
 }
 
 RecordingDriver::~RecordingDriver()
 {
-    onWorker(
-        [this] {
-            m_quitting = true;
-            m_controller.reset(); // finishes a recording still rolling
-            m_services.reset();
-            qDeleteAll(m_worker->children());
-        },
-        true);
-    m_thread.quit();
-    m_thread.wait();
-    delete m_worker;
-}
-
-void RecordingDriver::onWorker(std::function<void()> work, bool wait)
-{
-    QMetaObject::invokeMethod(m_worker, std::move(work), wait ? Qt::BlockingQueuedConnection : Qt::QueuedConnection);
-}
-
-void RecordingDriver::onGui(std::function<void()> work)
-{
-    QMetaObject::invokeMethod(this, std::move(work), Qt::QueuedConnection);
+    m_worker.finish([this] {
+        m_quitting = true;
+        m_controller.reset(); // finishes a recording still rolling
+        m_services.reset();
+    });
 }
 
 void RecordingDriver::setState(State state)

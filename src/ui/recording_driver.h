@@ -9,8 +9,9 @@
 #include "app/recording_controller.h"
 #include "live/live_session.h"
 
+#include "ui/worker_thread.h"
+
 #include <QObject>
-#include <QThread>
 
 #include <filesystem>
 #include <functional>
@@ -71,8 +72,8 @@ signals:
     void failed(const QString& sentence);
 
 private:
-    void onWorker(std::function<void()> work, bool wait = false);
-    void onGui(std::function<void()> work);
+    void onWorker(std::function<void()> work, bool wait = false) { m_worker.post(std::move(work), wait); }
+    void onGui(std::function<void()> work) { postTo(this, std::move(work)); }
     void setState(State state);
     void finishOnWorker(std::optional<std::string> early);
     void tickOnWorker();
@@ -80,8 +81,7 @@ private:
     void reportStart(const Status& started);
 
     std::filesystem::path m_libraryFolder;
-    QThread m_thread;
-    QObject* m_worker = nullptr; // lives on m_thread
+    WorkerThread m_worker;
     // Worker-thread side.
     std::unique_ptr<RecordingController> m_controller;
     std::unique_ptr<RecordingServices> m_services;
