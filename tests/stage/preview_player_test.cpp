@@ -3,12 +3,12 @@
 // rate with the share's sound, and backwards or faster at the shuttle's speeds.
 #include "media/media.h"
 #include "stage/preview_player.h"
+#include "stage/stage_pixels.h"
 #include "stage/stage_preview.h"
 #include "testkit/test_movies.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -17,6 +17,7 @@
 
 using namespace plim;
 using namespace plim::testkit;
+using namespace plim::stagetest;
 
 namespace {
 
@@ -66,16 +67,11 @@ struct Handed {
     }
 };
 
-std::array<int, 3> rgbAt(const Image& image, int x, int y)
+void expectNear(Rgba a, Rgba b, const std::string& where)
 {
-    const uint8_t* p = image.row(y) + x * 4;
-    return {p[2], p[1], p[0]};
-}
-
-void expectNear(const std::array<int, 3>& a, const std::array<int, 3>& b, const std::string& where)
-{
-    for (int i = 0; i < 3; ++i)
-        EXPECT_NEAR(a[i], b[i], 12) << where << " channel " << i;
+    EXPECT_NEAR(a.r, b.r, 12) << where;
+    EXPECT_NEAR(a.g, b.g, 12) << where;
+    EXPECT_NEAR(a.b, b.b, 12) << where;
 }
 
 struct PreviewPlayerTest : ::testing::Test {
@@ -142,8 +138,8 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
         ASSERT_TRUE(shown);
         auto drawn = (*reference)->frame(shown->outputTime);
         ASSERT_TRUE(drawn);
-        expectNear(rgbAt(shown->image, cx, cy), rgbAt(*drawn, cx, cy), "card at " + std::to_string(t));
-        expectNear(rgbAt(shown->image, corner, corner), rgbAt(*drawn, corner, corner), "backdrop at " + std::to_string(t));
+        expectNear(at(shown->image, cx, cy), at(*drawn, cx, cy), "card at " + std::to_string(t));
+        expectNear(at(shown->image, corner, corner), at(*drawn, corner, corner), "backdrop at " + std::to_string(t));
         // The middle of the recording lands at the card's middle.
         const Point middle = shown->placement.sourceToOutput.apply(Point{side / 2.0, 100});
         EXPECT_NEAR(middle.x, cx, 2);
@@ -174,9 +170,8 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     ASSERT_TRUE(greyReference);
     auto after = (*greyReference)->frame(redrawn->outputTime);
     ASSERT_TRUE(before && after);
-    expectNear(rgbAt(redrawn->image, corner, corner), rgbAt(*after, corner, corner), "new backdrop");
-    const auto old = rgbAt(*before, corner, corner), now = rgbAt(redrawn->image, corner, corner);
-    EXPECT_GT(std::abs(old[0] - now[0]) + std::abs(old[1] - now[1]) + std::abs(old[2] - now[2]), 40);
+    expectNear(at(redrawn->image, corner, corner), at(*after, corner, corner), "new backdrop");
+    EXPECT_GT(distance(at(*before, corner, corner), at(redrawn->image, corner, corner)), 40);
 }
 
 TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
@@ -209,7 +204,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_GE(static_cast<int64_t>(frames.size()) + counters.dropped, 58);
     EXPECT_GE(static_cast<int64_t>(frames.size()), 30);
     // The recording turns green at raw 1 s and blue at 2 s: what plays is the trimmed part.
-    EXPECT_GT(rgbAt(frames[frames.size() / 2].image, side / 2, side * 5 / 16)[1], 150);
+    EXPECT_GT(at(frames[frames.size() / 2].image, side / 2, side * 5 / 16).g, 150);
 
     // One second of sound, its tone half-way through as the mix places it.
     const std::vector<float> pcm = heard->received();

@@ -9,6 +9,7 @@
 #include "plan/plan.h"
 #include "stage/device_frame.h"
 #include "stage/reframe_math.h"
+#include "stage/stage_pixels.h"
 #include "testkit/testkit.h"
 
 #include <cairo.h>
@@ -21,19 +22,7 @@
 namespace plim {
 namespace {
 
-
-struct Rgba {
-    int b = 0, g = 0, r = 0, a = 0;
-    int luma() const { return (r * 3 + g * 6 + b) / 10; }
-};
-
-Rgba at(const Image& image, int x, int y)
-{
-    const uint8_t* p = image.row(y) + x * 4;
-    return {p[0], p[1], p[2], p[3]};
-}
-
-int distance(Rgba p, Rgba q) { return std::abs(p.r - q.r) + std::abs(p.g - q.g) + std::abs(p.b - q.b); }
+using namespace stagetest;
 
 void writePng(const Image& image, const fs::path& path)
 {
@@ -71,16 +60,6 @@ Image checker(int w, int h, int cell)
         const int v = ((x / cell + y / cell) % 2) ? 235 : 20;
         return Rgba{v, v, v, 255};
     });
-}
-
-// Pixels inside a box that differ clearly between two frames.
-int changed(const Image& a, const Image& b, int x0, int y0, int x1, int y1, int threshold = 30)
-{
-    int n = 0;
-    for (int y = y0; y < y1; ++y)
-        for (int x = x0; x < x1; ++x)
-            n += distance(at(a, x, y), at(b, x, y)) > threshold;
-    return n;
 }
 
 // Mean absolute difference between neighbouring pixels (detail) inside a pixel box.
