@@ -1,6 +1,6 @@
-// plimctl captions-model as people use it: a download paused from another terminal and by
-// Ctrl-C, resumed at the byte where it stopped, then deleted. The files come from a test
-// server standing in for the model's host (PLIM_MODEL_BASE_URL).
+// plimctl captions-model as people use it: its status, a download stopped by Ctrl-C, then
+// deleted. The files come from a test server standing in for the model's host
+// (PLIM_MODEL_BASE_URL).
 
 #include "captions/caption_model_manifest.h"
 #include "testkit/http_range_server.h"
@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
+TEST(CaptionModelCommand, StatusAPauseOnCtrlCAndDelete)
 {
     testkit::HttpRangeServer server;
     ASSERT_TRUE(server.isUp());
@@ -47,39 +47,24 @@ TEST(CaptionModelCommand, PausesByRequestAndByCtrlCResumesAndDeletes)
     EXPECT_EQ(idle.status, 1);
     EXPECT_EQ(idle.err, "No download of the Whisper base model is running, so there is nothing to pause.\n");
 
-    // Paused from another terminal.
+    // Stopped by Ctrl-C once the progress shows a rate (a fast build gets 400 KB before its
+    // first sample); a pause from another terminal and the resume at the byte where it stopped
+    // are the download's own (CaptionModelDownload).
     {
-        testkit::ChildProcess download({plimctl, "captions-model", "download"}, env, home / "out1", home / "err1");
-        // Paused once the progress shows a rate (a fast build gets 400 KB before its first sample).
+        testkit::ChildProcess download({plimctl, "captions-model", "download"}, env, home / "out", home / "err");
         ASSERT_TRUE(testkit::eventually([&] {
             std::error_code ec;
-            return partialSize() >= 400'000 && fs::exists(home / "err1", ec)
-                && testkit::readText(home / "err1").find(" KB/s, about ") != std::string::npos;
+            return partialSize() >= 400'000 && fs::exists(home / "err", ec)
+                && testkit::readText(home / "err").find(" KB/s, about ") != std::string::npos;
         }));
-        auto paused = ctl("pause");
-        EXPECT_EQ(paused.status, 0) << paused.err;
-        EXPECT_TRUE(paused.out.starts_with("Paused the download of Whisper base at ")) << paused.out;
-        EXPECT_EQ(download.wait(), 1);
-    }
-    const std::string said = testkit::readText(home / "err1");
-    EXPECT_NE(said.find("Resume picks up where it stopped. Captions use the built-in recognizer until it is done."), std::string::npos) << said;
-    EXPECT_NE(said.find("Downloading Whisper base: "), std::string::npos) << said;
-    EXPECT_NE(said.find(" KB/s, about "), std::string::npos) << said;
-    const int64_t kept = partialSize();
-    ASSERT_GT(kept, 0);
-    EXPECT_EQ(testkit::readText(partial), content.substr(0, size_t(kept)));
-    EXPECT_NE(ctl("status").out.find("Whisper base (used for captions): paused at "), std::string::npos);
-
-    // Resumed at the byte it stopped at, then stopped by Ctrl-C.
-    {
-        testkit::ChildProcess download({plimctl, "captions-model", "download"}, env, home / "out2", home / "err2");
-        ASSERT_TRUE(testkit::eventually([&] { return partialSize() >= kept + 200'000; }));
         ::kill(download.pid(), SIGINT);
         EXPECT_EQ(download.wait(), 1);
     }
-    EXPECT_EQ(server.requests().back().range, "bytes=" + std::to_string(kept) + "-");
-    EXPECT_NE(testkit::readText(home / "err2").find("Resume picks up where it stopped."), std::string::npos);
-    EXPECT_EQ(testkit::readText(partial), content.substr(0, size_t(partialSize())));
+    const std::string said = testkit::readText(home / "err");
+    EXPECT_NE(said.find("Resume picks up where it stopped. Captions use the built-in recognizer until it is done."),
+        std::string::npos) << said;
+    EXPECT_GT(partialSize(), 0);
+    EXPECT_NE(ctl("status").out.find("Whisper base (used for captions): paused at "), std::string::npos);
 
     auto deleted = ctl("delete");
     EXPECT_EQ(deleted.status, 0) << deleted.err;

