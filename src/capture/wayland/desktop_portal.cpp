@@ -69,7 +69,8 @@ public:
         stop();
         logLine(LogArea::main, "the desktop portal's stream: " + std::to_string(m_cast->stream->copiedFrames())
                 + " pictures copied (one copy each) for " + std::to_string(deliveredFrames()) + " frames delivered, "
-                + std::to_string(m_cast->stream->emptyBuffers()) + " empty buffers skipped");
+                + std::to_string(m_cast->stream->emptyBuffers()) + " empty buffers skipped, "
+                + std::to_string(m_cast->stream->formatsAgreed()) + " formats agreed");
     }
 
     Rect frame() const override { return m_cast->frame; }

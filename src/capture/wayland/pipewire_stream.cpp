@@ -339,6 +339,7 @@ void PipeWireStream::onFormat(uint32_t format, uint32_t width, uint32_t height)
 {
     std::lock_guard guard(m_lock);
     m_format = format;
+    m_formats.fetch_add(1);
     m_width = width <= largestSide ? int(width) : 0;
     m_height = height <= largestSide ? int(height) : 0;
 }

@@ -63,9 +63,11 @@ public:
     // The pointer as the last cursor metadata said; nothing while none came or it is hidden.
     std::optional<Cursor> cursor() const;
 
-    // Buffers copied and buffers skipped as empty so far.
+    // Buffers copied, buffers skipped as empty, and formats agreed (a resize may bring a new
+    // one) so far.
     int64_t copiedFrames() const { return m_copied.load(); }
     int64_t emptyBuffers() const { return m_empty.load(); }
+    int64_t formatsAgreed() const { return m_formats.load(); }
 
     struct Loop; // the PipeWire side, in the .cpp
 
@@ -107,6 +109,7 @@ private:
     std::vector<Image> m_pool;
     std::atomic<int64_t> m_copied{0};
     std::atomic<int64_t> m_empty{0};
+    std::atomic<int64_t> m_formats{0};
 };
 
 } // namespace plim
