@@ -4,7 +4,8 @@
 // store, as an earlier choice would leave it), then again with the restore token the first
 // recording kept; the movies, the pointer's track and the failure sentences are checked.
 // A share the desktop ends mid-recording keeps what was recorded; a share the dialog refuses
-// (a backend of the test's own answers it, the portal itself real) records nothing.
+// (a backend of the test's own answers it, the portal itself real) records nothing. With
+// gnome-shell in mutter's place, a window that resizes itself is recorded.
 
 #include "base/json.h"
 #include "capture/cursor_track.h"
@@ -19,6 +20,7 @@
 #include <array>
 #include <chrono>
 #include <map>
+#include <optional>
 #include <tuple>
 #include <cstdlib>
 #include <sstream>
@@ -44,18 +46,19 @@ fs::path onlyMovie(const fs::path& folder)
     return movies.size() == 1 ? movies[0] : fs::path();
 }
 
-std::array<double, 3> castColour(const fs::path& movie, double seconds, int x0, int y0, int x1, int y1)
+std::array<double, 3> castColour(const fs::path& movie, double seconds, int x0, int y0, int x1, int y1,
+    int width = castWidth, int height = castHeight)
 {
     auto rgb = runCommand({"ffmpeg", "-v", "error", "-ss", std::to_string(seconds), "-i", movie.string(), "-frames:v",
         "1", "-f", "rawvideo", "-pix_fmt", "rgb24", "-"}).out;
     std::array<double, 3> sum{-1, -1, -1};
-    if (rgb.size() != size_t(castWidth) * castHeight * 3)
+    if (rgb.size() != size_t(width) * height * 3)
         return sum;
     sum = {0, 0, 0};
     for (int y = y0; y < y1; ++y)
         for (int x = x0; x < x1; ++x)
             for (int c = 0; c < 3; ++c)
-                sum[c] += uint8_t(rgb[(size_t(y) * castWidth + x) * 3 + c]);
+                sum[c] += uint8_t(rgb[(size_t(y) * width + x) * 3 + c]);
     for (double& s : sum)
         s /= double(x1 - x0) * (y1 - y0);
     return sum;
@@ -63,6 +66,10 @@ std::array<double, 3> castColour(const fs::path& movie, double seconds, int x0, 
 
 class PortalCapture : public ::testing::Test {
 protected:
+    explicit PortalCapture(GnomeSession::Compositor compositor = GnomeSession::Compositor::mutter)
+        : gnome("1280x800", compositor)
+    {
+    }
     void SetUp() override
     {
         if (!gnome.isUp())
@@ -319,6 +326,120 @@ TEST_F(PortalCapture, RecordsNothingWhenTheShareIsRefused)
             : "The desktop portal refused to share the screen. Nothing was recorded.";
         EXPECT_NE(refused.err.find(said), std::string::npos) << refused.err;
     }
+}
+
+// A window of one colour that resizes itself: SIGUSR1 grows it, SIGUSR2 shrinks it, each
+// time in a colour of its own.
+constexpr const char* resizingWindow = R"(import signal
+import gi
+gi.require_version("Gtk", "4.0")
+from gi.repository import Gdk, Gio, GLib, Gtk
+
+looks = {signal.SIGUSR1: (640, 480, "grown"), signal.SIGUSR2: (240, 180, "shrunk")}
+
+def activate(app):
+    css = Gtk.CssProvider()
+    css.load_from_data(b".first { background: #2060c0; } .grown { background: #e09020; } .shrunk { background: #30a040; }")
+    Gtk.StyleContext.add_provider_for_display(Gdk.Display.get_default(), css, 800)
+    window = Gtk.ApplicationWindow(application=app, title="Plim resizing window")
+    window.set_decorated(False)
+    window.set_default_size(400, 300)
+    window.set_css_classes(["first"])
+    window.present()
+    def resize(number):
+        width, height, look = looks[number]
+        window.set_css_classes([look])
+        window.set_default_size(width, height)
+        return True
+    for number in looks:
+        GLib.unix_signal_add(GLib.PRIORITY_DEFAULT, number, resize, number)
+
+app = Gtk.Application(application_id="org.plim.ResizingWindow", flags=Gio.ApplicationFlags.NON_UNIQUE)
+app.connect("activate", activate)
+app.run(None)
+)";
+constexpr std::array<std::array<int, 3>, 3> windowLooks{{{0x20, 0x60, 0xc0}, {0xe0, 0x90, 0x20}, {0x30, 0xa0, 0x40}}};
+
+class PortalWindowCapture : public PortalCapture {
+protected:
+    PortalWindowCapture() : PortalCapture(GnomeSession::Compositor::shell) {}
+};
+
+TEST_F(PortalWindowCapture, RecordsAWindowThatResizesItself)
+{
+    const fs::path script = gnome.folder() / "resizing_window.py";
+    writeText(script, resizingWindow);
+    ChildProcess& client = gnome.startClient({"env", "GTK_A11Y=none", "python3", script.string()});
+    auto shown = [&](int width, int height) -> std::optional<GnomeSession::Window> {
+        for (const auto& window : gnome.windows())
+            if (window.title == "Plim resizing window" && window.width == width && window.height == height)
+                return window;
+        return std::nullopt;
+    };
+    std::optional<GnomeSession::Window> window;
+    ASSERT_TRUE(eventually([&] { return (window = shown(400, 300)).has_value(); }, 30));
+    const std::string grant = gnome.grantWindowCast(*window);
+    ASSERT_FALSE(grant.empty());
+    writeText(sandbox.home() / ".config/plim/settings.json", "{\"screenCastWindowRestoreToken\": \"" + grant + "\"}\n");
+    gnome.handOver(sandbox.home());
+
+    // The window grows after a second of recording and shrinks a second after that; the
+    // recording goes on over both.
+    TempDir library;
+    auto recording = startRecording(library.path(), {"--backend", "portal", "--pick-window", "--duration", "40"});
+    auto rolled = [&](const char* clock) { return readText(errFile()).find(clock) != std::string::npos; };
+    ASSERT_TRUE(eventually([&] { return rolled("Rolling 0:01"); }, 30)) << readText(errFile());
+    kill(client.pid(), SIGUSR1);
+    ASSERT_TRUE(eventually([&] { return shown(640, 480).has_value(); }, 20));
+    std::this_thread::sleep_for(1000ms);
+    kill(client.pid(), SIGUSR2);
+    ASSERT_TRUE(eventually([&] { return shown(240, 180).has_value(); }, 20));
+    std::this_thread::sleep_for(1000ms);
+    kill(recording->pid(), SIGINT);
+    const int status = recording->wait();
+    const std::string err = readText(errFile());
+    // These machines have no input devices: the plim is kept without clicks and keys (status 2).
+    EXPECT_EQ(status, 2) << err;
+    EXPECT_NE(err.find("Recording window"), std::string::npos) << err;
+    EXPECT_EQ(err.find("ended early"), std::string::npos) << err;
+
+    // The movie keeps the window's first size, and shows each look in turn, in full frames
+    // (nothing stretched, nothing half drawn); the shrunk window is padded with black.
+    const fs::path movie = onlyMovie(library.path());
+    ASSERT_FALSE(movie.empty()) << err;
+    ASSERT_EQ(probe(movie, "v:0", "stream=width,height"), "400,300");
+    const std::string patches = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-vf", "crop=8:8:100:100",
+        "-f", "rawvideo", "-pix_fmt", "rgb24", "-"}).out;
+    constexpr size_t patch = 8 * 8 * 3;
+    std::array<int, 3> framesOf{};
+    int look = 0, strays = 0;
+    for (size_t at = 0; at + patch <= patches.size(); at += patch) {
+        std::array<double, 3> mean{};
+        for (size_t i = 0; i < patch; ++i)
+            mean[i % 3] += uint8_t(patches[at + i]) / 64.0;
+        auto near = [&](int which) {
+            for (int c = 0; c < 3; ++c)
+                if (std::abs(mean[c] - windowLooks[which][c]) > 12)
+                    return false;
+            return true;
+        };
+        if (look < 2 && near(look + 1))
+            ++look;
+        if (near(look))
+            ++framesOf[look];
+        else
+            ++strays;
+    }
+    EXPECT_EQ(strays, 0);
+    for (int which = 0; which < 3; ++which)
+        EXPECT_GE(framesOf[which], 10) << "look " << which;
+    const double seconds = std::atof(probe(movie, "", "format=duration").c_str());
+    auto colour = castColour(movie, seconds - 0.2, 20, 20, 220, 160, 400, 300);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(colour[c], windowLooks[2][c], 12) << "colour " << c;
+    colour = castColour(movie, seconds - 0.2, 260, 200, 400, 300, 400, 300);
+    for (int c = 0; c < 3; ++c)
+        EXPECT_NEAR(colour[c], 0, 8) << "colour " << c;
 }
 
 } // namespace

@@ -4,11 +4,13 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <map>
 #include <sstream>
 
 namespace plim::testkit {
@@ -56,9 +58,11 @@ struct GnomeSession::RemoteDesktop {
     }
 };
 
-GnomeSession::GnomeSession(const std::string& monitor)
+GnomeSession::GnomeSession(const std::string& monitor, Compositor compositor)
 {
-    if (auto missing = missingProgram({"mutter", "pipewire", "wireplumber", "dbus-daemon", "gdbus",
+    const bool shell = compositor == Compositor::shell;
+    const char* compositorName = shell ? "gnome-shell" : "mutter";
+    if (auto missing = missingProgram({compositorName, "pipewire", "wireplumber", "dbus-daemon", "gdbus",
             "/usr/libexec/xdg-desktop-portal", "/usr/libexec/xdg-desktop-portal-gnome", "/usr/libexec/xdg-permission-store"})) {
         m_trouble = *missing;
         return;
@@ -69,13 +73,16 @@ GnomeSession::GnomeSession(const std::string& monitor)
         m_trouble = *why;
         return;
     }
-    // The desktop's user owns the bus; root may join it.
-    writeText(m_dir / "bus.conf",
-        "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
-        "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n<busconfig><type>session</type>"
-        "<listen>unix:path=" + (m_runtime / "bus").string() + "</listen><auth>EXTERNAL</auth>"
-        "<policy context=\"default\"><allow user=\"root\"/><allow send_destination=\"*\" eavesdrop=\"true\"/>"
-        "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
+    // The desktop's user owns the buses; root may join them.
+    for (const char* type : {"session", "system"})
+        writeText(m_dir / (type + std::string(".conf")),
+            "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
+            "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n<busconfig><type>" + std::string(type)
+                + "</type><listen>unix:path=" + (m_runtime / (type == std::string("session") ? "bus" : "system_bus")).string()
+                + "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"root\"/>"
+                  "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>"
+                  "</policy></busconfig>\n");
+    m_systemBus = shell;
 
     auto step = [&](const std::string& name, std::vector<std::string> argv, const std::function<bool()>& ready) {
         m_processes.push_back(start(name, std::move(argv)));
@@ -86,11 +93,16 @@ GnomeSession::GnomeSession(const std::string& monitor)
         return true;
     };
     auto socket = [&](const char* name) { return [this, name] { return fs::exists(m_runtime / name); }; };
-    if (!step("dbus-daemon", {"dbus-daemon", "--nofork", "--config-file=" + (m_dir / "bus.conf").string()}, socket("bus"))
+    auto bus = [&](const char* type) { return "--config-file=" + (m_dir / (type + std::string(".conf"))).string(); };
+    if (!step("dbus-daemon", {"dbus-daemon", "--nofork", bus("session")}, socket("bus"))
+        || (shell && !step("system-bus", {"dbus-daemon", "--nofork", bus("system")}, socket("system_bus")))
         || !step("pipewire", {"pipewire"}, socket("pipewire-0"))
         || !step("wireplumber", {"wireplumber"}, [] { return true; })
-        || !step("mutter", {"mutter", "--headless", "--wayland", "--no-x11", "--virtual-monitor", monitor},
-            [&] { return waitForName("org.gnome.Mutter.ScreenCast") && waitForName("org.gnome.Mutter.RemoteDesktop"); })
+        || !step(compositorName, {compositorName, "--headless", "--wayland", "--no-x11", "--virtual-monitor", monitor},
+            [&] {
+                return waitForName("org.gnome.Mutter.ScreenCast") && waitForName("org.gnome.Mutter.RemoteDesktop")
+                    && (!shell || (waitForName("org.gnome.Shell.Introspect") && shellAnswers(m_processes.back()->pid())));
+            })
         || !step("permission-store", {"/usr/libexec/xdg-permission-store"},
             [&] { return waitForName("org.freedesktop.impl.portal.PermissionStore"); })
         || !step("portal-gnome", {"env", "GTK_A11Y=none", "/usr/libexec/xdg-desktop-portal-gnome"},
@@ -112,6 +124,7 @@ GnomeSession::GnomeSession(const std::string& monitor)
 
 GnomeSession::~GnomeSession()
 {
+    m_windowLister.reset();
     m_remote.reset();
     m_portal.reset();
     while (!m_processes.empty())
@@ -132,6 +145,8 @@ std::unique_ptr<ChildProcess> GnomeSession::start(const std::string& name, std::
         "XDG_CACHE_HOME=" + (m_home / ".cache").string(), "XDG_STATE_HOME=" + (m_home / ".local/state").string(),
         "DBUS_SESSION_BUS_ADDRESS=unix:path=" + (m_runtime / "bus").string(), "WAYLAND_DISPLAY=wayland-0",
         "XDG_CURRENT_DESKTOP=GNOME", "GSETTINGS_BACKEND=memory", "PATH=/usr/bin:/bin"};
+    if (m_systemBus)
+        env.push_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + (m_runtime / "system_bus").string());
     env.insert(env.end(), extraEnv.begin(), extraEnv.end());
     // setpriv and env exec, so the pid is the program's own.
     std::vector<std::string> full;
@@ -170,12 +185,92 @@ bool GnomeSession::waitForName(const std::string& name)
     return runCommand({"gdbus", "wait", "--session", "--timeout", "15", name}, environment()).status == 0;
 }
 
-void GnomeSession::startClient(const std::vector<std::string>& argv)
+// gnome-shell starts ibus-daemon through a fork that runs script code before its exec; a
+// fork made while another of the shell's threads holds a lock hangs there, and the shell,
+// which waits for the exec, with it. Such a fork is ended: the shell goes on as if the
+// daemon had quit.
+bool GnomeSession::shellAnswers(int shell)
+{
+    if (runCommand({"gdbus", "call", "--session", "--timeout", "2", "-d", "org.gnome.Mutter.DisplayConfig", "-o",
+            "/org/gnome/Mutter/DisplayConfig", "-m", "org.gnome.Mutter.DisplayConfig.GetCurrentState"}, environment())
+            .status == 0)
+        return true;
+    std::error_code ec;
+    const fs::path program = fs::read_symlink("/proc/" + std::to_string(shell) + "/exe", ec);
+    for (const auto& entry : fs::directory_iterator("/proc", ec)) {
+        const std::string pid = entry.path().filename();
+        if (program.empty() || pid.find_first_not_of("0123456789") != std::string::npos)
+            continue;
+        // "pid (name) state parent ..."
+        const std::string stat = readText(entry.path() / "stat");
+        const auto nameEnd = stat.rfind(") ");
+        if (nameEnd == std::string::npos || std::atoi(stat.c_str() + nameEnd + 4) != shell)
+            continue;
+        std::error_code gone;
+        if (fs::read_symlink(entry.path() / "exe", gone) == program)
+            kill(std::stoi(pid), SIGKILL);
+    }
+    return false;
+}
+
+ChildProcess& GnomeSession::startClient(const std::vector<std::string>& argv)
 {
     m_processes.push_back(start("client" + std::to_string(m_processes.size()), argv));
+    return *m_processes.back();
+}
+
+std::vector<GnomeSession::Window> GnomeSession::windows()
+{
+    // The shell lists its windows only to the portal backends: this connection takes the
+    // name of the GTK one, which this desktop does not run.
+    using Properties = std::map<std::string, sdbus::Variant>;
+    std::vector<Window> listed;
+    try {
+        if (!m_windowLister) {
+            m_windowLister = sdbus::createSessionBusConnectionWithAddress("unix:path=" + (m_runtime / "bus").string());
+            m_windowLister->requestName("org.freedesktop.impl.portal.desktop.gtk");
+        }
+        auto shell = sdbus::createProxy(*m_windowLister, "org.gnome.Shell.Introspect", "/org/gnome/Shell/Introspect");
+        std::map<uint64_t, Properties> windows;
+        shell->callMethod("GetWindows").onInterface("org.gnome.Shell.Introspect").storeResultsTo(windows);
+        for (auto& [id, properties] : windows) {
+            auto text = [&](const char* key) {
+                auto found = properties.find(key);
+                return found != properties.end() && found->second.containsValueOfType<std::string>()
+                    ? found->second.get<std::string>() : std::string();
+            };
+            auto number = [&](const char* key) {
+                auto found = properties.find(key);
+                return found != properties.end() && found->second.containsValueOfType<uint32_t>()
+                    ? int(found->second.get<uint32_t>()) : 0;
+            };
+            listed.push_back({text("app-id"), text("title"), number("width"), number("height")});
+        }
+    } catch (const sdbus::Error&) {
+        listed.clear();
+    }
+    return listed;
 }
 
 std::string GnomeSession::grantScreenCast()
+{
+    return grant("uint32 1, <'MetaVendor:MetaVirtualMonitor:0x00'>");
+}
+
+std::string GnomeSession::grantWindowCast(const Window& window)
+{
+    auto quoted = [](const std::string& text) {
+        std::string out = "'";
+        for (char c : text)
+            out += c == '\'' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+        return out + "'";
+    };
+    return grant("uint32 2, <(" + quoted(window.appId) + ", " + quoted(window.title) + ")>");
+}
+
+// Seeds the permission store with a grant of `stream` (its type and what identifies it),
+// in the GNOME portal's format of restore data.
+std::string GnomeSession::grant(const std::string& stream)
 {
     const std::string token = newUuid();
     const long long now = std::chrono::duration_cast<std::chrono::microseconds>(
@@ -190,8 +285,7 @@ std::string GnomeSession::grantScreenCast()
     const std::string at = std::to_string(now);
     if (!withArgs({"org.freedesktop.impl.portal.PermissionStore.SetPermission", "screencast", "true", token, "", "['yes']"})
         || !withArgs({"org.freedesktop.impl.portal.PermissionStore.SetValue", "screencast", "true", token,
-            "<('GNOME', uint32 1, <(int64 " + at + ", int64 " + at
-                + ", [(uint32 0, uint32 1, <'MetaVendor:MetaVirtualMonitor:0x00'>)])>)>"}))
+            "<('GNOME', uint32 1, <(int64 " + at + ", int64 " + at + ", [(uint32 0, " + stream + ")])>)>"}))
         return {};
     return token;
 }

@@ -8,6 +8,10 @@
 //
 // The pointer exists once mutter's RemoteDesktop session has made a virtual one: the
 // session moves it and clicks, as a user would.
+//
+// With gnome-shell in mutter's place the desktop also lists its windows (the GNOME portal
+// finds a window to share through the shell), so a window's cast can be granted too. The
+// shell wants a system bus: it gets one of its own, as empty as the session bus.
 
 #include "testkit/testkit.h"
 
@@ -15,11 +19,16 @@
 #include <string>
 #include <vector>
 
+namespace sdbus {
+class IConnection;
+}
+
 namespace plim::testkit {
 
 class GnomeSession {
 public:
-    explicit GnomeSession(const std::string& monitor = "1280x800");
+    enum class Compositor { mutter, shell };
+    explicit GnomeSession(const std::string& monitor = "1280x800", Compositor compositor = Compositor::mutter);
     ~GnomeSession();
     GnomeSession(const GnomeSession&) = delete;
     GnomeSession& operator=(const GnomeSession&) = delete;
@@ -32,7 +41,7 @@ public:
     const fs::path& folder() const { return m_dir.path(); }
 
     // Starts `argv` as the desktop's user, stopped with the desktop.
-    void startClient(const std::vector<std::string>& argv);
+    ChildProcess& startClient(const std::vector<std::string>& argv);
     // `argv` run as the desktop's user (the portal tells apps apart by their processes, which
     // it must be able to read), with the caller's environment.
     std::vector<std::string> asUser(std::vector<std::string> argv) const;
@@ -42,6 +51,16 @@ public:
     // Grants a screen cast of the virtual monitor in the permission store, as an earlier
     // choice in the desktop's dialog would have, and returns its restore token.
     std::string grantScreenCast();
+
+    // A window as the shell lists it to the portal (which knows a window by these).
+    struct Window {
+        std::string appId, title;
+        int width = 0, height = 0;
+    };
+    // The shell's windows; none without the shell (or while it will not list them).
+    std::vector<Window> windows();
+    // Grants a screen cast of the window the shell lists as `window`, as grantScreenCast().
+    std::string grantWindowCast(const Window& window);
 
     // Moves the pointer to (x, y) in global points (pushed to the top-left corner first,
     // then moved by that much) and presses and releases the left button.
@@ -61,6 +80,8 @@ private:
     std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> argv,
         std::vector<std::string> extraEnv = {});
     bool waitForName(const std::string& name);
+    std::string grant(const std::string& stream);
+    bool shellAnswers(int shell);
     struct RemoteDesktop;
 
     TempDir m_dir;
@@ -68,6 +89,8 @@ private:
     std::vector<std::unique_ptr<ChildProcess>> m_processes; // in start order; stopped in reverse
     std::unique_ptr<ChildProcess> m_portal;
     std::unique_ptr<RemoteDesktop> m_remote;
+    std::unique_ptr<sdbus::IConnection> m_windowLister; // asks the shell for its windows
+    bool m_systemBus = false;
     bool m_up = false;
     std::string m_trouble;
 };

@@ -38,6 +38,7 @@ struct PortalCast {
     std::unique_ptr<PipeWireStream> stream;
     ScreenCastPortal::CursorMode cursor = ScreenCastPortal::hidden;
     Point origin;   // the stream's top-left in global points (a window's: 0,0)
+    Rect extent;    // the whole stream, in global points
     Rect frame;     // what the source delivers, in global points
 };
 
@@ -68,7 +69,8 @@ public:
         stop();
         logLine(LogArea::main, "the desktop portal's stream: " + std::to_string(m_cast->stream->copiedFrames())
                 + " pictures copied (one copy each) for " + std::to_string(deliveredFrames()) + " frames delivered, "
-                + std::to_string(m_cast->stream->emptyBuffers()) + " empty buffers skipped");
+                + std::to_string(m_cast->stream->emptyBuffers()) + " empty buffers skipped, "
+                + std::to_string(m_cast->stream->formatsAgreed()) + " formats agreed");
     }
 
     Rect frame() const override { return m_cast->frame; }
@@ -209,10 +211,11 @@ public:
                         "which would need its position, are not recorded.",
                 Error::Kind::refused);
         auto pointer = std::make_shared<PortalPointer>(cast);
-        // Clicks and keys from the input devices, placed where the stream's pointer is.
+        // Clicks and keys from the input devices, placed where the stream's pointer is. The
+        // stream is the layout: asking the desktop for its displays would start a second cast,
+        // and with it the desktop's dialog when a window is recorded.
         LibinputOptions options;
-        for (const auto& display : displays())
-            options.layout.push_back(display.frame);
+        options.layout.push_back(cast->extent);
         options.keymap = compositorKeymap();
         options.clicksAt = pointer.get();
         auto devices = openLibinputInputs(options);
@@ -283,7 +286,7 @@ private:
             cast->frame = {x0, y0, x1 - x0, y1 - y0};
             crop = Rect{x0 - cast->origin.x, y0 - cast->origin.y, x1 - x0, y1 - y0};
         }
-        auto opened = PipeWireStream::open(shared.pipeWireFd, stream.node, crop, stream.size);
+        auto opened = PipeWireStream::open(shared.pipeWireFd, stream.node, crop, stream.size, type == ScreenCastPortal::window);
         if (!opened)
             return fail(opened.error().sentence + nothing, opened.error().kind);
         cast->stream = std::move(*opened);
@@ -296,14 +299,16 @@ private:
             return fail("The desktop shared the screen but sent no picture of it within ten seconds." + nothing
                     + " Check that PipeWire is running, then try again.",
                 Error::Kind::failed);
-        if (subject.kind != ScreenSubject::Kind::area) {
-            const Size pixels = cast->stream->pixelSize();
-            const double scale = cast->stream->scale();
-            const Size size = stream.size && type == ScreenCastPortal::monitor
-                ? *stream.size
-                : Size{pixels.width / scale, pixels.height / scale};
-            cast->frame = {cast->origin.x, cast->origin.y, size.width, size.height};
-        }
+        // A window's stream is larger than the window, whose part the stream's crop names:
+        // the window at its first size is what is recorded.
+        const Size pixels = type == ScreenCastPortal::window ? cast->stream->pictureSize() : cast->stream->pixelSize();
+        const double scale = cast->stream->scale();
+        const Size size = stream.size && type == ScreenCastPortal::monitor
+            ? *stream.size
+            : Size{pixels.width / scale, pixels.height / scale};
+        cast->extent = {cast->origin.x, cast->origin.y, size.width, size.height};
+        if (subject.kind != ScreenSubject::Kind::area)
+            cast->frame = cast->extent;
         return cast;
     }
 

@@ -183,13 +183,14 @@ struct PipeWireStream::Loop {
 };
 
 Result<std::unique_ptr<PipeWireStream>> PipeWireStream::open(int fd, uint32_t node, std::optional<Rect> crop,
-    std::optional<Size> logicalSize)
+    std::optional<Size> logicalSize, bool keepsFirstSize)
 {
     static std::once_flag started;
     std::call_once(started, [] { pw_init(nullptr, nullptr); });
     std::unique_ptr<PipeWireStream> stream(new PipeWireStream());
     stream->m_crop = crop;
     stream->m_logical = logicalSize;
+    stream->m_keepsFirstSize = keepsFirstSize;
     stream->m_loop = std::make_unique<Loop>(*stream);
     Loop& l = *stream->m_loop;
     l.loop = pw_thread_loop_new("plim-screencast", nullptr);
@@ -314,6 +315,12 @@ Size PipeWireStream::pixelSize() const
     return {double(m_width), double(m_height)};
 }
 
+Size PipeWireStream::pictureSize() const
+{
+    std::lock_guard guard(m_lock);
+    return {double(m_pictureWidth), double(m_pictureHeight)};
+}
+
 double PipeWireStream::scale() const
 {
     std::lock_guard guard(m_lock);
@@ -332,6 +339,7 @@ void PipeWireStream::onFormat(uint32_t format, uint32_t width, uint32_t height)
 {
     std::lock_guard guard(m_lock);
     m_format = format;
+    m_formats.fetch_add(1);
     m_width = width <= largestSide ? int(width) : 0;
     m_height = height <= largestSide ? int(height) : 0;
 }
@@ -407,12 +415,23 @@ void PipeWireStream::onBuffer(const void* data, int stride, uint32_t size, doubl
         m_empty.fetch_add(1);
         return;
     }
-    Image picture = recycled(x1 - x0, y1 - y0);
+    if (!m_keepsFirstSize || m_pictureWidth == 0) {
+        m_pictureWidth = x1 - x0;
+        m_pictureHeight = y1 - y0;
+    }
+    const int width = m_pictureWidth, height = m_pictureHeight;
+    const int copiedWidth = std::min(width, x1 - x0), copiedHeight = std::min(height, y1 - y0);
+    Image picture = recycled(width, height);
     const uint32_t format = m_format;
     guard.unlock(); // the copy runs without the lock; the picture is the stream's alone
     const auto* bytes = static_cast<const uint8_t*>(data);
-    for (int y = y0; y < y1; ++y)
-        convertRow(bytes + size_t(y) * size_t(stride) + size_t(x0) * 4, picture.row(y - y0), x1 - x0, format);
+    for (int y = 0; y < copiedHeight; ++y)
+        convertRow(bytes + size_t(y0 + y) * size_t(stride) + size_t(x0) * 4, picture.row(y), copiedWidth, format);
+    // A window smaller than its first size: the rest is black.
+    constexpr uint32_t black = 0xff000000u;
+    for (int y = 0; y < height; ++y)
+        for (int x = y < copiedHeight ? copiedWidth : 0; x < width; ++x)
+            std::memcpy(picture.row(y) + size_t(x) * 4, &black, 4);
     guard.lock();
     m_fresh = std::move(picture);
     m_freshAt = uptime;

@@ -5,7 +5,10 @@
 //
 // Contract: the stream runs on its own PipeWire thread ("plim-screencast"). Each buffer it
 // is handed is copied once, into a picture of its own (cropped to `crop` when one is set,
-// BGRA with alpha set); empty buffers are skipped. The queries may be called from any
+// BGRA with alpha set); empty buffers are skipped. A stream that keeps its first size (a
+// window's, whose picture grows and shrinks with the window) hands out every picture at
+// the first one's size, cropped or padded with black from its top-left corner. The
+// queries may be called from any
 // thread. Pictures handed out by takeFresh() belong to the caller; the stream reuses only
 // pictures no one else holds.
 
@@ -37,7 +40,7 @@ public:
     // Connects to `node` over the remote `fd` (taken over). `crop` in the stream's logical
     // points of `logicalSize` (the portal's size of the stream; nothing: its pixels).
     static Result<std::unique_ptr<PipeWireStream>> open(int fd, uint32_t node, std::optional<Rect> crop,
-        std::optional<Size> logicalSize);
+        std::optional<Size> logicalSize, bool keepsFirstSize = false);
     ~PipeWireStream();
     PipeWireStream(const PipeWireStream&) = delete;
     PipeWireStream& operator=(const PipeWireStream&) = delete;
@@ -52,15 +55,19 @@ public:
     // a stop.
     std::optional<std::string> broken() const;
 
-    // The stream's picture size in pixels (0 before the format is agreed) and pixels per point.
+    // The stream's size in pixels (0 before the format is agreed), the size of the pictures
+    // it hands out (0 before the first), and pixels per point.
     Size pixelSize() const;
+    Size pictureSize() const;
     double scale() const;
     // The pointer as the last cursor metadata said; nothing while none came or it is hidden.
     std::optional<Cursor> cursor() const;
 
-    // Buffers copied and buffers skipped as empty so far.
+    // Buffers copied, buffers skipped as empty, and formats agreed (a resize may bring a new
+    // one) so far.
     int64_t copiedFrames() const { return m_copied.load(); }
     int64_t emptyBuffers() const { return m_empty.load(); }
+    int64_t formatsAgreed() const { return m_formats.load(); }
 
     struct Loop; // the PipeWire side, in the .cpp
 
@@ -82,11 +89,13 @@ private:
     std::optional<Rect> m_crop;
     std::optional<Size> m_logical;
     std::optional<Rect> m_metaCrop; // the part of the buffer the stream says holds the picture
+    bool m_keepsFirstSize = false;
 
     mutable std::mutex m_lock; // guards everything below
     std::condition_variable m_changed; // a picture came or the stream broke
     uint32_t m_format = 0;
     int m_width = 0, m_height = 0;
+    int m_pictureWidth = 0, m_pictureHeight = 0; // of the first picture, or the last one
     Image m_fresh;
     double m_freshAt = 0;
     double m_lastAt = 0;
@@ -100,6 +109,7 @@ private:
     std::vector<Image> m_pool;
     std::atomic<int64_t> m_copied{0};
     std::atomic<int64_t> m_empty{0};
+    std::atomic<int64_t> m_formats{0};
 };
 
 } // namespace plim
