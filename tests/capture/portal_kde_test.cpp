@@ -62,12 +62,15 @@ fs::path onlyMovie(const fs::path& folder)
 
 TEST(PortalKde, RecordsAWindowWithNoDialogThenReusesTheChoice)
 {
+    if (runCommand({"/usr/bin/python3", "-c", "import gi; gi.require_version('Gtk', '4.0')"}).status != 0)
+        GTEST_SKIP() << "The test window needs GTK 4 for Python (python3-gi, gir1.2-gtk-4.0), which is not installed.";
     KdeSession kde;
     if (!kde.isUp())
         GTEST_SKIP() << kde.trouble();
     kde.startClient({"env", "GSK_RENDERER=cairo", "GTK_A11Y=none", "python3", "-c", clockWindow});
     std::string window;
-    ASSERT_TRUE(eventually([&] { return !(window = kde.windowId("org.plim.KdeTest")).empty(); }, 30));
+    ASSERT_TRUE(eventually([&] { return !(window = kde.windowId("org.plim.KdeTest")).empty(); }, 30))
+        << "KWin never listed the test window: " << readText(kde.folder() / "kwin.log");
 
     XdgSandbox sandbox;
     const fs::path settings = sandbox.home() / ".config/plim/settings.json";
