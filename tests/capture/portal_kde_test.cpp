@@ -5,6 +5,7 @@
 // with the restore token the first recording kept.
 
 #include "base/json.h"
+#include "capture/cursor_track.h"
 #include "testkit/headless_desktop.h"
 #include "testkit/kde_session.h"
 #include "testkit/testkit.h"
@@ -111,6 +112,15 @@ TEST(PortalKde, RecordsAWindowWithNoDialogThenReusesTheChoice)
             EXPECT_NEAR(mean[c], background[c], 8) << "colour " << c << " at " << at << " s";
     }
     EXPECT_NE(region(movie, 0.5, 0, 0, 300, 40), region(movie, seconds - 0.5, 0, 0, 300, 40));
+    // The pointer from KWin's cursor metadata: nothing moves it, so it stays where KWin put
+    // it, inside the window.
+    auto track = CursorTrack::read(movie);
+    ASSERT_TRUE(track) << track.error().sentence;
+    const auto& samples = track->value.samples;
+    ASSERT_GE(samples.size(), 30u);
+    for (const auto& sample : samples)
+        ASSERT_TRUE(sample.x == samples[0].x && sample.y == samples[0].y && sample.x > 0 && sample.x < width
+            && sample.y > 0 && sample.y < height) << sample.x << "," << sample.y;
 
     // The token the desktop handed back is kept, and a second recording needs no grant: a
     // dialog here would fail (the portal's dialog cannot load without Plasma's QML modules).
