@@ -1,0 +1,68 @@
+#pragma once
+// What the headless Wayland desktops of the portal tests share: a folder holding a private
+// runtime folder and a home, a session bus of their own (a dbus-daemon with no service
+// folder, so nothing starts behind the test's back; root may join it, so the test and plimctl
+// can call the portal), and processes started in order and stopped by process id in reverse.
+// Under root every process runs as `nobody`.
+
+#include "testkit/testkit.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace plim::testkit {
+
+class HeadlessDesktop {
+public:
+    HeadlessDesktop(const HeadlessDesktop&) = delete;
+    HeadlessDesktop& operator=(const HeadlessDesktop&) = delete;
+
+    bool isUp() const { return m_up; }
+    // Why it is not up, for the skip.
+    const std::string& trouble() const { return m_trouble; }
+    const fs::path& folder() const { return m_dir.path(); }
+    // The variables a client of this desktop needs (bus, runtime folder, Wayland socket).
+    virtual std::vector<std::string> environment() const = 0;
+
+    // Starts `argv` as the desktop's user, stopped with the desktop.
+    void startClient(const std::vector<std::string>& argv);
+    // `argv` run as the desktop's user (the portal tells apps apart by their processes, which
+    // it must be able to read), with the caller's environment.
+    std::vector<std::string> asUser(std::vector<std::string> argv) const;
+    // Hands `folder` and what it holds to the desktop's user.
+    void handOver(const fs::path& folder) const;
+
+protected:
+    HeadlessDesktop(); // makes the folders; on failure not up, with the trouble said
+    virtual ~HeadlessDesktop();
+
+    std::string busAddress() const { return "unix:path=" + (m_runtime / "bus").string(); }
+    // `argv` started as the desktop's user with the desktop's environment and `extraEnv`;
+    // its output goes to `name`.log in the folder.
+    std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> argv,
+        const std::vector<std::string>& extraEnv = {});
+    // Starts `argv` and keeps it with the desktop, then waits for `ready`: false, with the
+    // program's output as the trouble, when it does not come.
+    bool step(const std::string& name, std::vector<std::string> argv, const std::function<bool()>& ready);
+    // Starts the session bus and waits for its socket.
+    bool startBus();
+    bool waitForName(const std::string& name) const;
+
+    TempDir m_dir;
+    fs::path m_runtime, m_home;
+    std::vector<std::unique_ptr<ChildProcess>> m_processes; // in start order; stopped in reverse
+    bool m_up = false;
+    std::string m_trouble;
+};
+
+// What plimctl record's last lines say of the movie it kept: "(4.04 s, 1280 x 800, 112 frames,
+// 0 dropped)"; -1 and 0 where they are missing.
+struct RecordedSummary {
+    int dropped = -1;
+    double seconds = 0;
+};
+RecordedSummary recordedSummary(const std::string& err);
+
+} // namespace plim::testkit
