@@ -74,6 +74,9 @@ std::string RecordingController::subjectDescription(const ScreenSubject& subject
     case ScreenSubject::Kind::display:
         return subject.displayName.empty() ? "display" : "display " + subject.displayName;
     case ScreenSubject::Kind::window:
+        // Id 0: the desktop's own dialog picks the window (the portal) and names no id.
+        if (subject.windowID == 0)
+            return "the window shared by the desktop";
         std::snprintf(text, sizeof text, "window 0x%x", subject.windowID);
         return text;
     case ScreenSubject::Kind::area:
