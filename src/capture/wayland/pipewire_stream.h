@@ -7,10 +7,9 @@
 // is handed is copied once, into a picture of its own (cropped to `crop` when one is set,
 // BGRA with alpha set); empty buffers are skipped. A stream that keeps its first size (a
 // window's, whose picture grows and shrinks with the window) hands out every picture at
-// the first one's size, cropped or padded with black from its top-left corner. The
-// queries may be called from any
-// thread. Pictures handed out by takeFresh() belong to the caller; the stream reuses only
-// pictures no one else holds.
+// the first one's size, cropped or padded with black from its top-left corner. The queries
+// may be called from any thread. Pictures handed out by takeFresh() belong to the caller; the
+// stream reuses only pictures no one else holds.
 
 #include "base/error.h"
 #include "base/geometry.h"
