@@ -196,7 +196,6 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     kill(child->pid(), SIGKILL);
     double killedAt = std::chrono::duration<double>(std::chrono::steady_clock::now() - rolling).count() + 0.5;
     EXPECT_EQ(child->wait(), 128 + SIGKILL);
-    EXPECT_EQ(probe(movie, "v:0", "stream=width"), "640");
     auto decoded = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-f", "null", "-"});
     double duration = std::atof(probe(movie, "", "format=duration").c_str());
     EXPECT_GT(duration, killedAt - 2.5) << decoded.err;

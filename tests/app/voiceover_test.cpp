@@ -196,7 +196,6 @@ TEST_F(VoiceoverTest, KilledTakesAreSalvagedAndUnreadableOnesLeftAsTheyAre)
     EXPECT_EQ(voice.id, take.stem().string());
     EXPECT_NEAR(voice.start, 1.5, 1e-6);
     EXPECT_NEAR(voice.duration, double(keptBytes - 44) / 2 / 48000, 1e-3);
-    EXPECT_GE(voice.duration, 1.5);
     char length[16];
     std::snprintf(length, sizeof length, "%.1f s", voice.duration);
     EXPECT_EQ(salvaged, std::string("Plim was closed while recording a voiceover for \"Demo\"; the ") + length
