@@ -77,7 +77,7 @@ TEST_F(CtlSuite, MomentsShowControlCharactersEscaped)
                           "  [file: a\\x08b]\n");
 }
 
-TEST_F(CtlSuite, MomentsListsTheMergedHistoryWithTheQuerysFiltersAndNamesWhatItSkipped)
+TEST_F(CtlSuite, MomentsListsTheMergedHistoryWithTheQuerysFiltersAndNamesWhatItCouldNotRead)
 {
     const std::string rec = "2026-11-14T10:00:00.000Z  plim  recording  Screen recording: 2 min  [file: B.mov]\n";
     const std::string mark = "2026-11-14T10:00:00.000Z  tovan  mark  Mark  [person: Ada]\n";
