@@ -16,7 +16,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <set>
@@ -63,25 +62,6 @@ protected:
         return movies.size() == 1 ? movies[0] : fs::path();
     }
 
-    // Seconds of the system-sound track (the second sound track) louder than -30 dBFS, as (first, last) instants.
-    std::optional<std::pair<double, double>> loudSpan(const fs::path& movie)
-    {
-        auto r = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-map", "0:a:1", "-ac", "1", "-ar", "48000",
-            "-f", "f32le", "-"});
-        std::vector<float> samples(r.out.size() / 4);
-        std::memcpy(samples.data(), r.out.data(), samples.size() * 4);
-        std::optional<double> first, last;
-        for (size_t i = 0; i < samples.size(); ++i)
-            if (std::fabs(samples[i]) > 0.03f) {
-                if (!first)
-                    first = double(i) / 48000;
-                last = double(i) / 48000;
-            }
-        if (!first)
-            return std::nullopt;
-        return std::pair{*first, *last};
-    }
-
     XdgSandbox sandbox;
     XvfbServer x;
     PulseServer pulse;
@@ -89,15 +69,11 @@ protected:
     fs::path library;
 };
 
-// One recording covers the pointer, clicks, shortcuts, plain typing, a tone on the
-// computer's sound, a 2 s pause, the movie's shape and the identity.
+// One recording covers the pointer, clicks, shortcuts, plain typing, both sound tracks, a
+// 2 s pause, the movie's shape and the identity. Where played sound lands in the tracks is
+// the capture session's to check (sync_test.cpp).
 TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
 {
-    TempDir scratch;
-    fs::path tone = scratch / "tone.wav";
-    ASSERT_EQ(runCommand({"sox", "-n", "-r", "48000", "-c", "2", tone.string(), "synth", "0.4", "sine", "880", "vol",
-                  "0.5"}).status, 0);
-
     auto started = std::chrono::steady_clock::now();
     auto child = record({"--duration", "4", "--mic", "--system-sound", "--camera-device", "/dev/plim-no-camera", "--fps",
                             "60", "--area", "0,0,640,360"},
@@ -109,7 +85,6 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     xdotool({"mousemove", "200", "150", "click", "1"});
     xdotool({"mousemove", "400", "300", "click", "3"});
     xdotool({"key", "super+s", "ctrl+shift+z", "h", "i", "shift+x", "Left", "Right"});
-    ASSERT_EQ(runCommand({"paplay", "-d", "plimsink", tone.string()}, env).status, 0);
     kill(child->pid(), SIGUSR1); // pause
     std::this_thread::sleep_for(2000ms);
     xdotool({"mousemove", "600", "500", "click", "1"}); // while paused: left out
@@ -145,12 +120,6 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     EXPECT_NE(err.find("Something asked for was not recorded; the lines above say what."), std::string::npos);
     EXPECT_FALSE(fs::exists(sidecarPath(movie, "camera.mov")));
 
-    // The tone is in the system-sound track, before the pause.
-    auto loud = loudSpan(movie);
-    ASSERT_TRUE(loud.has_value());
-    EXPECT_GT(loud->first, 0.5);
-    EXPECT_NEAR(loud->second - loud->first, 0.4, 0.1);
-
     // The cursor track: about 60 samples a second over the movie's length, the clicks where
     // xdotool clicked, nothing from the pause.
     auto cursor = Json::parse(readText(sidecarPath(movie, "cursor.json")));
@@ -167,11 +136,6 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     EXPECT_EQ(clicks[0]["y"].get<double>(), 150);
     EXPECT_EQ(clicks[1]["x"].get<double>(), 400);
     EXPECT_EQ(clicks[1]["y"].get<double>(), 300);
-    for (const auto& click : clicks) {
-        double movieTime = (click["t"].get<double>() - offset) / 1000.0;
-        EXPECT_GT(movieTime, 0.0);
-        EXPECT_LT(movieTime, loud->first + 0.5); // before the pause
-    }
 
     // The keystroke track: the shortcuts and arrows, never the plain letters.
     auto keys = Json::parse(readText(sidecarPath(movie, "keys.json")));
@@ -179,11 +143,7 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     for (const auto& event : keys["events"])
         captions.push_back(event["caption"].get<std::string>());
     EXPECT_EQ(captions, (std::vector<std::string>{"⌘S", "⌃⇧Z", "←", "→"}));
-
-    // The identity.
-    auto id = Json::parse(readText(sidecarPath(movie, "id.json")));
-    EXPECT_EQ(id["uuid"].get<std::string>().size(), 36u);
-    EXPECT_TRUE(id.contains("mintedAt"));
+    EXPECT_TRUE(PlimIdentity::read(baseName(movie), library).has_value());
 }
 
 // Options that cannot be honoured are refused before anything is recorded; inputs that
@@ -236,7 +196,6 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     kill(child->pid(), SIGKILL);
     double killedAt = std::chrono::duration<double>(std::chrono::steady_clock::now() - rolling).count() + 0.5;
     EXPECT_EQ(child->wait(), 128 + SIGKILL);
-    EXPECT_EQ(probe(movie, "v:0", "stream=width"), "640");
     auto decoded = runCommand({"ffmpeg", "-v", "error", "-i", movie.string(), "-f", "null", "-"});
     double duration = std::atof(probe(movie, "", "format=duration").c_str());
     EXPECT_GT(duration, killedAt - 2.5) << decoded.err;

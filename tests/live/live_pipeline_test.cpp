@@ -139,8 +139,6 @@ TEST_F(LivePipelineTest, MeasuredOverrunsWalkTheLadderDownAndBackUp)
         run(0.5);
         report = watch.check(*pipeline, *switches);
     }
-    EXPECT_EQ(checks, 60);
-    EXPECT_EQ(report.note, "Back to the full 60fps.");
     EXPECT_EQ(pipeline->currentFPS(), 60);
 
     // 150 ms a frame is behind at either rate: two samples reach the bottom rung, where

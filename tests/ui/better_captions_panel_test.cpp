@@ -44,8 +44,7 @@ TEST(BetterCaptionsPanel, DownloadsOffTheGuiThreadPausesResumesAndDeletes)
     ASSERT_TRUE(testkit::waitUntil([&] { return status->text().contains(QStringLiteral("KB/s, about")); }))
         << status->text().toStdString();
     EXPECT_GT(testkit::child<QProgressBar>(panel, "captionModelProgress")->value(), 0);
-    if (const char* shots = std::getenv("PLIM_UI_SHOTS"))
-        panel.grab().save(QString::fromStdString((fs::path(shots) / "better-captions.png").string()));
+    testkit::keepShot(panel, "better-captions");
     QTest::mouseClick(testkit::child<QPushButton>(panel, "pauseCaptionModel"), Qt::LeftButton);
     ASSERT_TRUE(testkit::waitUntil([&] { return !panel.isDownloading(); }));
     EXPECT_TRUE(status->text().contains(QStringLiteral("Resume picks up where it stopped.")));

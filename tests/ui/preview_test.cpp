@@ -63,8 +63,7 @@ TEST(PreviewView, OpensSeeksMapsPointsAndPlaysWithSoundOnTheServer)
     EXPECT_NEAR(there->x(), 330, 1e-6);
     EXPECT_NEAR(there->y(), 200, 1e-6);
     EXPECT_FALSE(view.sourcePointOf(QPointF(2, 2))); // the backdrop, off the card
-    if (const char* folder = std::getenv("PLIM_UI_SHOTS"))
-        view.grab().save(QString::fromStdString((fs::path(folder) / "preview.png").string()));
+    keepShot(view, "preview");
 
     // Two seconds of play, the sink's monitor recorded meanwhile. A null sink that was idle
     // takes its first stream's sound a second or so ahead and then asks for no more until

@@ -3,17 +3,15 @@
 // reaches the desktop the tests run in. Listing the tests needs none of them.
 
 #include "testkit/servers.h"
+#include "testkit/session_bus.h"
 
 #include <QApplication>
 
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
-#include <thread>
 
 int main(int argc, char** argv)
 {
@@ -26,17 +24,11 @@ int main(int argc, char** argv)
         return 1;
     }
     // Qt connects to the session bus once, as it starts.
-    plim::testkit::TempDir busFolder;
-    const std::string busAddress = "unix:path=" + (busFolder / "bus").string();
-    plim::testkit::ChildProcess bus({"dbus-daemon", "--session", "--nofork", "--nopidfile", "--address=" + busAddress}, {},
-        "/dev/null", "/dev/null");
-    for (int i = 0; i < 100 && !std::filesystem::exists(busFolder / "bus"); ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (!std::filesystem::exists(busFolder / "bus")) {
+    plim::testkit::TestSessionBus bus;
+    if (!bus.ready()) {
         std::fprintf(stderr, "ui_tests: no session bus could be started (dbus-daemon); the window tests cannot run.\n");
         return 1;
     }
-    setenv("DBUS_SESSION_BUS_ADDRESS", busAddress.c_str(), 1);
     setenv("DISPLAY", xvfb->display().c_str(), 1);
     unsetenv("WAYLAND_DISPLAY");
     setenv("QT_QPA_PLATFORM", "xcb", 1);

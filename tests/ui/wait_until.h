@@ -1,5 +1,6 @@
 #pragma once
-// Running the GUI thread's event loop until something holds, and finding a window's parts.
+// Running the GUI thread's event loop until something holds, finding a window's parts, and
+// keeping pictures of windows.
 
 #include <QString>
 #include <QTest>
@@ -8,6 +9,9 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
 
 namespace plim::testkit {
 
@@ -31,6 +35,13 @@ T* child(QWidget& parent, const char* name)
     T* found = parent.findChild<T*>(QString::fromUtf8(name));
     EXPECT_NE(found, nullptr) << name;
     return found;
+}
+
+// A picture of the window for a person to look at, where PLIM_UI_SHOTS names a folder.
+inline void keepShot(QWidget& window, const std::string& name)
+{
+    if (const char* folder = std::getenv("PLIM_UI_SHOTS"))
+        window.grab().save(QString::fromStdString((std::filesystem::path(folder) / (name + ".png")).string()));
 }
 
 } // namespace plim::testkit
