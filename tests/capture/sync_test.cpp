@@ -7,141 +7,19 @@
 // first frame to the last, without a hole or a jump, and a sound device whose clock runs
 // fast or slow keeps the picture's time without one.
 
-#include "base/clock.h"
+#include "sync_helpers.h"
+
 #include "base/files.h"
 #include "capture/capture_session.h"
-#include "media/media.h"
 #include "testkit/servers.h"
 #include "testkit/test_window.h"
-#include "testkit/testkit.h"
-
-#include <gtest/gtest.h>
-#include <pulse/pulseaudio.h>
-
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cmath>
-#include <cstdio>
-#include <cstring>
-#include <thread>
 
 namespace plim {
 namespace {
 
 using namespace testkit;
+using namespace sync;
 using namespace std::chrono_literals;
-
-constexpr double toneHz = 1000.0;
-constexpr float toneLevel = 0.5f;
-
-// A playback stream kept running with silence, or with a steady tone when `steady`;
-// beep() writes a tone and says, on the uptime clock, when its first sample will be heard.
-class TonePlayer {
-public:
-    explicit TonePlayer(bool steady = false) : m_steady(steady)
-    {
-        m_loop = pa_threaded_mainloop_new();
-        m_context = pa_context_new(pa_threaded_mainloop_get_api(m_loop), "sync test");
-        pa_context_set_state_callback(m_context, [](pa_context*, void* l) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
-        }, m_loop);
-        pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr);
-        pa_threaded_mainloop_lock(m_loop);
-        pa_threaded_mainloop_start(m_loop);
-        while (pa_context_get_state(m_context) != PA_CONTEXT_READY && PA_CONTEXT_IS_GOOD(pa_context_get_state(m_context)))
-            pa_threaded_mainloop_wait(m_loop);
-        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, 48000, 1};
-        m_stream = pa_stream_new(m_context, "tone", &spec, nullptr);
-        pa_stream_set_state_callback(m_stream, [](pa_stream*, void* l) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
-        }, m_loop);
-        pa_buffer_attr attr{};
-        attr.maxlength = uint32_t(-1);
-        // A steady tone keeps a second queued, so a busy machine cannot starve it.
-        attr.tlength = uint32_t(pa_usec_to_bytes(steady ? 1000000 : 30000, &spec));
-        attr.prebuf = uint32_t(-1);
-        attr.minreq = uint32_t(-1);
-        pa_stream_connect_playback(m_stream, "plimsink", &attr,
-            pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE),
-            nullptr, nullptr);
-        while (pa_stream_get_state(m_stream) != PA_STREAM_READY && PA_STREAM_IS_GOOD(pa_stream_get_state(m_stream)))
-            pa_threaded_mainloop_wait(m_loop);
-        m_ready = pa_stream_get_state(m_stream) == PA_STREAM_READY;
-        auto fill = [](pa_stream* s, size_t bytes, void* self) {
-            auto* player = static_cast<TonePlayer*>(self);
-            std::vector<float> samples(bytes / 4, 0.0f);
-            if (player->m_steady)
-                for (float& sample : samples)
-                    sample = toneAt(player->m_played++);
-            pa_stream_write(s, samples.data(), samples.size() * 4, nullptr, 0, PA_SEEK_RELATIVE);
-        };
-        pa_stream_set_write_callback(m_stream, fill, this);
-        pa_stream_set_underflow_callback(m_stream, [](pa_stream*, void* self) {
-            ++static_cast<TonePlayer*>(self)->m_underflows;
-        }, this);
-        if (m_ready) // the server's first request came before the callback was set
-            fill(m_stream, pa_stream_writable_size(m_stream), this);
-        pa_threaded_mainloop_unlock(m_loop);
-    }
-    ~TonePlayer()
-    {
-        pa_threaded_mainloop_lock(m_loop);
-        if (m_stream) {
-            pa_stream_disconnect(m_stream);
-            pa_stream_unref(m_stream);
-        }
-        pa_threaded_mainloop_unlock(m_loop);
-        pa_threaded_mainloop_stop(m_loop);
-        pa_context_disconnect(m_context);
-        pa_context_unref(m_context);
-        pa_threaded_mainloop_free(m_loop);
-    }
-    bool isReady() const { return m_ready; }
-    // Times the sink ran out of the tone (so the sink itself fell silent).
-    int underflows() const { return m_underflows.load(); }
-
-    static float toneAt(int64_t i) { return toneLevel * float(std::sin(2 * M_PI * toneHz * double(i % 48000) / 48000)); }
-
-    double beep(double seconds)
-    {
-        std::vector<float> tone(size_t(seconds * 48000));
-        for (size_t i = 0; i < tone.size(); ++i)
-            tone[i] = toneAt(int64_t(i));
-        pa_threaded_mainloop_lock(m_loop);
-        // When the sink will take the first byte written now: what is queued ahead of it
-        // plus the sink's own latency, from fresh timing information.
-        pa_operation* op = pa_stream_update_timing_info(m_stream, [](pa_stream*, int, void* l) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
-        }, m_loop);
-        while (op && pa_operation_get_state(op) == PA_OPERATION_RUNNING)
-            pa_threaded_mainloop_wait(m_loop);
-        if (op)
-            pa_operation_unref(op);
-        double heard = systemUptime();
-        if (const pa_timing_info* t = pa_stream_get_timing_info(m_stream))
-            heard += double(t->write_index - t->read_index) / (48000.0 * 4) + double(t->sink_usec) / 1e6;
-        pa_stream_write(m_stream, tone.data(), tone.size() * 4, nullptr, 0, PA_SEEK_RELATIVE);
-        pa_threaded_mainloop_unlock(m_loop);
-        return heard;
-    }
-
-private:
-    pa_threaded_mainloop* m_loop = nullptr;
-    pa_context* m_context = nullptr;
-    pa_stream* m_stream = nullptr;
-    bool m_ready = false;
-    bool m_steady = false;
-    int64_t m_played = 0; // main loop's thread
-    std::atomic<int> m_underflows{0};
-};
-
-void sleepUntil(double uptime)
-{
-    double wait = uptime - systemUptime();
-    if (wait > 0)
-        std::this_thread::sleep_for(std::chrono::duration<double>(wait));
-}
 
 // The computer's sound from a device whose sample clock runs `rate` times as fast as the
 // uptime clock: 10 ms blocks of a steady 220 Hz tone, each stamped with the uptime instant
@@ -199,17 +77,6 @@ protected:
         }
     }
 
-    // One sound track of the movie as mono samples, as a player sounds them from the
-    // movie's time 0 (the encoder's priming lies before it).
-    static std::vector<float> soundTrack(const fs::path& movie, int track)
-    {
-        auto decoded = runCommand({"ffmpeg", "-v", "error", "-copyts", "-i", movie.string(), "-map",
-            "0:a:" + std::to_string(track), "-af", "atrim=start=0", "-ac", "1", "-f", "f32le", "-"});
-        std::vector<float> samples(decoded.out.size() / 4);
-        std::memcpy(samples.data(), decoded.out.data(), samples.size() * 4);
-        return samples;
-    }
-
     XvfbServer x{"640x480x24"};
     PulseServer pulse;
     std::vector<std::unique_ptr<ScopedEnv>> env;
@@ -224,15 +91,8 @@ TEST_F(SoundTest, ClicksAndSoundLandWithThePicture)
     ASSERT_TRUE(player.isReady());
     std::this_thread::sleep_for(500ms); // until the player's timing settles
 
-    CaptureSettings settings;
-    settings.systemSound = true;
-    settings.keycaps = false;
-    auto devices = openDevices(settings);
-    ASSERT_TRUE(devices.has_value()) << devices.error().sentence;
-    ASSERT_TRUE(devices->systemSound);
-    CaptureSession::Options options;
-    options.movie = folder / "Sync.mov";
-    auto session = CaptureSession::start(settings, std::move(*devices), options);
+    const fs::path movie = folder / "Sync.mov";
+    auto session = recordScreenAndSound(movie);
     ASSERT_TRUE(session.has_value()) << session.error().sentence;
 
     // A colour with a 60 ms tone right after the start, the click, then three more.
@@ -254,42 +114,12 @@ TEST_F(SoundTest, ClicksAndSoundLandWithThePicture)
     ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
 
     // First frame of each colour, in movie seconds.
-    auto reader = MovieReader::create(options.movie);
-    ASSERT_TRUE(reader.has_value()) << reader.error().sentence;
-    enum Colour { grey, red, blue, green, white, yellow, colours };
-    auto classify = [](const uint8_t* p) -> int {
-        int b = p[0], g = p[1], r = p[2];
-        if (r > 200 && g > 200)
-            return b > 200 ? white : b < 80 ? yellow : grey;
-        if (r > 180 && g < 80 && b < 80)
-            return red;
-        if (b > 180 && r < 80 && g < 80)
-            return blue;
-        if (g > 180 && r < 80 && b < 80)
-            return green;
-        return grey;
-    };
-    double firstOf[colours] = {-1, -1, -1, -1, -1, -1};
-    double beforeFirst[colours] = {-1, -1, -1, -1, -1, -1}; // the frame before each colour's first
-    double previous = -1;
-    while (true) {
-        auto frame = (*reader)->next();
-        ASSERT_TRUE(frame.has_value()) << frame.error().sentence;
-        if (!*frame)
-            break;
-        const Image& image = (*frame)->image;
-        int kind = classify(image.row(image.height / 2) + (image.width / 2) * 4);
-        if (firstOf[kind] < 0) {
-            firstOf[kind] = (*frame)->time;
-            beforeFirst[kind] = previous;
-        }
-        previous = (*frame)->time;
-    }
+    auto [firstOf, beforeFirst] = firstFrames(movie);
     for (int k = red; k < colours; ++k)
         ASSERT_GE(firstOf[k], 0) << "colour " << k << " never showed";
 
     // The click against the first red frame, on the track's clock.
-    auto track = CursorTrack::read(options.movie);
+    auto track = CursorTrack::read(movie);
     ASSERT_TRUE(track.has_value());
     ASSERT_EQ(track->value.clicks.size(), 1u);
     double clickOffsetMS = firstOf[red] * 1000 + double(track->value.videoStartOffsetMS) - double(track->value.clicks[0].t);
@@ -313,34 +143,9 @@ TEST_F(SoundTest, ClicksAndSoundLandWithThePicture)
     else
         std::printf("a frame was lost as the click showed (%.1f ms between frames); one-frame check skipped\n", gapMS);
 
-    // Every tone's onset in the system-sound track, one for each flip, against its colour's
-    // first frame.
-    auto samples = soundTrack(options.movie, 0);
-    std::vector<double> onsets;
-    size_t quietSince = 0;
-    for (size_t i = 0; i < samples.size(); ++i) {
-        if (std::fabs(samples[i]) > 0.05f) {
-            if (i - quietSince > 4800)
-                onsets.push_back(double(i) / 48000);
-            quietSince = i;
-        }
-    }
-    const Colour flips[] = {yellow, blue, green, white};
-    ASSERT_EQ(onsets.size(), std::size(flips));
-    std::vector<double> offsets;
-    for (size_t n = 0; n < std::size(flips); ++n) {
-        double offsetMS = (onsets[n] - firstOf[flips[n]]) * 1000;
-        std::printf("tone %zu: sound starts %.1f ms from the first frame showing its colour\n", n + 1, offsetMS);
-        offsets.push_back(offsetMS);
-        // A single tone also carries this test's own scheduling on a busy machine.
-        EXPECT_GT(offsetMS, -60.0);
-        EXPECT_LT(offsetMS, 50.0);
-    }
-    // The frame is taken up to one frame after the change, so the sound may lead by that much.
-    std::sort(offsets.begin(), offsets.end());
-    double median = (offsets[1] + offsets[2]) / 2;
-    EXPECT_LE(median, 20.0);
-    EXPECT_GE(median, -(20.0 + 16.7));
+    // Every tone's onset in the system-sound track against its colour's first frame.
+    expectTonesWithThePicture(soundTrack(movie, 0),
+        {firstOf[yellow], firstOf[blue], firstOf[green], firstOf[white]}, 1000.0 / 60);
 }
 
 TEST_F(SoundTest, ASteadyToneIsRecordedWholeFromTheFirstFrameOnBothTracks)
