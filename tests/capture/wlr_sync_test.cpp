@@ -58,7 +58,7 @@ TEST(WlrSync, SoundLandsWithThePicture)
     auto started = recordScreenAndSound(movie);
     ASSERT_TRUE(started.has_value()) << started.error().sentence;
 
-    std::this_thread::sleep_for(150ms);
+    std::this_thread::sleep_for(600ms); // past the recording's first frames, the slowest to show
     for (const char* colour : {"ffff00", "0000ff", "00ff00", "ffffff"}) {
         double heard = player.beep(0.06);
         sleepUntil(heard);
