@@ -6,7 +6,7 @@
 // size and at 720p. Then Plim records a 1920 x 1080 GNOME desktop (mutter headless, the real
 // desktop portal, PipeWire) through the portal while a full-screen terminal scrolls, and
 // prints the pictures the stream delivered a second, the copies made of them before the
-// encoder, the movie's frames and the CPU seconds. Last, Plim records a headless sway at
+// encoder, the movie's frames and the CPU seconds. Before the portal, Plim records a headless sway at
 // 1920 x 1080 through wlr-screencopy while a full-screen terminal prints without pause, and
 // prints the movie's frames, the drops, its CPU per frame beside the X11 figure and sway's CPU.
 //
