@@ -6,7 +6,9 @@
 // size and at 720p. Then Plim records a 1920 x 1080 GNOME desktop (mutter headless, the real
 // desktop portal, PipeWire) through the portal while a full-screen terminal scrolls, and
 // prints the pictures the stream delivered a second, the copies made of them before the
-// encoder, the movie's frames and the CPU seconds.
+// encoder, the movie's frames and the CPU seconds. Before the portal, Plim records a headless sway at
+// 1920 x 1080 through wlr-screencopy while a full-screen terminal prints without pause, and
+// prints the movie's frames, the drops, its CPU per frame beside the X11 figure and sway's CPU.
 //
 //   capture_bench [seconds]
 
@@ -14,6 +16,7 @@
 #include "processes.h"
 #include "media/media.h"
 #include "testkit/gnome_session.h"
+#include "testkit/servers.h"
 
 #include <xcb/xcb.h>
 
@@ -141,6 +144,101 @@ void benchPortal(const fs::path& plimctl, const fs::path& dir, double seconds)
         std::printf("          %s\n", err.substr(err.size() > 600 ? err.size() - 600 : 0).c_str());
 }
 
+// CPU seconds (user + system) a running process has used so far; -1 when it is gone.
+double processCpu(int pid)
+{
+    std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
+    auto close = stat.rfind(')');
+    if (close == std::string::npos)
+        return -1;
+    std::istringstream fields(stat.substr(close + 2));
+    std::string field;
+    unsigned long long utime = 0, stime = 0;
+    for (int i = 3; i <= 15 && fields >> field; ++i) {
+        if (i == 14)
+            utime = std::stoull(field);
+        if (i == 15)
+            stime = std::stoull(field);
+    }
+    return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
+}
+
+// Packets of the movie's video small enough to be a picture repeated unchanged.
+long repeatedPictures(const fs::path& movie)
+{
+    std::string cmd = "ffprobe -v error -select_streams v:0 -show_entries packet=size -of csv=p=0 '" + movie.string() + "'";
+    FILE* p = popen(cmd.c_str(), "r");
+    long repeated = 0, size = 0;
+    if (p) {
+        while (std::fscanf(p, "%ld", &size) == 1)
+            repeated += size < 200;
+        pclose(p);
+    }
+    return repeated;
+}
+
+// Plim through wlr-screencopy of a headless sway; `x11CpuPerFrame` is the X11 recording's.
+void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, double x11CpuPerFrame)
+{
+    plim::testkit::SwayServer sway("1920x1080",
+        "foot --fullscreen sh -c 'while :; do base64 -w 230 /dev/urandom; done'");
+    if (!sway.isUp()) {
+        std::printf("wlr     : not measured, sway did not start (%s)\n", sway.trouble().c_str());
+        return;
+    }
+    std::this_thread::sleep_for(1s); // the terminal fills the screen
+    char duration[32];
+    std::snprintf(duration, sizeof duration, "%g", seconds);
+    std::vector<std::string> argv{"env", "XDG_SESSION_TYPE=wayland"};
+    for (const std::string& variable : sway.environment())
+        argv.push_back(variable);
+    const fs::path library = dir / "plim-wlr";
+    argv.insert(argv.end(), {plimctl.string(), "record", "--backend", "wlr", "--duration", duration, "--no-keys",
+                                "--library", library.string()});
+    const double swayBefore = processCpu(sway.pid());
+    int status = 0;
+    pid_t plim = spawn(argv, (dir / "wlr.out").string(), (dir / "wlr.err").string());
+    const double cpu = waitCpu(plim, &status);
+    const double swayCpu = processCpu(sway.pid()) - swayBefore;
+    std::string movie = slurp(dir / "wlr.out");
+    movie = movie.substr(0, movie.find('\n'));
+    const long frames = countFrames(movie);
+    const long expected = std::lround(seconds * 60);
+    const std::string err = slurp(dir / "wlr.err");
+    long reportedDropped = -1;
+    if (auto at = err.find(" frames, "); at != std::string::npos)
+        reportedDropped = std::atol(err.c_str() + at + 9);
+    const double perFrame = frames > 0 ? cpu / double(frames) : 0.0;
+    std::printf("wlr     : %ld of %ld frames in the movie, %ld dropped (the recorder counted %ld), %ld of them a "
+                "picture repeated unchanged, %.2f CPU s (%.0f%% of one core), exit %d\n",
+        frames, expected, std::max(0L, expected - frames), reportedDropped, frames > 0 ? repeatedPictures(movie) : 0L,
+        cpu, 100 * cpu / seconds, WEXITSTATUS(status));
+    std::printf("          CPU per frame %.2f ms against X11's %.2f ms (%.2f times); sway %.2f CPU s (%.0f%% of one "
+                "core)\n",
+        1000 * perFrame, 1000 * x11CpuPerFrame, x11CpuPerFrame > 0 ? perFrame / x11CpuPerFrame : 0.0, swayCpu,
+        100 * swayCpu / seconds);
+    if (auto at = err.find(" dropped: "); at != std::string::npos) {
+        size_t from = err.rfind('\n', at);
+        from = from == std::string::npos ? 0 : from + 1;
+        std::printf("          %s\n", err.substr(from, err.find('\n', at) - from).c_str());
+    }
+    if (frames == 0 || WEXITSTATUS(status) == 1)
+        std::printf("          %s\n", err.substr(err.size() > 600 ? err.size() - 600 : 0).c_str());
+    // ffmpeg can read a wlroots desktop only through kmsgrab, which needs a DRM device.
+    std::string devices;
+    if (FILE* p = popen("ffmpeg -hide_banner -devices 2>/dev/null", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof line, p))
+            devices += line;
+        pclose(p);
+    }
+    const bool kmsgrab = devices.find(" kmsgrab ") != std::string::npos;
+    std::printf("ffmpeg  : no wlr comparison, this ffmpeg has no wlroots screen input%s\n",
+        !kmsgrab                   ? " and no kmsgrab"
+            : fs::exists("/dev/dri") ? " (kmsgrab reads the DRM device, not the compositor, and is not measured here)"
+                                     : " and its kmsgrab needs a DRM device (/dev/dri), which this machine lacks");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -171,6 +269,7 @@ int main(int argc, char** argv)
     std::snprintf(duration, sizeof duration, "%g", seconds);
     ::setenv("PLIM_LOG", "stderr", 1); // the recorder's log says why frames were dropped
     double plimCpu = 0;
+    long nativeFrames = 0;
     for (const char* quality : {"native", "720p"}) {
         int status = 0;
         const fs::path library = dir / (std::string("plim-") + quality);
@@ -183,6 +282,8 @@ int main(int argc, char** argv)
         std::string movie = slurp(dir / "plim.out");
         movie = movie.substr(0, movie.find('\n'));
         long plimFrames = countFrames(movie);
+        if (nativeFrames == 0)
+            nativeFrames = plimFrames;
         std::string err = slurp(dir / "plim.err");
         long reportedDropped = -1;
         if (auto at = err.find(" frames, "); at != std::string::npos)
@@ -225,6 +326,7 @@ int main(int argc, char** argv)
     animator.join();
     kill(xvfb, SIGTERM);
     waitpid(xvfb, &status, 0);
+    benchWlr(plimctl, dir, seconds, nativeFrames > 0 ? plimCpu / double(nativeFrames) : 0.0);
     benchPortal(plimctl, dir, seconds);
     fs::remove_all(dir);
     return 0;

@@ -67,6 +67,7 @@ public:
     std::vector<std::string> environment() const;
     const fs::path& runtimeDir() const { return m_runtime; }
     const std::string& socket() const { return m_socket; }
+    int pid() const { return m_process ? m_process->pid() : -1; }
 
 private:
     TempDir m_dir;
