@@ -36,16 +36,6 @@ constexpr int castWidth = 1280, castHeight = 800;
 // The terminal's background, which fills the screen right of the printed times.
 constexpr std::array<int, 3> background{0xc0, 0x30, 0x20};
 
-fs::path onlyMovie(const fs::path& folder)
-{
-    std::vector<fs::path> movies;
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(folder, ec))
-        if (entry.path().extension() == ".mov")
-            movies.push_back(entry.path());
-    return movies.size() == 1 ? movies[0] : fs::path();
-}
-
 std::array<double, 3> castColour(const fs::path& movie, double seconds, int x0, int y0, int x1, int y1,
     int width = castWidth, int height = castHeight)
 {
@@ -155,12 +145,7 @@ TEST_F(PortalCapture, RecordsTheScreenAndPointerThenReusesTheChoice)
     // A frame a tick at 30 per second, the still ones included: those written and those a
     // loaded machine let slip, which plimctl counts.
     const int frames = std::atoi(probe(movie, "v:0", "stream=nb_read_frames", {"-count_frames"}).c_str());
-    int dropped = -1;
-    double seconds = 0;
-    if (auto at = first.err.find(" frames, "); at != std::string::npos)
-        dropped = std::atoi(first.err.c_str() + at + 9);
-    if (auto at = first.err.find(".mov ("); at != std::string::npos)
-        seconds = std::atof(first.err.c_str() + at + 6);
+    const auto [dropped, seconds] = recordedSummary(first.err);
     EXPECT_NEAR(frames + dropped, 30 * seconds, 15) << first.err;
     EXPECT_GE(frames, 20);
     std::istringstream times(probe(movie, "v:0", "packet=pts_time"));

@@ -52,15 +52,6 @@ std::string region(const fs::path& movie, double seconds, int x, int y, int w, i
         "-vf", crop, "-f", "rawvideo", "-pix_fmt", "rgb24", "-"}).out;
 }
 
-fs::path onlyMovie(const fs::path& folder)
-{
-    std::vector<fs::path> movies;
-    for (const auto& entry : fs::directory_iterator(folder))
-        if (entry.path().extension() == ".mov")
-            movies.push_back(entry.path());
-    return movies.size() == 1 ? movies[0] : fs::path();
-}
-
 TEST(PortalKde, RecordsAWindowWithNoDialogThenReusesTheChoice)
 {
     if (runCommand({"/usr/bin/python3", "-c", "import gi; gi.require_version('Gtk', '4.0')"}).status != 0)

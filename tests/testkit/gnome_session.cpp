@@ -5,29 +5,13 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <signal.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <fstream>
 #include <map>
 #include <sstream>
 
 namespace plim::testkit {
-
-namespace {
-
-constexpr const char* nobody = "65534";
-
-std::string newUuid()
-{
-    std::ifstream in("/proc/sys/kernel/random/uuid");
-    std::string uuid;
-    std::getline(in, uuid);
-    return uuid;
-}
-
-} // namespace
 
 // Mutter's RemoteDesktop session over a connection of its own: mutter ends the session
 // when the connection that made it goes away.
@@ -59,44 +43,18 @@ struct GnomeSession::RemoteDesktop {
 };
 
 GnomeSession::GnomeSession(const std::string& monitor, Compositor compositor)
+    : HeadlessDesktop("GNOME")
 {
     const bool shell = compositor == Compositor::shell;
     const char* compositorName = shell ? "gnome-shell" : "mutter";
     if (auto missing = missingProgram({compositorName, "pipewire", "wireplumber", "dbus-daemon", "gdbus",
-            "/usr/libexec/xdg-desktop-portal", "/usr/libexec/xdg-desktop-portal-gnome", "/usr/libexec/xdg-permission-store"})) {
+            "/usr/libexec/xdg-desktop-portal", "/usr/libexec/xdg-desktop-portal-gnome", "/usr/libexec/xdg-permission-store"}))
         m_trouble = *missing;
+    if (!m_trouble.empty())
         return;
-    }
-    m_runtime = m_dir / "run";
-    m_home = m_dir / "home";
-    if (auto why = foldersForNobody(m_dir.path(), {m_runtime, m_home})) {
-        m_trouble = *why;
-        return;
-    }
-    // The desktop's user owns the buses; root may join them.
-    for (const char* type : {"session", "system"})
-        writeText(m_dir / (type + std::string(".conf")),
-            "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
-            "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n<busconfig><type>" + std::string(type)
-                + "</type><listen>unix:path=" + (m_runtime / (type == std::string("session") ? "bus" : "system_bus")).string()
-                + "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"root\"/>"
-                  "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/><allow own=\"*\"/>"
-                  "</policy></busconfig>\n");
-    m_systemBus = shell;
-
-    auto step = [&](const std::string& name, std::vector<std::string> argv, const std::function<bool()>& ready) {
-        m_processes.push_back(start(name, std::move(argv)));
-        if (!eventually(ready, 15)) {
-            m_trouble = name + " did not start: " + readText(m_dir / (name + ".log"));
-            return false;
-        }
-        return true;
-    };
-    auto socket = [&](const char* name) { return [this, name] { return fs::exists(m_runtime / name); }; };
-    auto bus = [&](const char* type) { return "--config-file=" + (m_dir / (type + std::string(".conf"))).string(); };
-    if (!step("dbus-daemon", {"dbus-daemon", "--nofork", bus("session")}, socket("bus"))
-        || (shell && !step("system-bus", {"dbus-daemon", "--nofork", bus("system")}, socket("system_bus")))
-        || !step("pipewire", {"pipewire"}, socket("pipewire-0"))
+    m_serverEnv.push_back("GSETTINGS_BACKEND=memory");
+    if (!startBus() || (shell && !startBus(Bus::system))
+        || !step("pipewire", {"pipewire"}, [&] { return fs::exists(m_runtime / "pipewire-0"); })
         || !step("wireplumber", {"wireplumber"}, [] { return true; })
         || !step(compositorName, {compositorName, "--headless", "--wayland", "--no-x11", "--virtual-monitor", monitor},
             [&] {
@@ -114,7 +72,7 @@ GnomeSession::GnomeSession(const std::string& monitor, Compositor compositor)
         return;
     }
     try {
-        m_remote = std::make_unique<RemoteDesktop>("unix:path=" + (m_runtime / "bus").string());
+        m_remote = std::make_unique<RemoteDesktop>(busAddress());
     } catch (const sdbus::Error& error) {
         m_trouble = "mutter's remote desktop session did not start: " + error.getMessage();
         return;
@@ -122,68 +80,7 @@ GnomeSession::GnomeSession(const std::string& monitor, Compositor compositor)
     m_up = true;
 }
 
-GnomeSession::~GnomeSession()
-{
-    m_windowLister.reset();
-    m_remote.reset();
-    m_portal.reset();
-    while (!m_processes.empty())
-        m_processes.pop_back();
-}
-
-std::vector<std::string> GnomeSession::environment() const
-{
-    return {"XDG_RUNTIME_DIR=" + m_runtime.string(), "DBUS_SESSION_BUS_ADDRESS=unix:path=" + (m_runtime / "bus").string(),
-        "WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=GNOME", "XDG_SESSION_TYPE=wayland"};
-}
-
-std::unique_ptr<ChildProcess> GnomeSession::start(const std::string& name, std::vector<std::string> argv,
-    std::vector<std::string> extraEnv)
-{
-    std::vector<std::string> env{"XDG_RUNTIME_DIR=" + m_runtime.string(), "HOME=" + m_home.string(),
-        "XDG_CONFIG_HOME=" + (m_home / ".config").string(), "XDG_DATA_HOME=" + (m_home / ".local/share").string(),
-        "XDG_CACHE_HOME=" + (m_home / ".cache").string(), "XDG_STATE_HOME=" + (m_home / ".local/state").string(),
-        "DBUS_SESSION_BUS_ADDRESS=unix:path=" + (m_runtime / "bus").string(), "WAYLAND_DISPLAY=wayland-0",
-        "XDG_CURRENT_DESKTOP=GNOME", "GSETTINGS_BACKEND=memory", "PATH=/usr/bin:/bin"};
-    if (m_systemBus)
-        env.push_back("DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + (m_runtime / "system_bus").string());
-    env.insert(env.end(), extraEnv.begin(), extraEnv.end());
-    // setpriv and env exec, so the pid is the program's own.
-    std::vector<std::string> full;
-    if (geteuid() == 0)
-        full = {"setpriv", std::string("--reuid=") + nobody, std::string("--regid=") + nobody, "--clear-groups",
-            "--reset-env", "env"};
-    else
-        full = {"env", "-i"};
-    full.insert(full.end(), env.begin(), env.end());
-    full.insert(full.end(), argv.begin(), argv.end());
-    return std::make_unique<ChildProcess>(full, std::vector<std::string>{}, "/dev/null", m_dir / (name + ".log"));
-}
-
-std::vector<std::string> GnomeSession::asUser(std::vector<std::string> argv) const
-{
-    if (geteuid() == 0)
-        argv.insert(argv.begin(), {"setpriv", std::string("--reuid=") + nobody, std::string("--regid=") + nobody,
-                                      "--clear-groups", "--"});
-    return argv;
-}
-
-void GnomeSession::handOver(const fs::path& folder) const
-{
-    if (geteuid() != 0)
-        return;
-    std::error_code ec;
-    if (chown(folder.c_str(), 65534, 65534) != 0)
-        return;
-    for (const auto& entry : fs::recursive_directory_iterator(folder, ec))
-        if (chown(entry.path().c_str(), 65534, 65534) != 0)
-            return;
-}
-
-bool GnomeSession::waitForName(const std::string& name)
-{
-    return runCommand({"gdbus", "wait", "--session", "--timeout", "15", name}, environment()).status == 0;
-}
+GnomeSession::~GnomeSession() = default;
 
 // gnome-shell starts ibus-daemon through a fork that runs script code before its exec; a
 // fork made while another of the shell's threads holds a lock hangs there, and the shell,
@@ -213,12 +110,6 @@ bool GnomeSession::shellAnswers(int shell)
     return false;
 }
 
-ChildProcess& GnomeSession::startClient(const std::vector<std::string>& argv)
-{
-    m_processes.push_back(start("client" + std::to_string(m_processes.size()), argv));
-    return *m_processes.back();
-}
-
 std::vector<GnomeSession::Window> GnomeSession::windows()
 {
     // The shell lists its windows only to the portal backends: this connection takes the
@@ -227,7 +118,7 @@ std::vector<GnomeSession::Window> GnomeSession::windows()
     std::vector<Window> listed;
     try {
         if (!m_windowLister) {
-            m_windowLister = sdbus::createSessionBusConnectionWithAddress("unix:path=" + (m_runtime / "bus").string());
+            m_windowLister = sdbus::createSessionBusConnectionWithAddress(busAddress());
             m_windowLister->requestName("org.freedesktop.impl.portal.desktop.gtk");
         }
         auto shell = sdbus::createProxy(*m_windowLister, "org.gnome.Shell.Introspect", "/org/gnome/Shell/Introspect");
@@ -272,7 +163,7 @@ std::string GnomeSession::grantWindowCast(const Window& window)
 // in the GNOME portal's format of restore data.
 std::string GnomeSession::grant(const std::string& stream)
 {
-    const std::string token = newUuid();
+    const std::string token = newToken();
     const long long now = std::chrono::duration_cast<std::chrono::microseconds>(
         std::chrono::system_clock::now().time_since_epoch()).count();
     const std::vector<std::string> call{"gdbus", "call", "--session", "-d", "org.freedesktop.impl.portal.PermissionStore",

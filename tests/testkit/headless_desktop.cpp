@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <fstream>
 
 namespace plim::testkit {
 
-HeadlessDesktop::HeadlessDesktop()
+HeadlessDesktop::HeadlessDesktop(std::string desktop)
+    : m_desktop(std::move(desktop))
 {
     m_runtime = m_dir / "run";
     m_home = m_dir / "home";
@@ -20,6 +22,17 @@ HeadlessDesktop::~HeadlessDesktop()
 {
     while (!m_processes.empty())
         m_processes.pop_back();
+}
+
+std::vector<std::string> HeadlessDesktop::environment() const
+{
+    return {"XDG_RUNTIME_DIR=" + m_runtime.string(), "DBUS_SESSION_BUS_ADDRESS=" + busAddress(),
+        "WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=" + m_desktop, "XDG_SESSION_TYPE=wayland"};
+}
+
+std::string HeadlessDesktop::busAddress(Bus bus) const
+{
+    return "unix:path=" + (m_runtime / (bus == Bus::session ? "bus" : "system_bus")).string();
 }
 
 std::unique_ptr<ChildProcess> HeadlessDesktop::start(const std::string& name, std::vector<std::string> argv,
@@ -34,6 +47,7 @@ std::unique_ptr<ChildProcess> HeadlessDesktop::start(const std::string& name, st
         "XDG_STATE_HOME=" + (m_home / ".local/state").string(), "PATH=/usr/bin:/bin"});
     const auto env = environment();
     full.insert(full.end(), env.begin(), env.end());
+    full.insert(full.end(), m_serverEnv.begin(), m_serverEnv.end());
     full.insert(full.end(), extraEnv.begin(), extraEnv.end());
     full.insert(full.end(), argv.begin(), argv.end());
     return std::make_unique<ChildProcess>(full, std::vector<std::string>{}, "/dev/null", m_dir / (name + ".log"));
@@ -48,17 +62,25 @@ bool HeadlessDesktop::step(const std::string& name, std::vector<std::string> arg
     return false;
 }
 
-bool HeadlessDesktop::startBus()
+bool HeadlessDesktop::startBus(Bus bus)
 {
     // The desktop's user owns the bus; root may join it.
-    writeText(m_dir / "bus.conf",
+    const std::string type = bus == Bus::session ? "session" : "system";
+    const std::string address = busAddress(bus);
+    const fs::path config = m_dir / (type + ".conf");
+    writeText(config,
         "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN\" "
-        "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n<busconfig><type>session</type>"
-        "<listen>unix:path=" + (m_runtime / "bus").string() + "</listen><auth>EXTERNAL</auth>"
+        "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">\n<busconfig><type>" + type + "</type>"
+        "<listen>" + address + "</listen><auth>EXTERNAL</auth>"
         "<policy context=\"default\"><allow user=\"root\"/><allow send_destination=\"*\" eavesdrop=\"true\"/>"
         "<allow eavesdrop=\"true\"/><allow own=\"*\"/></policy></busconfig>\n");
-    return step("dbus-daemon", {"dbus-daemon", "--nofork", "--config-file=" + (m_dir / "bus.conf").string()},
-        [this] { return fs::exists(m_runtime / "bus"); });
+    const fs::path socket = address.substr(10);
+    if (!step(bus == Bus::session ? "dbus-daemon" : "system-bus",
+            {"dbus-daemon", "--nofork", "--config-file=" + config.string()}, [socket] { return fs::exists(socket); }))
+        return false;
+    if (bus == Bus::system)
+        m_serverEnv.push_back("DBUS_SYSTEM_BUS_ADDRESS=" + address);
+    return true;
 }
 
 bool HeadlessDesktop::waitForName(const std::string& name) const
@@ -66,9 +88,17 @@ bool HeadlessDesktop::waitForName(const std::string& name) const
     return runCommand({"gdbus", "wait", "--session", "--timeout", "15", name}, environment()).status == 0;
 }
 
-void HeadlessDesktop::startClient(const std::vector<std::string>& argv)
+std::string HeadlessDesktop::newToken()
+{
+    std::string token;
+    std::getline(std::ifstream("/proc/sys/kernel/random/uuid"), token);
+    return token;
+}
+
+ChildProcess& HeadlessDesktop::startClient(const std::vector<std::string>& argv)
 {
     m_processes.push_back(start("client" + std::to_string(m_processes.size()), argv));
+    return *m_processes.back();
 }
 
 std::vector<std::string> HeadlessDesktop::asUser(std::vector<std::string> argv) const
@@ -96,6 +126,16 @@ RecordedSummary recordedSummary(const std::string& err)
     if (auto at = err.find(".mov ("); at != std::string::npos)
         summary.seconds = std::atof(err.c_str() + at + 6);
     return summary;
+}
+
+fs::path onlyMovie(const fs::path& library)
+{
+    std::vector<fs::path> movies;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(library, ec))
+        if (entry.path().extension() == ".mov")
+            movies.push_back(entry.path());
+    return movies.size() == 1 ? movies[0] : fs::path();
 }
 
 } // namespace plim::testkit

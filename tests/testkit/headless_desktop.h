@@ -2,8 +2,9 @@
 // What the headless Wayland desktops of the portal tests share: a folder holding a private
 // runtime folder and a home, a session bus of their own (a dbus-daemon with no service
 // folder, so nothing starts behind the test's back; root may join it, so the test and plimctl
-// can call the portal), and processes started in order and stopped by process id in reverse.
-// Under root every process runs as `nobody`.
+// can call the portal), a system bus beside it for a desktop that wants one, and processes
+// started in order and stopped by process id in reverse. Under root every process runs as
+// `nobody`.
 
 #include "testkit/testkit.h"
 
@@ -24,10 +25,10 @@ public:
     const std::string& trouble() const { return m_trouble; }
     const fs::path& folder() const { return m_dir.path(); }
     // The variables a client of this desktop needs (bus, runtime folder, Wayland socket).
-    virtual std::vector<std::string> environment() const = 0;
+    std::vector<std::string> environment() const;
 
     // Starts `argv` as the desktop's user, stopped with the desktop.
-    void startClient(const std::vector<std::string>& argv);
+    ChildProcess& startClient(const std::vector<std::string>& argv);
     // `argv` run as the desktop's user (the portal tells apps apart by their processes, which
     // it must be able to read), with the caller's environment.
     std::vector<std::string> asUser(std::vector<std::string> argv) const;
@@ -35,23 +36,31 @@ public:
     void handOver(const fs::path& folder) const;
 
 protected:
-    HeadlessDesktop(); // makes the folders; on failure not up, with the trouble said
+    // Makes the folders; on failure not up, with the trouble said. `desktop` is what
+    // XDG_CURRENT_DESKTOP names.
+    explicit HeadlessDesktop(std::string desktop);
     virtual ~HeadlessDesktop();
 
-    std::string busAddress() const { return "unix:path=" + (m_runtime / "bus").string(); }
-    // `argv` started as the desktop's user with the desktop's environment and `extraEnv`;
-    // its output goes to `name`.log in the folder.
+    enum class Bus { session, system };
+    std::string busAddress(Bus bus = Bus::session) const;
+    // `argv` started as the desktop's user with the desktop's environment, m_serverEnv and
+    // `extraEnv`; its output goes to `name`.log in the folder.
     std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> argv,
         const std::vector<std::string>& extraEnv = {});
     // Starts `argv` and keeps it with the desktop, then waits for `ready`: false, with the
     // program's output as the trouble, when it does not come.
     bool step(const std::string& name, std::vector<std::string> argv, const std::function<bool()>& ready);
-    // Starts the session bus and waits for its socket.
-    bool startBus();
+    // Starts the bus and waits for its socket. The system bus's address goes to every
+    // process started after it.
+    bool startBus(Bus bus = Bus::session);
     bool waitForName(const std::string& name) const;
+    // A fresh restore token for a grant seeded in the permission store.
+    static std::string newToken();
 
     TempDir m_dir;
     fs::path m_runtime, m_home;
+    std::string m_desktop;
+    std::vector<std::string> m_serverEnv; // for the desktop's own processes, not its clients
     std::vector<std::unique_ptr<ChildProcess>> m_processes; // in start order; stopped in reverse
     bool m_up = false;
     std::string m_trouble;
@@ -64,5 +73,7 @@ struct RecordedSummary {
     double seconds = 0;
 };
 RecordedSummary recordedSummary(const std::string& err);
+// The one movie plimctl record left in `library`; empty when there is none or more than one.
+fs::path onlyMovie(const fs::path& library);
 
 } // namespace plim::testkit

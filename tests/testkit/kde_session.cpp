@@ -4,7 +4,6 @@
 
 #include <sdbus-c++/sdbus-c++.h>
 
-#include <fstream>
 #include <sstream>
 
 namespace plim::testkit {
@@ -42,6 +41,7 @@ constexpr uint32_t qVariantList = 9, qStringList = 11;
 } // namespace
 
 KdeSession::KdeSession(int width, int height)
+    : HeadlessDesktop("KDE")
 {
     if (auto missing = missingProgram({"kwin_wayland", "pipewire", "wireplumber", "dbus-daemon", "gdbus",
             "/usr/libexec/xdg-desktop-portal", portalKde, "/usr/libexec/xdg-permission-store"}))
@@ -66,12 +66,6 @@ KdeSession::KdeSession(int width, int height)
         && step("portal-kde", {"env", "QT_QPA_PLATFORM=wayland", portalKde},
             [&] { return waitForName("org.freedesktop.impl.portal.desktop.kde"); })
         && step("portal", {"/usr/libexec/xdg-desktop-portal"}, [&] { return waitForName("org.freedesktop.portal.Desktop"); });
-}
-
-std::vector<std::string> KdeSession::environment() const
-{
-    return {"XDG_RUNTIME_DIR=" + m_runtime.string(), "DBUS_SESSION_BUS_ADDRESS=" + busAddress(),
-        "WAYLAND_DISPLAY=wayland-0", "XDG_CURRENT_DESKTOP=KDE", "XDG_SESSION_TYPE=wayland"};
 }
 
 std::string KdeSession::windowId(const std::string& appId)
@@ -106,8 +100,7 @@ std::string KdeSession::windowId(const std::string& appId)
 
 std::string KdeSession::grantWindowCast(const std::string& id)
 {
-    std::string token;
-    std::getline(std::ifstream("/proc/sys/kernel/random/uuid"), token);
+    const std::string token = newToken();
     // The KDE portal's restore data: ("KDE", 1, <a Qt map of "outputs" and "windows">).
     QtStream map;
     map.u32(2).string("outputs").variant(qVariantList).u32(0);

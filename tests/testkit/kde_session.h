@@ -18,8 +18,6 @@ class KdeSession final : public HeadlessDesktop {
 public:
     explicit KdeSession(int width = 1280, int height = 800);
 
-    std::vector<std::string> environment() const override;
-
     // KWin's id of the window whose application id is `appId` ("{...}"); empty while there
     // is none.
     std::string windowId(const std::string& appId);
