@@ -5,7 +5,7 @@
 
 #include "base/clock.h"
 #include "capture/capture_session.h"
-#include "media/media.h"
+#include "media/movie_reader.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
