@@ -268,7 +268,8 @@ TEST_F(PreviewPlayerTest, PlayRunsInOrderAtTheFrameRateWithTheEditsSound)
     player->pause();
     const std::size_t wrap = wrapped(lap);
     EXPECT_GE(lap[wrap - 1].slot, 50) << "the lap ran to its end";
-    EXPECT_LE(lap[wrap].slot, 10) << "the next lap began at the start";
+    // Near the start, not back at 0.7 s (slot 42); a loaded machine may drop the first frames.
+    EXPECT_LE(lap[wrap].slot, 24) << "the next lap began at the start";
     for (std::size_t i = wrap + 1; i < lap.size(); ++i)
         EXPECT_GT(lap[i].slot, lap[i - 1].slot) << "frame " << i << " of the new lap";
 }
