@@ -184,7 +184,9 @@ TEST_F(PortalCapture, RecordsTheScreenAndPointerThenReusesTheChoice)
     }
     EXPECT_GE(before, 30) << samples.front().x << "," << samples.front().y;
     EXPECT_GE(after, 30) << samples.back().x << "," << samples.back().y;
-    EXPECT_LE(elsewhere, 3);
+    // A wrong track (scale, origin, hotspot) puts most samples elsewhere; a loaded desktop a
+    // few, while the move shows.
+    EXPECT_LE(elsewhere, int(samples.size()) / 10);
 
     // The token the desktop handed back is kept, and a second recording needs no grant.
     const std::string kept = keptToken();
