@@ -28,13 +28,7 @@ namespace {
     return 0;
 }();
 
-struct Ran {
-    int status;
-    std::string out, err;
-};
-
-template<auto command>
-Ran run(const Args& args)
+template<auto command> CommandResult run(const Args& args)
 {
     std::ostringstream out, err;
     int status = command(args, out, err);
@@ -121,11 +115,11 @@ TEST_F(CtlSuite, BadArgumentsGetOneSentenceAndDoNothing)
     const fs::path file = m_sandbox.home() / "file";
     writeText(file, "x");
     const std::string nowhere = "unix:path=" + (m_sandbox.home() / "none").string();
-    for (const Ran& r : {moments({"--colour"}), moments({"--app"}), moments({"--from", "yesterday"}),
-             moments({"--entity-type", "file"}), moments({"--app", "Plim"}), moments({"stray"}), moments({"--json=yes"}),
-             moments({"--graph", file.string()}), beacon({}), beacon({"dance"}), beacon({"post", "idle", "--app", "vlc"}),
-             beacon({"post", "idle", "--bus", nowhere}), beacon({"watch", "--check-every", "0"}),
-             beacon({"watch", "plim", "tovan"})}) {
+    for (const CommandResult& r : {moments({"--colour"}), moments({"--app"}), moments({"--from", "yesterday"}),
+             moments({"--entity-type", "file"}), moments({"--app", "Plim"}), moments({"stray"}),
+             moments({"--json=yes"}), moments({"--graph", file.string()}), beacon({}), beacon({"dance"}),
+             beacon({"post", "idle", "--app", "vlc"}), beacon({"post", "idle", "--bus", nowhere}),
+             beacon({"watch", "--check-every", "0"}), beacon({"watch", "plim", "tovan"})}) {
         EXPECT_EQ(r.status, 1) << r.err;
         EXPECT_EQ(r.out, "") << r.err;
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;

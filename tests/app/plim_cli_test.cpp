@@ -42,15 +42,19 @@ struct CliTest : ::testing::Test {
         args.insert(args.begin(), builtExecutable("plimctl").string());
         return runCommand(args, env);
     }
+    // A test movie with a pointer track, in the test's folder.
+    fs::path trackedMovie(const std::string& name = "B.mov")
+    {
+        EXPECT_TRUE(writeTestMovie(dir / name, TestMovie{}));
+        EXPECT_TRUE(testTrack(TestMovie{}).write(dir / name));
+        return dir / name;
+    }
 };
 
 TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItBack)
 {
-    TestMovie source;
-    for (const char* base : {"A", "B"}) {
-        ASSERT_TRUE(writeTestMovie(dir / (std::string(base) + ".mov"), source));
-        ASSERT_TRUE(testTrack(source).write(dir / (std::string(base) + ".mov")));
-    }
+    trackedMovie("A.mov");
+    trackedMovie("B.mov");
     writeText(dir / "B.edits.json", R"({"trimOut": 0.5})");
     auto result = plimRun({"--reframe", (dir / "A.mov").string(), "--stage", (dir / "B.mov").string()});
     ASSERT_EQ(result.status, 0) << result.err;
@@ -98,19 +102,15 @@ TEST_F(CliTest, StageWinsOverReframeRendersWithThePlanBesideTheMovieAndWritesItB
 
 TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
 {
-    TestMovie source;
-    fs::path movie = dir / "B.mov";
-    ASSERT_TRUE(writeTestMovie(movie, source));
-    ASSERT_TRUE(testTrack(source).write(movie));
+    const fs::path movie = trackedMovie();
     writeText(dir / "B.edits.json", R"({"trimIn": 2, "trimOut": 2.5})");
     auto before = folderContents(dir.path());
 
-    auto png = ctl({"stage", movie.string(), "--backdrop", "#102030", "--size", "720", "--frame", "0.2", "--png",
-        (dir / "out" / "f.png").string()});
-    EXPECT_EQ(png.status, 1) << "a folder that does not exist is refused";
+    const std::vector<std::string> pngArgs = {"stage", movie.string(), "--backdrop", "#102030", "--size", "720",
+        "--frame", "0.2", "--png", (dir / "out" / "f.png").string()};
+    EXPECT_EQ(ctl(pngArgs).status, 1) << "a folder that does not exist is refused";
     fs::create_directories(dir / "out");
-    png = ctl({"stage", movie.string(), "--backdrop", "#102030", "--size", "720", "--frame", "0.2", "--png",
-        (dir / "out" / "f.png").string()});
+    auto png = ctl(pngArgs);
     ASSERT_EQ(png.status, 0) << png.err;
     EXPECT_EQ(readText(dir / "out" / "f.png").substr(1, 3), "PNG");
 
@@ -122,32 +122,28 @@ TEST_F(CliTest, PlimctlStageRendersAFramePictureAndTheMovieWritingNothingElse)
     EXPECT_EQ(probe.height, 720);
     EXPECT_EQ(probe.frames, 30);
 
-    struct Refusal {
-        std::vector<std::string> args;
-        std::string says;
-    };
-    const Refusal refusals[] = {
-        {{"--size", "900"}, "is not an output size"},
-        {{"--click-style", "sparkle"}, "is not a choice for --click-style"},
-        {{"--shape", "4:3"}, "is not a choice for --shape"},
-        {{"--frame", "soon", "--png", "x.png"}, "--frame takes a time in seconds"},
-        // Outputs that are the plim's own files, however they are named, are refused first.
-        {{"--output", movie.string()}, "is the plim's own recording, so nothing was written"},
-        {{"--output", (dir / "link.mov").string()}, "is the plim's own recording"},
-        {{"--output", (dir / "sub" / ".." / "B.cursor.json").string()}, "one of the plim's own files (B.cursor.json)"},
-        {{"--frame", "0.2", "--png", (dir / "B.edits.json").string()}, "one of the plim's own files (B.edits.json)"},
-        {{"--frame", "1000", "--png", "x.png"}, "The output is 0.5 s long, so it has no frame at 1000.0 s."},
-        {{"--padding", "100000"}, "Use a whole number from 0 to 400"},
-        {{"--backdrop", "#zzzzzz"}, "the backdrop \"#zzzzzz\" cannot be used. \"#zzzzzz\" is not a colour"},
-    };
     fs::create_symlink(movie, dir / "link.mov");
     fs::create_directory(dir / "sub");
-    for (const auto& r : refusals) {
+    for (const auto& [options, says] :
+        std::vector<std::pair<std::vector<std::string>, std::string>>{{{"--size", "900"}, "is not an output size"},
+            {{"--click-style", "sparkle"}, "is not a choice for --click-style"},
+            {{"--shape", "4:3"}, "is not a choice for --shape"},
+            {{"--frame", "soon", "--png", "x.png"}, "--frame takes a time in seconds"},
+            // Outputs that are the plim's own files, however they are named, are refused first.
+            {{"--output", movie.string()}, "is the plim's own recording, so nothing was written"},
+            {{"--output", (dir / "link.mov").string()}, "is the plim's own recording"},
+            {{"--output", (dir / "sub" / ".." / "B.cursor.json").string()},
+                "one of the plim's own files (B.cursor.json)"},
+            {{"--frame", "0.2", "--png", (dir / "B.edits.json").string()},
+                "one of the plim's own files (B.edits.json)"},
+            {{"--frame", "1000", "--png", "x.png"}, "The output is 0.5 s long, so it has no frame at 1000.0 s."},
+            {{"--padding", "100000"}, "Use a whole number from 0 to 400"},
+            {{"--backdrop", "#zzzzzz"}, "the backdrop \"#zzzzzz\" cannot be used. \"#zzzzzz\" is not a colour"}}) {
         std::vector<std::string> args = {"stage", movie.string()};
-        args.insert(args.end(), r.args.begin(), r.args.end());
+        args.insert(args.end(), options.begin(), options.end());
         auto refused = ctl(args);
         EXPECT_EQ(refused.status, 1);
-        EXPECT_THAT(refused.err, HasSubstr(r.says));
+        EXPECT_THAT(refused.err, HasSubstr(says));
     }
     fs::remove_all(dir / "out");
     fs::remove_all(dir / "sub");
@@ -170,11 +166,8 @@ TEST_F(CliTest, AOneFrameASecondMovieUnderALongerPointerTrackStagesWhole)
     // Two pictures a second apart, and a pointer track that runs on for 20 s: the pointer
     // jiggles in place (busy, never idle), sets off at 5 s and clicks at 6 s. Sized by the
     // track, the automatic edit would trim everything before 4.7 s, the whole movie.
-    fs::path movie = dir / "B.mov";
-    ASSERT_EQ(runCommand({"ffmpeg", "-v", "error", "-f", "lavfi", "-i", "testsrc=rate=1:size=320x200:duration=2",
-                  "-c:v", "libx264", "-pix_fmt", "yuv420p", movie.string()})
-                  .status,
-        0);
+    const fs::path movie = dir / "B.mov";
+    ASSERT_TRUE(writeTestMovie(movie, TestMovie{.fps = 1, .duration = 2, .sound = false}));
     CursorTrack track{.displayWidth = 320, .displayHeight = 200};
     for (int i = 0; i <= 1200; ++i)
         track.samples.push_back({std::llround(i * 1000.0 / 60), i < 300 ? 160.0 + (i % 12 < 6) * 5 : i - 135.0, 100, 0});
@@ -196,10 +189,7 @@ TEST_F(CliTest, AOneFrameASecondMovieUnderALongerPointerTrackStagesWhole)
 
 TEST_F(CliTest, EveryCommandSaysAndUsesThePlanOneRuleGivesAndLeavesAnUnusableEditsFileAlone)
 {
-    TestMovie source;
-    fs::path movie = dir / "B.mov";
-    ASSERT_TRUE(writeTestMovie(movie, source));
-    ASSERT_TRUE(testTrack(source).write(movie));
+    const fs::path movie = trackedMovie();
     auto noticesOf = [](const std::string& err) {
         std::vector<std::string> lines;
         for (size_t at = err.find("notice: "); at != std::string::npos; at = err.find("notice: ", at + 1))
@@ -343,13 +333,8 @@ TEST(StageCLI, RequestedRenderPrefersStageAndIgnoresATrailingOption)
 TEST(StageCLI, ProgressTruncatesTowardZeroSummaryLineAndTrimSuffix)
 {
     EXPECT_EQ(StageCLI::progressLine("staging", 0.999), "staging 99%");
-    RenderSummary s;
-    s.wallSeconds = 3.24;
-    s.movieDuration = 60;
-    s.outputDuration = 41.46;
-    s.zooms = 3;
-    s.activeSkips = 2;
-    s.cuts = 1;
+    RenderSummary s{
+        .wallSeconds = 3.24, .movieDuration = 60, .outputDuration = 41.46, .zooms = 3, .activeSkips = 2, .cuts = 1};
     EXPECT_EQ(StageCLI::summaryLine(s), "render: 3.2s for 60.0s of plim · out 41.5s · 3 zooms · 2 skips · 1 cuts");
     s.trimOut = 12.0;
     EXPECT_EQ(StageCLI::summaryLine(s),

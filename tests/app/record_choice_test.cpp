@@ -17,13 +17,12 @@ using namespace plim::testkit;
 TEST(RecordChoice, RoundTripsAndTurnsIntoCaptureSettings)
 {
     MemorySettingsStore settings;
-    RecordChoice choice;
-    choice.subject = RecordChoice::Subject::area;
-    choice.area = Rect{10, 20, 640, 360};
-    choice.microphone = true;
-    choice.microphoneDevice = "alsa_input.usb";
-    choice.keys = false;
-    choice.countdownSeconds = 5;
+    RecordChoice choice{.subject = RecordChoice::Subject::area,
+        .area = Rect{10, 20, 640, 360},
+        .microphone = true,
+        .microphoneDevice = "alsa_input.usb",
+        .keys = false,
+        .countdownSeconds = 5};
     ASSERT_TRUE(choice.save(settings));
     EXPECT_EQ(RecordChoice::load(settings), choice);
 

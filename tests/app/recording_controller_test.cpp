@@ -2,16 +2,16 @@
 // cancel, phases, pause and marks, replim, the beacon it posts and the moment it files.
 
 #include "app/recording_controller.h"
-#include "live/live_session.h"
 #include "base/clock.h"
 #include "base/files.h"
+#include "capture/ticking_screen_source.h"
+#include "live/live_session.h"
 #include "suite/suite.h"
 #include "testkit/servers.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -24,38 +24,23 @@ using namespace testkit;
 using namespace std::chrono_literals;
 
 // Grey 64 x 48 frames at the asked rate.
-class ScriptedScreenSource final : public ScreenSource {
+class ScriptedScreenSource final : public TickingScreenSource {
 public:
     ~ScriptedScreenSource() override { stop(); }
     Rect frame() const override { return {0, 0, 64, 48}; }
     double scale() const override { return 1.0; }
     std::optional<uint32_t> windowID() const override { return std::nullopt; }
-    Status start(int fps, FrameHandler onFrame, EndHandler) override
-    {
-        m_thread = std::jthread([fps, onFrame = std::move(onFrame), this](std::stop_token stop) {
-            while (!stop.stop_requested()) {
-                Image image = Image::allocate(64, 48);
-                std::memset(image.pixels.get(), 0x80, size_t(image.stride) * 48);
-                onFrame(CapturedFrame{image, systemUptime()});
-                ++m_delivered;
-                std::this_thread::sleep_for(std::chrono::duration<double>(1.0 / fps));
-            }
-        });
-        return {};
-    }
-    void stop() override
-    {
-        if (m_thread.joinable()) {
-            m_thread.request_stop();
-            m_thread.join();
-        }
-    }
-    int64_t deliveredFrames() const override { return m_delivered; }
-    int64_t droppedFrames() const override { return 0; }
 
 private:
-    std::jthread m_thread;
-    std::atomic<int64_t> m_delivered{0};
+    void run(std::stop_token stop) override
+    {
+        for (double next = systemUptime(); !stop.stop_requested();) {
+            std::this_thread::sleep_for(std::chrono::duration<double>(next - systemUptime()));
+            Image image = Image::allocate(64, 48);
+            std::memset(image.pixels.get(), 0x80, size_t(image.stride) * 48);
+            deliver(CapturedFrame{image, systemUptime()}, next);
+        }
+    }
 };
 
 class RecordingControllerTest : public ::testing::Test {

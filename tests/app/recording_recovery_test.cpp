@@ -3,11 +3,10 @@
 
 #include "app/recording_recovery.h"
 
-#include "base/files.h"
-#include "capture/cursor_track.h"
 #include "capture/recording_marker.h"
 #include "media/movie_reader.h"
 #include "media/movie_writer.h"
+#include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
@@ -41,12 +40,7 @@ TEST(RecordingRecovery, LeavesRollingAndUnrecoverableRecordingsAsTheyAre)
     markFor("Gone", "another-boot");
     writeText(library / "Odd.rolling.json", "{\"pid\": \"twelve\"}");
 
-    auto before = [&] {
-        std::map<std::string, std::string> files;
-        for (const auto& entry : fs::directory_iterator(library.path()))
-            files[entry.path().filename().string()] = readText(entry.path());
-        return files;
-    }();
+    auto before = folderContents(library.path());
     auto sentences = recoverAbandonedRecordings(library.path());
     ASSERT_EQ(sentences.size(), 4u) << ::testing::PrintToString(sentences);
     const std::string folder = library.path().string();
@@ -64,10 +58,7 @@ TEST(RecordingRecovery, LeavesRollingAndUnrecoverableRecordingsAsTheyAre)
                             "not be read (it names no process); it was left as it is.");
     // Only the marker of the movie that was never made is gone; every other byte stays.
     before.erase("Gone.rolling.json");
-    std::map<std::string, std::string> after;
-    for (const auto& entry : fs::directory_iterator(library.path()))
-        after[entry.path().filename().string()] = readText(entry.path());
-    EXPECT_EQ(after, before);
+    EXPECT_EQ(folderContents(library.path()), before);
 }
 
 TEST(RecordingRecovery, AFragmentCutOffWhileBeingWrittenIsTakenOffTheMovie)

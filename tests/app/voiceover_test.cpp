@@ -14,11 +14,11 @@
 #include "testkit/test_movies.h"
 #include "testkit/testkit.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <signal.h>
 
-#include <cmath>
 #include <thread>
 
 namespace plim {
@@ -26,6 +26,7 @@ namespace {
 
 using namespace testkit;
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
 
 class VoiceoverTest : public ::testing::Test {
 protected:
@@ -83,18 +84,15 @@ protected:
 TEST_F(VoiceoverTest, TakeJoinsAtThePlayheadAndIsHeardInTheShare)
 {
     const fs::path movie = plim("Talk.mov", 6);
-    PlimEdits trimmed;
-    trimmed.plan.trimIn = 1.0;
-    ASSERT_TRUE(trimmed.write(movie, "test"));
+    ASSERT_TRUE(PlimEdits{.plan = {.trimIn = 1.0}}.write(movie, "test"));
 
     auto recorded = ctl({"voiceover", movie.string(), "--at", "2", "--duration", "2"});
     ASSERT_EQ(recorded.status, 0) << recorded.err;
     const fs::path take = plims / "Talk.voiceover.wav";
     EXPECT_EQ(recorded.out, take.string() + "\n");
-    EXPECT_NE(recorded.err.find("The voiceover landed at " + take.string() + " (2.0 s), and joined the plim's edits at "
-                                "0:02.0 of the edit (0:03.0 of the recording).\n"),
-        std::string::npos)
-        << recorded.err;
+    EXPECT_THAT(recorded.err,
+        HasSubstr("The voiceover landed at " + take.string()
+            + " (2.0 s), and joined the plim's edits at 0:02.0 of the edit (0:03.0 of the recording).\n"));
     EXPECT_TRUE(voiceoversLeft().empty());
 
     auto edits = PlimEdits::read(movie);
@@ -239,10 +237,8 @@ TEST_F(VoiceoverTest, AFullDiskKeepsWhatWasWrittenAndSaysSo)
     const fs::path movie = plim("Full.mov", 5);
     auto recorded = ctl({"voiceover", movie.string(), "--duration", "3", "--library", disk.path().string()});
     EXPECT_EQ(recorded.status, 2) << recorded.err;
-    EXPECT_NE(recorded.err.find("could not be written (No space left on device); the take keeps what was written "
-                                "before.\n"),
-        std::string::npos)
-        << recorded.err;
+    EXPECT_THAT(recorded.err,
+        HasSubstr("could not be written (No space left on device); the take keeps what was written before.\n"));
     auto edits = PlimEdits::read(movie);
     ASSERT_TRUE(edits && edits->value);
     ASSERT_EQ(edits->value->voiceovers.size(), 1u);
