@@ -2,39 +2,18 @@
 #include "base/settings.h"
 #include "ui/desktop_icons.h"
 #include "ui/settings_window.h"
+#include "wait_until.h"
 
 #include <QDBusConnection>
 #include <QDBusVariant>
-#include <QMutex>
 #include <QThread>
-
-#include <atomic>
 
 #include <gtest/gtest.h>
 
 using namespace plim;
+using plim::testkit::CallLog;
 
 namespace {
-
-// What the fake desktop was asked, in order; the desktop answers yes while it obliges.
-struct CallLog {
-    QStringList calls() const
-    {
-        QMutexLocker lock(&m_lock);
-        return m_calls;
-    }
-    bool note(const QString& call)
-    {
-        QMutexLocker lock(&m_lock);
-        m_calls << call;
-        return obliges;
-    }
-    std::atomic<bool> obliges = true;
-
-private:
-    mutable QMutex m_lock;
-    QStringList m_calls;
-};
 
 // GNOME Shell's extension switch as the session bus offers it.
 class FakeShell : public QObject {

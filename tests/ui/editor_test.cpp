@@ -62,6 +62,13 @@ PlimEdits editsOnDisk(const fs::path& movie)
     return read && read->value ? *read->value : PlimEdits{};
 }
 
+// The edits on disk once the editor has saved what it holds.
+PlimEdits savedEdits(EditorWindow& window)
+{
+    window.saveNow();
+    return editsOnDisk(window.document()->movieURL());
+}
+
 // How much the picture varies over a rectangle: the spread of its green channel, which the
 // movie fills with noise and a blur box evens out.
 double spread(const QImage& image, QRect area)
@@ -197,8 +204,7 @@ TEST_F(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     const QRect clips = timeline.laneRect(TimelineView::Lane::clips);
     const QPointF trimHandle(timeline.xOf(trimIn) + 2, clips.center().y());
     drag(&timeline, trimHandle, trimHandle + QPointF(50, 0));
-    window.saveNow();
-    PlimEdits trimmed = editsOnDisk(movie);
+    PlimEdits trimmed = savedEdits(window);
     EXPECT_NEAR(trimmed.plan.trimIn.value_or(0), trimIn + 48 * timeline.secondsPerPixel(), 3 * timeline.secondsPerPixel());
     EXPECT_EQ(trimmed.plan.zooms, start.plan.zooms);
     EXPECT_EQ(document.undoStack().size(), 1u) << "a drag is one undo step";
@@ -208,8 +214,7 @@ TEST_F(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     const QRect zooms = timeline.laneRect(TimelineView::Lane::zooms);
     const QPointF middle(timeline.xOf((zoom.start + zoom.end) / 2), zooms.center().y());
     drag(&timeline, middle, middle + QPointF(60, 0));
-    window.saveNow();
-    PlimEdits zoomed = editsOnDisk(movie);
+    PlimEdits zoomed = savedEdits(window);
     ASSERT_EQ(zoomed.plan.zooms.size(), 1u);
     EXPECT_GT(zoomed.plan.zooms[0].start, zoom.start + 40 * timeline.secondsPerPixel());
     EXPECT_NEAR(zoomed.plan.zooms[0].end - zoomed.plan.zooms[0].start, zoom.end - zoom.start, 1e-6);
@@ -222,12 +227,12 @@ TEST_F(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     const QPointF bottomRight = *preview.widgetPointOf({300, 200});
     const QRectF box(topLeft, bottomRight);
     const QRectF inner = box.adjusted(box.width() * 0.2, box.height() * 0.2, -box.width() * 0.2, -box.height() * 0.2);
-    const double noisy = spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner));
+    auto boxSpread = [&] { return spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner)); };
+    const double noisy = boxSpread();
     EXPECT_GT(noisy, 20) << "the movie's noise shows before the box";
     window.drawBlurBox();
     drag(window.blurOverlay(), topLeft, bottomRight);
-    window.saveNow();
-    PlimEdits blurred = editsOnDisk(movie);
+    PlimEdits blurred = savedEdits(window);
     ASSERT_EQ(blurred.plan.masks.size(), 1u);
     const MaskRegion& mask = blurred.plan.masks[0];
     EXPECT_NEAR(mask.x, 180.0 / 480, 0.02);
@@ -235,20 +240,16 @@ TEST_F(Editor, DragsTrimZoomAndBlurOneUndoStepEachAndUndoesThemInTurn)
     EXPECT_NEAR(mask.w, 120.0 / 480, 0.02);
     EXPECT_NEAR(mask.h, 100.0 / 300, 0.02);
     EXPECT_EQ(document.undoStack().size(), 3u) << "drawing a box is one undo step";
-    EXPECT_TRUE(waitUntil([&] { return spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner)) < noisy / 3; }, 20))
-        << "the preview blurs where the box lies";
+    EXPECT_TRUE(waitUntil([&] { return boxSpread() < noisy / 3; }, 20)) << "the preview blurs where the box lies";
     keepShot(window, "editor");
 
     // Three undos from the keyboard take the drags back on disk and in the preview.
     QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
-    window.saveNow();
-    EXPECT_EQ(editsOnDisk(movie).plan, zoomed.plan);
-    EXPECT_TRUE(waitUntil([&] { return spread(preview.shownFrame(), inFrame(preview, preview.shownFrame(), inner)) > noisy * 0.7; }))
-        << "the box's blur went with its undo";
+    EXPECT_EQ(savedEdits(window).plan, zoomed.plan);
+    EXPECT_TRUE(waitUntil([&] { return boxSpread() > noisy * 0.7; })) << "the box's blur went with its undo";
     QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
     QTest::keyClick(&window, Qt::Key_Z, Qt::ControlModifier);
-    window.saveNow();
-    EXPECT_EQ(editsOnDisk(movie).plan, start.plan);
+    EXPECT_EQ(savedEdits(window).plan, start.plan);
     EXPECT_FALSE(document.canUndo());
     EXPECT_TRUE(document.canRedo());
 
@@ -263,14 +264,13 @@ TEST_F(Editor, ShowsTheStagedLookAndCaptionLinesAndTheInspectorReachesTheEditsFi
     const fs::path movie = trackedPlim(folder / "Look.mov", source);
     // The stage look beside the movie, which the plim's edits wear no look over yet: a slate
     // backdrop, a card in pixels, a stronger shadow, spotlight clicks in amber and a pointer at 150 %.
-    StageSpec stage;
-    stage.backdrop = StageSpec::Backdrop::named(StageSpec::Backdrop::Named::slate);
-    stage.paddingPX = 120;
-    stage.cornersPX = 30;
-    stage.shadowPercent = 60;
-    stage.clickStyle = ClickStyle::spotlight;
-    stage.clickTint = ClickTint::amber;
-    stage.cursorSize = 150;
+    const StageSpec stage{.backdrop = StageSpec::Backdrop::named(StageSpec::Backdrop::Named::slate),
+        .paddingPX = 120,
+        .cornersPX = 30,
+        .shadowPercent = 60,
+        .cursorSize = 150,
+        .clickStyle = ClickStyle::spotlight,
+        .clickTint = ClickTint::amber};
     ASSERT_TRUE(StageSpecFile::write(sidecarPath(movie, PlimFiles::stage), stage));
     const CaptionTrack captions{{{"Open the settings window and then press save", 0.0, 1.6}, {"Done", 2.0, 2.9}}};
     ASSERT_TRUE(writeJsonAtomic(CaptionTrack::fileBeside(movie), captions.toJson()));
@@ -310,8 +310,7 @@ TEST_F(Editor, ShowsTheStagedLookAndCaptionLinesAndTheInspectorReachesTheEditsFi
     const int64_t drawn = preview.framesShown();
     if (QWidget* dot = reach("click_highlight"))
         QTest::mouseClick(dot, Qt::LeftButton);
-    window.saveNow();
-    const auto seeded = editsOnDisk(movie).look;
+    const auto seeded = savedEdits(window).look;
     ASSERT_TRUE(seeded);
     EXPECT_EQ(seeded->clickStyle, PlimLook::ClickStyle::highlight);
     EXPECT_EQ(seeded->backdrop, PlimLook::Backdrop::stage);
@@ -340,8 +339,7 @@ TEST_F(Editor, ShowsTheStagedLookAndCaptionLinesAndTheInspectorReachesTheEditsFi
         size->setFocus();
         QTest::keyClick(size, Qt::Key_PageUp); // a page is 100 %, from the staged 150 %
     }
-    window.saveNow();
-    const PlimEdits saved = editsOnDisk(movie);
+    const PlimEdits saved = savedEdits(window);
     ASSERT_TRUE(saved.look);
     EXPECT_TRUE(saved.look->captions);
     EXPECT_EQ(saved.look->shape, PlimLook::Shape::wide);
@@ -417,8 +415,7 @@ TEST_F(Editor, GeneratesCaptionsOffTheInterfaceThreadAndShowsThem)
     const QImage captioned = frameAt(preview, window.timeline()->remap().output(spoken));
     EXPECT_GT(changedPixels(captioned, frameAt(preview, 0)), 300) << "the preview shows the new line where it is spoken";
     // The edits name the file and show captions, on disk once saved.
-    window.saveNow();
-    const PlimEdits saved = editsOnDisk(movie);
+    const PlimEdits saved = savedEdits(window);
     EXPECT_EQ(saved.captionsFile, "Spoken.captions.json");
     ASSERT_TRUE(saved.look);
     EXPECT_TRUE(saved.look->captions);
@@ -441,10 +438,12 @@ TEST_F(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
     const fs::path movie = folder / "Narrated.mov";
     // The plim's own sound: a steady 1 kHz tone.
     ASSERT_TRUE(writeTestMovie(movie, TestMovie{.duration = 5, .tones = {0}, .toneLength = 5}));
-    PlimEdits cut;
-    cut.plan.trimIn = 1.0;
-    ASSERT_TRUE(cut.write(movie, "test"));
+    ASSERT_TRUE(PlimEdits{.plan = {.trimIn = 1.0}}.write(movie, "test"));
     const fs::path library = folder / "Library";
+    auto takesLeft = [&] {
+        std::error_code none;
+        return std::distance(fs::directory_iterator(voiceoversFolder(library), none), fs::directory_iterator());
+    };
 
     auto opened = openEditor(movie);
     ASSERT_TRUE(opened);
@@ -464,10 +463,7 @@ TEST_F(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
     EXPECT_TRUE(preview.isMuted());
     // Long enough that the sound server's buffering (up to 1.35 s seen) still leaves sound in it.
     QTest::qWait(2200);
-    EXPECT_EQ(fs::exists(voiceoversFolder(library)) ? std::distance(fs::directory_iterator(voiceoversFolder(library)),
-                                                          fs::directory_iterator())
-                                                    : 0,
-        2); // the take and its note
+    EXPECT_EQ(takesLeft(), 2); // the take and its note
     QTest::mouseClick(record, Qt::LeftButton);
     EXPECT_FALSE(window.isRecordingVoiceover());
     EXPECT_FALSE(preview.isMuted());
@@ -481,7 +477,7 @@ TEST_F(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
     EXPECT_TRUE(fs::exists(folder / voice.file));
     EXPECT_EQ(window.document()->edits().voiceovers, saved.voiceovers);
     EXPECT_EQ(window.timeline()->selection(), (TimelineView::Selection{TimelineView::ItemKind::voiceover, voice.id}));
-    EXPECT_EQ(std::distance(fs::directory_iterator(voiceoversFolder(library)), fs::directory_iterator()), 0);
+    EXPECT_EQ(takesLeft(), 0);
     // The microphone did not hear the plim, which played picture only. What a take holds of
     // the narration is the voiceover recorder's to check.
     EXPECT_LT(toneLevel(allSound(folder / voice.file), 1000, 0.2, voice.duration - 0.1), 0.01);
@@ -493,11 +489,9 @@ TEST_F(Editor, RecordsAVoiceoverAtThePlayheadAndEscDropsATake)
     QTest::keyClick(&window, Qt::Key_Escape);
     EXPECT_FALSE(window.isRecordingVoiceover());
     EXPECT_EQ(window.document()->edits().voiceovers.size(), 1u);
-    EXPECT_EQ(std::distance(fs::directory_iterator(voiceoversFolder(library)), fs::directory_iterator()), 0)
-        << window.status().toStdString();
+    EXPECT_EQ(takesLeft(), 0) << window.status().toStdString();
 
     // The take selected on the timeline is removed with Delete, and saved so.
     QTest::keyClick(window.timeline(), Qt::Key_Delete);
-    window.saveNow();
-    EXPECT_TRUE(editsOnDisk(movie).voiceovers.empty());
+    EXPECT_TRUE(savedEdits(window).voiceovers.empty());
 }

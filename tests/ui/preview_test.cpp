@@ -22,9 +22,7 @@ TEST(PreviewView, OpensSeeksMapsPointsAndPlaysWithSoundOnTheServer)
     TempDir dir;
     PulseServer pulse;
     ASSERT_TRUE(pulse.isUp());
-    std::vector<std::unique_ptr<ScopedEnv>> pulseEnv;
-    for (const std::string& pair : pulse.environment())
-        pulseEnv.push_back(std::make_unique<ScopedEnv>(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1)));
+    ScopedEnv server("PULSE_SERVER", "unix:" + (pulse.runtimeDir() / "native").string());
     TestMovie source;
     for (double t = 0.1; t < 3; t += 0.2)
         source.tones.push_back(t);

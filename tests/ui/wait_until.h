@@ -1,13 +1,16 @@
 #pragma once
-// Running the GUI thread's event loop until something holds, finding a window's parts, and
-// keeping pictures of windows.
+// Running the GUI thread's event loop until something holds, finding a window's parts,
+// keeping pictures of windows, and noting what a fake desktop service was asked.
 
+#include <QMutex>
 #include <QString>
+#include <QStringList>
 #include <QTest>
 #include <QWidget>
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -43,5 +46,25 @@ inline void keepShot(QWidget& window, const std::string& name)
     if (const char* folder = std::getenv("PLIM_UI_SHOTS"))
         window.grab().save(QString::fromStdString((std::filesystem::path(folder) / (name + ".png")).string()));
 }
+
+// What a fake desktop service was asked, in order; the desktop answers yes while it obliges.
+struct CallLog {
+    QStringList calls() const
+    {
+        QMutexLocker lock(&m_lock);
+        return m_calls;
+    }
+    bool note(const QString& call)
+    {
+        QMutexLocker lock(&m_lock);
+        m_calls << call;
+        return obliges;
+    }
+    std::atomic<bool> obliges = true;
+
+private:
+    mutable QMutex m_lock;
+    QStringList m_calls;
+};
 
 } // namespace plim::testkit

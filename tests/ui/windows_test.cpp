@@ -20,13 +20,10 @@
 #include "wait_until.h"
 
 #include <QAbstractItemModel>
-#include <QDBusConnection>
-#include <QMutex>
-#include <QThread>
-#include <QUrl>
 #include <QCheckBox>
 #include <QClipboard>
 #include <QComboBox>
+#include <QDBusConnection>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
@@ -34,12 +31,11 @@
 #include <QPushButton>
 #include <QSpinBox>
 #include <QTest>
+#include <QThread>
+#include <QUrl>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <chrono>
-#include <cstdlib>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -52,21 +48,9 @@ class FakeFileManager : public QObject {
     Q_OBJECT
     Q_CLASSINFO("D-Bus Interface", "org.freedesktop.FileManager1")
 public:
-    QStringList shown() const
-    {
-        QMutexLocker lock(&m_lock);
-        return m_shown;
-    }
+    CallLog shown;
 public slots:
-    void ShowItems(const QStringList& uris, const QString&)
-    {
-        QMutexLocker lock(&m_lock);
-        m_shown += uris;
-    }
-
-private:
-    mutable QMutex m_lock;
-    QStringList m_shown;
+    void ShowItems(const QStringList& uris, const QString&) { shown.note(uris.join(' ')); }
 };
 
 void xdotool(std::vector<std::string> args)
@@ -171,7 +155,8 @@ TEST(HomeWindow, ShowsAPlimCopiedInRenamesItByKeysAndDropsItWhenRemoved)
         ASSERT_TRUE(bus.registerObject(QStringLiteral("/org/freedesktop/FileManager1"), &fileManager, QDBusConnection::ExportAllSlots));
         ASSERT_TRUE(bus.registerService(QStringLiteral("org.freedesktop.FileManager1")));
         home.showPlimInFileManager(home.plims().at(1));
-        EXPECT_EQ(fileManager.shown(), QStringList{QUrl::fromLocalFile(QString::fromStdString((library / "Clip.mov").string())).toString()});
+        EXPECT_EQ(fileManager.shown.calls(),
+            QStringList{QUrl::fromLocalFile(QString::fromStdString((library / "Clip.mov").string())).toString()});
         EXPECT_FALSE(child<QLabel>(home, "message")->text().contains(QStringLiteral("could not be shown")));
         bus.unregisterService(QStringLiteral("org.freedesktop.FileManager1"));
         bus.unregisterObject(QStringLiteral("/org/freedesktop/FileManager1"));
@@ -256,9 +241,7 @@ TEST(RecordPanel, RecordsThePickedAreaWithTheInputsChosenAndShowsWhatBlocksAReco
     TempDir library;
     PulseServer pulse;
     ASSERT_TRUE(pulse.isUp());
-    std::vector<std::unique_ptr<ScopedEnv>> pulseEnv;
-    for (const std::string& pair : pulse.environment())
-        pulseEnv.push_back(std::make_unique<ScopedEnv>(pair.substr(0, pair.find('=')), pair.substr(pair.find('=') + 1)));
+    ScopedEnv server("PULSE_SERVER", "unix:" + (pulse.runtimeDir() / "native").string());
     MemorySettingsStore settings;
     RecordPanel panel(settings, library.path());
     std::optional<std::pair<CaptureSettings, int>> asked;
@@ -388,9 +371,7 @@ TEST(PlimFiles, RenameAndTrashTakeEverySideFileAlongAndNeverAnotherPlims)
     // was taken off its timeline; "A.voiceover 3" is named by E's edits.
     ASSERT_TRUE(withVoiceovers({"A.voiceover.wav", "Old.voiceover.wav"}).write(library / "A.mov", "test"));
     ASSERT_TRUE(withVoiceovers({"A.voiceover 3.wav"}).write(library / "E.mov", "test"));
-    PlimRecord a;
-    a.id = "A";
-    a.rawURL = library / "A.mov";
+    const PlimRecord a{.id = "A", .rawURL = library / "A.mov"};
     // B's take is in the way of A's, so none of A's files move.
     auto refused = renamePlim(a, "B");
     ASSERT_FALSE(refused);
@@ -420,13 +401,9 @@ TEST(PlimFiles, RenameAndTrashTakeEverySideFileAlongAndNeverAnotherPlims)
 
     // C's voiceovers go to the Trash with it: those its edits name, the one taken off its
     // timeline, and a take cut off before it joined, with its note; E's take stays.
-    PlimRecord c;
-    c.id = "C";
-    c.rawURL = library / "C.mov";
-    VoiceoverNote cutOff;
-    cutOff.id = makeUuid();
-    cutOff.movie = library / "C.mov";
-    cutOff.process = RecordingMarker::ofThisProcess(false);
+    const PlimRecord c{.id = "C", .rawURL = library / "C.mov"};
+    VoiceoverNote cutOff{
+        .id = makeUuid(), .movie = library / "C.mov", .process = RecordingMarker::ofThisProcess(false)};
     cutOff.process.pid = 999999999; // a process that is gone
     const fs::path takes = voiceoversFolder(library.path());
     fs::create_directories(takes);
