@@ -42,15 +42,12 @@ TEST(Files, ReadsWholeOrdinaryFilesAndTellsAbsentFromUnreadable)
         std::ofstream sparse(dir / "sparse");
     }
     fs::resize_file(dir / "sparse", uint64_t(64) << 30);
-    struct Case {
-        const char* name;
-        std::string reason;
-    };
-    for (const Case& k : std::vector<Case>{{"folder", "it is a folder, not a file"}, {"pipe", "it is not an ordinary file"},
+    for (auto [name, reason] : std::vector<std::pair<std::string, std::string>>{
+             {"folder", "it is a folder, not a file"}, {"pipe", "it is not an ordinary file"},
              {"zero", "it is not an ordinary file"}, {"sparse", "it holds 64.0 GB, far more than such a file can"}}) {
-        auto read = readFileBytes(dir / k.name);
-        ASSERT_FALSE(read) << k.name;
-        EXPECT_EQ(read.error(), (Error{k.reason, Error::Kind::unreadable})) << k.name;
+        auto read = readFileBytes(dir / name);
+        ASSERT_FALSE(read) << name;
+        EXPECT_EQ(read.error(), (Error{reason, Error::Kind::unreadable})) << name;
     }
     writeText(dir / "small", std::string(100, 'x'));
     EXPECT_EQ(readFileBytes(dir / "small", 99).error().sentence, "it holds 0.0 MB, far more than such a file can");
@@ -305,18 +302,14 @@ TEST(Error, TryPassesErrorsUpFromResultsAndStatuses)
 
 TEST(Text, EncodesAndDecodesCodePoints)
 {
-    struct Case {
-        char32_t c;
-        std::string bytes;
-    };
-    for (const Case& k : std::vector<Case>{{U'A', "A"}, {U'ß', "\xc3\x9f"}, {U'€', "\xe2\x82\xac"},
-             {U'😀', "\xf0\x9f\x98\x80"}, {0xD800, ""}, {0x110000, ""}}) {
-        EXPECT_EQ(utf8Encode(k.c), k.bytes) << static_cast<uint32_t>(k.c);
-        if (k.bytes.empty())
+    for (auto [c, bytes] : std::vector<std::pair<char32_t, std::string>>{{U'A', "A"}, {U'ß', "\xc3\x9f"},
+             {U'€', "\xe2\x82\xac"}, {U'😀', "\xf0\x9f\x98\x80"}, {0xD800, ""}, {0x110000, ""}}) {
+        EXPECT_EQ(utf8Encode(c), bytes) << static_cast<uint32_t>(c);
+        if (bytes.empty())
             continue;
         size_t at = 0;
-        EXPECT_EQ(utf8Decode(k.bytes, at), k.c);
-        EXPECT_EQ(at, k.bytes.size());
+        EXPECT_EQ(utf8Decode(bytes, at), c);
+        EXPECT_EQ(at, bytes.size());
     }
     for (std::string bad : {"\xff", "\xc3", "\xe2\x82", "\xed\xa0\x80", "\xc0\xaf"}) {
         size_t at = 0;
@@ -329,14 +322,11 @@ TEST(Text, EncodesAndDecodesCodePoints)
 
 TEST(Text, CountsUserPerceivedCharacters)
 {
-    struct Case {
-        std::string text;
-        size_t count;
-    };
-    for (const Case& k : std::vector<Case>{{"", 0}, {"abc", 3}, {"e\xcc\x81", 1}, {"\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd", 1},
-             {"\xf0\x9f\x87\xa9\xf0\x9f\x87\xaa", 1}, {"\r\n", 1}, {"a\xff" "b", 3},
-             {"\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbb!", 2}})
-        EXPECT_EQ(graphemeCount(k.text), k.count) << k.text;
+    // "a\377b" holds the byte 0xff, which is no character, between two letters.
+    for (auto [text, count] : std::vector<std::pair<std::string, size_t>>{{"", 0}, {"abc", 3}, {"e\xcc\x81", 1},
+             {"\xf0\x9f\x91\x8d\xf0\x9f\x8f\xbd", 1}, {"\xf0\x9f\x87\xa9\xf0\x9f\x87\xaa", 1}, {"\r\n", 1},
+             {"a\377b", 3}, {"\xf0\x9f\x91\xa9\xe2\x80\x8d\xf0\x9f\x92\xbb!", 2}})
+        EXPECT_EQ(graphemeCount(text), count) << text;
 }
 
 // Escape sequences, C1 controls and bytes that are not UTF-8 are checked where plimctl

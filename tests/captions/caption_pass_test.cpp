@@ -116,30 +116,26 @@ TEST_F(RouterTest, ChoosesWhisperOnlyWhenSwitchedOnAndReadyAndFallsBackWithANoti
 
     // A Whisper engine that fails, one that never answers, and none at all: the built-in
     // recogniser's captions with the notice, logged, remembered as the last fallback.
-    struct Case {
-        std::shared_ptr<SpeechEngine> whisper;
-        std::string reason;
-    };
-    const std::vector<Case> cases = {
-        {std::make_shared<ScriptedSpeechEngine>(ScriptedSpeech{.kind = CaptionEngineKind::whisper,
-             .error = CaptionError::failed("the model would not load.")}),
-            "the model would not load"},
-        {std::make_shared<ScriptedSpeechEngine>(ScriptedSpeech{.kind = CaptionEngineKind::whisper, .neverAnswers = true}),
-            "it took longer than 0 seconds"},
-        {nullptr, "the Whisper engine is not part of this build of Plim"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& [whisper, reason] : std::vector<std::pair<std::shared_ptr<SpeechEngine>, std::string>>{
+             {std::make_shared<ScriptedSpeechEngine>(ScriptedSpeech{
+                  .kind = CaptionEngineKind::whisper, .error = CaptionError::failed("the model would not load.")}),
+                 "the model would not load"},
+             {std::make_shared<ScriptedSpeechEngine>(
+                  ScriptedSpeech{.kind = CaptionEngineKind::whisper, .neverAnswers = true}),
+                 "it took longer than 0 seconds"},
+             {nullptr, "the Whisper engine is not part of this build of Plim"}}) {
         LogCapture log;
-        auto r = router(builtIn, c.whisper);
+        auto r = router(builtIn, whisper);
         auto pass = r.transcribe(movie, speech.duration(), {}, {}, CaptionEngineKind::whisper);
         ASSERT_TRUE(pass) << pass.error().sentence();
         EXPECT_EQ(pass->engine, CaptionEngineKind::builtIn);
         EXPECT_EQ(pass->track.lines.at(0).text, "from sphinx");
-        const std::string notice =
-            "Better captions ran into a problem (" + c.reason + "), so these captions came from the built-in recognizer.";
+        const std::string notice = "Better captions ran into a problem (" + reason
+            + "), so these captions came from the built-in recognizer.";
         EXPECT_EQ(pass->notice, notice);
         EXPECT_EQ(r.lastFallback(), notice);
-        EXPECT_TRUE(log.contains("Plim captions: Better captions failed, using the built-in recognizer (" + c.reason + ")"));
+        EXPECT_TRUE(
+            log.contains("Plim captions: Better captions failed, using the built-in recognizer (" + reason + ")"));
     }
 
     // The built-in recogniser failing after a fallback shows its own error, not the notice.

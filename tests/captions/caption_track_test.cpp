@@ -75,14 +75,10 @@ TEST(CaptionTrack, WritingPointsEditsThatReadWholeAtTheFile)
     // No edits: none are made; a render finds B.captions.json by its name.
     ASSERT_TRUE(track.writeBeside(movie));
     EXPECT_FALSE(fs::exists(dir / "Demo.edits.json"));
-    auto found = readPlimCaptions(movie, nullptr);
-    ASSERT_TRUE(found.value);
-    EXPECT_EQ(*found.value, track);
+    EXPECT_EQ(readPlimCaptions(movie, nullptr).value, track);
 
     // Edits that read: they name the file afterwards, their other keys kept.
-    PlimEdits edits;
-    edits.plan.trimIn = 1.5;
-    ASSERT_TRUE(edits.write(movie, "test"));
+    ASSERT_TRUE(PlimEdits{.plan = {.trimIn = 1.5}}.write(movie, "test"));
     ASSERT_TRUE(track.writeBeside(movie));
     auto reread = PlimEdits::read(movie);
     ASSERT_TRUE(reread && reread->value);
@@ -102,8 +98,7 @@ TEST(CaptionTrack, WritingPointsEditsThatReadWholeAtTheFile)
     // The file the edits name wins over B.captions.json; a name leading out of the folder,
     // a missing file or a damaged one gives no captions and says why.
     writeText(dir / "Other.json", R"({"lines": [{"text": "other", "start": 0, "end": 2}]})");
-    PlimEdits naming;
-    naming.captionsFile = "Other.json";
+    PlimEdits naming{.captionsFile = "Other.json"};
     auto other = readPlimCaptions(movie, &naming);
     ASSERT_TRUE(other.value);
     EXPECT_EQ(other.value->lines.at(0).text, "other");

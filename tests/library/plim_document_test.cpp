@@ -6,7 +6,6 @@
 #include <cmath>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -15,9 +14,7 @@ namespace {
 
 PlimDocument makeDocument(double duration = 10, bool phone = false, std::optional<std::vector<PlimClip>> clips = {})
 {
-    PlimEdits edits;
-    edits.plan.clips = std::move(clips);
-    return PlimDocument("/nowhere/B.mov", duration, phone, std::move(edits));
+    return PlimDocument("/nowhere/B.mov", duration, phone, PlimEdits{.plan = {.clips = std::move(clips)}});
 }
 
 template<typename T>
@@ -250,9 +247,7 @@ TEST(PlimDocument, TheFirstLookChangeStartsFromTheSeedAndTheIPhoneShapeIsForPhon
 // The edits a new document starts from in the saving tests.
 PlimEdits firstEdit()
 {
-    PlimEdits e;
-    e.plan.trimIn = 0.75;
-    return e;
+    return {.plan = {.trimIn = 0.75}};
 }
 
 TEST(PlimDocument, AFileWithoutReadPermissionIsReportedAndSavingLeavesItByteForByte)
@@ -335,9 +330,7 @@ TEST(PlimDocument, AnOlderStageLookComesAlongWhateverTheEditsFileHolds)
 TEST(PlimDocument, TheAutomaticEditComesFromTheCursorTrack)
 {
     TempDir dir;
-    CursorTrack track;
-    track.displayWidth = 1000;
-    track.displayHeight = 800;
+    CursorTrack track{.displayWidth = 1000, .displayHeight = 800};
     // Still until 2 s, then moving; two clicks close together at 4 s.
     for (int64_t t = 0; t <= 8000; t += 16)
         track.samples.push_back(CursorSample{t, t < 2000 ? 100 : 100 + (t - 2000) * 0.05, 300, 0});

@@ -146,8 +146,7 @@ TEST(PlimEdits, FilesThatCannotBeUsedAreReportedAndLeftAlone)
 
     // A number that is not finite is never written.
     const std::string before = readText(file);
-    PlimEdits edits;
-    edits.voiceovers = {PlimEdits::Voiceover{idA, std::nan(""), 1, "v.m4a"}};
+    PlimEdits edits{.voiceovers = {PlimEdits::Voiceover{idA, std::nan(""), 1, "v.m4a"}}};
     EXPECT_EQ(edits.write(movie, plimNameAndVersion()).error().sentence, "The edits for B hold a number that is not "
         "finite, so they were not written. B.edits.json was left as it was.");
     EXPECT_EQ(readText(file), before);

@@ -36,6 +36,8 @@ struct Library {
 const std::string sharedB = "11111111-2222-4333-8444-555555555555";
 const std::string sharedX = "22222222-2222-4333-8444-555555555555";
 const std::string sharedM = "33333333-2222-4333-8444-555555555555";
+const std::string someUuid = "0F8E6C1A-2B3D-4E5F-8A9B-0C1D2E3F4A5B";
+using Ensured = PlimIdentity::Ensured;
 
 std::string conflict(const std::string& count, const std::string& id, const std::string& keeper, const std::string& others)
 {
@@ -133,12 +135,6 @@ TEST(PlimIdentityIndex, NamesUpToThreeMintedPlimsAndCountsMore)
         fs::remove(lib.idFile(base));
     EXPECT_EQ(lib.reconcile({"A", "B", "C", "D"}).report.sentences(), std::vector<std::string>{
         "Plim gave 4 plims each a permanent id so projects can keep pointing at them after a rename."});
-}
-
-using Ensured = PlimIdentity::Ensured;
-
-namespace {
-const std::string someUuid = "0F8E6C1A-2B3D-4E5F-8A9B-0C1D2E3F4A5B";
 }
 
 TEST(PlimIdentity, ReadTellsTheFourReadingsApart)

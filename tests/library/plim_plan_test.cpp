@@ -13,9 +13,7 @@ namespace {
 // A pointer that rests, clicks at 3 s and rests again: its automatic edit trims the ends.
 CursorTrack restingPointer()
 {
-    CursorTrack track;
-    track.displayWidth = 1920;
-    track.displayHeight = 1080;
+    CursorTrack track{.displayWidth = 1920, .displayHeight = 1080};
     for (int64_t t = 0; t <= 10000; t += 100)
         track.samples.push_back({t, 100.0 + (t > 2500 && t < 3500 ? double(t - 2500) : 0.0), 100});
     track.clicks.push_back({3000, 600, 100});

@@ -30,6 +30,14 @@ void writeApart(const fs::path& path, const std::string& text)
     std::this_thread::sleep_for(std::chrono::milliseconds(15));
 }
 
+// A store over a folder of the test's own, its clock moved by hand, in a home of its own.
+struct PlimStoreTest : ::testing::Test {
+    XdgSandbox sandbox;
+    TempDir dir;
+    ManualClock clock;
+    PlimStore store{dir.path(), clock};
+};
+
 } // namespace
 
 TEST(PlimStore, GroupsByBaseNameAndHidesPartialFiles)
@@ -50,9 +58,8 @@ TEST(PlimStore, GroupsByBaseNameAndHidesPartialFiles)
     EXPECT_EQ(groups["D"].raw, f / "D.mp4");
 }
 
-TEST(PlimStore, ListsNewestFirstWithSizesAndCamera)
+TEST_F(PlimStoreTest, ListsNewestFirstWithSizesAndCamera)
 {
-    TempDir dir;
     writeApart(dir / "Old.mov", "old movie");
     writeApart(dir / "Mid.mov", "middle");
     writeText(dir / "Mid.staged.mov", "staged!");
@@ -62,8 +69,6 @@ TEST(PlimStore, ListsNewestFirstWithSizesAndCamera)
     writeText(dir / "New.partial-0000ABCD.mp4", "in progress");
     writeText(dir / "Lonely.camera.mov", "camera only");
 
-    ManualClock clock;
-    PlimStore store(dir.path(), clock);
     store.refresh();
     auto plims = store.plims();
     ASSERT_EQ(ids(plims), (std::vector<std::string>{"New", "Mid", "Old"}));
@@ -88,13 +93,10 @@ TEST(PlimStore, ListsNewestFirstWithSizesAndCamera)
     fs::rename(dir.path().string() + ".away", dir.path());
 }
 
-TEST(PlimStore, EveryRawMovieGetsAnIdentityAndASharedNameIsSaid)
+TEST_F(PlimStoreTest, EveryRawMovieGetsAnIdentityAndASharedNameIsSaid)
 {
-    TempDir dir;
     for (const char* name : {"C.mp4", "C.mov", "H.mp4", "I.MOV"})
         writeText(dir / name, name);
-    ManualClock clock;
-    PlimStore store(dir.path(), clock);
     store.refresh();
     auto plims = store.plims();
     ASSERT_EQ(plims.size(), 3u);
@@ -116,13 +118,11 @@ TEST(PlimStore, EveryRawMovieGetsAnIdentityAndASharedNameIsSaid)
     EXPECT_TRUE(fs::exists(dir / "C.mp4"));
 }
 
-TEST(PlimStore, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)
+TEST_F(PlimStoreTest, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)
 {
-    TempDir dir, elsewhere;
+    TempDir elsewhere;
     writeApart(dir / "Moved.mov", "footage");
     writeApart(dir / "Gone.mov", "footage 2");
-    ManualClock clock;
-    PlimStore store(dir.path(), clock);
     store.refresh();
     const std::string moved = *store.plims()[1].identity;
 
@@ -153,10 +153,8 @@ TEST(PlimStore, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)
     EXPECT_TRUE(store.plims().empty());
 }
 
-TEST(PlimStore, OnlyParkedMoviesGoToTheTrashWithASentence)
+TEST_F(PlimStoreTest, OnlyParkedMoviesGoToTheTrashWithASentence)
 {
-    XdgSandbox sandbox;
-    TempDir dir;
     const std::string parked = parkedSibling(dir / "Demo.mov").filename().string();
     writeText(dir / parked, "a finished file");
     // Names that only look like it are the user's own and stay.
@@ -166,7 +164,6 @@ TEST(PlimStore, OnlyParkedMoviesGoToTheTrashWithASentence)
         writeText(dir / name, "the user's");
     const fs::path photos = parkedSibling(dir / "Photos.mov");
     fs::create_directory(photos);
-    PlimStore store(dir.path());
     store.refresh();
     EXPECT_FALSE(fs::exists(dir / parked));
     EXPECT_EQ(readText(sandbox.home() / ".local/share/Trash/files" / parked), "a finished file");
@@ -178,10 +175,8 @@ TEST(PlimStore, OnlyParkedMoviesGoToTheTrashWithASentence)
     EXPECT_TRUE(fs::is_directory(photos));
 }
 
-TEST(PlimStore, TheFolderWatchRefreshesTheList)
+TEST_F(PlimStoreTest, TheFolderWatchRefreshesTheList)
 {
-    TempDir dir;
-    PlimStore store(dir.path());
     store.refresh();
     std::mutex lock;
     std::condition_variable changed;

@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <sys/stat.h>
-#include <unistd.h>
 
 using namespace plim;
 using namespace plim::testkit;
