@@ -17,7 +17,7 @@ packages=(
   libxcb1-dev libxcb-shm0-dev libxcb-randr0-dev libxcb-xfixes0-dev libxcb-xinput-dev libxcb-composite0-dev libxcb-xtest0-dev
   libpulse-dev libv4l-dev
   libwayland-dev wayland-protocols sway foot grim wtype mutter gnome-shell xdg-desktop-portal xdg-desktop-portal-gnome
-  kwin-wayland xdg-desktop-portal-kde python3-gi gir1.2-gtk-4.0
+  kwin-wayland xdg-desktop-portal-kde qtwayland5 python3-gi gir1.2-gtk-4.0
   libinput-dev libudev-dev
   qt6-base-dev qt6-qpa-plugins trayer openbox
   librsvg2-bin dpkg-dev desktop-file-utils appstream
