@@ -18,11 +18,8 @@ namespace {
 
 const CursorRecorder::Display display{{-1440, -900, 1440, 900}, 2};
 
-CursorRecorder::Sources sourcesOf(ScriptedPointerSource& pointer, ScriptedClickSource* clicks)
-{
-    return {&pointer, &pointer, &pointer, clicks};
-}
-
+// A recorder on a manual clock; the scripted pointer stands for the pointer, the key activity
+// and the window frames alike.
 struct Rig {
     ManualClock clock{500.0};
     ScriptedPointerSource pointer;
@@ -30,7 +27,7 @@ struct Rig {
     CursorRecorder recorder;
 
     explicit Rig(std::optional<uint32_t> windowID = std::nullopt, bool refuseClicks = false)
-        : recorder(display, windowID, sourcesOf(pointer, &clicks), clock)
+        : recorder(display, windowID, {&pointer, &pointer, &pointer, &clicks}, clock)
     {
         pointer.setPosition(Point{10, 20});
         clicks.setRefusing(refuseClicks);
@@ -50,9 +47,13 @@ struct Rig {
 
 } // namespace
 
-TEST(CursorRecorder, SamplesAreRoundedTimedAndFlaggedWhileTyping)
+// A refused click source is logged and leaves the pointer recording.
+TEST(CursorRecorder, SamplesAreRoundedTimedAndFlaggedWhileTypingEvenWithClicksRefused)
 {
-    Rig rig;
+    LogCapture log;
+    Rig rig(std::nullopt, true);
+    EXPECT_FALSE(rig.recorder.isClickMonitorInstalled());
+    EXPECT_TRUE(log.contains("clicks are not recorded"));
     EXPECT_EQ(rig.recorder.snapshot(), (CursorTrack{-1440, -900, 1440, 900, 2}));
     EXPECT_EQ(rig.recorder.startUptime(), 500.0);
     // {pointer, seconds since a key went down, seconds to the next poll}
@@ -114,16 +115,6 @@ TEST(CursorRecorder, PausesStopTheClockOnceAndNothingIsAppendedWhilePausedOrAfte
     EXPECT_EQ(track.marks, (std::vector<Mark>{{16}, {116}}));
     // Left and right presses only; a press above the main display keeps its negative y.
     EXPECT_EQ(track.clicks, (std::vector<ClickEvent>{{16, 5, -40.5}, {16, 6, 7}}));
-}
-
-TEST(CursorRecorder, ARefusedClickSourceLeavesPointerRecording)
-{
-    LogCapture log;
-    Rig rig(std::nullopt, true);
-    EXPECT_FALSE(rig.recorder.isClickMonitorInstalled());
-    EXPECT_TRUE(log.contains("clicks are not recorded"));
-    rig.tick();
-    EXPECT_EQ(rig.recorder.stop().samples.size(), 1u);
 }
 
 TEST(CursorRecorder, WindowFramesAreKeyedOnlyWhenTheyChangeOnTicksThatCount)
@@ -252,7 +243,7 @@ TEST(CursorRecorder, ThePollRunsOnItsOwnThreadUntilStoppedOrDroppedWhileOtherThr
     other.setPosition(Point{3, 4});
     ScriptedClickSource clicks;
     {
-        CursorRecorder dropped(display, 9u, sourcesOf(other, &clicks));
+        CursorRecorder dropped(display, 9u, {&other, &other, &other, &clicks});
         dropped.start();
         EXPECT_EQ(clicks.installedCount(), 1);
     }
@@ -261,7 +252,7 @@ TEST(CursorRecorder, ThePollRunsOnItsOwnThreadUntilStoppedOrDroppedWhileOtherThr
 
     pointer.setPosition(Point{3, 4});
     pointer.setWindowFrame(1, Rect{0, 0, 10, 10});
-    CursorRecorder recorder(display, 1u, sourcesOf(pointer, &clicks));
+    CursorRecorder recorder(display, 1u, {&pointer, &pointer, &pointer, &clicks});
     recorder.start();
     std::thread presser([&] {
         for (int i = 0; i < 300; ++i)

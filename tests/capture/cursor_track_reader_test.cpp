@@ -218,13 +218,10 @@ TEST(CursorTrackReader, WrittenNumbersReadBackExactly)
                 track.clicks.push_back({0, v, -v});
         track.videoStartOffsetMS %= longestRecordingMS; // further is unusable
         // In time order, as the recorder writes them (the reader sorts what is not).
-        auto byTime = [](auto& items) {
-            std::stable_sort(items.begin(), items.end(), [](const auto& a, const auto& b) { return a.t < b.t; });
-        };
-        byTime(track.samples);
-        byTime(track.clicks);
-        byTime(track.marks);
-        byTime(track.frames);
+        std::ranges::stable_sort(track.samples, {}, &CursorSample::t);
+        std::ranges::stable_sort(track.clicks, {}, &ClickEvent::t);
+        std::ranges::stable_sort(track.marks, {}, &Mark::t);
+        std::ranges::stable_sort(track.frames, {}, &CursorTrack::FrameKey::t);
         ASSERT_TRUE(track.write(dir / "B.mov"));
         auto back = CursorTrack::read(dir / "B.mov");
         ASSERT_TRUE(back) << back.error().sentence;

@@ -4,7 +4,6 @@
 #include "capture/track_placement.h"
 #include "testkit/testkit.h"
 
-#include <cerrno>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
@@ -152,17 +151,12 @@ TEST(TrackPlacement, PointsLandInTheRegionOfTheLastFrameKeyAtOrBeforeTheirStamp)
         .frames = {{2000, 0, 0, 0, 300}, {1000, 200, 100, 400, 200}, {3000, 0, 0, 300, NAN}, {4000, 0, 0, 100, 100}}};
     const TrackPlacement place(track); // keys out of order are put in order
     const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
-    struct Row {
-        double x, y;
-        int64_t ms;
-        Point expected;
-    };
-    for (auto [x, y, ms, expected] : std::vector<Row>{
-             {600, 300, 999, {0.5, 0.5}}, {300, 150, 999, {0.2, 0.2}},    // the display before the first key
+    for (auto [x, y, ms, expected] : std::vector<std::tuple<double, double, int64_t, Point>> {
+             {600, 300, 999, {0.5, 0.5}}, {300, 150, 999, {0.2, 0.2}}, // the display before the first key
              {300, 150, 1000, {0.25, 0.25}}, {300, 150, 1999, {0.25, 0.25}}, // the key from its stamp on
-             {100, 400, 1500, {0, 1}},                                         // outside clamps to the edges
-             {300, 150, 2000, {0.5, 0.5}}, {300, 150, 3000, {0.5, 0.5}},       // empty or non-finite: the middle
-             {nan, 25, 4000, {0.5, 0.25}}, {inf, -inf, 4000, {0.5, 0.5}},      // one rule per axis
+             {100, 400, 1500, {0, 1}}, // outside clamps to the edges
+             {300, 150, 2000, {0.5, 0.5}}, {300, 150, 3000, {0.5, 0.5}}, // empty or non-finite: the middle
+             {nan, 25, 4000, {0.5, 0.25}}, {inf, -inf, 4000, {0.5, 0.5}}, // one rule per axis
              {nan, nan, -5, {0.5, 0.5}}}) {
         EXPECT_EQ(place.unitPoint(x, y, ms), expected) << x << ", " << y << " at " << ms;
     }
@@ -185,13 +179,10 @@ TEST(TrackPlacement, PointsLandInTheRegionOfTheLastFrameKeyAtOrBeforeTheirStamp)
 
 TEST(TrackPlacement, MovieTimeIsTrackTimeLessTheOffset)
 {
-    struct Row {
-        int64_t offset, trackMS, movieMS;
-    };
     constexpr int64_t most = std::numeric_limits<int64_t>::max(), least = std::numeric_limits<int64_t>::min();
-    for (auto [offset, trackMS, movieMS] : std::vector<Row>{
-             {0, 1500, 1500}, {1000, 1500, 500}, {1000, 400, -600}, {-250, 0, 250},
-             {1, least, least}, {-1, most, most}}) { // saturated, never wrapped
+    for (auto [offset, trackMS, movieMS] :
+        std::vector<std::tuple<int64_t, int64_t, int64_t>> {{0, 1500, 1500}, {1000, 1500, 500}, {1000, 400, -600},
+            {-250, 0, 250}, {1, least, least}, {-1, most, most}}) { // saturated, never wrapped
         const TrackPlacement place(CursorTrack{.videoStartOffsetMS = offset});
         EXPECT_EQ(place.movieMS(trackMS), movieMS) << offset << " " << trackMS;
         EXPECT_EQ(place.movieSeconds(trackMS), static_cast<double>(movieMS) / 1000);

@@ -17,8 +17,22 @@ void PrintTo(const KeyEvent& event, std::ostream* out) { *out << "{" << event.t 
 }
 
 namespace {
+
 const std::string repairTail = ". The keycap row draws what was left; the file itself was not changed.";
+
+constexpr KeyModifiers none {};
+constexpr KeyModifiers shift {.shift = true};
+constexpr KeyModifiers command {.command = true};
+constexpr KeyModifiers shiftCommand {.shift = true, .command = true};
+constexpr KeyModifiers option {.option = true};
+constexpr KeyModifiers control {.control = true};
+
+std::optional<std::string> caption(uint32_t keysym, KeyModifiers modifiers)
+{
+    return KeystrokeRecorder::caption(KeyPress {keysym, modifiers});
 }
+
+} // namespace
 
 TEST(KeystrokeTrack, WritesCompactReadsBackEqualAndLeavesUndecodableFilesAlone)
 {
@@ -102,22 +116,6 @@ TEST(KeystrokeTrack, CaptionsLingerFromTheirTime)
         EXPECT_EQ(track.captions(at, 1.0), shown) << at;
     EXPECT_TRUE(KeystrokeTrack{}.captions(2.0, 1.0).empty());
 }
-
-namespace {
-
-constexpr KeyModifiers none{};
-constexpr KeyModifiers shift{.shift = true};
-constexpr KeyModifiers command{.command = true};
-constexpr KeyModifiers shiftCommand{.shift = true, .command = true};
-constexpr KeyModifiers option{.option = true};
-constexpr KeyModifiers control{.control = true};
-
-std::optional<std::string> caption(uint32_t keysym, KeyModifiers modifiers)
-{
-    return KeystrokeRecorder::caption(KeyPress{keysym, modifiers});
-}
-
-} // namespace
 
 TEST(KeyCaption, ShortcutsAndSpecialKeysAreKeptButNeverPlainTyping)
 {

@@ -26,6 +26,13 @@ namespace plim::sync {
 inline constexpr double toneHz = 1000.0;
 inline constexpr float toneLevel = 0.5f;
 
+// A PulseAudio callback (its leading arguments `Args`) that wakes the thread waiting on the
+// main loop it was given.
+template<typename... Args> void wake(Args..., void* loop)
+{
+    pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(loop), 0);
+}
+
 // A playback stream kept running with silence, or with a steady tone when `steady`;
 // beep() writes a tone and says, on the uptime clock, when its first sample will be heard.
 class TonePlayer {
@@ -34,9 +41,7 @@ public:
     {
         m_loop = pa_threaded_mainloop_new();
         m_context = pa_context_new(pa_threaded_mainloop_get_api(m_loop), "sync test");
-        pa_context_set_state_callback(m_context, [](pa_context*, void* l) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
-        }, m_loop);
+        pa_context_set_state_callback(m_context, wake<pa_context*>, m_loop);
         pa_context_connect(m_context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr);
         pa_threaded_mainloop_lock(m_loop);
         pa_threaded_mainloop_start(m_loop);
@@ -44,15 +49,12 @@ public:
             pa_threaded_mainloop_wait(m_loop);
         pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, 48000, 1};
         m_stream = pa_stream_new(m_context, "tone", &spec, nullptr);
-        pa_stream_set_state_callback(m_stream, [](pa_stream*, void* l) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
-        }, m_loop);
-        pa_buffer_attr attr{};
-        attr.maxlength = uint32_t(-1);
+        pa_stream_set_state_callback(m_stream, wake<pa_stream*>, m_loop);
         // A steady tone keeps a second queued, so a busy machine cannot starve it.
-        attr.tlength = uint32_t(pa_usec_to_bytes(steady ? 1000000 : 30000, &spec));
-        attr.prebuf = uint32_t(-1);
-        attr.minreq = uint32_t(-1);
+        pa_buffer_attr attr {.maxlength = uint32_t(-1),
+            .tlength = uint32_t(pa_usec_to_bytes(steady ? 1000000 : 30000, &spec)),
+            .prebuf = uint32_t(-1),
+            .minreq = uint32_t(-1)};
         pa_stream_connect_playback(m_stream, "plimsink", &attr,
             pa_stream_flags_t(PA_STREAM_ADJUST_LATENCY | PA_STREAM_INTERPOLATE_TIMING | PA_STREAM_AUTO_TIMING_UPDATE),
             nullptr, nullptr);
@@ -102,9 +104,7 @@ public:
         pa_threaded_mainloop_lock(m_loop);
         // When the sink will take the first byte written now: what is queued ahead of it
         // plus the sink's own latency, from fresh timing information.
-        pa_operation* op = pa_stream_update_timing_info(m_stream, [](pa_stream*, int, void* l) {
-            pa_threaded_mainloop_signal(static_cast<pa_threaded_mainloop*>(l), 0);
-        }, m_loop);
+        pa_operation* op = pa_stream_update_timing_info(m_stream, wake<pa_stream*, int>, m_loop);
         while (op && pa_operation_get_state(op) == PA_OPERATION_RUNNING)
             pa_threaded_mainloop_wait(m_loop);
         if (op)
@@ -129,25 +129,26 @@ private:
 
 inline void sleepUntil(double uptime)
 {
-    double wait = uptime - systemUptime();
-    if (wait > 0)
-        std::this_thread::sleep_for(std::chrono::duration<double>(wait));
+    std::this_thread::sleep_for(std::chrono::duration<double>(uptime - systemUptime())); // none once past
+}
+
+// A recording with `settings` into `movie` of the devices they open, once `adjust` (when
+// set) has looked them over or replaced some; its failure is the recording's.
+inline Result<std::unique_ptr<CaptureSession>> startRecording(const CaptureSettings& settings,
+    const std::filesystem::path& movie, const std::function<Status(CaptureDevices&)>& adjust = {})
+{
+    auto devices = PLIM_TRY(openDevices(settings));
+    if (adjust)
+        PLIM_TRY(adjust(devices));
+    return CaptureSession::start(settings, std::move(devices), {.movie = movie});
 }
 
 // A recording of the screen and the computer's sound (the test's sink) into `movie`.
 inline Result<std::unique_ptr<CaptureSession>> recordScreenAndSound(const std::filesystem::path& movie)
 {
-    CaptureSettings settings;
-    settings.systemSound = true;
-    settings.keycaps = false;
-    auto devices = openDevices(settings);
-    if (!devices)
-        return std::unexpected(devices.error());
-    if (!devices->systemSound)
-        return std::unexpected(Error{"The computer's sound could not be opened."});
-    CaptureSession::Options options;
-    options.movie = movie;
-    return CaptureSession::start(settings, std::move(*devices), options);
+    return startRecording({.keycaps = false, .systemSound = true}, movie, [](CaptureDevices& devices) {
+        return devices.systemSound ? Status {} : fail("The computer's sound could not be opened.");
+    });
 }
 
 // One sound track of the movie as mono samples, as a player sounds them from the

@@ -3,6 +3,7 @@
 
 #include "live/camera_format.h"
 #include "live/loopback_device.h"
+#include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
@@ -12,31 +13,18 @@
 namespace plim {
 namespace {
 
-Image filled(int width, int height, std::array<uint8_t, 3> rgb)
-{
-    Image image = Image::allocate(width, height);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) {
-            uint8_t* p = image.row(y) + x * 4;
-            p[0] = rgb[2], p[1] = rgb[1], p[2] = rgb[0], p[3] = 255;
-        }
-    return image;
-}
+using testkit::solidImage;
 
-void paint(Image& image, int x, int y, std::array<uint8_t, 3> rgb)
+void paint(Image& image, int x, int y, uint32_t rgb)
 {
-    uint8_t* p = image.row(y) + x * 4;
-    p[0] = rgb[2], p[1] = rgb[1], p[2] = rgb[0];
+    reinterpret_cast<uint32_t*>(image.row(y))[x] = 0xff000000u | rgb;
 }
 
 TEST(CameraFormat, AsksForYuyvAtTheCanvasSizeWithinTheLargestPicture)
 {
     EXPECT_EQ(requestedCameraFormat(1920, 1080, 60), (CameraFormat{fourccYuyv, 1920, 1080, 60, 3840, 1920 * 1080 * 2}));
     // A 16:10 display at full size is shrunk to 1080 lines, its shape kept.
-    const CameraFormat wide = requestedCameraFormat(2560, 1600, 59.94);
-    EXPECT_EQ(wide.width, 1728);
-    EXPECT_EQ(wide.height, 1080);
-    EXPECT_EQ(wide.rate, 60);
+    EXPECT_EQ(requestedCameraFormat(2560, 1600, 59.94), (CameraFormat {fourccYuyv, 1728, 1080, 60, 3456, 3456 * 1080}));
     // Odd sides become even (both layouts pair pixels).
     const CameraFormat odd = requestedCameraFormat(641, 359, 30);
     EXPECT_EQ(odd.width % 2, 0);
@@ -97,34 +85,32 @@ TEST(CameraFormat, SettlesOnWhatTheDeviceKeeps)
 
 TEST(CameraFormat, ConvertsBgraToBt601LimitedRange)
 {
-    struct Known {
-        std::array<uint8_t, 3> rgb;
-        std::array<int, 3> yuv;
+    const std::vector<std::pair<uint32_t, std::array<int, 3>>> known = {
+        {0xffffff, {235, 128, 128}},
+        {0x000000, {16, 128, 128}},
+        {0xff0000, {81, 90, 240}},
+        {0x00ff00, {145, 54, 34}},
+        {0x0000ff, {41, 240, 110}},
     };
-    const Known known[] = {
-        {{255, 255, 255}, {235, 128, 128}},
-        {{0, 0, 0}, {16, 128, 128}},
-        {{255, 0, 0}, {81, 90, 240}},
-        {{0, 255, 0}, {145, 54, 34}},
-        {{0, 0, 255}, {41, 240, 110}},
-    };
-    for (const Known& k : known) {
-        SCOPED_TRACE(testing::Message() << int(k.rgb[0]) << "," << int(k.rgb[1]) << "," << int(k.rgb[2]));
-        const Image image = filled(2, 2, k.rgb);
+    for (const auto& [rgb, yuv] : known) {
+        SCOPED_TRACE(testing::Message() << std::hex << rgb);
+        const Image image = solidImage(2, 2, rgb);
         std::vector<uint8_t> yuyv(2 * 2 * 2);
         ASSERT_TRUE(writeCameraFrame(image, withLayout({fourccYuyv, 2, 2, 30, 0, 0}), yuyv));
-        EXPECT_EQ((std::vector<int>{yuyv[0], yuyv[1], yuyv[2], yuyv[3]}), (std::vector<int>{k.yuv[0], k.yuv[1], k.yuv[0], k.yuv[2]}));
+        EXPECT_EQ((std::vector<int> {yuyv[0], yuyv[1], yuyv[2], yuyv[3]}),
+            (std::vector<int> {yuv[0], yuv[1], yuv[0], yuv[2]}));
         std::vector<uint8_t> nv12(2 * 2 * 3 / 2);
         ASSERT_TRUE(writeCameraFrame(image, withLayout({fourccNv12, 2, 2, 30, 0, 0}), nv12));
-        EXPECT_EQ((std::vector<int>(nv12.begin(), nv12.end())), (std::vector<int>{k.yuv[0], k.yuv[0], k.yuv[0], k.yuv[0], k.yuv[1], k.yuv[2]}));
+        EXPECT_EQ((std::vector<int>(nv12.begin(), nv12.end())),
+            (std::vector<int> {yuv[0], yuv[0], yuv[0], yuv[0], yuv[1], yuv[2]}));
     }
 
     // Chroma is the mean of the pixels it covers (a pair in YUYV, a 2 x 2 block in NV12);
     // padding at the end of lines is left alone.
-    Image mixed = filled(4, 2, {255, 0, 0});
-    paint(mixed, 1, 0, {0, 0, 255});
-    paint(mixed, 1, 1, {0, 0, 255});
-    paint(mixed, 2, 0, {255, 255, 255});
+    Image mixed = solidImage(4, 2, 0xff0000);
+    paint(mixed, 1, 0, 0x0000ff);
+    paint(mixed, 1, 1, 0x0000ff);
+    paint(mixed, 2, 0, 0xffffff);
     const int padded = 12;
     std::vector<uint8_t> yuyv(padded * 2, 0xAA);
     ASSERT_TRUE(writeCameraFrame(mixed, {fourccYuyv, 4, 2, 30, padded, padded * 2}, yuyv));

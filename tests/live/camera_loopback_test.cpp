@@ -73,10 +73,8 @@ struct Fixture {
 
     void feed(int frames = 1)
     {
-        for (int i = 0; i < frames; ++i) {
-            Image image = Image::allocate(320, 180);
-            sink->consume({image, 0, 1.0 / 30, sequence++});
-        }
+        for (int i = 0; i < frames; ++i)
+            sink->consume({Image::allocate(320, 180), 0, 1.0 / 30, sequence++});
     }
     int64_t sequence = 0;
 };
@@ -117,8 +115,7 @@ TEST(CameraLoopback, RetriesEveryTwoSecondsWhileFramesAreDropped)
     f.feed();
     EXPECT_EQ(f.script->opens, 3);
     EXPECT_EQ(f.sink->health(), running(6));
-    ASSERT_EQ(f.script->asked.size(), 1u);
-    EXPECT_EQ(f.script->asked[0], requestedCameraFormat(320, 180, 30));
+    EXPECT_EQ(f.script->asked, std::vector {requestedCameraFormat(320, 180, 30)});
     EXPECT_EQ(f.script->waiting.size(), 1u);
 
     // A device that goes away is let go and found again at the same pace.
@@ -168,36 +165,32 @@ TEST(CameraLoopback, FailsAfter120RefusalsInARowAndRecovers)
 
 TEST(CameraLoopback, EachTroubleSaysWhatToDo)
 {
-    struct Case {
-        std::optional<LoopbackTrouble> trouble;
-        std::optional<int> formatError;
-        std::string sentence;
-    };
-    const Case cases[] = {
-        {LoopbackTrouble{LoopbackTrouble::Kind::loadedWithoutLabel, {}}, {},
+    // {what opening the device meets, what setting its format meets, the sentence}
+    const std::vector<std::tuple<std::optional<LoopbackTrouble>, std::optional<int>, std::string>> cases = {
+        {LoopbackTrouble {LoopbackTrouble::Kind::loadedWithoutLabel, {}}, {},
             "Plim Camera is not installed: v4l2loopback is loaded without it. Load it once with sudo modprobe -r "
             "v4l2loopback && sudo modprobe v4l2loopback card_label=\"Plim Camera\" exclusive_caps=1, and every video "
             "app gains a camera named Plim."},
-        {LoopbackTrouble{LoopbackTrouble::Kind::notAnOutput, "/dev/video4"}, {},
+        {LoopbackTrouble {LoopbackTrouble::Kind::notAnOutput, "/dev/video4"}, {},
             "Plim Camera is installed but its inbox is missing — an old version may still be running. Restart the "
             "computer to finish the update."},
-        {LoopbackTrouble{LoopbackTrouble::Kind::denied, "/dev/video4: Permission denied"}, {},
+        {LoopbackTrouble {LoopbackTrouble::Kind::denied, "/dev/video4: Permission denied"}, {},
             "Plim may not write to Plim Camera (/dev/video4: Permission denied). Add yourself to the video group "
             "(sudo usermod -aG video $USER), log in again, then go live again."},
-        {LoopbackTrouble{LoopbackTrouble::Kind::failed, "/dev/video4: Input/output error"}, {},
+        {LoopbackTrouble {LoopbackTrouble::Kind::failed, "/dev/video4: Input/output error"}, {},
             "Plim Camera refused its frame queue (/dev/video4: Input/output error). Restarting the computer usually "
             "clears this."},
         {{}, 16,
             "Plim Camera would not start its inbox (error 16). Quit the apps using the camera, then go live again; a "
             "restart clears it if not."},
     };
-    for (const Case& c : cases) {
+    for (const auto& [trouble, formatError, sentence] : cases) {
         Fixture f;
         f.script->present = true;
-        f.script->trouble = c.trouble;
-        f.script->formatError = c.formatError;
+        f.script->trouble = trouble;
+        f.script->formatError = formatError;
         f.feed(2);
-        EXPECT_EQ(loopbackFailure(*f.sink), c.sentence);
+        EXPECT_EQ(loopbackFailure(*f.sink), sentence);
         EXPECT_FALSE(f.script->isOpen); // a device that failed to start is not held
         // Cleared, the next attempt connects and the sentence goes.
         f.script->trouble.reset();
@@ -215,11 +208,7 @@ TEST(CameraLoopback, WritesTheFormatTheDeviceKeeps)
     Fixture f;
     f.script->present = true;
     f.script->keeps = CameraFormat{fourccNv12, 640, 480, 30, 640, 640 * 480 * 3 / 2};
-    Image red = Image::allocate(320, 180);
-    for (int y = 0; y < 180; ++y)
-        for (int x = 0; x < 320; ++x)
-            red.row(y)[x * 4 + 2] = 255, red.row(y)[x * 4 + 3] = 255;
-    f.sink->consume({red, 0, 1.0 / 30, 0});
+    f.sink->consume({testkit::solidImage(320, 180, 0xff0000), 0, 1.0 / 30, 0});
     ASSERT_EQ(f.script->waiting.size(), 1u);
     const std::vector<uint8_t>& frame = f.script->waiting.front();
     ASSERT_EQ(frame.size(), 640u * 480 * 3 / 2);
@@ -231,8 +220,7 @@ TEST(CameraLoopback, WritesTheFormatTheDeviceKeeps)
 TEST(CameraLoopback, TheSystemDeviceIsFoundByItsLabel)
 {
     testkit::TempDir sys;
-    const LoopbackPlaces places{sys / "class", sys / "dev", sys / "module"};
-    std::filesystem::create_directories(places.videoClass);
+    const LoopbackPlaces places {sys / "class", sys / "dev", sys / "module"};
     std::filesystem::create_directories(places.devices);
     auto device = [&](const std::string& name, const std::string& label) {
         std::filesystem::create_directories(places.videoClass / name);

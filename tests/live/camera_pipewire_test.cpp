@@ -7,10 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-
 #include <chrono>
-#include <iostream>
 #include <thread>
 
 namespace plim {
@@ -29,25 +26,18 @@ LiveFrame picture(int64_t sequence)
     Image image = Image::uninitialized(canvasWidth, canvasHeight);
     for (int y = 0; y < canvasHeight; ++y)
         for (int x = 0; x < canvasWidth; ++x) {
-            uint8_t* p = image.row(y) + x * 4;
             const bool mark = x >= markX(sequence) && x < markX(sequence) + markSize && y >= 82 && y < 82 + markSize;
-            const bool red = x < canvasWidth / 2;
-            p[0] = mark ? 255 : red ? 0 : 32;
-            p[1] = mark ? 255 : red ? 0 : 32;
-            p[2] = mark ? 255 : red ? 255 : 32;
-            p[3] = 255;
+            reinterpret_cast<uint32_t*>(image.row(y))[x] = mark ? 0xffffffff
+                : x < canvasWidth / 2                           ? 0xffff0000
+                                                                : 0xff202020;
         }
     return {image, sequence / 60.0, 1 / 60.0, sequence};
 }
 
 class CameraPipeWire : public testing::Test {
 protected:
-    static void SetUpTestSuite() { server = new testkit::PipeWireServer(); }
-    static void TearDownTestSuite()
-    {
-        delete server;
-        server = nullptr;
-    }
+    static void SetUpTestSuite() { server = std::make_unique<testkit::PipeWireServer>(); }
+    static void TearDownTestSuite() { server.reset(); }
 
     void SetUp() override
     {
@@ -98,13 +88,11 @@ protected:
         return {text.begin(), text.end()};
     }
 
-    static testkit::PipeWireServer* server;
+    static inline std::unique_ptr<testkit::PipeWireServer> server;
     std::vector<std::unique_ptr<testkit::ScopedEnv>> env;
     testkit::TempDir dir;
     int64_t sequence = 0;
 };
-
-testkit::PipeWireServer* CameraPipeWire::server = nullptr;
 
 bool isRunning(const LiveSink& sink) { return std::holds_alternative<LiveSinkHealth::Running>(sink.health().state); }
 
@@ -126,7 +114,6 @@ TEST_F(CameraPipeWire, AConsumerReceivesThePictureInOrderAtTheFedRate)
     feed(*sink, 2);
     const double seconds = duration<double>(steady_clock::now() - start).count();
     const double rate = static_cast<double>(received() - before) / frameBytes / seconds;
-    std::cout << "frames a second at the consumer: " << rate << "\n";
     EXPECT_GT(rate, 15) << "frames stopped flowing"; // a flow check; bench/ measures speed
 
     gst.reset();

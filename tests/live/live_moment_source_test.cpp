@@ -14,9 +14,7 @@ TEST(LiveMomentSourceTest, ClicksRippleAndZoomThenTheViewSettlesBackAndARestingP
 {
     auto switches = std::make_shared<LiveSwitches>();
     auto inputs = std::make_shared<LiveInputBus>();
-    StageSpec look;
-    look.clickStyle = ClickStyle::pulse;
-    LiveMomentSource source(LiveMomentSource::optionsFor(look, true), switches, inputs);
+    LiveMomentSource source(LiveMomentSource::optionsFor({.clickStyle = ClickStyle::pulse}, true), switches, inputs);
     EXPECT_DOUBLE_EQ(source.options().clickLife, 0.7);
 
     // Before any pointer is known there is none to draw and the view is whole.

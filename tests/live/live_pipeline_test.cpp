@@ -3,6 +3,7 @@
 // sinks it feeds never hold each other up.
 
 #include "live/live.h"
+#include "testkit/testkit.h"
 
 #include <gtest/gtest.h>
 
@@ -51,15 +52,12 @@ public:
     }
     LiveSinkHealth health() const override
     {
-        if (failed)
-            return {LiveSinkHealth::Failed{"It stopped taking frames."}};
-        return {LiveSinkHealth::Running{0}};
+        return failed ? LiveSinkHealth {LiveSinkHealth::Failed {"It stopped taking frames."}}
+                      : LiveSinkHealth {LiveSinkHealth::Running {0}};
     }
     void close() override { ++closed; }
 
-    bool throws = false;
-    bool holds = false;
-    bool failed = false;
+    bool throws = false, holds = false, failed = false;
     int closed = 0;
     std::vector<LiveFrame> held;
     std::vector<int64_t> sequences;
@@ -70,15 +68,6 @@ private:
     std::string m_name;
 };
 
-Image solid(int width, int height, uint32_t argb)
-{
-    Image image = Image::uninitialized(width, height);
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x)
-            reinterpret_cast<uint32_t*>(image.row(y))[x] = argb;
-    return image;
-}
-
 uint32_t pixel(const Image& image, int x, int y) { return reinterpret_cast<const uint32_t*>(image.row(y))[x]; }
 
 class LivePipelineTest : public ::testing::Test {
@@ -87,9 +76,7 @@ protected:
     {
         auto steppedClock = std::make_unique<SteppedLiveClock>(100);
         clock = steppedClock.get();
-        StageRenderer::Options options;
-        options.content = {320, 200};
-        auto real = StageRenderer::create(StageSpec{}, {192, 108}, options);
+        auto real = StageRenderer::create(StageSpec {}, {192, 108}, {.content = {320, 200}});
         ASSERT_TRUE(real) << real.error().sentence;
         auto slowRenderer = std::make_shared<SlowRenderer>(std::move(*real), *clock);
         slow = slowRenderer.get();
@@ -113,7 +100,7 @@ protected:
     std::shared_ptr<LiveSwitches> switches = std::make_shared<LiveSwitches>();
     std::shared_ptr<LiveInputBus> inputs = std::make_shared<LiveInputBus>();
     std::shared_ptr<ScriptedSink> watcher = std::make_shared<ScriptedSink>("Watcher");
-    Image screen = solid(320, 200, 0xff3070c0);
+    Image screen = testkit::solidImage(320, 200, 0x3070c0);
     SteppedLiveClock* clock = nullptr;
     SlowRenderer* slow = nullptr;
     std::unique_ptr<LivePipeline> pipeline;
@@ -134,8 +121,7 @@ TEST_F(LivePipelineTest, MeasuredOverrunsWalkTheLadderDownAndBackUp)
     EXPECT_EQ(report.line, "Watcher: Live.");
 
     // The same load fits 30 fps: thirty clean seconds, checked every half second, climb back.
-    int checks = 0;
-    for (; checks < 70 && watch.ladder().quality != LiveQuality::full; ++checks) {
+    for (int checks = 0; checks < 70 && watch.ladder().quality != LiveQuality::full; ++checks) {
         run(0.5);
         report = watch.check(*pipeline, *switches);
     }

@@ -54,14 +54,11 @@ TEST(LiveSessionTest, GoingLiveIsRefusedWhileARecordingNeedsTheCaptureAndWithout
     // Markers of a process that is gone, rolling or finishing, are no refusal.
     RecordingMarker gone = RecordingMarker::ofThisProcess(false);
     gone.pid = 999999999;
-    for (const char* name : {"Rolling.mov", "Finishing.mov"})
-        ASSERT_TRUE(gone.write(library / name));
+    ASSERT_TRUE(gone.write(library / "Rolling.mov"));
     gone.phase = RecordingMarker::Phase::finishing;
     ASSERT_TRUE(gone.write(library / "Finishing.mov"));
     std::vector<std::string> said;
-    LiveSessionOptions options;
-    options.progress = [&](const std::string& s) { said.push_back(s); };
-    auto noScreen = session.goLive(options, {sink});
+    auto noScreen = session.goLive({.progress = [&](const std::string& s) { said.push_back(s); }}, {sink});
     ASSERT_FALSE(noScreen);
     EXPECT_EQ(noScreen.error().sentence, "Plim could not open your screen: No display is available to record.");
     EXPECT_EQ(said, std::vector<std::string>{"Opening your screen"});
@@ -104,13 +101,8 @@ TEST(LiveSessionTest, ARealRunWritesTheComposedScreenWithThePointerWhereItWasPut
 
     TempDir folder;
     auto file = std::make_shared<FileLiveSink>(folder / "live.mkv");
-    LiveServices services;
-    services.openDesktop = [&] { return Desktop::create(x.display()); };
-    LiveSession session(services);
-    LiveSessionOptions options;
-    options.canvas = {320, 180};
-    options.switches.bubble = false;
-    ASSERT_TRUE(session.goLive(options, {file}));
+    LiveSession session({.openDesktop = [&] { return Desktop::create(x.display()); }});
+    ASSERT_TRUE(session.goLive({.canvas = {320, 180}, .switches = {.bubble = false}}, {file}));
     LiveHealthReport report;
     for (int i = 0; i < 3; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -141,10 +133,8 @@ TEST(LiveSessionTest, ARealRunWritesTheComposedScreenWithThePointerWhereItWasPut
         ASSERT_GE(pts[i] - pts[i - 1], 1.0 / 60 - 0.002) << i << ": " << pts[i - 1] << " to " << pts[i];
 
     // Where the screen's pixels land on the canvas, as the same stage draws them.
-    StageRenderer::Options stageOptions;
-    stageOptions.content = {640, 400};
-    stageOptions.hasKeycaps = false;
-    auto stage = StageRenderer::create(wearing(StageSpec{}, PlimLook{}), {320, 180}, stageOptions);
+    auto stage = StageRenderer::create(
+        wearing(StageSpec {}, PlimLook {}), {320, 180}, {.content = {640, 400}, .hasKeycaps = false});
     ASSERT_TRUE(stage);
     const Affine toCanvas = (*stage)->placement({640, 400}, StageMoment{}).sourceToOutput;
     auto reader = MovieReader::create(movie);

@@ -1,9 +1,11 @@
 #pragma once
 // A camera for tests, where none exists: solid pictures whose level steps every frame.
 
+#include "base/clock.h"
 #include "capture/camera_source.h"
 
-#include <atomic>
+#include <chrono>
+#include <cstring>
 #include <thread>
 
 namespace plim {
@@ -13,22 +15,43 @@ namespace plim {
 class ScriptedCameraSource final : public CameraSource {
 public:
     ScriptedCameraSource(int width, int height, double fps, bool bunched = false)
-        : m_width(width), m_height(height), m_fps(fps), m_bunched(bunched) {}
-    ~ScriptedCameraSource() override { stop(); }
+        : m_width(width), m_height(height), m_fps(fps), m_bunched(bunched)
+    {
+    }
     std::string deviceName() const override { return "Scripted camera"; }
     int width() const override { return m_width; }
     int height() const override { return m_height; }
     double framesPerSecond() const override { return m_fps; }
-    Status start(FrameHandler onFrame) override;
-    void stop() override;
-    int64_t delivered() const { return m_delivered.load(); }
+    Status start(FrameHandler onFrame) override
+    {
+        m_thread = std::jthread([this, onFrame = std::move(onFrame)](std::stop_token stop) {
+            double next = systemUptime();
+            uint8_t level = 0;
+            auto picture = [&] {
+                Image image = Image::allocate(m_width, m_height);
+                for (int y = 0; y < m_height; ++y)
+                    std::memset(image.row(y), level, size_t(m_width) * 4);
+                return image;
+            };
+            while (!stop.stop_requested()) {
+                const double taken = systemUptime();
+                if (m_bunched)
+                    onFrame(CapturedFrame {picture(), taken});
+                onFrame(CapturedFrame {picture(), m_bunched ? taken + 1e-4 : taken});
+                level = uint8_t(level + 8);
+                next += 1.0 / m_fps;
+                std::this_thread::sleep_for(std::chrono::duration<double>(next - systemUptime()));
+            }
+        });
+        return {};
+    }
+    void stop() override { m_thread = std::jthread(); } // stops and joins the running one
 
 private:
     int m_width, m_height;
     double m_fps;
     bool m_bunched;
     std::jthread m_thread;
-    std::atomic<int64_t> m_delivered{0};
 };
 
 } // namespace plim

@@ -26,21 +26,28 @@ struct GnomeSession::RemoteDesktop {
         sdbus::ObjectPath path;
         desktop->callMethod("CreateSession").onInterface("org.gnome.Mutter.RemoteDesktop").storeResultsTo(path);
         session = sdbus::createProxy(*connection, "org.gnome.Mutter.RemoteDesktop", path);
-        call("Start");
+        session->callMethod("Start").onInterface(interface);
     }
-    ~RemoteDesktop()
+    ~RemoteDesktop() { call("Stop"); }
+    // False when the session refused.
+    template<typename... Args> bool call(const std::string& method, Args... args)
     {
         try {
-            call("Stop");
+            session->callMethod(method).onInterface(interface).withArguments(args...);
+            return true;
         } catch (const sdbus::Error&) {
+            return false;
         }
     }
-    template<typename... Args>
-    void call(const std::string& method, Args... args)
-    {
-        session->callMethod(method).onInterface("org.gnome.Mutter.RemoteDesktop.Session").withArguments(args...);
-    }
+    static constexpr const char* interface = "org.gnome.Mutter.RemoteDesktop.Session";
 };
+
+// A property of a window the shell lists; T() when it has none of that type.
+template<typename T> static T property(const std::map<std::string, sdbus::Variant>& properties, const char* key)
+{
+    auto found = properties.find(key);
+    return found != properties.end() && found->second.containsValueOfType<T>() ? found->second.get<T>() : T();
+}
 
 GnomeSession::GnomeSession(const std::string& monitor, Compositor compositor)
     : HeadlessDesktop("GNOME")
@@ -124,19 +131,9 @@ std::vector<GnomeSession::Window> GnomeSession::windows()
         auto shell = sdbus::createProxy(*m_windowLister, "org.gnome.Shell.Introspect", "/org/gnome/Shell/Introspect");
         std::map<uint64_t, Properties> windows;
         shell->callMethod("GetWindows").onInterface("org.gnome.Shell.Introspect").storeResultsTo(windows);
-        for (auto& [id, properties] : windows) {
-            auto text = [&](const char* key) {
-                auto found = properties.find(key);
-                return found != properties.end() && found->second.containsValueOfType<std::string>()
-                    ? found->second.get<std::string>() : std::string();
-            };
-            auto number = [&](const char* key) {
-                auto found = properties.find(key);
-                return found != properties.end() && found->second.containsValueOfType<uint32_t>()
-                    ? int(found->second.get<uint32_t>()) : 0;
-            };
-            listed.push_back({text("app-id"), text("title"), number("width"), number("height")});
-        }
+        for (auto& [id, properties] : windows)
+            listed.push_back({property<std::string>(properties, "app-id"), property<std::string>(properties, "title"),
+                int(property<uint32_t>(properties, "width")), int(property<uint32_t>(properties, "height"))});
     } catch (const sdbus::Error&) {
         listed.clear();
     }
@@ -145,63 +142,38 @@ std::vector<GnomeSession::Window> GnomeSession::windows()
 
 std::string GnomeSession::grantScreenCast()
 {
-    return grant("uint32 1, <'MetaVendor:MetaVirtualMonitor:0x00'>");
+    return grant(1, sdbus::Variant(std::string("MetaVendor:MetaVirtualMonitor:0x00")));
 }
 
 std::string GnomeSession::grantWindowCast(const Window& window)
 {
-    auto quoted = [](const std::string& text) {
-        std::string out = "'";
-        for (char c : text)
-            out += c == '\'' || c == '\\' ? std::string("\\") + c : std::string(1, c);
-        return out + "'";
-    };
-    return grant("uint32 2, <(" + quoted(window.appId) + ", " + quoted(window.title) + ")>");
+    return grant(2, sdbus::Variant(sdbus::Struct<std::string, std::string> {window.appId, window.title}));
 }
 
-// Seeds the permission store with a grant of `stream` (its type and what identifies it),
-// in the GNOME portal's format of restore data.
-std::string GnomeSession::grant(const std::string& stream)
+// The GNOME portal's restore data: ("GNOME", 1, <(granted, last used, [(stream, `type`, `source`)])>),
+// `source` being what identifies a monitor (type 1) or a window (type 2).
+std::string GnomeSession::grant(uint32_t type, const sdbus::Variant& source)
 {
-    const std::string token = newToken();
-    const long long now = std::chrono::duration_cast<std::chrono::microseconds>(
-        std::chrono::system_clock::now().time_since_epoch()).count();
-    const std::vector<std::string> call{"gdbus", "call", "--session", "-d", "org.freedesktop.impl.portal.PermissionStore",
-        "-o", "/org/freedesktop/impl/portal/PermissionStore", "-m"};
-    auto withArgs = [&](std::vector<std::string> args) {
-        std::vector<std::string> argv = call;
-        argv.insert(argv.end(), args.begin(), args.end());
-        return runCommand(argv, environment()).status == 0;
-    };
-    const std::string at = std::to_string(now);
-    if (!withArgs({"org.freedesktop.impl.portal.PermissionStore.SetPermission", "screencast", "true", token, "", "['yes']"})
-        || !withArgs({"org.freedesktop.impl.portal.PermissionStore.SetValue", "screencast", "true", token,
-            "<('GNOME', uint32 1, <(int64 " + at + ", int64 " + at + ", [(uint32 0, " + stream + ")])>)>"}))
-        return {};
-    return token;
+    const int64_t now
+        = std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+              .count();
+    using Stream = sdbus::Struct<uint32_t, uint32_t, sdbus::Variant>;
+    const sdbus::Variant streams(
+        sdbus::Struct<int64_t, int64_t, std::vector<Stream>> {now, now, {Stream {0u, type, source}}});
+    return seedGrant(sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant> {"GNOME", 1u, streams}));
 }
 
 bool GnomeSession::movePointer(double x, double y)
 {
-    try {
-        m_remote->call("NotifyPointerMotionRelative", -100000.0, -100000.0);
-        m_remote->call("NotifyPointerMotionRelative", x, y);
-        return true;
-    } catch (const sdbus::Error&) {
-        return false;
-    }
+    return m_remote->call("NotifyPointerMotionRelative", -100000.0, -100000.0)
+        && m_remote->call("NotifyPointerMotionRelative", x, y);
 }
 
 bool GnomeSession::click()
 {
     constexpr int32_t leftButton = 0x110; // BTN_LEFT
-    try {
-        m_remote->call("NotifyPointerButton", leftButton, true);
-        m_remote->call("NotifyPointerButton", leftButton, false);
-        return true;
-    } catch (const sdbus::Error&) {
-        return false;
-    }
+    return m_remote->call("NotifyPointerButton", leftButton, true)
+        && m_remote->call("NotifyPointerButton", leftButton, false);
 }
 
 void GnomeSession::stopPortal() { m_portal.reset(); }

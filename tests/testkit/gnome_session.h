@@ -18,6 +18,7 @@
 
 namespace sdbus {
 class IConnection;
+class Variant;
 }
 
 namespace plim::testkit {
@@ -57,7 +58,7 @@ public:
     bool restartPortal(const fs::path& backends);
 
 private:
-    std::string grant(const std::string& stream);
+    std::string grant(uint32_t type, const sdbus::Variant& source);
     bool shellAnswers(int shell);
     struct RemoteDesktop;
 

@@ -2,6 +2,7 @@
 
 #include "testkit/servers.h"
 
+#include <sdbus-c++/sdbus-c++.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,8 +13,6 @@ namespace plim::testkit {
 HeadlessDesktop::HeadlessDesktop(std::string desktop)
     : m_desktop(std::move(desktop))
 {
-    m_runtime = m_dir / "run";
-    m_home = m_dir / "home";
     if (auto why = foldersForNobody(m_dir.path(), {m_runtime, m_home}))
         m_trouble = *why;
 }
@@ -45,11 +44,8 @@ std::unique_ptr<ChildProcess> HeadlessDesktop::start(const std::string& name, st
     full.insert(full.end(), {"HOME=" + m_home.string(), "XDG_CONFIG_HOME=" + (m_home / ".config").string(),
         "XDG_DATA_HOME=" + (m_home / ".local/share").string(), "XDG_CACHE_HOME=" + (m_home / ".cache").string(),
         "XDG_STATE_HOME=" + (m_home / ".local/state").string(), "PATH=/usr/bin:/bin"});
-    const auto env = environment();
-    full.insert(full.end(), env.begin(), env.end());
-    full.insert(full.end(), m_serverEnv.begin(), m_serverEnv.end());
-    full.insert(full.end(), extraEnv.begin(), extraEnv.end());
-    full.insert(full.end(), argv.begin(), argv.end());
+    for (const auto& part : {environment(), m_serverEnv, extraEnv, argv})
+        full.insert(full.end(), part.begin(), part.end());
     return std::make_unique<ChildProcess>(full, std::vector<std::string>{}, "/dev/null", m_dir / (name + ".log"));
 }
 
@@ -88,10 +84,21 @@ bool HeadlessDesktop::waitForName(const std::string& name) const
     return runCommand({"gdbus", "wait", "--session", "--timeout", "15", name}, environment()).status == 0;
 }
 
-std::string HeadlessDesktop::newToken()
+std::string HeadlessDesktop::seedGrant(const sdbus::Variant& data) const
 {
     std::string token;
     std::getline(std::ifstream("/proc/sys/kernel/random/uuid"), token);
+    try {
+        auto connection = sdbus::createSessionBusConnectionWithAddress(busAddress());
+        const char* store = "org.freedesktop.impl.portal.PermissionStore";
+        auto proxy = sdbus::createProxy(*connection, store, "/org/freedesktop/impl/portal/PermissionStore");
+        proxy->callMethod("SetPermission")
+            .onInterface(store)
+            .withArguments("screencast", true, token, "", std::vector<std::string> {"yes"});
+        proxy->callMethod("SetValue").onInterface(store).withArguments("screencast", true, token, data);
+    } catch (const sdbus::Error&) {
+        return {};
+    }
     return token;
 }
 

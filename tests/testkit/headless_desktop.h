@@ -13,19 +13,22 @@
 #include <string>
 #include <vector>
 
+namespace sdbus {
+class Variant;
+}
+
 namespace plim::testkit {
 
 class HeadlessDesktop {
 public:
-    HeadlessDesktop(const HeadlessDesktop&) = delete;
-    HeadlessDesktop& operator=(const HeadlessDesktop&) = delete;
-
     bool isUp() const { return m_up; }
     // Why it is not up, for the skip.
     const std::string& trouble() const { return m_trouble; }
     const fs::path& folder() const { return m_dir.path(); }
     // The variables a client of this desktop needs (bus, runtime folder, Wayland socket).
     std::vector<std::string> environment() const;
+    enum class Bus { session, system };
+    std::string busAddress(Bus bus = Bus::session) const;
 
     // Starts `argv` as the desktop's user, stopped with the desktop.
     ChildProcess& startClient(const std::vector<std::string>& argv);
@@ -41,8 +44,6 @@ protected:
     explicit HeadlessDesktop(std::string desktop);
     virtual ~HeadlessDesktop();
 
-    enum class Bus { session, system };
-    std::string busAddress(Bus bus = Bus::session) const;
     // `argv` started as the desktop's user with the desktop's environment, m_serverEnv and
     // `extraEnv`; its output goes to `name`.log in the folder.
     std::unique_ptr<ChildProcess> start(const std::string& name, std::vector<std::string> argv,
@@ -54,11 +55,13 @@ protected:
     // process started after it.
     bool startBus(Bus bus = Bus::session);
     bool waitForName(const std::string& name) const;
-    // A fresh restore token for a grant seeded in the permission store.
-    static std::string newToken();
+    // Seeds the permission store with a screen cast granted with `data` (the portal backend's
+    // own restore data), as an earlier choice in the desktop's dialog would have, and returns
+    // its restore token; empty when the store refused.
+    std::string seedGrant(const sdbus::Variant& data) const;
 
     TempDir m_dir;
-    fs::path m_runtime, m_home;
+    fs::path m_runtime = m_dir / "run", m_home = m_dir / "home";
     std::string m_desktop;
     std::vector<std::string> m_serverEnv; // for the desktop's own processes, not its clients
     std::vector<std::unique_ptr<ChildProcess>> m_processes; // in start order; stopped in reverse

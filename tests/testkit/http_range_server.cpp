@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
-#include <chrono>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -29,14 +28,9 @@ bool sendAll(int socket, const char* data, size_t length)
 
 std::string reasonPhrase(int status)
 {
-    switch (status) {
-    case 200: return "OK";
-    case 206: return "Partial Content";
-    case 404: return "Not Found";
-    case 416: return "Range Not Satisfiable";
-    case 503: return "Service Unavailable";
-    default: return "Status";
-    }
+    static const std::map<int, std::string> phrases {{200, "OK"}, {206, "Partial Content"}, {404, "Not Found"},
+        {416, "Range Not Satisfiable"}, {503, "Service Unavailable"}};
+    return phrases.contains(status) ? phrases.at(status) : "Status";
 }
 
 } // namespace
@@ -46,10 +40,7 @@ HttpRangeServer::HttpRangeServer()
     if (::pipe2(m_wake, O_CLOEXEC) != 0)
         return;
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = 0;
+    sockaddr_in address {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {.s_addr = htonl(INADDR_LOOPBACK)}};
     socklen_t length = sizeof address;
     if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 16) != 0
         || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -146,44 +137,38 @@ void HttpRangeServer::answer(int socket)
     const auto firstSpace = head.find(' ');
     const auto secondSpace = head.find(' ', firstSpace + 1);
     request.path = head.substr(firstSpace + 1, secondSpace - firstSpace - 1);
-    for (size_t at = head.find("\r\n"); at != std::string::npos && at + 2 < head.size();) {
-        const size_t end = head.find("\r\n", at + 2);
-        std::string line = head.substr(at + 2, end - at - 2);
-        if (line.size() > 6 && (line.compare(0, 6, "Range:") == 0 || line.compare(0, 6, "range:") == 0))
-            request.range = line.substr(line.find_first_not_of(' ', 6));
-        at = end;
-    }
+    for (const char* header : {"\r\nRange: ", "\r\nrange: "})
+        if (const size_t at = head.find(header); at != std::string::npos)
+            request.range = head.substr(at + 9, head.find("\r\n", at + 9) - at - 9);
 
-    Entry entry;
-    bool found = false, corrupt = false, drop = false, stall = false;
+    std::optional<Entry> entry;
+    bool corrupt = false, drop = false, stall = false;
     {
         std::lock_guard lock(m_mutex);
         m_requests.push_back(request);
         if (auto it = m_files.find(request.path); it != m_files.end()) {
-            found = true;
+            entry = it->second; // as it was before this answer spends its counts
             auto& behaviour = it->second.behaviour;
-            entry.behaviour = behaviour;
             corrupt = behaviour.corruptions > 0 && behaviour.corruptions-- > 0;
             drop = behaviour.dropAfter >= 0 && behaviour.drops > 0 && behaviour.drops-- > 0;
             stall = behaviour.stallAfter >= 0 && behaviour.stalls > 0 && behaviour.stalls-- > 0;
-            entry.content = it->second.content;
         }
     }
-    const Behaviour& behaviour = entry.behaviour;
+    const Behaviour behaviour = entry ? entry->behaviour : Behaviour {};
     auto sendHead = [&](int status, int64_t length, const std::string& extra) {
         std::string text = "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) + "\r\nContent-Length: "
             + std::to_string(length) + "\r\n" + extra + "Connection: close\r\n\r\n";
         return sendAll(socket, text.data(), text.size());
     };
-    if (!found || behaviour.status) {
-        const int status = found ? behaviour.status : 404;
+    if (!entry || behaviour.status) {
+        const int status = entry ? behaviour.status : 404;
         const std::string body = reasonPhrase(status) + "\n";
         if (sendHead(status, int64_t(body.size()), ""))
             sendAll(socket, body.data(), body.size());
         return;
     }
 
-    std::string content = std::move(entry.content);
+    std::string content = std::move(entry->content);
     if (corrupt && !content.empty())
         content[content.size() / 2] ^= 0x5a;
     const int64_t size = int64_t(content.size());

@@ -38,8 +38,6 @@ public:
 
     HttpRangeServer();
     ~HttpRangeServer();
-    HttpRangeServer(const HttpRangeServer&) = delete;
-    HttpRangeServer& operator=(const HttpRangeServer&) = delete;
 
     bool isUp() const { return m_listen >= 0; }
     std::string baseUrl() const; // "http://127.0.0.1:PORT"

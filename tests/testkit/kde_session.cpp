@@ -100,24 +100,12 @@ std::string KdeSession::windowId(const std::string& appId)
 
 std::string KdeSession::grantWindowCast(const std::string& id)
 {
-    const std::string token = newToken();
     // The KDE portal's restore data: ("KDE", 1, <a Qt map of "outputs" and "windows">).
     QtStream map;
     map.u32(2).string("outputs").variant(qVariantList).u32(0);
     map.string("windows").variant(qStringList).u32(1).string(id);
-    try {
-        auto connection = sdbus::createSessionBusConnectionWithAddress(busAddress());
-        auto store = sdbus::createProxy(*connection, "org.freedesktop.impl.portal.PermissionStore",
-            "/org/freedesktop/impl/portal/PermissionStore");
-        const char* interface = "org.freedesktop.impl.portal.PermissionStore";
-        store->callMethod("SetPermission").onInterface(interface)
-            .withArguments("screencast", true, token, "", std::vector<std::string>{"yes"});
-        store->callMethod("SetValue").onInterface(interface).withArguments("screencast", true, token,
-            sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant>{"KDE", 1u, sdbus::Variant(map.bytes)}));
-    } catch (const sdbus::Error&) {
-        return {};
-    }
-    return token;
+    return seedGrant(
+        sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant> {"KDE", 1u, sdbus::Variant(map.bytes)}));
 }
 
 } // namespace plim::testkit

@@ -10,7 +10,6 @@
 #include "testkit/headless_desktop.h"
 
 #include <string>
-#include <vector>
 
 namespace plim::testkit {
 

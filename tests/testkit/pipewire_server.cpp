@@ -1,18 +1,17 @@
 #include "testkit/pipewire_server.h"
 
-#include <sys/stat.h>
+#include "testkit/servers.h"
 
 namespace plim::testkit {
 
 PipeWireServer::PipeWireServer()
 {
-    for (const char* program : {"pipewire", "wireplumber", "pw-cli"})
-        if (runCommand({"sh", "-c", std::string("command -v ") + program}).status != 0) {
-            m_installed = false;
-            m_trouble = std::string(program) + " is not installed (scripts/setup.sh installs it)";
-            return;
-        }
-    chmod(m_dir.path().c_str(), 0700);
+    if (auto missing = missingProgram({"pipewire", "wireplumber", "pw-cli"})) {
+        m_installed = false;
+        m_trouble = *missing;
+        return;
+    }
+    fs::permissions(m_dir.path(), fs::perms::owner_all);
     m_bus = std::make_unique<ChildProcess>(std::vector<std::string>{"dbus-daemon", "--session", "--nofork",
                                                "--address=unix:path=" + (m_dir / "bus").string()},
         std::vector<std::string>{}, "/dev/null", m_dir / "bus.log");
@@ -34,13 +33,6 @@ PipeWireServer::PipeWireServer()
     m_up = eventually([&] { return runCommand({"pw-cli", "ls", "Metadata"}, env).out.find("\"default\"") != std::string::npos; }, 15);
     if (!m_up)
         m_trouble = "wireplumber did not start: " + readText(m_dir / "wireplumber.log");
-}
-
-PipeWireServer::~PipeWireServer()
-{
-    m_wireplumber.reset();
-    m_pipewire.reset();
-    m_bus.reset();
 }
 
 std::vector<std::string> PipeWireServer::environment() const

@@ -13,7 +13,6 @@ namespace plim::testkit {
 class PipeWireServer {
 public:
     PipeWireServer();
-    ~PipeWireServer();
     bool isUp() const { return m_up; }
     // Why it is not up, for the failure or the skip.
     const std::string& trouble() const { return m_trouble; }
@@ -27,7 +26,7 @@ public:
 
 private:
     TempDir m_dir;
-    std::unique_ptr<ChildProcess> m_bus, m_pipewire, m_wireplumber;
+    std::unique_ptr<ChildProcess> m_bus, m_pipewire, m_wireplumber; // stopped in reverse
     bool m_installed = true;
     bool m_up = false;
     std::string m_trouble;

@@ -1,6 +1,5 @@
 #include "testkit/servers.h"
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -24,16 +23,11 @@ XvfbServer::XvfbServer(const std::string& size)
         m_process = std::make_unique<ChildProcess>(
             std::vector<std::string>{"Xvfb", m_display, "-nolisten", "tcp", "-noreset", "-screen", "0", size, "+extension", "Composite"},
             std::vector<std::string>{}, "/dev/null", "/dev/null");
-        for (int i = 0; i < 100 && !m_up; ++i) {
-            pause(50);
-            m_up = runCommand({"xdpyinfo", "-display", m_display}).status == 0;
-        }
+        m_up = eventually([&] { return runCommand({"xdpyinfo", "-display", m_display}).status == 0; }, 5);
         if (!m_up)
             m_process.reset();
     }
 }
-
-XvfbServer::~XvfbServer() { m_process.reset(); }
 
 PulseServer::PulseServer()
 {
@@ -44,10 +38,7 @@ PulseServer::PulseServer()
             "--load=module-null-sink sink_name=plimsink", "--load=module-native-protocol-unix",
             "--load=module-always-sink"},
         env, "/dev/null", (m_dir.path() / "pulse.log").string());
-    for (int i = 0; i < 100 && !m_up; ++i) {
-        pause(50);
-        m_up = runCommand({"pactl", "info"}, env).status == 0;
-    }
+    m_up = eventually([&] { return runCommand({"pactl", "info"}, env).status == 0; }, 5);
     if (!m_up)
         return;
     // With no stream asking for less, the null sink mixes two seconds ahead, and a stream
@@ -58,19 +49,13 @@ PulseServer::PulseServer()
     m_holder = std::make_unique<ChildProcess>(
         std::vector<std::string>{"parec", "--latency-msec=100", "-d", "plimsink.monitor", "--raw"}, env, "/dev/null",
         (m_dir.path() / "holder.log").string());
-    bool holding = false;
-    for (int i = 0; i < 100 && !holding; ++i) {
-        pause(20);
-        holding = !runCommand({"pactl", "list", "short", "source-outputs"}, env).out.empty();
-    }
-    m_up = holding && runCommand({"pactl", "suspend-sink", "plimsink", "1"}, env).status == 0
+    m_up = eventually(
+               [&] {
+                   return !runCommand({"pactl", "list", "short", "source-outputs"}, env).out.empty();
+               },
+               2)
+        && runCommand({"pactl", "suspend-sink", "plimsink", "1"}, env).status == 0
         && runCommand({"pactl", "suspend-sink", "plimsink", "0"}, env).status == 0;
-}
-
-PulseServer::~PulseServer()
-{
-    m_holder.reset();
-    m_process.reset();
 }
 
 std::vector<std::string> PulseServer::environment() const

@@ -18,7 +18,6 @@ class XvfbServer {
 public:
     // Picks a free display number from the process id; `size` is "WIDTHxHEIGHTxDEPTH".
     explicit XvfbServer(const std::string& size = "1280x720x24");
-    ~XvfbServer();
     bool isUp() const { return m_up; }
     const std::string& display() const { return m_display; } // ":N"
     // Ends the server now, as a crash or a logout would.
@@ -33,7 +32,6 @@ private:
 class PulseServer {
 public:
     PulseServer();
-    ~PulseServer();
     bool isUp() const { return m_up; }
     // XDG_RUNTIME_DIR and PULSE_RUNTIME_PATH for clients of this server.
     std::vector<std::string> environment() const;
@@ -42,7 +40,7 @@ public:
 private:
     TempDir m_dir;
     std::unique_ptr<ChildProcess> m_process;
-    std::unique_ptr<ChildProcess> m_holder; // keeps the null sink's latency short
+    std::unique_ptr<ChildProcess> m_holder; // keeps the null sink's latency short; stopped first
     bool m_up = false;
 };
 

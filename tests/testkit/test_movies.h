@@ -42,17 +42,6 @@ inline uint32_t colorAt(const TestMovie& m, double t)
     return color;
 }
 
-inline Image solidImage(int width, int height, uint32_t rgb)
-{
-    Image image = Image::allocate(width, height);
-    for (int y = 0; y < height; ++y) {
-        auto* row = reinterpret_cast<uint32_t*>(image.row(y));
-        for (int x = 0; x < width; ++x)
-            row[x] = 0xff000000u | rgb;
-    }
-    return image;
-}
-
 // Interleaved stereo of `duration` seconds: 1 kHz bursts at 0.5 of `length` seconds from each start, else silence.
 inline std::vector<float> toneTrack(double duration, const std::vector<double>& starts, double length)
 {

@@ -1,11 +1,11 @@
 #include "testkit/test_window.h"
 
+#include "base/clock.h"
+
 #include <xcb/xcb.h>
 
 #include <poll.h>
 
-#include <chrono>
-#include <ctime>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -34,10 +34,7 @@ TestWindow::TestWindow(const std::string& display, int x, int y, int width, int 
 
 TestWindow::~TestWindow()
 {
-    if (m_thread.joinable()) {
-        m_thread.request_stop();
-        m_thread.join();
-    }
+    m_thread = std::jthread(); // stops and joins the event thread
     if (m_c)
         xcb_disconnect(m_c);
 }
@@ -78,12 +75,10 @@ void TestWindow::run(std::stop_token stop)
     while (!stop.stop_requested()) {
         while (xcb_generic_event_t* event = xcb_poll_for_event(m_c)) {
             if ((event->response_type & 0x7f) == XCB_BUTTON_PRESS) {
-                fill(m_clickColour.load());
-                timespec now{};
-                clock_gettime(CLOCK_MONOTONIC, &now);
+                fill(0xff0000); // a click turns it red
                 std::lock_guard lock(m_draw);
-                m_lastClick = ClickShown{reinterpret_cast<xcb_button_press_event_t*>(event)->time,
-                    double(now.tv_sec) * 1000 + double(now.tv_nsec) / 1e6};
+                m_lastClick
+                    = ClickShown {reinterpret_cast<xcb_button_press_event_t*>(event)->time, systemUptime() * 1000};
             }
             free(event);
         }

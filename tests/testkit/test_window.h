@@ -1,10 +1,9 @@
 #pragma once
-// A plain X window for capture tests: filled with one colour, turning another colour when
+// A plain X window for capture tests: filled with one colour, turning red when
 // clicked, or showing fresh noise many times a second. Runs its own event thread.
 
 #include <atomic>
 #include <cstdint>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -16,14 +15,13 @@ namespace plim::testkit {
 
 class TestWindow {
 public:
-    // 0xRRGGBB colours. `onClick` runs on the window's thread after the fill.
+    // `colour` is 0xRRGGBB.
     TestWindow(const std::string& display, int x, int y, int width, int height, uint32_t colour);
     ~TestWindow();
     bool isOpen() const { return m_window != 0; }
     uint32_t id() const { return m_window; }
 
     void fill(uint32_t colour);
-    void setClickColour(uint32_t colour) { m_clickColour = colour; }
     // Noise over the whole window every `intervalMs` while on.
     void setNoise(bool on) { m_noise = on; }
     void close();
@@ -43,7 +41,6 @@ private:
     uint32_t m_window = 0;
     uint32_t m_gc = 0;
     int m_width, m_height;
-    std::atomic<uint32_t> m_clickColour{0xff0000};
     std::atomic<bool> m_noise{false};
     mutable std::mutex m_draw;
     std::optional<ClickShown> m_lastClick;

@@ -1,14 +1,15 @@
 #include "testkit/testkit.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sstream>
+#include <limits>
 #include <stdexcept>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -67,47 +68,37 @@ XdgSandbox::XdgSandbox()
 std::string readText(const fs::path& path)
 {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 void writeText(const fs::path& path, const std::string& text)
 {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-static int spawn(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv, int outFd, int errFd)
-{
-    pid_t pid = fork();
-    if (pid == 0) {
-        if (outFd >= 0)
-            dup2(outFd, 1);
-        if (errFd >= 0)
-            dup2(errFd, 2);
-        for (auto& kv : extraEnv)
-            putenv(strdup(kv.c_str()));
-        std::vector<char*> args;
-        for (auto& a : argv)
-            args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execvp(args[0], args.data());
-        _exit(127);
-    }
-    return pid;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 ChildProcess::ChildProcess(std::vector<std::string> argv, std::vector<std::string> extraEnv,
     std::optional<fs::path> stdoutFile, std::optional<fs::path> stderrFile)
 {
-    int outFd = stdoutFile ? open(stdoutFile->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
-    int errFd = stderrFile ? open(stderrFile->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
-    m_pid = spawn(argv, extraEnv, outFd, errFd);
-    if (outFd >= 0)
-        close(outFd);
-    if (errFd >= 0)
-        close(errFd);
+    const int outFd = stdoutFile ? open(stdoutFile->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
+    const int errFd = stderrFile ? open(stderrFile->c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644) : -1;
+    m_pid = fork();
+    if (m_pid == 0) {
+        if (outFd >= 0)
+            dup2(outFd, 1);
+        if (errFd >= 0)
+            dup2(errFd, 2);
+        for (auto& kv : extraEnv)
+            putenv(kv.data());
+        std::vector<char*> args;
+        for (auto& a : argv)
+            args.push_back(a.data());
+        args.push_back(nullptr);
+        execvp(args[0], args.data());
+        _exit(127);
+    }
+    for (int fd : {outFd, errFd})
+        if (fd >= 0)
+            close(fd);
 }
 
 ChildProcess::~ChildProcess() { terminate(); }
@@ -128,15 +119,9 @@ void ChildProcess::terminate()
     if (m_reaped || m_pid <= 0)
         return;
     kill(m_pid, SIGTERM);
-    for (int i = 0; i < 100; ++i) {
-        int status;
-        if (waitpid(m_pid, &status, WNOHANG) == m_pid) {
-            m_reaped = true;
-            return;
-        }
-        usleep(20000);
-    }
-    kill(m_pid, SIGKILL);
+    m_reaped = eventually([&] { return waitpid(m_pid, nullptr, WNOHANG) == m_pid; }, 2);
+    if (!m_reaped)
+        kill(m_pid, SIGKILL);
     wait();
 }
 
@@ -195,6 +180,29 @@ std::string probe(const fs::path& movie, const std::string& stream, const std::s
     while (!out.empty() && (out.back() == '\n' || out.back() == '\r'))
         out.pop_back();
     return out;
+}
+
+std::string pictureArea(const fs::path& movie, double seconds, int x, int y, int w, int h)
+{
+    const std::string crop
+        = "crop=" + std::to_string(w) + ":" + std::to_string(h) + ":" + std::to_string(x) + ":" + std::to_string(y);
+    return runCommand({"ffmpeg", "-v", "error", "-ss", std::to_string(seconds), "-i", movie.string(), "-frames:v", "1",
+                          "-vf", crop, "-f", "rawvideo", "-pix_fmt", "rgb24", "-"})
+        .out;
+}
+
+double colourGap(const fs::path& movie, double seconds, int x, int y, int w, int h, std::array<int, 3> rgb)
+{
+    const std::string pixels = pictureArea(movie, seconds, x, y, w, h);
+    if (pixels.size() != size_t(w) * size_t(h) * 3)
+        return std::numeric_limits<double>::infinity();
+    std::array<double, 3> sum {};
+    for (size_t i = 0; i < pixels.size(); ++i)
+        sum[i % 3] += uint8_t(pixels[i]);
+    double gap = 0;
+    for (int c = 0; c < 3; ++c)
+        gap = std::max(gap, std::abs(sum[c] / (double(w) * h) - rgb[c]));
+    return gap;
 }
 
 fs::path builtExecutable(const std::string& name)

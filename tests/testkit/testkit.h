@@ -2,6 +2,9 @@
 // Helpers every test suite shares: temporary folders, scoped environment variables,
 // and child processes that are stopped by their process id.
 
+#include "base/image.h"
+
+#include <array>
 #include <filesystem>
 #include <functional>
 #include <optional>
@@ -32,8 +35,6 @@ class SmallDisk {
 public:
     explicit SmallDisk(const std::string& size);
     ~SmallDisk();
-    SmallDisk(const SmallDisk&) = delete;
-    SmallDisk& operator=(const SmallDisk&) = delete;
     bool isUp() const { return m_up; }
     const fs::path& path() const { return m_dir.path(); }
     fs::path operator/(const std::string& name) const { return m_dir / name; }
@@ -91,6 +92,18 @@ private:
     bool m_reaped = false;
 };
 
+// An opaque picture of one colour (0xRRGGBB).
+inline Image solidImage(int width, int height, uint32_t rgb)
+{
+    Image image = Image::allocate(width, height);
+    for (int y = 0; y < height; ++y) {
+        auto* row = reinterpret_cast<uint32_t*>(image.row(y));
+        for (int x = 0; x < width; ++x)
+            row[x] = 0xff000000u | rgb;
+    }
+    return image;
+}
+
 // Runs a command to completion and returns its exit status, standard output and error.
 struct CommandResult {
     int status = -1;
@@ -103,6 +116,12 @@ CommandResult runCommand(const std::vector<std::string>& argv, const std::vector
 // all), comma-separated, one line a stream or frame, without the last line break; `options` go before the file.
 std::string probe(const fs::path& movie, const std::string& stream, const std::string& entry,
     const std::vector<std::string>& options = {});
+
+// The RGB bytes of the area x, y, w, h of a movie's picture at `seconds`.
+std::string pictureArea(const fs::path& movie, double seconds, int x, int y, int w, int h);
+// How far the mean colour of that area is from `rgb`: the largest of the three channels'
+// differences, or infinity when the movie has no picture there.
+double colourGap(const fs::path& movie, double seconds, int x, int y, int w, int h, std::array<int, 3> rgb);
 
 // File permissions do not bind root, so a test that a file without read permission is
 // left alone means nothing when run as root. Called first in such a test: as root it
