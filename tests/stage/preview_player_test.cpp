@@ -158,9 +158,7 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     }
 
     // New edits redraw the frame shown at once: another backdrop in the corner.
-    PlimLook graphite;
-    graphite.backdrop = PlimLook::Backdrop::graphite;
-    const StagingJob grey = job(graphite);
+    const StagingJob grey = job({.backdrop = PlimLook::Backdrop::graphite});
     handed.take();
     player->setJob(grey);
     auto redrawn = exactAt(0.4);
