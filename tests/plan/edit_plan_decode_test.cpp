@@ -250,11 +250,9 @@ TEST(EditPlanDecode, EachDecodeCarriesItsOwnNoticesOneForAllItsDroppedFields)
 TEST(EditPlanDecode, FilesThatCannotBeDecodedAreReportedAndLeftByteForByte)
 {
     TempDir dir;
-    {
-        auto absent = EditPlan::decode(dir / "B.edits.json");
-        EXPECT_FALSE(absent.value);
-        EXPECT_TRUE(absent.notices.empty());
-    }
+    auto absent = EditPlan::decode(dir / "B.edits.json");
+    EXPECT_FALSE(absent.value);
+    EXPECT_TRUE(absent.notices.empty());
 
     auto repeated = [](const std::string& text, int times) {
         std::string out;
@@ -309,13 +307,12 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     fs::path folder = dir / "C.edits.json";
     fs::create_directory(folder);
     writeText(folder / "inside", "kept");
-    {
-        auto decoded = EditPlan::decode(folder);
-        EXPECT_FALSE(decoded.value);
-        // No download or permission change makes a folder of a file, so no hint of one.
-        EXPECT_EQ(decoded.notices, std::vector<std::string>{plan_notices::unreadable("C.edits.json", "it is a folder, not a file.", false)});
-        EXPECT_EQ(decoded.notices[0].find("download"), std::string::npos);
-    }
+    auto notAFile = EditPlan::decode(folder);
+    EXPECT_FALSE(notAFile.value);
+    // No download or permission change makes a folder of a file, so no hint of one.
+    EXPECT_EQ(notAFile.notices,
+        std::vector<std::string> {plan_notices::unreadable("C.edits.json", "it is a folder, not a file.", false)});
+    EXPECT_EQ(notAFile.notices[0].find("download"), std::string::npos);
     EXPECT_EQ(readText(folder / "inside"), "kept");
 
     // A million cuts are not parsed at all: the file is larger than any plan needs.
