@@ -221,8 +221,7 @@ TEST(EditPlanDecode, NumbersOutsideTheirRangesAreReadAtTheNearerEndAndTheOutputS
         "4.00, skip 1's rate 1e-09 as 1.00, cameraScale 1e+300 as 2.50. The file was left as it is; set those "
         "values in the editor to keep them."});
     // A plan made in memory is bounded where it plays.
-    EditPlan slow;
-    slow.skips = {{{2, 18}, false, 1e-9}};
+    const EditPlan slow {.skips = {{{2, 18}, false, 1e-9}}};
     EXPECT_DOUBLE_EQ(TimeRemap::of(slow, 20).outputDuration(20), 20);
 }
 

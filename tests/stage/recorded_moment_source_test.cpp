@@ -209,8 +209,7 @@ TEST(CameraPictureTest, UsableOnlyWhenThePixelsCoverEveryRow)
     EXPECT_FALSE((CameraPicture{4, 2, 16, nullptr}).isUsable());
 
     // Moments compare camera frames by cameraPicture: the same values in another buffer differ.
-    StageMoment a;
-    a.cameraFrame = cameraPicture(2, 2, 8, 16);
+    const StageMoment a {.cameraFrame = cameraPicture(2, 2, 8, 16)};
     StageMoment b = a;
     EXPECT_EQ(a, b);
     b.cameraFrame = cameraPicture(2, 2, 8, 16);

@@ -55,10 +55,8 @@ TEST(StageSpecJson, MalformedKeysKeepTheirDefaultsWithASentenceEach)
         "cursorSize": 100000, "cursorHideWhenIdle": "yes", "cursorSpotlight": true,
         "card": [1, 2], "clickStyle": "sparkle", "clickTint": 3, "zoomStyle": "bouncy",
         "captionLook": "bold", "captionSize": null, "captionPlace": "middle", "unknownKey": 1})"));
-    StageSpec expected;
-    expected.cursorSpotlight = true;
-    expected.zoomStyle = ZoomStyle::bouncy;
-    expected.captionLook = StageSpec::CaptionLook::bold;
+    const StageSpec expected {
+        .cursorSpotlight = true, .zoomStyle = ZoomStyle::bouncy, .captionLook = StageSpec::CaptionLook::bold};
     EXPECT_EQ(decoded.spec, expected);
     const std::string look = "The stage look's ";
     EXPECT_EQ(decoded.notices,

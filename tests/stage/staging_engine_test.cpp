@@ -31,12 +31,7 @@ struct StagingEngineTest : ::testing::Test {
 
     StagingJob job(EditPlan plan = {}, bool reframe = true)
     {
-        StagingJob j;
-        j.movie = movie;
-        j.cursor = testTrack(source);
-        j.plan = std::move(plan);
-        j.reframe = reframe;
-        return j;
+        return {.movie = movie, .cursor = testTrack(source), .plan = std::move(plan), .reframe = reframe};
     }
 };
 
