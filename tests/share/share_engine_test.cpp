@@ -25,16 +25,15 @@ struct Desk {
     std::vector<fs::path> clipboard;
     ShareEngine::Environment environment(const fs::path& copies)
     {
-        ShareEngine::Environment e;
-        e.keepOriginal = [] { return true; };
-        e.copyToClipboard = [this](const fs::path& file) -> Status {
-            clipboard.push_back(file);
-            return {};
-        };
-        e.wallpaperURL = [] { return std::nullopt; };
-        e.copiesFolder = [copies] { return copies; };
-        e.didShare = [this](const std::string& kind, const std::string& path) { shared.push_back(kind + " " + path); };
-        return e;
+        return {.keepOriginal = [] { return true; },
+            .copyToClipboard = [this](const fs::path& file) -> Status {
+                clipboard.push_back(file);
+                return {};
+            },
+            .wallpaperURL = [] { return std::nullopt; },
+            .copiesFolder = [copies] { return copies; },
+            .didShare
+            = [this](const std::string& kind, const std::string& path) { shared.push_back(kind + " " + path); }};
     }
 };
 
