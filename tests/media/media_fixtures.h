@@ -54,15 +54,13 @@ struct MovieSpec {
 // Writes a counting movie (and its sound, fed in 1024-frame blocks beside the pictures).
 inline void writeMovie(const fs::path& path, const MovieSpec& spec)
 {
-    MovieWriter::Settings settings;
-    settings.path = path;
-    settings.container = spec.container;
-    settings.width = spec.width;
-    settings.height = spec.height;
-    settings.frameRate = spec.fps;
-    settings.bitsPerSecond = exportBitsPerSecond(spec.width, spec.height);
-    settings.sound = spec.sound;
-    auto writer = MovieWriter::create(settings);
+    auto writer = MovieWriter::create({.path = path,
+        .container = spec.container,
+        .width = spec.width,
+        .height = spec.height,
+        .frameRate = spec.fps,
+        .bitsPerSecond = exportBitsPerSecond(spec.width, spec.height),
+        .sound = spec.sound});
     ASSERT_TRUE(writer) << writer.error().sentence;
     int frames = static_cast<int>(std::lround(spec.seconds * spec.fps));
     std::vector<int64_t> fed(spec.sound.size(), 0);
@@ -89,13 +87,8 @@ inline void writeMovie(const fs::path& path, const MovieSpec& spec)
 inline void writeSolids(const fs::path& path, int width, int height, const std::vector<Image>& pictures,
     bool scalePictures = false)
 {
-    MovieWriter::Settings s;
-    s.path = path;
-    s.width = width;
-    s.height = height;
-    s.frameRate = 30;
-    s.scalePictures = scalePictures;
-    auto writer = MovieWriter::create(s);
+    auto writer = MovieWriter::create(
+        {.path = path, .width = width, .height = height, .frameRate = 30, .scalePictures = scalePictures});
     ASSERT_TRUE(writer) << writer.error().sentence;
     for (size_t n = 0; n < pictures.size(); ++n)
         ASSERT_TRUE((*writer)->appendVideo(pictures[n], n / 30.0));
@@ -103,6 +96,15 @@ inline void writeSolids(const fs::path& path, int width, int height, const std::
 }
 
 using testkit::probe;
+
+// Replaces every occurrence of a four-letter code in a file (to make codecs unknown).
+inline void patchFourcc(const fs::path& path, const std::string& from, const std::string& to)
+{
+    std::string data = testkit::readText(path);
+    for (size_t at = data.find(from); at != std::string::npos; at = data.find(from, at + 4))
+        data.replace(at, 4, to);
+    testkit::writeText(path, data);
+}
 
 // Top-level atom names of a QuickTime/MPEG-4 file, in file order.
 inline std::vector<std::string> topAtoms(const fs::path& path)

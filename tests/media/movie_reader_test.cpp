@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <future>
+#include <tuple>
 
 using namespace plim;
 using namespace plim::mediatest;
@@ -20,15 +21,6 @@ int levelAt(const Image& image)
 {
     const uint8_t* p = image.row(image.height / 2) + 4 * (image.width / 2);
     return p[1];
-}
-
-// Replaces every occurrence of a four-letter code in a file (to make codecs unknown).
-void patchFourcc(const fs::path& path, const std::string& from, const std::string& to)
-{
-    std::string data = testkit::readText(path);
-    for (size_t at = data.find(from); at != std::string::npos; at = data.find(from, at + 4))
-        data.replace(at, 4, to);
-    testkit::writeText(path, data);
 }
 
 class MovieReaderTest : public ::testing::Test {
@@ -74,21 +66,18 @@ TEST_F(MovieReaderTest, SeeksToThePictureShowingAtATime)
 {
     auto reader = MovieReader::create(movie());
     ASSERT_TRUE(reader);
-    struct Case {
-        double at;
-        int frame;
-    };
     // Backwards and forwards, between frames, before the start.
-    for (auto c : std::vector<Case>{{1.0, 30}, {1.01, 30}, {0.51, 15}, {1.99, 59}, {0.2, 6}, {-1, 0}, {1.5, 45}}) {
-        ASSERT_TRUE((*reader)->seek(c.at));
+    for (auto [at, frameAt] : std::vector<std::pair<double, int>> {
+             {1.0, 30}, {1.01, 30}, {0.51, 15}, {1.99, 59}, {0.2, 6}, {-1, 0}, {1.5, 45}}) {
+        ASSERT_TRUE((*reader)->seek(at));
         auto frame = (*reader)->next();
-        ASSERT_TRUE(frame && *frame) << c.at;
-        EXPECT_NEAR((*frame)->time, c.frame / 30.0, 1e-6) << c.at;
-        EXPECT_NEAR(levelAt((*frame)->image), countingLevel(c.frame), 3) << c.at;
+        ASSERT_TRUE(frame && *frame) << at;
+        EXPECT_NEAR((*frame)->time, frameAt / 30.0, 1e-6) << at;
+        EXPECT_NEAR(levelAt((*frame)->image), countingLevel(frameAt), 3) << at;
         auto after = (*reader)->next();
-        if (c.frame < 59) {
+        if (frameAt < 59) {
             ASSERT_TRUE(after && *after);
-            EXPECT_NEAR((*after)->time, (c.frame + 1) / 30.0, 1e-6) << "the frame after " << c.at;
+            EXPECT_NEAR((*after)->time, (frameAt + 1) / 30.0, 1e-6) << "the frame after " << at;
         }
     }
 }
@@ -98,19 +87,15 @@ TEST_F(MovieReaderTest, SeeksToThePictureShowingAtATime)
 // `next()` gives them, at the reader's size.
 TEST_F(MovieReaderTest, RawPicturesKeepTheirPixelsUntilConverted)
 {
-    struct Case {
-        MovieReader::Options options;
-        int width;
-        int height;
-        int threads; // decoder threads
-    };
-    for (const auto& c : std::vector<Case>{{{0, 0, 1}, 320, 240, 1}, {{160, 120, 2}, 160, 120, 2}, {{0, 0, 4}, 320, 240, 4}}) {
-        SCOPED_TRACE(testing::Message() << c.width << " x " << c.height << ", " << c.threads << " threads");
+    // Options (a scaled size and decoder threads), and the size that comes out.
+    for (auto [options, width, height] : std::vector<std::tuple<MovieReader::Options, int, int>> {
+             {{0, 0, 1}, 320, 240}, {{160, 120, 2}, 160, 120}, {{0, 0, 4}, 320, 240}}) {
+        SCOPED_TRACE(testing::Message() << width << " x " << height << ", " << options.threads << " threads");
         std::vector<RawVideoFrame> held;
         std::vector<Image> direct;
         {
-            auto raw = MovieReader::create(movie(), c.options);
-            auto plain = MovieReader::create(movie(), c.options);
+            auto raw = MovieReader::create(movie(), options);
+            auto plain = MovieReader::create(movie(), options);
             ASSERT_TRUE(raw && plain);
             for (;;) {
                 auto frame = (*raw)->nextRaw();
@@ -134,9 +119,9 @@ TEST_F(MovieReaderTest, RawPicturesKeepTheirPixelsUntilConverted)
             }).get();
             ASSERT_EQ(converted.size(), held.size());
             for (size_t n = 0; n < held.size(); ++n) {
-                ASSERT_EQ(converted[n].width, c.width);
-                ASSERT_EQ(converted[n].height, c.height);
-                EXPECT_EQ(std::memcmp(converted[n].row(c.height / 2), direct[n].row(c.height / 2), 4 * c.width), 0)
+                ASSERT_EQ(converted[n].width, width);
+                ASSERT_EQ(converted[n].height, height);
+                EXPECT_EQ(std::memcmp(converted[n].row(height / 2), direct[n].row(height / 2), 4 * width), 0)
                     << "frame " << n;
             }
             EXPECT_NEAR(levelAt(direct[30]), countingLevel(30), 3) << "scaled in the same pass";
@@ -188,30 +173,27 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
                   .status,
         0);
 
-    struct Case {
-        fs::path path;
-        Error::Kind kind;
-        std::string sentence;
-    };
-    for (const auto& c : std::vector<Case>{
+    for (const auto& [path, kind, sentence] : std::vector<std::tuple<fs::path, Error::Kind, std::string>> {
              {s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
              {text, Error::Kind::corrupt, "notes.mp4 is not a movie Plim can read"},
              {soundOnly, Error::Kind::refused, "sound.m4a has no picture track (only sound)"},
              {header, Error::Kind::corrupt, "header.mp4 ends early, inside its header"},
              {pipe, Error::Kind::unreadable, "pipe.mov is not a movie file (it is not an ordinary file)"},
-             {s_dir / "folder.mov", Error::Kind::unreadable, "folder.mov is not a movie file (it is a folder, not a file)"},
+             {s_dir / "folder.mov", Error::Kind::unreadable,
+                 "folder.mov is not a movie file (it is a folder, not a file)"},
              {unknown, Error::Kind::unreadable, "which this build of Plim cannot decode"},
-             {huge, Error::Kind::refused, "huge.mov holds pictures of 16000 × 16000, more than the 36 million pixels "
-                                          "Plim decodes (one such picture would take 976 MB). Scale it down"},
+             {huge, Error::Kind::refused,
+                 "huge.mov holds pictures of 16000 × 16000, more than the 36 million pixels "
+                 "Plim decodes (one such picture would take 976 MB). Scale it down"},
          }) {
-        std::string before = fs::is_regular_file(c.path) ? testkit::readText(c.path) : "";
-        auto reader = MovieReader::create(c.path);
-        ASSERT_FALSE(reader) << c.path;
-        EXPECT_EQ(reader.error().kind, c.kind) << reader.error().sentence;
-        EXPECT_NE(reader.error().sentence.find(c.sentence), std::string::npos) << reader.error().sentence;
+        std::string before = fs::is_regular_file(path) ? testkit::readText(path) : "";
+        auto reader = MovieReader::create(path);
+        ASSERT_FALSE(reader) << path;
+        EXPECT_EQ(reader.error().kind, kind) << reader.error().sentence;
+        EXPECT_NE(reader.error().sentence.find(sentence), std::string::npos) << reader.error().sentence;
         EXPECT_EQ(reader.error().sentence.back(), '.');
-        if (fs::is_regular_file(c.path)) {
-            EXPECT_EQ(testkit::readText(c.path), before);
+        if (fs::is_regular_file(path)) {
+            EXPECT_EQ(testkit::readText(path), before);
         }
     }
 

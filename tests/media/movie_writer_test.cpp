@@ -26,56 +26,42 @@ using plim::testkit::TempDir;
 
 TEST(BitRates, ExportAndRecordingRules)
 {
-    struct Case {
-        int w, h;
-        int64_t bps;
-    };
     // 9.5 Mbit/s at 1080p, scaled by the pixel count to the power 0.82; no size counts as one pixel.
-    for (auto c : std::vector<Case>{{1920, 1080, 9500000}, {1280, 720, 4885780}, {3840, 2160, 29608254}, {0, 0, 62},
-             {-5, 7, 62}})
-        EXPECT_EQ(exportBitsPerSecond(c.w, c.h), c.bps) << c.w << "x" << c.h;
+    for (auto [w, h, bps] : std::vector<std::tuple<int, int, int64_t>> {
+             {1920, 1080, 9500000}, {1280, 720, 4885780}, {3840, 2160, 29608254}, {0, 0, 62}, {-5, 7, 62}})
+        EXPECT_EQ(exportBitsPerSecond(w, h), bps) << w << "x" << h;
 
-    struct RecCase {
-        int w, h;
-        double scale;
-        int64_t bps;
-    };
-    for (auto c : std::vector<RecCase>{
-             {1280, 720, 1, 8000000},          // 3,686,400 is below the floor
-             {1280, 720, 0.1, 2000000},        // the scale is held at 0.25
+    for (auto [w, h, scale, bps] : std::vector<std::tuple<int, int, double, int64_t>> {
+             {1280, 720, 1, 8000000}, // 3,686,400 is below the floor
+             {1280, 720, 0.1, 2000000}, // the scale is held at 0.25
              {3840, 2160, 1, 33177600},
              {3840, 2160, 0.5, 16588800},
-             {1920, 1080, NAN, 8294400},       // an unusable scale counts as 1
+             {1920, 1080, NAN, 8294400}, // an unusable scale counts as 1
              {2560, 1440, 1.5, 22118400},
          })
-        EXPECT_EQ(recordingBitsPerSecond(c.w, c.h, c.scale), c.bps) << c.w << "x" << c.h << " @" << c.scale;
+        EXPECT_EQ(recordingBitsPerSecond(w, h, scale), bps) << w << "x" << h << " @" << scale;
 }
 
 TEST(MovieWriter, ExportIsFaststartMp4WithItsSettings)
 {
     TempDir dir;
-    struct Case {
-        int w, h;
-        std::string matrix;
-    };
-    for (auto c : std::vector<Case>{{320, 240, "smpte170m"}, {1280, 720, "bt709"}}) {
-        fs::path path = dir / ("export" + std::to_string(c.h) + ".mp4");
-        MovieSpec spec;
-        spec.width = c.w;
-        spec.height = c.h;
-        spec.seconds = c.h > 500 ? 0.5 : 2;
-        spec.sound = {MovieWriter::exportTrack()};
-        spec.soundSamples = {toneBurst(static_cast<int64_t>(spec.seconds * 48000), 2, 440, 0, 1 << 30)};
-        writeMovie(path, spec);
-        ASSERT_TRUE(fs::exists(path));
+    for (auto [w, h, matrix] :
+        std::vector<std::tuple<int, int, std::string>> {{320, 240, "smpte170m"}, {1280, 720, "bt709"}}) {
+        fs::path path = dir / ("export" + std::to_string(h) + ".mp4");
+        const double seconds = h > 500 ? 0.5 : 2;
+        writeMovie(path,
+            {.width = w,
+                .height = h,
+                .seconds = seconds,
+                .sound = {MovieWriter::exportTrack()},
+                .soundSamples = {toneBurst(static_cast<int64_t>(seconds * 48000), 2, 440, 0, 1 << 30)}});
 
         EXPECT_EQ(probe(path, "v:0", "stream=codec_name,width,height,r_frame_rate,pix_fmt"),
-            "h264," + std::to_string(c.w) + "," + std::to_string(c.h) + ",yuv420p,30/1");
+            "h264," + std::to_string(w) + "," + std::to_string(h) + ",yuv420p,30/1");
         EXPECT_EQ(probe(path, "v:0", "stream=color_range,color_space,color_transfer,color_primaries"),
-            "tv," + c.matrix + "," + c.matrix + "," + c.matrix);
+            "tv," + matrix + "," + matrix + "," + matrix);
         EXPECT_EQ(probe(path, "a:0", "stream=codec_name,sample_rate,channels"), "aac,48000,2");
-        double duration = std::stod(probe(path, "v:0", "stream=duration"));
-        EXPECT_NEAR(duration, spec.seconds, 0.05);
+        EXPECT_NEAR(std::stod(probe(path, "v:0", "stream=duration")), seconds, 0.05);
 
         // The index comes before the media data.
         auto atoms = topAtoms(path);
@@ -187,12 +173,11 @@ TEST(MovieWriter, RecordingIsFragmentedWithKeyFramesEveryTwoSeconds)
 {
     TempDir dir;
     fs::path path = dir / "rec.mov";
-    MovieSpec spec;
-    spec.container = MovieWriter::Container::fragmentedMov;
-    spec.seconds = 5;
-    spec.sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()};
-    spec.soundSamples = {toneBurst(5 * 48000, 1, 440, 0, 1 << 30), toneBurst(5 * 48000, 2, 880, 0, 1 << 30)};
-    writeMovie(path, spec);
+    writeMovie(path,
+        {.container = MovieWriter::Container::fragmentedMov,
+            .seconds = 5,
+            .sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()},
+            .soundSamples = {toneBurst(5 * 48000, 1, 440, 0, 1 << 30), toneBurst(5 * 48000, 2, 880, 0, 1 << 30)}});
 
     auto atoms = topAtoms(path);
     EXPECT_GE(std::count(atoms.begin(), atoms.end(), "moof"), 3);
@@ -279,29 +264,16 @@ TEST(MovieWriter, RefusalsLeaveNoFileAndKeepWhatWasThere)
     TempDir dir;
     fs::path existing = dir / "keep.mp4";
     testkit::writeText(existing, "not ours");
-    struct Case {
-        int w, h;
-        double fps;
-        std::string fragment;
-    };
-    for (auto c : std::vector<Case>{{321, 240, 30, "is not an even size"}, {0, 240, 30, "is not an even size"},
-             {320, 240, 0, "frame rate"}}) {
-        MovieWriter::Settings s;
-        s.path = existing;
-        s.width = c.w;
-        s.height = c.h;
-        s.frameRate = c.fps;
-        auto writer = MovieWriter::create(s);
+    for (auto [w, h, fps, fragment] : std::vector<std::tuple<int, int, double, std::string>> {
+             {321, 240, 30, "is not an even size"}, {0, 240, 30, "is not an even size"}, {320, 240, 0, "frame rate"}}) {
+        auto writer = MovieWriter::create({.path = existing, .width = w, .height = h, .frameRate = fps});
         ASSERT_FALSE(writer);
-        EXPECT_NE(writer.error().sentence.find(c.fragment), std::string::npos) << writer.error().sentence;
+        EXPECT_NE(writer.error().sentence.find(fragment), std::string::npos) << writer.error().sentence;
         EXPECT_NE(writer.error().sentence.find("Nothing was written."), std::string::npos);
         EXPECT_EQ(testkit::readText(existing), "not ours");
     }
 
-    MovieWriter::Settings s;
-    s.path = fs::path("/proc/plim-cannot-write-here/x.mp4");
-    s.width = 320;
-    s.height = 240;
+    MovieWriter::Settings s {.path = "/proc/plim-cannot-write-here/x.mp4", .width = 320, .height = 240};
     auto unwritable = MovieWriter::create(s);
     ASSERT_FALSE(unwritable);
     EXPECT_NE(unwritable.error().sentence.find("could not be created"), std::string::npos);
@@ -326,13 +298,12 @@ TEST(MovieWriter, FullDiskSaysSoAndLeavesNoPartialFile)
     testkit::SmallDisk disk("1m");
     if (!disk.isUp())
         GTEST_SKIP() << "a 1 MB tmpfs could not be mounted here (needs root)";
-    MovieWriter::Settings s;
-    s.path = disk / "big.mp4";
-    s.width = 320;
-    s.height = 240;
-    s.frameRate = 30;
-    s.bitsPerSecond = 20000000;
-    s.preset = "ultrafast";
+    const MovieWriter::Settings s {.path = disk / "big.mp4",
+        .width = 320,
+        .height = 240,
+        .frameRate = 30,
+        .bitsPerSecond = 20000000,
+        .preset = "ultrafast"};
     auto writer = MovieWriter::create(s);
     ASSERT_TRUE(writer) << writer.error().sentence;
     // Noise does not compress: a few seconds of it overflow 1 MB.
@@ -368,13 +339,12 @@ TEST(MovieWriter, TheLookaheadThreadLeavesThePicturesAsTheyAre)
     TempDir dir;
     std::vector<std::string> coded;
     for (bool thread : {true, false}) {
-        MovieWriter::Settings s;
-        s.path = dir / (thread ? "thread.mp4" : "inline.mp4");
-        s.width = 640;
-        s.height = 360;
-        s.frameRate = 30;
-        s.constantRate = true;
-        s.lookaheadThread = thread;
+        const MovieWriter::Settings s {.path = dir / (thread ? "thread.mp4" : "inline.mp4"),
+            .width = 640,
+            .height = 360,
+            .frameRate = 30,
+            .constantRate = true,
+            .lookaheadThread = thread};
         auto writer = MovieWriter::create(s);
         ASSERT_TRUE(writer) << writer.error().sentence;
         for (int n = 0; n < 45; ++n) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <tuple>
 
 using namespace plim;
 using namespace plim::mediatest;
@@ -39,22 +40,18 @@ std::vector<float> readAll(PCMSource& source, int64_t from, int64_t count, int64
 TEST(ArrayPCMSource, ZeroFilledWindows)
 {
     ArrayPCMSource source({1, -1, 2, -2, 3, -3}); // three frames
-    struct Case {
-        int64_t from, count;
-        std::vector<float> want;
-    };
-    for (const auto& c : std::vector<Case>{
+    for (const auto& [from, count, want] : std::vector<std::tuple<int64_t, int64_t, std::vector<float>>> {
              {0, 3, {1, -1, 2, -2, 3, -3}},
              {1, 1, {2, -2}},
-             {2, 3, {3, -3, 0, 0, 0, 0}},     // past the end
-             {-1, 2, {0, 0, 1, -1}},          // before the start
+             {2, 3, {3, -3, 0, 0, 0, 0}}, // past the end
+             {-1, 2, {0, 0, 1, -1}}, // before the start
              {5, 2, {0, 0, 0, 0}},
              {0, 0, {}},
              {1, -4, {}},
          }) {
-        auto got = source.read(c.from, c.count);
+        auto got = source.read(from, count);
         ASSERT_TRUE(got);
-        EXPECT_EQ(*got, c.want) << c.from << "+" << c.count;
+        EXPECT_EQ(*got, want) << from << "+" << count;
     }
 }
 
@@ -64,11 +61,10 @@ protected:
     // system-sound track with a 1 kHz burst at 1.2 s to 1.4 s; 2 s long.
     static void SetUpTestSuite()
     {
-        MovieSpec spec;
-        spec.container = MovieWriter::Container::fragmentedMov;
-        spec.sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()};
-        spec.soundSamples = {toneBurst(96000, 1, 440, 24000, 33600), toneBurst(96000, 2, 1000, 57600, 67200)};
-        writeMovie(recording(), spec);
+        writeMovie(recording(),
+            {.container = MovieWriter::Container::fragmentedMov,
+                .sound = {MovieWriter::microphoneTrack(), MovieWriter::systemSoundTrack()},
+                .soundSamples = {toneBurst(96000, 1, 440, 24000, 33600), toneBurst(96000, 2, 1000, 57600, 67200)}});
     }
     static fs::path recording() { return s_dir / "rec.mov"; }
     static inline TempDir s_dir;
@@ -127,36 +123,27 @@ TEST_F(SoundTest, SourceFailuresNameTheSound)
     testkit::writeText(notSound, "not a sound file");
     fs::path undecodable = s_dir / "undecodable.mov";
     fs::copy_file(recording(), undecodable);
-    {
-        std::string data = testkit::readText(undecodable);
-        // Neither the sample entry nor its decoder description names AAC any more.
-        for (auto [from, to] : {std::pair{"mp4a", "zq8y"}, std::pair{"esds", "zq8z"}})
-            for (size_t at = data.find(from); at != std::string::npos; at = data.find(from, at + 4))
-                data.replace(at, 4, to);
-        testkit::writeText(undecodable, data);
-    }
-    struct Case {
-        fs::path path;
-        std::string name;
-        std::string start;
-        std::string end;
-    };
-    for (const auto& c : std::vector<Case>{
-             {s_dir / "absent.wav", "The voiceover at 0:03", "The voiceover at 0:03 could not be opened (there is no file at ",
-                 "). Share again; if it keeps happening, the file may be damaged."},
-             {notSound, "The plim's sound", "The plim's sound could not be opened (it is not a file Plim can read",
-                 "). Share again; if it keeps happening, the file may be damaged."},
-             {undecodable, "The plim's sound", "The plim's sound has sound Plim cannot decode.",
-                 "Record it again, or share it as the original plim."},
-         }) {
-        std::string before = fs::exists(c.path) ? testkit::readText(c.path) : "";
-        AssetPCMSource source(c.path, c.name);
+    // Neither the sample entry nor its decoder description names AAC any more.
+    patchFourcc(undecodable, "mp4a", "zq8y");
+    patchFourcc(undecodable, "esds", "zq8z");
+    for (const auto& [path, name, start, end] :
+        std::vector<std::tuple<fs::path, std::string, std::string, std::string>> {
+            {s_dir / "absent.wav", "The voiceover at 0:03",
+                "The voiceover at 0:03 could not be opened (there is no file at ",
+                "). Share again; if it keeps happening, the file may be damaged."},
+            {notSound, "The plim's sound", "The plim's sound could not be opened (it is not a file Plim can read",
+                "). Share again; if it keeps happening, the file may be damaged."},
+            {undecodable, "The plim's sound", "The plim's sound has sound Plim cannot decode.",
+                "Record it again, or share it as the original plim."},
+        }) {
+        std::string before = fs::exists(path) ? testkit::readText(path) : "";
+        AssetPCMSource source(path, name);
         auto got = source.read(0, 100);
-        ASSERT_FALSE(got) << c.path;
-        EXPECT_EQ(got.error().sentence.rfind(c.start, 0), 0u) << got.error().sentence;
-        EXPECT_TRUE(got.error().sentence.ends_with(c.end)) << got.error().sentence;
-        if (fs::exists(c.path)) {
-            EXPECT_EQ(testkit::readText(c.path), before);
+        ASSERT_FALSE(got) << path;
+        EXPECT_EQ(got.error().sentence.rfind(start, 0), 0u) << got.error().sentence;
+        EXPECT_TRUE(got.error().sentence.ends_with(end)) << got.error().sentence;
+        if (fs::exists(path)) {
+            EXPECT_EQ(testkit::readText(path), before);
         }
     }
 }
@@ -164,10 +151,8 @@ TEST_F(SoundTest, SourceFailuresNameTheSound)
 TEST_F(SoundTest, ACutShortFileGivesItsSoundThenSaysSo)
 {
     fs::path cut = s_dir / "cut.mp4";
-    MovieSpec spec; // an export: its index at the front promises 2 s
-    spec.sound = {MovieWriter::exportTrack()};
-    spec.soundSamples = {toneBurst(96000, 2, 440, 0, 96000)};
-    writeMovie(cut, spec);
+    // An export: its index at the front promises 2 s.
+    writeMovie(cut, {.sound = {MovieWriter::exportTrack()}, .soundSamples = {toneBurst(96000, 2, 440, 0, 96000)}});
     fs::resize_file(cut, fs::file_size(cut) * 6 / 10);
 
     AssetPCMSource source(cut, "The plim's sound");

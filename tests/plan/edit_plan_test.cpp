@@ -9,6 +9,7 @@
 #include <array>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 using namespace plim;
 
@@ -97,12 +98,8 @@ TEST(EditPlan, SegmentsRemovedSpansAndActiveSkips)
 TEST(EditPlan, SkipsAreDescribedAsTheyPlay)
 {
     // {skips, segments reported, output length of 20 s of recording}
-    struct Row {
-        std::vector<SkipDecision> skips;
-        std::vector<EditPlan::RateSegment> reported;
-        double output;
-    };
     const double inf = std::numeric_limits<double>::infinity();
+    using Row = std::tuple<std::vector<SkipDecision>, std::vector<EditPlan::RateSegment>, double>;
     for (const auto& [skips, reported, output] : std::vector<Row>{
              // A rate the remap cannot play leaves the stretch at normal speed, and says so.
              {{skip(2, 6, 0)}, {{{2, 6}, 1}}, 20},
@@ -139,9 +136,8 @@ TEST(EditPlan, PlayedSkipsCarryTheirOutputStartInPlayingOrder)
 TEST(EditPlan, MasksZoomsAndSuspending)
 {
     const std::string a = "A0000000-0000-4000-8000-000000000001", b = "A0000000-0000-4000-8000-000000000002";
-    EditPlan plan;
-    plan.masks = {{a, 0.1, 0.1, 0.2, 0.2, 1, 3, MaskRegion::Style::blur},
-        {b, 0.5, 0.5, 0.2, 0.2, 2, 4, MaskRegion::Style::pixelate}};
+    EditPlan plan {.masks = {{a, 0.1, 0.1, 0.2, 0.2, 1, 3, MaskRegion::Style::blur},
+                       {b, 0.5, 0.5, 0.2, 0.2, 2, 4, MaskRegion::Style::pixelate}}};
     // Masks show from start up to, not at, their end.
     const std::vector<std::pair<double, std::vector<std::string>>> shown = {
         {0.99, {}}, {1, {a}}, {2.5, {a, b}}, {3, {b}}, {4, {}}, {kNaN, {}}};

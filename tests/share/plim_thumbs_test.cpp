@@ -6,6 +6,7 @@
 #include <libheif/heif.h>
 
 #include <thread>
+#include <tuple>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -24,28 +25,20 @@ PlimThumbs::Drawn drawn(int strip)
 
 TEST(PlimThumbs, TimesFollowTheEditedOutput)
 {
-    struct Case {
-        const char* name;
-        EditPlan plan;
-        double raw;
-        double poster;
-        double firstStrip;
-        double lastStrip;
-    };
-    EditPlan trimmed;
-    trimmed.trimIn = 2, trimmed.trimOut = 12; // 10 s of output
-    EditPlan cut;
-    cut.cuts.push_back({"C", 2, 12, std::nullopt}); // 0-2 then 12-20: 10 s
-    EditPlan sped;
-    sped.skips.push_back({{0, 8}, false, 4.0}); // 8 s play in 2, then 12 s: 14 s
-    for (const Case& c : std::vector<Case>{{"untouched", {}, 24, 10.8, 0.5, 23.5}, {"trimmed", trimmed, 20, 6.5, 2.2083333, 11.7916667},
-             {"cut", cut, 20, 14.5, 0.2083333, 19.7916667}, {"sped-up", sped, 20, 12.3, 1.1666667, 19.7083333}}) {
-        auto times = PlimThumbs::times(c.plan, c.raw);
-        ASSERT_EQ(times.strip.size(), 24u) << c.name;
-        EXPECT_NEAR(times.poster, c.poster, 1e-6) << c.name;
-        EXPECT_NEAR(times.strip.front(), c.firstStrip, 1e-6) << c.name;
-        EXPECT_NEAR(times.strip.back(), c.lastStrip, 1e-6) << c.name;
-        EXPECT_TRUE(std::is_sorted(times.strip.begin(), times.strip.end())) << c.name;
+    // {name, edit, recording seconds, the poster's time, the first and last strip pictures' times}
+    using Case = std::tuple<const char*, EditPlan, double, double, double, double>;
+    const EditPlan trimmed {.trimIn = 2, .trimOut = 12}; // 10 s of output
+    const EditPlan cut {.cuts = {{"C", 2, 12, std::nullopt}}}; // 0-2 then 12-20: 10 s
+    const EditPlan sped {.skips = {{{0, 8}, false, 4.0}}}; // 8 s play in 2, then 12 s: 14 s
+    for (const auto& [name, plan, raw, poster, firstStrip, lastStrip] :
+        std::vector<Case> {{"untouched", {}, 24, 10.8, 0.5, 23.5}, {"trimmed", trimmed, 20, 6.5, 2.2083333, 11.7916667},
+            {"cut", cut, 20, 14.5, 0.2083333, 19.7916667}, {"sped-up", sped, 20, 12.3, 1.1666667, 19.7083333}}) {
+        auto times = PlimThumbs::times(plan, raw);
+        ASSERT_EQ(times.strip.size(), 24u) << name;
+        EXPECT_NEAR(times.poster, poster, 1e-6) << name;
+        EXPECT_NEAR(times.strip.front(), firstStrip, 1e-6) << name;
+        EXPECT_NEAR(times.strip.back(), lastStrip, 1e-6) << name;
+        EXPECT_TRUE(std::is_sorted(times.strip.begin(), times.strip.end())) << name;
     }
     auto empty = PlimThumbs::times({}, 0);
     EXPECT_EQ(empty.poster, 0);
@@ -111,10 +104,8 @@ TEST(PlimThumbs, AFailedStoreLeavesNothingInPlace)
 TEST(PlimThumbs, DrawsThePosterAndStripAsTheStagedPictureShowsThem)
 {
     TempDir dir;
-    TestMovie m; // red for a second, then green, then blue
-    m.sound = false;
     const fs::path movie = dir / "B.mov";
-    ASSERT_TRUE(writeTestMovie(movie, m));
+    ASSERT_TRUE(writeTestMovie(movie, {.sound = false})); // red for a second, then green, then blue
     auto drawn = PlimThumbs::draw(movie);
     ASSERT_TRUE(drawn) << drawn.error().sentence;
     ASSERT_EQ(drawn->strip.size(), 24u);

@@ -25,32 +25,30 @@ struct Desk {
     std::vector<fs::path> clipboard;
     ShareEngine::Environment environment(const fs::path& copies)
     {
-        ShareEngine::Environment e;
-        e.keepOriginal = [] { return true; };
-        e.copyToClipboard = [this](const fs::path& file) -> Status {
-            clipboard.push_back(file);
-            return {};
-        };
-        e.wallpaperURL = [] { return std::nullopt; };
-        e.copiesFolder = [copies] { return copies; };
-        e.didShare = [this](const std::string& kind, const std::string& path) { shared.push_back(kind + " " + path); };
-        return e;
+        return {.keepOriginal = [] { return true; },
+            .copyToClipboard = [this](const fs::path& file) -> Status {
+                clipboard.push_back(file);
+                return {};
+            },
+            .wallpaperURL = [] { return std::nullopt; },
+            .copiesFolder = [copies] { return copies; },
+            .didShare
+            = [this](const std::string& kind, const std::string& path) { shared.push_back(kind + " " + path); }};
     }
 };
 
 // Random tiles, so the encoder has to spend its whole bit rate.
 Status writeNoisyMovie(const fs::path& path, int width, int height, double fps, double seconds)
 {
-    MovieWriter::Settings settings;
-    settings.path = path;
-    settings.container = MovieWriter::Container::fragmentedMov;
-    settings.width = width;
-    settings.height = height;
-    settings.frameRate = fps;
-    settings.bitsPerSecond = 60'000'000; // enough that every frame keeps its tiles
-    settings.preset = "ultrafast";
-    settings.sound.push_back(MovieWriter::systemSoundTrack());
-    auto writer = PLIM_TRY(MovieWriter::create(settings));
+    // Enough bits that every frame keeps its tiles.
+    auto writer = PLIM_TRY(MovieWriter::create({.path = path,
+        .container = MovieWriter::Container::fragmentedMov,
+        .width = width,
+        .height = height,
+        .frameRate = fps,
+        .bitsPerSecond = 60'000'000,
+        .preset = "ultrafast",
+        .sound = {MovieWriter::systemSoundTrack()}}));
     uint32_t state = 2463534242u;
     const int tileColumns = width / 16 + 1, tileRows = height / 16 + 1;
     std::vector<uint32_t> tiles(size_t(tileColumns * tileRows));
@@ -150,9 +148,7 @@ TEST_F(ShareTest, A1080pShareOfA2560By1600PlimHasItsCanvasRateAndBitRate)
 
 TEST_F(ShareTest, AMediumGifOfA16By9PlimIs1152By648At12FramesASecondOnTheClipboard)
 {
-    TestMovie clip;
-    clip.width = 640, clip.height = 360, clip.duration = 1.0, clip.sound = false;
-    const fs::path movie = smallPlim("Clip.mov", clip);
+    const fs::path movie = smallPlim("Clip.mov", {.width = 640, .height = 360, .duration = 1.0, .sound = false});
     ShareOutcome outcome = engine.share(movie, ShareKind::gif, ShareQuality::p1080, ShareDestination::copy());
     ASSERT_EQ(outcome.kind, ShareOutcome::Kind::finished) << outcome.sentence;
     EXPECT_EQ(outcome.url, sandbox.home() / "copies" / "Clip.gif");
@@ -168,9 +164,7 @@ TEST_F(ShareTest, AMediumGifOfA16By9PlimIs1152By648At12FramesASecondOnTheClipboa
 
 TEST_F(ShareTest, AStopHalfWayAStalledWriterAndRefusalsLeaveNoFile)
 {
-    TestMovie clip;
-    clip.duration = 2.0;
-    const fs::path movie = smallPlim("Busy.mov", clip);
+    const fs::path movie = smallPlim("Busy.mov", {.duration = 2.0});
     engine.onProgress = [&](const ShareProgress& p) {
         if (p.framesDone >= p.framesTotal / 2 && p.framesDone > 0)
             engine.stop();
@@ -182,12 +176,11 @@ TEST_F(ShareTest, AStopHalfWayAStalledWriterAndRefusalsLeaveNoFile)
 
     // A writer that takes five frames and then accepts nothing more.
     engine.onProgress = nullptr;
-    ShareEngine::Tuning tuning;
-    tuning.stallLimit = 1;
-    tuning.makeSink = [](const VideoSink::Settings& settings) -> Result<std::unique_ptr<VideoSink>> {
-        writeText(settings.path, "partial");
-        return std::make_unique<StalledSink>(5);
-    };
+    const ShareEngine::Tuning tuning {
+        .stallLimit = 1, .makeSink = [](const VideoSink::Settings& settings) -> Result<std::unique_ptr<VideoSink>> {
+            writeText(settings.path, "partial");
+            return std::make_unique<StalledSink>(5);
+        }};
     const auto started = std::chrono::steady_clock::now();
     ShareOutcome stalled = engine.share(movie, ShareKind::video, ShareQuality::p720, ShareDestination::save(out.path()), tuning);
     const double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -268,23 +261,18 @@ TEST_F(ShareTest, OriginalsCopyByteForByteAndAStillVideoComesOutAtTheSizeSaidBef
 
 TEST_F(ShareTest, AVoiceoverDucksTheRecordingToMicUnderAndBackOverAFifteenthOfASecond)
 {
-    TestMovie recording;
-    recording.width = 320, recording.height = 180, recording.duration = 2.0;
-    recording.tones = {0.0};
-    recording.toneLength = 2.0; // a steady 1 kHz tone at 0.5
+    // A steady 1 kHz tone at 0.5.
+    const TestMovie recording {.width = 320, .height = 180, .duration = 2.0, .tones = {0.0}, .toneLength = 2.0};
     const fs::path movie = smallPlim("Talk.mov", recording);
-    TestMovie voice = recording;
-    voice.tones = {}; // a silent voice: what is heard is the recording, ducked
-    voice.duration = 0.6;
-    ASSERT_TRUE(writeTestMovie(plims / "voice.mov", voice));
+    // A silent voice: what is heard is the recording, ducked.
+    ASSERT_TRUE(writeTestMovie(plims / "voice.mov", {.width = 320, .height = 180, .duration = 0.6}));
     PlimEdits edits;
     edits.voiceovers.push_back({makeUuid(), 0.8, 0.6, "voice.mov", 0.2});
     // Loud sound outside the plim's folder (the names PlimEdits::sideFile refuses are its own
     // test's): left out with a sentence and never heard.
-    TestMovie loud = recording;
-    loud.duration = 0.6;
     const fs::path secret = sandbox.home() / "secret.mov";
-    ASSERT_TRUE(writeTestMovie(secret, loud));
+    ASSERT_TRUE(
+        writeTestMovie(secret, {.width = 320, .height = 180, .duration = 0.6, .tones = {0.0}, .toneLength = 2.0}));
     edits.voiceovers.push_back({makeUuid(), 0.1, 0.6, secret.string(), 1.0});
     ASSERT_TRUE(edits.write(movie, "test"));
 

@@ -103,8 +103,7 @@ TEST(Compositor, CopyLeavesTheHole)
 TEST(Compositor, TextIsSetWithItsBaseline)
 {
     auto c = cpu();
-    TextStyle style;
-    style.size = 32;
+    TextStyle style {.size = 32};
     const TextLayer one = c->text("Save", style);
     ASSERT_FALSE(one.image.isEmpty());
     EXPECT_NEAR(one.logical.height, 32 * 1.36, 8); // Noto Sans line height
@@ -121,9 +120,7 @@ TEST(Compositor, TextIsSetWithItsBaseline)
 
     // In the keycaps' typeface every key symbol stands on the letters' baseline at about
     // their height: the ink of the symbol's columns against the S's.
-    style = TextStyle{};
-    style.family = stage_style::fontFamily;
-    style.size = 40;
+    style = {.family = stage_style::fontFamily, .size = 40};
     for (const char* symbol : {"⌃", "⌥", "⇧", "⌘"}) {
         const TextLayer cap = c->text(std::string(symbol) + "S", style);
         const Image& img = cap.image;
@@ -157,21 +154,16 @@ TEST(Compositor, TextIsSetWithItsBaseline)
 
 TEST(Compositor, ColoursFromHex)
 {
-    struct Case {
-        const char* text;
-        std::optional<Color> colour;
-    };
-    const Case cases[] = {
-        {"#336699", Color{0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
-        {"336699", Color{0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
-        {"#FFF", Color{1, 1, 1, 1}},
-        {"#00000080", Color{0, 0, 0, 0x80 / 255.0}},
-        {"#12345", std::nullopt},
-        {"#GG0000", std::nullopt},
-        {"", std::nullopt},
-    };
-    for (const Case& c : cases)
-        EXPECT_EQ(Color::fromHex(c.text), c.colour) << c.text;
+    for (const auto& [text, colour] : std::vector<std::pair<const char*, std::optional<Color>>> {
+             {"#336699", Color {0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
+             {"336699", Color {0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
+             {"#FFF", Color {1, 1, 1, 1}},
+             {"#00000080", Color {0, 0, 0, 0x80 / 255.0}},
+             {"#12345", std::nullopt},
+             {"#GG0000", std::nullopt},
+             {"", std::nullopt},
+         })
+        EXPECT_EQ(Color::fromHex(text), colour) << text;
 }
 
 } // namespace

@@ -88,24 +88,19 @@ struct PreviewPlayerTest : ::testing::Test {
 
     StagingJob job(PlimLook look = {}, EditPlan plan = {})
     {
-        StagingJob j;
-        j.movie = movie;
-        j.cursor = testTrack(source);
-        j.plan = std::move(plan);
-        j.look = look;
-        j.spec = wearing(StageSpec{}, look);
-        j.canvas = RenderRules::PixelSize{side, side * 5 / 8};
-        return j;
+        return {.movie = movie,
+            .cursor = testTrack(source),
+            .plan = std::move(plan),
+            .spec = wearing(StageSpec {}, look),
+            .look = look,
+            .canvas = RenderRules::PixelSize {side, side * 5 / 8}};
     }
 
     std::unique_ptr<PreviewPlayer> open(const StagingJob& j, Handed& handed,
         std::unique_ptr<SoundOutput> sound = nullptr)
     {
-        PreviewPlayer::Options options;
-        options.width = j.canvas->width;
-        options.height = j.canvas->height;
-        options.sound = std::move(sound);
-        auto player = PreviewPlayer::open(j, std::move(options), handed.callbacks());
+        auto player = PreviewPlayer::open(
+            j, {.width = j.canvas->width, .height = j.canvas->height, .sound = std::move(sound)}, handed.callbacks());
         EXPECT_TRUE(player) << player.error().sentence;
         return player ? std::move(*player) : nullptr;
     }
@@ -158,9 +153,7 @@ TEST_F(PreviewPlayerTest, SeeksAndEditsShowTheStagedFrameAndScrubsShowACachedNei
     }
 
     // New edits redraw the frame shown at once: another backdrop in the corner.
-    PlimLook graphite;
-    graphite.backdrop = PlimLook::Backdrop::graphite;
-    const StagingJob grey = job(graphite);
+    const StagingJob grey = job({.backdrop = PlimLook::Backdrop::graphite});
     handed.take();
     player->setJob(grey);
     auto redrawn = exactAt(0.4);

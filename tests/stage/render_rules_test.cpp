@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 using namespace plim;
 using namespace plim::RenderRules;
@@ -17,28 +18,22 @@ constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 TEST(RenderRules, CanvasFollowsTheQualityTheAspectAndEvenSides)
 {
-    struct Case {
-        Quality quality;
-        bool gif;
-        std::optional<Size> recorded;
-        PixelSize canvas;
-    };
-    const Case cases[] = {
-        {Quality::p1080, false, Size{1920, 1080}, {1920, 1080}},
-        {Quality::p720, false, Size{1920, 1080}, {1280, 720}},
-        {Quality::p2160, false, Size{2560, 1600}, {3456, 2160}},
-        {Quality::p1080, false, Size{1080, 1920}, {1080, 1920}},  // portrait keeps its short side across
-        {Quality::p1080, true, Size{1920, 1080}, {1152, 648}},    // GIF at 0.6
-        {Quality::p720, false, Size{1365, 768}, {1278, 720}},     // 1279.68 rounds down to even
-        {Quality::p1080, false, std::nullopt, {1920, 1080}},      // unknown: 16:9
-        {Quality::p1080, false, Size{1, 900}, {1920, 1080}},      // a side under 2 is unknown
-        {Quality::p720, false, Size{nan, 720}, {1280, 720}},
-        {Quality::p1080, false, Size{inf, 1080}, {1080, 1080}},   // a side that is not finite becomes 1080
-    };
-    for (const auto& c : cases) {
-        auto got = canvasSize(c.quality, c.gif, c.recorded);
-        EXPECT_EQ(got, c.canvas) << static_cast<int>(c.quality) << " gif " << c.gif << " -> " << got.width << "x"
-                                 << got.height;
+    for (auto [quality, gif, recorded, canvas] :
+        std::vector<std::tuple<Quality, bool, std::optional<Size>, PixelSize>> {
+            {Quality::p1080, false, Size {1920, 1080}, {1920, 1080}},
+            {Quality::p720, false, Size {1920, 1080}, {1280, 720}},
+            {Quality::p2160, false, Size {2560, 1600}, {3456, 2160}},
+            {Quality::p1080, false, Size {1080, 1920}, {1080, 1920}}, // portrait keeps its short side across
+            {Quality::p1080, true, Size {1920, 1080}, {1152, 648}}, // GIF at 0.6
+            {Quality::p720, false, Size {1365, 768}, {1278, 720}}, // 1279.68 rounds down to even
+            {Quality::p1080, false, std::nullopt, {1920, 1080}}, // unknown: 16:9
+            {Quality::p1080, false, Size {1, 900}, {1920, 1080}}, // a side under 2 is unknown
+            {Quality::p720, false, Size {nan, 720}, {1280, 720}},
+            {Quality::p1080, false, Size {inf, 1080}, {1080, 1080}}, // a side that is not finite becomes 1080
+        }) {
+        auto got = canvasSize(quality, gif, recorded);
+        EXPECT_EQ(got, canvas) << static_cast<int>(quality) << " gif " << gif << " -> " << got.width << "x"
+                               << got.height;
     }
     EXPECT_EQ(qualityFromShortSide(2160), Quality::p2160);
     EXPECT_EQ(qualityFromShortSide(1000), std::nullopt);
@@ -46,64 +41,41 @@ TEST(RenderRules, CanvasFollowsTheQualityTheAspectAndEvenSides)
 
 TEST(RenderRules, PaceTakesAtMostOneFramePerSlot)
 {
-    struct Case {
-        double outT;
-        int64_t nextSlot;
-        double fps;
-        Pace expected;
-    };
-    const Case cases[] = {
-        {0.0, 0, 60, {true, 1}},
-        {1.0 / 60 - 1e-9, 1, 60, {true, 2}},  // the 1e-6 margin keeps a rounding error in its slot
-        {0.010, 1, 60, {false, 1}},           // slot 0 was drawn already
-        {0.5, 3, 60, {true, 31}},             // a sparse source skips slots
-        {0.09, 1, 12, {true, 2}},
-        {nan, 4, 60, {false, 4}},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(pace(c.outT, c.nextSlot, c.fps), c.expected) << c.outT << " " << c.nextSlot;
-}
-
-EditPlan planWith(std::optional<double> trimIn, std::optional<double> trimOut, std::vector<SkipDecision> skips = {},
-    std::vector<CutRange> cuts = {})
-{
-    EditPlan plan;
-    plan.trimIn = trimIn;
-    plan.trimOut = trimOut;
-    plan.skips = std::move(skips);
-    plan.cuts = std::move(cuts);
-    return plan;
+    for (auto [outT, nextSlot, fps, expected] : std::vector<std::tuple<double, int64_t, double, Pace>> {
+             {0.0, 0, 60, {true, 1}},
+             {1.0 / 60 - 1e-9, 1, 60, {true, 2}}, // the 1e-6 margin keeps a rounding error in its slot
+             {0.010, 1, 60, {false, 1}}, // slot 0 was drawn already
+             {0.5, 3, 60, {true, 31}}, // a sparse source skips slots
+             {0.09, 1, 12, {true, 2}},
+             {nan, 4, 60, {false, 4}},
+         })
+        EXPECT_EQ(pace(outT, nextSlot, fps), expected) << outT << " " << nextSlot;
 }
 
 TEST(RenderRules, ExpectedFramesCountsWhatThePacingTakes)
 {
-    struct Case {
-        const char* name;
-        EditPlan plan;
-        double raw, sourceFPS, fps;
-        int64_t frames;
-    };
-    const Case cases[] = {
-        {"whole 2 s at 60", planWith({}, {}), 2, 60, 60, 120},
-        {"trimmed to 0.5-1.5", planWith(0.5, 1.5), 2, 60, 60, 60},
-        {"a 4x skip over 1 s", planWith({}, {}, {{{0.5, 1.5}, false, 4.0}}), 2, 60, 60, 75},
-        {"a kept skip plays at speed 1", planWith({}, {}, {{{0.5, 1.5}, true, 4.0}}), 2, 60, 60, 120},
-        {"a cut of 1 s", planWith({}, {}, {}, {{"c", 0.5, 1.5, {}}}), 2, 60, 60, 60},
-        {"a 30 fps source still fills 60 fps", planWith({}, {}), 2, 30, 60, 120},
-        {"a GIF at 12 from 60", planWith({}, {}), 2, 60, 12, 24},
-        {"everything cut", planWith({}, {}, {}, {{"c", 0, 2, {}}}), 2, 60, 60, 0},
-        {"duration not finite", planWith({}, {}), nan, 60, 60, 0},
-        {"source rate not finite", planWith({}, {}), 2, inf, 60, 0},
-        {"output rate zero", planWith({}, {}), 2, 60, 0, 0},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(expectedFrames(c.plan, c.raw, c.sourceFPS, c.fps), c.frames) << c.name;
+    // {name, edit, recording seconds, source and output frame rates, frames}
+    using Case = std::tuple<const char*, EditPlan, double, double, double, int64_t>;
+    for (const auto& [name, plan, raw, sourceFPS, fps, frames] : std::vector<Case> {
+             {"whole 2 s at 60", {}, 2, 60, 60, 120},
+             {"trimmed to 0.5-1.5", {.trimIn = 0.5, .trimOut = 1.5}, 2, 60, 60, 60},
+             {"a 4x skip over 1 s", {.skips = {{{0.5, 1.5}, false, 4.0}}}, 2, 60, 60, 75},
+             {"a kept skip plays at speed 1", {.skips = {{{0.5, 1.5}, true, 4.0}}}, 2, 60, 60, 120},
+             {"a cut of 1 s", {.cuts = {{"c", 0.5, 1.5, {}}}}, 2, 60, 60, 60},
+             {"a 30 fps source still fills 60 fps", {}, 2, 30, 60, 120},
+             {"a GIF at 12 from 60", {}, 2, 60, 12, 24},
+             {"everything cut", {.cuts = {{"c", 0, 2, {}}}}, 2, 60, 60, 0},
+             {"duration not finite", {}, nan, 60, 60, 0},
+             {"source rate not finite", {}, 2, inf, 60, 0},
+             {"output rate zero", {}, 2, 60, 0, 0},
+         })
+        EXPECT_EQ(expectedFrames(plan, raw, sourceFPS, fps), frames) << name;
 }
 
 TEST(RenderRules, PacedFramesMapThroughTheTimelineAndNeverRepeatASlot)
 {
     // A 4x stretch drops three of every four source frames; the cut moves the rest earlier.
-    EditPlan plan = planWith({}, {}, {{{1.0, 2.0}, false, 4.0}}, {{"c", 2.5, 3.0, {}}});
+    const EditPlan plan {.skips = {{{1.0, 2.0}, false, 4.0}}, .cuts = {{"c", 2.5, 3.0, {}}}};
     auto timeline = plan.clipTimeline(4.0);
     auto frames = pacedFrames(timeline, 60, 60);
     ASSERT_FALSE(frames.empty());
@@ -126,23 +98,18 @@ TEST(RenderRules, PacedFramesMapThroughTheTimelineAndNeverRepeatASlot)
 
 TEST(RenderRules, EveryStagingErrorIsAWholeSentence)
 {
-    struct Case {
-        StagingError error;
-        std::vector<std::string> parts;
-    };
-    const Case cases[] = {
-        {StagingError::unreadable("it has no picture"),
-            {"The plim could not be read: it has no picture.", "Nothing was saved and your plim is untouched."}},
-        {StagingError::writerFailed("the disk is full", true),
-            {"The file could not be written: the disk is full.", "Check there is free space"}},
-        {StagingError::writerFailed("it could not be created in its folder"),
-            {"could not be created in its folder.", "Check that the folder it saves in can be written to"}},
-        {StagingError::stalled(30), {"made no progress for 30 seconds", "Nothing was saved"}},
-        {StagingError::emptyEdit(), {"This edit removes the whole plim.", "then render again."}},
-    };
-    for (const auto& c : cases) {
-        auto sentence = c.error.sentence();
-        for (const auto& part : c.parts)
+    for (const auto& [error, parts] : std::vector<std::pair<StagingError, std::vector<std::string>>> {
+             {StagingError::unreadable("it has no picture"),
+                 {"The plim could not be read: it has no picture.", "Nothing was saved and your plim is untouched."}},
+             {StagingError::writerFailed("the disk is full", true),
+                 {"The file could not be written: the disk is full.", "Check there is free space"}},
+             {StagingError::writerFailed("it could not be created in its folder"),
+                 {"could not be created in its folder.", "Check that the folder it saves in can be written to"}},
+             {StagingError::stalled(30), {"made no progress for 30 seconds", "Nothing was saved"}},
+             {StagingError::emptyEdit(), {"This edit removes the whole plim.", "then render again."}},
+         }) {
+        auto sentence = error.sentence();
+        for (const auto& part : parts)
             EXPECT_NE(sentence.find(part), std::string::npos) << sentence;
         EXPECT_EQ(sentence.back(), '.') << sentence;
     }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 namespace plim {
 namespace {
@@ -37,35 +38,25 @@ Rect visibleRegion(const Affine& t, Size canvas)
 
 StageSpec pxSpec(int padding, int corners)
 {
-    StageSpec spec;
-    spec.paddingPX = padding;
-    spec.cornersPX = corners;
-    return spec;
+    return {.paddingPX = padding, .cornersPX = corners};
 }
 
+// The pixel lengths are ignored under a card look.
 StageSpec cardSpec(double padding, double corners)
 {
-    StageSpec spec = pxSpec(0, 99); // ignored under a card look
-    spec.card = StageSpec::CardLook{padding, corners, 1.0, std::nullopt};
-    return spec;
+    return {.paddingPX = 0, .cornersPX = 99, .card = StageSpec::CardLook {padding, corners, 1.0, std::nullopt}};
 }
 
 TEST(StageGeometryCard, ScreenCardLayout)
 {
-    struct Row {
-        Size canvas;
-        Size content;
-        StageSpec spec;
-        Rect screen;
-        double corner;
-    };
     const double s = 608.0 / 1080, sw = 1168.0 / 3000, su = 912.0 / 1080;
     const StageSpec plain;
     const Rect fill{(1920 - 1920 * su) / 2, 84, 1920 * su, 912}; // a 16:9 picture on 1920 × 1080
-    const std::vector<Row> rows = {
+    // {canvas, content, look, the screen card, its corner radius}
+    const std::vector<std::tuple<Size, Size, StageSpec, Rect, double>> rows = {
         {{1280, 720}, {1920, 1080}, plain, {(1280 - 1920 * s) / 2, 56, 1920 * s, 608}, 10},
         {{1280, 720}, {3000, 1000}, plain, {56, (720 - 1000 * sw) / 2, 1168, 1000 * sw}, 10}, // wider
-        {{1280, 720}, {1000, 2000}, plain, {488, 56, 304, 608}, 10},                          // taller
+        {{1280, 720}, {1000, 2000}, plain, {488, 56, 304, 608}, 10}, // taller
         // PX lengths scale with the canvas width.
         {{1280, 800}, {1600, 1000}, pxSpec(40, 16), {64, 40, 1152, 720}, 16},
         {{3840, 2400}, {1600, 1000}, pxSpec(40, 16), {192, 120, 3456, 2160}, 48},
@@ -77,20 +68,23 @@ TEST(StageGeometryCard, ScreenCardLayout)
         {{1920, 1080}, {1920, 1080}, cardSpec(0.1, 0.02), {192, 108, 1536, 864}, 1536 * 0.02},
         {{1080, 1920}, {0.5, 2}, cardSpec(0.05, 0.02), {313.5, 54, 453, 1812}, 453 * 0.02}, // not framed
         // Unusable content stands in as the canvas size; an unusable canvas gives an empty stage.
-        {{1920, 1080}, {0, 0}, plain, fill, 15}, {{1920, 1080}, {-5, 100}, plain, fill, 15},
-        {{1920, 1080}, {notANumber, 10}, plain, fill, 15}, {{1920, 1080}, {100, infinite}, plain, fill, 15},
-        {{0, 720}, {1920, 1080}, plain, {}, 0}, {{notANumber, notANumber}, {1920, 1080}, plain, {}, 0},
+        {{1920, 1080}, {0, 0}, plain, fill, 15},
+        {{1920, 1080}, {-5, 100}, plain, fill, 15},
+        {{1920, 1080}, {notANumber, 10}, plain, fill, 15},
+        {{1920, 1080}, {100, infinite}, plain, fill, 15},
+        {{0, 720}, {1920, 1080}, plain, {}, 0},
+        {{notANumber, notANumber}, {1920, 1080}, plain, {}, 0},
         {{-1280, 720}, {1920, 1080}, plain, {}, 0},
     };
     for (size_t i = 0; i < rows.size(); ++i) {
         SCOPED_TRACE(i);
-        const Row& row = rows[i];
-        StageGeometry g(row.canvas, row.content, row.spec, false);
-        expectRectNear(g.screenRect, row.screen);
-        EXPECT_NEAR(g.cornerRadius, row.corner, eps);
-        EXPECT_EQ(g.cardCamera, row.spec.card.has_value());
+        const auto& [canvas, content, stage, screen, corner] = rows[i];
+        StageGeometry g(canvas, content, stage, false);
+        expectRectNear(g.screenRect, screen);
+        EXPECT_NEAR(g.cornerRadius, corner, eps);
+        EXPECT_EQ(g.cardCamera, stage.card.has_value());
         EXPECT_EQ(g.cameraCard, g.screenRect);
-        EXPECT_TRUE(g.zoomTransform({2, 0.5, 0.5}).isIdentity() == !row.canvas.isUsable());
+        EXPECT_TRUE(g.zoomTransform({2, 0.5, 0.5}).isIdentity() == !canvas.isUsable());
     }
 
     // A device-framed card look keeps the phone's screen in view (which differs here, as the
@@ -205,26 +199,24 @@ TEST(StageGeometryCardCamera, ViewBlendsFromTheCanvasToTheCard)
     // The view stays inside a region blended from the canvas (t = 0) to the card (t = 1),
     // t = (z - 1) / growth.
     const Rect narrow{900, 0, 120, 1080}; // growth 15
-    struct Row {
-        double z;
-        Point focus;
-        Rect card;
-        Rect view;
-    };
-    const std::vector<Row> rows = {
-        {1.25, {0, 0}, card, card}, {1.25, {1920, 1080}, card, card}, {1.25, {1700, 120}, card, card},
-        {3, {960, 540}, card, {640, 360, 640, 360}}, {3, {0, 0}, card, {192, 108, 640, 360}},
-        {3, {200, 900}, card, {192, 612, 640, 360}},
-        {1.01, {0, 0}, card, {7.68, 4.32, 1920 / 1.01, 1080 / 1.01}},
-        {1.125, {0, 0}, card, {96, 54, 1920 / 1.125, 1080 / 1.125}},
-        {2, {1920, 1080}, {0, 0, 1920, 1080}, {960, 540, 960, 540}}, // no growth: blended at once
-        {1.2, {0, 540}, narrow, {12, 90, 1600, 900}}, {16, {0, 540}, narrow, {900, 506.25, 120, 67.5}},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.z << " " << row.focus.x << "," << row.focus.y);
-        Affine t = StageGeometry::cardCameraTransform(row.z, row.focus, row.card, canvas);
-        EXPECT_TRUE(t.a == row.z && t.d == row.z && t.b == 0 && t.c == 0);
-        expectRectNear(visibleRegion(t, canvas), row.view);
+    // {zoom, focus, card, the view}
+    for (const auto& [z, focus, onCard, view] : std::vector<std::tuple<double, Point, Rect, Rect>> {
+             {1.25, {0, 0}, card, card},
+             {1.25, {1920, 1080}, card, card},
+             {1.25, {1700, 120}, card, card},
+             {3, {960, 540}, card, {640, 360, 640, 360}},
+             {3, {0, 0}, card, {192, 108, 640, 360}},
+             {3, {200, 900}, card, {192, 612, 640, 360}},
+             {1.01, {0, 0}, card, {7.68, 4.32, 1920 / 1.01, 1080 / 1.01}},
+             {1.125, {0, 0}, card, {96, 54, 1920 / 1.125, 1080 / 1.125}},
+             {2, {1920, 1080}, {0, 0, 1920, 1080}, {960, 540, 960, 540}}, // no growth: blended at once
+             {1.2, {0, 540}, narrow, {12, 90, 1600, 900}},
+             {16, {0, 540}, narrow, {900, 506.25, 120, 67.5}},
+         }) {
+        SCOPED_TRACE(testing::Message() << z << " " << focus.x << "," << focus.y);
+        Affine t = StageGeometry::cardCameraTransform(z, focus, onCard, canvas);
+        EXPECT_TRUE(t.a == z && t.d == z && t.b == 0 && t.c == 0);
+        expectRectNear(visibleRegion(t, canvas), view);
     }
 }
 
@@ -268,32 +260,27 @@ TEST(DeviceFrame, PhoneBodyAroundTheScreen)
     // is raised to one.
     StageSpec wide = pxSpec(2000, 10), px200 = pxSpec(200, 10), bare = cardSpec(0, 0.02), card = cardSpec(0.1, 0.02);
     const double phoneW = 1.104 * 1170, phoneH = 2532 + 0.104 * 1170;
-    struct Row {
-        Size canvas;
-        Size content;
-        StageSpec spec;
-        double scale;
-    };
-    const std::vector<Row> rows = {
+    // {canvas, content, look, the screen's scale}
+    const std::vector<std::tuple<Size, Size, StageSpec, double>> rows = {
         {{1080, 1920}, {1170, 2532}, {}, (1920 - 2 * 64.8) / phoneH}, // 47.25 raised to 64.8
         {{1920, 1080}, {1170, 2532}, {}, (1080 - 2 * 84) / phoneH},
         {{720, 720}, {1170, 2532}, {}, (720 - 2 * 43.2) / phoneH},
         {{1080, 1920}, {1170, 2532}, wide, (1080 - 2 * 378) / phoneW},
         {{1280, 1280}, {1000, 2000}, px200, (1280 - 400) / 2104.0},
-        {{2560, 2560}, {1000, 2000}, px200, (2560 - 800) / 2104.0},
-        {{1080, 1920}, {1080, 1920}, bare, 1}, {{1080, 1920}, {1080, 1920}, card, 0.8},
-        {{1080, 1920}, {0, 0}, {}, (1080 - 2 * 64.8) / 1.104}, {{1080, 1920}, {-3, 0.2}, {}, (1080 - 2 * 64.8) / 1.104},
+        {{2560, 2560}, {1000, 2000}, px200, (2560 - 800) / 2104.0}, {{1080, 1920}, {1080, 1920}, bare, 1},
+        {{1080, 1920}, {1080, 1920}, card, 0.8}, {{1080, 1920}, {0, 0}, {}, (1080 - 2 * 64.8) / 1.104},
+        {{1080, 1920}, {-3, 0.2}, {}, (1080 - 2 * 64.8) / 1.104},
         {{1080, 1920}, {notANumber, notANumber}, {}, (1080 - 2 * 64.8) / 1.104},
         {{64, 64}, {100, 200}, {}, (64 - 2 * 3.84) / 210.4}, // the outline stays 1 px thick
     };
     for (size_t i = 0; i < rows.size(); ++i) {
         SCOPED_TRACE(i);
-        const Row& row = rows[i];
-        DeviceFrameGeometry g(row.canvas, row.content, row.spec);
-        const double cw = std::isfinite(row.content.width) ? std::max(row.content.width, 1.0) : 1;
-        const double ch = std::isfinite(row.content.height) ? std::max(row.content.height, 1.0) : 1;
-        const double w = cw * row.scale;
-        expectRectNear(g.screen, Rect::centered({w, ch * row.scale}, row.canvas));
+        const auto& [canvas, content, stage, scale] = rows[i];
+        DeviceFrameGeometry g(canvas, content, stage);
+        const double cw = std::isfinite(content.width) ? std::max(content.width, 1.0) : 1;
+        const double ch = std::isfinite(content.height) ? std::max(content.height, 1.0) : 1;
+        const double w = cw * scale;
+        expectRectNear(g.screen, Rect::centered({w, ch * scale}, canvas));
         EXPECT_NEAR(g.bezel, 0.052 * w, eps);
         EXPECT_EQ(g.body, g.screen.outset(g.bezel, g.bezel));
         EXPECT_NEAR(g.screenCorner, 0.135 * w, eps);
@@ -322,22 +309,17 @@ TEST(ReframeMath, InsetsStackAboveTheBubbleButNeverAboveTheMiddle)
     const Size tall{1080, 1920};
     const double k = 1080.0 / 1280 * 1.4;
     const double top = ReframeMath::bubbleRect(tall).maxY();
-    struct Row {
-        Size size;
-        std::optional<double> top;
-        bool keys;
-        double keycap;
-        double caption;
-    };
-    for (const Row& row : std::vector<Row>{{tall, top, true, 287.55, 287.55}, {tall, top, false, 287.55, 223.7625},
-             {tall, 1500, true, 960 - 64 * k, 960 - 118 * k}, {tall, 1500, false, 960 - 64 * k, 960 - 118 * k},
-             {{1080, 100}, 300, false, 0, 0}, {tall, 1, false, 0, 0}, {tall, std::nullopt, true, 0, 0},
-             {tall, 0.0, true, 0, 0}, {tall, -20.0, false, 0, 0}, {tall, notANumber, false, 0, 0},
-             {{0, 1920}, 300.0, true, 0, 0}, {{1080, -1}, 300.0, true, 0, 0}}) {
-        SCOPED_TRACE(testing::Message() << row.size.height << " " << row.top.value_or(-1) << " " << row.keys);
-        auto stack = ReframeMath::bottomStack(row.size, row.top, row.keys);
-        EXPECT_NEAR(stack.keycapInset, row.keycap, eps);
-        EXPECT_NEAR(stack.captionInset, row.caption, eps);
+    // {canvas, the bubble's top, whether keycaps show, keycap inset, caption inset}
+    for (auto [size, bubbleTop, keys, keycap, caption] :
+        std::vector<std::tuple<Size, std::optional<double>, bool, double, double>> {{tall, top, true, 287.55, 287.55},
+            {tall, top, false, 287.55, 223.7625}, {tall, 1500, true, 960 - 64 * k, 960 - 118 * k},
+            {tall, 1500, false, 960 - 64 * k, 960 - 118 * k}, {{1080, 100}, 300, false, 0, 0}, {tall, 1, false, 0, 0},
+            {tall, std::nullopt, true, 0, 0}, {tall, 0.0, true, 0, 0}, {tall, -20.0, false, 0, 0},
+            {tall, notANumber, false, 0, 0}, {{0, 1920}, 300.0, true, 0, 0}, {{1080, -1}, 300.0, true, 0, 0}}) {
+        SCOPED_TRACE(testing::Message() << size.height << " " << bubbleTop.value_or(-1) << " " << keys);
+        auto stack = ReframeMath::bottomStack(size, bubbleTop, keys);
+        EXPECT_NEAR(stack.keycapInset, keycap, eps);
+        EXPECT_NEAR(stack.captionInset, caption, eps);
     }
 }
 

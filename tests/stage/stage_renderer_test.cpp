@@ -1,6 +1,5 @@
 // Pixels of composed frames: backdrop, card, corners, zoom, pointer, boxes, clicks, camera,
-// keycaps, captions and transitions, drawn from synthetic recordings. With PLIM_STAGE_PNG
-// set to a folder, every frame a test checks is also written there as a PNG to look at.
+// keycaps, captions and transitions, drawn from synthetic recordings.
 
 #include "stage/stage_backdrop.h"
 #include "stage/stage_renderer.h"
@@ -16,8 +15,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <cstdlib>
 #include <set>
+#include <tuple>
 
 namespace plim {
 namespace {
@@ -30,12 +29,6 @@ void writePng(const Image& image, const fs::path& path)
         image.width, image.height, static_cast<int>(image.stride));
     cairo_surface_write_to_png(s, path.c_str());
     cairo_surface_destroy(s);
-}
-
-void save(const Image& image, const std::string& name)
-{
-    if (const char* folder = std::getenv("PLIM_STAGE_PNG"); folder && *folder)
-        writePng(image, fs::path(folder) / (name + ".png"));
 }
 
 // A source picture made by a function of the pixel position.
@@ -88,19 +81,13 @@ constexpr Rgba red{40, 40, 220, 255};
 // A stage whose card fills the canvas with square corners.
 StageSpec flat()
 {
-    StageSpec spec;
-    spec.paddingPX = 0;
-    spec.cornersPX = 0;
-    return spec;
+    return {.paddingPX = 0, .cornersPX = 0};
 }
 
 TEST(StageRenderer, CardOverBackdropWithRoundedCorners)
 {
-    StageSpec spec;
-    spec.cornersPX = 40;
-    auto r = renderer(spec, {320, 180}, {160, 90});
+    auto r = renderer({.cornersPX = 40}, {320, 180}, {160, 90});
     const Image frame = r->render(solid(160, 90, red), {});
-    save(frame, "card");
     ASSERT_EQ(frame.width, 320);
     ASSERT_EQ(frame.height, 180);
     const Rect card = r->geometry().screenRect; // y up; this canvas is symmetric vertically
@@ -137,9 +124,7 @@ TEST(StageRenderer, SlowZoomGlidesWithoutSteps)
     auto r = renderer(flat(), {320, 180}, {320, 180});
     std::vector<double> xs;
     for (int i = 0; i < 30; ++i) {
-        StageMoment m;
-        m.zoom = {1.0 + 0.004 * i, 0.5, 0.5};
-        const Image frame = r->render(source, m);
+        const Image frame = r->render(source, {.zoom = {1.0 + 0.004 * i, 0.5, 0.5}});
         double sx = 0, n = 0;
         for (int y = 30; y < 100; ++y)
             for (int x = 200; x < 280; ++x) {
@@ -166,17 +151,12 @@ TEST(StageRenderer, SlowZoomGlidesWithoutSteps)
 // and a smaller pointer while pressed.
 TEST(StageRenderer, PointerIsDrawnWhereTheMomentSaysStreaksAndShrinksWhenPressed)
 {
-    StageSpec spec;
-    spec.cursorSize = 200;
-    auto r = renderer(spec, {320, 180}, {320, 180});
+    auto r = renderer({.cursorSize = 200}, {320, 180}, {320, 180});
     const Image source = solid(320, 180, {150, 150, 150, 255});
     const Image bare = r->render(source, {});
     const Rect card = r->geometry().screenRect;
     for (auto [fx, fy] : {std::pair{0.25, 0.3}, {0.7, 0.6}}) {
-        StageMoment m;
-        m.cursor = StageMoment::Cursor{fx, fy, fx, fy, 1, 0};
-        const Image frame = r->render(source, m);
-        save(frame, "pointer");
+        const Image frame = r->render(source, {.cursor = StageMoment::Cursor {fx, fy, fx, fy, 1, 0}});
         const int tx = static_cast<int>(card.x + fx * card.width);
         const int ty = static_cast<int>(180 - (card.y + (1 - fy) * card.height));
         // Dark arrow body just below and right of the tip; untouched far away.
@@ -188,26 +168,20 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSaysStreaksAndShrinksWhenPressed
         EXPECT_EQ(distance(at(frame, tx - 40, ty - 30), at(bare, tx - 40, ty - 30)), 0);
     }
     // A touch on a phone recording shows where the finger is.
-    StageMoment touched;
-    touched.touch = StageMoment::Touch{0.7, 0.6};
+    const StageMoment touched {.touch = StageMoment::Touch {0.7, 0.6}};
     const int touchX = static_cast<int>(card.x + 0.7 * card.width), touchY = static_cast<int>(180 - (card.y + 0.4 * card.height));
     EXPECT_GT(changed(r->render(source, touched), bare, touchX - 12, touchY - 12, touchX + 12, touchY + 12, 10), 60);
     // A hidden pointer draws nothing.
-    StageMoment hidden;
-    hidden.cursor = StageMoment::Cursor{0.5, 0.5, 0.5, 0.5, 0, 0};
-    EXPECT_EQ(distance(at(r->render(source, hidden), 162, 95), at(bare, 162, 95)), 0);
+    const Image hidden = r->render(source, {.cursor = StageMoment::Cursor {0.5, 0.5, 0.5, 0.5, 0, 0}});
+    EXPECT_EQ(distance(at(hidden, 162, 95), at(bare, 162, 95)), 0);
     // Behind a pointer that moved fast (to its left) only the streak draws; pressed, it shrinks.
-    StageMoment resting, moving, pressed;
-    resting.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 0};
-    moving.cursor = StageMoment::Cursor{0.6, 0.5, 0.3, 0.5, 1, 0};
-    pressed.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 1};
-    const Image still = r->render(source, resting);
-    const Image streak = r->render(source, moving);
-    save(streak, "pointer_smear");
+    const Image still = r->render(source, {.cursor = StageMoment::Cursor {0.6, 0.5, 0.6, 0.5, 1, 0}});
+    const Image streak = r->render(source, {.cursor = StageMoment::Cursor {0.6, 0.5, 0.3, 0.5, 1, 0}});
+    const Image pressed = r->render(source, {.cursor = StageMoment::Cursor {0.6, 0.5, 0.6, 0.5, 1, 1}});
     const int left = static_cast<int>(card.x + 0.6 * card.width) - 10;
     EXPECT_EQ(changed(still, bare, left - 70, 60, left, 120, 10), 0);
     EXPECT_GT(changed(streak, bare, left - 70, 60, left, 120, 10), 20);
-    EXPECT_LT(changed(r->render(source, pressed), bare, 0, 0, 320, 180), changed(still, bare, 0, 0, 320, 180));
+    EXPECT_LT(changed(pressed, bare, 0, 0, 320, 180), changed(still, bare, 0, 0, 320, 180));
 }
 
 TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
@@ -219,12 +193,7 @@ TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
             ? checker(320, 180, 3)
             : picture(320, 180, [](int x, int y) { return Rgba{x * 3 / 4, y, 255 - x * 3 / 4, 255}; });
         const Image bare = r->render(source, {});
-        StageMoment m;
-        MaskRegion mask;
-        mask.x = 0.25, mask.y = 0.25, mask.w = 0.5, mask.h = 0.5, mask.style = style;
-        m.masks = {mask};
-        const Image frame = r->render(source, m);
-        save(frame, style == MaskRegion::Style::blur ? "blur_box" : "pixelate_box");
+        const Image frame = r->render(source, {.masks = {{.x = 0.25, .y = 0.25, .w = 0.5, .h = 0.5, .style = style}}});
         if (style == MaskRegion::Style::blur) {
             EXPECT_LT(detail(frame, 100, 60, 220, 120), detail(bare, 100, 60, 220, 120) / 4);
         }
@@ -257,13 +226,8 @@ TEST(StageRenderer, ClickEffectsForEveryStyleAndTintGrowFadeAndGo)
             EXPECT_LT(clickAnim(style, 0.44).alpha, clickAnim(style, 0.12).alpha);
         }
         for (ClickTint tint : allClickTints) {
-            StageSpec spec;
-            spec.clickStyle = style;
-            spec.clickTint = tint;
-            auto r = renderer(spec, {320, 180}, {320, 180});
-            StageMoment m;
-            m.clicks = {{0.5, 0.5, 0.12}};
-            const Image frame = r->render(source, m);
+            auto r = renderer({.clickStyle = style, .clickTint = tint}, {320, 180}, {320, 180});
+            const Image frame = r->render(source, {.clicks = {{0.5, 0.5, 0.12}}});
             const Image bare = r->render(source, {});
             Rgba strongest;
             int most = 0;
@@ -278,7 +242,6 @@ TEST(StageRenderer, ClickEffectsForEveryStyleAndTintGrowFadeAndGo)
                 EXPECT_EQ(drawn, 0);
                 continue;
             }
-            save(frame, std::string("click_") + std::string(clickStyleText(style)) + "_" + std::string(clickTintText(tint)));
             EXPECT_GT(drawn, 20) << clickStyleText(style) << " " << clickTintText(tint);
             if (tint == ClickTint::cobalt) {
                 EXPECT_GT(strongest.b, strongest.r + 40);
@@ -287,8 +250,8 @@ TEST(StageRenderer, ClickEffectsForEveryStyleAndTintGrowFadeAndGo)
                 EXPECT_GT(strongest.r, strongest.b + 40);
             }
             // Gone once its life is over.
-            m.clicks = {{0.5, 0.5, 5}};
-            EXPECT_EQ(detail(r->render(source, m), 120, 60, 200, 120), detail(bare, 120, 60, 200, 120));
+            const Image later = r->render(source, {.clicks = {{0.5, 0.5, 5}}});
+            EXPECT_EQ(detail(later, 120, 60, 200, 120), detail(bare, 120, 60, 200, 120));
         }
     }
 }
@@ -299,11 +262,9 @@ TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
     const Image camera = picture(64, 48, [](int x, int) { return x < 32 ? Rgba{30, 30, 230, 255} : Rgba{230, 30, 30, 255}; });
     for (CameraShape shape : allCameraShapes)
         for (bool mirror : {true, false}) {
-            StageRenderer::Options options;
-            options.camera = CameraBubble{shape, PlimLook::BubbleCorner::br, std::nullopt, 1, mirror, true};
-            auto r = renderer(StageSpec{}, {320, 180}, {320, 180}, options);
+            auto r = renderer({}, {320, 180}, {320, 180},
+                {.camera = CameraBubble {shape, PlimLook::BubbleCorner::br, std::nullopt, 1, mirror, true}});
             const Image frame = r->render(solid(320, 180, {90, 90, 90, 255}), {}, std::nullopt, camera);
-            save(frame, std::string("camera_") + std::string(cameraShapeText(shape)) + (mirror ? "_mirror" : ""));
             // 0.24 × 180 = 43.2 wide, 7.2 from the bottom-right corner.
             const double d = 43.2, cx = 320 - 7.2 - d / 2, cy = 180 - 7.2 - d / 2;
             const Rgba left = at(frame, static_cast<int>(cx - d / 4), static_cast<int>(cy));
@@ -315,14 +276,11 @@ TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
             EXPECT_EQ(std::max(corner.r, corner.b) > 150, shape == CameraShape::card);
         }
     // A camera picture carried by the moment shows too; without any picture there is no bubble.
-    StageRenderer::Options options;
-    options.camera = CameraBubble{};
-    auto r = renderer(StageSpec{}, {320, 180}, {320, 180}, options);
+    auto r = renderer({}, {320, 180}, {320, 180}, {.camera = CameraBubble {}});
     auto pixels = std::make_shared<std::vector<uint8_t>>(16 * 16 * 4);
     for (size_t i = 0; i < pixels->size(); i += 4)
         (*pixels)[i + 1] = 220, (*pixels)[i + 3] = 255; // green
-    StageMoment m;
-    m.cameraFrame = CameraPicture{16, 16, 64, pixels};
+    const StageMoment m {.cameraFrame = CameraPicture {16, 16, 64, pixels}};
     const Image grey = solid(320, 180, {90, 90, 90, 255});
     const int cx = static_cast<int>(320 - 7.2 - 21.6), cy = static_cast<int>(180 - 7.2 - 21.6);
     EXPECT_GT(at(r->render(grey, m), cx, cy).g, 180);
@@ -331,19 +289,12 @@ TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
 
 TEST(StageRenderer, VerticalShapePutsTheBubbleLowWithCaptionAndKeycapsAboveIt)
 {
-    StageRenderer::Options options;
-    options.shape = PlimLook::Shape::vertical;
-    options.camera = CameraBubble{};
-    auto r = renderer(StageSpec{}, {360, 640}, {320, 180}, options);
+    auto r = renderer({}, {360, 640}, {320, 180}, {.shape = PlimLook::Shape::vertical, .camera = CameraBubble {}});
     const Image source = solid(320, 180, {200, 200, 200, 255});
     const Image camera = solid(40, 40, {20, 200, 20, 255});
     const Image bare = r->render(source, {}, std::nullopt, camera);
-    StageMoment m;
-    m.caption = "Save it";
-    m.keycaps = {{1000, "⌘S"}};
-    m.keycapTime = 1.2;
-    const Image frame = r->render(source, m, std::nullopt, camera);
-    save(frame, "vertical_stack");
+    const Image frame
+        = r->render(source, {.keycaps = {{1000, "⌘S"}}, .keycapTime = 1.2, .caption = "Save it"}, std::nullopt, camera);
     const Rect bubble = ReframeMath::bubbleRect({360, 640});
     const int bubbleTop = static_cast<int>(640 - bubble.maxY());
     const Rgba middle = at(frame, static_cast<int>(bubble.midX()), static_cast<int>(640 - bubble.midY()));
@@ -360,11 +311,8 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
     auto r = renderer(StageSpec{}, {640, 360}, {320, 180});
     const Image source = solid(320, 180, {200, 200, 200, 255});
     const Image bare = r->render(source, {});
-    StageMoment m;
-    m.keycaps = {{2000, "⌘S"}, {2200, "⏎"}};
-    m.keycapTime = 2.4;
+    StageMoment m {.keycaps = {{2000, "⌘S"}, {2200, "⏎"}}, .keycapTime = 2.4};
     const Image frame = r->render(source, m);
-    save(frame, "keycaps");
     EXPECT_GT(changed(frame, bare, 220, 260, 420, 360), 300);
     EXPECT_EQ(changed(frame, bare, 0, 0, 640, 250), 0);
     // Long after their linger they are gone.
@@ -374,9 +322,9 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
     // A hundred distinct shortcuts, two new in each frame: the renderer's text cache fills
     // and is emptied along the way, and every frame still matches a fresh renderer's.
     for (int n = 0; n < 100; n += 2) {
-        StageMoment many;
-        many.keycaps = {{n * 100, "⌃" + std::to_string(n)}, {n * 100 + 50, "⌥" + std::to_string(n + 1)}};
-        many.keycapTime = n * 0.1 + 0.3;
+        const StageMoment many {
+            .keycaps = {{n * 100, "⌃" + std::to_string(n)}, {n * 100 + 50, "⌥" + std::to_string(n + 1)}},
+            .keycapTime = n * 0.1 + 0.3};
         const Image drawn = r->render(source, many);
         const Image fresh = renderer(StageSpec{}, {640, 360}, {320, 180})->render(source, many);
         ASSERT_EQ(changed(drawn, fresh, 0, 0, 640, 360, 0), 0) << "shortcuts " << n << " and " << n + 1;
@@ -389,16 +337,10 @@ TEST(StageRenderer, CaptionInEachLookAndPlace)
     for (auto look : {StageSpec::CaptionLook::pill, StageSpec::CaptionLook::bold, StageSpec::CaptionLook::minimal,
              StageSpec::CaptionLook::light})
         for (auto place : {StageSpec::CaptionPlace::bottom, StageSpec::CaptionPlace::top}) {
-            StageSpec spec;
-            spec.captionLook = look;
-            spec.captionPlace = place;
-            spec.captionSize = StageSpec::CaptionSize::large;
-            auto r = renderer(spec, {640, 360}, {320, 180});
-            StageMoment m;
-            m.caption = "Click Save to keep it";
-            const Image frame = r->render(source, m);
-            save(frame, std::string("caption_") + std::string(captionLookText(look)) + "_"
-                    + std::string(captionPlaceText(place)));
+            auto r
+                = renderer({.captionLook = look, .captionSize = StageSpec::CaptionSize::large, .captionPlace = place},
+                    {640, 360}, {320, 180});
+            const Image frame = r->render(source, {.caption = "Click Save to keep it"});
             const Image bare = r->render(source, {});
             const int top = place == StageSpec::CaptionPlace::top ? 0 : 240;
             const int other = place == StageSpec::CaptionPlace::top ? 240 : 0;
@@ -421,9 +363,7 @@ TEST(StageRenderer, CaptionInEachLookAndPlace)
 
 TEST(StageRenderer, TransitionsDarkenBlurAndPunch)
 {
-    StageSpec spec = flat();
-    spec.shadowPercent = 0;
-    auto r = renderer(spec, {320, 180}, {320, 180});
+    auto r = renderer({.paddingPX = 0, .cornersPX = 0, .shadowPercent = 0}, {320, 180}, {320, 180});
     const Image source = checker(320, 180, 4);
     const Image bare = r->render(source, {});
     auto meanLuma = [](const Image& f) {
@@ -434,21 +374,16 @@ TEST(StageRenderer, TransitionsDarkenBlurAndPunch)
         return sum;
     };
     auto with = [&](TransitionSpec::Kind kind, double phase) {
-        StageMoment m;
-        m.transition = EditPlan::TransitionPhase{kind, phase};
-        return r->render(source, m);
+        return r->render(source, {.transition = EditPlan::TransitionPhase {kind, phase}});
     };
     const Image half = with(TransitionSpec::Kind::dipToBlack, 0.5);
-    save(half, "dip_black");
     EXPECT_NEAR(meanLuma(half) / meanLuma(bare), 0.5, 0.03);
     EXPECT_LT(meanLuma(with(TransitionSpec::Kind::dipToBlack, 1)), 1);
     const Image backdrop = with(TransitionSpec::Kind::dipToBackdrop, 1);
     EXPECT_LT(distance(at(backdrop, 160, 90), at(r->ground(), 160, 90)), 4);
     const Image blurred = with(TransitionSpec::Kind::blur, 1);
-    save(blurred, "blur_transition");
     EXPECT_LT(detail(blurred, 0, 0, 320, 180), detail(bare, 0, 0, 320, 180) / 4);
     const Image punched = with(TransitionSpec::Kind::punch, 1);
-    save(punched, "punch");
     EXPECT_NE(detail(punched, 100, 60, 220, 120), detail(bare, 100, 60, 220, 120));
     EXPECT_GT(meanLuma(punched), meanLuma(bare));
 }
@@ -461,42 +396,24 @@ TEST(StageRenderer, BackdropsOfEveryKind)
     testkit::writeText(dir / "broken.png", "not a picture");
 
     using B = StageSpec::Backdrop;
-    struct Case {
-        std::string name;
-        StageSpec spec;
-        std::optional<Rgba> corner; // expected corner colour when known exactly
-    };
-    std::vector<Case> cases;
-    for (B::Named n : B::allNamed) {
-        StageSpec spec;
-        spec.backdrop = B::named(n);
-        cases.push_back({std::string(backdropNameText(n)), spec,
-            n == B::Named::wallpaper ? std::optional(Rgba{30, 180, 60, 255}) : std::nullopt});
-    }
-    for (const char* look : {"dawn", "lagoon", "meadow", "ember", "graphite", "paper", "desk"}) {
-        StageSpec spec;
-        spec.card = StageSpec::CardLook{};
-        spec.card->backdrop = look;
-        cases.push_back({std::string("look_") + look, spec, std::nullopt});
-    }
-    StageSpec solidSpec, duoSpec, imageSpec;
-    solidSpec.backdrop = B::solid("#336699");
-    duoSpec.backdrop = B::duo("#ff0000", "#0000ff");
-    imageSpec.backdrop = B::image((dir / "green.png").string(), 0);
-    cases.push_back({"solid", solidSpec, Rgba{0x99, 0x66, 0x33, 255}});
-    cases.push_back({"duo", duoSpec, std::nullopt});
-    cases.push_back({"image", imageSpec, Rgba{30, 180, 60, 255}});
+    // {name, look, the corner's colour when known exactly}
+    std::vector<std::tuple<std::string, StageSpec, std::optional<Rgba>>> cases;
+    for (B::Named n : B::allNamed)
+        cases.push_back({std::string(backdropNameText(n)), {.backdrop = B::named(n)},
+            n == B::Named::wallpaper ? std::optional(Rgba {30, 180, 60, 255}) : std::nullopt});
+    for (const char* look : {"dawn", "lagoon", "meadow", "ember", "graphite", "paper", "desk"})
+        cases.push_back({std::string("look_") + look, {.card = StageSpec::CardLook {.backdrop = look}}, std::nullopt});
+    cases.push_back({"solid", {.backdrop = B::solid("#336699")}, Rgba {0x99, 0x66, 0x33, 255}});
+    cases.push_back({"duo", {.backdrop = B::duo("#ff0000", "#0000ff")}, std::nullopt});
+    cases.push_back({"image", {.backdrop = B::image((dir / "green.png").string(), 0)}, Rgba {30, 180, 60, 255}});
 
     std::set<std::tuple<int, int, int>> corners;
-    for (const Case& c : cases) {
-        StageRenderer::Options options;
-        options.wallpaper = dir / "green.png";
-        auto r = renderer(c.spec, {160, 90}, {160, 90}, options);
-        save(r->ground(), "backdrop_" + c.name);
+    for (const auto& [name, stage, known] : cases) {
+        auto r = renderer(stage, {160, 90}, {160, 90}, {.wallpaper = dir / "green.png"});
         const Rgba corner = at(r->ground(), 1, 1);
-        EXPECT_EQ(corner.a, 255) << c.name;
-        if (c.corner) {
-            EXPECT_LT(distance(corner, *c.corner), 4) << c.name;
+        EXPECT_EQ(corner.a, 255) << name;
+        if (known) {
+            EXPECT_LT(distance(corner, *known), 4) << name;
         }
         corners.insert({corner.r, corner.g, corner.b});
     }
@@ -506,9 +423,7 @@ TEST(StageRenderer, BackdropsOfEveryKind)
 
     // A picture that cannot be read: the default gradient, a notice, the file untouched.
     LogCapture log;
-    StageSpec broken;
-    broken.backdrop = B::image((dir / "broken.png").string(), 4);
-    auto r = renderer(broken, {160, 90}, {160, 90});
+    auto r = renderer({.backdrop = B::image((dir / "broken.png").string(), 4)}, {160, 90}, {160, 90});
     auto d = renderer(StageSpec{}, {160, 90}, {160, 90});
     EXPECT_LT(distance(at(r->ground(), 1, 1), at(d->ground(), 1, 1)), 4);
     EXPECT_TRUE(log.contains("broken.png is not a PNG picture."));
@@ -520,13 +435,11 @@ TEST(StageRenderer, BackdropsOfEveryKind)
                       "1", (dir / name).string()})
                       .status,
             0);
-        StageSpec spec;
-        spec.backdrop = B::image((dir / name).string(), 0);
-        EXPECT_LT(distance(at(renderer(spec, {160, 90}, {160, 90})->ground(), 1, 1), Rgba{180, 60, 30, 255}), 12) << name;
+        auto pictured = renderer({.backdrop = B::image((dir / name).string(), 0)}, {160, 90}, {160, 90});
+        EXPECT_LT(distance(at(pictured->ground(), 1, 1), Rgba {180, 60, 30, 255}), 12) << name;
     }
     testkit::writeText(dir / "broken.jpg", "not a picture");
-    broken.backdrop = B::image((dir / "broken.jpg").string(), 0);
-    renderer(broken, {160, 90}, {160, 90});
+    renderer({.backdrop = B::image((dir / "broken.jpg").string(), 0)}, {160, 90}, {160, 90});
     EXPECT_TRUE(log.contains("broken.jpg could not be read as a picture."));
     EXPECT_EQ(testkit::readText(dir / "broken.jpg"), "not a picture");
 }
@@ -534,28 +447,16 @@ TEST(StageRenderer, BackdropsOfEveryKind)
 TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
 {
     const Image source = checker(320, 180, 2);
-    StageSpec spec = flat();
-    spec.cursorSpotlight = true;
-    StageRenderer::Options options;
-    options.zoomBlur = true;
-    auto r = renderer(spec, {320, 180}, {320, 180}, options);
-    StageMoment still;
-    still.zoom = {1.5, 0.3, 0.5};
-    const Image sharp = r->render(source, still);
-    StageMoment moving = still;
-    moving.zoomVelocity = 2;
-    const Image blurred = r->render(source, moving);
-    save(blurred, "zoom_blur");
+    auto r = renderer(
+        {.paddingPX = 0, .cornersPX = 0, .cursorSpotlight = true}, {320, 180}, {320, 180}, {.zoomBlur = true});
+    const Image sharp = r->render(source, {.zoom = {1.5, 0.3, 0.5}});
+    const Image blurred = r->render(source, {.zoom = {1.5, 0.3, 0.5}, .zoomVelocity = 2});
     // Far from the zoom centre the picture smears; at the centre it stays put.
     EXPECT_LT(detail(blurred, 250, 0, 320, 60), detail(sharp, 250, 0, 320, 60) * 0.8);
 
-    StageMoment lit;
-    lit.cursor = StageMoment::Cursor{0.2, 0.5, 0.2, 0.5, 0, 0};
+    const StageMoment lit {.cursor = StageMoment::Cursor {0.2, 0.5, 0.2, 0.5, 0, 0}};
     const Image frame = r->render(source, lit);
-    save(frame, "spotlight");
-    StageSpec plainSpec = spec;
-    plainSpec.cursorSpotlight = false;
-    const Image plain = renderer(plainSpec, {320, 180}, {320, 180})->render(source, lit);
+    const Image plain = renderer(flat(), {320, 180}, {320, 180})->render(source, lit);
     auto mean = [](const Image& f, int x0, int x1) {
         double sum = 0;
         for (int y = 60; y < 120; ++y)
@@ -573,48 +474,33 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
 // beside it (a seam where bands of the frame meet).
 TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
 {
-    StageSpec pixels;
-    pixels.cursorSpotlight = true;
-    StageSpec card = pixels;
-    card.card = StageSpec::CardLook{0.06, 0.02, 1.0, "dawn"};
-    struct Look {
-        const char* name;
-        StageSpec spec;
-        Size canvas;
-        PlimLook::Shape shape;
-    };
+    const StageSpec pixels {.cursorSpotlight = true};
+    const StageSpec card {.cursorSpotlight = true, .card = StageSpec::CardLook {0.06, 0.02, 1.0, "dawn"}};
     const Image source = solid(320, 200, {200, 200, 200, 255});
-    for (const Look& look : {Look{"pixels", pixels, {432, 270}, PlimLook::Shape::landscape},
-             Look{"card", card, {432, 270}, PlimLook::Shape::landscape},
-             Look{"card_odd", card, {641, 359}, PlimLook::Shape::landscape},
-             Look{"vertical", card, {270, 480}, PlimLook::Shape::vertical}}) {
-        StageRenderer::Options options;
-        options.shape = look.shape;
-        auto r = renderer(look.spec, look.canvas, {320, 200}, options);
+    for (const auto& [look, stage, canvas, shape] :
+        std::vector<std::tuple<const char*, StageSpec, Size, PlimLook::Shape>> {
+            {"pixels", pixels, {432, 270}, PlimLook::Shape::landscape},
+            {"card", card, {432, 270}, PlimLook::Shape::landscape},
+            {"card_odd", card, {641, 359}, PlimLook::Shape::landscape},
+            {"vertical", card, {270, 480}, PlimLook::Shape::vertical}}) {
+        auto r = renderer(stage, canvas, {320, 200}, {.shape = shape});
         std::vector<std::pair<std::string, StageMoment>> moments{{"plain", {}}};
         // The demo's three zoom centres on their way in to 2.4, and others near the edges.
-        for (ZoomState zoom : {ZoomState{1.07, 0.221875, 0.2975}, ZoomState{1.55, 0.768359375, 0.46875},
-                 ZoomState{2.4, 0.4953125, 0.15625}, ZoomState{1.23, 0.437, 0.611}, ZoomState{1.337, 0.9, 0.07},
-                 ZoomState{2.071, 0.13, 0.88}}) {
-            StageMoment m;
-            m.zoom = zoom;
-            moments.emplace_back("zoom" + std::to_string(zoom.scale), m);
-        }
-        StageMoment lit;
-        lit.cursor = StageMoment::Cursor{0.313, 0.571, 0.313, 0.571, 0, 0};
-        moments.emplace_back("lit", lit);
-        StageMoment both = moments[1].second;
-        both.cursor = lit.cursor;
-        moments.emplace_back("both", both);
+        for (ZoomState zoom : {ZoomState {1.07, 0.221875, 0.2975}, ZoomState {1.55, 0.768359375, 0.46875},
+                 ZoomState {2.4, 0.4953125, 0.15625}, ZoomState {1.23, 0.437, 0.611}, ZoomState {1.337, 0.9, 0.07},
+                 ZoomState {2.071, 0.13, 0.88}})
+            moments.emplace_back("zoom" + std::to_string(zoom.scale), StageMoment {.zoom = zoom});
+        const StageMoment::Cursor lit {0.313, 0.571, 0.313, 0.571, 0, 0};
+        moments.emplace_back("lit", StageMoment {.cursor = lit});
+        moments.emplace_back("both", StageMoment {.zoom = moments[1].second.zoom, .cursor = lit});
         for (const auto& [name, moment] : moments) {
             for (int pass = 0; pass < 2; ++pass) { // a fresh frame, then a reused one
                 const Image frame = r->render(source, moment);
-                save(frame, std::string("opaque_") + look.name + "_" + name);
                 int translucent = 0;
                 for (int y = 0; y < frame.height; ++y)
                     for (int x = 0; x < frame.width; ++x)
                         translucent += at(frame, x, y).a != 255;
-                EXPECT_EQ(translucent, 0) << look.name << " " << name;
+                EXPECT_EQ(translucent, 0) << look << " " << name;
                 // The card on the picture, with its edge's blend: no backdrop there.
                 const StageGeometry& g = r->geometry();
                 const Rect onCanvas = g.window ? *g.window : g.zoomTransform(moment.zoom).apply(g.screenRect);
@@ -627,8 +513,7 @@ TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
                             continue;
                         const Rgba above = at(frame, x, y - 1), here = at(frame, x, y), below = at(frame, x, y + 1);
                         ASSERT_LE(std::abs(2 * here.luma() - above.luma() - below.luma()), 4)
-                            << look.name << " " << name << ": row " << y << " at x " << x
-                            << " differs from its neighbours";
+                            << look << " " << name << ": row " << y << " at x " << x << " differs from its neighbours";
                     }
             }
         }
@@ -638,28 +523,20 @@ TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
 TEST(StageRenderer, ShapesFramingAndPhoneBody)
 {
     const Image source = solid(90, 160, {30, 160, 220, 255});
-    struct Case {
-        const char* name;
-        Size canvas;
-        bool device;
-    };
-    for (const Case& c : {Case{"square", {240, 240}, false}, Case{"phone", {320, 180}, true},
-             Case{"phone_vertical", {180, 320}, true}}) {
-        StageRenderer::Options options;
-        options.deviceFramed = c.device;
-        options.shape = c.canvas.width == c.canvas.height ? PlimLook::Shape::square : PlimLook::Shape::landscape;
-        auto r = renderer(StageSpec{}, c.canvas, {90, 160}, options);
+    for (auto [name, canvas, framed] : std::vector<std::tuple<const char*, Size, bool>> {
+             {"square", {240, 240}, false}, {"phone", {320, 180}, true}, {"phone_vertical", {180, 320}, true}}) {
+        const auto shape = canvas.width == canvas.height ? PlimLook::Shape::square : PlimLook::Shape::landscape;
+        auto r = renderer({}, canvas, {90, 160}, {.shape = shape, .deviceFramed = framed});
         const Image frame = r->render(source, {});
-        save(frame, std::string("shape_") + c.name);
-        const int cx = static_cast<int>(c.canvas.width / 2), cy = static_cast<int>(c.canvas.height / 2);
-        EXPECT_LT(distance(at(frame, cx, cy), {30, 160, 220, 255}), 6) << c.name;
-        if (c.device) {
+        const int cx = static_cast<int>(canvas.width / 2), cy = static_cast<int>(canvas.height / 2);
+        EXPECT_LT(distance(at(frame, cx, cy), {30, 160, 220, 255}), 6) << name;
+        if (framed) {
             // The dark body around the screen and the island near its top.
-            const DeviceFrameGeometry device(c.canvas, {90, 160}, StageSpec{});
+            const DeviceFrameGeometry device(canvas, {90, 160}, StageSpec {});
             const int bodyX = static_cast<int>(device.screen.minX() - device.bezel / 2);
-            EXPECT_LT(at(frame, bodyX, cy).luma(), 40) << c.name;
-            const int islandY = static_cast<int>(c.canvas.height - device.island.midY());
-            EXPECT_LT(at(frame, static_cast<int>(device.island.midX()), islandY).luma(), 20) << c.name;
+            EXPECT_LT(at(frame, bodyX, cy).luma(), 40) << name;
+            const int islandY = static_cast<int>(canvas.height - device.island.midY());
+            EXPECT_LT(at(frame, static_cast<int>(device.island.midX()), islandY).luma(), 20) << name;
         }
     }
     // A stage transform moves the whole stage: shifted right by 40, the card's left edge follows.
@@ -678,20 +555,15 @@ TEST(StageRenderer, ShapesFramingAndPhoneBody)
 // pointer is, and a zoom magnifies it inside the window while the backdrop stays as it was.
 TEST(StageRenderer, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
 {
-    StageRenderer::Options options;
-    options.shape = PlimLook::Shape::vertical;
-    auto r = renderer(StageSpec{}, {180, 320}, {320, 200}, options);
+    auto r = renderer({}, {180, 320}, {320, 200}, {.shape = PlimLook::Shape::vertical});
     ASSERT_TRUE(r->geometry().window);
     constexpr Rgba blue{220, 40, 40, 255};
     const Image source = picture(320, 200, [](int x, int) { return x < 160 ? red : blue; });
-    StageMoment left, right;
-    left.cursor = StageMoment::Cursor{0.1, 0.5, 0.1, 0.5, 0, 0}; // faded out: not drawn
-    right.cursor = StageMoment::Cursor{0.9, 0.5, 0.9, 0.5, 0, 0};
-    StageMoment zoomed = right;
-    zoomed.zoom = {2, 0.75, 0.5};
-    const Image atLeft = r->render(source, left), atRight = r->render(source, right);
-    const Image magnified = r->render(source, zoomed);
-    save(magnified, "vertical_zoomed");
+    // Pointers faded out: not drawn.
+    const StageMoment::Cursor right {0.9, 0.5, 0.9, 0.5, 0, 0};
+    const Image atLeft = r->render(source, {.cursor = StageMoment::Cursor {0.1, 0.5, 0.1, 0.5, 0, 0}});
+    const Image atRight = r->render(source, {.cursor = right});
+    const Image magnified = r->render(source, {.zoom = {2, 0.75, 0.5}, .cursor = right});
     const Rect& w = *r->geometry().window;
     const int top = static_cast<int>(std::ceil(320 - w.maxY())) + 4, bottom = static_cast<int>(320 - w.minY()) - 4;
     const int x0 = static_cast<int>(std::ceil(w.minX())) + 4, x1 = static_cast<int>(w.maxX()) - 4;
@@ -724,34 +596,27 @@ TEST(StageRenderer, CameraChoicesComeFromThePlan)
         {{}, 3.0, NAN, 100, {}, {}, {}, {CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 2.5, true, true}},
     };
     for (const Case& c : cases) {
-        EditPlan plan;
-        plan.cameraCorner = c.corner;
-        plan.cameraX = c.x;
-        plan.cameraY = c.y;
-        plan.cameraScale = c.scale;
-        plan.cameraShape = c.shape;
-        plan.cameraMirror = c.mirror;
-        plan.cameraBorder = c.border;
+        const EditPlan plan {.cameraCorner = c.corner,
+            .cameraX = c.x,
+            .cameraY = c.y,
+            .cameraScale = c.scale,
+            .cameraShape = c.shape,
+            .cameraMirror = c.mirror,
+            .cameraBorder = c.border};
         EXPECT_EQ(CameraBubble::from(plan, PlimLook::BubbleCorner::tl), c.expected);
     }
 }
 
 TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSizeAndAnUnusableCanvasIsRefused)
 {
-    StageRenderer::Options options;
-    options.reframe = true;
-    StageSpec spec;
-    spec.clickStyle = ClickStyle::ring;
-    auto r = renderer(spec, {160, 90}, {160, 90}, options);
+    auto r = renderer({.clickStyle = ClickStyle::ring}, {160, 90}, {160, 90}, {.reframe = true});
     const Image source = checker(160, 90, 5);
     const Image frame = r->render(source, {});
     for (auto [x, y] : {std::pair{0, 0}, {159, 89}, {80, 45}, {3, 87}})
         EXPECT_EQ(distance(at(frame, x, y), at(source, x, y)), 0);
     // Effects still draw on it.
     const Image grey = solid(160, 90, {90, 90, 90, 255});
-    StageMoment m;
-    m.clicks = {{0.5, 0.5, 0.1}};
-    EXPECT_GT(changed(r->render(grey, m), r->render(grey, {}), 0, 0, 160, 90), 10);
+    EXPECT_GT(changed(r->render(grey, {.clicks = {{0.5, 0.5, 0.1}}}), r->render(grey, {}), 0, 0, 160, 90), 10);
 
     // A canvas that cannot be drawn is refused with a sentence.
     for (Size canvas : {Size{0, 100}, Size{100, -1}, Size{NAN, 100}, Size{100000, 100}}) {

@@ -55,10 +55,8 @@ TEST(StageSpecJson, MalformedKeysKeepTheirDefaultsWithASentenceEach)
         "cursorSize": 100000, "cursorHideWhenIdle": "yes", "cursorSpotlight": true,
         "card": [1, 2], "clickStyle": "sparkle", "clickTint": 3, "zoomStyle": "bouncy",
         "captionLook": "bold", "captionSize": null, "captionPlace": "middle", "unknownKey": 1})"));
-    StageSpec expected;
-    expected.cursorSpotlight = true;
-    expected.zoomStyle = ZoomStyle::bouncy;
-    expected.captionLook = StageSpec::CaptionLook::bold;
+    const StageSpec expected {
+        .cursorSpotlight = true, .zoomStyle = ZoomStyle::bouncy, .captionLook = StageSpec::CaptionLook::bold};
     EXPECT_EQ(decoded.spec, expected);
     const std::string look = "The stage look's ";
     EXPECT_EQ(decoded.notices,
@@ -139,12 +137,9 @@ TEST(StageSpecShadow, LayersFollowTheStrengthCappedAt1Point2)
              {0.0, {}}, {-1.0, {}}, {std::nan(""), {}}})
         EXPECT_EQ(StageSpec::CardLook::shadowLayersFor(strength), expected) << strength;
     // Without a card look the strength is shadowPercent / 100; a card look's replaces it.
-    StageSpec spec;
-    spec.shadowPercent = 80;
-    EXPECT_EQ(spec.shadowLayers(), scaled(0.8));
-    spec.card = StageSpec::CardLook{};
-    spec.card->shadow = 0.3;
-    EXPECT_EQ(spec.shadowLayers(), scaled(0.3));
+    EXPECT_EQ(StageSpec {.shadowPercent = 80}.shadowLayers(), scaled(0.8));
+    EXPECT_EQ(
+        (StageSpec {.shadowPercent = 80, .card = StageSpec::CardLook {.shadow = 0.3}}.shadowLayers()), scaled(0.3));
 }
 
 TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAreAndAFailedWriteKeepsWhatWasThere)
@@ -153,9 +148,7 @@ TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAreAndAFailedWriteKeep
     LogCapture log;
     EXPECT_EQ(StageSpecFile::read(dir / "none.stage.json").error().kind, Error::Kind::missing);
 
-    StageSpec spec;
-    spec.backdrop = Backdrop::solid("#0A0B0C");
-    spec.captionPlace = StageSpec::CaptionPlace::top;
+    const StageSpec spec {.backdrop = Backdrop::solid("#0A0B0C"), .captionPlace = StageSpec::CaptionPlace::top};
     ASSERT_TRUE(StageSpecFile::write(dir / "B.stage.json", spec).has_value());
     EXPECT_EQ(testkit::readText(dir / "B.stage.json"), encodeJson(spec.toJson()));
     auto back = StageSpecFile::read(dir / "B.stage.json");
@@ -242,9 +235,7 @@ TEST(StageSpecFileTest, ABackdropPictureComesFromThePlimsFolderOrPlimsOwnCopiesO
     EXPECT_FALSE(LookStore::keepBackdropPicture(elsewhere / "none.png"));
 
     auto read = [&](const std::string& path) {
-        StageSpec spec;
-        spec.backdrop = Backdrop::image(path, 0);
-        EXPECT_TRUE(StageSpecFile::write(dir / "B.stage.json", spec));
+        EXPECT_TRUE(StageSpecFile::write(dir / "B.stage.json", {.backdrop = Backdrop::image(path, 0)}));
         auto back = StageSpecFile::read(dir / "B.stage.json");
         EXPECT_TRUE(back);
         return back.value_or(Decoded<StageSpec>{});
@@ -265,15 +256,14 @@ TEST(StageSpecWearing, ALookReplacesOnlyWhatItChose)
 {
     using L = PlimLook;
     using S = StageSpec;
-    S base;
-    base.cursorSize = 160;
-    base.cursorHideWhenIdle = false;
-    base.clickStyle = ClickStyle::pulse;
-    base.clickTint = ClickTint::amber;
-    base.zoomStyle = ZoomStyle::glide;
-    base.captionLook = S::CaptionLook::bold;
-    base.captionSize = S::CaptionSize::small;
-    base.captionPlace = S::CaptionPlace::top;
+    const S base {.cursorSize = 160,
+        .cursorHideWhenIdle = false,
+        .clickStyle = ClickStyle::pulse,
+        .clickTint = ClickTint::amber,
+        .zoomStyle = ZoomStyle::glide,
+        .captionLook = S::CaptionLook::bold,
+        .captionSize = S::CaptionSize::small,
+        .captionPlace = S::CaptionPlace::top};
     auto choices = [](const S& s) {
         return std::tuple(s.cursorSize, s.cursorHideWhenIdle, s.clickStyle, s.clickTint, s.zoomStyle, s.captionLook,
             s.captionSize, s.captionPlace);

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <tuple>
 
 using namespace plim;
 using namespace plim::testkit;
@@ -30,12 +31,7 @@ struct StagingEngineTest : ::testing::Test {
 
     StagingJob job(EditPlan plan = {}, bool reframe = true)
     {
-        StagingJob j;
-        j.movie = movie;
-        j.cursor = testTrack(source);
-        j.plan = std::move(plan);
-        j.reframe = reframe;
-        return j;
+        return {.movie = movie, .cursor = testTrack(source), .plan = std::move(plan), .reframe = reframe};
     }
 };
 
@@ -47,21 +43,17 @@ char expectedChannel(uint32_t rgb) { return dominant(Rgba{int(rgb & 0xff), int(r
 
 TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
 {
-    struct Case {
-        const char* name;
-        EditPlan plan;
-        double outputSeconds;
-        double toneAt; // where the source's tone at 2.5 s lands
-    };
-    const Case cases[] = {
-        {"no edit", {}, 3.0, 2.5},
-        // 0.1 trimmed, 0.6 s played in 0.15, 0.5 cut and 0.2 trimmed at the end.
-        {"trims, a cut and a stretch four times as fast",
-            {.skips = {{{0.2, 0.8}, false, 4}}, .trimIn = 0.1, .trimOut = 2.8, .cuts = {{"C1", 1.2, 1.7, {}}}}, 1.75, 1.45},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto j = job(c.plan);
+    // {name, edit, output seconds, where the source's tone at 2.5 s lands}
+    for (const auto& [name, plan, outputSeconds, toneAt] :
+        std::vector<std::tuple<const char*, EditPlan, double, double>> {
+            {"no edit", {}, 3.0, 2.5},
+            // 0.1 trimmed, 0.6 s played in 0.15, 0.5 cut and 0.2 trimmed at the end.
+            {"trims, a cut and a stretch four times as fast",
+                {.skips = {{{0.2, 0.8}, false, 4}}, .trimIn = 0.1, .trimOut = 2.8, .cuts = {{"C1", 1.2, 1.7, {}}}},
+                1.75, 1.45},
+        }) {
+        SCOPED_TRACE(name);
+        auto j = job(plan);
         auto outcome = StagingEngine::stage(j, {}, {});
         ASSERT_TRUE(outcome.isFinished()) << outcome.sentence;
         const auto& result = outcome.value;
@@ -70,12 +62,12 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
         EXPECT_EQ(probe.width, 320);
         EXPECT_EQ(probe.height, 200);
         EXPECT_NEAR(probe.frameRate, 60, 0.01);
-        EXPECT_NEAR(static_cast<double>(probe.frames) / 60, c.outputSeconds, 1.0 / 60 + 1e-9);
-        EXPECT_NEAR(result.outputDuration, c.outputSeconds, 1.0 / 60 + 1e-9);
-        EXPECT_NEAR(probe.duration, c.outputSeconds, 0.05);
+        EXPECT_NEAR(static_cast<double>(probe.frames) / 60, outputSeconds, 1.0 / 60 + 1e-9);
+        EXPECT_NEAR(result.outputDuration, outputSeconds, 1.0 / 60 + 1e-9);
+        EXPECT_NEAR(probe.duration, outputSeconds, 0.05);
 
         // Each output frame shows the colour the time remap says, away from the colour changes.
-        auto timeline = c.plan.clipTimeline(3.0);
+        auto timeline = plan.clipTimeline(3.0);
         auto reader = MovieReader::create(result.stagedURL);
         ASSERT_TRUE(reader) << reader.error().sentence;
         int checked = 0;
@@ -94,7 +86,7 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
 
         auto onsets = soundOnsets(result.stagedURL);
         ASSERT_EQ(onsets.size(), 1u);
-        EXPECT_NEAR(onsets.front(), c.toneAt, 0.010);
+        EXPECT_NEAR(onsets.front(), toneAt, 0.010);
     }
 }
 
@@ -205,18 +197,13 @@ TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
     ASSERT_GT(c.left, 0);
     ASSERT_GT(c.top, 0);
     const int cy = (c.top + c.bottom) / 2;
-    auto with = [&](auto change) {
-        PlimLook look = plain;
-        change(look);
-        return staged(look);
-    };
 
     // The look reaches the frame (how each field draws is StageRenderer's and wearing()'s to
     // check): the corner takes the chosen art's colour (graphite is dark, dawn is light).
-    const Image graphite = with([](PlimLook& l) { l.backdrop = PlimLook::Backdrop::graphite; });
+    const Image graphite = staged({.backdrop = PlimLook::Backdrop::graphite});
     EXPECT_LT(luma(graphite, 4, 4) + 60, luma(base, 4, 4));
     // Glide: off, the pointer is where it was recorded; on, it trails behind on its spring.
-    const Image direct = with([](PlimLook& l) { l.cursorGlide = false; });
+    const Image direct = staged({.cursorGlide = false});
     const double recorded = c.left + (0.2 + 0.6 * t / source.duration) * (c.right - c.left + 1);
     EXPECT_NEAR(pointerX(direct, cy + 6), recorded, 5);
     EXPECT_LT(pointerX(base, cy + 6), recorded - 8);
@@ -225,10 +212,8 @@ TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
     // gradient and say so; the file stays as it was.
     const fs::path broken = dir / "broken.png";
     writeText(broken, "not a picture");
-    PlimLook pictured = plain, papered = plain;
-    pictured.backdrop = PlimLook::Backdrop::image;
-    pictured.backdropImage = broken.string();
-    papered.backdrop = PlimLook::Backdrop::wallpaper;
+    const PlimLook pictured {.backdrop = PlimLook::Backdrop::image, .backdropImage = broken.string()};
+    const PlimLook papered {.backdrop = PlimLook::Backdrop::wallpaper};
     const Image fallback = staged(pictured), noWallpaper = staged(papered);
     EXPECT_EQ(distance(at(fallback, 4, 4), at(noWallpaper, 4, 4)), 0);
     EXPECT_GT(changed(fallback, base, 0, 0, 20, 20), 300) << "the gradient, not the look's dawn";
@@ -243,9 +228,7 @@ TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
     EXPECT_EQ(StagingEngine::canvas(wide, Size{1920, 1080}), (RenderRules::PixelSize{1728, 1080}));
     wide.look.shape = PlimLook::Shape::landscape;
     EXPECT_EQ(StagingEngine::canvas(wide, Size{1920, 1080}), (RenderRules::PixelSize{1920, 1080}));
-    PlimLook wideLook = plain;
-    wideLook.shape = PlimLook::Shape::wide;
-    const Image wideFrame = stagedAt(wideLook, t, nullptr, std::nullopt);
+    const Image wideFrame = stagedAt({.shape = PlimLook::Shape::wide}, t, nullptr, std::nullopt);
     EXPECT_EQ(std::pair(wideFrame.width, wideFrame.height), std::pair(1152, 720));
 
     // Pointer size: twice the size covers about four times the dark pixels.
@@ -258,17 +241,15 @@ TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
     };
     const int usual = darkPixels(base);
     EXPECT_GT(usual, 10);
-    EXPECT_GT(darkPixels(with([](PlimLook& l) { l.pointerSize = 200; })), 3 * usual);
+    EXPECT_GT(darkPixels(staged({.pointerSize = 200})), 3 * usual);
     // A resting pointer fades once it has rested a while, unless the look keeps it.
     CursorTrack resting = testTrack(source);
     for (auto& sample : resting.samples)
         sample.x = source.width * 0.3;
     resting.clicks.clear();
-    PlimLook kept = plain;
-    kept.pointerHidesIdle = false;
     EXPECT_GT(darkPixels(staged(plain, 0.6, &resting)), usual / 2) << "shown while it has rested briefly";
     EXPECT_EQ(darkPixels(staged(plain, 2.9, &resting)), 0) << "gone after resting";
-    EXPECT_GT(darkPixels(staged(kept, 2.9, &resting)), usual / 2);
+    EXPECT_GT(darkPixels(staged({.pointerHidesIdle = false}, 2.9, &resting)), usual / 2);
 }
 
 // Pixels of the picture's bottom-right quarter within 40 of a colour (0xRRGGBB) in every channel.
@@ -286,31 +267,20 @@ int countNear(const Image& image, uint32_t rgb)
 
 TEST_F(StagingEngineTest, TheCameraBubbleShowsTheCameraMovieAtItsOffset)
 {
-    TestMovie camera;
-    camera.width = 160;
-    camera.height = 120;
-    camera.sound = false;
-    camera.colors = {{0, 0xff00ff}, {1, 0x00ffff}, {2, 0xffff00}};
-    ASSERT_TRUE(writeTestMovie(dir / "B.camera.mov", camera));
+    ASSERT_TRUE(writeTestMovie(dir / "B.camera.mov",
+        {.width = 160, .height = 120, .colors = {{0, 0xff00ff}, {1, 0x00ffff}, {2, 0xffff00}}, .sound = false}));
     auto j = job({}, false);
     j.quality = RenderRules::Quality::p720;
-    struct Case {
-        int64_t offsetMS;
-        double at;        // output seconds
-        uint32_t shown;   // the camera's colour then
-        uint32_t notShown;
-    };
-    const Case cases[] = {
-        {0, 0.25, 0xff00ff, 0x00ffff},
-        {1000, 0.25, 0x00ffff, 0xff00ff}, // the camera started a second before the screen
-        {1000, 1.5, 0xffff00, 0x00ffff},
-    };
-    for (const auto& c : cases) {
-        j.cursor.cameraOffsetMS = c.offsetMS;
-        auto frame = StagingEngine::frame(j, c.at);
+    // {the camera's offset, output seconds, the camera's colour then, one it does not show}
+    for (auto [offsetMS, when, shown, notShown] :
+        std::vector<std::tuple<int64_t, double, uint32_t, uint32_t>> {{0, 0.25, 0xff00ff, 0x00ffff},
+            {1000, 0.25, 0x00ffff, 0xff00ff}, // the camera started a second before the screen
+            {1000, 1.5, 0xffff00, 0x00ffff}}) {
+        j.cursor.cameraOffsetMS = offsetMS;
+        auto frame = StagingEngine::frame(j, when);
         ASSERT_TRUE(frame) << frame.error().sentence;
-        EXPECT_GT(countNear(*frame, c.shown), 2000) << c.offsetMS << " at " << c.at;
-        EXPECT_EQ(countNear(*frame, c.notShown), 0) << c.offsetMS << " at " << c.at;
+        EXPECT_GT(countNear(*frame, shown), 2000) << offsetMS << " at " << when;
+        EXPECT_EQ(countNear(*frame, notShown), 0) << offsetMS << " at " << when;
     }
     // Without an offset in the track there is no camera to place.
     j.cursor.cameraOffsetMS.reset();
