@@ -7,10 +7,13 @@
 // desktop portal, PipeWire) through the portal while a full-screen terminal scrolls, and
 // prints the pictures the stream delivered a second, the copies made of them before the
 // encoder, the movie's frames and the CPU seconds. Before the portal, Plim records a headless sway at
-// 1920 x 1080 through wlr-screencopy while a full-screen terminal prints without pause, and
-// prints the movie's frames, the drops, its CPU per frame beside the X11 figure and sway's CPU.
+// 1920 x 1080 through wlr-screencopy while a full-screen window (wayland_bars, beside this
+// program) shows the X11 part's moving bars, and prints the movie's frames, the drops, its
+// CPU per frame beside the X11 figure and sway's CPU.
 //
 //   capture_bench [seconds]
+//
+// With CAPTURE_BENCH_KEEP set, the movies stay in the folder it prints at the end.
 
 #include "base/clock.h"
 #include "processes.h"
@@ -37,6 +40,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -177,16 +181,23 @@ long repeatedPictures(const fs::path& movie)
     return repeated;
 }
 
-// Plim through wlr-screencopy of a headless sway; `x11CpuPerFrame` is the X11 recording's.
-void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, double x11CpuPerFrame)
+// Plim through wlr-screencopy of a headless sway showing `bars` (the wayland_bars window);
+// `x11CpuPerFrame` is the X11 recording's.
+void benchWlr(const fs::path& plimctl, const fs::path& bars, const fs::path& dir, double seconds,
+    double x11CpuPerFrame)
 {
-    plim::testkit::SwayServer sway("1920x1080",
-        "foot --fullscreen sh -c 'while :; do base64 -w 230 /dev/urandom; done'");
+    if (!fs::exists(bars)) {
+        std::printf("wlr     : not measured, %s is missing (built with capture_bench where Wayland is)\n",
+            bars.c_str());
+        return;
+    }
+    // The window counts its pictures into sway's home, the runtime folder.
+    plim::testkit::SwayServer sway("1920x1080", bars.string() + " \"$HOME/bars.count\"");
     if (!sway.isUp()) {
         std::printf("wlr     : not measured, sway did not start (%s)\n", sway.trouble().c_str());
         return;
     }
-    std::this_thread::sleep_for(1s); // the terminal fills the screen
+    std::this_thread::sleep_for(1s); // the window fills the screen
     char duration[32];
     std::snprintf(duration, sizeof duration, "%g", seconds);
     std::vector<std::string> argv{"env", "XDG_SESSION_TYPE=wayland"};
@@ -196,10 +207,17 @@ void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, doub
     argv.insert(argv.end(), {plimctl.string(), "record", "--backend", "wlr", "--duration", duration, "--no-keys",
                                 "--library", library.string()});
     const double swayBefore = processCpu(sway.pid());
+    auto barsCount = [&] {
+        std::pair<double, double> count{-1, 0};
+        std::istringstream(slurp(sway.runtimeDir() / "bars.count")) >> count.first >> count.second;
+        return count;
+    };
+    const auto barsBefore = barsCount();
     int status = 0;
     pid_t plim = spawn(argv, (dir / "wlr.out").string(), (dir / "wlr.err").string());
     const double cpu = waitCpu(plim, &status);
     const double swayCpu = processCpu(sway.pid()) - swayBefore;
+    const auto barsAfter = barsCount();
     std::string movie = slurp(dir / "wlr.out");
     movie = movie.substr(0, movie.find('\n'));
     const long frames = countFrames(movie);
@@ -217,6 +235,11 @@ void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, doub
                 "core)\n",
         1000 * perFrame, 1000 * x11CpuPerFrame, x11CpuPerFrame > 0 ? perFrame / x11CpuPerFrame : 0.0, swayCpu,
         100 * swayCpu / seconds);
+    if (barsBefore.first >= 0 && barsAfter.second > barsBefore.second)
+        std::printf("          sway called for %.1f pictures a second from the bars window while Plim recorded\n",
+            (barsAfter.first - barsBefore.first) / (barsAfter.second - barsBefore.second));
+    if (const long copied = numberAfter(err, "wlr-screencopy: "); copied >= 0)
+        std::printf("          %ld pictures copied from sway (%.1f a second)\n", copied, copied / seconds);
     if (auto at = err.find(" dropped: "); at != std::string::npos) {
         size_t from = err.rfind('\n', at);
         from = from == std::string::npos ? 0 : from + 1;
@@ -326,8 +349,12 @@ int main(int argc, char** argv)
     animator.join();
     kill(xvfb, SIGTERM);
     waitpid(xvfb, &status, 0);
-    benchWlr(plimctl, dir, seconds, nativeFrames > 0 ? plimCpu / double(nativeFrames) : 0.0);
+    benchWlr(plimctl, self.parent_path() / "wayland_bars", dir, seconds,
+        nativeFrames > 0 ? plimCpu / double(nativeFrames) : 0.0);
     benchPortal(plimctl, dir, seconds);
-    fs::remove_all(dir);
+    if (std::getenv("CAPTURE_BENCH_KEEP"))
+        std::printf("movies kept in %s\n", dir.c_str());
+    else
+        fs::remove_all(dir);
     return 0;
 }
