@@ -3,10 +3,10 @@
 // (copy_with_damage: a still screen costs no copies). Each copy is turned into a picture
 // (the output's transform undone) the moment it is ready, which frees the shared-memory
 // buffer for the next. Ticks hand the pictures on in the order they were shown, one a tick,
-// stamped with the instant the compositor showed them; a tick that finds none hands on the
-// last picture again, after waiting part of a period for a copy that was asked for only
-// lately (the compositor may be about to show it). The compositor draws the pointer into
-// the pictures unless the desktop tracks it for the cursor track (desktop_wlr.cpp).
+// stamped with the instant the compositor showed them (shown_pictures.h); a tick that finds
+// none hands on the last picture again, after waiting part of a period for a copy that was
+// asked for only lately (the compositor may be about to show it). The compositor draws the
+// pointer into the pictures unless the desktop tracks it for the cursor track (desktop_wlr.cpp).
 
 #include "capture/wayland/desktop_wlr.h"
 #include "capture/wayland/shown_pictures.h"
@@ -16,6 +16,7 @@
 #include "base/log.h"
 #include "capture/ticking_screen_source.h"
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -36,6 +37,8 @@ class WlrScreenSource final : public TickingScreenSource {
     // Pictures shown but not yet handed on: enough to ride out a compositor whose pictures
     // come unevenly against the ticks; one that shows more than ticks come loses its oldest.
     static constexpr size_t waitingLimit = 3;
+    // How many of the last copies' delays (from shown to ready here) bound the next one's.
+    static constexpr size_t delaysKept = 32;
 
 public:
     WlrScreenSource(std::unique_ptr<WaylandConnection> wayland, const WaylandConnection::Output& output,
@@ -92,6 +95,7 @@ private:
         case ScreenCopy::State::ready: {
             const bool yInverted = m_copy->yInverted();
             const double shownAt = m_copy->shownAt();
+            m_delays[size_t(m_copied) % delaysKept] = std::max(0.0, systemUptime() - shownAt);
             // The next copy is asked for before this one is read out: the compositor names
             // its layout meanwhile, and the buffer is free again by the time it is handed over.
             PLIM_TRY(askForCopy());
@@ -160,8 +164,19 @@ private:
                 if (auto asked = askForCopy(); !asked)
                     return end(asked.error());
             }
-            deliver(m_shown.take(next), next);
+            deliver(m_shown.take(next, settled()), next);
         }
+    }
+
+    // The uptime before which every picture the compositor showed has reached us: the copy in
+    // flight can only bring a later one, and none took longer than the recent copies.
+    double settled() const
+    {
+        double slowest = 0;
+        for (double delay : m_delays)
+            slowest = std::max(slowest, delay);
+        const double now = systemUptime() - slowest;
+        return m_copy ? std::max(now, m_copyAskedAt) : now;
     }
 
     // A picture no one else holds any more, or a new one.
@@ -189,6 +204,7 @@ private:
     ShownPictures m_shown{waitingLimit};
     double m_copyAskedAt = 0;
     int64_t m_copied = 0;
+    std::array<double, delaysKept> m_delays{}; // seconds from shown to ready, by copy
     int m_failures = 0;
 };
 

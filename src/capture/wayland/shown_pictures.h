@@ -1,9 +1,11 @@
 #pragma once
 // The pictures a compositor has shown and the ticks that hand them on (wlr screen source):
-// one a tick, in the order they were shown, each stamped with the instant it was shown; a
-// tick that finds none hands on the last picture again, stamped with the tick's instant.
-// A compositor that shows more pictures than ticks come fills the wait; past `limit` the
-// oldest waiting picture is passed over (and counted), so no picture waits long.
+// one a tick, in the order they were shown, each stamped with the instant it was shown. A
+// tick that finds none hands on the last picture again, stamped with the tick's instant or,
+// when a picture shown before the tick may still be on its way, with the instant before
+// which all have come: so a late picture keeps its own instant, after the repeat, rather
+// than being pushed past it. A compositor that shows more pictures than ticks come fills
+// the wait; past `limit` the oldest waiting picture is passed over (and counted).
 // Private to capture/wayland/.
 
 #include "capture/screen_source.h"
@@ -36,10 +38,11 @@ public:
     bool empty() const { return m_waiting.empty(); }
     size_t waiting() const { return m_waiting.size(); }
 
-    // The frame for the tick due at uptime `tick`.
-    CapturedFrame take(double tick)
+    // The frame for the tick due at uptime `tick`; every picture shown before `settled` has
+    // been added.
+    CapturedFrame take(double tick, double settled)
     {
-        double at = tick;
+        double at = std::min(tick, settled);
         if (!m_waiting.empty()) {
             m_last = std::move(m_waiting.front().image);
             at = m_waiting.front().at;
@@ -48,7 +51,7 @@ public:
         } else {
             ++m_repeated;
         }
-        // A picture shown before a repeat that was already handed on comes just after it.
+        // Stamps never go back, and a picture shown before a repeat comes just after it.
         m_lastAt = std::max(at, m_lastAt + minimumGap);
         return {m_last, m_lastAt};
     }
