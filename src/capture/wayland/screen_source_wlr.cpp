@@ -1,8 +1,9 @@
 // Frames from a wlroots compositor through wlr-screencopy. A copy is always asked for: the
-// next one as soon as the last is ready, so every picture the compositor shows is copied
-// (copy_with_damage: a still screen costs no copies). Each copy is turned into a picture
-// (the output's transform undone) the moment it is ready, which frees the shared-memory
-// buffer for the next. Ticks hand the pictures on in the order they were shown, one a tick,
+// next one as soon as the last is ready, into another shared-memory buffer, so every picture
+// the compositor shows is copied (copy_with_damage: a still screen costs no copies). A
+// filled buffer waits for its tick, which turns it into the recording's picture (the one
+// copy, the output's transform undone) just before handing it on, as the X11 source copies
+// at its tick. Ticks hand the pictures on in the order they were shown, one a tick,
 // stamped with the instant the compositor showed them (shown_pictures.h); a tick that finds
 // none hands on the last picture again, after waiting part of a period for a copy that was
 // asked for only lately (the compositor may be about to show it). The compositor draws the
@@ -63,10 +64,8 @@ public:
     Status prepare()
     {
         Image first = PLIM_TRY(takePicture(*m_wayland, m_output, m_region, true));
-        m_width = first.width;
-        m_height = first.height;
         m_scale = double(first.width) / m_frame.width;
-        m_shown.setLast(std::move(first));
+        m_last = std::move(first);
         return {};
     }
 
@@ -91,15 +90,18 @@ private:
     {
         switch (m_copy->state()) {
         case ScreenCopy::State::waiting:
+            if (!m_buffer && !m_spare.empty()) {
+                m_buffer = std::move(m_spare.back());
+                m_spare.pop_back();
+            }
             return m_copy->copyWhenKnown(m_buffer, true);
         case ScreenCopy::State::ready: {
-            const bool yInverted = m_copy->yInverted();
+            Copied copied{std::move(m_buffer), m_copy->yInverted()};
             const double shownAt = m_copy->shownAt();
             m_delays[size_t(m_copied) % delaysKept] = std::max(0.0, systemUptime() - shownAt);
-            // The next copy is asked for before this one is read out: the compositor names
-            // its layout meanwhile, and the buffer is free again by the time it is handed over.
             PLIM_TRY(askForCopy());
-            m_shown.add(pictureFromBuffer(*m_buffer, yInverted, m_output.transform, recycledImage()), shownAt);
+            if (auto passed = m_shown.add(std::move(copied), shownAt))
+                m_spare.push_back(std::move(passed->buffer));
             ++m_copied;
             m_failures = 0;
             return {};
@@ -138,7 +140,7 @@ private:
             auto bare = takePicture(*m_wayland, m_output, m_region, false);
             if (!bare)
                 return end(bare.error());
-            m_shown.setLast(std::move(*bare));
+            m_last = std::move(*bare);
         }
         if (auto asked = askForCopy(); !asked)
             return end(asked.error());
@@ -164,7 +166,13 @@ private:
                 if (auto asked = askForCopy(); !asked)
                     return end(asked.error());
             }
-            deliver(m_shown.take(next, settled()), next);
+            auto taken = m_shown.take(next, settled());
+            if (taken.picture) {
+                m_last = pictureFromBuffer(*taken.picture->buffer, taken.picture->yInverted, m_output.transform,
+                    recycledImage());
+                m_spare.push_back(std::move(taken.picture->buffer));
+            }
+            deliver(CapturedFrame{m_last, taken.at}, next);
         }
     }
 
@@ -185,7 +193,7 @@ private:
         for (Image& image : m_pool)
             if (image.pixels.use_count() == 1)
                 return image;
-        Image image = Image::uninitialized(m_width, m_height);
+        Image image = Image::uninitialized(m_last.width, m_last.height);
         if (m_pool.size() < poolLimit)
             m_pool.push_back(image);
         return image;
@@ -200,8 +208,14 @@ private:
     std::unique_ptr<ShmBuffer> m_buffer;
     std::unique_ptr<ScreenCopy> m_copy;
     std::vector<Image> m_pool;
-    int m_width = 0, m_height = 0; // of the pictures
-    ShownPictures m_shown{waitingLimit};
+    Image m_last;
+    // A filled buffer waiting for its tick.
+    struct Copied {
+        std::unique_ptr<ShmBuffer> buffer;
+        bool yInverted = false;
+    };
+    ShownPictures<Copied> m_shown{waitingLimit};
+    std::vector<std::unique_ptr<ShmBuffer>> m_spare; // buffers free for the next copies
     double m_copyAskedAt = 0;
     int64_t m_copied = 0;
     std::array<double, delaysKept> m_delays{}; // seconds from shown to ready, by copy

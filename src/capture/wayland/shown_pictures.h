@@ -8,43 +8,55 @@
 // the wait; past `limit` the oldest waiting picture is passed over (and counted).
 // Private to capture/wayland/.
 
-#include "capture/screen_source.h"
-
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <limits>
+#include <optional>
 
 namespace plim {
 
+// `Picture` is what waits: for the source, a filled shared-memory buffer, read out into the
+// recording's picture only at its tick (so it is fresh in memory for the writer) and never
+// when passed over.
+template <typename Picture>
 class ShownPictures {
 public:
     // Stamps stay this far apart, so that each lands on a tick of its own in the movie (1/600 s).
     static constexpr double minimumGap = 2e-3;
 
+    struct Taken {
+        std::optional<Picture> picture; // none: the last one again
+        double at = 0;
+    };
+
     explicit ShownPictures(size_t limit) : m_limit(std::max<size_t>(1, limit)) {}
 
-    // The picture handed on by ticks until the compositor shows another.
-    void setLast(Image image) { m_last = std::move(image); }
-    // A picture the compositor showed at uptime `shownAt`.
-    void add(Image image, double shownAt)
+    // A picture the compositor showed at uptime `shownAt`; gives back the one passed over to
+    // make room, if any.
+    std::optional<Picture> add(Picture picture, double shownAt)
     {
+        std::optional<Picture> passed;
         if (m_waiting.size() >= m_limit) {
+            passed = std::move(m_waiting.front().picture);
             m_waiting.pop_front();
             ++m_passedOver;
         }
-        m_waiting.push_back({std::move(image), shownAt});
+        m_waiting.push_back({std::move(picture), shownAt});
+        return passed;
     }
     bool empty() const { return m_waiting.empty(); }
     size_t waiting() const { return m_waiting.size(); }
 
-    // The frame for the tick due at uptime `tick`; every picture shown before `settled` has
+    // What the tick due at uptime `tick` hands on; every picture shown before `settled` has
     // been added.
-    CapturedFrame take(double tick, double settled)
+    Taken take(double tick, double settled)
     {
+        Taken taken;
         double at = std::min(tick, settled);
         if (!m_waiting.empty()) {
-            m_last = std::move(m_waiting.front().image);
+            taken.picture = std::move(m_waiting.front().picture);
             at = m_waiting.front().at;
             m_waiting.pop_front();
             ++m_fresh;
@@ -53,7 +65,8 @@ public:
         }
         // Stamps never go back, and a picture shown before a repeat comes just after it.
         m_lastAt = std::max(at, m_lastAt + minimumGap);
-        return {m_last, m_lastAt};
+        taken.at = m_lastAt;
+        return taken;
     }
 
     int64_t fresh() const { return m_fresh; }         // pictures handed on as shown
@@ -62,12 +75,11 @@ public:
 
 private:
     struct Shown {
-        Image image;
+        Picture picture;
         double at = 0;
     };
     size_t m_limit;
     std::deque<Shown> m_waiting;
-    Image m_last;
     double m_lastAt = -std::numeric_limits<double>::infinity();
     int64_t m_fresh = 0;
     int64_t m_repeated = 0;
