@@ -53,11 +53,11 @@ public:
         stop();
         m_copy.reset();
         m_buffer.reset();
-        logLine(LogArea::main, "wlr-screencopy: " + std::to_string(m_copied) + " pictures copied (one copy each) for "
+        logLine(LogArea::main, "wlr-screencopy: " + std::to_string(m_copied) + " pictures from the compositor for "
                 + std::to_string(deliveredFrames()) + " frames delivered: " + std::to_string(m_shown.fresh())
-                + " as shown, " + std::to_string(m_shown.repeated()) + " the picture before again, "
-                + std::to_string(m_shown.passedOver()) + " passed over (shown between ticks, more than the frame "
-                  "rate takes)");
+                + " as shown (one copy each), " + std::to_string(m_shown.repeated()) + " the picture before again, "
+                + std::to_string(m_shown.passedOver()) + " passed over unread (shown between ticks, more than the "
+                  "frame rate takes)");
     }
 
     // The first picture, taken now, so the size is known and a broken compositor shows at once.
