@@ -7,10 +7,14 @@
 // desktop portal, PipeWire) through the portal while a full-screen terminal scrolls, and
 // prints the pictures the stream delivered a second, the copies made of them before the
 // encoder, the movie's frames and the CPU seconds. Before the portal, Plim records a headless sway at
-// 1920 x 1080 through wlr-screencopy while a full-screen terminal prints without pause, and
-// prints the movie's frames, the drops, its CPU per frame beside the X11 figure and sway's CPU.
+// 1920 x 1080 through wlr-screencopy while a full-screen window (wayland_bars, beside this
+// program) shows the X11 part's moving bars, and prints the movie's frames, the drops, its
+// CPU per frame beside the X11 figure (and its screen source's thread's, the part that
+// differs between the backends, beside X11's) and sway's CPU.
 //
 //   capture_bench [seconds]
+//
+// With CAPTURE_BENCH_KEEP set, the movies stay in the folder it prints at the end.
 
 #include "base/clock.h"
 #include "processes.h"
@@ -34,9 +38,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -144,13 +150,15 @@ void benchPortal(const fs::path& plimctl, const fs::path& dir, double seconds)
         std::printf("          %s\n", err.substr(err.size() > 600 ? err.size() - 600 : 0).c_str());
 }
 
-// CPU seconds (user + system) a running process has used so far; -1 when it is gone.
-double processCpu(int pid)
+// CPU seconds (user + system) in a /proc stat file so far, and the name there; -1 when it is gone.
+double statCpu(const fs::path& path, std::string* name = nullptr)
 {
-    std::string stat = slurp("/proc/" + std::to_string(pid) + "/stat");
-    auto close = stat.rfind(')');
-    if (close == std::string::npos)
+    std::string stat = slurp(path);
+    auto open = stat.find('('), close = stat.rfind(')');
+    if (open == std::string::npos || close == std::string::npos)
         return -1;
+    if (name)
+        *name = stat.substr(open + 1, close - open - 1);
     std::istringstream fields(stat.substr(close + 2));
     std::string field;
     unsigned long long utime = 0, stime = 0;
@@ -162,6 +170,46 @@ double processCpu(int pid)
     }
     return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
 }
+
+// CPU seconds (user + system) a running process has used so far; -1 when it is gone.
+double processCpu(int pid) { return statCpu("/proc/" + std::to_string(pid) + "/stat"); }
+
+// The CPU seconds of a recorder's screen-source thread ("plim.capture.vi", the part that
+// differs between backends), sampled every 50 ms while it runs: the last sample, so up to
+// 50 ms of its end go uncounted.
+class CaptureThreadCpu {
+public:
+    explicit CaptureThreadCpu(pid_t pid)
+        : m_sampler([this, pid](std::stop_token stop) {
+              const fs::path tasks = "/proc/" + std::to_string(pid) + "/task";
+              while (!stop.stop_requested()) {
+                  std::error_code ec;
+                  for (const auto& task : fs::directory_iterator(tasks, ec)) {
+                      std::string name;
+                      const double cpu = statCpu(task.path() / "stat", &name);
+                      if (name == "plim.capture.vi" && cpu >= 0)
+                          m_byThread[task.path().filename().string()] = cpu;
+                  }
+                  std::this_thread::sleep_for(50ms);
+              }
+          })
+    {
+    }
+    // Once the recorder has ended.
+    double seconds()
+    {
+        m_sampler.request_stop();
+        m_sampler.join();
+        double sum = 0;
+        for (const auto& [thread, cpu] : m_byThread)
+            sum += cpu;
+        return sum;
+    }
+
+private:
+    std::map<std::string, double> m_byThread;
+    std::jthread m_sampler;
+};
 
 // Packets of the movie's video small enough to be a picture repeated unchanged.
 long repeatedPictures(const fs::path& movie)
@@ -177,16 +225,23 @@ long repeatedPictures(const fs::path& movie)
     return repeated;
 }
 
-// Plim through wlr-screencopy of a headless sway; `x11CpuPerFrame` is the X11 recording's.
-void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, double x11CpuPerFrame)
+// Plim through wlr-screencopy of a headless sway showing `bars` (the wayland_bars window);
+// `x11CpuPerFrame` and `x11CaptureThreadPerFrame` are the X11 recording's.
+void benchWlr(const fs::path& plimctl, const fs::path& bars, const fs::path& dir, double seconds,
+    double x11CpuPerFrame, double x11CaptureThreadPerFrame)
 {
-    plim::testkit::SwayServer sway("1920x1080",
-        "foot --fullscreen sh -c 'while :; do base64 -w 230 /dev/urandom; done'");
+    if (!fs::exists(bars)) {
+        std::printf("wlr     : not measured, %s is missing (built with capture_bench where Wayland is)\n",
+            bars.c_str());
+        return;
+    }
+    // The window counts its pictures into sway's home, the runtime folder.
+    plim::testkit::SwayServer sway("1920x1080", bars.string() + " \"$HOME/bars.count\"");
     if (!sway.isUp()) {
         std::printf("wlr     : not measured, sway did not start (%s)\n", sway.trouble().c_str());
         return;
     }
-    std::this_thread::sleep_for(1s); // the terminal fills the screen
+    std::this_thread::sleep_for(1s); // the window fills the screen
     char duration[32];
     std::snprintf(duration, sizeof duration, "%g", seconds);
     std::vector<std::string> argv{"env", "XDG_SESSION_TYPE=wayland"};
@@ -196,10 +251,19 @@ void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, doub
     argv.insert(argv.end(), {plimctl.string(), "record", "--backend", "wlr", "--duration", duration, "--no-keys",
                                 "--library", library.string()});
     const double swayBefore = processCpu(sway.pid());
+    auto barsCount = [&] {
+        std::pair<double, double> count{-1, 0};
+        std::istringstream(slurp(sway.runtimeDir() / "bars.count")) >> count.first >> count.second;
+        return count;
+    };
+    const auto barsBefore = barsCount();
     int status = 0;
     pid_t plim = spawn(argv, (dir / "wlr.out").string(), (dir / "wlr.err").string());
+    CaptureThreadCpu captureThread(plim);
     const double cpu = waitCpu(plim, &status);
+    const double captureCpu = captureThread.seconds();
     const double swayCpu = processCpu(sway.pid()) - swayBefore;
+    const auto barsAfter = barsCount();
     std::string movie = slurp(dir / "wlr.out");
     movie = movie.substr(0, movie.find('\n'));
     const long frames = countFrames(movie);
@@ -217,6 +281,18 @@ void benchWlr(const fs::path& plimctl, const fs::path& dir, double seconds, doub
                 "core)\n",
         1000 * perFrame, 1000 * x11CpuPerFrame, x11CpuPerFrame > 0 ? perFrame / x11CpuPerFrame : 0.0, swayCpu,
         100 * swayCpu / seconds);
+    if (frames > 0 && x11CaptureThreadPerFrame > 0)
+        std::printf("          the screen source's thread %.2f ms a frame against X11's %.2f ms (%.2f times)\n",
+            1000 * captureCpu / double(frames), 1000 * x11CaptureThreadPerFrame,
+            captureCpu / double(frames) / x11CaptureThreadPerFrame);
+    if (barsBefore.first >= 0 && barsAfter.second > barsBefore.second)
+        std::printf("          sway called for %.1f pictures a second from the bars window while Plim recorded\n",
+            (barsAfter.first - barsBefore.first) / (barsAfter.second - barsBefore.second));
+    // X11 copies one picture a frame; here a tick with nothing new copies none.
+    if (const long copied = numberAfter(err, "wlr-screencopy: "); copied > 0)
+        std::printf("          %ld pictures copied from sway (%.1f a second), the screen source's thread %.2f ms a "
+                    "picture copied\n",
+            copied, copied / seconds, 1000 * captureCpu / double(copied));
     if (auto at = err.find(" dropped: "); at != std::string::npos) {
         size_t from = err.rfind('\n', at);
         from = from == std::string::npos ? 0 : from + 1;
@@ -268,7 +344,7 @@ int main(int argc, char** argv)
     char duration[32];
     std::snprintf(duration, sizeof duration, "%g", seconds);
     ::setenv("PLIM_LOG", "stderr", 1); // the recorder's log says why frames were dropped
-    double plimCpu = 0;
+    double plimCpu = 0, plimCaptureCpu = 0;
     long nativeFrames = 0;
     for (const char* quality : {"native", "720p"}) {
         int status = 0;
@@ -276,9 +352,13 @@ int main(int argc, char** argv)
         pid_t plim = spawn({plimctl.string(), "record", "--x-display", display, "--duration", duration, "--no-keys",
                                "--quality", quality, "--library", library.string()},
             (dir / "plim.out").string(), (dir / "plim.err").string());
+        CaptureThreadCpu captureThread(plim);
         double cpu = waitCpu(plim, &status);
-        if (plimCpu == 0)
+        const double captureCpu = captureThread.seconds();
+        if (plimCpu == 0) {
             plimCpu = cpu;
+            plimCaptureCpu = captureCpu;
+        }
         std::string movie = slurp(dir / "plim.out");
         movie = movie.substr(0, movie.find('\n'));
         long plimFrames = countFrames(movie);
@@ -291,6 +371,9 @@ int main(int argc, char** argv)
         std::printf("plim %-6s: %ld of %ld frames delivered, %ld dropped (the recorder counted %ld), %.2f CPU s (%.0f%% of one core), exit %d\n",
             quality, plimFrames, expected, std::max(0L, expected - plimFrames), reportedDropped, cpu, 100 * cpu / seconds,
             WEXITSTATUS(status));
+        if (plimFrames > 0)
+            std::printf("          the screen source's thread %.2f CPU s, %.2f ms a frame\n", captureCpu,
+                1000 * captureCpu / double(plimFrames));
         if (auto at = err.find(" dropped: "); at != std::string::npos) {
             size_t from = err.rfind('\n', at);
             from = from == std::string::npos ? 0 : from + 1;
@@ -326,8 +409,13 @@ int main(int argc, char** argv)
     animator.join();
     kill(xvfb, SIGTERM);
     waitpid(xvfb, &status, 0);
-    benchWlr(plimctl, dir, seconds, nativeFrames > 0 ? plimCpu / double(nativeFrames) : 0.0);
+    benchWlr(plimctl, self.parent_path() / "wayland_bars", dir, seconds,
+        nativeFrames > 0 ? plimCpu / double(nativeFrames) : 0.0,
+        nativeFrames > 0 ? plimCaptureCpu / double(nativeFrames) : 0.0);
     benchPortal(plimctl, dir, seconds);
-    fs::remove_all(dir);
+    if (std::getenv("CAPTURE_BENCH_KEEP"))
+        std::printf("movies kept in %s\n", dir.c_str());
+    else
+        fs::remove_all(dir);
     return 0;
 }

@@ -1,17 +1,23 @@
-// Frames from a wlroots compositor through wlr-screencopy. Each tick delivers the newest
-// picture: a frame asked for at the previous tick is copied by the compositor only once
-// the output changes (copy_with_damage), so a still screen costs no copies and its tick
-// hands on the last picture again. Copies land in a shared-memory buffer made for the
-// layout the compositor asks for and are turned into pictures (the output's transform
-// undone) as soon as they are ready. The compositor draws the pointer into the pictures
-// unless the desktop tracks it for the cursor track (desktop_wlr.cpp).
+// Frames from a wlroots compositor through wlr-screencopy. A copy is always asked for: the
+// next one as soon as the last is ready, into another shared-memory buffer, so every picture
+// the compositor shows is copied (copy_with_damage: a still screen costs no copies). A
+// filled buffer waits for its tick, which turns it into the recording's picture (the one
+// copy, the output's transform undone) just before handing it on, as the X11 source copies
+// at its tick. Ticks hand the pictures on in the order they were shown, one a tick,
+// stamped with the instant the compositor showed them (shown_pictures.h); a tick that finds
+// none hands on the last picture again, after waiting part of a period for a copy that was
+// asked for only lately (the compositor may be about to show it). The compositor draws the
+// pointer into the pictures unless the desktop tracks it for the cursor track (desktop_wlr.cpp).
 
 #include "capture/wayland/desktop_wlr.h"
+#include "capture/wayland/shown_pictures.h"
 #include "capture/wayland/wayland_connection.h"
 
 #include "base/clock.h"
+#include "base/log.h"
 #include "capture/ticking_screen_source.h"
 
+#include <array>
 #include <atomic>
 #include <cmath>
 #include <cstdio>
@@ -29,6 +35,11 @@ constexpr const char* displayGone = "The recorded display was unplugged or switc
 class WlrScreenSource final : public TickingScreenSource {
     // Pictures the session may still hold; a backlog past the limit gets pictures of its own.
     static constexpr size_t poolLimit = 16;
+    // Pictures shown but not yet handed on: enough to ride out a compositor whose pictures
+    // come unevenly against the ticks; one that shows more than ticks come loses its oldest.
+    static constexpr size_t waitingLimit = 3;
+    // How many of the last copies' delays (from shown to ready here) bound the next one's.
+    static constexpr size_t delaysKept = 32;
 
 public:
     WlrScreenSource(std::unique_ptr<WaylandConnection> wayland, const WaylandConnection::Output& output,
@@ -42,13 +53,19 @@ public:
         stop();
         m_copy.reset();
         m_buffer.reset();
+        logLine(LogArea::main, "wlr-screencopy: " + std::to_string(m_copied) + " pictures from the compositor for "
+                + std::to_string(deliveredFrames()) + " frames delivered: " + std::to_string(m_shown.fresh())
+                + " as shown (one copy each), " + std::to_string(m_shown.repeated()) + " the picture before again, "
+                + std::to_string(m_shown.passedOver()) + " passed over unread (shown between ticks, more than the "
+                  "frame rate takes)");
     }
 
     // The first picture, taken now, so the size is known and a broken compositor shows at once.
     Status prepare()
     {
-        m_last = PLIM_TRY(takePicture(*m_wayland, m_output, m_region, true));
-        m_scale = double(m_last.width) / m_frame.width;
+        Image first = PLIM_TRY(takePicture(*m_wayland, m_output, m_region, true));
+        m_scale = double(first.width) / m_frame.width;
+        m_last = std::move(first);
         return {};
     }
 
@@ -73,12 +90,22 @@ private:
     {
         switch (m_copy->state()) {
         case ScreenCopy::State::waiting:
+            if (!m_buffer && !m_spare.empty()) {
+                m_buffer = std::move(m_spare.back());
+                m_spare.pop_back();
+            }
             return m_copy->copyWhenKnown(m_buffer, true);
-        case ScreenCopy::State::ready:
-            m_fresh = pictureFromBuffer(*m_buffer, m_copy->yInverted(), m_output.transform, recycledImage());
-            m_freshAt = m_copy->shownAt();
+        case ScreenCopy::State::ready: {
+            Copied copied{std::move(m_buffer), m_copy->yInverted()};
+            const double shownAt = m_copy->shownAt();
+            m_delays[size_t(m_copied) % delaysKept] = std::max(0.0, systemUptime() - shownAt);
+            PLIM_TRY(askForCopy());
+            if (auto passed = m_shown.add(std::move(copied), shownAt))
+                m_spare.push_back(std::move(passed->buffer));
+            ++m_copied;
             m_failures = 0;
-            break;
+            return {};
+        }
         case ScreenCopy::State::failed:
             if (m_wayland->isGone(m_output))
                 return fail(displayGone, Error::Kind::missing);
@@ -86,11 +113,23 @@ private:
             if (++m_failures * interval() > 2)
                 return fail("Recording ended early because the Wayland compositor stopped handing out the screen "
                             "picture. What was recorded so far is kept.");
-            break;
+            // Asked again at the next tick.
+            m_copy.reset();
+            return {};
         case ScreenCopy::State::copying:
             return {};
         }
+        return {};
+    }
+
+    Status askForCopy()
+    {
         m_copy.reset();
+        if (m_wayland->isGone(m_output))
+            return fail(displayGone, Error::Kind::missing);
+        m_copy = std::make_unique<ScreenCopy>(*m_wayland, m_output, m_region, drawsPointer());
+        m_copyAskedAt = systemUptime();
+        m_wayland->flush();
         return {};
     }
 
@@ -103,10 +142,15 @@ private:
                 return end(bare.error());
             m_last = std::move(*bare);
         }
+        if (auto asked = askForCopy(); !asked)
+            return end(asked.error());
         double next = systemUptime();
-        double lastAt = 0;
         while (!stop.stop_requested()) {
-            auto woke = m_wayland->dispatchUntil([&] { return stop.stop_requested() || copyNeedsUs(); }, next);
+            // A copy asked for within the last period may be a moment from ready: a tick with
+            // nothing new waits for it up to half a period, as a late tick may.
+            const bool soon = m_shown.empty() && m_copy && m_copyAskedAt > next - interval();
+            auto woke = m_wayland->dispatchUntil([&] { return stop.stop_requested() || copyNeedsUs(); },
+                soon ? next + interval() / 2 : next);
             if (!woke)
                 return end(woke.error());
             if (stop.stop_requested())
@@ -114,23 +158,33 @@ private:
             if (*woke) {
                 if (auto moved = advanceCopy(); !moved)
                     return end(moved.error());
-                continue;
+                if (m_shown.empty() || systemUptime() < next)
+                    continue;
             }
-            // The tick: the newest picture, or the last one again on a still screen.
-            double at = systemUptime();
-            if (!m_fresh.isEmpty()) {
-                at = std::max(m_freshAt, lastAt + 1e-3);
-                m_last = std::move(m_fresh);
-                m_fresh = {};
-            }
-            lastAt = at;
+            // The tick.
             if (!m_copy) {
-                if (m_wayland->isGone(m_output))
-                    return end(Error{displayGone, Error::Kind::missing});
-                m_copy = std::make_unique<ScreenCopy>(*m_wayland, m_output, m_region, drawsPointer());
+                if (auto asked = askForCopy(); !asked)
+                    return end(asked.error());
             }
-            deliver(CapturedFrame{m_last, at}, next);
+            auto taken = m_shown.take(next, settled());
+            if (taken.picture) {
+                m_last = pictureFromBuffer(*taken.picture->buffer, taken.picture->yInverted, m_output.transform,
+                    recycledImage());
+                m_spare.push_back(std::move(taken.picture->buffer));
+            }
+            deliver(CapturedFrame{m_last, taken.at}, next);
         }
+    }
+
+    // The uptime before which every picture the compositor showed has reached us: the copy in
+    // flight can only bring a later one, and none took longer than the recent copies.
+    double settled() const
+    {
+        double slowest = 0;
+        for (double delay : m_delays)
+            slowest = std::max(slowest, delay);
+        const double now = systemUptime() - slowest;
+        return m_copy ? std::max(now, m_copyAskedAt) : now;
     }
 
     // A picture no one else holds any more, or a new one.
@@ -155,8 +209,16 @@ private:
     std::unique_ptr<ScreenCopy> m_copy;
     std::vector<Image> m_pool;
     Image m_last;
-    Image m_fresh;
-    double m_freshAt = 0;
+    // A filled buffer waiting for its tick.
+    struct Copied {
+        std::unique_ptr<ShmBuffer> buffer;
+        bool yInverted = false;
+    };
+    ShownPictures<Copied> m_shown{waitingLimit};
+    std::vector<std::unique_ptr<ShmBuffer>> m_spare; // buffers free for the next copies
+    double m_copyAskedAt = 0;
+    int64_t m_copied = 0;
+    std::array<double, delaysKept> m_delays{}; // seconds from shown to ready, by copy
     int m_failures = 0;
 };
 

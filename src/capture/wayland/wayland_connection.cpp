@@ -241,6 +241,8 @@ Status WaylandConnection::roundtrip()
     return {};
 }
 
+void WaylandConnection::flush() { wl_display_flush(m_display); }
+
 Result<bool> WaylandConnection::dispatchUntil(const std::function<bool()>& done, double until)
 {
     while (!done()) {

@@ -70,6 +70,8 @@ public:
 
     // Sends what is queued and waits for the compositor to answer it.
     Status roundtrip();
+    // Sends what is queued without waiting (a broken connection shows at the next dispatch).
+    void flush();
     // Dispatches events until `done` holds or the uptime instant `until` passes; false on
     // the deadline, a failure when the connection broke.
     Result<bool> dispatchUntil(const std::function<bool()>& done, double until);
