@@ -172,7 +172,10 @@ double statCpu(const fs::path& path, std::string* name = nullptr)
 }
 
 // CPU seconds (user + system) a running process has used so far; -1 when it is gone.
-double processCpu(int pid) { return statCpu("/proc/" + std::to_string(pid) + "/stat"); }
+double processCpu(int pid)
+{
+    return statCpu("/proc/" + std::to_string(pid) + "/stat");
+}
 
 // The CPU seconds of a recorder's screen-source thread ("plim.capture.vi", the part that
 // differs between backends), sampled every 50 ms while it runs: the last sample, so up to
@@ -227,12 +230,12 @@ long repeatedPictures(const fs::path& movie)
 
 // Plim through wlr-screencopy of a headless sway showing `bars` (the wayland_bars window);
 // `x11CpuPerFrame` and `x11CaptureThreadPerFrame` are the X11 recording's.
-void benchWlr(const fs::path& plimctl, const fs::path& bars, const fs::path& dir, double seconds,
-    double x11CpuPerFrame, double x11CaptureThreadPerFrame)
+void benchWlr(const fs::path& plimctl, const fs::path& bars, const fs::path& dir, double seconds, double x11CpuPerFrame,
+    double x11CaptureThreadPerFrame)
 {
     if (!fs::exists(bars)) {
-        std::printf("wlr     : not measured, %s is missing (built with capture_bench where Wayland is)\n",
-            bars.c_str());
+        std::printf(
+            "wlr     : not measured, %s is missing (built with capture_bench where Wayland is)\n", bars.c_str());
         return;
     }
     // The window counts its pictures into sway's home, the runtime folder.

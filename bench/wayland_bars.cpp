@@ -89,7 +89,10 @@ void writeCount(Window& w)
 
 void redraw(Window& w);
 
-void bufferRelease(void* data, wl_buffer*) { static_cast<Buffer*>(data)->busy = false; }
+void bufferRelease(void* data, wl_buffer*)
+{
+    static_cast<Buffer*>(data)->busy = false;
+}
 const wl_buffer_listener bufferListener{bufferRelease};
 
 void releaseBuffers(Window& w)
@@ -126,8 +129,8 @@ bool makeBuffers(Window& w)
     for (size_t i = 0; i < w.buffers.size(); ++i) {
         Buffer& b = w.buffers[i];
         b.pixels = reinterpret_cast<uint32_t*>(static_cast<uint8_t*>(memory) + i * bytes);
-        b.buffer = wl_shm_pool_create_buffer(pool, int32_t(i * bytes), w.width, w.height, int32_t(stride),
-            WL_SHM_FORMAT_XRGB8888);
+        b.buffer = wl_shm_pool_create_buffer(
+            pool, int32_t(i * bytes), w.width, w.height, int32_t(stride), WL_SHM_FORMAT_XRGB8888);
         wl_buffer_add_listener(b.buffer, &bufferListener, &b);
     }
     wl_shm_pool_destroy(pool);
@@ -183,7 +186,10 @@ void redraw(Window& w)
     writeCount(w);
 }
 
-void shellPing(void*, xdg_wm_base* shell, uint32_t serial) { xdg_wm_base_pong(shell, serial); }
+void shellPing(void*, xdg_wm_base* shell, uint32_t serial)
+{
+    xdg_wm_base_pong(shell, serial);
+}
 const xdg_wm_base_listener shellListener{shellPing};
 
 void surfaceConfigure(void* data, xdg_surface* surface, uint32_t serial)
@@ -206,7 +212,9 @@ void toplevelConfigure(void* data, xdg_toplevel*, int32_t width, int32_t height,
         w.height = height;
     }
 }
-void toplevelClose(void*, xdg_toplevel*) {}
+void toplevelClose(void*, xdg_toplevel*)
+{
+}
 const xdg_toplevel_listener toplevelListener{toplevelConfigure, toplevelClose};
 
 void global(void* data, wl_registry* registry, uint32_t name, const char* interface, uint32_t version)
@@ -217,10 +225,12 @@ void global(void* data, wl_registry* registry, uint32_t name, const char* interf
     else if (std::strcmp(interface, wl_shm_interface.name) == 0)
         w.shm = static_cast<wl_shm*>(wl_registry_bind(registry, name, &wl_shm_interface, 1));
     else if (std::strcmp(interface, xdg_wm_base_interface.name) == 0)
-        w.shell = static_cast<xdg_wm_base*>(wl_registry_bind(registry, name, &xdg_wm_base_interface,
-            version < 2 ? version : 2));
+        w.shell = static_cast<xdg_wm_base*>(
+            wl_registry_bind(registry, name, &xdg_wm_base_interface, version < 2 ? version : 2));
 }
-void globalRemove(void*, wl_registry*, uint32_t) {}
+void globalRemove(void*, wl_registry*, uint32_t)
+{
+}
 const wl_registry_listener registryListener{global, globalRemove};
 
 } // namespace

@@ -45,7 +45,7 @@ TEST(CaptureQualityTest, FrameRateIsThirtyOnlyWhenAskedExactly)
 
 TEST(CaptureQualityTest, HeadlineLengths)
 {
-    for (auto [seconds, text] : std::vector<std::pair<double, std::string>> {{7.9, "0:07"}, {62, "1:02"},
+    for (auto [seconds, text] : std::vector<std::pair<double, std::string>>{{7.9, "0:07"}, {62, "1:02"},
              {3723, "1:02:03"}, {std::nan(""), "an unknown length"}, {-1, "an unknown length"}})
         EXPECT_EQ(CaptureSession::lengthText(seconds), text) << seconds;
 }

@@ -151,7 +151,7 @@ TEST(TrackPlacement, PointsLandInTheRegionOfTheLastFrameKeyAtOrBeforeTheirStamp)
         .frames = {{2000, 0, 0, 0, 300}, {1000, 200, 100, 400, 200}, {3000, 0, 0, 300, NAN}, {4000, 0, 0, 100, 100}}};
     const TrackPlacement place(track); // keys out of order are put in order
     const double nan = std::nan(""), inf = std::numeric_limits<double>::infinity();
-    for (auto [x, y, ms, expected] : std::vector<std::tuple<double, double, int64_t, Point>> {
+    for (auto [x, y, ms, expected] : std::vector<std::tuple<double, double, int64_t, Point>>{
              {600, 300, 999, {0.5, 0.5}}, {300, 150, 999, {0.2, 0.2}}, // the display before the first key
              {300, 150, 1000, {0.25, 0.25}}, {300, 150, 1999, {0.25, 0.25}}, // the key from its stamp on
              {100, 400, 1500, {0, 1}}, // outside clamps to the edges
@@ -181,7 +181,7 @@ TEST(TrackPlacement, MovieTimeIsTrackTimeLessTheOffset)
 {
     constexpr int64_t most = std::numeric_limits<int64_t>::max(), least = std::numeric_limits<int64_t>::min();
     for (auto [offset, trackMS, movieMS] :
-        std::vector<std::tuple<int64_t, int64_t, int64_t>> {{0, 1500, 1500}, {1000, 1500, 500}, {1000, 400, -600},
+        std::vector<std::tuple<int64_t, int64_t, int64_t>>{{0, 1500, 1500}, {1000, 1500, 500}, {1000, 400, -600},
             {-250, 0, 250}, {1, least, least}, {-1, most, most}}) { // saturated, never wrapped
         const TrackPlacement place(CursorTrack{.videoStartOffsetMS = offset});
         EXPECT_EQ(place.movieMS(trackMS), movieMS) << offset << " " << trackMS;

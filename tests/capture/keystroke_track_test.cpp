@@ -20,16 +20,16 @@ namespace {
 
 const std::string repairTail = ". The keycap row draws what was left; the file itself was not changed.";
 
-constexpr KeyModifiers none {};
-constexpr KeyModifiers shift {.shift = true};
-constexpr KeyModifiers command {.command = true};
-constexpr KeyModifiers shiftCommand {.shift = true, .command = true};
-constexpr KeyModifiers option {.option = true};
-constexpr KeyModifiers control {.control = true};
+constexpr KeyModifiers none{};
+constexpr KeyModifiers shift{.shift = true};
+constexpr KeyModifiers command{.command = true};
+constexpr KeyModifiers shiftCommand{.shift = true, .command = true};
+constexpr KeyModifiers option{.option = true};
+constexpr KeyModifiers control{.control = true};
 
 std::optional<std::string> caption(uint32_t keysym, KeyModifiers modifiers)
 {
-    return KeystrokeRecorder::caption(KeyPress {keysym, modifiers});
+    return KeystrokeRecorder::caption(KeyPress{keysym, modifiers});
 }
 
 } // namespace

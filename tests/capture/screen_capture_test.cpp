@@ -142,7 +142,7 @@ TEST_F(ScreenCaptureTest, TheDesktopListsWhatItShowsAndRefusesWhatCannotBeRecord
         {"an area off the screen", ScreenSubject::areaOf({900, 700, 100, 100}),
             "The area 900,700 100x100 lies off the screen, which is 800 x 600 pixels, so nothing was recorded. "
             "Pick an area on the screen."},
-        {"a device", ScreenSubject {ScreenSubject::Kind::device, {}, 0, {}, "iPad"},
+        {"a device", ScreenSubject{ScreenSubject::Kind::device, {}, 0, {}, "iPad"},
             "A device subject reached the screen path."},
         {"a window that does not exist", ScreenSubject::window(0x7fffff), "That window is gone."},
         {"an unknown display", ScreenSubject::display("HDMI-9"),
@@ -267,7 +267,7 @@ TEST(ScreenSourceTicks, ALateFrameIsTakenAtOnceAndOnlyWholeLostPeriodsCount)
 {
     const double period = 1.0 / 60;
     // {how far past the next tick the previous frame ended, in periods; the ticks lost}
-    for (auto [behind, lost] : std::vector<std::pair<double, int64_t>> {
+    for (auto [behind, lost] : std::vector<std::pair<double, int64_t>>{
              {-0.5, 0}, {0, 0}, {0.3, 0}, {0.999, 0}, {1.001, 1}, {1.7, 1}, {2.001, 2}, {30.2, 30}}) {
         const double next = 1000.0;
         EXPECT_EQ(ticksLost(next + behind * period, next, period), lost) << behind << " periods behind";

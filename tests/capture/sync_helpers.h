@@ -51,7 +51,7 @@ public:
         m_stream = pa_stream_new(m_context, "tone", &spec, nullptr);
         pa_stream_set_state_callback(m_stream, wake<pa_stream*>, m_loop);
         // A steady tone keeps a second queued, so a busy machine cannot starve it.
-        pa_buffer_attr attr {.maxlength = uint32_t(-1),
+        pa_buffer_attr attr{.maxlength = uint32_t(-1),
             .tlength = uint32_t(pa_usec_to_bytes(steady ? 1000000 : 30000, &spec)),
             .prebuf = uint32_t(-1),
             .minreq = uint32_t(-1)};
@@ -147,7 +147,7 @@ inline Result<std::unique_ptr<CaptureSession>> startRecording(const CaptureSetti
 inline Result<std::unique_ptr<CaptureSession>> recordScreenAndSound(const std::filesystem::path& movie)
 {
     return startRecording({.keycaps = false, .systemSound = true}, movie, [](CaptureDevices& devices) {
-        return devices.systemSound ? Status {} : fail("The computer's sound could not be opened.");
+        return devices.systemSound ? Status{} : fail("The computer's sound could not be opened.");
     });
 }
 

@@ -40,7 +40,7 @@ public:
         m_thread = std::jthread([this, onBlock = std::move(onBlock)](std::stop_token stop) {
             const double start = systemUptime();
             for (int64_t n = 0; !stop.stop_requested(); ++n) {
-                SoundBlock b {
+                SoundBlock b{
                     .channels = 2, .uptime = start + double(n * block) / (48000 * m_rate), .joinsPrevious = n > 0};
                 bool marked = std::ranges::any_of(marks, [&](int64_t m) { return n * block == m; });
                 for (int64_t i = n * block; i < (n + 1) * block; ++i) {
@@ -153,7 +153,7 @@ TEST_F(SoundTest, ASteadyToneIsRecordedWholeFromTheFirstFrameOnBothTracks)
                                       .microphoneDevice = "plimsink.monitor",
                                       .systemSound = true},
         movie, [](CaptureDevices& devices) {
-            return devices.microphone && devices.systemSound ? Status {} : fail("Both sounds must open.");
+            return devices.microphone && devices.systemSound ? Status{} : fail("Both sounds must open.");
         });
     ASSERT_TRUE(session.has_value()) << session.error().sentence;
     std::this_thread::sleep_for(15s);
@@ -202,7 +202,7 @@ TEST_F(SoundTest, ASoundClockRunningFastOrSlowKeepsThePicturesTimeWithoutABreak)
         const fs::path movie = folder / ("Drift" + std::to_string(rate) + ".mov");
         auto session = startRecording({.framesPerSecond = 30, .keycaps = false}, movie, [&](CaptureDevices& devices) {
             devices.systemSound = std::make_unique<DriftingSound>(rate);
-            return Status {};
+            return Status{};
         });
         ASSERT_TRUE(session.has_value()) << session.error().sentence;
         std::this_thread::sleep_for(8500ms);

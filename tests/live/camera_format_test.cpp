@@ -24,7 +24,7 @@ TEST(CameraFormat, AsksForYuyvAtTheCanvasSizeWithinTheLargestPicture)
 {
     EXPECT_EQ(requestedCameraFormat(1920, 1080, 60), (CameraFormat{fourccYuyv, 1920, 1080, 60, 3840, 1920 * 1080 * 2}));
     // A 16:10 display at full size is shrunk to 1080 lines, its shape kept.
-    EXPECT_EQ(requestedCameraFormat(2560, 1600, 59.94), (CameraFormat {fourccYuyv, 1728, 1080, 60, 3456, 3456 * 1080}));
+    EXPECT_EQ(requestedCameraFormat(2560, 1600, 59.94), (CameraFormat{fourccYuyv, 1728, 1080, 60, 3456, 3456 * 1080}));
     // Odd sides become even (both layouts pair pixels).
     const CameraFormat odd = requestedCameraFormat(641, 359, 30);
     EXPECT_EQ(odd.width % 2, 0);
@@ -97,12 +97,12 @@ TEST(CameraFormat, ConvertsBgraToBt601LimitedRange)
         const Image image = solidImage(2, 2, rgb);
         std::vector<uint8_t> yuyv(2 * 2 * 2);
         ASSERT_TRUE(writeCameraFrame(image, withLayout({fourccYuyv, 2, 2, 30, 0, 0}), yuyv));
-        EXPECT_EQ((std::vector<int> {yuyv[0], yuyv[1], yuyv[2], yuyv[3]}),
-            (std::vector<int> {yuv[0], yuv[1], yuv[0], yuv[2]}));
+        EXPECT_EQ(
+            (std::vector<int>{yuyv[0], yuyv[1], yuyv[2], yuyv[3]}), (std::vector<int>{yuv[0], yuv[1], yuv[0], yuv[2]}));
         std::vector<uint8_t> nv12(2 * 2 * 3 / 2);
         ASSERT_TRUE(writeCameraFrame(image, withLayout({fourccNv12, 2, 2, 30, 0, 0}), nv12));
         EXPECT_EQ((std::vector<int>(nv12.begin(), nv12.end())),
-            (std::vector<int> {yuv[0], yuv[0], yuv[0], yuv[0], yuv[1], yuv[2]}));
+            (std::vector<int>{yuv[0], yuv[0], yuv[0], yuv[0], yuv[1], yuv[2]}));
     }
 
     // Chroma is the mean of the pixels it covers (a pair in YUYV, a 2 x 2 block in NV12);

@@ -115,7 +115,7 @@ TEST(CameraLoopback, RetriesEveryTwoSecondsWhileFramesAreDropped)
     f.feed();
     EXPECT_EQ(f.script->opens, 3);
     EXPECT_EQ(f.sink->health(), running(6));
-    EXPECT_EQ(f.script->asked, std::vector {requestedCameraFormat(320, 180, 30)});
+    EXPECT_EQ(f.script->asked, std::vector{requestedCameraFormat(320, 180, 30)});
     EXPECT_EQ(f.script->waiting.size(), 1u);
 
     // A device that goes away is let go and found again at the same pace.
@@ -167,17 +167,17 @@ TEST(CameraLoopback, EachTroubleSaysWhatToDo)
 {
     // {what opening the device meets, what setting its format meets, the sentence}
     const std::vector<std::tuple<std::optional<LoopbackTrouble>, std::optional<int>, std::string>> cases = {
-        {LoopbackTrouble {LoopbackTrouble::Kind::loadedWithoutLabel, {}}, {},
+        {LoopbackTrouble{LoopbackTrouble::Kind::loadedWithoutLabel, {}}, {},
             "Plim Camera is not installed: v4l2loopback is loaded without it. Load it once with sudo modprobe -r "
             "v4l2loopback && sudo modprobe v4l2loopback card_label=\"Plim Camera\" exclusive_caps=1, and every video "
             "app gains a camera named Plim."},
-        {LoopbackTrouble {LoopbackTrouble::Kind::notAnOutput, "/dev/video4"}, {},
+        {LoopbackTrouble{LoopbackTrouble::Kind::notAnOutput, "/dev/video4"}, {},
             "Plim Camera is installed but its inbox is missing — an old version may still be running. Restart the "
             "computer to finish the update."},
-        {LoopbackTrouble {LoopbackTrouble::Kind::denied, "/dev/video4: Permission denied"}, {},
+        {LoopbackTrouble{LoopbackTrouble::Kind::denied, "/dev/video4: Permission denied"}, {},
             "Plim may not write to Plim Camera (/dev/video4: Permission denied). Add yourself to the video group "
             "(sudo usermod -aG video $USER), log in again, then go live again."},
-        {LoopbackTrouble {LoopbackTrouble::Kind::failed, "/dev/video4: Input/output error"}, {},
+        {LoopbackTrouble{LoopbackTrouble::Kind::failed, "/dev/video4: Input/output error"}, {},
             "Plim Camera refused its frame queue (/dev/video4: Input/output error). Restarting the computer usually "
             "clears this."},
         {{}, 16,
@@ -220,7 +220,7 @@ TEST(CameraLoopback, WritesTheFormatTheDeviceKeeps)
 TEST(CameraLoopback, TheSystemDeviceIsFoundByItsLabel)
 {
     testkit::TempDir sys;
-    const LoopbackPlaces places {sys / "class", sys / "dev", sys / "module"};
+    const LoopbackPlaces places{sys / "class", sys / "dev", sys / "module"};
     std::filesystem::create_directories(places.devices);
     auto device = [&](const std::string& name, const std::string& label) {
         std::filesystem::create_directories(places.videoClass / name);

@@ -52,8 +52,8 @@ public:
     }
     LiveSinkHealth health() const override
     {
-        return failed ? LiveSinkHealth {LiveSinkHealth::Failed {"It stopped taking frames."}}
-                      : LiveSinkHealth {LiveSinkHealth::Running {0}};
+        return failed ? LiveSinkHealth{LiveSinkHealth::Failed{"It stopped taking frames."}}
+                      : LiveSinkHealth{LiveSinkHealth::Running{0}};
     }
     void close() override { ++closed; }
 
@@ -76,7 +76,7 @@ protected:
     {
         auto steppedClock = std::make_unique<SteppedLiveClock>(100);
         clock = steppedClock.get();
-        auto real = StageRenderer::create(StageSpec {}, {192, 108}, {.content = {320, 200}});
+        auto real = StageRenderer::create(StageSpec{}, {192, 108}, {.content = {320, 200}});
         ASSERT_TRUE(real) << real.error().sentence;
         auto slowRenderer = std::make_shared<SlowRenderer>(std::move(*real), *clock);
         slow = slowRenderer.get();

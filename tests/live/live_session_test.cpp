@@ -134,7 +134,7 @@ TEST(LiveSessionTest, ARealRunWritesTheComposedScreenWithThePointerWhereItWasPut
 
     // Where the screen's pixels land on the canvas, as the same stage draws them.
     auto stage = StageRenderer::create(
-        wearing(StageSpec {}, PlimLook {}), {320, 180}, {.content = {640, 400}, .hasKeycaps = false});
+        wearing(StageSpec{}, PlimLook{}), {320, 180}, {.content = {640, 400}, .hasKeycaps = false});
     ASSERT_TRUE(stage);
     const Affine toCanvas = (*stage)->placement({640, 400}, StageMoment{}).sourceToOutput;
     auto reader = MovieReader::create(movie);

@@ -67,7 +67,7 @@ TEST_F(MovieReaderTest, SeeksToThePictureShowingAtATime)
     auto reader = MovieReader::create(movie());
     ASSERT_TRUE(reader);
     // Backwards and forwards, between frames, before the start.
-    for (auto [at, frameAt] : std::vector<std::pair<double, int>> {
+    for (auto [at, frameAt] : std::vector<std::pair<double, int>>{
              {1.0, 30}, {1.01, 30}, {0.51, 15}, {1.99, 59}, {0.2, 6}, {-1, 0}, {1.5, 45}}) {
         ASSERT_TRUE((*reader)->seek(at));
         auto frame = (*reader)->next();
@@ -88,7 +88,7 @@ TEST_F(MovieReaderTest, SeeksToThePictureShowingAtATime)
 TEST_F(MovieReaderTest, RawPicturesKeepTheirPixelsUntilConverted)
 {
     // Options (a scaled size and decoder threads), and the size that comes out.
-    for (auto [options, width, height] : std::vector<std::tuple<MovieReader::Options, int, int>> {
+    for (auto [options, width, height] : std::vector<std::tuple<MovieReader::Options, int, int>>{
              {{0, 0, 1}, 320, 240}, {{160, 120, 2}, 160, 120}, {{0, 0, 4}, 320, 240}}) {
         SCOPED_TRACE(testing::Message() << width << " x " << height << ", " << options.threads << " threads");
         std::vector<RawVideoFrame> held;
@@ -173,7 +173,7 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
                   .status,
         0);
 
-    for (const auto& [path, kind, sentence] : std::vector<std::tuple<fs::path, Error::Kind, std::string>> {
+    for (const auto& [path, kind, sentence] : std::vector<std::tuple<fs::path, Error::Kind, std::string>>{
              {s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
              {text, Error::Kind::corrupt, "notes.mp4 is not a movie Plim can read"},
              {soundOnly, Error::Kind::refused, "sound.m4a has no picture track (only sound)"},

@@ -27,11 +27,11 @@ using plim::testkit::TempDir;
 TEST(BitRates, ExportAndRecordingRules)
 {
     // 9.5 Mbit/s at 1080p, scaled by the pixel count to the power 0.82; no size counts as one pixel.
-    for (auto [w, h, bps] : std::vector<std::tuple<int, int, int64_t>> {
+    for (auto [w, h, bps] : std::vector<std::tuple<int, int, int64_t>>{
              {1920, 1080, 9500000}, {1280, 720, 4885780}, {3840, 2160, 29608254}, {0, 0, 62}, {-5, 7, 62}})
         EXPECT_EQ(exportBitsPerSecond(w, h), bps) << w << "x" << h;
 
-    for (auto [w, h, scale, bps] : std::vector<std::tuple<int, int, double, int64_t>> {
+    for (auto [w, h, scale, bps] : std::vector<std::tuple<int, int, double, int64_t>>{
              {1280, 720, 1, 8000000}, // 3,686,400 is below the floor
              {1280, 720, 0.1, 2000000}, // the scale is held at 0.25
              {3840, 2160, 1, 33177600},
@@ -46,7 +46,7 @@ TEST(MovieWriter, ExportIsFaststartMp4WithItsSettings)
 {
     TempDir dir;
     for (auto [w, h, matrix] :
-        std::vector<std::tuple<int, int, std::string>> {{320, 240, "smpte170m"}, {1280, 720, "bt709"}}) {
+        std::vector<std::tuple<int, int, std::string>>{{320, 240, "smpte170m"}, {1280, 720, "bt709"}}) {
         fs::path path = dir / ("export" + std::to_string(h) + ".mp4");
         const double seconds = h > 500 ? 0.5 : 2;
         writeMovie(path,
@@ -264,7 +264,7 @@ TEST(MovieWriter, RefusalsLeaveNoFileAndKeepWhatWasThere)
     TempDir dir;
     fs::path existing = dir / "keep.mp4";
     testkit::writeText(existing, "not ours");
-    for (auto [w, h, fps, fragment] : std::vector<std::tuple<int, int, double, std::string>> {
+    for (auto [w, h, fps, fragment] : std::vector<std::tuple<int, int, double, std::string>>{
              {321, 240, 30, "is not an even size"}, {0, 240, 30, "is not an even size"}, {320, 240, 0, "frame rate"}}) {
         auto writer = MovieWriter::create({.path = existing, .width = w, .height = h, .frameRate = fps});
         ASSERT_FALSE(writer);
@@ -273,7 +273,7 @@ TEST(MovieWriter, RefusalsLeaveNoFileAndKeepWhatWasThere)
         EXPECT_EQ(testkit::readText(existing), "not ours");
     }
 
-    MovieWriter::Settings s {.path = "/proc/plim-cannot-write-here/x.mp4", .width = 320, .height = 240};
+    MovieWriter::Settings s{.path = "/proc/plim-cannot-write-here/x.mp4", .width = 320, .height = 240};
     auto unwritable = MovieWriter::create(s);
     ASSERT_FALSE(unwritable);
     EXPECT_NE(unwritable.error().sentence.find("could not be created"), std::string::npos);
@@ -298,7 +298,7 @@ TEST(MovieWriter, FullDiskSaysSoAndLeavesNoPartialFile)
     testkit::SmallDisk disk("1m");
     if (!disk.isUp())
         GTEST_SKIP() << "a 1 MB tmpfs could not be mounted here (needs root)";
-    const MovieWriter::Settings s {.path = disk / "big.mp4",
+    const MovieWriter::Settings s{.path = disk / "big.mp4",
         .width = 320,
         .height = 240,
         .frameRate = 30,
@@ -339,7 +339,7 @@ TEST(MovieWriter, TheLookaheadThreadLeavesThePicturesAsTheyAre)
     TempDir dir;
     std::vector<std::string> coded;
     for (bool thread : {true, false}) {
-        const MovieWriter::Settings s {.path = dir / (thread ? "thread.mp4" : "inline.mp4"),
+        const MovieWriter::Settings s{.path = dir / (thread ? "thread.mp4" : "inline.mp4"),
             .width = 640,
             .height = 360,
             .frameRate = 30,

@@ -40,7 +40,7 @@ std::vector<float> readAll(PCMSource& source, int64_t from, int64_t count, int64
 TEST(ArrayPCMSource, ZeroFilledWindows)
 {
     ArrayPCMSource source({1, -1, 2, -2, 3, -3}); // three frames
-    for (const auto& [from, count, want] : std::vector<std::tuple<int64_t, int64_t, std::vector<float>>> {
+    for (const auto& [from, count, want] : std::vector<std::tuple<int64_t, int64_t, std::vector<float>>>{
              {0, 3, {1, -1, 2, -2, 3, -3}},
              {1, 1, {2, -2}},
              {2, 3, {3, -3, 0, 0, 0, 0}}, // past the end
@@ -127,7 +127,7 @@ TEST_F(SoundTest, SourceFailuresNameTheSound)
     patchFourcc(undecodable, "mp4a", "zq8y");
     patchFourcc(undecodable, "esds", "zq8z");
     for (const auto& [path, name, start, end] :
-        std::vector<std::tuple<fs::path, std::string, std::string, std::string>> {
+        std::vector<std::tuple<fs::path, std::string, std::string, std::string>>{
             {s_dir / "absent.wav", "The voiceover at 0:03",
                 "The voiceover at 0:03 could not be opened (there is no file at ",
                 "). Share again; if it keeps happening, the file may be damaged."},

@@ -221,7 +221,7 @@ TEST(EditPlanDecode, NumbersOutsideTheirRangesAreReadAtTheNearerEndAndTheOutputS
         "4.00, skip 1's rate 1e-09 as 1.00, cameraScale 1e+300 as 2.50. The file was left as it is; set those "
         "values in the editor to keep them."});
     // A plan made in memory is bounded where it plays.
-    const EditPlan slow {.skips = {{{2, 18}, false, 1e-9}}};
+    const EditPlan slow{.skips = {{{2, 18}, false, 1e-9}}};
     EXPECT_DOUBLE_EQ(TimeRemap::of(slow, 20).outputDuration(20), 20);
 }
 
@@ -310,7 +310,7 @@ TEST(EditPlanDecode, UnreadableFilesAreReportedAndLeftAlone)
     EXPECT_FALSE(notAFile.value);
     // No download or permission change makes a folder of a file, so no hint of one.
     EXPECT_EQ(notAFile.notices,
-        std::vector<std::string> {plan_notices::unreadable("C.edits.json", "it is a folder, not a file.", false)});
+        std::vector<std::string>{plan_notices::unreadable("C.edits.json", "it is a folder, not a file.", false)});
     EXPECT_EQ(notAFile.notices[0].find("download"), std::string::npos);
     EXPECT_EQ(readText(folder / "inside"), "kept");
 

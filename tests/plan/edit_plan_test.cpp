@@ -136,8 +136,8 @@ TEST(EditPlan, PlayedSkipsCarryTheirOutputStartInPlayingOrder)
 TEST(EditPlan, MasksZoomsAndSuspending)
 {
     const std::string a = "A0000000-0000-4000-8000-000000000001", b = "A0000000-0000-4000-8000-000000000002";
-    EditPlan plan {.masks = {{a, 0.1, 0.1, 0.2, 0.2, 1, 3, MaskRegion::Style::blur},
-                       {b, 0.5, 0.5, 0.2, 0.2, 2, 4, MaskRegion::Style::pixelate}}};
+    EditPlan plan{.masks = {{a, 0.1, 0.1, 0.2, 0.2, 1, 3, MaskRegion::Style::blur},
+                      {b, 0.5, 0.5, 0.2, 0.2, 2, 4, MaskRegion::Style::pixelate}}};
     // Masks show from start up to, not at, their end.
     const std::vector<std::pair<double, std::vector<std::string>>> shown = {
         {0.99, {}}, {1, {a}}, {2.5, {a, b}}, {3, {b}}, {4, {}}, {kNaN, {}}};

@@ -46,21 +46,21 @@ TEST(ShareAudioPlan, PiecesStretchesVoicesAndLength)
 {
     // {name, edit, recording seconds, voices, whether the plim's sound plays, the mix}
     using Case = std::tuple<const char*, EditPlan, double, std::vector<VoiceInput>, bool, SoundMix>;
-    for (const auto& [name, edit, raw, voices, withSound, want] : std::vector<Case> {
+    for (const auto& [name, edit, raw, voices, withSound, want] : std::vector<Case>{
              {"untouched", {}, 2, {}, true, {{{0, 0, 96000}}, {}, {}, 96000, 48000}},
-             {"trimmed", EditPlan {.trimIn = 0.5, .trimOut = 1.5}, 2, {}, true,
+             {"trimmed", EditPlan{.trimIn = 0.5, .trimOut = 1.5}, 2, {}, true,
                  {{{24000, 0, 48000}}, {}, {}, 48000, 48000}},
-             {"a cut", EditPlan {.cuts = {cut(0.5, 1.0)}}, 2, {}, true,
+             {"a cut", EditPlan{.cuts = {cut(0.5, 1.0)}}, 2, {}, true,
                  {{{0, 0, 24000}, {48000, 24000, 48000}}, {}, {}, 72000, 48000}},
-             {"sped up four times", EditPlan {.skips = {{{1, 3}, false, 4.0}}}, 4, {}, true,
+             {"sped up four times", EditPlan{.skips = {{{1, 3}, false, 4.0}}}, 4, {}, true,
                  {{{0, 0, 48000}, {144000, 72000, 48000}}, {{48000, 96000, 48000, 24000, 4.0}}, {}, 120000, 48000}},
-             {"a kept skip plays at speed 1", EditPlan {.skips = {{{1, 3}, true, 4.0}}}, 4, {}, true,
+             {"a kept skip plays at speed 1", EditPlan{.skips = {{{1, 3}, true, 4.0}}}, 4, {}, true,
                  {{{0, 0, 192000}}, {}, {}, 192000, 48000}},
-             {"a cut inside a sped-up stretch", EditPlan {.skips = {{{1, 3}, false, 2.0}}, .cuts = {cut(1.5, 2.0)}}, 4,
+             {"a cut inside a sped-up stretch", EditPlan{.skips = {{{1, 3}, false, 2.0}}, .cuts = {cut(1.5, 2.0)}}, 4,
                  {}, true,
                  {{{0, 0, 48000}, {144000, 84000, 48000}},
                      {{48000, 24000, 48000, 12000, 2.0}, {96000, 48000, 60000, 24000, 2.0}}, {}, 132000, 48000}},
-             {"voices without the plim's sound", EditPlan {.cuts = {cut(0.5, 1.0)}}, 2,
+             {"voices without the plim's sound", EditPlan{.cuts = {cut(0.5, 1.0)}}, 2,
                  {{0.5, 1.0, 0.2}, {1.25, 0.25, 0}}, false,
                  {{}, {}, {{0, 24000, 48000, 0.2f}, {1, 60000, 12000, 0.0f}}, 72000, 48000}},
          })
@@ -72,9 +72,8 @@ TEST(ShareAudioPlan, TouchesAVoiceWithinItsRamp)
     SoundMix plan = planShareAudio({}, 4, {{0.5, 1.0, 0.2}}, true, 48000);
     ASSERT_EQ(plan.rampFrames(), 7200);
     // The voice is frames 24000 ..< 72000; the ramp reaches 7200 frames either side.
-    for (auto [from, to, touches] :
-        std::vector<std::tuple<int64_t, int64_t, bool>> {{0, 16800, false}, {0, 16801, true}, {30000, 31000, true},
-            {79199, 90000, true}, {79200, 90000, false}, {100000, 120000, false}})
+    for (auto [from, to, touches] : std::vector<std::tuple<int64_t, int64_t, bool>>{{0, 16800, false}, {0, 16801, true},
+             {30000, 31000, true}, {79199, 90000, true}, {79200, 90000, false}, {100000, 120000, false}})
         EXPECT_EQ(plan.touchesAVoice(from, to), touches) << from << " ..< " << to;
     EXPECT_EQ(SoundMix{.sampleRate = 1}.rampFrames(), 1);
 }
@@ -90,7 +89,7 @@ TEST(SoundMixer, DucksUnderVoicesWithLinearRamps)
     auto mixed = mixAll(mixer, 1000);
     ASSERT_EQ(mixed.size(), 2u * 5 * 48000);
     auto gainAt = [&](int64_t f) { return mixed[static_cast<size_t>(2 * f)] / 0.5; };
-    for (auto [frame, gain] : std::vector<std::pair<int64_t, double>> {
+    for (auto [frame, gain] : std::vector<std::pair<int64_t, double>>{
              {10000, 1.0}, {48000 - 7200, 1.0}, // the ramp's outer end
              {48000 - 3600, 0.2 + 0.8 * 0.5}, // half way up
              {48000 - 1, 0.2 + 0.8 / 7200}, {48000, 0.2}, {70000, 0.2}, {95999, 0.2},

@@ -27,11 +27,11 @@ TEST(PlimThumbs, TimesFollowTheEditedOutput)
 {
     // {name, edit, recording seconds, the poster's time, the first and last strip pictures' times}
     using Case = std::tuple<const char*, EditPlan, double, double, double, double>;
-    const EditPlan trimmed {.trimIn = 2, .trimOut = 12}; // 10 s of output
-    const EditPlan cut {.cuts = {{"C", 2, 12, std::nullopt}}}; // 0-2 then 12-20: 10 s
-    const EditPlan sped {.skips = {{{0, 8}, false, 4.0}}}; // 8 s play in 2, then 12 s: 14 s
+    const EditPlan trimmed{.trimIn = 2, .trimOut = 12}; // 10 s of output
+    const EditPlan cut{.cuts = {{"C", 2, 12, std::nullopt}}}; // 0-2 then 12-20: 10 s
+    const EditPlan sped{.skips = {{{0, 8}, false, 4.0}}}; // 8 s play in 2, then 12 s: 14 s
     for (const auto& [name, plan, raw, poster, firstStrip, lastStrip] :
-        std::vector<Case> {{"untouched", {}, 24, 10.8, 0.5, 23.5}, {"trimmed", trimmed, 20, 6.5, 2.2083333, 11.7916667},
+        std::vector<Case>{{"untouched", {}, 24, 10.8, 0.5, 23.5}, {"trimmed", trimmed, 20, 6.5, 2.2083333, 11.7916667},
             {"cut", cut, 20, 14.5, 0.2083333, 19.7916667}, {"sped-up", sped, 20, 12.3, 1.1666667, 19.7083333}}) {
         auto times = PlimThumbs::times(plan, raw);
         ASSERT_EQ(times.strip.size(), 24u) << name;

@@ -18,7 +18,7 @@ TEST(ShareCaptions, TheCaptionTrackIsCountedAndDrawn)
     TempDir dir;
     const fs::path movie = dir / "Talk.mov";
     ASSERT_TRUE(writeTestMovie(movie, {.colors = {{0, 0x406080}}, .sound = false}));
-    ASSERT_TRUE(PlimEdits {.look = PlimLook {.captions = true}}.write(movie, "test"));
+    ASSERT_TRUE(PlimEdits{.look = PlimLook{.captions = true}}.write(movie, "test"));
     const CaptionTrack track{{{"Hello from the captions", 1.0, 2.0}}};
     ASSERT_TRUE(track.writeBeside(movie));
 

@@ -176,7 +176,7 @@ TEST_F(ShareTest, AStopHalfWayAStalledWriterAndRefusalsLeaveNoFile)
 
     // A writer that takes five frames and then accepts nothing more.
     engine.onProgress = nullptr;
-    const ShareEngine::Tuning tuning {
+    const ShareEngine::Tuning tuning{
         .stallLimit = 1, .makeSink = [](const VideoSink::Settings& settings) -> Result<std::unique_ptr<VideoSink>> {
             writeText(settings.path, "partial");
             return std::make_unique<StalledSink>(5);
@@ -262,7 +262,7 @@ TEST_F(ShareTest, OriginalsCopyByteForByteAndAStillVideoComesOutAtTheSizeSaidBef
 TEST_F(ShareTest, AVoiceoverDucksTheRecordingToMicUnderAndBackOverAFifteenthOfASecond)
 {
     // A steady 1 kHz tone at 0.5.
-    const TestMovie recording {.width = 320, .height = 180, .duration = 2.0, .tones = {0.0}, .toneLength = 2.0};
+    const TestMovie recording{.width = 320, .height = 180, .duration = 2.0, .tones = {0.0}, .toneLength = 2.0};
     const fs::path movie = smallPlim("Talk.mov", recording);
     // A silent voice: what is heard is the recording, ducked.
     ASSERT_TRUE(writeTestMovie(plims / "voice.mov", {.width = 320, .height = 180, .duration = 0.6}));

@@ -103,7 +103,7 @@ TEST(Compositor, CopyLeavesTheHole)
 TEST(Compositor, TextIsSetWithItsBaseline)
 {
     auto c = cpu();
-    TextStyle style {.size = 32};
+    TextStyle style{.size = 32};
     const TextLayer one = c->text("Save", style);
     ASSERT_FALSE(one.image.isEmpty());
     EXPECT_NEAR(one.logical.height, 32 * 1.36, 8); // Noto Sans line height
@@ -154,11 +154,11 @@ TEST(Compositor, TextIsSetWithItsBaseline)
 
 TEST(Compositor, ColoursFromHex)
 {
-    for (const auto& [text, colour] : std::vector<std::pair<const char*, std::optional<Color>>> {
-             {"#336699", Color {0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
-             {"336699", Color {0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
-             {"#FFF", Color {1, 1, 1, 1}},
-             {"#00000080", Color {0, 0, 0, 0x80 / 255.0}},
+    for (const auto& [text, colour] : std::vector<std::pair<const char*, std::optional<Color>>>{
+             {"#336699", Color{0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
+             {"336699", Color{0x33 / 255.0, 0x66 / 255.0, 0x99 / 255.0, 1}},
+             {"#FFF", Color{1, 1, 1, 1}},
+             {"#00000080", Color{0, 0, 0, 0x80 / 255.0}},
              {"#12345", std::nullopt},
              {"#GG0000", std::nullopt},
              {"", std::nullopt},

@@ -91,9 +91,9 @@ struct PreviewPlayerTest : ::testing::Test {
         return {.movie = movie,
             .cursor = testTrack(source),
             .plan = std::move(plan),
-            .spec = wearing(StageSpec {}, look),
+            .spec = wearing(StageSpec{}, look),
             .look = look,
-            .canvas = RenderRules::PixelSize {side, side * 5 / 8}};
+            .canvas = RenderRules::PixelSize{side, side * 5 / 8}};
     }
 
     std::unique_ptr<PreviewPlayer> open(const StagingJob& j, Handed& handed,

@@ -78,8 +78,8 @@ TEST(RecordedMomentSourceTest, ClicksLiveForTheirLifeAndPressBriefly)
 
 TEST(RecordedMomentSourceTest, MasksKeycapsCaptionsAndTransitionsAtTheirBoundaries)
 {
-    const Parts parts {.plan = {.masks = {MaskRegion {"A", 0.1, 0.1, 0.2, 0.2, 1.0, 2.0}},
-                           .cuts = {CutRange {"C", 8.0, 9.0, TransitionSpec {TransitionSpec::Kind::blur, 0.4}}}},
+    const Parts parts{.plan = {.masks = {MaskRegion{"A", 0.1, 0.1, 0.2, 0.2, 1.0, 2.0}},
+                          .cuts = {CutRange{"C", 8.0, 9.0, TransitionSpec{TransitionSpec::Kind::blur, 0.4}}}},
         .keystrokes = {{{3000, "⌘C"}, {1000, "⌘S"}, {2000, "⏎"}, {2500, "⇥"}}},
         .captions = {{"second", 5.0, 7.0}, {"first", 4.0, 6.0}, {"broken", NAN, 9.0}, {"late", 6.5, 6.8}},
         .rawDuration = 20,
@@ -106,7 +106,7 @@ TEST(RecordedMomentSourceTest, MasksKeycapsCaptionsAndTransitionsAtTheirBoundari
 
 TEST(RecordedMomentSourceTest, ZoomFollowsTheCurveAndReportsItsSpeed)
 {
-    Parts parts {.curve = ZoomCurve({ZoomBlock {"Z", 2.0, 6.0, 0.3, 0.3, 2.0}})};
+    Parts parts{.curve = ZoomCurve({ZoomBlock{"Z", 2.0, 6.0, 0.3, 0.3, 2.0}})};
     RecordedMomentSource source(parts);
     for (double t : {0.0, 2.1, 3.0, 5.9, 7.0})
         EXPECT_EQ(source.moment(t, 0.01).zoom, parts.curve.state(t)) << t;
@@ -119,18 +119,18 @@ TEST(RecordedMomentSourceTest, ZoomFollowsTheCurveAndReportsItsSpeed)
 
 TEST(RecordedMomentSourceTest, PlimSourcesTakeTheirSwitchesFromTrackAndLook)
 {
-    const CursorTrack track {.displayWidth = 1000,
+    const CursorTrack track{.displayWidth = 1000,
         .displayHeight = 500,
         .samples = {{0, 500, 250, 0}, {4000, 500, 250, 0}},
         .clicks = {{1000, 250, 125}, {2000, NAN, 0}}};
-    const EditPlan plan {.taps = {TapMark {"T", 1.5, 0.4, 0.6}}};
-    RecordedMomentSource screen = RecordedMomentSource::forPlim(track, {}, plan, StageSpec {}, 4.0);
+    const EditPlan plan{.taps = {TapMark{"T", 1.5, 0.4, 0.6}}};
+    RecordedMomentSource screen = RecordedMomentSource::forPlim(track, {}, plan, StageSpec{}, 4.0);
     EXPECT_EQ(screen.clickBeats(), (std::vector<RecordedMomentSource::ClickBeat>{{1.0, 0.25, 0.25}}));
     EXPECT_EQ(screen.clickLife(), RecordedMomentSource::clickLifeFor(ClickStyle::ring));
     EXPECT_EQ(screen.moment(3.9, 0.01).cursor->alpha, 0); // resting since the start
     EXPECT_FALSE(screen.moment(1.6, 0.01).touch);         // taps are a phone's
 
-    const StageSpec look {.cursorHideWhenIdle = false, .clickStyle = ClickStyle::none};
+    const StageSpec look{.cursorHideWhenIdle = false, .clickStyle = ClickStyle::none};
     RecordedMomentSource plain = RecordedMomentSource::forPlim(track, {}, plan, look, 4.0);
     EXPECT_TRUE(plain.moment(1.0, 0.01).clicks.empty());
     EXPECT_EQ(plain.moment(3.9, 0.01).cursor->alpha, 1);
@@ -154,7 +154,7 @@ TEST(RecordedMomentSourceTest, EveryReaderOfTheTracksPutsTheirStampsInMovieTime)
     track.clicks.push_back({1500, 90, 50});
     KeystrokeTrack keys{{{1500, "⌘S"}}};
 
-    const StageSpec look {.clickStyle = ClickStyle::ring};
+    const StageSpec look{.clickStyle = ClickStyle::ring};
     RecordedMomentSource source = RecordedMomentSource::forPlim(track, keys, EditPlan{}, look, 4.0);
     EXPECT_EQ(source.clickBeats(), (std::vector<RecordedMomentSource::ClickBeat>{{0.5, 0.9, 0.5}}));
     EXPECT_EQ(source.moment(0.5, 0.01).clicks, (Clicks{{0.9, 0.5, 0.0}}));
@@ -173,7 +173,7 @@ TEST(RecordedMomentSourceTest, EveryReaderOfTheTracksPutsTheirStampsInMovieTime)
 
 TEST(RecordedMomentSourceTest, MomentsDependOnlyOnTheirTime)
 {
-    CursorTrack track {.displayWidth = 100, .displayHeight = 100};
+    CursorTrack track{.displayWidth = 100, .displayHeight = 100};
     for (int i = 0; i < 600; ++i) {
         track.samples.push_back({i * 17, 50 + 40 * std::sin(i * 0.05), 50 + 40 * std::cos(i * 0.07), 0});
         if (i % 30 == 0)
@@ -209,7 +209,7 @@ TEST(CameraPictureTest, UsableOnlyWhenThePixelsCoverEveryRow)
     EXPECT_FALSE((CameraPicture{4, 2, 16, nullptr}).isUsable());
 
     // Moments compare camera frames by cameraPicture: the same values in another buffer differ.
-    const StageMoment a {.cameraFrame = cameraPicture(2, 2, 8, 16)};
+    const StageMoment a{.cameraFrame = cameraPicture(2, 2, 8, 16)};
     StageMoment b = a;
     EXPECT_EQ(a, b);
     b.cameraFrame = cameraPicture(2, 2, 8, 16);

@@ -18,19 +18,18 @@ constexpr double nan = std::numeric_limits<double>::quiet_NaN();
 
 TEST(RenderRules, CanvasFollowsTheQualityTheAspectAndEvenSides)
 {
-    for (auto [quality, gif, recorded, canvas] :
-        std::vector<std::tuple<Quality, bool, std::optional<Size>, PixelSize>> {
-            {Quality::p1080, false, Size {1920, 1080}, {1920, 1080}},
-            {Quality::p720, false, Size {1920, 1080}, {1280, 720}},
-            {Quality::p2160, false, Size {2560, 1600}, {3456, 2160}},
-            {Quality::p1080, false, Size {1080, 1920}, {1080, 1920}}, // portrait keeps its short side across
-            {Quality::p1080, true, Size {1920, 1080}, {1152, 648}}, // GIF at 0.6
-            {Quality::p720, false, Size {1365, 768}, {1278, 720}}, // 1279.68 rounds down to even
-            {Quality::p1080, false, std::nullopt, {1920, 1080}}, // unknown: 16:9
-            {Quality::p1080, false, Size {1, 900}, {1920, 1080}}, // a side under 2 is unknown
-            {Quality::p720, false, Size {nan, 720}, {1280, 720}},
-            {Quality::p1080, false, Size {inf, 1080}, {1080, 1080}}, // a side that is not finite becomes 1080
-        }) {
+    for (auto [quality, gif, recorded, canvas] : std::vector<std::tuple<Quality, bool, std::optional<Size>, PixelSize>>{
+             {Quality::p1080, false, Size{1920, 1080}, {1920, 1080}},
+             {Quality::p720, false, Size{1920, 1080}, {1280, 720}},
+             {Quality::p2160, false, Size{2560, 1600}, {3456, 2160}},
+             {Quality::p1080, false, Size{1080, 1920}, {1080, 1920}}, // portrait keeps its short side across
+             {Quality::p1080, true, Size{1920, 1080}, {1152, 648}}, // GIF at 0.6
+             {Quality::p720, false, Size{1365, 768}, {1278, 720}}, // 1279.68 rounds down to even
+             {Quality::p1080, false, std::nullopt, {1920, 1080}}, // unknown: 16:9
+             {Quality::p1080, false, Size{1, 900}, {1920, 1080}}, // a side under 2 is unknown
+             {Quality::p720, false, Size{nan, 720}, {1280, 720}},
+             {Quality::p1080, false, Size{inf, 1080}, {1080, 1080}}, // a side that is not finite becomes 1080
+         }) {
         auto got = canvasSize(quality, gif, recorded);
         EXPECT_EQ(got, canvas) << static_cast<int>(quality) << " gif " << gif << " -> " << got.width << "x"
                                << got.height;
@@ -41,7 +40,7 @@ TEST(RenderRules, CanvasFollowsTheQualityTheAspectAndEvenSides)
 
 TEST(RenderRules, PaceTakesAtMostOneFramePerSlot)
 {
-    for (auto [outT, nextSlot, fps, expected] : std::vector<std::tuple<double, int64_t, double, Pace>> {
+    for (auto [outT, nextSlot, fps, expected] : std::vector<std::tuple<double, int64_t, double, Pace>>{
              {0.0, 0, 60, {true, 1}},
              {1.0 / 60 - 1e-9, 1, 60, {true, 2}}, // the 1e-6 margin keeps a rounding error in its slot
              {0.010, 1, 60, {false, 1}}, // slot 0 was drawn already
@@ -56,7 +55,7 @@ TEST(RenderRules, ExpectedFramesCountsWhatThePacingTakes)
 {
     // {name, edit, recording seconds, source and output frame rates, frames}
     using Case = std::tuple<const char*, EditPlan, double, double, double, int64_t>;
-    for (const auto& [name, plan, raw, sourceFPS, fps, frames] : std::vector<Case> {
+    for (const auto& [name, plan, raw, sourceFPS, fps, frames] : std::vector<Case>{
              {"whole 2 s at 60", {}, 2, 60, 60, 120},
              {"trimmed to 0.5-1.5", {.trimIn = 0.5, .trimOut = 1.5}, 2, 60, 60, 60},
              {"a 4x skip over 1 s", {.skips = {{{0.5, 1.5}, false, 4.0}}}, 2, 60, 60, 75},
@@ -75,7 +74,7 @@ TEST(RenderRules, ExpectedFramesCountsWhatThePacingTakes)
 TEST(RenderRules, PacedFramesMapThroughTheTimelineAndNeverRepeatASlot)
 {
     // A 4x stretch drops three of every four source frames; the cut moves the rest earlier.
-    const EditPlan plan {.skips = {{{1.0, 2.0}, false, 4.0}}, .cuts = {{"c", 2.5, 3.0, {}}}};
+    const EditPlan plan{.skips = {{{1.0, 2.0}, false, 4.0}}, .cuts = {{"c", 2.5, 3.0, {}}}};
     auto timeline = plan.clipTimeline(4.0);
     auto frames = pacedFrames(timeline, 60, 60);
     ASSERT_FALSE(frames.empty());
@@ -98,7 +97,7 @@ TEST(RenderRules, PacedFramesMapThroughTheTimelineAndNeverRepeatASlot)
 
 TEST(RenderRules, EveryStagingErrorIsAWholeSentence)
 {
-    for (const auto& [error, parts] : std::vector<std::pair<StagingError, std::vector<std::string>>> {
+    for (const auto& [error, parts] : std::vector<std::pair<StagingError, std::vector<std::string>>>{
              {StagingError::unreadable("it has no picture"),
                  {"The plim could not be read: it has no picture.", "Nothing was saved and your plim is untouched."}},
              {StagingError::writerFailed("the disk is full", true),

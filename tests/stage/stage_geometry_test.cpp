@@ -44,7 +44,7 @@ StageSpec pxSpec(int padding, int corners)
 // The pixel lengths are ignored under a card look.
 StageSpec cardSpec(double padding, double corners)
 {
-    return {.paddingPX = 0, .cornersPX = 99, .card = StageSpec::CardLook {padding, corners, 1.0, std::nullopt}};
+    return {.paddingPX = 0, .cornersPX = 99, .card = StageSpec::CardLook{padding, corners, 1.0, std::nullopt}};
 }
 
 TEST(StageGeometryCard, ScreenCardLayout)
@@ -200,7 +200,7 @@ TEST(StageGeometryCardCamera, ViewBlendsFromTheCanvasToTheCard)
     // t = (z - 1) / growth.
     const Rect narrow{900, 0, 120, 1080}; // growth 15
     // {zoom, focus, card, the view}
-    for (const auto& [z, focus, onCard, view] : std::vector<std::tuple<double, Point, Rect, Rect>> {
+    for (const auto& [z, focus, onCard, view] : std::vector<std::tuple<double, Point, Rect, Rect>>{
              {1.25, {0, 0}, card, card},
              {1.25, {1920, 1080}, card, card},
              {1.25, {1700, 120}, card, card},
@@ -311,7 +311,7 @@ TEST(ReframeMath, InsetsStackAboveTheBubbleButNeverAboveTheMiddle)
     const double top = ReframeMath::bubbleRect(tall).maxY();
     // {canvas, the bubble's top, whether keycaps show, keycap inset, caption inset}
     for (auto [size, bubbleTop, keys, keycap, caption] :
-        std::vector<std::tuple<Size, std::optional<double>, bool, double, double>> {{tall, top, true, 287.55, 287.55},
+        std::vector<std::tuple<Size, std::optional<double>, bool, double, double>>{{tall, top, true, 287.55, 287.55},
             {tall, top, false, 287.55, 223.7625}, {tall, 1500, true, 960 - 64 * k, 960 - 118 * k},
             {tall, 1500, false, 960 - 64 * k, 960 - 118 * k}, {{1080, 100}, 300, false, 0, 0}, {tall, 1, false, 0, 0},
             {tall, std::nullopt, true, 0, 0}, {tall, 0.0, true, 0, 0}, {tall, -20.0, false, 0, 0},

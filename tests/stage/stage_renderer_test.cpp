@@ -156,7 +156,7 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSaysStreaksAndShrinksWhenPressed
     const Image bare = r->render(source, {});
     const Rect card = r->geometry().screenRect;
     for (auto [fx, fy] : {std::pair{0.25, 0.3}, {0.7, 0.6}}) {
-        const Image frame = r->render(source, {.cursor = StageMoment::Cursor {fx, fy, fx, fy, 1, 0}});
+        const Image frame = r->render(source, {.cursor = StageMoment::Cursor{fx, fy, fx, fy, 1, 0}});
         const int tx = static_cast<int>(card.x + fx * card.width);
         const int ty = static_cast<int>(180 - (card.y + (1 - fy) * card.height));
         // Dark arrow body just below and right of the tip; untouched far away.
@@ -168,16 +168,16 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSaysStreaksAndShrinksWhenPressed
         EXPECT_EQ(distance(at(frame, tx - 40, ty - 30), at(bare, tx - 40, ty - 30)), 0);
     }
     // A touch on a phone recording shows where the finger is.
-    const StageMoment touched {.touch = StageMoment::Touch {0.7, 0.6}};
+    const StageMoment touched{.touch = StageMoment::Touch{0.7, 0.6}};
     const int touchX = static_cast<int>(card.x + 0.7 * card.width), touchY = static_cast<int>(180 - (card.y + 0.4 * card.height));
     EXPECT_GT(changed(r->render(source, touched), bare, touchX - 12, touchY - 12, touchX + 12, touchY + 12, 10), 60);
     // A hidden pointer draws nothing.
-    const Image hidden = r->render(source, {.cursor = StageMoment::Cursor {0.5, 0.5, 0.5, 0.5, 0, 0}});
+    const Image hidden = r->render(source, {.cursor = StageMoment::Cursor{0.5, 0.5, 0.5, 0.5, 0, 0}});
     EXPECT_EQ(distance(at(hidden, 162, 95), at(bare, 162, 95)), 0);
     // Behind a pointer that moved fast (to its left) only the streak draws; pressed, it shrinks.
-    const Image still = r->render(source, {.cursor = StageMoment::Cursor {0.6, 0.5, 0.6, 0.5, 1, 0}});
-    const Image streak = r->render(source, {.cursor = StageMoment::Cursor {0.6, 0.5, 0.3, 0.5, 1, 0}});
-    const Image pressed = r->render(source, {.cursor = StageMoment::Cursor {0.6, 0.5, 0.6, 0.5, 1, 1}});
+    const Image still = r->render(source, {.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 0}});
+    const Image streak = r->render(source, {.cursor = StageMoment::Cursor{0.6, 0.5, 0.3, 0.5, 1, 0}});
+    const Image pressed = r->render(source, {.cursor = StageMoment::Cursor{0.6, 0.5, 0.6, 0.5, 1, 1}});
     const int left = static_cast<int>(card.x + 0.6 * card.width) - 10;
     EXPECT_EQ(changed(still, bare, left - 70, 60, left, 120, 10), 0);
     EXPECT_GT(changed(streak, bare, left - 70, 60, left, 120, 10), 20);
@@ -263,7 +263,7 @@ TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
     for (CameraShape shape : allCameraShapes)
         for (bool mirror : {true, false}) {
             auto r = renderer({}, {320, 180}, {320, 180},
-                {.camera = CameraBubble {shape, PlimLook::BubbleCorner::br, std::nullopt, 1, mirror, true}});
+                {.camera = CameraBubble{shape, PlimLook::BubbleCorner::br, std::nullopt, 1, mirror, true}});
             const Image frame = r->render(solid(320, 180, {90, 90, 90, 255}), {}, std::nullopt, camera);
             // 0.24 × 180 = 43.2 wide, 7.2 from the bottom-right corner.
             const double d = 43.2, cx = 320 - 7.2 - d / 2, cy = 180 - 7.2 - d / 2;
@@ -276,11 +276,11 @@ TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
             EXPECT_EQ(std::max(corner.r, corner.b) > 150, shape == CameraShape::card);
         }
     // A camera picture carried by the moment shows too; without any picture there is no bubble.
-    auto r = renderer({}, {320, 180}, {320, 180}, {.camera = CameraBubble {}});
+    auto r = renderer({}, {320, 180}, {320, 180}, {.camera = CameraBubble{}});
     auto pixels = std::make_shared<std::vector<uint8_t>>(16 * 16 * 4);
     for (size_t i = 0; i < pixels->size(); i += 4)
         (*pixels)[i + 1] = 220, (*pixels)[i + 3] = 255; // green
-    const StageMoment m {.cameraFrame = CameraPicture {16, 16, 64, pixels}};
+    const StageMoment m{.cameraFrame = CameraPicture{16, 16, 64, pixels}};
     const Image grey = solid(320, 180, {90, 90, 90, 255});
     const int cx = static_cast<int>(320 - 7.2 - 21.6), cy = static_cast<int>(180 - 7.2 - 21.6);
     EXPECT_GT(at(r->render(grey, m), cx, cy).g, 180);
@@ -289,7 +289,7 @@ TEST(StageRenderer, CameraBubbleInItsCornerMirroredAndRinged)
 
 TEST(StageRenderer, VerticalShapePutsTheBubbleLowWithCaptionAndKeycapsAboveIt)
 {
-    auto r = renderer({}, {360, 640}, {320, 180}, {.shape = PlimLook::Shape::vertical, .camera = CameraBubble {}});
+    auto r = renderer({}, {360, 640}, {320, 180}, {.shape = PlimLook::Shape::vertical, .camera = CameraBubble{}});
     const Image source = solid(320, 180, {200, 200, 200, 255});
     const Image camera = solid(40, 40, {20, 200, 20, 255});
     const Image bare = r->render(source, {}, std::nullopt, camera);
@@ -311,7 +311,7 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
     auto r = renderer(StageSpec{}, {640, 360}, {320, 180});
     const Image source = solid(320, 180, {200, 200, 200, 255});
     const Image bare = r->render(source, {});
-    StageMoment m {.keycaps = {{2000, "⌘S"}, {2200, "⏎"}}, .keycapTime = 2.4};
+    StageMoment m{.keycaps = {{2000, "⌘S"}, {2200, "⏎"}}, .keycapTime = 2.4};
     const Image frame = r->render(source, m);
     EXPECT_GT(changed(frame, bare, 220, 260, 420, 360), 300);
     EXPECT_EQ(changed(frame, bare, 0, 0, 640, 250), 0);
@@ -322,7 +322,7 @@ TEST(StageRenderer, KeycapsAppearAtTheirTime)
     // A hundred distinct shortcuts, two new in each frame: the renderer's text cache fills
     // and is emptied along the way, and every frame still matches a fresh renderer's.
     for (int n = 0; n < 100; n += 2) {
-        const StageMoment many {
+        const StageMoment many{
             .keycaps = {{n * 100, "⌃" + std::to_string(n)}, {n * 100 + 50, "⌥" + std::to_string(n + 1)}},
             .keycapTime = n * 0.1 + 0.3};
         const Image drawn = r->render(source, many);
@@ -374,7 +374,7 @@ TEST(StageRenderer, TransitionsDarkenBlurAndPunch)
         return sum;
     };
     auto with = [&](TransitionSpec::Kind kind, double phase) {
-        return r->render(source, {.transition = EditPlan::TransitionPhase {kind, phase}});
+        return r->render(source, {.transition = EditPlan::TransitionPhase{kind, phase}});
     };
     const Image half = with(TransitionSpec::Kind::dipToBlack, 0.5);
     EXPECT_NEAR(meanLuma(half) / meanLuma(bare), 0.5, 0.03);
@@ -400,12 +400,12 @@ TEST(StageRenderer, BackdropsOfEveryKind)
     std::vector<std::tuple<std::string, StageSpec, std::optional<Rgba>>> cases;
     for (B::Named n : B::allNamed)
         cases.push_back({std::string(backdropNameText(n)), {.backdrop = B::named(n)},
-            n == B::Named::wallpaper ? std::optional(Rgba {30, 180, 60, 255}) : std::nullopt});
+            n == B::Named::wallpaper ? std::optional(Rgba{30, 180, 60, 255}) : std::nullopt});
     for (const char* look : {"dawn", "lagoon", "meadow", "ember", "graphite", "paper", "desk"})
-        cases.push_back({std::string("look_") + look, {.card = StageSpec::CardLook {.backdrop = look}}, std::nullopt});
-    cases.push_back({"solid", {.backdrop = B::solid("#336699")}, Rgba {0x99, 0x66, 0x33, 255}});
+        cases.push_back({std::string("look_") + look, {.card = StageSpec::CardLook{.backdrop = look}}, std::nullopt});
+    cases.push_back({"solid", {.backdrop = B::solid("#336699")}, Rgba{0x99, 0x66, 0x33, 255}});
     cases.push_back({"duo", {.backdrop = B::duo("#ff0000", "#0000ff")}, std::nullopt});
-    cases.push_back({"image", {.backdrop = B::image((dir / "green.png").string(), 0)}, Rgba {30, 180, 60, 255}});
+    cases.push_back({"image", {.backdrop = B::image((dir / "green.png").string(), 0)}, Rgba{30, 180, 60, 255}});
 
     std::set<std::tuple<int, int, int>> corners;
     for (const auto& [name, stage, known] : cases) {
@@ -436,7 +436,7 @@ TEST(StageRenderer, BackdropsOfEveryKind)
                       .status,
             0);
         auto pictured = renderer({.backdrop = B::image((dir / name).string(), 0)}, {160, 90}, {160, 90});
-        EXPECT_LT(distance(at(pictured->ground(), 1, 1), Rgba {180, 60, 30, 255}), 12) << name;
+        EXPECT_LT(distance(at(pictured->ground(), 1, 1), Rgba{180, 60, 30, 255}), 12) << name;
     }
     testkit::writeText(dir / "broken.jpg", "not a picture");
     renderer({.backdrop = B::image((dir / "broken.jpg").string(), 0)}, {160, 90}, {160, 90});
@@ -454,7 +454,7 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
     // Far from the zoom centre the picture smears; at the centre it stays put.
     EXPECT_LT(detail(blurred, 250, 0, 320, 60), detail(sharp, 250, 0, 320, 60) * 0.8);
 
-    const StageMoment lit {.cursor = StageMoment::Cursor {0.2, 0.5, 0.2, 0.5, 0, 0}};
+    const StageMoment lit{.cursor = StageMoment::Cursor{0.2, 0.5, 0.2, 0.5, 0, 0}};
     const Image frame = r->render(source, lit);
     const Image plain = renderer(flat(), {320, 180}, {320, 180})->render(source, lit);
     auto mean = [](const Image& f, int x0, int x1) {
@@ -474,11 +474,11 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
 // beside it (a seam where bands of the frame meet).
 TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
 {
-    const StageSpec pixels {.cursorSpotlight = true};
-    const StageSpec card {.cursorSpotlight = true, .card = StageSpec::CardLook {0.06, 0.02, 1.0, "dawn"}};
+    const StageSpec pixels{.cursorSpotlight = true};
+    const StageSpec card{.cursorSpotlight = true, .card = StageSpec::CardLook{0.06, 0.02, 1.0, "dawn"}};
     const Image source = solid(320, 200, {200, 200, 200, 255});
     for (const auto& [look, stage, canvas, shape] :
-        std::vector<std::tuple<const char*, StageSpec, Size, PlimLook::Shape>> {
+        std::vector<std::tuple<const char*, StageSpec, Size, PlimLook::Shape>>{
             {"pixels", pixels, {432, 270}, PlimLook::Shape::landscape},
             {"card", card, {432, 270}, PlimLook::Shape::landscape},
             {"card_odd", card, {641, 359}, PlimLook::Shape::landscape},
@@ -486,13 +486,13 @@ TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
         auto r = renderer(stage, canvas, {320, 200}, {.shape = shape});
         std::vector<std::pair<std::string, StageMoment>> moments{{"plain", {}}};
         // The demo's three zoom centres on their way in to 2.4, and others near the edges.
-        for (ZoomState zoom : {ZoomState {1.07, 0.221875, 0.2975}, ZoomState {1.55, 0.768359375, 0.46875},
-                 ZoomState {2.4, 0.4953125, 0.15625}, ZoomState {1.23, 0.437, 0.611}, ZoomState {1.337, 0.9, 0.07},
-                 ZoomState {2.071, 0.13, 0.88}})
-            moments.emplace_back("zoom" + std::to_string(zoom.scale), StageMoment {.zoom = zoom});
-        const StageMoment::Cursor lit {0.313, 0.571, 0.313, 0.571, 0, 0};
-        moments.emplace_back("lit", StageMoment {.cursor = lit});
-        moments.emplace_back("both", StageMoment {.zoom = moments[1].second.zoom, .cursor = lit});
+        for (ZoomState zoom : {ZoomState{1.07, 0.221875, 0.2975}, ZoomState{1.55, 0.768359375, 0.46875},
+                 ZoomState{2.4, 0.4953125, 0.15625}, ZoomState{1.23, 0.437, 0.611}, ZoomState{1.337, 0.9, 0.07},
+                 ZoomState{2.071, 0.13, 0.88}})
+            moments.emplace_back("zoom" + std::to_string(zoom.scale), StageMoment{.zoom = zoom});
+        const StageMoment::Cursor lit{0.313, 0.571, 0.313, 0.571, 0, 0};
+        moments.emplace_back("lit", StageMoment{.cursor = lit});
+        moments.emplace_back("both", StageMoment{.zoom = moments[1].second.zoom, .cursor = lit});
         for (const auto& [name, moment] : moments) {
             for (int pass = 0; pass < 2; ++pass) { // a fresh frame, then a reused one
                 const Image frame = r->render(source, moment);
@@ -523,7 +523,7 @@ TEST(StageRenderer, FramesAreOpaqueWithoutSeamsWhereTheBackdropIsSmooth)
 TEST(StageRenderer, ShapesFramingAndPhoneBody)
 {
     const Image source = solid(90, 160, {30, 160, 220, 255});
-    for (auto [name, canvas, framed] : std::vector<std::tuple<const char*, Size, bool>> {
+    for (auto [name, canvas, framed] : std::vector<std::tuple<const char*, Size, bool>>{
              {"square", {240, 240}, false}, {"phone", {320, 180}, true}, {"phone_vertical", {180, 320}, true}}) {
         const auto shape = canvas.width == canvas.height ? PlimLook::Shape::square : PlimLook::Shape::landscape;
         auto r = renderer({}, canvas, {90, 160}, {.shape = shape, .deviceFramed = framed});
@@ -532,7 +532,7 @@ TEST(StageRenderer, ShapesFramingAndPhoneBody)
         EXPECT_LT(distance(at(frame, cx, cy), {30, 160, 220, 255}), 6) << name;
         if (framed) {
             // The dark body around the screen and the island near its top.
-            const DeviceFrameGeometry device(canvas, {90, 160}, StageSpec {});
+            const DeviceFrameGeometry device(canvas, {90, 160}, StageSpec{});
             const int bodyX = static_cast<int>(device.screen.minX() - device.bezel / 2);
             EXPECT_LT(at(frame, bodyX, cy).luma(), 40) << name;
             const int islandY = static_cast<int>(canvas.height - device.island.midY());
@@ -560,8 +560,8 @@ TEST(StageRenderer, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
     constexpr Rgba blue{220, 40, 40, 255};
     const Image source = picture(320, 200, [](int x, int) { return x < 160 ? red : blue; });
     // Pointers faded out: not drawn.
-    const StageMoment::Cursor right {0.9, 0.5, 0.9, 0.5, 0, 0};
-    const Image atLeft = r->render(source, {.cursor = StageMoment::Cursor {0.1, 0.5, 0.1, 0.5, 0, 0}});
+    const StageMoment::Cursor right{0.9, 0.5, 0.9, 0.5, 0, 0};
+    const Image atLeft = r->render(source, {.cursor = StageMoment::Cursor{0.1, 0.5, 0.1, 0.5, 0, 0}});
     const Image atRight = r->render(source, {.cursor = right});
     const Image magnified = r->render(source, {.zoom = {2, 0.75, 0.5}, .cursor = right});
     const Rect& w = *r->geometry().window;
@@ -596,7 +596,7 @@ TEST(StageRenderer, CameraChoicesComeFromThePlan)
         {{}, 3.0, NAN, 100, {}, {}, {}, {CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 2.5, true, true}},
     };
     for (const Case& c : cases) {
-        const EditPlan plan {.cameraCorner = c.corner,
+        const EditPlan plan{.cameraCorner = c.corner,
             .cameraX = c.x,
             .cameraY = c.y,
             .cameraScale = c.scale,

@@ -55,7 +55,7 @@ TEST(StageSpecJson, MalformedKeysKeepTheirDefaultsWithASentenceEach)
         "cursorSize": 100000, "cursorHideWhenIdle": "yes", "cursorSpotlight": true,
         "card": [1, 2], "clickStyle": "sparkle", "clickTint": 3, "zoomStyle": "bouncy",
         "captionLook": "bold", "captionSize": null, "captionPlace": "middle", "unknownKey": 1})"));
-    const StageSpec expected {
+    const StageSpec expected{
         .cursorSpotlight = true, .zoomStyle = ZoomStyle::bouncy, .captionLook = StageSpec::CaptionLook::bold};
     EXPECT_EQ(decoded.spec, expected);
     const std::string look = "The stage look's ";
@@ -137,9 +137,8 @@ TEST(StageSpecShadow, LayersFollowTheStrengthCappedAt1Point2)
              {0.0, {}}, {-1.0, {}}, {std::nan(""), {}}})
         EXPECT_EQ(StageSpec::CardLook::shadowLayersFor(strength), expected) << strength;
     // Without a card look the strength is shadowPercent / 100; a card look's replaces it.
-    EXPECT_EQ(StageSpec {.shadowPercent = 80}.shadowLayers(), scaled(0.8));
-    EXPECT_EQ(
-        (StageSpec {.shadowPercent = 80, .card = StageSpec::CardLook {.shadow = 0.3}}.shadowLayers()), scaled(0.3));
+    EXPECT_EQ(StageSpec{.shadowPercent = 80}.shadowLayers(), scaled(0.8));
+    EXPECT_EQ((StageSpec{.shadowPercent = 80, .card = StageSpec::CardLook{.shadow = 0.3}}.shadowLayers()), scaled(0.3));
 }
 
 TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAreAndAFailedWriteKeepsWhatWasThere)
@@ -148,7 +147,7 @@ TEST(StageSpecFileTest, WritesReadsAndLeavesBadFilesAsTheyAreAndAFailedWriteKeep
     LogCapture log;
     EXPECT_EQ(StageSpecFile::read(dir / "none.stage.json").error().kind, Error::Kind::missing);
 
-    const StageSpec spec {.backdrop = Backdrop::solid("#0A0B0C"), .captionPlace = StageSpec::CaptionPlace::top};
+    const StageSpec spec{.backdrop = Backdrop::solid("#0A0B0C"), .captionPlace = StageSpec::CaptionPlace::top};
     ASSERT_TRUE(StageSpecFile::write(dir / "B.stage.json", spec).has_value());
     EXPECT_EQ(testkit::readText(dir / "B.stage.json"), encodeJson(spec.toJson()));
     auto back = StageSpecFile::read(dir / "B.stage.json");
@@ -256,7 +255,7 @@ TEST(StageSpecWearing, ALookReplacesOnlyWhatItChose)
 {
     using L = PlimLook;
     using S = StageSpec;
-    const S base {.cursorSize = 160,
+    const S base{.cursorSize = 160,
         .cursorHideWhenIdle = false,
         .clickStyle = ClickStyle::pulse,
         .clickTint = ClickTint::amber,

@@ -45,7 +45,7 @@ TEST_F(StagingEngineTest, ReframedMoviesFollowThePlanInLengthPictureAndSound)
 {
     // {name, edit, output seconds, where the source's tone at 2.5 s lands}
     for (const auto& [name, plan, outputSeconds, toneAt] :
-        std::vector<std::tuple<const char*, EditPlan, double, double>> {
+        std::vector<std::tuple<const char*, EditPlan, double, double>>{
             {"no edit", {}, 3.0, 2.5},
             // 0.1 trimmed, 0.6 s played in 0.15, 0.5 cut and 0.2 trimmed at the end.
             {"trims, a cut and a stretch four times as fast",
@@ -212,8 +212,8 @@ TEST_F(StagingEngineTest, TheLookReachesTheStagedFrame)
     // gradient and say so; the file stays as it was.
     const fs::path broken = dir / "broken.png";
     writeText(broken, "not a picture");
-    const PlimLook pictured {.backdrop = PlimLook::Backdrop::image, .backdropImage = broken.string()};
-    const PlimLook papered {.backdrop = PlimLook::Backdrop::wallpaper};
+    const PlimLook pictured{.backdrop = PlimLook::Backdrop::image, .backdropImage = broken.string()};
+    const PlimLook papered{.backdrop = PlimLook::Backdrop::wallpaper};
     const Image fallback = staged(pictured), noWallpaper = staged(papered);
     EXPECT_EQ(distance(at(fallback, 4, 4), at(noWallpaper, 4, 4)), 0);
     EXPECT_GT(changed(fallback, base, 0, 0, 20, 20), 300) << "the gradient, not the look's dawn";
@@ -273,7 +273,7 @@ TEST_F(StagingEngineTest, TheCameraBubbleShowsTheCameraMovieAtItsOffset)
     j.quality = RenderRules::Quality::p720;
     // {the camera's offset, output seconds, the camera's colour then, one it does not show}
     for (auto [offsetMS, when, shown, notShown] :
-        std::vector<std::tuple<int64_t, double, uint32_t, uint32_t>> {{0, 0.25, 0xff00ff, 0x00ffff},
+        std::vector<std::tuple<int64_t, double, uint32_t, uint32_t>>{{0, 0.25, 0xff00ff, 0x00ffff},
             {1000, 0.25, 0x00ffff, 0xff00ff}, // the camera started a second before the screen
             {1000, 1.5, 0xffff00, 0x00ffff}}) {
         j.cursor.cameraOffsetMS = offsetMS;

@@ -36,8 +36,8 @@ public:
             while (!stop.stop_requested()) {
                 const double taken = systemUptime();
                 if (m_bunched)
-                    onFrame(CapturedFrame {picture(), taken});
-                onFrame(CapturedFrame {picture(), m_bunched ? taken + 1e-4 : taken});
+                    onFrame(CapturedFrame{picture(), taken});
+                onFrame(CapturedFrame{picture(), m_bunched ? taken + 1e-4 : taken});
                 level = uint8_t(level + 8);
                 next += 1.0 / m_fps;
                 std::this_thread::sleep_for(std::chrono::duration<double>(next - systemUptime()));

@@ -147,7 +147,7 @@ std::string GnomeSession::grantScreenCast()
 
 std::string GnomeSession::grantWindowCast(const Window& window)
 {
-    return grant(2, sdbus::Variant(sdbus::Struct<std::string, std::string> {window.appId, window.title}));
+    return grant(2, sdbus::Variant(sdbus::Struct<std::string, std::string>{window.appId, window.title}));
 }
 
 // The GNOME portal's restore data: ("GNOME", 1, <(granted, last used, [(stream, `type`, `source`)])>),
@@ -159,8 +159,8 @@ std::string GnomeSession::grant(uint32_t type, const sdbus::Variant& source)
               .count();
     using Stream = sdbus::Struct<uint32_t, uint32_t, sdbus::Variant>;
     const sdbus::Variant streams(
-        sdbus::Struct<int64_t, int64_t, std::vector<Stream>> {now, now, {Stream {0u, type, source}}});
-    return seedGrant(sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant> {"GNOME", 1u, streams}));
+        sdbus::Struct<int64_t, int64_t, std::vector<Stream>>{now, now, {Stream{0u, type, source}}});
+    return seedGrant(sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant>{"GNOME", 1u, streams}));
 }
 
 bool GnomeSession::movePointer(double x, double y)

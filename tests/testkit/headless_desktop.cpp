@@ -94,7 +94,7 @@ std::string HeadlessDesktop::seedGrant(const sdbus::Variant& data) const
         auto proxy = sdbus::createProxy(*connection, store, "/org/freedesktop/impl/portal/PermissionStore");
         proxy->callMethod("SetPermission")
             .onInterface(store)
-            .withArguments("screencast", true, token, "", std::vector<std::string> {"yes"});
+            .withArguments("screencast", true, token, "", std::vector<std::string>{"yes"});
         proxy->callMethod("SetValue").onInterface(store).withArguments("screencast", true, token, data);
     } catch (const sdbus::Error&) {
         return {};

@@ -28,7 +28,7 @@ bool sendAll(int socket, const char* data, size_t length)
 
 std::string reasonPhrase(int status)
 {
-    static const std::map<int, std::string> phrases {{200, "OK"}, {206, "Partial Content"}, {404, "Not Found"},
+    static const std::map<int, std::string> phrases{{200, "OK"}, {206, "Partial Content"}, {404, "Not Found"},
         {416, "Range Not Satisfiable"}, {503, "Service Unavailable"}};
     return phrases.contains(status) ? phrases.at(status) : "Status";
 }
@@ -40,7 +40,7 @@ HttpRangeServer::HttpRangeServer()
     if (::pipe2(m_wake, O_CLOEXEC) != 0)
         return;
     int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address {.sin_family = AF_INET, .sin_port = 0, .sin_addr = {.s_addr = htonl(INADDR_LOOPBACK)}};
+    sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {.s_addr = htonl(INADDR_LOOPBACK)}};
     socklen_t length = sizeof address;
     if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || ::listen(fd, 16) != 0
         || ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -154,7 +154,7 @@ void HttpRangeServer::answer(int socket)
             stall = behaviour.stallAfter >= 0 && behaviour.stalls > 0 && behaviour.stalls-- > 0;
         }
     }
-    const Behaviour behaviour = entry ? entry->behaviour : Behaviour {};
+    const Behaviour behaviour = entry ? entry->behaviour : Behaviour{};
     auto sendHead = [&](int status, int64_t length, const std::string& extra) {
         std::string text = "HTTP/1.1 " + std::to_string(status) + " " + reasonPhrase(status) + "\r\nContent-Length: "
             + std::to_string(length) + "\r\n" + extra + "Connection: close\r\n\r\n";

@@ -105,7 +105,7 @@ std::string KdeSession::grantWindowCast(const std::string& id)
     map.u32(2).string("outputs").variant(qVariantList).u32(0);
     map.string("windows").variant(qStringList).u32(1).string(id);
     return seedGrant(
-        sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant> {"KDE", 1u, sdbus::Variant(map.bytes)}));
+        sdbus::Variant(sdbus::Struct<std::string, uint32_t, sdbus::Variant>{"KDE", 1u, sdbus::Variant(map.bytes)}));
 }
 
 } // namespace plim::testkit

@@ -78,7 +78,7 @@ void TestWindow::run(std::stop_token stop)
                 fill(0xff0000); // a click turns it red
                 std::lock_guard lock(m_draw);
                 m_lastClick
-                    = ClickShown {reinterpret_cast<xcb_button_press_event_t*>(event)->time, systemUptime() * 1000};
+                    = ClickShown{reinterpret_cast<xcb_button_press_event_t*>(event)->time, systemUptime() * 1000};
             }
             free(event);
         }

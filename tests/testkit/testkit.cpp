@@ -196,7 +196,7 @@ double colourGap(const fs::path& movie, double seconds, int x, int y, int w, int
     const std::string pixels = pictureArea(movie, seconds, x, y, w, h);
     if (pixels.size() != size_t(w) * size_t(h) * 3)
         return std::numeric_limits<double>::infinity();
-    std::array<double, 3> sum {};
+    std::array<double, 3> sum{};
     for (size_t i = 0; i < pixels.size(); ++i)
         sum[i % 3] += uint8_t(pixels[i]);
     double gap = 0;

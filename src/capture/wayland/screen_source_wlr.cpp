@@ -53,10 +53,12 @@ public:
         stop();
         m_copy.reset();
         m_buffer.reset();
-        logLine(LogArea::main, "wlr-screencopy: " + std::to_string(m_copied) + " pictures from the compositor for "
+        logLine(LogArea::main,
+            "wlr-screencopy: " + std::to_string(m_copied) + " pictures from the compositor for "
                 + std::to_string(deliveredFrames()) + " frames delivered: " + std::to_string(m_shown.fresh())
                 + " as shown (one copy each), " + std::to_string(m_shown.repeated()) + " the picture before again, "
-                + std::to_string(m_shown.passedOver()) + " passed over unread (shown between ticks, more than the "
+                + std::to_string(m_shown.passedOver())
+                + " passed over unread (shown between ticks, more than the "
                   "frame rate takes)");
     }
 
@@ -149,8 +151,8 @@ private:
             // A copy asked for within the last period may be a moment from ready: a tick with
             // nothing new waits for it up to half a period, as a late tick may.
             const bool soon = m_shown.empty() && m_copy && m_copyAskedAt > next - interval();
-            auto woke = m_wayland->dispatchUntil([&] { return stop.stop_requested() || copyNeedsUs(); },
-                soon ? next + interval() / 2 : next);
+            auto woke = m_wayland->dispatchUntil(
+                [&] { return stop.stop_requested() || copyNeedsUs(); }, soon ? next + interval() / 2 : next);
             if (!woke)
                 return end(woke.error());
             if (stop.stop_requested())
@@ -168,8 +170,8 @@ private:
             }
             auto taken = m_shown.take(next, settled());
             if (taken.picture) {
-                m_last = pictureFromBuffer(*taken.picture->buffer, taken.picture->yInverted, m_output.transform,
-                    recycledImage());
+                m_last = pictureFromBuffer(
+                    *taken.picture->buffer, taken.picture->yInverted, m_output.transform, recycledImage());
                 m_spare.push_back(std::move(taken.picture->buffer));
             }
             deliver(CapturedFrame{m_last, taken.at}, next);

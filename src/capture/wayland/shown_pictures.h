@@ -20,8 +20,7 @@ namespace plim {
 // `Picture` is what waits: for the source, a filled shared-memory buffer, read out into the
 // recording's picture only at its tick (so it is fresh in memory for the writer) and never
 // when passed over.
-template <typename Picture>
-class ShownPictures {
+template<typename Picture> class ShownPictures {
 public:
     // Stamps stay this far apart, so that each lands on a tick of its own in the movie (1/600 s).
     static constexpr double minimumGap = 2e-3;
@@ -31,7 +30,7 @@ public:
         double at = 0;
     };
 
-    explicit ShownPictures(size_t limit) : m_limit(std::max<size_t>(1, limit)) {}
+    explicit ShownPictures(size_t limit) : m_limit(std::max<size_t>(1, limit)) { }
 
     // A picture the compositor showed at uptime `shownAt`; gives back the one passed over to
     // make room, if any.
@@ -69,8 +68,8 @@ public:
         return taken;
     }
 
-    int64_t fresh() const { return m_fresh; }         // pictures handed on as shown
-    int64_t repeated() const { return m_repeated; }   // ticks that handed on the last again
+    int64_t fresh() const { return m_fresh; } // pictures handed on as shown
+    int64_t repeated() const { return m_repeated; } // ticks that handed on the last again
     int64_t passedOver() const { return m_passedOver; }
 
 private:

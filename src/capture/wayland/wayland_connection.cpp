@@ -241,7 +241,10 @@ Status WaylandConnection::roundtrip()
     return {};
 }
 
-void WaylandConnection::flush() { wl_display_flush(m_display); }
+void WaylandConnection::flush()
+{
+    wl_display_flush(m_display);
+}
 
 Result<bool> WaylandConnection::dispatchUntil(const std::function<bool()>& done, double until)
 {
