@@ -36,6 +36,17 @@ void TickingScreenSource::deliver(CapturedFrame&& frame, double& next)
 {
     m_onFrame(std::move(frame));
     m_delivered.fetch_add(1);
+    moveOn(next);
+}
+
+void TickingScreenSource::passEmpty(double& next)
+{
+    m_dropped.fetch_add(1);
+    moveOn(next);
+}
+
+void TickingScreenSource::moveOn(double& next)
+{
     next += m_interval;
     if (int64_t missed = ticksLost(systemUptime(), next, m_interval)) {
         m_dropped.fetch_add(missed);

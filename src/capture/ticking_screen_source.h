@@ -25,11 +25,15 @@ protected:
     // Hands `frame` on and moves `next` (the uptime of the tick it answers) to the next tick
     // still worth taking, counting the ones passed meanwhile.
     void deliver(CapturedFrame&& frame, double& next);
+    // A tick with no picture to hand on (the desktop has sent none yet): counted as dropped.
+    void passEmpty(double& next);
     // Ends the recording with `error`'s sentence; run() returns after it.
     void end(const Error& error);
     double interval() const { return m_interval; }
 
 private:
+    void moveOn(double& next);
+
     std::mutex m_life;
     std::jthread m_thread;
     double m_interval = 1.0 / 60;

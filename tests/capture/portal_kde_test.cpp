@@ -78,11 +78,11 @@ TEST(PortalKde, RecordsAWindowWithNoDialogThenReusesTheChoice)
     const fs::path movie = onlyMovie(library.path());
     ASSERT_FALSE(movie.empty()) << first.err;
     EXPECT_EQ(probe(movie, "v:0", "stream=width,height"), "1280,800");
-    // A frame a tick at 30 per second: those written and those a loaded machine let slip,
-    // less the ticks before the window's first picture came (up to half a second measured).
+    // A frame a tick at 30 per second: those written and those counted dropped (a loaded
+    // machine's, and the ticks before the window's first picture came).
     const int frames = std::atoi(probe(movie, "v:0", "stream=nb_read_frames", {"-count_frames"}).c_str());
     const auto [dropped, seconds] = recordedSummary(first.err);
-    EXPECT_NEAR(frames + dropped, 30 * seconds, 25) << first.err;
+    EXPECT_NEAR(frames + dropped, 30 * seconds, 3) << first.err;
     EXPECT_GE(frames, 20);
     // The window's colour right of the time, and the time itself moving on.
     for (double at : {0.5, seconds - 0.5})

@@ -85,7 +85,10 @@ private:
         std::mutex sleepLock;
         std::condition_variable_any sleeper;
         double next = systemUptime();
-        double lastAt = next - 1e-3; // a picture that came before the start shows from the start
+        // Stamps stay apart by more than the movie's tick (1/600 s), so that the writer keeps
+        // each; a picture that came before the start shows from the start.
+        constexpr double gap = 2e-3;
+        double lastAt = next - gap;
         Image last;
         while (!stop.stop_requested()) {
             {
@@ -105,12 +108,12 @@ private:
                 last = std::move(fresh->first);
                 at = fresh->second;
             }
-            at = std::max(at, lastAt + 1e-3);
+            at = std::max(at, lastAt + gap);
             lastAt = at;
             if (!last.isEmpty())
                 deliver(CapturedFrame{last, at}, next);
             else
-                next += interval();
+                passEmpty(next);
         }
     }
 
