@@ -32,16 +32,8 @@ struct CliTest : ::testing::Test {
     std::vector<std::string> env = {"PLIM_LOG=stderr", "HOME=" + sandbox.home().string(),
         "XDG_CONFIG_HOME=" + (sandbox.home() / ".config").string()};
 
-    CommandResult plimRun(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), builtExecutable("plim").string());
-        return runCommand(args, env);
-    }
-    CommandResult ctl(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), builtExecutable("plimctl").string());
-        return runCommand(args, env);
-    }
+    CommandResult plimRun(std::vector<std::string> args) { return runBuilt("plim", std::move(args), env); }
+    CommandResult ctl(std::vector<std::string> args) { return runBuilt("plimctl", std::move(args), env); }
     // A test movie with a pointer track, in the test's folder.
     fs::path trackedMovie(const std::string& name = "B.mov")
     {

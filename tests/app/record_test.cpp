@@ -47,22 +47,6 @@ protected:
         return std::make_unique<ChildProcess>(argv, env, sandbox.home() / "out.txt", sandbox.home() / "err.txt");
     }
 
-    void xdotool(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), "xdotool");
-        ASSERT_EQ(runCommand(args, env).status, 0) << args[1];
-    }
-
-    static fs::path onlyMovie(const fs::path& folder)
-    {
-        std::vector<fs::path> movies;
-        if (fs::exists(folder))
-            for (const auto& entry : fs::directory_iterator(folder))
-                if (entry.path().extension() == ".mov" && entry.path().string().find(".camera.") == std::string::npos)
-                    movies.push_back(entry.path());
-        return movies.size() == 1 ? movies[0] : fs::path();
-    }
-
     XdgSandbox sandbox;
     XvfbServer x;
     PulseServer pulse;
@@ -83,13 +67,13 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
     eventually([&] { return readText(sandbox.home() / "err.txt").find("Recording ") != std::string::npos; }, 10);
     ASSERT_FALSE(onlyMovie(library).empty()) << readText(sandbox.home() / "err.txt");
     std::this_thread::sleep_for(300ms);
-    xdotool({"mousemove", "200", "150", "click", "1"});
-    xdotool({"mousemove", "400", "300", "click", "3"});
-    xdotool({"key", "super+s", "ctrl+shift+z", "h", "i", "shift+x", "Left", "Right"});
+    xdotool({"mousemove", "200", "150", "click", "1"}, env);
+    xdotool({"mousemove", "400", "300", "click", "3"}, env);
+    xdotool({"key", "super+s", "ctrl+shift+z", "h", "i", "shift+x", "Left", "Right"}, env);
     kill(child->pid(), SIGUSR1); // pause
     std::this_thread::sleep_for(2000ms);
-    xdotool({"mousemove", "600", "500", "click", "1"}); // while paused: left out
-    xdotool({"key", "super+p"});
+    xdotool({"mousemove", "600", "500", "click", "1"}, env); // while paused: left out
+    xdotool({"key", "super+p"}, env);
     kill(child->pid(), SIGUSR1); // resume
     int status = child->wait();
     double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
@@ -148,11 +132,9 @@ TEST_F(RecordTest, RecordsPointerKeysSoundAndLeavesPausesOut)
 TEST_F(RecordTest, RefusalsAndMissingInputsAreSaidOnStandardError)
 {
     auto run = [&](std::vector<std::string> extra, std::vector<std::string> more = {}) {
-        std::vector<std::string> argv{builtExecutable("plimctl").string(), "record", "--library", library.string()};
-        argv.insert(argv.end(), extra.begin(), extra.end());
-        auto all = env;
-        all.insert(all.end(), more.begin(), more.end());
-        return runCommand(argv, all);
+        extra.insert(extra.begin(), {"record", "--library", library.string()});
+        more.insert(more.begin(), env.begin(), env.end());
+        return runBuilt("plimctl", extra, more);
     };
     for (const auto& [args, sentence] : std::vector<std::pair<std::vector<std::string>, std::string>>{
              {{"--fps", "abc"}, "plimctl record: --fps takes 30 or 60, not \"abc\". Nothing was recorded.\n"},
@@ -188,7 +170,7 @@ TEST_F(RecordTest, AKilledRecordingPlaysToWithinTwoSecondsOfTheKill)
     ASSERT_FALSE(movie.empty()) << readText(sandbox.home() / "err.txt");
     auto rolling = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(300ms);
-    xdotool({"key", "super+k"});
+    xdotool({"key", "super+k"}, env);
     std::this_thread::sleep_for(6200ms);
     kill(child->pid(), SIGKILL);
     double killedAt = std::chrono::duration<double>(std::chrono::steady_clock::now() - rolling).count() + 0.5;

@@ -25,11 +25,7 @@ struct ShareCliTest : ::testing::Test {
         EXPECT_TRUE(writeTestMovie(library / name, TestMovie{.duration = seconds}));
         return library / name;
     }
-    CommandResult ctl(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), builtExecutable("plimctl").string());
-        return runCommand(args, env);
-    }
+    CommandResult ctl(std::vector<std::string> args) { return runBuilt("plimctl", std::move(args), env); }
 };
 
 } // namespace

@@ -55,11 +55,7 @@ protected:
         return movie;
     }
 
-    CommandResult ctl(std::vector<std::string> args)
-    {
-        args.insert(args.begin(), builtExecutable("plimctl").string());
-        return runCommand(args, env);
-    }
+    CommandResult ctl(std::vector<std::string> args) { return runBuilt("plimctl", std::move(args), env); }
 
     std::vector<fs::path> voiceoversLeft() const
     {

@@ -135,14 +135,4 @@ RecordedSummary recordedSummary(const std::string& err)
     return summary;
 }
 
-fs::path onlyMovie(const fs::path& library)
-{
-    std::vector<fs::path> movies;
-    std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(library, ec))
-        if (entry.path().extension() == ".mov")
-            movies.push_back(entry.path());
-    return movies.size() == 1 ? movies[0] : fs::path();
-}
-
 } // namespace plim::testkit

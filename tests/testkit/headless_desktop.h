@@ -76,7 +76,5 @@ struct RecordedSummary {
     double seconds = 0;
 };
 RecordedSummary recordedSummary(const std::string& err);
-// The one movie plimctl record left in `library`; empty when there is none or more than one.
-fs::path onlyMovie(const fs::path& library);
 
 } // namespace plim::testkit

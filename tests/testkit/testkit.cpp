@@ -191,17 +191,24 @@ std::string pictureArea(const fs::path& movie, double seconds, int x, int y, int
         .out;
 }
 
-double colourGap(const fs::path& movie, double seconds, int x, int y, int w, int h, std::array<int, 3> rgb)
+std::array<double, 3> meanColour(const fs::path& movie, double seconds, int x, int y, int w, int h)
 {
     const std::string pixels = pictureArea(movie, seconds, x, y, w, h);
+    const double none = std::numeric_limits<double>::infinity();
     if (pixels.size() != size_t(w) * size_t(h) * 3)
-        return std::numeric_limits<double>::infinity();
+        return {none, none, none};
     std::array<double, 3> sum{};
     for (size_t i = 0; i < pixels.size(); ++i)
-        sum[i % 3] += uint8_t(pixels[i]);
+        sum[i % 3] += uint8_t(pixels[i]) / (double(w) * h);
+    return sum;
+}
+
+double colourGap(const fs::path& movie, double seconds, int x, int y, int w, int h, std::array<int, 3> rgb)
+{
+    const auto mean = meanColour(movie, seconds, x, y, w, h);
     double gap = 0;
     for (int c = 0; c < 3; ++c)
-        gap = std::max(gap, std::abs(sum[c] / (double(w) * h) - rgb[c]));
+        gap = std::max(gap, std::abs(mean[c] - rgb[c]));
     return gap;
 }
 
@@ -210,6 +217,29 @@ fs::path builtExecutable(const std::string& name)
     // Test executables live in build/tests; the programs in build/src.
     fs::path self = fs::read_symlink("/proc/self/exe");
     return self.parent_path().parent_path() / "src" / name;
+}
+
+CommandResult runBuilt(const std::string& name, std::vector<std::string> args, const std::vector<std::string>& extraEnv)
+{
+    args.insert(args.begin(), builtExecutable(name).string());
+    return runCommand(args, extraEnv);
+}
+
+void xdotool(std::vector<std::string> args, const std::vector<std::string>& extraEnv)
+{
+    args.insert(args.begin(), "xdotool");
+    const auto result = runCommand(args, extraEnv);
+    EXPECT_EQ(result.status, 0) << args[1] << ": " << result.err;
+}
+
+fs::path onlyMovie(const fs::path& library)
+{
+    std::vector<fs::path> movies;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator(library, ec))
+        if (entry.path().extension() == ".mov" && entry.path().string().find(".camera.") == std::string::npos)
+            movies.push_back(entry.path());
+    return movies.size() == 1 ? movies[0] : fs::path();
 }
 
 SmallDisk::SmallDisk(const std::string& size)

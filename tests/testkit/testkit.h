@@ -119,6 +119,8 @@ std::string probe(const fs::path& movie, const std::string& stream, const std::s
 
 // The RGB bytes of the area x, y, w, h of a movie's picture at `seconds`.
 std::string pictureArea(const fs::path& movie, double seconds, int x, int y, int w, int h);
+// The mean red, green and blue of that area; infinity each when the movie has no picture there.
+std::array<double, 3> meanColour(const fs::path& movie, double seconds, int x, int y, int w, int h);
 // How far the mean colour of that area is from `rgb`: the largest of the three channels'
 // differences, or infinity when the movie has no picture there.
 double colourGap(const fs::path& movie, double seconds, int x, int y, int w, int h, std::array<int, 3> rgb);
@@ -136,5 +138,13 @@ bool rerunUnprivileged();
 
 // Path of a built executable (plim, plimctl) in the build tree.
 fs::path builtExecutable(const std::string& name);
+// Runs the built executable `name` with `args` to completion.
+CommandResult runBuilt(
+    const std::string& name, std::vector<std::string> args, const std::vector<std::string>& extraEnv);
+// Runs xdotool with `args`, recording a failure unless it succeeds.
+void xdotool(std::vector<std::string> args, const std::vector<std::string>& extraEnv = {});
+
+// The one movie plimctl record left in `library` (camera side files aside); empty when there is none or more than one.
+fs::path onlyMovie(const fs::path& library);
 
 } // namespace plim::testkit

@@ -53,15 +53,6 @@ public slots:
     void ShowItems(const QStringList& uris, const QString&) { shown.note(uris.join(' ')); }
 };
 
-void xdotool(std::vector<std::string> args)
-{
-    args.insert(args.begin(), "xdotool");
-    const auto result = runCommand(args);
-    ASSERT_EQ(result.status, 0) << result.err;
-}
-
-
-
 } // namespace
 
 TEST(AreaPicker, GivesExactlyTheDraggedAndAdjustedAreaAndNothingOnEsc)
