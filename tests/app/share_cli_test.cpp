@@ -75,7 +75,7 @@ TEST_F(ShareCliTest, InterruptedSharesAndStagesLeaveNothing)
     ASSERT_TRUE(eventually([&] {
         return std::ranges::any_of(fs::directory_iterator(out.path()),
             [](const auto& entry) { return entry.path().filename().string().starts_with("Staged.partial"); });
-    }, 12)) << readText(out / ".stderr");
+    }, 30)) << readText(out / ".stderr");
     ::kill(stage.pid(), SIGTERM);
     EXPECT_EQ(stage.wait(), 1);
     EXPECT_TRUE(readText(out / ".stderr").ends_with("\nStopped. Nothing was saved.\n")) << readText(out / ".stderr");
