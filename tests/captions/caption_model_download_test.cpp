@@ -55,6 +55,14 @@ protected:
         return downloader.run(stop, onProgress);
     }
 
+    // The sentence of a download that is expected to fail.
+    std::string failure()
+    {
+        auto outcome = download();
+        EXPECT_TRUE(outcome.isFailed()) << outcome.sentence;
+        return outcome.isFailed() ? outcome.sentence : std::string();
+    }
+
     std::string onDisk(size_t i) const { return testkit::readText(store.filePath(size, size.files[i])); }
     bool present(size_t i) const { return fs::exists(store.filePath(size, size.files[i])); }
 
@@ -175,9 +183,7 @@ TEST_F(CaptionModelDownload, DamagedFileIsFetchedOnceMoreThenTheDownloadStops)
 
     ASSERT_TRUE(store.remove(size));
     server.setBehaviour("/tokenizer/vocab.json", {.corruptions = 2});
-    auto outcome = download();
-    ASSERT_TRUE(outcome.isFailed());
-    EXPECT_EQ(outcome.sentence, "Part of the download arrived damaged twice, so Plim threw it away rather than use it. Download again to start clean.");
+    EXPECT_EQ(failure(), "Part of the download arrived damaged twice, so Plim threw it away rather than use it. Download again to start clean.");
     EXPECT_TRUE(log.contains("Plim captions: model file failed its checksum twice (vocab.json)"));
     EXPECT_FALSE(present(1));
     EXPECT_EQ(onDisk(0), contents[0]); // verified before: kept
@@ -188,9 +194,7 @@ TEST_F(CaptionModelDownload, RefusalsFullDisksAndLostConnectionsStopWithTheirSen
 {
     for (int status : {404, 503}) {
         server.setBehaviour("/tokenizer/merges.txt", {.status = status});
-        auto outcome = download();
-        ASSERT_TRUE(outcome.isFailed());
-        EXPECT_EQ(outcome.sentence, "The model's server did not send the file (error " + std::to_string(status)
+        EXPECT_EQ(failure(), "The model's server did not send the file (error " + std::to_string(status)
                 + "). What already came down is kept. Try again in a few minutes.");
         EXPECT_TRUE(log.contains("Plim captions: model download refused (HTTP " + std::to_string(status)));
         EXPECT_EQ(onDisk(0), contents[0]);
@@ -203,10 +207,9 @@ TEST_F(CaptionModelDownload, RefusalsFullDisksAndLostConnectionsStopWithTheirSen
         auto inner = PLIM_TRY(openCaptionModelFile(path));
         return std::make_unique<FullDiskSink>(std::move(inner), room);
     };
-    auto full = download();
-    ASSERT_TRUE(full.isFailed());
-    EXPECT_TRUE(full.sentence.starts_with("Plim could not save the download (No space left on device"));
-    EXPECT_TRUE(full.sentence.ends_with("). Check the disk has space and is not locked, then try again."));
+    const std::string full = failure();
+    EXPECT_TRUE(full.starts_with("Plim could not save the download (No space left on device"));
+    EXPECT_TRUE(full.ends_with("). Check the disk has space and is not locked, then try again."));
     EXPECT_TRUE(log.contains("Plim captions: model file could not be written (No space left on device"));
     EXPECT_LE(onDisk(0).size(), 100'000u);
     services.openFile = openCaptionModelFile;
@@ -214,10 +217,9 @@ TEST_F(CaptionModelDownload, RefusalsFullDisksAndLostConnectionsStopWithTheirSen
     // Not enough room for what is left: nothing is asked of the server.
     const size_t asked = server.requests().size();
     services.freeBytes = [] { return std::optional<int64_t>(1000); };
-    auto blocked = download();
-    ASSERT_TRUE(blocked.isFailed());
+    const std::string blocked = failure();
     const int64_t left = size.totalBytes() - int64_t(onDisk(0).size());
-    EXPECT_EQ(blocked.sentence, "Not enough free space. Better captions need " + CaptionModelText::size(left)
+    EXPECT_EQ(blocked, "Not enough free space. Better captions need " + CaptionModelText::size(left)
             + " free and this computer has 1.0 KB. Free up some space, then try again.");
     EXPECT_TRUE(log.contains("Plim captions: model download blocked (needs " + std::to_string(left) + " bytes free, volume has 1000)"));
     EXPECT_EQ(server.requests().size(), asked);
@@ -228,9 +230,7 @@ TEST_F(CaptionModelDownload, RefusalsFullDisksAndLostConnectionsStopWithTheirSen
         testkit::HttpRangeServer gone;
         hosts.checkpoint = hosts.tokenizer = gone.baseUrl(); // closed when it goes
     }
-    auto offline = download();
-    ASSERT_TRUE(offline.isFailed());
-    EXPECT_EQ(offline.sentence, "The download stopped because this computer lost its internet connection. What already came down is kept, so it picks up where it stopped. Check the connection, then try again.");
+    EXPECT_EQ(failure(), "The download stopped because this computer lost its internet connection. What already came down is kept, so it picks up where it stopped. Check the connection, then try again.");
     EXPECT_EQ(pauses, services.retryPauses);
     EXPECT_TRUE(log.contains("Plim captions: model download stopped ("));
     EXPECT_FALSE(onDisk(0).empty());
@@ -239,9 +239,7 @@ TEST_F(CaptionModelDownload, RefusalsFullDisksAndLostConnectionsStopWithTheirSen
 TEST_F(CaptionModelDownload, AModelThatWillNotLoadIsNotMarkedReady)
 {
     services.prepare = [](const fs::path&) -> Status { return fail("the checkpoint holds no encoder"); };
-    auto outcome = download();
-    ASSERT_TRUE(outcome.isFailed());
-    EXPECT_EQ(outcome.sentence, "The model downloaded but would not load on this computer. Captions keep using the built-in recognizer. Download again to replace it.");
+    EXPECT_EQ(failure(), "The model downloaded but would not load on this computer. Captions keep using the built-in recognizer. Download again to replace it.");
     EXPECT_TRUE(log.contains("Plim captions: model would not load (the checkpoint holds no encoder)"));
     EXPECT_FALSE(fs::exists(store.markerPath(size)));
     EXPECT_FALSE(store.isReady(size));

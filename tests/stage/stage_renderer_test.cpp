@@ -66,6 +66,16 @@ double detail(const Image& image, int x0, int y0, int x1, int y1)
     return n ? sum / n : 0;
 }
 
+// The sum of luma over a pixel box, at every `step`th pixel each way.
+double lumaSum(const Image& image, int x0, int y0, int x1, int y1, int step = 1)
+{
+    double sum = 0;
+    for (int y = y0; y < y1; y += step)
+        for (int x = x0; x < x1; x += step)
+            sum += at(image, x, y).luma();
+    return sum;
+}
+
 std::unique_ptr<StageRenderer> renderer(const StageSpec& spec, Size canvas, Size content,
     StageRenderer::Options options = {})
 {
@@ -79,10 +89,7 @@ std::unique_ptr<StageRenderer> renderer(const StageSpec& spec, Size canvas, Size
 constexpr Rgba red{40, 40, 220, 255};
 
 // A stage whose card fills the canvas with square corners.
-StageSpec flat()
-{
-    return {.paddingPX = 0, .cornersPX = 0};
-}
+const StageSpec flat{.paddingPX = 0, .cornersPX = 0};
 
 TEST(StageRenderer, CardOverBackdropWithRoundedCorners)
 {
@@ -121,7 +128,7 @@ TEST(StageRenderer, SlowZoomGlidesWithoutSteps)
         const int base = ((x + y) % 2) ? 12 : 0;
         return Rgba{base + spot, base + spot, base + spot, 255};
     });
-    auto r = renderer(flat(), {320, 180}, {320, 180});
+    auto r = renderer(flat, {320, 180}, {320, 180});
     std::vector<double> xs;
     for (int i = 0; i < 30; ++i) {
         const Image frame = r->render(source, {.zoom = {1.0 + 0.004 * i, 0.5, 0.5}});
@@ -186,7 +193,7 @@ TEST(StageRenderer, PointerIsDrawnWhereTheMomentSaysStreaksAndShrinksWhenPressed
 
 TEST(StageRenderer, BlurAndPixelateBoxesChangeOnlyTheirInside)
 {
-    auto r = renderer(flat(), {320, 180}, {320, 180});
+    auto r = renderer(flat, {320, 180}, {320, 180});
     for (auto style : {MaskRegion::Style::blur, MaskRegion::Style::pixelate}) {
         // Blur flattens a checkerboard; pixelate turns a ramp into steps.
         const Image source = style == MaskRegion::Style::blur
@@ -366,13 +373,7 @@ TEST(StageRenderer, TransitionsDarkenBlurAndPunch)
     auto r = renderer({.paddingPX = 0, .cornersPX = 0, .shadowPercent = 0}, {320, 180}, {320, 180});
     const Image source = checker(320, 180, 4);
     const Image bare = r->render(source, {});
-    auto meanLuma = [](const Image& f) {
-        double sum = 0;
-        for (int y = 0; y < f.height; y += 3)
-            for (int x = 0; x < f.width; x += 3)
-                sum += at(f, x, y).luma();
-        return sum;
-    };
+    auto meanLuma = [](const Image& f) { return lumaSum(f, 0, 0, f.width, f.height, 3); };
     auto with = [&](TransitionSpec::Kind kind, double phase) {
         return r->render(source, {.transition = EditPlan::TransitionPhase{kind, phase}});
     };
@@ -456,16 +457,9 @@ TEST(StageRenderer, SpotlightAndZoomBlurFollowThePointerAndTheZoom)
 
     const StageMoment lit{.cursor = StageMoment::Cursor{0.2, 0.5, 0.2, 0.5, 0, 0}};
     const Image frame = r->render(source, lit);
-    const Image plain = renderer(flat(), {320, 180}, {320, 180})->render(source, lit);
-    auto mean = [](const Image& f, int x0, int x1) {
-        double sum = 0;
-        for (int y = 60; y < 120; ++y)
-            for (int x = x0; x < x1; ++x)
-                sum += at(f, x, y).luma();
-        return sum;
-    };
-    EXPECT_NEAR(mean(frame, 54, 74) / mean(plain, 54, 74), 1, 0.06);
-    EXPECT_LT(mean(frame, 280, 300) / mean(plain, 280, 300), 0.6);
+    const Image plain = renderer(flat, {320, 180}, {320, 180})->render(source, lit);
+    EXPECT_NEAR(lumaSum(frame, 54, 60, 74, 120) / lumaSum(plain, 54, 60, 74, 120), 1, 0.06);
+    EXPECT_LT(lumaSum(frame, 280, 60, 300, 120) / lumaSum(plain, 280, 60, 300, 120), 0.6);
 }
 
 // Plain, zoomed and spotlit frames over a smooth backdrop, in the pixel look, a card look
@@ -580,31 +574,22 @@ TEST(StageRenderer, VerticalLayoutFramesTheCardAndTheZoomInItsWindow)
 
 TEST(StageRenderer, CameraChoicesComeFromThePlan)
 {
-    struct Case {
-        std::optional<std::string> corner;
-        std::optional<double> x, y, scale;
-        std::optional<std::string> shape;
-        std::optional<bool> mirror, border;
-        CameraBubble expected;
-    };
     const CameraBubble defaults{CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 1, true, true};
-    const Case cases[] = {
-        {{}, {}, {}, {}, {}, {}, {}, defaults},
-        {"br", {}, {}, 1.5, "card", false, false,
+    const std::pair<EditPlan, CameraBubble> cases[] = {
+        {{}, defaults},
+        {{.cameraCorner = "br",
+             .cameraScale = 1.5,
+             .cameraShape = "card",
+             .cameraMirror = false,
+             .cameraBorder = false},
             {CameraShape::card, PlimLook::BubbleCorner::br, std::nullopt, 1.5, false, false}},
-        {"nowhere", 0.25, 0.75, -2, "hexagon", {}, {}, {CameraShape::circle, PlimLook::BubbleCorner::tl, Point{0.25, 0.75}, 1, true, true}},
-        {{}, 3.0, NAN, 100, {}, {}, {}, {CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 2.5, true, true}},
+        {{.cameraCorner = "nowhere", .cameraX = 0.25, .cameraY = 0.75, .cameraScale = -2, .cameraShape = "hexagon"},
+            {CameraShape::circle, PlimLook::BubbleCorner::tl, Point{0.25, 0.75}, 1, true, true}},
+        {{.cameraX = 3.0, .cameraY = NAN, .cameraScale = 100},
+            {CameraShape::circle, PlimLook::BubbleCorner::tl, std::nullopt, 2.5, true, true}},
     };
-    for (const Case& c : cases) {
-        const EditPlan plan{.cameraCorner = c.corner,
-            .cameraX = c.x,
-            .cameraY = c.y,
-            .cameraScale = c.scale,
-            .cameraShape = c.shape,
-            .cameraMirror = c.mirror,
-            .cameraBorder = c.border};
-        EXPECT_EQ(CameraBubble::from(plan, PlimLook::BubbleCorner::tl), c.expected);
-    }
+    for (const auto& [plan, expected] : cases)
+        EXPECT_EQ(CameraBubble::from(plan, PlimLook::BubbleCorner::tl), expected);
 }
 
 TEST(StageRenderer, ReframeKeepsTheRecordingAtItsOwnSizeAndAnUnusableCanvasIsRefused)
