@@ -65,10 +65,8 @@ TEST(MovieWriter, ExportIsFaststartMp4WithItsSettings)
 
         // The index comes before the media data.
         auto atoms = topAtoms(path);
-        auto moov = std::find(atoms.begin(), atoms.end(), "moov");
-        auto mdat = std::find(atoms.begin(), atoms.end(), "mdat");
-        ASSERT_NE(moov, atoms.end());
-        ASSERT_NE(mdat, atoms.end());
+        auto moov = std::ranges::find(atoms, "moov"), mdat = std::ranges::find(atoms, "mdat");
+        ASSERT_TRUE(moov != atoms.end() && mdat != atoms.end()) << testing::PrintToString(atoms);
         EXPECT_LT(moov, mdat);
     }
 }
