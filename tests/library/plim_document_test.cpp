@@ -245,10 +245,7 @@ TEST(PlimDocument, TheFirstLookChangeStartsFromTheSeedAndTheIPhoneShapeIsForPhon
 }
 
 // The edits a new document starts from in the saving tests.
-PlimEdits firstEdit()
-{
-    return {.plan = {.trimIn = 0.75}};
-}
+const auto firstEdit = [] { return PlimEdits{.plan = {.trimIn = 0.75}}; };
 
 TEST(PlimDocument, AFileWithoutReadPermissionIsReportedAndSavingLeavesItByteForByte)
 {

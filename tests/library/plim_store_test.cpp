@@ -62,12 +62,11 @@ TEST_F(PlimStoreTest, ListsNewestFirstWithSizesAndCamera)
 {
     writeApart(dir / "Old.mov", "old movie");
     writeApart(dir / "Mid.mov", "middle");
-    writeText(dir / "Mid.staged.mov", "staged!");
-    writeText(dir / "Mid.camera.mov", "cam");
-    writeText(dir / "Mid.cursor.json", "{}");
     writeApart(dir / "New.mov", "the newest one");
-    writeText(dir / "New.partial-0000ABCD.mp4", "in progress");
-    writeText(dir / "Lonely.camera.mov", "camera only");
+    for (auto [name, text] : std::vector<std::pair<const char*, const char*>>{{"Mid.staged.mov", "staged!"},
+             {"Mid.camera.mov", "cam"}, {"Mid.cursor.json", "{}"}, {"New.partial-0000ABCD.mp4", "in progress"},
+             {"Lonely.camera.mov", "camera only"}})
+        writeText(dir / name, text);
 
     store.refresh();
     auto plims = store.plims();
@@ -125,27 +124,26 @@ TEST_F(PlimStoreTest, StrandedIdentitiesSurviveTheGraceAndGoAfterIt)
     writeApart(dir / "Gone.mov", "footage 2");
     store.refresh();
     const std::string moved = *store.plims()[1].identity;
+    auto refreshAcross = [&](int seconds) {
+        store.refresh();
+        clock.advance(seconds);
+        store.refresh();
+    };
 
     // Moved out and back within the grace: the identity stays.
     fs::rename(dir / "Moved.mov", elsewhere / "Moved.mov");
     fs::rename(dir / "Gone.mov", elsewhere / "Gone.mov");
-    store.refresh();
-    clock.advance(599);
-    store.refresh();
+    refreshAcross(599);
     EXPECT_TRUE(fs::exists(dir / "Moved.id.json"));
     fs::rename(elsewhere / "Moved.mov", dir / "Moved.mov");
-    store.refresh();
-    clock.advance(10); // Gone's identity has now been stranded 609 s
-    store.refresh();
+    refreshAcross(10); // Gone's identity has now been stranded 609 s
     EXPECT_TRUE(fs::exists(dir / "Moved.id.json"));
     EXPECT_EQ(store.plims().at(0).identity, moved);
     EXPECT_FALSE(fs::exists(dir / "Gone.id.json"));
 
     // Moved's identity, stranded afresh, gets a full grace of its own.
     fs::rename(dir / "Moved.mov", elsewhere / "Moved.mov");
-    store.refresh();
-    clock.advance(300);
-    store.refresh();
+    refreshAcross(300);
     EXPECT_TRUE(fs::exists(dir / "Moved.id.json"));
     clock.advance(301);
     store.refresh();

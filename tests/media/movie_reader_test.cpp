@@ -145,10 +145,9 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
     testkit::writeText(text, "these are notes, not a movie\n");
 
     fs::path soundOnly = s_dir / "sound.m4a";
-    ASSERT_EQ(testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i", "sine=frequency=440:duration=1",
-                  "-c:a", "aac", soundOnly.string()})
-                  .status,
-        0);
+    auto made = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+        "sine=frequency=440:duration=1", "-c:a", "aac", soundOnly.string()});
+    ASSERT_EQ(made.status, 0) << made.err;
 
     fs::path unknown = s_dir / "unknown.mp4";
     fs::copy_file(movie(), unknown);
@@ -168,10 +167,9 @@ TEST_F(MovieReaderTest, FailuresAreSentencesAndLeaveFilesAlone)
 
     // 30 KB that would decode to 16000 × 16000 (one-bit PNG pictures, cheap to make).
     fs::path huge = s_dir / "huge.mov";
-    ASSERT_EQ(testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
-                  "color=c=black:s=16000x16000,format=monob", "-frames:v", "1", "-c:v", "png", huge.string()})
-                  .status,
-        0);
+    made = testkit::runCommand({"ffmpeg", "-v", "error", "-y", "-f", "lavfi", "-i",
+        "color=c=black:s=16000x16000,format=monob", "-frames:v", "1", "-c:v", "png", huge.string()});
+    ASSERT_EQ(made.status, 0) << made.err;
 
     for (const auto& [path, kind, sentence] : std::vector<std::tuple<fs::path, Error::Kind, std::string>>{
              {s_dir / "absent.mp4", Error::Kind::missing, "There is no movie at "},
