@@ -12,6 +12,10 @@
 
 namespace plim {
 
+// Frames' stamps stay at least this far apart, more than the movie's tick (1/600 s), so that
+// the writer keeps each frame rather than taking two for one instant.
+constexpr double minimumStampGap = 2e-3;
+
 class TickingScreenSource : public ScreenSource {
 public:
     Status start(int framesPerSecond, FrameHandler onFrame, EndHandler onEnd) final;

@@ -85,10 +85,8 @@ private:
         std::mutex sleepLock;
         std::condition_variable_any sleeper;
         double next = systemUptime();
-        // Stamps stay apart by more than the movie's tick (1/600 s), so that the writer keeps
-        // each; a picture that came before the start shows from the start.
-        constexpr double gap = 2e-3;
-        double lastAt = next - gap;
+        // A picture that came before the start shows from the start.
+        double lastAt = next - minimumStampGap;
         Image last;
         while (!stop.stop_requested()) {
             {
@@ -108,7 +106,7 @@ private:
                 last = std::move(fresh->first);
                 at = fresh->second;
             }
-            at = std::max(at, lastAt + gap);
+            at = std::max(at, lastAt + minimumStampGap);
             lastAt = at;
             if (!last.isEmpty())
                 deliver(CapturedFrame{last, at}, next);

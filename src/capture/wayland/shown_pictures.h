@@ -8,6 +8,8 @@
 // the wait; past `limit` the oldest waiting picture is passed over (and counted).
 // Private to capture/wayland/.
 
+#include "capture/ticking_screen_source.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -22,8 +24,7 @@ namespace plim {
 // when passed over.
 template<typename Picture> class ShownPictures {
 public:
-    // Stamps stay this far apart, so that each lands on a tick of its own in the movie (1/600 s).
-    static constexpr double minimumGap = 2e-3;
+    static constexpr double minimumGap = minimumStampGap;
 
     struct Taken {
         std::optional<Picture> picture; // none: the last one again
