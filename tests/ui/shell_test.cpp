@@ -207,6 +207,7 @@ TEST_F(Shell, TheOutlineFollowsARecordedWindowThatMoves)
     ASSERT_TRUE(eventually([&] { return topEdgeAt("94,94"); }, 60)) << appErrors();
     ASSERT_EQ(runCommand({"xdotool", "windowmove", std::to_string(window.id()), "300", "250"}, env()).status, 0);
     EXPECT_TRUE(eventually([&] { return topEdgeAt("294,244"); }, 10)) << appErrors();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500)); // a quick machine gets here in 0.3 s
     EXPECT_EQ(plim("--stop").status, 0);
     expectFinishedPlim(1, "320,200");
 }
